@@ -1,0 +1,38 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+# Rules on the text of sources that include paths alone cannot keep. Run from the top of the tree.
+set -uo pipefail
+
+product=(include log json ipc kits sa_load platform service tools)
+failed=0
+
+# rule MESSAGE: fails with it when standard input has lines, and shows them.
+rule() {
+    local found
+    found="$(cat)"
+    [[ -z "$found" ]] && return
+    printf '%s:\n%s\n' "$1" "$found"
+    failed=1
+}
+# lines REGEX FOLDER...: matching lines of the sources there.
+lines() { grep -rnE --include='*.h' --include='*.cpp' "$@" 2>/dev/null; }
+
+lines '^ *# *include +["<](/|.*\.\./)' "${product[@]}" tests bench fuzz examples |
+    rule "An include leaves its folder by path; name the component in USES"
+lines '^ *# *include +"(native_migrate|json_parse|migrate_)' platform |
+    rule "The platform includes the library"
+lines '^ *# *include +"' include platform/*/include | grep -vE '"(native_migrate|vexa)/' |
+    rule "A public header includes one that is not public"
+lines '^ *# *include +"' tools | grep -E '"vexa/testing/' |
+    rule "A tool includes test doubles"
+lines '^ *# *include +"(.*/)?transport/' "${product[@]}" | grep -v '^platform/ipc/' |
+    rule "Only platform/ipc includes the transport"
+lines 'cJSON_(InitHooks|GetErrorPtr)' "${product[@]}" |
+    rule "These change or read state of every user of cJSON in the process"
+find "${product[@]}" tests bench fuzz examples -name '*.h' -exec grep -L '^#pragma once' {} + 2>/dev/null |
+    rule "A header without #pragma once"
+find "${product[@]}" tests bench fuzz examples \( -name '*.h' -o -name '*.cpp' \) -exec \
+    awk 'FNR == 1 && !/SPDX-License-Identifier: Apache-2.0/ { print FILENAME }' {} + 2>/dev/null |
+    rule "A first line that does not state the licence"
+
+exit "$failed"
