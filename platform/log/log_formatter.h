@@ -1,0 +1,18 @@
+// SPDX-License-Identifier: Apache-2.0
+// printf with privacy markers, into a bounded buffer.
+#pragma once
+
+#include <cstdarg>
+
+#include "text_buffer.h"
+#include "vexa/log/log_sink.h"
+
+namespace VEXA {
+
+using MessageBuffer = TextBuffer<LOG_MESSAGE_MAX>;
+
+// Appends the formatted message to `out`. Returns false when a conversion is not one of those that KoLogPrint
+// documents; the text then ends in "<bad format>".
+bool FormatMessage(MessageBuffer& out, const char* format, va_list arguments, bool showPrivate);
+
+}  // namespace VEXA

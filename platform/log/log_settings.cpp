@@ -1,0 +1,104 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "log_settings.h"
+
+#include <strings.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <charconv>
+#include <cstdlib>
+#include <string>
+
+#include "vexa/log/kolog.h"
+#include "vexa/log/ring_log_sink.h"
+
+namespace VEXA {
+namespace {
+
+std::string_view FromEnvironment(const char* name)
+{
+    const char* value = secure_getenv(name);
+    return value != nullptr ? value : "";
+}
+
+LogSink* MakeNamedSink(std::string_view name)
+{
+    constexpr std::string_view file = "file:";
+    if (name == "ring") {
+        return &RingLogSink::Process();
+    }
+    if (name == "journal") {
+        return MakeJournalLogSink().release();
+    }
+    if (name.substr(0, file.size()) == file) {
+        return MakeFileLogSink(std::string(name.substr(file.size()))).release();
+    }
+    errno = EINVAL;
+    return nullptr;
+}
+
+void ReportUnusable(LogSink& sink, std::string_view name, int error)
+{
+    const std::string message = "KOLOG_SINK=" + std::string(name) + " can't be used, error " + std::to_string(error);
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    sink.Write({KOLOG_TYPE_CORE, KOLOG_WARN, 0, "KOLOG", getpid(), gettid(), now, "%{public}s", message});
+}
+
+LogSink* MakeEnvironmentSink()
+{
+    const std::string_view name = FromEnvironment("KOLOG_SINK");
+    const bool wantsStderr = name.empty() || name == "stderr";
+    LogSink* sink = wantsStderr ? nullptr : MakeNamedSink(name);
+    if (sink == nullptr) {
+        const int error = errno;
+        sink = MakeStderrLogSink().release();
+        if (!wantsStderr) {
+            ReportUnusable(*sink, name, error);
+        }
+    }
+    return sink;
+}
+
+}  // namespace
+
+uint32_t LevelFromText(std::string_view text)
+{
+    static constexpr struct {
+        std::string_view name;
+        uint32_t level;
+    } names[] = {
+        {"debug", KOLOG_DEBUG},
+        {"info", KOLOG_INFO},
+        {"warn", KOLOG_WARN},
+        {"error", KOLOG_ERROR},
+        {"fatal", KOLOG_FATAL},
+    };
+    for (const auto& known : names) {
+        if (known.name.size() == text.size() && strncasecmp(known.name.data(), text.data(), text.size()) == 0) {
+            return known.level;
+        }
+    }
+    uint32_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    return error == std::errc() && end == text.data() + text.size() && number > 0 ? number : KOLOG_INFO;
+}
+
+uint32_t EnvironmentLevel()
+{
+    return LevelFromText(FromEnvironment("KOLOG_LEVEL"));
+}
+
+bool EnvironmentShowsPrivate()
+{
+    const std::string_view value = FromEnvironment("KOLOG_DEBUG_PROCESS");
+    return !value.empty() && value != "0";
+}
+
+LogSink& EnvironmentSink()
+{
+    static LogSink* sink = MakeEnvironmentSink();
+    return *sink;
+}
+
+}  // namespace VEXA

@@ -1,0 +1,20 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the environment says about the log. Set-user-id programs don't listen to it.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+#include "vexa/log/log_sink.h"
+
+namespace VEXA {
+
+// The level of KOLOG_LEVEL's text: a name in any case, or a number from 1 on. Anything else is info.
+uint32_t LevelFromText(std::string_view text);
+
+uint32_t EnvironmentLevel();
+bool EnvironmentShowsPrivate();
+// The sink of KOLOG_SINK, made at the first call and never destroyed, so that lines of exit handlers arrive.
+LogSink& EnvironmentSink();
+
+}  // namespace VEXA
