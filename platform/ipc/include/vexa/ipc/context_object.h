@@ -1,0 +1,31 @@
+// SPDX-License-Identifier: Apache-2.0
+// The context object: the one object of a runtime directory that every process may call without having been handed it.
+// The manager daemon publishes it; everything else is reached through it.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "vexa/base/export.h"
+#include "vexa/base/refbase.h"
+#include "vexa/ipc/iremote_object.h"
+
+namespace VEXA {
+
+// The directory of this process's sockets: VEXA_RUNTIME_DIR, else $XDG_RUNTIME_DIR/vexa, else /run/vexa for root; empty
+// when none of them applies. Read once.
+VEXA_EXPORT const std::string& RuntimeDirectory();
+
+// The context object, null when no process publishes one now. Blocks for the connection only, at most a second.
+// After the publisher's death the next call connects to the one that has taken its place.
+VEXA_EXPORT sptr<IRemoteObject> GetContextObject();
+
+// Publishes an object of this process as the context object until the process ends. False when a living process
+// publishes one already or the runtime directory can't be used; the log says which. Creates the directory.
+VEXA_EXPORT bool PublishContextObject(const sptr<IRemoteObject>& object);
+
+// Runs `action` on a pool thread whenever a context object has been published anew, from now until the process ends.
+// It may run without cause, so `action` looks for itself. One action in a process; a later one replaces it.
+VEXA_EXPORT void OnContextObjectPublished(std::function<void()> action);
+
+}  // namespace VEXA

@@ -1,0 +1,25 @@
+// SPDX-License-Identifier: Apache-2.0
+// What a process can ask and tell the IPC runtime about itself.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+
+#include "vexa/base/export.h"
+
+namespace VEXA {
+
+class VEXA_EXPORT IPCSkeleton {
+public:
+    // Who sent the request that this thread is carrying out, as the kernel said when the sender connected; this process
+    // itself outside a request. -1 where the kernel did not say: unknown is never 0, which is root.
+    static pid_t GetCallingPid();
+    static uid_t GetCallingUid();
+
+    // The most threads that carry out incoming requests at the same time (16 unless set). Threads that are waiting for
+    // a request of their own don't count.
+    static void SetMaxWorkThreads(size_t count);
+};
+
+}  // namespace VEXA

@@ -1,0 +1,46 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "vexa/ipc/iremote_broker.h"
+
+namespace VEXA {
+
+// Never destroyed: static delegators of other libraries come to it before main and after it.
+BrokerRegistration& BrokerRegistration::Get()
+{
+    static BrokerRegistration* const instance = new BrokerRegistration;
+    return *instance;
+}
+
+bool BrokerRegistration::Register(const std::u16string& descriptor, const Creator& creator)
+{
+    if (descriptor.empty() || !creator) {
+        return false;
+    }
+    MutexLock lock(mutex_);
+    return creators_.emplace(descriptor, creator).second;
+}
+
+void BrokerRegistration::Unregister(const std::u16string& descriptor)
+{
+    MutexLock lock(mutex_);
+    creators_.erase(descriptor);
+}
+
+sptr<IRemoteBroker> BrokerRegistration::NewInstance(const std::u16string& descriptor, const sptr<IRemoteObject>& object)
+{
+    if (object == nullptr) {
+        return nullptr;
+    }
+    // A copy, called without the mutex: a creator may well come back here.
+    Creator creator;
+    {
+        MutexLock lock(mutex_);
+        const auto found = creators_.find(descriptor);
+        if (found == creators_.end()) {
+            return nullptr;
+        }
+        creator = found->second;
+    }
+    return creator(object);
+}
+
+}  // namespace VEXA

@@ -1,0 +1,140 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "client_channel.h"
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "frame_reader.h"
+#include "ipc_log.h"
+#include "parcel_access.h"
+#include "process.h"
+#include "runtime_paths.h"
+
+namespace VEXA::ipc {
+namespace {
+
+constexpr size_t kFirstRead = 512;
+constexpr std::chrono::seconds kOpenWait{1};
+
+// Brings in the rest of a reply of which `have` bytes have arrived.
+int32_t ReceiveRest(int fd, MessageParcel& reply, const FrameHeader& header, size_t have, Deadline deadline)
+{
+    const size_t total = kHeaderBytes + BodyBytes(header);
+    if (have < total) {
+        if (!ParcelAccess::ReserveTotal(reply, total - kHeaderBytes)) {
+            return IPC_FAILED;
+        }
+        size_t moved = 0;
+        const size_t missing = total - have;
+        const Transfer result =
+            ReceiveAtLeast(fd, ParcelAccess::Storage(reply) + have, missing, missing, deadline, moved);
+        if (result != Transfer::DONE) {
+            return result == Transfer::WOULD_BLOCK ? IPC_TIMED_OUT : IPC_CONNECTION_LOST;
+        }
+    }
+    ParcelAccess::SetSize(reply, header.bytes);
+    return IPC_OK;
+}
+
+}  // namespace
+
+int32_t ClientChannel::Exchange(
+    MessageParcel& frame, size_t frameBytes, MessageParcel& reply, int32_t waitTime, bool& sent)
+{
+    sent = false;
+    const Deadline deadline = std::chrono::steady_clock::now() + std::chrono::seconds(waitTime);
+    if (receiveTimeout_ != waitTime) {
+        SetReceiveTimeout(fd_.Get(), waitTime);
+        receiveTimeout_ = waitTime;
+    }
+    Transfer result = SendAll(fd_.Get(), ParcelAccess::Storage(frame), frameBytes, deadline);
+    if (result != Transfer::DONE) {
+        return result == Transfer::WOULD_BLOCK ? IPC_TIMED_OUT : IPC_CONNECTION_LOST;
+    }
+    sent = true;
+    ParcelAccess::Clear(reply);
+    size_t have = 0;
+    result = ReceiveAtLeast(fd_.Get(), ParcelAccess::Storage(reply), kHeaderBytes, kFirstRead, deadline, have);
+    if (result != Transfer::DONE) {
+        return result == Transfer::WOULD_BLOCK ? IPC_TIMED_OUT : IPC_CONNECTION_LOST;
+    }
+    const FrameHeader header = HeaderOf(reply);
+    if (!IsSound(header) || header.kind != FrameKind::REPLY || have > kHeaderBytes + BodyBytes(header)) {
+        IPC_LOGE("malformed reply, connection closed");
+        return IPC_CONNECTION_LOST;
+    }
+    return ReceiveRest(fd_.Get(), reply, header, have, deadline);
+}
+
+void ClientChannel::AcknowledgeObjects()
+{
+    const FrameHeader header = MakeHeader(FrameKind::REPLY_ACK);
+    size_t moved = 0;
+    SendNow(fd_.Get(), &header, sizeof(header), moved);
+}
+
+ClientChannel ClientChannels::TakeIdle()
+{
+    MutexLock lock(mutex_);
+    if (idle_.empty()) {
+        return ClientChannel();
+    }
+    ClientChannel channel = std::move(idle_.back());
+    idle_.pop_back();
+    inUse_.push_back(channel.Fd());
+    return channel;
+}
+
+ClientChannel ClientChannels::Take(EndpointId endpoint, const ChannelKey& key)
+{
+    ClientChannel channel(ConnectTo(EndpointPath(endpoint)));
+    if (!channel) {
+        return channel;
+    }
+    struct {
+        FrameHeader header = MakeHeader(FrameKind::HELLO);
+        HelloBody body{};
+    } hello;
+    hello.header.bytes = sizeof(HelloBody);
+    hello.body = {kWireVersion, ConnectionUse::CHANNEL, IpcProcess::Get().Id(), key};
+    if (SendAll(channel.Fd(), &hello, sizeof(hello), std::chrono::steady_clock::now() + kOpenWait) != Transfer::DONE) {
+        return ClientChannel();
+    }
+    MutexLock lock(mutex_);
+    if (closed_) {
+        return ClientChannel();
+    }
+    inUse_.push_back(channel.Fd());
+    return channel;
+}
+
+void ClientChannels::Return(ClientChannel channel)
+{
+    MutexLock lock(mutex_);
+    inUse_.erase(std::remove(inUse_.begin(), inUse_.end(), channel.Fd()), inUse_.end());
+    if (!closed_ && idle_.size() < kMostIdle) {
+        idle_.push_back(std::move(channel));
+    }
+}
+
+void ClientChannels::Lose(const ClientChannel& channel)
+{
+    MutexLock lock(mutex_);
+    inUse_.erase(std::remove(inUse_.begin(), inUse_.end(), channel.Fd()), inUse_.end());
+}
+
+void ClientChannels::Close()
+{
+    std::vector<ClientChannel> idle;
+    MutexLock lock(mutex_);
+    closed_ = true;
+    idle.swap(idle_);
+    // Whoever waits on one is woken by its end; that thread closes it.
+    for (const int fd : inUse_) {
+        shutdown(fd, SHUT_RDWR);
+    }
+}
+
+}  // namespace VEXA::ipc

@@ -1,0 +1,19 @@
+// SPDX-License-Identifier: Apache-2.0
+// Accepts connections of other processes.
+#pragma once
+
+#include "reactor.h"
+
+namespace VEXA::ipc {
+
+class ConnectionListener : public EventHandler {
+public:
+    explicit ConnectionListener(UniqueFd listener);
+    void OnEvents(uint32_t events) override;
+
+private:
+    // Given up for a moment when the process has run out of descriptors, to turn the newest connection away with.
+    UniqueFd spare_;
+};
+
+}  // namespace VEXA::ipc

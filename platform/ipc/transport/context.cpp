@@ -1,0 +1,172 @@
+// SPDX-License-Identifier: Apache-2.0
+// The context object: reaching it, publishing it, and hearing that it has been published anew.
+#include "vexa/ipc/context_object.h"
+
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/file.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "connection_listener.h"
+#include "ipc_log.h"
+#include "process.h"
+#include "process_life.h"
+#include "runtime_paths.h"
+
+namespace VEXA {
+namespace ipc {
+namespace {
+
+constexpr std::chrono::seconds kGreetingWait{1};
+
+// Whoever publishes the context object is trusted with everything, so it has to be root, this user, or the owner of the
+// runtime directory.
+bool IsTrusted(uid_t user)
+{
+    struct stat directory {};
+    return user == 0 || user == geteuid() ||
+        (stat(RuntimeDirectory().c_str(), &directory) == 0 && directory.st_uid == user);
+}
+
+// Runs an action when the context socket has appeared.
+class ContextWatch : public EventHandler {
+public:
+    ContextWatch(UniqueFd fd, std::function<void()> action) : EventHandler(std::move(fd)), action_(std::move(action)) {}
+
+    void OnEvents(uint32_t) override
+    {
+        alignas(inotify_event) char events[4096];
+        const ssize_t size = read(Fd(), events, sizeof(events));
+        for (ssize_t at = 0; at + static_cast<ssize_t>(sizeof(inotify_event)) <= size;) {
+            inotify_event event;
+            std::memcpy(&event, events + at, sizeof(event));
+            if (event.len > 0 && ContextSocketPath().ends_with(std::string("/") + (events + at + sizeof(event)))) {
+                IpcProcess::Get().Workers().Post(action_);
+            }
+            at += static_cast<ssize_t>(sizeof(event) + event.len);
+        }
+    }
+
+private:
+    const std::function<void()> action_;
+};
+
+}  // namespace
+
+sptr<Peer> IpcProcess::ContextPeer()
+{
+    MutexLock lock(contextMutex_);
+    if (context_ != nullptr && !context_->Dead()) {
+        return context_;
+    }
+    UniqueFd fd = RuntimeDirectory().empty() ? UniqueFd() : ConnectTo(ContextSocketPath());
+    if (!fd || !Start()) {
+        return nullptr;
+    }
+    const Credentials credentials = CredentialsOf(fd);
+    if (!IsTrusted(credentials.uid)) {
+        IPC_LOGE("the context object is published by user %{public}u, who is not trusted", credentials.uid);
+        return nullptr;
+    }
+    const sptr<Greeting> greeting(new Greeting);
+    const sptr<Link> link(new Link(std::move(fd), greeting));
+    if (!reactor_.Add(link, EPOLLIN | EPOLLRDHUP)) {
+        return nullptr;
+    }
+    context_ = greeting->Wait(std::chrono::steady_clock::now() + kGreetingWait);
+    if (context_ == nullptr) {
+        link->Shutdown();
+    }
+    return context_;
+}
+
+bool IpcProcess::PublishContext(const sptr<IRemoteObject>& object)
+{
+    if (object == nullptr || !CreateRuntimeDirectory()) {
+        return false;
+    }
+    MutexLock lock(startMutex_);
+    return PublishLocked(object);
+}
+
+bool IpcProcess::PublishLocked(const sptr<IRemoteObject>& object)
+{
+    const std::string lockPath = RuntimeDirectory() + "/samgr.lock";
+    UniqueFd publisherLock(open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    if (publishing_ || !publisherLock || flock(publisherLock.Get(), LOCK_EX | LOCK_NB) != 0) {
+        IPC_LOGE("another process publishes the context object in %{public}s", RuntimeDirectory().c_str());
+        return false;
+    }
+    RemoveStaleEndpoints();
+    if (!started_.load(std::memory_order_relaxed)) {
+        if (!StartLocked()) {
+            return false;
+        }
+        started_.store(true, std::memory_order_release);
+    }
+    objects_.SetContextObject(object);
+    UniqueFd listener = ListenAt(ContextSocketPath());
+    if (!listener || !Listen(std::move(listener))) {
+        IPC_LOGE("can't listen at %{public}s: %{public}s", ContextSocketPath().c_str(), std::strerror(errno));
+        return false;
+    }
+    publisherLock_ = std::move(publisherLock);
+    publishing_ = true;
+    return true;
+}
+
+void IpcProcess::WatchContext(std::function<void()> action)
+{
+    if (!Start()) {
+        return;
+    }
+    UniqueFd fd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    if (!fd || inotify_add_watch(fd.Get(), RuntimeDirectory().c_str(), IN_CREATE | IN_MOVED_TO) < 0) {
+        IPC_LOGE("can't watch %{public}s: %{public}s", RuntimeDirectory().c_str(), std::strerror(errno));
+        return;
+    }
+    const sptr<EventHandler> watch(new ContextWatch(std::move(fd), std::move(action)));
+    sptr<EventHandler> before;
+    {
+        MutexLock lock(contextMutex_);
+        before = std::exchange(contextWatch_, watch);
+    }
+    if (before != nullptr) {
+        reactor_.Remove(before->Fd());
+    }
+    reactor_.Add(watch, EPOLLIN);
+}
+
+}  // namespace ipc
+
+sptr<IRemoteObject> GetContextObject()
+{
+    if (ipc::ProcessLife::Get().Forked()) {
+        return nullptr;
+    }
+    ipc::IpcProcess& process = ipc::IpcProcess::Get();
+    if (sptr<IRemoteObject> own = process.Objects().Find(ipc::kContextObject, process.Id()); own != nullptr) {
+        return own;
+    }
+    const sptr<ipc::Peer> peer = process.ContextPeer();
+    return peer != nullptr ? peer->Proxy(ipc::kContextObject) : nullptr;
+}
+
+bool PublishContextObject(const sptr<IRemoteObject>& object)
+{
+    return !ipc::ProcessLife::Get().Forked() && ipc::IpcProcess::Get().PublishContext(object);
+}
+
+void OnContextObjectPublished(std::function<void()> action)
+{
+    if (!ipc::ProcessLife::Get().Forked()) {
+        ipc::IpcProcess::Get().WatchContext(std::move(action));
+    }
+}
+
+}  // namespace VEXA

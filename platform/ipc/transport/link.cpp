@@ -1,0 +1,358 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "link.h"
+
+#include <sys/epoll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+#include <utility>
+
+#include "ipc_log.h"
+#include "object_transfer.h"
+#include "parcel_access.h"
+#include "process.h"
+#include "vexa/ipc/ipc_object_stub.h"
+
+namespace VEXA::ipc {
+namespace {
+
+constexpr uint32_t kReadEvents = EPOLLIN | EPOLLRDHUP;
+// Frames read from one link before the others have their turn.
+constexpr size_t kFairShare = 64;
+constexpr size_t kAll = 8 * size_t{kMaxQueuedOneWayFrames};
+// How long an accepted connection may take to say what it is for.
+constexpr std::chrono::seconds kGreetLimit{5};
+// What a peer may leave unread before it is given up. One-way requests are bounded before they come here, so this is
+// room for them and for a lot of book-keeping.
+constexpr size_t kMostUnread = 2 * kMaxQueuedOneWayBytes;
+
+struct HelloFrame {
+    FrameHeader header;
+    HelloBody body;
+};
+
+HelloFrame MakeHello(FrameKind kind, const ChannelKey& key = ChannelKey())
+{
+    HelloFrame hello{MakeHeader(kind), {kWireVersion, ConnectionUse::LINK, IpcProcess::Get().Id(), key}};
+    hello.header.bytes = sizeof(HelloBody);
+    return hello;
+}
+
+}  // namespace
+
+sptr<Peer> Greeting::Wait(Deadline deadline)
+{
+    MutexLock lock(mutex_);
+    answered_.WaitUntil(mutex_, deadline, [this]() VEXA_NO_THREAD_SAFETY_ANALYSIS { return done_; });
+    return peer_;
+}
+
+void Greeting::Answer(const sptr<Peer>& peer)
+{
+    MutexLock lock(mutex_);
+    if (!done_) {
+        done_ = true;
+        peer_ = peer;
+        answered_.NotifyAll();
+    }
+}
+
+Link::Link(UniqueFd fd)
+    : EventHandler(std::move(fd)),
+      credentials_(CredentialsOf(fd_)),
+      greetBy_(std::chrono::steady_clock::now() + kGreetLimit),
+      accepted_(true),
+      counted_(true),
+      scratch_(std::make_unique<MessageParcel>())
+{
+}
+
+Link::Link(UniqueFd fd, const sptr<Peer>& peer)
+    : EventHandler(std::move(fd)),
+      credentials_(peer->Who()),
+      greetBy_(std::chrono::steady_clock::now() + kGreetLimit),
+      accepted_(false),
+      peer_(peer),
+      scratch_(std::make_unique<MessageParcel>())
+{
+    const HelloFrame hello = MakeHello(FrameKind::HELLO);
+    Send(&hello, sizeof(hello));
+}
+
+Link::Link(UniqueFd fd, const sptr<Greeting>& greeting)
+    : EventHandler(std::move(fd)),
+      credentials_(CredentialsOf(fd_)),
+      greetBy_(std::chrono::steady_clock::now() + kGreetLimit),
+      accepted_(false),
+      greeting_(greeting),
+      scratch_(std::make_unique<MessageParcel>())
+{
+    const HelloFrame hello = MakeHello(FrameKind::HELLO);
+    Send(&hello, sizeof(hello));
+}
+
+Link::~Link() = default;
+
+bool Link::Send(const void* frame, size_t size)
+{
+    MutexLock lock(outMutex_);
+    if (outClosed_) {
+        return false;
+    }
+    size_t sent = 0;
+    if (out_.empty()) {
+        const Transfer result = SendNow(Fd(), frame, size, sent);
+        if (sent == size) {
+            return true;
+        }
+        if (result == Transfer::END || result == Transfer::FAILED) {
+            return false;  // the reactor sees the end too
+        }
+        IpcProcess::Get().Loop().Change(Fd(), kReadEvents | EPOLLOUT);
+    } else if (out_.size() - outSent_ + size > kMostUnread) {
+        IPC_LOGE("process %{public}d reads nothing any more, link closed", credentials_.pid);
+        outClosed_ = true;
+        shutdown(Fd(), SHUT_RDWR);
+        return false;
+    }
+    const uint8_t* const bytes = static_cast<const uint8_t*>(frame);
+    out_.insert(out_.end(), bytes + sent, bytes + size);
+    return true;
+}
+
+bool Link::WaitFlushed(Deadline deadline)
+{
+    MutexLock lock(outMutex_);
+    flushed_.WaitUntil(
+        outMutex_, deadline, [this]() VEXA_NO_THREAD_SAFETY_ANALYSIS { return out_.empty() || outClosed_; });
+    return out_.empty() && !outClosed_;
+}
+
+bool Link::FlushLocked()
+{
+    size_t sent = 0;
+    Transfer result = Transfer::DONE;
+    while (outSent_ < out_.size() && result == Transfer::DONE) {
+        result = SendNow(Fd(), out_.data() + outSent_, out_.size() - outSent_, sent);
+        outSent_ += sent;
+    }
+    if (outSent_ == out_.size()) {
+        std::vector<uint8_t>().swap(out_);
+        outSent_ = 0;
+        IpcProcess::Get().Loop().Change(Fd(), kReadEvents);
+        flushed_.NotifyAll();
+    }
+    return result == Transfer::DONE || result == Transfer::WOULD_BLOCK;
+}
+
+void Link::Shutdown()
+{
+    MutexLock lock(outMutex_);
+    outClosed_ = true;
+    shutdown(Fd(), SHUT_RDWR);
+}
+
+void Link::OnEvents(uint32_t events)
+{
+    if ((events & EPOLLOUT) != 0 && !closed_) {
+        MutexLock lock(outMutex_);
+        if (!out_.empty()) {
+            FlushLocked();
+        }
+    }
+    if ((events & ~static_cast<uint32_t>(EPOLLOUT)) != 0) {
+        ReadFrames(kFairShare);
+    }
+}
+
+void Link::OnTick(Deadline now)
+{
+    if (peer_ == nullptr && now > greetBy_) {
+        Close(false);
+    }
+}
+
+void Link::Drain()
+{
+    ReadFrames(kAll);
+}
+
+void Link::ReadFrames(size_t limit)
+{
+    // Reading a frame may ask for all links to be drained, this one included.
+    if (reading_ || closed_) {
+        return;
+    }
+    reading_ = true;
+    for (size_t count = 0; count < limit || reader_.HasAhead(); ++count) {
+        MessageParcel* frame = nullptr;
+        const FrameReader::Result result = reader_.Read(Fd(), *scratch_, frame);
+        if (result == FrameReader::Result::PARTIAL) {
+            break;
+        }
+        if (result != FrameReader::Result::FRAME) {
+            Close(result == FrameReader::Result::MALFORMED);
+            break;
+        }
+        const Verdict verdict = Handle(HeaderOf(*frame), frame);
+        if (verdict == Verdict::HANDED_OVER) {
+            break;
+        }
+        if (verdict == Verdict::CLOSE) {
+            Close(true);
+            break;
+        }
+        reader_.Done();
+    }
+    reading_ = false;
+}
+
+Link::Verdict Link::Handle(const FrameHeader& header, MessageParcel* frame)
+{
+    if (header.kind == FrameKind::HELLO || header.kind == FrameKind::HELLO_REPLY) {
+        return HandleHello(header, *frame);
+    }
+    if (!greeted_ && (accepted_ || peer_ == nullptr)) {
+        return Verdict::CLOSE;
+    }
+    if (header.kind == FrameKind::ONE_WAY) {
+        return HandleOneWay(header, frame);
+    }
+    if (header.kind == FrameKind::KEY) {
+        HelloBody body;
+        return ReadHello(header, *frame, body) && accepted_ ? TakeKey(body) : Verdict::CLOSE;
+    }
+    if (header.bytes != 0 || header.objects != 0) {
+        return Verdict::CLOSE;
+    }
+    IpcProcess& process = IpcProcess::Get();
+    switch (header.kind) {
+        case FrameKind::ONE_WAY_ACK:
+            return peer_->Credit().GiveBack(header.target, header.extra) ? Verdict::GO_ON : Verdict::CLOSE;
+        case FrameKind::RELEASE:
+            if (header.extra > std::numeric_limits<uint32_t>::max()) {
+                return Verdict::CLOSE;
+            }
+            process.Objects().Adjust(header.target, peer_->Id(), -static_cast<int64_t>(header.extra));
+            return Verdict::GO_ON;
+        case FrameKind::GRANT:
+            GrantTo(header.target, peer_, header.extra);
+            return Verdict::GO_ON;
+        case FrameKind::UNGRANT:
+            process.Objects().Adjust(header.target, header.extra, -1);
+            return Verdict::GO_ON;
+        default:
+            return Verdict::CLOSE;
+    }
+}
+
+bool Link::ReadHello(const FrameHeader& header, Parcel& frame, HelloBody& body)
+{
+    if (header.bytes != sizeof(body) || header.objects != 0) {
+        return false;
+    }
+    std::memcpy(&body, ParcelAccess::Data(frame), sizeof(body));
+    return body.version == kWireVersion;
+}
+
+Link::Verdict Link::HandleHello(const FrameHeader& header, Parcel& frame)
+{
+    HelloBody body;
+    if (greeted_ || accepted_ != (header.kind == FrameKind::HELLO) || !ReadHello(header, frame, body)) {
+        return Verdict::CLOSE;
+    }
+    IpcProcess& process = IpcProcess::Get();
+    if (accepted_ && body.use == ConnectionUse::CHANNEL) {
+        const sptr<Peer> peer = process.KnownPeer(body.sender);
+        if (peer == nullptr || !(peer->Who() == credentials_) || !(peer->IssuedKey() == body.key)) {
+            return Verdict::CLOSE;
+        }
+        process.Loop().Remove(Fd());
+        closed_ = true;
+        process.Workers().Adopt(std::move(fd_), peer, reader_);
+        return Verdict::HANDED_OVER;
+    }
+    if (body.use != ConnectionUse::LINK || (peer_ != nullptr && peer_->Id() != body.sender)) {
+        return Verdict::CLOSE;
+    }
+    if (peer_ == nullptr) {
+        peer_ = process.Greet(body.sender, credentials_, sptr<Link>(this));
+        if (peer_ == nullptr) {
+            return Verdict::CLOSE;
+        }
+    }
+    greeted_ = true;
+    const HelloFrame answer = MakeHello(accepted_ ? FrameKind::HELLO_REPLY : FrameKind::KEY, peer_->IssuedKey());
+    Send(&answer, sizeof(answer));
+    if (!accepted_) {
+        TakeKey(body);
+    }
+    if (greeting_ != nullptr) {
+        greeting_->Answer(peer_);
+        greeting_.clear();
+    }
+    return Verdict::GO_ON;
+}
+
+Link::Verdict Link::TakeKey(const HelloBody& body)
+{
+    peer_->SetKey(body.key);
+    return Verdict::GO_ON;
+}
+
+Link::Verdict Link::HandleOneWay(const FrameHeader& header, MessageParcel* frame)
+{
+    if (!peer_->Debt().Arrive(header.bytes)) {
+        return Verdict::CLOSE;
+    }
+    if (header.objects > 0) {
+        UnpackObjects(*frame, header, peer_);
+    }
+    sptr<IRemoteObject> object = FindHeldObject(header.target, peer_);
+    if (object == nullptr) {
+        IPC_LOGE("process %{public}d called an object that it does not hold", credentials_.pid);
+        object = new IPCObjectStub;  // takes the request and answers nobody
+    }
+    std::unique_ptr<MessageParcel> data;
+    if (frame == scratch_.get()) {
+        data = std::exchange(scratch_, std::make_unique<MessageParcel>());
+    } else {
+        data = reader_.TakeOwn();
+    }
+    IpcProcess::Get().OneWays().Add({std::move(object), peer_, header.code, std::move(data)});
+    return Verdict::GO_ON;
+}
+
+void Link::Close(bool malformed)
+{
+    if (closed_) {
+        return;
+    }
+    closed_ = true;
+    if (malformed) {
+        IPC_LOGE("malformed frame from process %{public}d, connection closed", credentials_.pid);
+    }
+    IpcProcess& process = IpcProcess::Get();
+    const sptr<Link> self(this);
+    process.Loop().Remove(Fd());
+    {
+        MutexLock lock(outMutex_);
+        outClosed_ = true;
+        flushed_.NotifyAll();
+    }
+    if (counted_) {
+        process.ForgetConnection(credentials_.uid);
+    }
+    if (greeting_ != nullptr) {
+        greeting_->Answer(nullptr);
+    }
+    if (peer_ != nullptr) {
+        process.Bury(peer_);
+    }
+    MutexLock lock(outMutex_);
+    fd_.Reset();
+}
+
+}  // namespace VEXA::ipc

@@ -1,0 +1,89 @@
+// SPDX-License-Identifier: Apache-2.0
+// A link: the lasting connection between two processes. It carries one-way requests and the book-keeping of references,
+// in order, in both directions, and its end is the other process's death.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "frame_reader.h"
+#include "reactor.h"
+#include "socket.h"
+#include "vexa/base/mutex.h"
+#include "wire.h"
+
+namespace VEXA::ipc {
+
+class Peer;
+
+// What the process that opened a link waits for.
+class Greeting : public RefBase {
+public:
+    // The process that answered, or null when it did not before the deadline.
+    sptr<Peer> Wait(Deadline deadline);
+    void Answer(const sptr<Peer>& peer);
+
+private:
+    Mutex mutex_;
+    CondVar answered_;
+    bool done_ VEXA_GUARDED_BY(mutex_) = false;
+    sptr<Peer> peer_ VEXA_GUARDED_BY(mutex_);
+};
+
+class Link : public EventHandler {
+public:
+    // A connection that was accepted; what it is for, its first frame tells.
+    explicit Link(UniqueFd fd);
+    // A link to a process that is known by its endpoint.
+    Link(UniqueFd fd, const sptr<Peer>& peer);
+    // A link to whoever publishes the context object.
+    Link(UniqueFd fd, const sptr<Greeting>& greeting);
+    ~Link() override;
+
+    // Queues a frame and returns; false when the link is closed or its peer takes nothing any more.
+    bool Send(const void* frame, size_t size);
+    // Waits until everything queued has reached the kernel.
+    bool WaitFlushed(Deadline deadline);
+    // Makes the reactor see the end of this connection.
+    void Shutdown();
+
+    // On the reactor's thread:
+    void OnEvents(uint32_t events) override;
+    void OnTick(Deadline now) override;
+    bool IsWaiting() const override { return peer_ == nullptr; }
+    void Drain() override;
+
+private:
+    enum class Verdict { GO_ON, CLOSE, HANDED_OVER };
+
+    void ReadFrames(size_t limit);
+    Verdict Handle(const FrameHeader& header, MessageParcel* frame);
+    Verdict HandleHello(const FrameHeader& header, Parcel& frame);
+    static bool ReadHello(const FrameHeader& header, Parcel& frame, HelloBody& body);
+    Verdict TakeKey(const HelloBody& body);
+    Verdict HandleOneWay(const FrameHeader& header, MessageParcel* frame);
+    void Close(bool malformed);
+    bool FlushLocked() VEXA_REQUIRES(outMutex_);
+
+    const Credentials credentials_;
+    const Deadline greetBy_;
+    const bool accepted_;
+    bool counted_ = false;  // among the connections of the peer's user
+    // The reactor's thread only:
+    sptr<Peer> peer_;
+    sptr<Greeting> greeting_;
+    FrameReader reader_;
+    std::unique_ptr<MessageParcel> scratch_;
+    bool reading_ = false;
+    bool closed_ = false;
+    bool greeted_ = false;
+
+    Mutex outMutex_;
+    CondVar flushed_;
+    std::vector<uint8_t> out_ VEXA_GUARDED_BY(outMutex_);
+    size_t outSent_ VEXA_GUARDED_BY(outMutex_) = 0;
+    bool outClosed_ VEXA_GUARDED_BY(outMutex_) = false;
+};
+
+}  // namespace VEXA::ipc

@@ -1,0 +1,139 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "object_transfer.h"
+
+#include <cstring>
+
+#include "ipc_log.h"
+#include "parcel_access.h"
+#include "process.h"
+#include "remote_proxy.h"
+
+namespace VEXA::ipc {
+namespace {
+
+constexpr std::chrono::seconds kFlushWait{1};
+constexpr std::chrono::seconds kSettleWait{1};
+
+void AdjustHolder(ObjectId id, EndpointId holder, int64_t difference)
+{
+    IpcProcess& process = IpcProcess::Get();
+    process.Objects().Adjust(id, holder, difference);
+    // A holder that has died meanwhile was cleared from the table perhaps before this change.
+    if (process.KnownPeer(holder) == nullptr) {
+        process.Objects().DropHolder(holder);
+    }
+}
+
+}  // namespace
+
+bool ObjectTransfer::PackOne(const sptr<IRemoteObject>& object, Peer& receiver, Item& item)
+{
+    item.object = object;
+    item.receiver = receiver.Id();
+    IpcProcess& process = IpcProcess::Get();
+    if (!object->IsProxyObject()) {
+        item.entry = {process.Id(), process.Objects().AddHolder(object, receiver.Id())};
+        return true;
+    }
+    const RemoteProxy* const proxy = dynamic_cast<const RemoteProxy*>(object.GetRefPtr());
+    if (proxy == nullptr) {
+        IPC_LOGE("an object that is neither of this process nor of the transport can't be sent");
+        return false;
+    }
+    item.entry = {proxy->Owner()->Id(), proxy->Id()};
+    item.owner = proxy->Owner();
+    if (item.entry.owner == receiver.Id() || item.owner->Dead()) {
+        return true;
+    }
+    // The owner hears of its new holder from this process, which holds the object, and before the holder can speak: the
+    // grant is with the kernel before the frame leaves.
+    const FrameHeader grant = MakeHeader(FrameKind::GRANT, proxy->Id(), receiver.Id());
+    return (item.owner->SendOnLink(&grant, sizeof(grant)) &&
+               item.owner->WaitLinkFlushed(std::chrono::steady_clock::now() + kFlushWait)) ||
+        item.owner->Dead();
+}
+
+bool ObjectTransfer::Pack(MessageParcel& parcel, Peer& receiver, FrameHeader& header)
+{
+    const std::vector<sptr<IRemoteObject>>& objects = ParcelAccess::Objects(parcel);
+    uint8_t* const table = ParcelAccess::AppendRaw(parcel, objects.size() * sizeof(ObjectEntry));
+    if (table == nullptr) {
+        return false;
+    }
+    items_.reserve(objects.size());
+    for (const sptr<IRemoteObject>& object : objects) {
+        Item item;
+        const bool packed = PackOne(object, receiver, item);
+        if (!packed) {
+            Undo();
+            return false;
+        }
+        std::memcpy(table + items_.size() * sizeof(ObjectEntry), &item.entry, sizeof(ObjectEntry));
+        items_.push_back(std::move(item));
+    }
+    header.objects = static_cast<uint16_t>(objects.size());
+    return true;
+}
+
+void ObjectTransfer::Undo()
+{
+    for (const Item& item : items_) {
+        if (item.owner == nullptr) {
+            AdjustHolder(item.entry.id, item.receiver, -1);
+        } else if (item.entry.owner != item.receiver) {
+            const FrameHeader back = MakeHeader(FrameKind::UNGRANT, item.entry.id, item.receiver);
+            item.owner->SendOnLink(&back, sizeof(back));
+        }
+    }
+    items_.clear();
+}
+
+bool UnpackObjects(MessageParcel& parcel, const FrameHeader& header, const sptr<Peer>& sender)
+{
+    IpcProcess& process = IpcProcess::Get();
+    std::vector<sptr<IRemoteObject>>& objects = ParcelAccess::Objects(parcel);
+    objects.reserve(header.objects);
+    bool sound = true;
+    for (size_t i = 0; i < header.objects; ++i) {
+        ObjectEntry entry;
+        std::memcpy(&entry, ParcelAccess::Data(parcel) + header.bytes + i * sizeof(entry), sizeof(entry));
+        sptr<IRemoteObject> object;
+        if (entry.owner == process.Id()) {
+            object = FindHeldObject(entry.id, sender);
+        } else if (entry.owner == sender->Id()) {
+            object = sender->Proxy(entry.id);
+        } else if (entry.owner != 0) {
+            object = process.PeerAt(entry.owner)->Proxy(entry.id);
+        }
+        sound = sound && object != nullptr;
+        objects.push_back(std::move(object));
+    }
+    return sound;
+}
+
+void GrantTo(ObjectId id, const sptr<Peer>& giver, EndpointId holder)
+{
+    IpcProcess& process = IpcProcess::Get();
+    if (holder == 0 || holder == process.Id() || !process.Objects().Holds(id, giver->Id())) {
+        return;
+    }
+    // Connecting to the new holder is what tells of its death, should it never come to use the object.
+    if (!process.PeerAt(holder)->Dead()) {
+        AdjustHolder(id, holder, 1);
+    }
+}
+
+sptr<IRemoteObject> FindHeldObject(ObjectId id, const sptr<Peer>& holder)
+{
+    IpcProcess& process = IpcProcess::Get();
+    sptr<IRemoteObject> object = process.Objects().Find(id, holder->Id());
+    if (object == nullptr) {
+        // A third process may have made this one a holder just now: its grant has reached a link of this process, and
+        // only has to be read.
+        process.Loop().Settle(kSettleWait);
+        object = process.Objects().Find(id, holder->Id());
+    }
+    return object;
+}
+
+}  // namespace VEXA::ipc

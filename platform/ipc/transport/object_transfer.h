@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: Apache-2.0
+// Remote objects on their way: packing them into a frame's object table, and making objects of the entries that arrive.
+#pragma once
+
+#include <vector>
+
+#include "peer.h"
+#include "vexa/ipc/message_parcel.h"
+#include "wire.h"
+
+namespace VEXA::ipc {
+
+// What a frame in flight holds. Packing makes the receiver a holder of each object before the frame leaves, so that an
+// object can't end on the way; until the receiver is known to have the frame, the transfer can be undone.
+class ObjectTransfer {
+public:
+    // Writes the table behind the parcel's data and its size into the header. False, and nothing kept, when an object
+    // can't travel or memory is short.
+    bool Pack(MessageParcel& parcel, Peer& receiver, FrameHeader& header);
+    void Commit() { items_.clear(); }
+    void Undo();
+    bool Empty() const { return items_.empty(); }
+
+private:
+    struct Item {
+        sptr<IRemoteObject> object;  // kept alive while in flight
+        sptr<Peer> owner;            // null for an object of this process
+        ObjectEntry entry;
+        EndpointId receiver;
+    };
+
+    static bool PackOne(const sptr<IRemoteObject>& object, Peer& receiver, Item& item);
+
+    std::vector<Item> items_;
+};
+
+// Fills the parcel's objects from the table that arrived with it. Every entry is taken, also where nobody will read
+// it: the sender has counted them all. False when memory is short or an entry names an object of this process that the
+// sender does not hold.
+bool UnpackObjects(MessageParcel& parcel, const FrameHeader& header, const sptr<Peer>& sender);
+
+// `giver`, which holds this process's object, has passed it on to `holder`.
+void GrantTo(ObjectId id, const sptr<Peer>& giver, EndpointId holder);
+
+// The object of this process with that number, if `holder` holds it; null otherwise.
+sptr<IRemoteObject> FindHeldObject(ObjectId id, const sptr<Peer>& holder);
+
+}  // namespace VEXA::ipc

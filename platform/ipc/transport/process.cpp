@@ -1,0 +1,226 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "process.h"
+
+#include <sys/epoll.h>
+#include <sys/random.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "connection_listener.h"
+#include "ipc_log.h"
+#include "object_transfer.h"
+#include "process_life.h"
+#include "remote_proxy.h"
+#include "runtime_paths.h"
+
+namespace VEXA::ipc {
+namespace {
+
+// Endpoints that are remembered as dead. What is still on its way of a dead process arrives within moments.
+constexpr size_t kMostDead = 4096;
+
+size_t MostConnections()
+{
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) {
+        return kMaxConnectionsPerUser;
+    }
+    return static_cast<size_t>(limit.rlim_cur) * 3 / 4;
+}
+
+}  // namespace
+
+uint64_t RandomNumber()
+{
+    uint64_t number = 0;
+    while (number == 0) {
+        if (getrandom(&number, sizeof(number), 0) != static_cast<ssize_t>(sizeof(number))) {
+            number = 0;
+        }
+    }
+    return number;
+}
+
+IpcProcess::IpcProcess() : id_(RandomNumber()) {}
+
+IpcProcess& IpcProcess::Get()
+{
+    static IpcProcess* const process = new IpcProcess;
+    return *process;
+}
+
+bool IpcProcess::Start()
+{
+    if (started_.load(std::memory_order_acquire)) {
+        return true;
+    }
+    MutexLock lock(startMutex_);
+    if (!started_.load(std::memory_order_relaxed) && StartLocked()) {
+        started_.store(true, std::memory_order_release);
+    }
+    return started_.load(std::memory_order_relaxed);
+}
+
+bool IpcProcess::StartLocked()
+{
+    ProcessLife::Get().Watch();
+    reactor_.SetTickAction([this](Deadline now) { workers_.CloseStalledChannels(now); });
+    UniqueFd listener = ListenAt(EndpointPath(id_));
+    if (!listener || !workers_.Start() || !reactor_.Start() || !Listen(std::move(listener))) {
+        if (!startFailed_) {
+            IPC_LOGE("no endpoint in %{public}s: %{public}s", EndpointDirectory().c_str(), std::strerror(errno));
+        }
+        startFailed_ = true;
+        return false;
+    }
+    std::atexit(&AtExit);
+    return true;
+}
+
+bool IpcProcess::Listen(UniqueFd listener)
+{
+    return reactor_.Add(sptr<EventHandler>(new ConnectionListener(std::move(listener))), EPOLLIN);
+}
+
+// A process that leaves runs no more requests, whose code may need what is being destroyed, and takes its socket along.
+void IpcProcess::AtExit()
+{
+    if (!ProcessLife::Get().Forked()) {
+        ProcessLife::Get().SetExiting();
+        unlink(EndpointPath(Get().id_).c_str());
+    }
+}
+
+sptr<Peer> IpcProcess::KnownPeer(EndpointId id)
+{
+    MutexLock lock(peersMutex_);
+    const auto found = peers_.find(id);
+    return found != peers_.end() ? found->second : nullptr;
+}
+
+sptr<Peer> IpcProcess::PeerAt(EndpointId id)
+{
+    MutexLock lock(peersMutex_);
+    const auto found = peers_.find(id);
+    if (found != peers_.end()) {
+        return found->second;
+    }
+    UniqueFd fd;
+    if (dead_.count(id) == 0) {
+        fd = ConnectAtOnce(EndpointPath(id));
+    }
+    sptr<Peer> peer(new Peer(id, fd ? CredentialsOf(fd) : Credentials()));
+    if (fd) {
+        const sptr<Link> link(new Link(std::move(fd), peer));
+        peer->AttachLink(link);
+        if (reactor_.Add(link, EPOLLIN | EPOLLRDHUP)) {
+            peers_[id] = peer;
+            return peer;
+        }
+    }
+    Peer::Remains none;
+    peer->Bury(none);
+    return peer;
+}
+
+sptr<Peer> IpcProcess::Greet(EndpointId claimed, const Credentials& credentials, const sptr<Link>& link)
+{
+    // The kernel tells who listens at the claimed endpoint: it has to be who is speaking.
+    const UniqueFd probe = ConnectAtOnce(EndpointPath(claimed));
+    if (claimed == id_ || !probe || !(CredentialsOf(probe) == credentials)) {
+        IPC_LOGE("process %{public}d claims an endpoint that is not its own", credentials.pid);
+        return nullptr;
+    }
+    MutexLock lock(peersMutex_);
+    if (dead_.count(claimed) > 0) {
+        return nullptr;
+    }
+    sptr<Peer>& peer = peers_[claimed];
+    if (peer == nullptr) {
+        peer = new Peer(claimed, credentials);
+    }
+    peer->AttachLink(link);
+    return peer;
+}
+
+void IpcProcess::Bury(const sptr<Peer>& peer)
+{
+    Peer::Remains remains;
+    {
+        // The endpoint is known as dead before anyone is told, so that whoever looks again finds it dead.
+        MutexLock lock(peersMutex_);
+        const auto found = peers_.find(peer->Id());
+        if (found == peers_.end() || found->second != peer) {
+            return;
+        }
+        peers_.erase(found);
+        // One that never answered may have been busy only, and may be tried again.
+        if (peer->HasAnswered() && dead_.insert(peer->Id()).second) {
+            deadOrder_.push_back(peer->Id());
+            if (deadOrder_.size() > kMostDead) {
+                dead_.erase(deadOrder_.front());
+                deadOrder_.pop_front();
+            }
+        }
+    }
+    if (!peer->Bury(remains)) {
+        return;
+    }
+    for (const sptr<Link>& link : remains.links) {
+        link->Shutdown();
+    }
+    for (const sptr<RemoteProxy>& proxy : remains.proxies) {
+        proxy->NotifyDeath();
+    }
+    // Objects that only the dead process held end here; their code must not hold up the reactor.
+    auto dropped = std::make_shared<std::vector<sptr<IRemoteObject>>>(objects_.DropHolder(peer->Id()));
+    auto proxies = std::make_shared<std::vector<sptr<RemoteProxy>>>(std::move(remains.proxies));
+    if (!dropped->empty() || !proxies->empty()) {
+        workers_.Post([dropped, proxies] {
+            dropped->clear();
+            proxies->clear();
+        });
+    }
+    RemoveEndpointOf(*peer);
+}
+
+bool IpcProcess::AdmitConnection(uid_t user)
+{
+    MutexLock lock(connectionsMutex_);
+    size_t& own = connectionsOf_[user];
+    if (own >= kMaxConnectionsPerUser || connections_ >= MostConnections()) {
+        if (refused_++ == 0) {
+            IPC_LOGE("too many connections (%{public}zu of user %{public}u): new ones are refused", own, user);
+        }
+        return false;
+    }
+    ++own;
+    ++connections_;
+    refused_ = 0;
+    return true;
+}
+
+void IpcProcess::ForgetConnection(uid_t user)
+{
+    MutexLock lock(connectionsMutex_);
+    const auto found = connectionsOf_.find(user);
+    if (--found->second == 0) {
+        connectionsOf_.erase(found);
+    }
+    --connections_;
+}
+
+void IpcProcess::RemoveEndpointOf(const Peer& peer)
+{
+    MutexLock lock(startMutex_);
+    if (publishing_ && !ConnectAtOnce(EndpointPath(peer.Id())) && errno == ECONNREFUSED) {
+        unlink(EndpointPath(peer.Id()).c_str());
+    }
+}
+
+}  // namespace VEXA::ipc

@@ -1,0 +1,99 @@
+// SPDX-License-Identifier: Apache-2.0
+// This process as a member of a runtime directory: its endpoint, its objects, its threads, and the processes it knows.
+#pragma once
+
+#include <atomic>
+#include <deque>
+#include <functional>
+#include <unordered_map>
+#include <unordered_set>
+
+#include "death_notifier.h"
+#include "link.h"
+#include "object_table.h"
+#include "one_way_queues.h"
+#include "peer.h"
+#include "reactor.h"
+#include "vexa/base/mutex.h"
+#include "wire.h"
+#include "worker_pool.h"
+
+namespace VEXA::ipc {
+
+// One in a process, started by its first use and never destroyed: its threads may outlive main. Any thread, unless
+// said otherwise.
+class IpcProcess {
+public:
+    static IpcProcess& Get();
+
+    // Brings up the endpoint and the reactor. False, with a log line the first time, when that can't be done.
+    bool Start();
+
+    EndpointId Id() const { return id_; }
+    ObjectTable& Objects() { return objects_; }
+    Reactor& Loop() { return reactor_; }
+    WorkerPool& Workers() { return workers_; }
+    DeathNotifier& Notifier() { return notifier_; }
+    OneWayQueues& OneWays() { return oneWays_; }
+
+    // The process with that endpoint, connected to now if it was not before. Where it can't be reached, or is known to
+    // have died, a peer that is dead. Never waits.
+    sptr<Peer> PeerAt(EndpointId id);
+    // The same, null instead of connecting.
+    sptr<Peer> KnownPeer(EndpointId id);
+
+    // The publisher of the context object, null when there is none. Waits for its greeting, at most a second.
+    sptr<Peer> ContextPeer();
+    bool PublishContext(const sptr<IRemoteObject>& object);
+    void WatchContext(std::function<void()> action);
+
+    // For the reactor's thread:
+    // The process that introduces itself on a link; null when it is not who it says.
+    sptr<Peer> Greet(EndpointId claimed, const Credentials& credentials, const sptr<Link>& link);
+    // A link of the process has ended.
+    void Bury(const sptr<Peer>& peer);
+    // Counts a connection of that user; false when it is one too many.
+    bool AdmitConnection(uid_t user);
+    void ForgetConnection(uid_t user);
+
+private:
+    IpcProcess();
+    bool StartLocked() VEXA_REQUIRES(startMutex_);
+    bool Listen(UniqueFd listener);
+    void RemoveEndpointOf(const Peer& peer);
+    bool PublishLocked(const sptr<IRemoteObject>& object) VEXA_REQUIRES(startMutex_);
+    static void AtExit();
+
+    const EndpointId id_;
+    ObjectTable objects_;
+    Reactor reactor_;
+    WorkerPool workers_;
+    DeathNotifier notifier_;
+    OneWayQueues oneWays_;
+
+    Mutex startMutex_;
+    std::atomic<bool> started_{false};
+    bool startFailed_ VEXA_GUARDED_BY(startMutex_) = false;
+    bool publishing_ VEXA_GUARDED_BY(startMutex_) = false;
+    UniqueFd publisherLock_ VEXA_GUARDED_BY(startMutex_);
+
+    Mutex contextMutex_;  // held while connecting, so that concurrent first uses share one link
+    sptr<Peer> context_ VEXA_GUARDED_BY(contextMutex_);
+    sptr<EventHandler> contextWatch_ VEXA_GUARDED_BY(contextMutex_);
+
+    Mutex peersMutex_;
+    std::unordered_map<EndpointId, sptr<Peer>> peers_ VEXA_GUARDED_BY(peersMutex_);
+    // Endpoints that have died, the latest last: what still arrives of them is dead from the start.
+    std::unordered_set<EndpointId> dead_ VEXA_GUARDED_BY(peersMutex_);
+    std::deque<EndpointId> deadOrder_ VEXA_GUARDED_BY(peersMutex_);
+
+    Mutex connectionsMutex_;
+    size_t connections_ VEXA_GUARDED_BY(connectionsMutex_) = 0;
+    size_t refused_ VEXA_GUARDED_BY(connectionsMutex_) = 0;
+    std::unordered_map<uid_t, size_t> connectionsOf_ VEXA_GUARDED_BY(connectionsMutex_);
+};
+
+// 64 random bits from the kernel, never 0.
+uint64_t RandomNumber();
+
+}  // namespace VEXA::ipc

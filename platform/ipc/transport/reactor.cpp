@@ -1,0 +1,199 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "reactor.h"
+
+#include <pthread.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+
+namespace VEXA::ipc {
+namespace {
+
+constexpr int kBatch = 64;
+constexpr std::chrono::milliseconds kTickPeriod{1000};
+
+}  // namespace
+
+bool StartThread(const char* name, void* (*entry)(void*), void* argument)
+{
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    pthread_t thread;
+    const bool started = pthread_create(&thread, nullptr, entry, argument) == 0;
+    if (started) {
+        pthread_setname_np(thread, name);
+        pthread_detach(thread);
+    }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return started;
+}
+
+bool Reactor::Start()
+{
+    epoll_ = UniqueFd(epoll_create1(EPOLL_CLOEXEC));
+    wake_ = UniqueFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    epoll_event event{EPOLLIN, {.fd = wake_.Get()}};
+    return epoll_ && wake_ && epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, wake_.Get(), &event) == 0 &&
+        StartThread("vexa-reactor", &ThreadMain, this);
+}
+
+bool Reactor::Add(const sptr<EventHandler>& handler, uint32_t events)
+{
+    const int fd = handler->Fd();
+    MutexLock lock(mutex_);
+    epoll_event event{events, {.fd = fd}};
+    if (epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, fd, &event) != 0) {
+        return false;
+    }
+    handlers_[fd] = handler;
+    return true;
+}
+
+void Reactor::Change(int fd, uint32_t events)
+{
+    epoll_event event{events, {.fd = fd}};
+    epoll_ctl(epoll_.Get(), EPOLL_CTL_MOD, fd, &event);
+}
+
+void Reactor::Remove(int fd)
+{
+    sptr<EventHandler> removed;  // its last reference, if it is that, goes after the lock
+    MutexLock lock(mutex_);
+    epoll_ctl(epoll_.Get(), EPOLL_CTL_DEL, fd, nullptr);
+    const auto found = handlers_.find(fd);
+    if (found != handlers_.end()) {
+        removed = std::move(found->second);
+        handlers_.erase(found);
+    }
+}
+
+void Reactor::Wake()
+{
+    const uint64_t one = 1;
+    // A full counter means that the reactor has been woken already.
+    [[maybe_unused]] const ssize_t written = write(wake_.Get(), &one, sizeof(one));
+}
+
+bool Reactor::Settle(std::chrono::milliseconds limit)
+{
+    if (pthread_equal(pthread_self(), thread_.load(std::memory_order_relaxed)) != 0) {
+        DrainAll();
+        return true;
+    }
+    MutexLock lock(mutex_);
+    const uint64_t mine = ++settleAsked_;
+    Wake();
+    return settled_.WaitFor(mutex_, limit, [&]() VEXA_NO_THREAD_SAFETY_ANALYSIS { return settleDone_ >= mine; });
+}
+
+std::vector<sptr<EventHandler>> Reactor::Handlers()
+{
+    std::vector<sptr<EventHandler>> handlers;
+    MutexLock lock(mutex_);
+    handlers.reserve(handlers_.size());
+    for (const auto& [fd, handler] : handlers_) {
+        handlers.push_back(handler);
+    }
+    return handlers;
+}
+
+void Reactor::DrainAll()
+{
+    for (const sptr<EventHandler>& handler : Handlers()) {
+        handler->Drain();
+    }
+}
+
+void* Reactor::ThreadMain(void* self)
+{
+    static_cast<Reactor*>(self)->Run();
+    return nullptr;
+}
+
+void Reactor::Run()
+{
+    thread_.store(pthread_self(), std::memory_order_relaxed);
+    epoll_event events[kBatch];
+    for (;;) {
+        const int timeout = TickNeeded() ? static_cast<int>(kTickPeriod.count()) : -1;
+        const int count = epoll_wait(epoll_.Get(), events, kBatch, timeout);
+        if (count < 0 && errno != EINTR) {
+            return;
+        }
+        for (int i = 0; i < count; ++i) {
+            Dispatch(events[i].data.fd, events[i].events);
+        }
+        SettleWaiters();
+        Tick();
+    }
+}
+
+void Reactor::Dispatch(int fd, uint32_t events)
+{
+    if (fd == wake_.Get()) {
+        uint64_t ignored;
+        [[maybe_unused]] const ssize_t cleared = read(fd, &ignored, sizeof(ignored));
+        return;
+    }
+    sptr<EventHandler> handler;
+    {
+        MutexLock lock(mutex_);
+        const auto found = handlers_.find(fd);
+        if (found != handlers_.end()) {
+            handler = found->second;
+        }
+    }
+    if (handler != nullptr) {
+        handler->OnEvents(events);
+    }
+}
+
+void Reactor::SettleWaiters()
+{
+    uint64_t asked;
+    {
+        MutexLock lock(mutex_);
+        asked = settleAsked_;
+        if (asked == settleDone_) {
+            return;
+        }
+    }
+    DrainAll();
+    MutexLock lock(mutex_);
+    settleDone_ = asked;
+    settled_.NotifyAll();
+}
+
+bool Reactor::TickNeeded()
+{
+    if (waiting_.load(std::memory_order_relaxed) > 0) {
+        return true;
+    }
+    MutexLock lock(mutex_);
+    return std::any_of(handlers_.begin(), handlers_.end(), [](const auto& entry) { return entry.second->IsWaiting(); });
+}
+
+void Reactor::Tick()
+{
+    const Deadline now = std::chrono::steady_clock::now();
+    if (now < nextTick_ || !TickNeeded()) {
+        return;
+    }
+    nextTick_ = now + kTickPeriod;
+    for (const sptr<EventHandler>& handler : Handlers()) {
+        if (handler->IsWaiting()) {
+            handler->OnTick(now);
+        }
+    }
+    if (tickAction_) {
+        tickAction_(now);
+    }
+}
+
+}  // namespace VEXA::ipc

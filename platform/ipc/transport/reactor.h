@@ -1,0 +1,85 @@
+// SPDX-License-Identifier: Apache-2.0
+// The one thread of a process that watches its links, accepts connections and never waits for anything else.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <unordered_map>
+#include <vector>
+
+#include "socket.h"
+#include "vexa/base/mutex.h"
+#include "vexa/base/refbase.h"
+
+namespace VEXA::ipc {
+
+// What the reactor watches. Called on its thread only.
+class EventHandler : public RefBase {
+public:
+    explicit EventHandler(UniqueFd fd) : fd_(std::move(fd)) {}
+
+    virtual void OnEvents(uint32_t events) = 0;
+    // About once a second while IsWaiting() says that something may time out.
+    virtual void OnTick(Deadline now) { (void)now; }
+    virtual bool IsWaiting() const { return false; }
+    // Deals with everything that has arrived so far.
+    virtual void Drain() {}
+
+    int Fd() const { return fd_.Get(); }
+
+protected:
+    UniqueFd fd_;
+};
+
+class Reactor {
+public:
+    // False when the kernel refuses the thread or a descriptor.
+    bool Start();
+
+    bool Add(const sptr<EventHandler>& handler, uint32_t events);
+    void Change(int fd, uint32_t events);
+    // The handler is called no more (from the reactor's own thread: at once; it lives until its call returns).
+    void Remove(int fd);
+
+    // Returns once everything that had reached this process's links when it was called has been dealt with; false when
+    // that took longer than the limit. On the reactor's own thread it does the work itself, for all links whose frames
+    // are not being read already.
+    bool Settle(std::chrono::milliseconds limit);
+
+    // Ticks also while this counter is not 0.
+    std::atomic<uint32_t>& Waiting() { return waiting_; }
+    void Wake();
+    // Called at each tick, on the reactor's thread. Set before Start.
+    void SetTickAction(std::function<void(Deadline)> action) { tickAction_ = std::move(action); }
+
+private:
+    static void* ThreadMain(void* self);
+    void Run();
+    void DrainAll();
+    void SettleWaiters();
+    void Dispatch(int fd, uint32_t events);
+    void Tick();
+    bool TickNeeded();
+    std::vector<sptr<EventHandler>> Handlers();
+
+    UniqueFd epoll_;
+    UniqueFd wake_;
+    std::atomic<pthread_t> thread_{};
+    std::function<void(Deadline)> tickAction_;
+    std::atomic<uint32_t> waiting_{0};
+    Deadline nextTick_{};
+
+    Mutex mutex_;
+    CondVar settled_;
+    std::unordered_map<int, sptr<EventHandler>> handlers_ VEXA_GUARDED_BY(mutex_);
+    uint64_t settleAsked_ VEXA_GUARDED_BY(mutex_) = 0;
+    uint64_t settleDone_ VEXA_GUARDED_BY(mutex_) = 0;
+};
+
+// Starts a detached thread with all signals blocked, so that the host's handlers run on the host's threads.
+bool StartThread(const char* name, void* (*entry)(void*), void* argument);
+
+}  // namespace VEXA::ipc

@@ -1,0 +1,265 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "server_channel.h"
+
+#include "call_context.h"
+#include "ipc_log.h"
+#include "parcel_access.h"
+#include "process.h"
+#include "vexa/ipc/message_option.h"
+
+namespace VEXA::ipc {
+namespace {
+
+// How long a connection may pause inside a frame, or a peer leave its reply unread.
+constexpr std::chrono::seconds kStallLimit{8};
+
+}  // namespace
+
+bool ServerChannel::Enter()
+{
+    uint32_t state = state_.load(std::memory_order_relaxed);
+    for (;;) {
+        if (state == FREE || state == BUSY_AGAIN) {
+            return false;
+        }
+        const uint32_t next = state == IDLE ? BUSY : BUSY_AGAIN;
+        if (state_.compare_exchange_weak(state, next, std::memory_order_acq_rel, std::memory_order_relaxed)) {
+            return next == BUSY;
+        }
+    }
+}
+
+void ServerChannel::Leave()
+{
+    for (;;) {
+        if (!fd_) {
+            home_->Recycle(this);
+            return;
+        }
+        uint32_t state = BUSY;
+        if (state_.compare_exchange_strong(state, IDLE, std::memory_order_acq_rel)) {
+            return;
+        }
+        state_.store(BUSY, std::memory_order_relaxed);
+        ServeArrived();
+    }
+}
+
+void ServerChannel::Serve()
+{
+    if (Enter()) {
+        ServeArrived();
+        Leave();
+    }
+}
+
+void ServerChannel::ServeArrived()
+{
+    // While a reply waits for the peer to read, its next request waits too.
+    if (!output_.empty() && !FlushOutput()) {
+        return;
+    }
+    bool goOn = true;
+    do {
+        MessageParcel scratch;
+        MessageParcel* frame = nullptr;
+        switch (reader_.Read(fd_.Get(), scratch, frame)) {
+            case FrameReader::Result::FRAME:
+                SetStalled(false);
+                goOn = AnswerFrame(*frame);
+                reader_.Done();
+                break;
+            case FrameReader::Result::PARTIAL:
+                SetStalled(reader_.InFrame());
+                return;
+            case FrameReader::Result::END:
+                Close(false);
+                return;
+            case FrameReader::Result::MALFORMED:
+                Close(true);
+                return;
+        }
+        // A frame that came whole in one read has emptied the socket, and whatever comes next wakes a worker.
+    } while (goOn && (reader_.HasAhead() || state_.load(std::memory_order_relaxed) == BUSY_AGAIN));
+}
+
+// True when the reply has gone whole, so that the next request may be read.
+bool ServerChannel::AnswerFrame(MessageParcel& frame)
+{
+    const FrameHeader header = HeaderOf(frame);
+    // The peer reads a reply before it sends anything else.
+    inFlight_.Commit();
+    if (header.kind == FrameKind::REPLY_ACK && header.bytes == 0) {
+        return true;
+    }
+    if (header.kind != FrameKind::REQUEST || peer_->Dead()) {
+        Close(header.kind != FrameKind::REQUEST);
+        return false;
+    }
+    MessageParcel reply;
+    const int32_t result = Dispatch(frame, header, reply);
+    return SendReply(result, reply);
+}
+
+int32_t ServerChannel::Dispatch(MessageParcel& frame, const FrameHeader& header, MessageParcel& reply)
+{
+    if (header.objects > 0 && !UnpackObjects(frame, header, peer_)) {
+        return IPC_REFUSED;
+    }
+    const sptr<IRemoteObject> object = FindHeldObject(header.target, peer_);
+    if (object == nullptr) {
+        IPC_LOGE("process %{public}d called an object that it does not hold", peer_->Who().pid);
+        return IPC_REFUSED;
+    }
+    MessageOption option;
+    return CarryOut(*object, header.code, frame, reply, option, peer_->Who());
+}
+
+bool ServerChannel::SendReply(int32_t result, MessageParcel& reply)
+{
+    FrameHeader header = MakeHeader(FrameKind::REPLY);
+    if (result == IPC_OK || reply.GetDataSize() > 0) {
+        header.bytes = static_cast<uint32_t>(reply.GetDataSize());
+        if (!ParcelAccess::Objects(reply).empty() && !inFlight_.Pack(reply, *peer_, header)) {
+            header.bytes = 0;
+            result = IPC_FAILED;
+        }
+    }
+    header.code = static_cast<uint32_t>(result);
+    SetHeader(reply, header);
+    const uint8_t* const bytes = ParcelAccess::Storage(reply);
+    const size_t size = kHeaderBytes + BodyBytes(header);
+    size_t sent = 0;
+    const Transfer outcome = SendNow(fd_.Get(), bytes, size, sent);
+    if (outcome == Transfer::END || outcome == Transfer::FAILED) {
+        Close(false);
+        return false;
+    }
+    if (sent < size) {
+        output_.assign(bytes + sent, bytes + size);
+        outputSent_ = 0;
+        IpcProcess::Get().Workers().WatchOutput(*this, true);
+        return FlushOutput();
+    }
+    return true;
+}
+
+// True when all of the output has gone.
+bool ServerChannel::FlushOutput()
+{
+    size_t sent = 0;
+    Transfer outcome;
+    do {
+        outcome = SendNow(fd_.Get(), output_.data() + outputSent_, output_.size() - outputSent_, sent);
+        outputSent_ += sent;
+    } while (outcome == Transfer::DONE && outputSent_ < output_.size());
+    if (outputSent_ == output_.size()) {
+        std::vector<uint8_t>().swap(output_);
+        SetStalled(false);
+        IpcProcess::Get().Workers().WatchOutput(*this, false);
+        return true;
+    }
+    if (outcome == Transfer::WOULD_BLOCK) {
+        SetStalled(true);
+    } else {
+        Close(false);
+    }
+    return false;
+}
+
+void ServerChannel::SetStalled(bool stalled)
+{
+    if (stalled) {
+        stalledSince_ = std::chrono::steady_clock::now();
+    }
+    if (stalled == stalled_) {
+        return;
+    }
+    stalled_ = stalled;
+    Reactor& reactor = IpcProcess::Get().Loop();
+    if (stalled) {
+        if (reactor.Waiting().fetch_add(1) == 0) {
+            reactor.Wake();
+        }
+    } else {
+        reactor.Waiting().fetch_sub(1);
+    }
+}
+
+void ServerChannel::CloseIfStalled(Deadline now)
+{
+    uint32_t state = IDLE;
+    if (!state_.compare_exchange_strong(state, BUSY, std::memory_order_acq_rel)) {
+        return;
+    }
+    if (stalled_ && now - stalledSince_ > kStallLimit) {
+        IPC_LOGW("connection of process %{public}d has stalled and is closed", peer_->Who().pid);
+        Close(false);
+    }
+    Leave();
+}
+
+void ServerChannel::Abandon()
+{
+    if (Enter()) {
+        Close(false);
+        Leave();
+    }
+}
+
+void ServerChannel::Close(bool malformed)
+{
+    if (malformed) {
+        IPC_LOGE("malformed frame from process %{public}d, connection closed", peer_->Who().pid);
+    }
+    SetStalled(false);
+    inFlight_.Undo();
+    reader_.Reset();
+    std::vector<uint8_t>().swap(output_);
+    IpcProcess& process = IpcProcess::Get();
+    process.Workers().Unwatch(fd_.Get());
+    process.ForgetConnection(peer_->Who().uid);
+    fd_.Reset();
+    peer_.clear();
+}
+
+ServerChannel* ServerChannels::Open(UniqueFd fd, const sptr<Peer>& peer, const FrameReader& reader)
+{
+    MutexLock lock(mutex_);
+    ServerChannel* channel;
+    if (free_.empty()) {
+        channel = &channels_.emplace_back();
+        channel->home_ = this;
+    } else {
+        channel = free_.back();
+        free_.pop_back();
+    }
+    channel->fd_ = std::move(fd);
+    channel->peer_ = peer;
+    channel->reader_.TakeAheadOf(reader);
+    channel->state_.store(ServerChannel::IDLE, std::memory_order_release);
+    return channel;
+}
+
+void ServerChannels::Recycle(ServerChannel* channel)
+{
+    MutexLock lock(mutex_);
+    channel->state_.store(ServerChannel::FREE, std::memory_order_release);
+    free_.push_back(channel);
+}
+
+void ServerChannels::CloseStalled(Deadline now)
+{
+    std::vector<ServerChannel*> all;
+    {
+        MutexLock lock(mutex_);
+        for (ServerChannel& channel : channels_) {
+            all.push_back(&channel);
+        }
+    }
+    for (ServerChannel* channel : all) {
+        channel->CloseIfStalled(now);
+    }
+}
+
+}  // namespace VEXA::ipc

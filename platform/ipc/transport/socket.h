@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: Apache-2.0
+// The one seam to the kernel's sockets: interrupted calls, close-on-exec and SIGPIPE are dealt with here.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstddef>
+#include <string>
+#include <utility>
+
+namespace VEXA::ipc {
+
+using Deadline = std::chrono::steady_clock::time_point;
+
+// Owns a descriptor of the transport. Known to ProcessLife, so that a child of fork closes it.
+class UniqueFd {
+public:
+    UniqueFd() = default;
+    explicit UniqueFd(int fd);
+    UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    UniqueFd& operator=(UniqueFd&& other) noexcept
+    {
+        std::swap(fd_, other.fd_);
+        return *this;
+    }
+    ~UniqueFd() { Reset(); }
+    UniqueFd(const UniqueFd&) = delete;
+    UniqueFd& operator=(const UniqueFd&) = delete;
+
+    void Reset();
+    int Get() const { return fd_; }
+    explicit operator bool() const { return fd_ >= 0; }
+
+private:
+    int fd_ = -1;
+};
+
+// Who is at the other end, from the kernel. -1 where it does not say.
+struct Credentials {
+    pid_t pid = -1;
+    uid_t uid = static_cast<uid_t>(-1);
+    bool operator==(const Credentials& other) const { return pid == other.pid && uid == other.uid; }
+};
+
+// A connected stream socket; without a value when nobody listens there or the wait (a second) ran out. errno says why.
+UniqueFd ConnectTo(const std::string& path);
+// The same, never waiting: a full backlog is a failure too.
+UniqueFd ConnectAtOnce(const std::string& path);
+// A listening socket at the path. It appears there only once it listens, so that whoever sees it can connect.
+UniqueFd ListenAt(const std::string& path);
+UniqueFd AcceptFrom(const UniqueFd& listener);
+Credentials CredentialsOf(const UniqueFd& socket);
+
+// How a transfer ended.
+enum class Transfer { DONE, WOULD_BLOCK, END, FAILED };
+
+// Moves up to `size` bytes without waiting and tells how many in `moved`.
+Transfer SendNow(int fd, const void* bytes, size_t size, size_t& moved);
+Transfer ReceiveNow(int fd, void* bytes, size_t size, size_t& moved);
+
+// Sends all of it, waiting until the deadline. WOULD_BLOCK: the deadline has passed.
+Transfer SendAll(int fd, const void* bytes, size_t size, Deadline deadline);
+// Receives at least `least` and at most `most` bytes. The socket's own receive time-out bounds the first wait.
+Transfer ReceiveAtLeast(int fd, void* bytes, size_t least, size_t most, Deadline deadline, size_t& moved);
+void SetReceiveTimeout(int fd, int seconds);
+
+}  // namespace VEXA::ipc

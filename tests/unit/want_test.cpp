@@ -1,0 +1,161 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "vexa/want/want.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "parcel_access.h"
+#include "vexa/ipc/message_parcel.h"
+#include "vexa/testing/refusing_parcels.h"
+
+namespace AAFwk {
+namespace {
+
+using namespace std::string_literals;
+using VEXA::MessageParcel;
+using VEXA::Parcel;
+using VEXA::ParcelAccess;
+using Texts = std::vector<std::string>;
+
+Want Sample()
+{
+    Want want;
+    want.SetAction("act").SetBundleName("b").SetUri("u:1").SetFlags(0x10);
+    want.SetParam("b", true).SetParam("d", 1.5).SetParam("i", 7).SetParam("l", int64_t{1} << 40);
+    return want.SetParam("s", "text").SetParam("v", Texts{"x", ""});
+}
+
+// The bytes of Sample(), as docs/wire-format.md lists them.
+const std::string kSampleBytes =
+    "\3\0\0\0act\0"s
+    "\1\0\0\0b\0\0\0"s
+    "\0\0\0\0\0\0\0\0"s
+    "\3\0\0\0u:1\0"s
+    "\x10\0\0\0"s
+    "\6\0\0\0"s
+    "\1\0\0\0b\0\0\0\0\0\0\0\1\0\0\0"s
+    "\1\0\0\0d\0\0\0\3\0\0\0\0\0\0\0\0\0\xF8\x3F"s
+    "\1\0\0\0i\0\0\0\1\0\0\0\7\0\0\0"s
+    "\1\0\0\0l\0\0\0\2\0\0\0\0\0\0\0\0\1\0\0"s
+    "\1\0\0\0s\0\0\0\4\0\0\0\4\0\0\0text\0\0\0\0"s
+    "\1\0\0\0v\0\0\0\5\0\0\0\2\0\0\0\1\0\0\0x\0\0\0\0\0\0\0\0\0\0\0"s;
+
+std::string Bytes(const Want& want)
+{
+    Parcel parcel;
+    EXPECT_TRUE(want.Marshalling(parcel));
+    return {reinterpret_cast<const char*>(ParcelAccess::Data(parcel)), parcel.GetDataSize()};
+}
+
+std::unique_ptr<Want> FromBytes(const std::string& bytes, size_t size)
+{
+    Parcel parcel;
+    EXPECT_TRUE(ParcelAccess::ReserveTotal(parcel, bytes.size()));
+    std::memcpy(ParcelAccess::Data(parcel), bytes.data(), bytes.size());
+    ParcelAccess::SetSize(parcel, size);
+    return std::unique_ptr<Want>(Want::Unmarshalling(parcel));
+}
+
+std::string Word(uint32_t value)
+{
+    return {reinterpret_cast<const char*>(&value), sizeof(value)};
+}
+
+// A want of one parameter-to-be: empty texts, no flags, then `count` and `params`.
+std::unique_ptr<Want> FromParams(uint32_t count, const std::string& params)
+{
+    const std::string bytes = std::string(4 * 8 + 4, '\0') + Word(count) + params;
+    return FromBytes(bytes, bytes.size());
+}
+
+TEST(WantTest, TravelsInItsBytes)
+{
+    const Want want = Sample();
+    EXPECT_EQ(Bytes(want), kSampleBytes);
+
+    MessageParcel parcel;
+    ASSERT_TRUE(parcel.WriteParcelable(&want) && parcel.WriteInt32(9));
+    const auto read = parcel.ReadParcelable<Want>();
+    ASSERT_NE(read, nullptr);
+    EXPECT_EQ(*read, want);
+    EXPECT_EQ(read->GetAction(), "act");
+    EXPECT_EQ(read->GetAbilityName(), "");
+    EXPECT_EQ(read->GetParam<Texts>("v"), (Texts{"x", ""}));
+    EXPECT_EQ(parcel.ReadInt32(), 9);
+}
+
+TEST(WantTest, IsRefusedWhenCutAnywhere)
+{
+    ASSERT_NE(FromBytes(kSampleBytes, kSampleBytes.size()), nullptr);
+    for (size_t size = 0; size < kSampleBytes.size(); ++size) {
+        EXPECT_EQ(FromBytes(kSampleBytes, size), nullptr) << size;
+    }
+}
+
+TEST(WantTest, IsWrittenWholeOrNotAtAll)
+{
+    const Want want = Sample();
+    for (size_t limit = 0; limit < kSampleBytes.size() + 4; limit += 4) {
+        const VEXA::RefusingParcels refusing(limit);
+        Parcel parcel;
+        EXPECT_FALSE(parcel.WriteParcelable(&want)) << limit;
+        EXPECT_EQ(parcel.GetDataSize(), 0u);
+    }
+}
+
+TEST(WantTest, RefusesParametersThatAreNone)
+{
+    const std::string a = "\1\0\0\0a\0\0\0"s;
+    const std::string b = "\1\0\0\0b\0\0\0"s;
+    const std::string yes = Word(0) + Word(1);
+    const std::string room(Want::MAX_LIST * 8 + 64, '\0');
+
+    EXPECT_NE(FromParams(2, a + yes + b + yes), nullptr);
+    EXPECT_EQ(FromParams(2, b + yes + a + yes), nullptr) << "out of order";
+    EXPECT_EQ(FromParams(2, a + yes + a + yes), nullptr) << "twice";
+    EXPECT_EQ(FromParams(1, a + Word(6) + Word(1)), nullptr) << "unknown type";
+    EXPECT_EQ(FromParams(1, a + Word(UINT32_MAX) + Word(1)), nullptr) << "unknown type";
+    EXPECT_EQ(FromParams(3, a + yes + b + yes), nullptr) << "count beyond the bytes";
+    EXPECT_EQ(FromParams(UINT32_MAX, a + yes + room), nullptr) << "count beyond the limit";
+    EXPECT_NE(FromParams(1, a + Word(5) + Word(Want::MAX_LIST) + room), nullptr);
+    EXPECT_EQ(FromParams(1, a + Word(5) + Word(Want::MAX_LIST + 1) + room), nullptr) << "list beyond the limit";
+    EXPECT_EQ(FromParams(1, a + Word(5) + Word(9) + std::string(64, '\0')), nullptr) << "list beyond the bytes";
+}
+
+TEST(WantTest, DoesNotTravelBeyondItsLimits)
+{
+    Parcel parcel;
+    Want list;
+    EXPECT_TRUE(list.SetParam("v", Texts(Want::MAX_LIST)).Marshalling(parcel));
+    EXPECT_FALSE(list.SetParam("v", Texts(Want::MAX_LIST + 1)).Marshalling(parcel));
+
+    Want many;
+    for (uint32_t i = 0; i < Want::MAX_PARAMS; ++i) {
+        many.SetParam(std::to_string(i), static_cast<int32_t>(i));
+    }
+    const std::string bytes = Bytes(many);
+    const auto read = FromBytes(bytes, bytes.size());
+    ASSERT_NE(read, nullptr);
+    EXPECT_EQ(*read, many);
+    EXPECT_FALSE(many.SetParam("one more", 1).Marshalling(parcel));
+}
+
+TEST(WantTest, KeepsTheTypeOfAParameter)
+{
+    Want want;
+    want.SetParam("k", "literal");
+    EXPECT_EQ(want.GetParam<std::string>("k"), "literal");
+    EXPECT_EQ(want.GetParam<bool>("k", true), true);
+    want.SetParam("k", false);
+    EXPECT_EQ(want.GetParam<bool>("k", true), false);
+    EXPECT_EQ(want.GetParam<std::string>("k", "none"), "none");
+    EXPECT_FALSE(want.RemoveParam("k").HasParam("k"));
+    EXPECT_EQ(want, Want());
+}
+
+}  // namespace
+}  // namespace AAFwk
