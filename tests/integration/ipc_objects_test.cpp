@@ -1,0 +1,186 @@
+// SPDX-License-Identifier: Apache-2.0
+// Objects between real processes: identity, lifetime, passing on, death.
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "transport/object_transfer.h"
+#include "support/peer_fixture.h"
+
+namespace VEXA::test {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+class IpcObjects : public PeerTest {};
+
+TEST_F(IpcObjects, IdentityHoldsAcrossProcesses)
+{
+    const sptr<IRemoteObject> mine(new TestObject);
+    ASSERT_EQ(Call(hub_, KEEP).Object(mine).Send(), 0);
+    EXPECT_EQ(Call(hub_, GIVE).AnswerObject(), mine) << "what comes home is the original";
+    EXPECT_EQ(Call(hub_, CALL_KEPT).Int(4).Answer(), 5);
+    ChildProcess process;
+    const sptr<IRemoteObject> node = Start("node", process);
+    EXPECT_TRUE(node->IsProxyObject());
+    EXPECT_EQ(Fetch("node"), node) << "one proxy an object, as long as anyone holds it";
+    EXPECT_EQ(Call(hub_, GIVE).AnswerObject(), mine);
+}
+
+TEST_F(IpcObjects, ObjectLivesAsLongAsItsLastHolder)
+{
+    const int before = TestObject::Alive();
+    ASSERT_EQ(Call(hub_, KEEP).Object(new TestObject).Send(), 0);
+    EXPECT_EQ(TestObject::Alive(), before + 1);
+    EXPECT_EQ(Call(hub_, CALL_KEPT).Int(4).Answer(), 5);
+    ASSERT_EQ(Call(hub_, DROP).Send(), 0);
+    EXPECT_TRUE(Eventually([&] { return TestObject::Alive() == before; })) << "the last holder has let go";
+
+    ChildProcess process;
+    const sptr<IRemoteObject> node = Start("node", process);
+    ASSERT_EQ(Call(node, KEEP).Object(new TestObject).Send(), 0);
+    process.Kill();
+    EXPECT_TRUE(Eventually([&] { return TestObject::Alive() == before; })) << "the last holder has died";
+}
+
+// What a passed-on object needs is only its owner and its holder: the process in between may be gone.
+TEST_F(IpcObjects, ObjectPassedThroughAThirdProcessIsCallable)
+{
+    ChildProcess first;
+    ChildProcess second;
+    const sptr<IRemoteObject> a = Start("a", first);
+    const sptr<IRemoteObject> b = Start("b", second);
+    for (int i = 0; i < 200; ++i) {
+        // b keeps an object of a's that nobody else holds any more, and that travelled through this process.
+        ASSERT_EQ(Call(b, KEEP).Object(Call(a, MAKE_NEW).AnswerObject()).Send(), 0);
+        ASSERT_EQ(Call(b, CALL_KEPT).Int(i).Answer(), i + 1);
+    }
+    const sptr<IRemoteObject> made = Call(b, GIVE).AnswerObject();
+    second.Kill();
+    EXPECT_EQ(Call(made, ADD_ONE).Int(1).Answer(), 2);
+    first.Kill();
+    EXPECT_EQ(Call(made, ADD_ONE).Int(1).Send(), IPC_DEAD_OBJECT);
+}
+
+TEST_F(IpcObjects, PassesLeaveNothingBehind)
+{
+    ChildProcess process;
+    const sptr<IRemoteObject> node = Start("node", process);
+    const sptr<IRemoteObject> mine(new TestObject);
+    const auto passes = [&](int count) {
+        for (int i = 0; i < count; ++i) {
+            ASSERT_EQ(Call(node, KEEP).Object(mine).Send(), 0);
+            ASSERT_EQ(Call(node, GIVE).AnswerObject(), mine);
+            ASSERT_EQ(Call(hub_, KEEP).Object(Call(node, MAKE_NEW).AnswerObject()).Send(), 0);
+        }
+        ASSERT_EQ(Call(node, DROP).Send(), 0);
+        ASSERT_EQ(Call(hub_, DROP).Send(), 0);
+    };
+    passes(2000);
+    ASSERT_TRUE(TableSettlesAt(node, 1)) << "the hub holds the node's own object";
+    const int64_t nodeBefore = ResidentOf(node);
+    const int64_t hubBefore = ResidentOf(hub_);
+    const int64_t ownBefore = TestObject::ResidentBytes();
+    passes(25'000);  // four passes of an object each
+    EXPECT_TRUE(TableSettlesAt(node, 1));
+    EXPECT_TRUE(Eventually([] { return ipc::IpcProcess::Get().Objects().Size() == 0; }));
+    const int64_t slack = int64_t{4} << 20;
+    EXPECT_LT(ResidentOf(node), nodeBefore + slack);
+    EXPECT_LT(ResidentOf(hub_), hubBefore + slack);
+    EXPECT_LT(TestObject::ResidentBytes(), ownBefore + slack);
+}
+
+TEST_F(IpcObjects, GuessedNumbersAreRefused)
+{
+    ChildProcess process;
+    const sptr<IRemoteObject> node = Start("node", process);
+    ASSERT_EQ(Call(node, KEEP).Object(Call(hub_, MAKE_NEW).AnswerObject()).Send(), 0);
+    ASSERT_EQ(TableSizeOf(hub_), 1) << "the hub has an object out, with another process";
+    const sptr<ipc::Peer> hub = ipc::IpcProcess::Get().ContextPeer();
+    for (ipc::ObjectId guess = 1; guess < 50; ++guess) {
+        // What this process has given back, it may call until the hub hears of it.
+        EXPECT_TRUE(Eventually([&] { return Call(hub->Proxy(guess), ADD_ONE).Int(1).Send() == IPC_REFUSED; }));
+    }
+    EXPECT_EQ(Call(node, CALL_KEPT).Int(1).Answer(), 2);
+    EXPECT_EQ(Call(hub_, ADD_ONE).Int(1).Answer(), 2);
+}
+
+TEST_F(IpcObjects, RequestsEndAtOnceWithTheProcess)
+{
+    for (const Death how : {BY_KILL, BY_ABORT, BY_EXIT}) {
+        ChildProcess process;
+        const sptr<IRemoteObject> node = Start("node", process);
+        const sptr<CountingRecipient> recipient(new CountingRecipient);
+        const sptr<CountingRecipient> removed(new CountingRecipient);
+        ASSERT_TRUE(node->AddDeathRecipient(recipient));
+        ASSERT_TRUE(node->AddDeathRecipient(removed));
+        ASSERT_TRUE(node->RemoveDeathRecipient(removed));
+        EXPECT_FALSE(node->RemoveDeathRecipient(removed));
+        std::thread hanging([&] { EXPECT_EQ(Call(node, HANG).Send(), IPC_DEAD_OBJECT); });
+        const auto start = Clock::now();
+        EXPECT_EQ(Call(node, DIE).Int(how).Send(), IPC_DEAD_OBJECT);
+        hanging.join();
+        EXPECT_TRUE(Eventually([&] { return recipient->count == 1; }));
+        EXPECT_LT(Clock::now() - start, std::chrono::seconds(2));
+        EXPECT_EQ(recipient->of, node.GetRefPtr());
+        EXPECT_TRUE(node->IsObjectDead());
+        EXPECT_EQ(Call(node, ADD_ONE).Int(1).Send(), IPC_DEAD_OBJECT);
+        EXPECT_EQ(removed->count, 0);
+        const sptr<CountingRecipient> late(new CountingRecipient);
+        ASSERT_TRUE(node->AddDeathRecipient(late)) << "a watch on the dead succeeds, and is told at once";
+        EXPECT_TRUE(Eventually([&] { return late->count == 1; }));
+        EXPECT_EQ(recipient->count, 1);
+        process.Wait();
+    }
+    EXPECT_FALSE(sptr<IRemoteObject>(new TestObject)->AddDeathRecipient(new CountingRecipient));
+}
+
+TEST_F(IpcObjects, NoticeComesWithinATenthOfASecond)
+{
+    std::vector<double> waits;
+    for (int i = 0; i < 9; ++i) {
+        ChildProcess process;
+        const sptr<IRemoteObject> node = Start("node", process);
+        const sptr<CountingRecipient> recipient(new CountingRecipient);
+        ASSERT_TRUE(node->AddDeathRecipient(recipient));
+        process.Signal(SIGKILL);
+        const auto start = Clock::now();
+        ASSERT_TRUE(Eventually([&] { return recipient->count == 1; }));
+        waits.push_back(std::chrono::duration<double>(Clock::now() - start).count());
+    }
+    std::sort(waits.begin(), waits.end());
+    EXPECT_LT(waits[waits.size() / 2], 0.1) << "the median, since the machine may be busy with other tests";
+}
+
+// A watch and its withdrawal race with the death: the recipient runs once or, if it was withdrawn, never.
+TEST_F(IpcObjects, WatchesRaceWithDeath)
+{
+    for (int round = 0; round < 10; ++round) {
+        ChildProcess process;
+        const sptr<IRemoteObject> node = Start("node", process);
+        std::atomic<bool> stop{false};
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; ++t) {
+            threads.emplace_back([&] {
+                while (!stop) {
+                    const sptr<CountingRecipient> recipient(new CountingRecipient);
+                    node->AddDeathRecipient(recipient);
+                    if (node->RemoveDeathRecipient(recipient)) {
+                        EXPECT_EQ(recipient->count, 0);
+                    } else {
+                        EXPECT_TRUE(Eventually([&] { return recipient->count == 1; }));
+                    }
+                }
+            });
+        }
+        process.Kill();
+        ASSERT_TRUE(Eventually([&] { return node->IsObjectDead(); }));
+        stop = true;
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+    }
+}
+
+}  // namespace
+}  // namespace VEXA::test

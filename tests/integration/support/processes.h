@@ -1,0 +1,132 @@
+// SPDX-License-Identifier: Apache-2.0
+// What tests across processes need: a runtime directory of their own, child processes that end with them, and waiting
+// for a condition instead of for a time.
+#pragma once
+
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace VEXA::test {
+
+// Waits until `condition` holds, for at most `limit`; what it says at the end.
+inline bool Eventually(
+    const std::function<bool()>& condition, std::chrono::milliseconds limit = std::chrono::seconds(20))
+{
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return condition();
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+// A folder under the system's for temporary files; removed with everything in it.
+class TempDir {
+public:
+    TempDir()
+    {
+        std::string name = (std::filesystem::temp_directory_path() / "vexa-test-XXXXXX").string();
+        path_ = mkdtemp(name.data());
+    }
+    ~TempDir()
+    {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    const std::string& Path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+// Makes a fresh directory this process's runtime directory. A process reads its runtime directory once, so a test
+// program has one of these, made before anything else.
+class TestRuntime : public TempDir {
+public:
+    TestRuntime() { setenv("VEXA_RUNTIME_DIR", Path().c_str(), 1); }
+};
+
+// A program that runs while this object lives, and no longer.
+class ChildProcess {
+public:
+    ChildProcess() = default;
+    explicit ChildProcess(std::vector<std::string> command)
+    {
+        std::vector<char*> arguments;
+        for (std::string& word : command) {
+            arguments.push_back(word.data());
+        }
+        arguments.push_back(nullptr);
+        const pid_t parent = getpid();
+        pid_ = fork();
+        if (pid_ == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            if (getppid() == parent) {
+                execvp(arguments[0], arguments.data());
+            }
+            _exit(127);
+        }
+    }
+    ChildProcess(ChildProcess&& other) noexcept : pid_(std::exchange(other.pid_, -1)) {}
+    ChildProcess& operator=(ChildProcess&& other) noexcept
+    {
+        std::swap(pid_, other.pid_);
+        return *this;
+    }
+    ~ChildProcess() { Kill(); }
+
+    pid_t Pid() const { return pid_; }
+    void Signal(int signal) const { kill(pid_, signal); }
+    // Returns when it has stopped.
+    void Stop() const
+    {
+        Signal(SIGSTOP);
+        waitpid(pid_, nullptr, WUNTRACED);
+    }
+    // Ends it at once, and returns when it is gone.
+    void Kill()
+    {
+        if (pid_ > 0) {
+            Signal(SIGKILL);
+            Wait();
+        }
+    }
+    // Waits for its end; the status of waitpid.
+    int Wait()
+    {
+        int status = 0;
+        if (pid_ > 0) {
+            waitpid(pid_, &status, 0);
+            pid_ = -1;
+        }
+        return status;
+    }
+
+private:
+    pid_t pid_ = -1;
+};
+
+// The folder of the running test program, and of the programs built beside it.
+inline std::string BesideMe(const std::string& program)
+{
+    return (std::filesystem::read_symlink("/proc/self/exe").parent_path() / program).string();
+}
+
+}  // namespace VEXA::test
