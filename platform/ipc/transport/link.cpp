@@ -127,7 +127,7 @@ bool Link::WaitFlushed(Deadline deadline)
     MutexLock lock(outMutex_);
     flushed_.WaitUntil(
         outMutex_, deadline, [this]() VEXA_NO_THREAD_SAFETY_ANALYSIS { return out_.empty() || outClosed_; });
-    return out_.empty() && !outClosed_;
+    return out_.empty() || outClosed_;
 }
 
 bool Link::FlushLocked()

@@ -43,7 +43,7 @@ public:
 
     // Queues a frame and returns; false when the link is closed or its peer takes nothing any more.
     bool Send(const void* frame, size_t size);
-    // Waits until everything queued has reached the kernel.
+    // Waits until everything queued has reached the kernel, or the link has ended.
     bool WaitFlushed(Deadline deadline);
     // Makes the reactor see the end of this connection.
     void Shutdown();

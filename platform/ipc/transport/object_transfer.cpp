@@ -46,11 +46,11 @@ bool ObjectTransfer::PackOne(const sptr<IRemoteObject>& object, Peer& receiver, 
         return true;
     }
     // The owner hears of its new holder from this process, which holds the object, and before the holder can speak: the
-    // grant is with the kernel before the frame leaves.
+    // grant is with the kernel before the frame leaves. An owner that can't be told any more is ending, and the
+    // receiver finds it dead.
     const FrameHeader grant = MakeHeader(FrameKind::GRANT, proxy->Id(), receiver.Id());
-    return (item.owner->SendOnLink(&grant, sizeof(grant)) &&
-               item.owner->WaitLinkFlushed(std::chrono::steady_clock::now() + kFlushWait)) ||
-        item.owner->Dead();
+    return !item.owner->SendOnLink(&grant, sizeof(grant)) ||
+        item.owner->WaitLinkFlushed(std::chrono::steady_clock::now() + kFlushWait);
 }
 
 bool ObjectTransfer::Pack(MessageParcel& parcel, Peer& receiver, FrameHeader& header)

@@ -39,7 +39,7 @@ bool Peer::WaitLinkFlushed(Deadline deadline)
     {
         MutexLock lock(mutex_);
         if (links_.empty()) {
-            return false;
+            return true;
         }
         link = links_.front();
     }

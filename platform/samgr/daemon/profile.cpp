@@ -1,0 +1,324 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "daemon/profile.h"
+
+#include <cjson/cJSON.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <filesystem>
+#include <set>
+
+#include "daemon/unique_fd.h"
+#include "daemon/user.h"
+#include "samgr_log.h"
+
+namespace VEXA::samgr {
+
+namespace {
+
+constexpr size_t kMaxProfileBytes = 64 * 1024;
+constexpr double kMaxStartSeconds = 300;
+
+using JsonRoot = std::unique_ptr<cJSON, decltype(&cJSON_Delete)>;
+
+// Reads the fields of one profile; the first fault is kept.
+class ProfileReader {
+public:
+    ProfileReader(const cJSON* root, std::string& error) : root_(root), error_(error) {}
+
+    bool Read(Profile& profile)
+    {
+        CheckKeys();
+        ReadId(profile.id);
+        ReadText("program", profile.program, true);
+        ReadText("user", profile.user, false);
+        ReadText("directory", profile.directory, false);
+        ReadArguments(profile.arguments);
+        ReadEnvironment(profile.environment);
+        ReadStartTimeout(profile.startTimeout);
+        CheckUser(profile);
+        profile.lookup.everyone = Item("lookup") == nullptr;
+        ReadUsers("register", profile.registrars);
+        ReadUsers("lookup", profile.lookup);
+        if (Item("register") == nullptr) {
+            profile.registrars.uids.push_back(geteuid());
+        }
+        return error_.empty();
+    }
+
+private:
+    const cJSON* Item(const char* key) const { return cJSON_GetObjectItemCaseSensitive(root_, key); }
+
+    void Fault(const std::string& text)
+    {
+        if (error_.empty()) {
+            error_ = text;
+        }
+    }
+
+    void CheckKeys()
+    {
+        static const std::set<std::string> known = {
+            "id", "program", "arguments", "user", "directory", "environment", "startTimeout", "register", "lookup"};
+        for (const cJSON* item = root_->child; item != nullptr; item = item->next) {
+            if (known.count(item->string) == 0) {
+                Fault("unknown key \"" + std::string(item->string) + "\"");
+            }
+        }
+    }
+
+    void ReadId(int32_t& id)
+    {
+        const cJSON* item = Item("id");
+        const double value = cJSON_IsNumber(item) ? item->valuedouble : 0;
+        if (!(value >= 1 && value <= INT32_MAX) || value != std::floor(value)) {
+            Fault("\"id\" must be a whole number from 1 to 2147483647");
+            return;
+        }
+        id = static_cast<int32_t>(value);
+    }
+
+    void ReadText(const char* key, std::string& value, bool required)
+    {
+        const cJSON* item = Item(key);
+        if (cJSON_IsString(item) && item->valuestring[0] != '\0') {
+            value = item->valuestring;
+        } else if (item != nullptr || required) {
+            Fault("\"" + std::string(key) + "\" must be a text that is not empty");
+        }
+    }
+
+    void ReadArguments(std::vector<std::string>& arguments)
+    {
+        const cJSON* list = Item("arguments");
+        if (list != nullptr && !cJSON_IsArray(list)) {
+            Fault("\"arguments\" must be a list of texts");
+            return;
+        }
+        for (const cJSON* item = list != nullptr ? list->child : nullptr; item != nullptr; item = item->next) {
+            if (!cJSON_IsString(item)) {
+                Fault("\"arguments\" must be a list of texts");
+                return;
+            }
+            arguments.emplace_back(item->valuestring);
+        }
+    }
+
+    void ReadEnvironment(std::map<std::string, std::string>& environment)
+    {
+        const cJSON* object = Item("environment");
+        if (object != nullptr && !cJSON_IsObject(object)) {
+            Fault("\"environment\" must be an object of texts");
+            return;
+        }
+        for (const cJSON* item = object != nullptr ? object->child : nullptr; item != nullptr; item = item->next) {
+            const std::string name = item->string;
+            if (!cJSON_IsString(item) || name.empty() || name.find('=') != std::string::npos) {
+                Fault("\"environment\" must be an object of texts, its keys names of variables");
+                return;
+            }
+            environment[name] = item->valuestring;
+        }
+    }
+
+    void ReadStartTimeout(std::chrono::milliseconds& timeout)
+    {
+        const cJSON* item = Item("startTimeout");
+        if (item == nullptr) {
+            return;
+        }
+        const double seconds = cJSON_IsNumber(item) ? item->valuedouble : 0;
+        if (!(seconds >= 0.001 && seconds <= kMaxStartSeconds)) {
+            Fault("\"startTimeout\" must be a number of seconds up to 300");
+            return;
+        }
+        timeout = std::chrono::milliseconds(static_cast<int64_t>(seconds * 1000));
+    }
+
+    // A service that registers again with the next manager is not that one's child: it must be allowed as a user.
+    void CheckUser(Profile& profile)
+    {
+        uid_t uid = 0;
+        if (profile.user.empty()) {
+            return;
+        }
+        if (!FindUid(profile.user, uid)) {
+            Fault("user \"" + profile.user + "\" is not known");
+            return;
+        }
+        if (Item("register") == nullptr) {
+            profile.registrars.uids.push_back(uid);
+        }
+    }
+
+    void ReadUsers(const char* key, UserList& users)
+    {
+        const cJSON* list = Item(key);
+        if (list != nullptr && !cJSON_IsArray(list)) {
+            Fault("\"" + std::string(key) + "\" must be a list of users");
+            return;
+        }
+        for (const cJSON* item = list != nullptr ? list->child : nullptr; item != nullptr; item = item->next) {
+            ReadUser(key, item, users);
+        }
+    }
+
+    void ReadUser(const char* key, const cJSON* item, UserList& users)
+    {
+        uid_t uid = 0;
+        if (cJSON_IsString(item) && std::string(item->valuestring) == "*") {
+            users.everyone = true;
+        } else if (cJSON_IsNumber(item) && item->valuedouble >= 0 && item->valuedouble < UINT32_MAX &&
+                   item->valuedouble == std::floor(item->valuedouble)) {
+            users.uids.push_back(static_cast<uid_t>(item->valuedouble));
+        } else if (cJSON_IsString(item) && FindUid(item->valuestring, uid)) {
+            users.uids.push_back(uid);
+        } else {
+            Fault("\"" + std::string(key) + "\" names a user that is not known");
+        }
+    }
+
+    const cJSON* root_;
+    std::string& error_;
+};
+
+bool ReadText(const std::filesystem::path& path, std::string& text, std::string& error)
+{
+    // Not to hang on a pipe that bears a profile's name.
+    const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    struct stat status = {};
+    if (file.Get() < 0 || fstat(file.Get(), &status) != 0) {
+        error = "can't be opened";
+        return false;
+    }
+    if (!S_ISREG(status.st_mode)) {
+        error = "is not a file";
+        return false;
+    }
+    std::array<char, 4096> chunk;
+    ssize_t count = 0;
+    while ((count = read(file.Get(), chunk.data(), chunk.size())) > 0) {
+        text.append(chunk.data(), static_cast<size_t>(count));
+        if (text.size() > kMaxProfileBytes) {
+            error = "is larger than 64 KiB";
+            return false;
+        }
+    }
+    if (count < 0) {
+        error = "can't be read";
+    }
+    return count == 0;
+}
+
+std::vector<std::filesystem::path> ProfileFiles(const std::string& directory)
+{
+    std::vector<std::filesystem::path> files;
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
+         entry.increment(error)) {
+        if (entry->path().extension() == ".json") {
+            files.push_back(entry->path());
+        }
+    }
+    if (error) {
+        SAMGR_LOGW("profiles of %{public}s: %{public}s", directory.c_str(), error.message().c_str());
+    }
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+ProfilePtr ReadProfile(const std::filesystem::path& path)
+{
+    std::string text;
+    std::string error;
+    const auto profile = std::make_shared<Profile>();
+    if (ReadText(path, text, error) && ParseProfile(text, *profile, error)) {
+        return profile;
+    }
+    SAMGR_LOGE("profile %{public}s is left out: %{public}s", path.c_str(), error.c_str());
+    return nullptr;
+}
+
+}  // namespace
+
+bool UserList::Allows(uid_t uid) const
+{
+    if (everyone) {
+        return true;
+    }
+    return uid != static_cast<uid_t>(-1) && std::find(uids.begin(), uids.end(), uid) != uids.end();
+}
+
+bool ParseProfile(const std::string& text, Profile& profile, std::string& error)
+{
+    profile = Profile();
+    error.clear();
+    const bool hasNul = text.find('\0') != std::string::npos;
+    const JsonRoot root(
+        hasNul ? nullptr : cJSON_ParseWithLengthOpts(text.c_str(), text.size() + 1, nullptr, 1), &cJSON_Delete);
+    if (!cJSON_IsObject(root.get())) {
+        error = "is not one JSON object";
+        return false;
+    }
+    return ProfileReader(root.get(), error).Read(profile);
+}
+
+std::vector<ProfilePtr> ReadProfiles(const std::vector<std::string>& directories)
+{
+    std::vector<ProfilePtr> profiles;
+    std::set<int32_t> ids;
+    for (const std::string& directory : directories) {
+        for (const auto& file : ProfileFiles(directory)) {
+            ProfilePtr profile = ReadProfile(file);
+            if (profile == nullptr) {
+                continue;
+            }
+            if (!ids.insert(profile->id).second) {
+                SAMGR_LOGE("profile %{public}s is left out: another one names service %{public}d already", file.c_str(),
+                    profile->id);
+                continue;
+            }
+            profiles.push_back(std::move(profile));
+        }
+    }
+    return profiles;
+}
+
+bool ExpandVariables(const std::string& text, const VariableLookup& lookup, std::string& result, std::string& error)
+{
+    result.clear();
+    size_t position = 0;
+    while (position < text.size()) {
+        const size_t dollar = std::min(text.find('$', position), text.size());
+        result.append(text, position, dollar - position);
+        position = dollar;
+        if (text.compare(dollar, 2, "$$") == 0) {
+            result += '$';
+            position += 2;
+        } else if (text.compare(dollar, 2, "${") == 0) {
+            const size_t end = text.find('}', dollar);
+            if (end == std::string::npos) {
+                error = "the brace after a dollar sign of its profile is not closed";
+                return false;
+            }
+            const std::string name = text.substr(dollar + 2, end - dollar - 2);
+            const char* value = lookup(name);
+            if (value == nullptr) {
+                error = "variable " + name + " of its profile is not set";
+                return false;
+            }
+            result += value;
+            position = end + 1;
+        } else if (dollar < text.size()) {
+            result += '$';
+            position += 1;
+        }
+    }
+    return true;
+}
+
+}  // namespace VEXA::samgr

@@ -1,0 +1,54 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the manager knows of a service: one JSON file each. docs/manager.md describes the fields.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace VEXA::samgr {
+
+// The users that may do something.
+struct UserList {
+    bool everyone = false;
+    std::vector<uid_t> uids;
+
+    // The unknown user, uid -1, is nobody that a list can name.
+    bool Allows(uid_t uid) const;
+};
+
+struct Profile {
+    int32_t id = 0;
+    std::string program;
+    std::vector<std::string> arguments;
+    std::string user;       // empty: the manager's own
+    std::string directory;  // empty: /
+    std::map<std::string, std::string> environment;
+    std::chrono::milliseconds startTimeout{5000};
+    UserList registrars;
+    UserList lookup;
+};
+
+using ProfilePtr = std::shared_ptr<const Profile>;
+
+// Reads a profile from its text. False, with the reason in `error`, when it is not a valid one.
+bool ParseProfile(const std::string& text, Profile& profile, std::string& error);
+
+// The profiles of the directories' *.json files in the order of directories and names. Files that are not valid, and
+// those that name an identifier again, are logged and left out.
+std::vector<ProfilePtr> ReadProfiles(const std::vector<std::string>& directories);
+
+// Looks a variable up; null when it is not set.
+using VariableLookup = std::function<const char*(const std::string& name)>;
+
+// Replaces ${NAME} by the variable's value and $$ by one dollar sign. False, with the reason in `error`, when a
+// variable is not set or a brace is missing.
+bool ExpandVariables(const std::string& text, const VariableLookup& lookup, std::string& result, std::string& error);
+
+}  // namespace VEXA::samgr

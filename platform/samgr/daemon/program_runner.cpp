@@ -1,0 +1,144 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "daemon/program_runner.h"
+
+#include <sys/epoll.h>
+#include <sys/wait.h>
+
+#include <array>
+#include <csignal>
+#include <filesystem>
+
+#include "daemon/output_lines.h"
+#include "daemon/spawn.h"
+#include "samgr_log.h"
+
+namespace VEXA::samgr {
+
+namespace {
+
+// The most that is read of a program that has ended: what it starts may hold its pipe, and write on.
+constexpr int kLastReads = 16;
+
+void LogLine(const std::string& name, pid_t pid, const std::string& line)
+{
+    SAMGR_LOGI("%{public}s[%{public}d]: %{public}s", name.c_str(), pid, line.c_str());
+}
+
+}  // namespace
+
+struct ProgramRunner::Program {
+    Program(ProgramRunner& owner, const std::string& programName, SpawnedProgram&& started)
+        : runner(owner),
+          name(programName),
+          spawned(std::move(started)),
+          lines([this](const std::string& line) { LogLine(name, spawned.pid, line); })
+    {}
+    ~Program()
+    {
+        sd_event_source_disable_unref(output);
+        sd_event_source_disable_unref(exit);
+    }
+
+    // False at the end of the output, or when there is nothing to read now.
+    bool ReadSome()
+    {
+        std::array<char, 4096> chunk;
+        const ssize_t count = read(spawned.output.Get(), chunk.data(), chunk.size());
+        if (count > 0) {
+            lines.Take(chunk.data(), static_cast<size_t>(count));
+        }
+        return count > 0;
+    }
+
+    ProgramRunner& runner;
+    const std::string name;
+    SpawnedProgram spawned;
+    OutputLines lines;
+    sd_event_source* output = nullptr;
+    sd_event_source* exit = nullptr;
+};
+
+ProgramRunner::ProgramRunner(sd_event* loop) : loop_(sd_event_ref(loop)) {}
+
+ProgramRunner::~ProgramRunner()
+{
+    programs_.clear();
+    sd_event_unref(loop_);
+}
+
+pid_t ProgramRunner::Start(const Profile& profile, std::string& reason)
+{
+    SpawnPlan plan;
+    SpawnedProgram spawned;
+    if (!PlanProgram(profile, plan, reason) || !Spawn(plan, spawned, reason)) {
+        return 0;
+    }
+    const pid_t pid = spawned.pid;
+    const std::string name = std::filesystem::path(plan.path).filename();
+    auto program = std::make_unique<Program>(*this, name, std::move(spawned));
+    if (!Watch(*program)) {
+        reason = "it can't be watched";
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+        return 0;
+    }
+    programs_[pid] = std::move(program);
+    return pid;
+}
+
+bool ProgramRunner::Watch(Program& program)
+{
+    return sd_event_add_child(loop_, &program.exit, program.spawned.pid, WEXITED, &ProgramRunner::OnExit, &program) >=
+               0 &&
+           sd_event_add_io(
+               loop_, &program.output, program.spawned.output.Get(), EPOLLIN, &ProgramRunner::OnOutput, &program) >= 0;
+}
+
+int ProgramRunner::OnOutput(sd_event_source* source, int, uint32_t events, void* data)
+{
+    auto* program = static_cast<Program*>(data);
+    if (!program->ReadSome() && (events & (EPOLLHUP | EPOLLERR)) != 0) {
+        sd_event_source_set_enabled(source, SD_EVENT_OFF);
+    }
+    return 0;
+}
+
+int ProgramRunner::OnExit(sd_event_source*, const siginfo_t* info, void* data)
+{
+    auto* program = static_cast<Program*>(data);
+    ProgramRunner& runner = program->runner;
+    const pid_t pid = program->spawned.pid;
+    for (int reads = 0; reads < kLastReads && program->ReadSome(); ++reads) {
+    }
+    program->lines.Flush();
+    ProgramEnd end;
+    end.bySignal = info->si_code != CLD_EXITED;
+    end.status = info->si_status;
+    ReadStartFailure(program->spawned.failure, end);
+    LogLine(program->name, pid,
+        end.bySignal ? "ended by signal " + std::to_string(end.status)
+                     : "ended with status " + std::to_string(end.status));
+    if (runner.onEnd_) {
+        runner.onEnd_(pid, end);
+    }
+    runner.programs_.erase(pid);
+    return 0;
+}
+
+void ProgramRunner::Kill(pid_t pid)
+{
+    if (programs_.count(pid) != 0) {
+        kill(pid, SIGKILL);  // before it has made its session, there is no group
+        kill(-pid, SIGKILL);
+    }
+}
+
+void ProgramRunner::SignalAll(int signal)
+{
+    for (const auto& [pid, program] : programs_) {
+        kill(pid, signal);
+        kill(-pid, signal);
+    }
+}
+
+}  // namespace VEXA::samgr

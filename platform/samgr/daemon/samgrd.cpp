@@ -1,0 +1,59 @@
+// SPDX-License-Identifier: Apache-2.0
+// samgrd: the system-ability manager's program.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "daemon/daemon.h"
+
+namespace {
+
+// Descriptors 0 to 2 must not become those of sockets.
+void OpenStandardStreams()
+{
+    int fd = 0;
+    do {
+        fd = open("/dev/null", O_RDWR);
+    } while (fd >= 0 && fd <= STDERR_FILENO);
+    close(fd);
+}
+
+std::string DefaultProfiles()
+{
+    std::error_code error;
+    const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
+    return program.parent_path().parent_path() / "share" / "vexa" / "profiles";
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    OpenStandardStreams();
+    CLI::App app("Finds system services by number and starts them on demand.", "samgrd");
+    std::vector<std::string> profiles;
+    std::string runtimeDirectory;
+    app.add_option("--profiles", profiles, "Directory of service profiles; may be given more than once")
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+        ->default_str(DefaultProfiles());
+    app.add_option("--runtime-dir", runtimeDirectory,
+        "Directory of the sockets (default: VEXA_RUNTIME_DIR, else "
+        "$XDG_RUNTIME_DIR/vexa, else /run/vexa for root)");
+    app.set_version_flag("--version", "samgrd " VEXA_VERSION);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        const int status = app.exit(error);
+        return status == 0 ? 0 : VEXA::samgr::EXIT_USAGE;
+    }
+    if (!runtimeDirectory.empty()) {
+        setenv("VEXA_RUNTIME_DIR", runtimeDirectory.c_str(), 1);
+    }
+    return VEXA::samgr::RunDaemon(profiles.empty() ? std::vector<std::string>{DefaultProfiles()} : profiles);
+}

@@ -1,0 +1,297 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "daemon/service_table.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstring>
+#include <utility>
+
+#include "samgr_log.h"
+
+namespace VEXA::samgr {
+
+namespace {
+
+LoadOutcome EndOutcome(int32_t id, const ProfilePtr& profile, pid_t pid, const ProgramEnd& end)
+{
+    const std::string program = (profile != nullptr ? profile->program : "program") + "[" + std::to_string(pid) + "]";
+    if (end.startErrno != 0) {
+        return {id, SAMGR_PROGRAM_MISSING, nullptr,
+            program + " can't be started: " + end.startStep + ": " + strerror(end.startErrno)};
+    }
+    const std::string how =
+        end.bySignal ? " was ended by signal " + std::to_string(end.status) + " (" + strsignal(end.status) + ")"
+                     : " ended with status " + std::to_string(end.status);
+    return {id, SAMGR_PROGRAM_EXITED, nullptr, program + how + " before it registered"};
+}
+
+}  // namespace
+
+class ServiceTable::ObjectRecipient : public IRemoteObject::DeathRecipient {
+public:
+    ObjectRecipient(const wptr<ServiceTable>& table, int32_t id) : table_(table), id_(id) {}
+    void OnRemoteDied(const wptr<IRemoteObject>& object) override
+    {
+        if (const auto table = table_.Promote()) {
+            table->OnObjectDied(id_, object);
+        }
+    }
+
+private:
+    const wptr<ServiceTable> table_;
+    const int32_t id_;
+};
+
+ServiceTable::ServiceTable(Setting setting) : setting_(std::move(setting)) {}
+
+void ServiceTable::SetProfiles(const std::vector<ProfilePtr>& profiles)
+{
+    MutexLock lock(mutex_);
+    for (auto& [id, service] : services_) {
+        service.profile = nullptr;
+    }
+    for (const ProfilePtr& profile : profiles) {
+        services_[profile->id].profile = profile;
+    }
+}
+
+ServiceTable::Service* ServiceTable::Find(int32_t id)
+{
+    const auto found = services_.find(id);
+    return found != services_.end() && found->second.profile != nullptr ? &found->second : nullptr;
+}
+
+// The started program of that process, if it was started for that service.
+ServiceTable::Program* ServiceTable::FindProgram(int32_t id, pid_t pid)
+{
+    const auto found = programs_.find(pid);
+    return found != programs_.end() && found->second.id == id ? &found->second : nullptr;
+}
+
+void ServiceTable::Forget(Service& service)
+{
+    service.object = nullptr;
+    service.recipient = nullptr;
+    service.owner = -1;
+}
+
+bool ServiceTable::Lives(const Service& service)
+{
+    return service.object != nullptr && !service.object->IsObjectDead();
+}
+
+sptr<IRemoteObject> ServiceTable::Check(int32_t id, const Caller& caller)
+{
+    MutexLock lock(mutex_);
+    const Service* service = Find(id);
+    return service != nullptr && service->profile->lookup.Allows(caller.uid) && Lives(*service) ? service->object
+                                                                                                : nullptr;
+}
+
+int32_t ServiceTable::Load(int32_t id, const Caller& caller, LoadDone done)
+{
+    MutexLock lock(mutex_);
+    Service* service = Find(id);
+    if (service == nullptr) {
+        return SAMGR_NO_PROFILE;
+    }
+    if (!service->profile->lookup.Allows(caller.uid)) {
+        return SAMGR_NOT_ALLOWED;
+    }
+    if (stopped_ || service->waiting.size() >= kMaxWaitingLoads) {
+        return SAMGR_BUSY;
+    }
+    if (Lives(*service)) {
+        const LoadOutcome outcome{id, SAMGR_OK, service->object, {}};
+        lock.Unlock();
+        done(outcome);
+        return SAMGR_OK;
+    }
+    service->waiting.push_back(std::move(done));
+    if (service->phase == Phase::kIdle) {
+        service->phase = Phase::kWaitingToStart;
+        service->due = std::max(service->throttle.EarliestStart(setting_.now()), setting_.startsFrom);
+        lock.Unlock();
+        setting_.wake();
+    }
+    return SAMGR_OK;
+}
+
+int32_t ServiceTable::Add(int32_t id, const Caller& caller, const sptr<IRemoteObject>& object)
+{
+    if (object == nullptr || !object->IsProxyObject()) {
+        return SAMGR_BAD_REQUEST;
+    }
+    const sptr<IRemoteObject::DeathRecipient> recipient(new ObjectRecipient(this, id));
+    Completions completions;
+    {
+        MutexLock lock(mutex_);
+        Service* service = Find(id);
+        if (service == nullptr) {
+            return SAMGR_NO_PROFILE;
+        }
+        Program* const program = FindProgram(id, caller.pid);
+        if (program == nullptr && !service->profile->registrars.Allows(caller.uid)) {
+            return SAMGR_NOT_ALLOWED;
+        }
+        if (Lives(*service)) {
+            return service->object == object && service->owner == caller.pid ? SAMGR_OK : SAMGR_ALREADY_REGISTERED;
+        }
+        service->object = object;
+        service->recipient = recipient;
+        service->owner = caller.pid;
+        if (program != nullptr) {
+            program->registered = true;
+        }
+        Finish(*service, {id, SAMGR_OK, object, {}}, completions);
+    }
+    // The notice of an object that is dead already follows at once, and finds it in the table.
+    object->AddDeathRecipient(recipient);
+    SAMGR_LOGI("service %{public}d is registered by process %{public}d", id, caller.pid);
+    Run(completions);
+    return SAMGR_OK;
+}
+
+int32_t ServiceTable::Remove(int32_t id, const Caller& caller)
+{
+    sptr<IRemoteObject> object;
+    sptr<IRemoteObject::DeathRecipient> recipient;
+    {
+        MutexLock lock(mutex_);
+        const auto found = services_.find(id);
+        if (found == services_.end() || found->second.object == nullptr || caller.pid <= 0 ||
+            found->second.owner != caller.pid) {
+            return SAMGR_NOT_ALLOWED;
+        }
+        object = found->second.object;
+        recipient = found->second.recipient;
+        Forget(found->second);
+    }
+    object->RemoveDeathRecipient(recipient);
+    SAMGR_LOGI("service %{public}d is withdrawn by process %{public}d", id, caller.pid);
+    return SAMGR_OK;
+}
+
+ServiceTable::TimePoint ServiceTable::RunDue()
+{
+    Completions completions;
+    TimePoint next = TimePoint::max();
+    {
+        MutexLock lock(mutex_);
+        const TimePoint now = setting_.now();
+        for (auto& [id, service] : services_) {
+            if (service.phase == Phase::kWaitingToStart && service.due <= now) {
+                Start(id, service, completions);
+            } else if (service.phase == Phase::kStarting && service.due <= now) {
+                TimeOut(id, service, completions);
+            }
+            if (service.phase != Phase::kIdle) {
+                next = std::min(next, service.due);
+            }
+        }
+    }
+    Run(completions);
+    return next;
+}
+
+// The fork happens under the lock: a program that registers is then known by its id for certain.
+void ServiceTable::Start(int32_t id, Service& service, Completions& completions)
+{
+    if (service.profile == nullptr) {
+        Finish(service, {id, SAMGR_NO_PROFILE, nullptr, ResultText(SAMGR_NO_PROFILE)}, completions);
+        return;
+    }
+    std::string reason;
+    const pid_t pid = setting_.starter->Start(*service.profile, reason);
+    if (pid <= 0) {
+        reason = service.profile->program + " can't be started: " + reason;
+        Finish(service, {id, SAMGR_PROGRAM_MISSING, nullptr, reason}, completions);
+        return;
+    }
+    service.phase = Phase::kStarting;
+    service.program = pid;
+    service.due = setting_.now() + service.profile->startTimeout;
+    programs_[pid] = {id, setting_.now(), false};
+    SAMGR_LOGI("service %{public}d: started %{public}s[%{public}d]", id, service.profile->program.c_str(), pid);
+}
+
+void ServiceTable::TimeOut(int32_t id, Service& service, Completions& completions)
+{
+    setting_.starter->Kill(service.program);
+    const std::string reason = "process " + std::to_string(service.program) + " did not register in time and was ended";
+    Finish(service, {id, SAMGR_PROGRAM_SLOW, nullptr, reason}, completions);
+}
+
+// Leaves the service idle; those who wait get the outcome once the lock is free.
+void ServiceTable::Finish(Service& service, const LoadOutcome& outcome, Completions& completions)
+{
+    service.phase = Phase::kIdle;
+    if (outcome.error != SAMGR_OK) {
+        SAMGR_LOGE("service %{public}d: %{public}s", outcome.systemAbilityId, outcome.reason.c_str());
+    }
+    for (LoadDone& done : service.waiting) {
+        completions.push_back({std::move(done), outcome});
+    }
+    service.waiting.clear();
+}
+
+void ServiceTable::Run(const Completions& completions)
+{
+    for (const Completion& completion : completions) {
+        completion.done(completion.outcome);
+    }
+}
+
+void ServiceTable::OnProgramEnd(pid_t pid, const ProgramEnd& end)
+{
+    Completions completions;
+    {
+        MutexLock lock(mutex_);
+        for (auto& [id, service] : services_) {
+            if (service.owner == pid) {
+                Forget(service);  // sooner than the word of its socket
+            }
+        }
+        const auto program = programs_.find(pid);
+        if (program == programs_.end()) {
+            return;
+        }
+        const auto [id, startedAt, registered] = program->second;
+        programs_.erase(program);
+        Service& service = services_[id];
+        service.throttle.Note({startedAt, setting_.now(), registered, end.bySignal || end.status != 0,
+            end.bySignal && end.status == SIGKILL});
+        if (service.phase == Phase::kStarting && service.program == pid) {
+            Finish(service, EndOutcome(id, service.profile, pid, end), completions);
+        }
+    }
+    Run(completions);
+}
+
+void ServiceTable::OnObjectDied(int32_t id, const wptr<IRemoteObject>& object)
+{
+    MutexLock lock(mutex_);
+    const auto found = services_.find(id);
+    if (found != services_.end() && found->second.object != nullptr &&
+        wptr<IRemoteObject>(found->second.object) == object) {
+        Forget(found->second);
+        SAMGR_LOGI("service %{public}d has ended", id);
+    }
+}
+
+void ServiceTable::Stop()
+{
+    Completions completions;
+    {
+        MutexLock lock(mutex_);
+        stopped_ = true;
+        for (auto& [id, service] : services_) {
+            if (service.phase != Phase::kIdle) {
+                Finish(service, {id, SAMGR_BUSY, nullptr, "the manager is stopping"}, completions);
+            }
+        }
+    }
+    Run(completions);
+}
+
+}  // namespace VEXA::samgr

@@ -1,0 +1,26 @@
+// SPDX-License-Identifier: Apache-2.0
+// Look-ups in the system's user database.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace VEXA::samgr {
+
+struct UserAccount {
+    uid_t uid = 0;
+    gid_t gid = 0;
+    std::string name;
+    std::string home;
+    std::string shell;
+    std::vector<gid_t> groups;
+};
+
+// `user` is a name or a number. False when there is no such account.
+bool FindAccount(const std::string& user, UserAccount& account);
+// The same for the number alone; a number needs no account.
+bool FindUid(const std::string& user, uid_t& uid);
+
+}  // namespace VEXA::samgr

@@ -1,0 +1,175 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "system_ability_manager_proxy.h"
+
+#include <algorithm>
+#include <chrono>
+#include <memory>
+#include <optional>
+
+#include "own_services.h"
+#include "pending_load.h"
+#include "samgr_log.h"
+#include "vexa/base/mutex.h"
+
+namespace VEXA {
+
+namespace {
+
+using samgr::LoadOutcome;
+using samgr::PendingLoad;
+using std::chrono::steady_clock;
+
+// How long an asynchronous load asks again for a manager that does not know of a death yet.
+constexpr std::chrono::seconds kAsyncRepeatLimit(5);
+
+// Where the thread of a synchronous load waits.
+class LoadWait {
+public:
+    void Set(const LoadOutcome& outcome)
+    {
+        MutexLock lock(mutex_);
+        outcome_ = outcome;
+        ready_.NotifyAll();
+    }
+
+    // False when there is no outcome at the deadline, or the manager has died. The manager's life is looked at rather
+    // than watched: the waiting thread may be the very one that brings notices of death.
+    bool Wait(steady_clock::time_point deadline, const sptr<IRemoteObject>& manager, LoadOutcome& outcome)
+    {
+        constexpr std::chrono::milliseconds kSlice(50);
+        MutexLock lock(mutex_);
+        while (
+            !ready_.WaitUntil(mutex_, std::min(deadline, steady_clock::now() + kSlice), [this] { return IsSet(); })) {
+            if (steady_clock::now() >= deadline || manager->IsObjectDead()) {
+                return false;
+            }
+        }
+        outcome = *outcome_;
+        return true;
+    }
+
+private:
+    bool IsSet() const VEXA_NO_THREAD_SAFETY_ANALYSIS { return outcome_.has_value(); }
+
+    Mutex mutex_;
+    CondVar ready_;
+    std::optional<LoadOutcome> outcome_ VEXA_GUARDED_BY(mutex_);
+};
+
+bool WriteHead(MessageParcel& data, int32_t systemAbilityId)
+{
+    return data.WriteInterfaceToken(ISystemAbilityManager::GetDescriptor()) && data.WriteInt32(systemAbilityId);
+}
+
+LoadOutcome LoadAndWait(const sptr<IRemoteObject>& manager, int32_t systemAbilityId, std::chrono::seconds timeout)
+{
+    const auto deadline = steady_clock::now() + timeout;
+    const auto wait = std::make_shared<LoadWait>();
+    const sptr<PendingLoad> load(new PendingLoad(
+        manager, systemAbilityId, deadline, [wait](const LoadOutcome& outcome) { wait->Set(outcome); }));
+    LoadOutcome outcome{systemAbilityId, load->Ask(), nullptr, {}};
+    if (outcome.error != SAMGR_OK) {
+        outcome.reason = samgr::ResultText(outcome.error);
+    } else if (!wait->Wait(deadline, manager, outcome)) {
+        load->Abandon();
+        outcome.reason = manager->IsObjectDead() ? samgr::ResultText(IPC_DEAD_OBJECT)
+                                                 : "not there within " + std::to_string(timeout.count()) + " s";
+    }
+    return outcome;
+}
+
+}  // namespace
+
+BrokerDelegator<SystemAbilityManagerProxy> SystemAbilityManagerProxy::delegator_;
+
+SystemAbilityManagerProxy::SystemAbilityManagerProxy(const sptr<IRemoteObject>& object)
+    : IRemoteProxy<ISystemAbilityManager>(object)
+{}
+
+int32_t SystemAbilityManagerProxy::Send(uint32_t code, MessageParcel& data, MessageParcel& reply)
+{
+    MessageOption option(MessageOption::TF_SYNC, samgr::MANAGER_WAIT_SECONDS);
+    return Remote()->SendRequest(code, data, reply, option);
+}
+
+sptr<IRemoteObject> SystemAbilityManagerProxy::CheckSystemAbility(int32_t systemAbilityId)
+{
+    MessageParcel data;
+    MessageParcel reply;
+    const int32_t result =
+        WriteHead(data, systemAbilityId) ? Send(samgr::CHECK_SYSTEM_ABILITY, data, reply) : int32_t{IPC_FAILED};
+    if (result != SAMGR_OK) {
+        SAMGR_LOGE("lookup of service %{public}d failed: %{public}s (%{public}d)", systemAbilityId,
+            samgr::ResultText(result), result);
+        return nullptr;
+    }
+    // The manager may hear of a death later than this process.
+    sptr<IRemoteObject> object = reply.ReadRemoteObject();
+    return object != nullptr && !object->IsObjectDead() ? object : nullptr;
+}
+
+sptr<IRemoteObject> SystemAbilityManagerProxy::LoadSystemAbility(
+    int32_t systemAbilityId, int32_t timeout, std::string* reason)
+{
+    const LoadOutcome outcome = LoadAndWait(Remote(), systemAbilityId, std::chrono::seconds(std::max(timeout, 1)));
+    if (outcome.object == nullptr) {
+        SAMGR_LOGE("load of service %{public}d failed: %{public}s", systemAbilityId, outcome.reason.c_str());
+        if (reason != nullptr) {
+            *reason = outcome.reason;
+        }
+    }
+    return outcome.object;
+}
+
+int32_t SystemAbilityManagerProxy::LoadSystemAbility(
+    int32_t systemAbilityId, const sptr<ISystemAbilityLoadCallback>& callback)
+{
+    if (callback == nullptr) {
+        return SAMGR_BAD_REQUEST;
+    }
+    const auto report = [callback](const LoadOutcome& outcome) {
+        if (outcome.error == SAMGR_OK) {
+            callback->OnLoadSystemAbilitySuccess(outcome.systemAbilityId, outcome.object);
+            return;
+        }
+        SAMGR_LOGE("load of service %{public}d failed: %{public}s", outcome.systemAbilityId, outcome.reason.c_str());
+        callback->OnLoadSystemAbilityFail(outcome.systemAbilityId);
+    };
+    const sptr<PendingLoad> load(
+        new PendingLoad(Remote(), systemAbilityId, steady_clock::now() + kAsyncRepeatLimit, report));
+    const int32_t result = load->Ask();
+    if (result == SAMGR_OK) {
+        load->FailWithManager();
+    } else {
+        load->Abandon();
+    }
+    return result;
+}
+
+int32_t SystemAbilityManagerProxy::AddSystemAbility(int32_t systemAbilityId, const sptr<IRemoteObject>& object)
+{
+    if (object == nullptr) {
+        return SAMGR_BAD_REQUEST;
+    }
+    // Noted first: a manager that takes over while the request is under way is then told as well.
+    auto& own = samgr::OwnServices::Get();
+    const sptr<IRemoteObject> previous = own.Replace(systemAbilityId, object);
+    MessageParcel data;
+    MessageParcel reply;
+    const bool written = WriteHead(data, systemAbilityId) && data.WriteRemoteObject(object);
+    const int32_t result = written ? Send(samgr::ADD_SYSTEM_ABILITY, data, reply) : int32_t{IPC_FAILED};
+    if (result != SAMGR_OK) {
+        own.Replace(systemAbilityId, previous);
+    }
+    return result;
+}
+
+int32_t SystemAbilityManagerProxy::RemoveSystemAbility(int32_t systemAbilityId)
+{
+    samgr::OwnServices::Get().Replace(systemAbilityId, nullptr);
+    MessageParcel data;
+    MessageParcel reply;
+    return WriteHead(data, systemAbilityId) ? Send(samgr::REMOVE_SYSTEM_ABILITY, data, reply) : int32_t{IPC_FAILED};
+}
+
+}  // namespace VEXA

@@ -1,0 +1,74 @@
+// SPDX-License-Identifier: Apache-2.0
+// The processes and files of the manager's tests: a runtime directory, profiles, and the manager in it.
+#pragma once
+
+#include <fstream>
+#include <optional>
+#include <sstream>
+
+#include "support/processes.h"
+
+namespace VEXA::test {
+
+inline std::string FileText(const std::string& path)
+{
+    std::ostringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
+// A zombie does not run.
+inline bool IsRunning(pid_t pid)
+{
+    const std::string text = FileText("/proc/" + std::to_string(pid) + "/stat");
+    const size_t bracket = text.rfind(") ");
+    return bracket != std::string::npos && text.compare(bracket + 2, 1, "Z") != 0;
+}
+
+// A program with its output appended to a file.
+inline ChildProcess StartLogged(const std::vector<std::string>& command, const std::string& file)
+{
+    std::vector<std::string> all{"sh", "-c", "exec \"$@\" >> \"$0\" 2>&1", file};
+    all.insert(all.end(), command.begin(), command.end());
+    return ChildProcess(all);
+}
+
+// The exit status, 128 + N for signal N.
+inline int ExitStatus(ChildProcess& process)
+{
+    const int status = process.Wait();
+    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+class SamgrWorld {
+public:
+    SamgrWorld()
+    {
+        std::filesystem::create_directory(Profiles());
+        setenv("VEXA_RUNTIME_DIR", (Folder() + "/run").c_str(), 1);
+    }
+
+    // `rest`: what follows the identifier and the program in the profile's object.
+    void AddProfile(int id, const std::string& program, const std::string& rest) const
+    {
+        std::ofstream(Profiles() + "/" + std::to_string(id) + ".json")
+            << "{\"id\": " << id << ", \"program\": \"" << program << "\"" << rest << "}";
+    }
+    void StartManager() { manager_ = StartLogged({SAMGRD, "--profiles", Profiles()}, LogFile()); }
+    int EndManager(int signal)
+    {
+        manager_.Signal(signal);
+        return ExitStatus(manager_);
+    }
+
+    const ChildProcess& Manager() const { return manager_; }
+    const std::string& Folder() const { return folder_.Path(); }
+    std::string LogFile() const { return Folder() + "/log"; }
+    std::string Profiles() const { return Folder() + "/profiles"; }
+
+private:
+    const TempDir folder_;
+    ChildProcess manager_;
+};
+
+}  // namespace VEXA::test

@@ -1,0 +1,367 @@
+// SPDX-License-Identifier: Apache-2.0
+// vexa-session: runs a command with a manager of its own, in a runtime directory of its own, and leaves nothing behind.
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <chrono>
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+constexpr int kSessionFailed = 125;
+constexpr int kCommandNotExecutable = 126;
+constexpr int kCommandNotFound = 127;
+
+constexpr milliseconds kReadyTime(10000);    // for the manager to become ready
+constexpr milliseconds kCommandTime(5000);   // for the command to end once it has been told to
+constexpr milliseconds kManagerTime(5000);   // for the manager to end, and its programs with it
+constexpr milliseconds kLeftoverTime(5000);  // for what is left to be gone after SIGKILL
+
+// A socket's path has room for 107 bytes, and files of the runtime directory have names too.
+constexpr size_t kLongestTemporary = 48;
+
+struct Options {
+    std::vector<std::string> profiles;
+    std::string manager;
+    std::vector<std::string> command;
+};
+
+int ExitStatus(int waitStatus)
+{
+    return WIFSIGNALED(waitStatus) ? 128 + WTERMSIG(waitStatus) : WEXITSTATUS(waitStatus);
+}
+
+std::string OwnFolder()
+{
+    std::error_code error;
+    return std::filesystem::read_symlink("/proc/self/exe", error).parent_path();
+}
+
+std::string FindManager(const std::string& wanted)
+{
+    if (!wanted.empty()) {
+        return wanted;
+    }
+    const auto folder = std::filesystem::path(OwnFolder());
+    const std::string beside = folder / "samgrd";
+    return access(beside.c_str(), X_OK) == 0 ? beside : std::string(folder.parent_path() / "libexec" / "samgrd");
+}
+
+pid_t ParentOf(const std::string& pid)
+{
+    std::ifstream file("/proc/" + pid + "/stat");
+    std::string text;
+    std::getline(file, text);
+    // The name, in brackets, may hold anything: "12 (na) me) S 1 ...".
+    const size_t bracket = text.rfind(") ");
+    pid_t parent = 0;
+    if (bracket != std::string::npos && bracket + 4 < text.size()) {
+        std::from_chars(text.data() + bracket + 4, text.data() + text.size(), parent);
+    }
+    return parent;
+}
+
+// The children of this process. None of their ids can be another process's until we have waited for it.
+std::vector<pid_t> Children()
+{
+    std::vector<pid_t> children;
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry("/proc", error), end; !error && entry != end;
+         entry.increment(error)) {
+        const std::string name = entry->path().filename();
+        pid_t pid = 0;
+        const auto parsed = std::from_chars(name.data(), name.data() + name.size(), pid);
+        if (parsed.ec == std::errc() && parsed.ptr == name.data() + name.size() && ParentOf(name) == getpid()) {
+            children.push_back(pid);
+        }
+    }
+    return children;
+}
+
+class Session {
+public:
+    explicit Session(Options options) : options_(std::move(options)) {}
+
+    int Run()
+    {
+        int status = kSessionFailed;
+        if (TakeSignals() && MakeDirectories() && StartManager() && StartCommand()) {
+            status = WaitForCommand();
+        }
+        EndAll();
+        std::error_code error;
+        if (!folder_.empty()) {
+            std::filesystem::remove_all(folder_, error);
+        }
+        return stoppedBy_ != 0 && status == kSessionFailed ? 128 + stoppedBy_ : status;
+    }
+
+private:
+    static bool Complain(const char* what)
+    {
+        fprintf(stderr, "vexa-session: %s: %s\n", what, strerror(errno));
+        return false;
+    }
+
+    // From here on signals are read from a descriptor, and orphans of what we start become our children.
+    bool TakeSignals()
+    {
+        sigset_t set;
+        sigemptyset(&set);
+        for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGCHLD}) {
+            sigaddset(&set, number);
+        }
+        sigprocmask(SIG_BLOCK, &set, &originalMask_);
+        signals_ = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+        return (signals_ >= 0 && prctl(PR_SET_CHILD_SUBREAPER, 1) == 0) || Complain("signals");
+    }
+
+    bool MakeDirectories()
+    {
+        const char* wanted = getenv("TMPDIR");
+        const std::string parent =
+            wanted != nullptr && wanted[0] == '/' && strlen(wanted) <= kLongestTemporary ? wanted : "/tmp";
+        std::string folder = parent + "/vexa-session.XXXXXX";
+        if (mkdtemp(folder.data()) == nullptr) {
+            return Complain(parent.c_str());
+        }
+        folder_ = folder;
+        runtimeDirectory_ = folder_ + "/run";
+        return mkdir(runtimeDirectory_.c_str(), 0700) == 0 || Complain(runtimeDirectory_.c_str());
+    }
+
+    // The socket on which the manager says that it is ready, as it would to a service manager.
+    bool OpenNotifySocket()
+    {
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        const std::string path = NotifyPath();
+        if (path.size() >= sizeof(address.sun_path)) {
+            errno = ENAMETOOLONG;
+            return Complain(path.c_str());
+        }
+        path.copy(address.sun_path, path.size());
+        notify_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        return (notify_ >= 0 && bind(notify_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) ||
+               Complain("socket");
+    }
+    std::string NotifyPath() const { return folder_ + "/notify"; }
+
+    bool StartManager()
+    {
+        if (!OpenNotifySocket()) {
+            return false;
+        }
+        std::vector<std::string> arguments{FindManager(options_.manager)};
+        for (const std::string& profiles : options_.profiles) {
+            arguments.insert(arguments.end(), {"--profiles", profiles});
+        }
+        manager_ = Start(arguments, true);
+        const bool ready = manager_ > 0 && WaitUntilReady();
+        close(notify_);  // the manager has nothing more to say that matters
+        notify_ = -1;
+        return ready;
+    }
+
+    bool StartCommand()
+    {
+        command_ = Start(options_.command, false);
+        return command_ > 0;
+    }
+
+    // The kernel ends the child with SIGTERM when this process is gone, however it went.
+    pid_t Start(const std::vector<std::string>& arguments, bool isManager)
+    {
+        const pid_t self = getpid();
+        const pid_t pid = fork();
+        if (pid < 0) {
+            Complain("fork");
+        }
+        if (pid != 0) {
+            return pid;
+        }
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        if (getppid() != self) {
+            _exit(kSessionFailed);
+        }
+        setenv("VEXA_RUNTIME_DIR", runtimeDirectory_.c_str(), 1);
+        if (isManager) {
+            setsid();  // what the terminal sends is for the command
+            setenv("NOTIFY_SOCKET", NotifyPath().c_str(), 1);
+        }
+        sigprocmask(SIG_SETMASK, &originalMask_, nullptr);
+        std::vector<char*> pointers;
+        for (const std::string& argument : arguments) {
+            pointers.push_back(const_cast<char*>(argument.c_str()));
+        }
+        pointers.push_back(nullptr);
+        execvp(pointers[0], pointers.data());
+        const int status = errno == ENOENT ? kCommandNotFound : kCommandNotExecutable;
+        Complain(pointers[0]);
+        _exit(status);
+    }
+
+    bool WaitUntilReady()
+    {
+        const auto deadline = steady_clock::now() + kReadyTime;
+        while (!ReadReady()) {
+            if (manager_ <= 0) {
+                fprintf(stderr, "vexa-session: the manager ended with status %d before it was ready\n",
+                    ExitStatus(managerStatus_));
+                return false;
+            }
+            if (stoppedBy_ != 0 || steady_clock::now() >= deadline) {
+                fprintf(stderr, "vexa-session: the manager did not become ready\n");
+                return false;
+            }
+            Wait(deadline);
+        }
+        return true;
+    }
+
+    bool ReadReady() const
+    {
+        char text[256];
+        const ssize_t count = recv(notify_, text, sizeof(text), 0);
+        return count > 0 && std::string(text, static_cast<size_t>(count)).find("READY=1") != std::string::npos;
+    }
+
+    int WaitForCommand()
+    {
+        while (command_ > 0) {
+            if (stoppedBy_ != 0 && steady_clock::now() >= commandDeadline_) {
+                kill(command_, SIGKILL);
+            }
+            Wait(stoppedBy_ != 0 ? commandDeadline_ : steady_clock::now() + std::chrono::hours(1));
+        }
+        return ExitStatus(commandStatus_);
+    }
+
+    // Waits for a signal or word from the manager, at most until the deadline, and takes what has come.
+    void Wait(steady_clock::time_point deadline)
+    {
+        const auto left = std::chrono::ceil<milliseconds>(deadline - steady_clock::now());
+        pollfd fds[] = {{signals_, POLLIN, 0}, {notify_, POLLIN, 0}};
+        poll(fds, std::size(fds), static_cast<int>(std::max<int64_t>(left.count(), 10)));
+        signalfd_siginfo info = {};
+        while (read(signals_, &info, sizeof(info)) == static_cast<ssize_t>(sizeof(info))) {
+            if (info.ssi_signo != SIGCHLD) {
+                TakeStop(info);
+            }
+        }
+        Reap();
+    }
+
+    void TakeStop(const signalfd_siginfo& info)
+    {
+        const int number = static_cast<int>(info.ssi_signo);
+        if (stoppedBy_ == 0) {
+            stoppedBy_ = number;
+            commandDeadline_ = steady_clock::now() + kCommandTime;
+        }
+        // What comes from the terminal has reached the command by itself.
+        if (command_ > 0 && info.ssi_code != SI_KERNEL) {
+            kill(command_, number);
+        }
+    }
+
+    void Reap()
+    {
+        int status = 0;
+        for (pid_t pid = 0; (pid = waitpid(-1, &status, WNOHANG)) > 0;) {
+            if (pid == manager_) {
+                manager_ = -1;
+                managerStatus_ = status;
+            } else if (pid == command_) {
+                command_ = -1;
+                commandStatus_ = status;
+            }
+        }
+    }
+
+    void EndAll()
+    {
+        if (manager_ > 0) {
+            kill(manager_, SIGTERM);
+            const auto deadline = steady_clock::now() + kManagerTime;
+            while (manager_ > 0 && steady_clock::now() < deadline) {
+                Wait(deadline);
+            }
+        }
+        // What is killed may leave children, which then are ours: until there are none.
+        const auto deadline = steady_clock::now() + kLeftoverTime;
+        for (auto left = Children(); !left.empty() && steady_clock::now() < deadline; left = Children()) {
+            for (const pid_t pid : left) {
+                kill(pid, SIGKILL);
+            }
+            Wait(steady_clock::now() + milliseconds(50));
+        }
+    }
+
+    const Options options_;
+    sigset_t originalMask_ = {};
+    int signals_ = -1;
+    int notify_ = -1;
+    std::string folder_;
+    std::string runtimeDirectory_;
+    pid_t manager_ = 0;  // 0 before its start, -1 after its end
+    pid_t command_ = 0;
+    int managerStatus_ = 0;
+    int commandStatus_ = 0;
+    int stoppedBy_ = 0;  // the first signal that told this process to end
+    steady_clock::time_point commandDeadline_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    Options options;
+    CLI::App app(
+        "Runs a command with a system-ability manager of its own, and ends everything with it.\n"
+        "The exit status is the command's, 128 + N if it died by signal N; 125 when the session failed,\n"
+        "126 or 127 when the command can't be run.",
+        "vexa-session");
+    app.add_option("--profiles", options.profiles, "Directory of service profiles; may be given more than once")
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    app.add_option("--samgrd", options.manager, "The manager's program (default: the one installed with this)");
+    app.footer("The command and its arguments come last, after --.");
+    app.set_version_flag("--version", "vexa-session " VEXA_VERSION);
+    // Split here: the parser would look for options of its own, and for further dashes, in the command's arguments.
+    char** const end = argv + argc;
+    char** const dashes = std::find_if(argv + 1, end, [](const char* text) { return strcmp(text, "--") == 0; });
+    options.command.assign(std::min(dashes + 1, end), end);
+    try {
+        app.parse(static_cast<int>(dashes - argv), argv);
+    } catch (const CLI::ParseError& error) {
+        const int status = app.exit(error);
+        return status == 0 ? 0 : kSessionFailed;
+    }
+    if (options.command.empty()) {
+        fprintf(stderr, "vexa-session: no command is given after --\n");
+        return kSessionFailed;
+    }
+    return Session(std::move(options)).Run();
+}
