@@ -6,9 +6,9 @@
 #include <cstring>
 #include <random>
 
+#include "support/peer_fixture.h"
 #include "transport/runtime_paths.h"
 #include "transport/socket.h"
-#include "support/peer_fixture.h"
 #include "transport/wire.h"
 
 namespace VEXA::test {

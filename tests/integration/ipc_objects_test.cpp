@@ -4,8 +4,8 @@
 
 #include <thread>
 
-#include "transport/object_transfer.h"
 #include "support/peer_fixture.h"
+#include "transport/object_transfer.h"
 
 namespace VEXA::test {
 namespace {
@@ -67,6 +67,24 @@ TEST_F(IpcObjects, ObjectPassedThroughAThirdProcessIsCallable)
     EXPECT_EQ(Call(made, ADD_ONE).Int(1).Answer(), 2);
     first.Kill();
     EXPECT_EQ(Call(made, ADD_ONE).Int(1).Send(), IPC_DEAD_OBJECT);
+}
+
+// The owner reads the hub's grant before the one by which the hub itself became a holder: it used to ignore it then.
+TEST_F(IpcObjects, GrantsAreTakenInWhateverOrderTheyAreRead)
+{
+    ChildProcess owner;
+    ChildProcess receiver;
+    const sptr<IRemoteObject> a = Start("a", owner);
+    const sptr<IRemoteObject> b = Start("b", receiver);
+    const sptr<IRemoteObject> made = Call(a, MAKE_NEW).AnswerObject();
+    owner.Stop();
+    for (int i = 0; i < 200; ++i) {
+        ASSERT_EQ(Call(a, NOTE).Int(i).OneWay().Send(), 0);
+    }
+    ASSERT_EQ(Call(hub_, PASS).Text("made").Object(made).Send(), 0);
+    ASSERT_EQ(Call(b, FETCH_FROM).Text("made").Object(hub_).Send(), 0);
+    owner.Signal(SIGCONT);
+    EXPECT_EQ(Call(b, CALL_KEPT).Int(1).Answer(), 2);
 }
 
 TEST_F(IpcObjects, PassesLeaveNothingBehind)

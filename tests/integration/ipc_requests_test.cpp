@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Requests between real processes: right answers under load, nesting, limits, time-outs, one-way order.
 #include <gtest/gtest.h>
+#include <sys/time.h>
 
 #include <thread>
 
@@ -93,6 +94,43 @@ TEST_F(IpcRequests, SilentServiceCostsTheWaitTimeOnly)
     EXPECT_LT(took, std::chrono::seconds(3));
     EXPECT_EQ(Call(hub_, ADD_ONE).Int(1).Answer(), 2);
     EXPECT_FALSE(hub_->IsObjectDead());
+}
+
+// A receive that a signal interrupts used to begin its wait anew, for ever under a timer.
+TEST_F(IpcRequests, SignalsDoNotProlongTheWait)
+{
+    struct sigaction ignore = {};
+    ignore.sa_handler = [](int) {};
+    sigaction(SIGALRM, &ignore, nullptr);
+    const itimerval often{{0, 100'000}, {0, 100'000}};
+    const itimerval never{};
+    const auto start = Clock::now();
+    setitimer(ITIMER_REAL, &often, nullptr);
+    EXPECT_EQ(Call(hub_, HANG).Wait(1).Send(), IPC_TIMED_OUT);
+    setitimer(ITIMER_REAL, &never, nullptr);
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(4));
+}
+
+// A channel that is closed right behind an acknowledgement used to stay open at the other end.
+TEST_F(IpcRequests, SurplusChannelsAreClosedAtBothEnds)
+{
+    const auto descriptors = [this] {
+        const std::filesystem::directory_iterator list("/proc/" + std::to_string(hubProcess_.Pid()) + "/fd");
+        return std::distance(begin(list), end(list));
+    };
+    const auto before = descriptors();
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 48; ++t) {
+        threads.emplace_back([this] {
+            for (int i = 0; i < 50; ++i) {
+                EXPECT_NE(Call(hub_, MAKE_NEW).AnswerObject(), nullptr);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_TRUE(Eventually([&] { return descriptors() <= before + 16; })) << descriptors() << " from " << before;
 }
 
 TEST_F(IpcRequests, OneWaysStayInOrderAndTheirQueueIsBounded)

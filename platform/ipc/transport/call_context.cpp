@@ -29,8 +29,8 @@ private:
 
 }  // namespace
 
-int32_t CarryOut(IRemoteObject& object, uint32_t code, MessageParcel& data, MessageParcel& reply,
-    MessageOption& option, const Credentials& caller)
+int32_t CarryOut(IRemoteObject& object, uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option,
+    const Credentials& caller)
 {
     const CallerScope scope(caller);
     try {

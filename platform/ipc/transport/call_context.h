@@ -11,7 +11,7 @@ namespace VEXA::ipc {
 
 // Calls the object on behalf of a process, which the thread's calls of IPCSkeleton name meanwhile. An exception that
 // leaves the object's code is logged and answered with IPC_HANDLER_THREW.
-int32_t CarryOut(IRemoteObject& object, uint32_t code, MessageParcel& data, MessageParcel& reply,
-    MessageOption& option, const Credentials& caller);
+int32_t CarryOut(IRemoteObject& object, uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option,
+    const Credentials& caller);
 
 }  // namespace VEXA::ipc

@@ -40,26 +40,29 @@ int32_t ReceiveRest(int fd, MessageParcel& reply, const FrameHeader& header, siz
 
 }  // namespace
 
-int32_t ClientChannel::Exchange(
-    MessageParcel& frame, size_t frameBytes, MessageParcel& reply, int32_t waitTime, bool& sent)
+int32_t ClientChannel::Exchange(MessageParcel& frame, size_t frameBytes, MessageParcel& reply, Deadline deadline,
+    std::chrono::milliseconds left, Reached& reached)
 {
-    sent = false;
-    const Deadline deadline = std::chrono::steady_clock::now() + std::chrono::seconds(waitTime);
-    if (receiveTimeout_ != waitTime) {
-        SetReceiveTimeout(fd_.Get(), waitTime);
-        receiveTimeout_ = waitTime;
+    reached = Reached::NOTHING;
+    if (receiveTimeout_ != left) {
+        SetReceiveTimeout(fd_.Get(), left);
+        receiveTimeout_ = left;
     }
     Transfer result = SendAll(fd_.Get(), ParcelAccess::Storage(frame), frameBytes, deadline);
     if (result != Transfer::DONE) {
         return result == Transfer::WOULD_BLOCK ? IPC_TIMED_OUT : IPC_CONNECTION_LOST;
     }
-    sent = true;
+    reached = Reached::SENT;
     ParcelAccess::Clear(reply);
     size_t have = 0;
     result = ReceiveAtLeast(fd_.Get(), ParcelAccess::Storage(reply), kHeaderBytes, kFirstRead, deadline, have);
     if (result != Transfer::DONE) {
+        if (result != Transfer::WOULD_BLOCK && have == 0 && !used_) {
+            reached = Reached::TURNED_AWAY;
+        }
         return result == Transfer::WOULD_BLOCK ? IPC_TIMED_OUT : IPC_CONNECTION_LOST;
     }
+    used_ = true;
     const FrameHeader header = HeaderOf(reply);
     if (!IsSound(header) || header.kind != FrameKind::REPLY || have > kHeaderBytes + BodyBytes(header)) {
         IPC_LOGE("malformed reply, connection closed");
@@ -87,12 +90,13 @@ ClientChannel ClientChannels::TakeIdle()
     return channel;
 }
 
-ClientChannel ClientChannels::Take(EndpointId endpoint, const ChannelKey& key)
+ClientChannel ClientChannels::Take(EndpointId endpoint, const Credentials& process, const ChannelKey& key)
 {
-    ClientChannel channel(ConnectTo(EndpointPath(endpoint)));
-    if (!channel) {
-        return channel;
+    UniqueFd fd = ConnectTo(EndpointPath(endpoint));
+    if (!fd || !process.IsSameAs(CredentialsOf(fd))) {
+        return ClientChannel();
     }
+    ClientChannel channel(std::move(fd));
     struct {
         FrameHeader header = MakeHeader(FrameKind::HELLO);
         HelloBody body{};

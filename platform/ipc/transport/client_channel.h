@@ -3,8 +3,8 @@
 // one or opens another, so requests of several threads are under way at once and no reply waits behind another's.
 #pragma once
 
-#include <cstdint>
 #include <algorithm>
+#include <cstdint>
 #include <vector>
 
 #include "socket.h"
@@ -22,20 +22,28 @@ public:
     explicit operator bool() const { return static_cast<bool>(fd_); }
     int Fd() const { return fd_.Get(); }
 
-    // Sends a frame whose header lies in the parcel's headroom, and receives the reply's frame into `reply`.
-    // 0, or an IpcError. `sent` tells whether the frame has left whole.
-    int32_t Exchange(MessageParcel& frame, size_t frameBytes, MessageParcel& reply, int32_t waitTime, bool& sent);
+    // How far an exchange that failed has come.
+    enum class Reached {
+        NOTHING,      // the frame has not left whole
+        SENT,         // it has left, and the other process will read it if it lives
+        TURNED_AWAY,  // it has left on a connection that the other process closed without having used it
+    };
+    // Sends a frame whose header lies in the parcel's headroom, and receives the reply's frame into `reply`, until the
+    // deadline. 0, or an IpcError.
+    int32_t Exchange(MessageParcel& frame, size_t frameBytes, MessageParcel& reply, Deadline deadline,
+        std::chrono::milliseconds left, Reached& reached);
     void AcknowledgeObjects();
 
 private:
     UniqueFd fd_;
-    int32_t receiveTimeout_ = 0;  // what the socket is set to
+    std::chrono::milliseconds receiveTimeout_{0};  // what the socket is set to
+    bool used_ = false;                            // has brought a reply
 };
 
 class ClientChannels {
 public:
-    // A channel to the endpoint; without a value when it can't be opened.
-    ClientChannel Take(EndpointId endpoint, const ChannelKey& key);
+    // A channel to the endpoint, where that process listens; without a value when it can't be opened.
+    ClientChannel Take(EndpointId endpoint, const Credentials& process, const ChannelKey& key);
     // One that is free already, if there is.
     ClientChannel TakeIdle();
     // Brings back a channel that can serve again. One that can't is reported as lost before it is closed.

@@ -14,7 +14,7 @@ namespace {
 
 UniqueFd OpenSpare()
 {
-    return UniqueFd(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    return UniqueFd::Make([] { return open("/dev/null", O_RDONLY | O_CLOEXEC); });
 }
 
 }  // namespace
@@ -24,16 +24,23 @@ ConnectionListener::ConnectionListener(UniqueFd listener) : EventHandler(std::mo
 void ConnectionListener::OnEvents(uint32_t)
 {
     UniqueFd connection = AcceptFrom(fd_);
+    IpcProcess& process = IpcProcess::Get();
     if (!connection) {
-        if (errno == EMFILE || errno == ENFILE) {
-            spare_.Reset();
-            connection = AcceptFrom(fd_);
-            connection.Reset();
-            spare_ = OpenSpare();
+        const int reason = errno;
+        if (reason == EAGAIN || reason == EWOULDBLOCK) {
+            return;
+        }
+        spare_.Reset();
+        connection = AcceptFrom(fd_);
+        connection.Reset();
+        spare_ = OpenSpare();
+        if (!spare_ && !paused_) {
+            paused_ = true;
+            process.Loop().Change(Fd(), 0);
+            ++process.Loop().Waiting();
         }
         return;
     }
-    IpcProcess& process = IpcProcess::Get();
     const Credentials credentials = CredentialsOf(connection);
     if (!process.AdmitConnection(credentials.uid)) {
         return;
@@ -41,6 +48,15 @@ void ConnectionListener::OnEvents(uint32_t)
     const sptr<Link> link(new Link(std::move(connection)));
     if (!process.Loop().Add(link, EPOLLIN | EPOLLRDHUP)) {
         process.ForgetConnection(credentials.uid);
+    }
+}
+
+void ConnectionListener::OnTick(Deadline)
+{
+    if (paused_) {
+        paused_ = false;
+        --IpcProcess::Get().Loop().Waiting();
+        IpcProcess::Get().Loop().Change(Fd(), EPOLLIN);
     }
 }
 

@@ -10,10 +10,12 @@ class ConnectionListener : public EventHandler {
 public:
     explicit ConnectionListener(UniqueFd listener);
     void OnEvents(uint32_t events) override;
+    void OnTick(Deadline now) override;
 
 private:
     // Given up for a moment when the process has run out of descriptors, to turn the newest connection away with.
     UniqueFd spare_;
+    bool paused_ = false;  // nothing can be accepted now; tried again with the next tick
 };
 
 }  // namespace VEXA::ipc

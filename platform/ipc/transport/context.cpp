@@ -30,7 +30,7 @@ bool IsTrusted(uid_t user)
 {
     struct stat directory {};
     return user == 0 || user == geteuid() ||
-        (stat(RuntimeDirectory().c_str(), &directory) == 0 && directory.st_uid == user);
+           (stat(RuntimeDirectory().c_str(), &directory) == 0 && directory.st_uid == user);
 }
 
 // Runs an action when the context socket has appeared.
@@ -60,12 +60,31 @@ private:
 
 sptr<Peer> IpcProcess::ContextPeer()
 {
+    const Deadline deadline = std::chrono::steady_clock::now() + kGreetingWait;
+    const uint64_t failures = contextFailures_.load();
     MutexLock lock(contextMutex_);
     if (context_ != nullptr && !context_->Dead()) {
         return context_;
     }
-    UniqueFd fd = RuntimeDirectory().empty() ? UniqueFd() : ConnectTo(ContextSocketPath());
-    if (!fd || !Start()) {
+    // Whoever waited while another thread tried in vain shares its result.
+    if (contextFailures_.load() != failures) {
+        return nullptr;
+    }
+    context_ = GreetContext(deadline);
+    if (context_ == nullptr) {
+        ++contextFailures_;
+    }
+    return context_;
+}
+
+sptr<Peer> IpcProcess::GreetContext(Deadline deadline)
+{
+    // The endpoint comes before the link, so that it also goes before it when the process is killed.
+    if (RuntimeDirectory().empty() || access(ContextSocketPath().c_str(), F_OK) != 0 || !Start()) {
+        return nullptr;
+    }
+    UniqueFd fd = ConnectTo(ContextSocketPath());
+    if (!fd) {
         return nullptr;
     }
     const Credentials credentials = CredentialsOf(fd);
@@ -78,11 +97,11 @@ sptr<Peer> IpcProcess::ContextPeer()
     if (!reactor_.Add(link, EPOLLIN | EPOLLRDHUP)) {
         return nullptr;
     }
-    context_ = greeting->Wait(std::chrono::steady_clock::now() + kGreetingWait);
-    if (context_ == nullptr) {
+    const sptr<Peer> peer = greeting->Wait(deadline);
+    if (peer == nullptr) {
         link->Shutdown();
     }
-    return context_;
+    return peer;
 }
 
 bool IpcProcess::PublishContext(const sptr<IRemoteObject>& object)
@@ -97,7 +116,7 @@ bool IpcProcess::PublishContext(const sptr<IRemoteObject>& object)
 bool IpcProcess::PublishLocked(const sptr<IRemoteObject>& object)
 {
     const std::string lockPath = RuntimeDirectory() + "/samgr.lock";
-    UniqueFd publisherLock(open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    UniqueFd publisherLock = UniqueFd::Make([&] { return open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600); });
     if (publishing_ || !publisherLock || flock(publisherLock.Get(), LOCK_EX | LOCK_NB) != 0) {
         IPC_LOGE("another process publishes the context object in %{public}s", RuntimeDirectory().c_str());
         return false;
@@ -125,7 +144,7 @@ void IpcProcess::WatchContext(std::function<void()> action)
     if (!Start()) {
         return;
     }
-    UniqueFd fd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    UniqueFd fd = UniqueFd::Make([] { return inotify_init1(IN_CLOEXEC | IN_NONBLOCK); });
     if (!fd || inotify_add_watch(fd.Get(), RuntimeDirectory().c_str(), IN_CREATE | IN_MOVED_TO) < 0) {
         IPC_LOGE("can't watch %{public}s: %{public}s", RuntimeDirectory().c_str(), std::strerror(errno));
         return;

@@ -50,8 +50,8 @@ void DeathNotifier::Run()
         Notice notice;
         {
             MutexLock lock(mutex_);
-            posted_.WaitFor(mutex_, std::chrono::minutes(1),
-                [this]() VEXA_NO_THREAD_SAFETY_ANALYSIS { return !notices_.empty(); });
+            posted_.WaitFor(
+                mutex_, std::chrono::minutes(1), [this]() VEXA_NO_THREAD_SAFETY_ANALYSIS { return !notices_.empty(); });
             if (notices_.empty()) {
                 continue;
             }

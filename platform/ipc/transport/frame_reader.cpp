@@ -47,7 +47,7 @@ FrameReader::Result FrameReader::Read(int fd, MessageParcel& scratch, MessagePar
         const Transfer result = ReceiveNow(fd, storage, kFirstRead, have);
         if (result != Transfer::DONE) {
             return result == Transfer::WOULD_BLOCK ? Result::PARTIAL
-                : result == Transfer::END          ? Result::END
+                   : result == Transfer::END       ? Result::END
                                                    : Result::MALFORMED;
         }
     }
@@ -97,7 +97,7 @@ FrameReader::Result FrameReader::Collect(int fd, MessageParcel*& frame)
         have_ += moved;
         if (result != Transfer::DONE) {
             return result == Transfer::WOULD_BLOCK ? Result::PARTIAL
-                : result == Transfer::END          ? Result::END
+                   : result == Transfer::END       ? Result::END
                                                    : Result::MALFORMED;
         }
     }

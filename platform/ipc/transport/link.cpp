@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <limits>
 #include <utility>
 
@@ -28,6 +29,12 @@ constexpr std::chrono::seconds kGreetLimit{5};
 // room for them and for a lot of book-keeping.
 constexpr size_t kMostUnread = 2 * kMaxQueuedOneWayBytes;
 
+// Between a greeting's claim and its answer stands no wait, so this never runs out on a machine that works.
+constexpr std::chrono::seconds kClaimLimit{10};
+constexpr size_t kMostGrants = 1024;
+// One-way requests to objects that it does not hold, after which a peer is taken for hostile.
+constexpr size_t kMostRefusals = 64;
+
 struct HelloFrame {
     FrameHeader header;
     HelloBody body;
@@ -44,16 +51,32 @@ HelloFrame MakeHello(FrameKind kind, const ChannelKey& key = ChannelKey())
 
 sptr<Peer> Greeting::Wait(Deadline deadline)
 {
+    const auto answered = [this]() VEXA_NO_THREAD_SAFETY_ANALYSIS { return state_ == State::ANSWERED; };
     MutexLock lock(mutex_);
-    answered_.WaitUntil(mutex_, deadline, [this]() VEXA_NO_THREAD_SAFETY_ANALYSIS { return done_; });
+    if (!answered_.WaitUntil(mutex_, deadline, answered)) {
+        if (state_ == State::OPEN) {
+            state_ = State::ABANDONED;
+        } else {
+            answered_.WaitFor(mutex_, kClaimLimit, answered);
+        }
+    }
     return peer_;
+}
+
+bool Greeting::Claim()
+{
+    MutexLock lock(mutex_);
+    if (state_ == State::OPEN) {
+        state_ = State::CLAIMED;
+    }
+    return state_ == State::CLAIMED;
 }
 
 void Greeting::Answer(const sptr<Peer>& peer)
 {
     MutexLock lock(mutex_);
-    if (!done_) {
-        done_ = true;
+    if (state_ != State::ABANDONED) {
+        state_ = State::ANSWERED;
         peer_ = peer;
         answered_.NotifyAll();
     }
@@ -67,6 +90,7 @@ Link::Link(UniqueFd fd)
       counted_(true),
       scratch_(std::make_unique<MessageParcel>())
 {
+    ++IpcProcess::Get().Loop().Waiting();
 }
 
 Link::Link(UniqueFd fd, const sptr<Peer>& peer)
@@ -77,6 +101,7 @@ Link::Link(UniqueFd fd, const sptr<Peer>& peer)
       peer_(peer),
       scratch_(std::make_unique<MessageParcel>())
 {
+    ++IpcProcess::Get().Loop().Waiting();
     const HelloFrame hello = MakeHello(FrameKind::HELLO);
     Send(&hello, sizeof(hello));
 }
@@ -89,11 +114,22 @@ Link::Link(UniqueFd fd, const sptr<Greeting>& greeting)
       greeting_(greeting),
       scratch_(std::make_unique<MessageParcel>())
 {
+    ++IpcProcess::Get().Loop().Waiting();
     const HelloFrame hello = MakeHello(FrameKind::HELLO);
     Send(&hello, sizeof(hello));
 }
 
-Link::~Link() = default;
+Link::~Link()
+{
+    StopWaiting();
+}
+
+void Link::StopWaiting()
+{
+    if (std::exchange(waiting_, false)) {
+        --IpcProcess::Get().Loop().Waiting();
+    }
+}
 
 bool Link::Send(const void* frame, size_t size)
 {
@@ -117,6 +153,10 @@ bool Link::Send(const void* frame, size_t size)
         shutdown(Fd(), SHUT_RDWR);
         return false;
     }
+    if (outSent_ > out_.size() / 2) {
+        out_.erase(out_.begin(), out_.begin() + static_cast<ptrdiff_t>(outSent_));
+        outSent_ = 0;
+    }
     const uint8_t* const bytes = static_cast<const uint8_t*>(frame);
     out_.insert(out_.end(), bytes + sent, bytes + size);
     return true;
@@ -130,7 +170,7 @@ bool Link::WaitFlushed(Deadline deadline)
     return out_.empty() || outClosed_;
 }
 
-bool Link::FlushLocked()
+void Link::FlushLocked()
 {
     size_t sent = 0;
     Transfer result = Transfer::DONE;
@@ -144,7 +184,7 @@ bool Link::FlushLocked()
         IpcProcess::Get().Loop().Change(Fd(), kReadEvents);
         flushed_.NotifyAll();
     }
-    return result == Transfer::DONE || result == Transfer::WOULD_BLOCK;
+    // Where the peer has gone, its end is read too, and that closes the link.
 }
 
 void Link::Shutdown()
@@ -169,7 +209,7 @@ void Link::OnEvents(uint32_t events)
 
 void Link::OnTick(Deadline now)
 {
-    if (peer_ == nullptr && now > greetBy_) {
+    if (waiting_ && now > greetBy_) {
         Close(false);
     }
 }
@@ -235,17 +275,36 @@ Link::Verdict Link::Handle(const FrameHeader& header, MessageParcel* frame)
             if (header.extra > std::numeric_limits<uint32_t>::max()) {
                 return Verdict::CLOSE;
             }
-            process.Objects().Adjust(header.target, peer_->Id(), -static_cast<int64_t>(header.extra));
+            process.AdjustHolder(header.target, peer_->Id(), -static_cast<int64_t>(header.extra));
             return Verdict::GO_ON;
         case FrameKind::GRANT:
-            GrantTo(header.target, peer_, header.extra);
+            if (GrantTo(header.target, peer_, header.extra)) {
+                grants_.push_back({header.extra, header.target});
+                if (grants_.size() > kMostGrants) {
+                    grants_.pop_front();
+                }
+            }
             return Verdict::GO_ON;
         case FrameKind::UNGRANT:
-            process.Objects().Adjust(header.target, header.extra, -1);
+            if (TakeBackGrant({header.extra, header.target})) {
+                process.AdjustHolder(header.target, header.extra, -1);
+            }
             return Verdict::GO_ON;
         default:
             return Verdict::CLOSE;
     }
+}
+
+// Only what this peer has granted itself can it take back.
+bool Link::TakeBackGrant(const ObjectEntry& grant)
+{
+    const auto found = std::find_if(grants_.rbegin(), grants_.rend(),
+        [&](const ObjectEntry& entry) { return entry.owner == grant.owner && entry.id == grant.id; });
+    if (found == grants_.rend()) {
+        return false;
+    }
+    grants_.erase(std::next(found).base());
+    return true;
 }
 
 bool Link::ReadHello(const FrameHeader& header, Parcel& frame, HelloBody& body)
@@ -266,15 +325,17 @@ Link::Verdict Link::HandleHello(const FrameHeader& header, Parcel& frame)
     IpcProcess& process = IpcProcess::Get();
     if (accepted_ && body.use == ConnectionUse::CHANNEL) {
         const sptr<Peer> peer = process.KnownPeer(body.sender);
-        if (peer == nullptr || !(peer->Who() == credentials_) || !(peer->IssuedKey() == body.key)) {
+        if (peer == nullptr || !peer->Who().IsSameAs(credentials_) || !(peer->IssuedKey() == body.key)) {
             return Verdict::CLOSE;
         }
         process.Loop().Remove(Fd());
         closed_ = true;
+        StopWaiting();
         process.Workers().Adopt(std::move(fd_), peer, reader_);
         return Verdict::HANDED_OVER;
     }
-    if (body.use != ConnectionUse::LINK || (peer_ != nullptr && peer_->Id() != body.sender)) {
+    if (body.use != ConnectionUse::LINK || (peer_ != nullptr && peer_->Id() != body.sender) ||
+        (greeting_ != nullptr && !greeting_->Claim())) {
         return Verdict::CLOSE;
     }
     if (peer_ == nullptr) {
@@ -284,6 +345,7 @@ Link::Verdict Link::HandleHello(const FrameHeader& header, Parcel& frame)
         }
     }
     greeted_ = true;
+    StopWaiting();
     const HelloFrame answer = MakeHello(accepted_ ? FrameKind::HELLO_REPLY : FrameKind::KEY, peer_->IssuedKey());
     Send(&answer, sizeof(answer));
     if (!accepted_) {
@@ -312,6 +374,9 @@ Link::Verdict Link::HandleOneWay(const FrameHeader& header, MessageParcel* frame
     }
     sptr<IRemoteObject> object = FindHeldObject(header.target, peer_);
     if (object == nullptr) {
+        if (++refusals_ > kMostRefusals) {
+            return Verdict::CLOSE;
+        }
         IPC_LOGE("process %{public}d called an object that it does not hold", credentials_.pid);
         object = new IPCObjectStub;  // takes the request and answers nobody
     }
@@ -337,6 +402,7 @@ void Link::Close(bool malformed)
     IpcProcess& process = IpcProcess::Get();
     const sptr<Link> self(this);
     process.Loop().Remove(Fd());
+    StopWaiting();
     {
         MutexLock lock(outMutex_);
         outClosed_ = true;

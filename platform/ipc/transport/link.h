@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <vector>
 
@@ -20,14 +21,18 @@ class Peer;
 // What the process that opened a link waits for.
 class Greeting : public RefBase {
 public:
-    // The process that answered, or null when it did not before the deadline.
+    // The process that answered, or null when it did not before the deadline. An answer that comes later is not taken.
     sptr<Peer> Wait(Deadline deadline);
+    // An answer has come; false when nobody waits for it any more. Answer must follow soon.
+    bool Claim();
     void Answer(const sptr<Peer>& peer);
 
 private:
+    enum class State { OPEN, CLAIMED, ANSWERED, ABANDONED };
+
     Mutex mutex_;
     CondVar answered_;
-    bool done_ VEXA_GUARDED_BY(mutex_) = false;
+    State state_ VEXA_GUARDED_BY(mutex_) = State::OPEN;
     sptr<Peer> peer_ VEXA_GUARDED_BY(mutex_);
 };
 
@@ -51,7 +56,6 @@ public:
     // On the reactor's thread:
     void OnEvents(uint32_t events) override;
     void OnTick(Deadline now) override;
-    bool IsWaiting() const override { return peer_ == nullptr; }
     void Drain() override;
 
 private:
@@ -64,7 +68,9 @@ private:
     Verdict TakeKey(const HelloBody& body);
     Verdict HandleOneWay(const FrameHeader& header, MessageParcel* frame);
     void Close(bool malformed);
-    bool FlushLocked() VEXA_REQUIRES(outMutex_);
+    void StopWaiting();
+    bool TakeBackGrant(const ObjectEntry& grant);
+    void FlushLocked() VEXA_REQUIRES(outMutex_);
 
     const Credentials credentials_;
     const Deadline greetBy_;
@@ -75,6 +81,10 @@ private:
     sptr<Greeting> greeting_;
     FrameReader reader_;
     std::unique_ptr<MessageParcel> scratch_;
+    // Grants that the peer may still take back, the latest last. It does so within a request's time or never.
+    std::deque<ObjectEntry> grants_;
+    size_t refusals_ = 0;  // one-way requests to objects that the peer does not hold
+    bool waiting_ = true;  // counted among those that the reactor ticks for
     bool reading_ = false;
     bool closed_ = false;
     bool greeted_ = false;

@@ -12,46 +12,56 @@ ObjectId ObjectTable::AddHolder(const sptr<IRemoteObject>& object, EndpointId ho
         ++nextId_;
         exports_[id].object = object;
     }
-    // The object itself is at hand, so whatever this count does, no last reference goes here.
+    // A count that goes up drops nothing.
     AdjustLocked(id, exports_[id], holder, 1);
     return id;
 }
 
-void ObjectTable::Adjust(ObjectId id, EndpointId holder, int64_t difference)
+sptr<IRemoteObject> ObjectTable::Adjust(ObjectId id, EndpointId holder, int64_t difference)
 {
-    sptr<IRemoteObject> dropped;  // before the lock, so that it goes after it
     MutexLock lock(mutex_);
     const auto found = exports_.find(id);
-    if (found != exports_.end()) {
-        dropped = AdjustLocked(id, found->second, holder, difference);
-    }
+    return found != exports_.end() ? AdjustLocked(id, found->second, holder, difference) : nullptr;
 }
 
 sptr<IRemoteObject> ObjectTable::AdjustLocked(ObjectId id, Export& exported, EndpointId holder, int64_t difference)
 {
-    Holdings& holdings = holders_[holder];
-    Holding& holding = holdings[id];
-    if (holding.count == 0) {
+    int64_t& count = exported.counts[holder];
+    const bool held = count > 0;
+    if (count == 0) {
+        counted_[holder].insert(id);
+    }
+    count += difference;
+    const bool holds = count > 0;
+    if (count == 0) {
+        exported.counts.erase(holder);
+        ForgetCountLocked(id, holder);
+    }
+    if (holds && !held) {
         ++exported.holders;
-        holding.exported = &exported;
+    } else if (held && !holds && --exported.holders == 0) {
+        return DropLocked(id, exported);
     }
-    holding.count += difference;
-    if (holding.count != 0) {
-        return nullptr;
-    }
-    holdings.erase(id);
-    if (holdings.empty()) {
-        holders_.erase(holder);
-    }
-    return --exported.holders == 0 ? DropLocked(id, exported) : nullptr;
+    return nullptr;
 }
 
 sptr<IRemoteObject> ObjectTable::DropLocked(ObjectId id, Export& exported)
 {
+    for (const auto& [holder, debt] : exported.counts) {
+        ForgetCountLocked(id, holder);
+    }
     sptr<IRemoteObject> object = std::move(exported.object);
     ids_.erase(object.GetRefPtr());
     exports_.erase(id);
     return object;
+}
+
+void ObjectTable::ForgetCountLocked(ObjectId id, EndpointId holder)
+{
+    const auto counted = counted_.find(holder);
+    if (counted != counted_.end() && counted->second.erase(id) > 0 && counted->second.empty()) {
+        counted_.erase(counted);
+    }
 }
 
 sptr<IRemoteObject> ObjectTable::Find(ObjectId id, EndpointId holder)
@@ -60,26 +70,31 @@ sptr<IRemoteObject> ObjectTable::Find(ObjectId id, EndpointId holder)
     if (id == kContextObject) {
         return context_;
     }
-    const auto holdings = holders_.find(holder);
-    if (holdings == holders_.end()) {
+    const auto found = exports_.find(id);
+    if (found == exports_.end()) {
         return nullptr;
     }
-    const auto holding = holdings->second.find(id);
-    return holding != holdings->second.end() && holding->second.count > 0 ? holding->second.exported->object : nullptr;
+    const auto count = found->second.counts.find(holder);
+    return count != found->second.counts.end() && count->second > 0 ? found->second.object : nullptr;
 }
 
 std::vector<sptr<IRemoteObject>> ObjectTable::DropHolder(EndpointId holder)
 {
     std::vector<sptr<IRemoteObject>> dropped;
     MutexLock lock(mutex_);
-    const auto holdings = holders_.find(holder);
-    if (holdings != holders_.end()) {
-        for (const auto& [id, holding] : holdings->second) {
-            if (--holding.exported->holders == 0) {
-                dropped.push_back(DropLocked(id, *holding.exported));
-            }
+    const auto counted = counted_.find(holder);
+    if (counted == counted_.end()) {
+        return dropped;
+    }
+    const std::unordered_set<ObjectId> ids = std::move(counted->second);
+    counted_.erase(counted);
+    for (const ObjectId id : ids) {
+        Export& exported = exports_[id];
+        const bool held = exported.counts[holder] > 0;
+        exported.counts.erase(holder);
+        if (held && --exported.holders == 0) {
+            dropped.push_back(DropLocked(id, exported));
         }
-        holders_.erase(holdings);
     }
     return dropped;
 }

@@ -14,16 +14,6 @@ namespace {
 constexpr std::chrono::seconds kFlushWait{1};
 constexpr std::chrono::seconds kSettleWait{1};
 
-void AdjustHolder(ObjectId id, EndpointId holder, int64_t difference)
-{
-    IpcProcess& process = IpcProcess::Get();
-    process.Objects().Adjust(id, holder, difference);
-    // A holder that has died meanwhile was cleared from the table perhaps before this change.
-    if (process.KnownPeer(holder) == nullptr) {
-        process.Objects().DropHolder(holder);
-    }
-}
-
 }  // namespace
 
 bool ObjectTransfer::PackOne(const sptr<IRemoteObject>& object, Peer& receiver, Item& item)
@@ -50,7 +40,7 @@ bool ObjectTransfer::PackOne(const sptr<IRemoteObject>& object, Peer& receiver, 
     // receiver finds it dead.
     const FrameHeader grant = MakeHeader(FrameKind::GRANT, proxy->Id(), receiver.Id());
     return !item.owner->SendOnLink(&grant, sizeof(grant)) ||
-        item.owner->WaitLinkFlushed(std::chrono::steady_clock::now() + kFlushWait);
+           item.owner->WaitLinkFlushed(std::chrono::steady_clock::now() + kFlushWait);
 }
 
 bool ObjectTransfer::Pack(MessageParcel& parcel, Peer& receiver, FrameHeader& header)
@@ -64,12 +54,12 @@ bool ObjectTransfer::Pack(MessageParcel& parcel, Peer& receiver, FrameHeader& he
     for (const sptr<IRemoteObject>& object : objects) {
         Item item;
         const bool packed = PackOne(object, receiver, item);
+        std::memcpy(table + items_.size() * sizeof(ObjectEntry), &item.entry, sizeof(ObjectEntry));
+        items_.push_back(std::move(item));
         if (!packed) {
             Undo();
             return false;
         }
-        std::memcpy(table + items_.size() * sizeof(ObjectEntry), &item.entry, sizeof(ObjectEntry));
-        items_.push_back(std::move(item));
     }
     header.objects = static_cast<uint16_t>(objects.size());
     return true;
@@ -79,7 +69,7 @@ void ObjectTransfer::Undo()
 {
     for (const Item& item : items_) {
         if (item.owner == nullptr) {
-            AdjustHolder(item.entry.id, item.receiver, -1);
+            IpcProcess::Get().AdjustHolder(item.entry.id, item.receiver, -1);
         } else if (item.entry.owner != item.receiver) {
             const FrameHeader back = MakeHeader(FrameKind::UNGRANT, item.entry.id, item.receiver);
             item.owner->SendOnLink(&back, sizeof(back));
@@ -111,16 +101,16 @@ bool UnpackObjects(MessageParcel& parcel, const FrameHeader& header, const sptr<
     return sound;
 }
 
-void GrantTo(ObjectId id, const sptr<Peer>& giver, EndpointId holder)
+bool GrantTo(ObjectId id, const sptr<Peer>& giver, EndpointId holder)
 {
     IpcProcess& process = IpcProcess::Get();
-    if (holder == 0 || holder == process.Id() || !process.Objects().Holds(id, giver->Id())) {
-        return;
-    }
     // Connecting to the new holder is what tells of its death, should it never come to use the object.
-    if (!process.PeerAt(holder)->Dead()) {
-        AdjustHolder(id, holder, 1);
+    if (holder == 0 || holder == process.Id() || FindHeldObject(id, giver) == nullptr ||
+        process.PeerAt(holder)->Dead()) {
+        return false;
     }
+    process.AdjustHolder(id, holder, 1);
+    return true;
 }
 
 sptr<IRemoteObject> FindHeldObject(ObjectId id, const sptr<Peer>& holder)

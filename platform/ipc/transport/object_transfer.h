@@ -19,14 +19,13 @@ public:
     bool Pack(MessageParcel& parcel, Peer& receiver, FrameHeader& header);
     void Commit() { items_.clear(); }
     void Undo();
-    bool Empty() const { return items_.empty(); }
 
 private:
     struct Item {
         sptr<IRemoteObject> object;  // kept alive while in flight
         sptr<Peer> owner;            // null for an object of this process
-        ObjectEntry entry;
-        EndpointId receiver;
+        ObjectEntry entry{};
+        EndpointId receiver = 0;
     };
 
     static bool PackOne(const sptr<IRemoteObject>& object, Peer& receiver, Item& item);
@@ -39,8 +38,9 @@ private:
 // sender does not hold.
 bool UnpackObjects(MessageParcel& parcel, const FrameHeader& header, const sptr<Peer>& sender);
 
-// `giver`, which holds this process's object, has passed it on to `holder`.
-void GrantTo(ObjectId id, const sptr<Peer>& giver, EndpointId holder);
+// `giver` has passed this process's object on to `holder`. False when `giver` does not hold it, or `holder` is not
+// there.
+bool GrantTo(ObjectId id, const sptr<Peer>& giver, EndpointId holder);
 
 // The object of this process with that number, if `holder` holds it; null otherwise.
 sptr<IRemoteObject> FindHeldObject(ObjectId id, const sptr<Peer>& holder);

@@ -55,7 +55,7 @@ public:
         ++queuedFrames_;
         queuedBytes_ += bytes;
         return queuedFrames_ + doneFrames_ <= kMaxQueuedOneWayFrames &&
-            queuedBytes_ + doneBytes_ <= kMaxQueuedOneWayBytes;
+               queuedBytes_ + doneBytes_ <= kMaxQueuedOneWayBytes;
     }
     // A frame has left the queue. True when it is time to tell the sender of `frames` and `bytes`: acknowledgements are
     // gathered while there is plenty of room, and never held back when the queue is empty or nearly full.

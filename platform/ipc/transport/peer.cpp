@@ -9,8 +9,7 @@ namespace VEXA::ipc {
 
 Peer::Peer(EndpointId id, const Credentials& credentials)
     : id_(id), credentials_(credentials), issuedKey_{RandomNumber(), RandomNumber()}
-{
-}
+{}
 
 Peer::~Peer() = default;
 
@@ -44,6 +43,18 @@ bool Peer::WaitLinkFlushed(Deadline deadline)
         link = links_.front();
     }
     return link->WaitFlushed(deadline);
+}
+
+void Peer::DrainLinks()
+{
+    std::vector<sptr<Link>> links;
+    {
+        MutexLock lock(mutex_);
+        links = links_;
+    }
+    for (const sptr<Link>& link : links) {
+        link->Drain();
+    }
 }
 
 void Peer::SetKey(const ChannelKey& key)

@@ -36,6 +36,8 @@ public:
     void AttachLink(const sptr<Link>& link);
     bool SendOnLink(const void* frame, size_t size);
     bool WaitLinkFlushed(Deadline deadline);
+    // On the reactor's thread: reads what has arrived on all links.
+    void DrainLinks();
 
     // The key for channels has come: the process has answered.
     void SetKey(const ChannelKey& key);

@@ -28,7 +28,7 @@ size_t MostConnections()
 {
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) {
-        return kMaxConnectionsPerUser;
+        return SIZE_MAX;
     }
     return static_cast<size_t>(limit.rlim_cur) * 3 / 4;
 }
@@ -45,8 +45,6 @@ uint64_t RandomNumber()
     }
     return number;
 }
-
-IpcProcess::IpcProcess() : id_(RandomNumber()) {}
 
 IpcProcess& IpcProcess::Get()
 {
@@ -69,9 +67,16 @@ bool IpcProcess::Start()
 bool IpcProcess::StartLocked()
 {
     ProcessLife::Get().Watch();
-    reactor_.SetTickAction([this](Deadline now) { workers_.CloseStalledChannels(now); });
-    UniqueFd listener = ListenAt(EndpointPath(id_));
-    if (!listener || !workers_.Start() || !reactor_.Start() || !Listen(std::move(listener))) {
+    if (!threadsStarted_) {
+        id_.store(RandomNumber(), std::memory_order_relaxed);
+        // Closing a channel can end objects, whose code is nothing for the reactor.
+        reactor_.SetTickAction([this](Deadline now) { workers_.Post([this, now] { workers_.CloseStalled(now); }); });
+    }
+    UniqueFd listener = ListenAt(EndpointPath(Id()));
+    if (listener && !threadsStarted_) {
+        threadsStarted_ = workers_.Start() && reactor_.Start();
+    }
+    if (!listener || !threadsStarted_ || !Listen(std::move(listener))) {
         if (!startFailed_) {
             IPC_LOGE("no endpoint in %{public}s: %{public}s", EndpointDirectory().c_str(), std::strerror(errno));
         }
@@ -92,7 +97,7 @@ void IpcProcess::AtExit()
 {
     if (!ProcessLife::Get().Forked()) {
         ProcessLife::Get().SetExiting();
-        unlink(EndpointPath(Get().id_).c_str());
+        unlink(EndpointPath(Get().Id()).c_str());
     }
 }
 
@@ -132,7 +137,7 @@ sptr<Peer> IpcProcess::Greet(EndpointId claimed, const Credentials& credentials,
 {
     // The kernel tells who listens at the claimed endpoint: it has to be who is speaking.
     const UniqueFd probe = ConnectAtOnce(EndpointPath(claimed));
-    if (claimed == id_ || !probe || !(CredentialsOf(probe) == credentials)) {
+    if (claimed == Id() || !probe || !credentials.IsSameAs(CredentialsOf(probe))) {
         IPC_LOGE("process %{public}d claims an endpoint that is not its own", credentials.pid);
         return nullptr;
     }
@@ -148,8 +153,23 @@ sptr<Peer> IpcProcess::Greet(EndpointId claimed, const Credentials& credentials,
     return peer;
 }
 
+void IpcProcess::AdjustHolder(ObjectId id, EndpointId holder, int64_t difference)
+{
+    sptr<IRemoteObject> dropped = objects_.Adjust(id, holder, difference);
+    // A holder that has died meanwhile was cleared from the table perhaps before this change.
+    std::vector<sptr<IRemoteObject>> left;
+    if (KnownPeer(holder) == nullptr) {
+        left = objects_.DropHolder(holder);
+    }
+    if (dropped != nullptr || !left.empty()) {
+        workers_.Post([dropped = std::move(dropped), left = std::move(left)] {});
+    }
+}
+
 void IpcProcess::Bury(const sptr<Peer>& peer)
 {
+    // What the process still said on another link counts.
+    peer->DrainLinks();
     Peer::Remains remains;
     {
         // The endpoint is known as dead before anyone is told, so that whoever looks again finds it dead.

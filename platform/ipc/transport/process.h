@@ -29,8 +29,10 @@ public:
     // Brings up the endpoint and the reactor. False, with a log line the first time, when that can't be done.
     bool Start();
 
-    EndpointId Id() const { return id_; }
+    EndpointId Id() const { return id_.load(std::memory_order_relaxed); }
     ObjectTable& Objects() { return objects_; }
+    // Changes a process's count for an object of this process. An object that ends by it ends on a worker.
+    void AdjustHolder(ObjectId id, EndpointId holder, int64_t difference);
     Reactor& Loop() { return reactor_; }
     WorkerPool& Workers() { return workers_; }
     DeathNotifier& Notifier() { return notifier_; }
@@ -57,14 +59,15 @@ public:
     void ForgetConnection(uid_t user);
 
 private:
-    IpcProcess();
+    IpcProcess() = default;
     bool StartLocked() VEXA_REQUIRES(startMutex_);
+    sptr<Peer> GreetContext(Deadline deadline) VEXA_REQUIRES(contextMutex_);
     bool Listen(UniqueFd listener);
     void RemoveEndpointOf(const Peer& peer);
     bool PublishLocked(const sptr<IRemoteObject>& object) VEXA_REQUIRES(startMutex_);
     static void AtExit();
 
-    const EndpointId id_;
+    std::atomic<EndpointId> id_{0};  // drawn at the start, so that a child of fork that starts by itself has its own
     ObjectTable objects_;
     Reactor reactor_;
     WorkerPool workers_;
@@ -73,12 +76,14 @@ private:
 
     Mutex startMutex_;
     std::atomic<bool> started_{false};
+    bool threadsStarted_ VEXA_GUARDED_BY(startMutex_) = false;
     bool startFailed_ VEXA_GUARDED_BY(startMutex_) = false;
     bool publishing_ VEXA_GUARDED_BY(startMutex_) = false;
     UniqueFd publisherLock_ VEXA_GUARDED_BY(startMutex_);
 
     Mutex contextMutex_;  // held while connecting, so that concurrent first uses share one link
     sptr<Peer> context_ VEXA_GUARDED_BY(contextMutex_);
+    std::atomic<uint64_t> contextFailures_{0};
     sptr<EventHandler> contextWatch_ VEXA_GUARDED_BY(contextMutex_);
 
     Mutex peersMutex_;

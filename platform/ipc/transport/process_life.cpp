@@ -21,21 +21,21 @@ void ProcessLife::Watch()
     }
 }
 
-void ProcessLife::AddFd(int fd)
+void ProcessLife::Enter(int fd)
 {
     const size_t index = static_cast<size_t>(fd);
-    MutexLock lock(mutex_);
     if (openFds_.size() <= index / 64) {
         openFds_.resize(index / 64 + 1);
     }
     openFds_[index / 64] |= uint64_t{1} << (index % 64);
 }
 
-void ProcessLife::RemoveFd(int fd)
+void ProcessLife::CloseFd(int fd)
 {
     const size_t index = static_cast<size_t>(fd);
     MutexLock lock(mutex_);
     openFds_[index / 64] &= ~(uint64_t{1} << (index % 64));
+    close(fd);
 }
 
 void ProcessLife::BeforeFork() VEXA_NO_THREAD_SAFETY_ANALYSIS

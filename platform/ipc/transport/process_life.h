@@ -25,11 +25,22 @@ public:
     void SetExiting() { exiting_.store(true, std::memory_order_relaxed); }
 
     // The descriptors that a forked child closes, so that the kernel's word on a socket is about this process only.
-    void AddFd(int fd);
-    void RemoveFd(int fd);
+    // They are made and closed here, so that no fork falls between a call and its entry.
+    template <typename Open>
+    int OpenFd(const Open& open)
+    {
+        MutexLock lock(mutex_);
+        const int fd = open();
+        if (fd >= 0) {
+            Enter(fd);
+        }
+        return fd;
+    }
+    void CloseFd(int fd);
 
 private:
     ProcessLife() = default;
+    void Enter(int fd) VEXA_REQUIRES(mutex_);
     void CloseAllInChild() VEXA_REQUIRES(mutex_);
     static void BeforeFork();
     static void InParent();

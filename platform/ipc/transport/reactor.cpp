@@ -6,7 +6,6 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 
@@ -36,11 +35,11 @@ bool StartThread(const char* name, void* (*entry)(void*), void* argument)
 
 bool Reactor::Start()
 {
-    epoll_ = UniqueFd(epoll_create1(EPOLL_CLOEXEC));
-    wake_ = UniqueFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    epoll_ = UniqueFd::Make([] { return epoll_create1(EPOLL_CLOEXEC); });
+    wake_ = UniqueFd::Make([] { return eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK); });
     epoll_event event{EPOLLIN, {.fd = wake_.Get()}};
     return epoll_ && wake_ && epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, wake_.Get(), &event) == 0 &&
-        StartThread("vexa-reactor", &ThreadMain, this);
+           StartThread("vexa-reactor", &ThreadMain, this);
 }
 
 bool Reactor::Add(const sptr<EventHandler>& handler, uint32_t events)
@@ -121,7 +120,7 @@ void Reactor::Run()
     thread_.store(pthread_self(), std::memory_order_relaxed);
     epoll_event events[kBatch];
     for (;;) {
-        const int timeout = TickNeeded() ? static_cast<int>(kTickPeriod.count()) : -1;
+        const int timeout = waiting_.load() > 0 ? static_cast<int>(kTickPeriod.count()) : -1;
         const int count = epoll_wait(epoll_.Get(), events, kBatch, timeout);
         if (count < 0 && errno != EINTR) {
             return;
@@ -170,26 +169,15 @@ void Reactor::SettleWaiters()
     settled_.NotifyAll();
 }
 
-bool Reactor::TickNeeded()
-{
-    if (waiting_.load(std::memory_order_relaxed) > 0) {
-        return true;
-    }
-    MutexLock lock(mutex_);
-    return std::any_of(handlers_.begin(), handlers_.end(), [](const auto& entry) { return entry.second->IsWaiting(); });
-}
-
 void Reactor::Tick()
 {
     const Deadline now = std::chrono::steady_clock::now();
-    if (now < nextTick_ || !TickNeeded()) {
+    if (waiting_.load() == 0 || now < nextTick_) {
         return;
     }
     nextTick_ = now + kTickPeriod;
     for (const sptr<EventHandler>& handler : Handlers()) {
-        if (handler->IsWaiting()) {
-            handler->OnTick(now);
-        }
+        handler->OnTick(now);
     }
     if (tickAction_) {
         tickAction_(now);

@@ -22,9 +22,8 @@ public:
     explicit EventHandler(UniqueFd fd) : fd_(std::move(fd)) {}
 
     virtual void OnEvents(uint32_t events) = 0;
-    // About once a second while IsWaiting() says that something may time out.
+    // About once a second while the reactor's Waiting() is not 0.
     virtual void OnTick(Deadline now) { (void)now; }
-    virtual bool IsWaiting() const { return false; }
     // Deals with everything that has arrived so far.
     virtual void Drain() {}
 
@@ -49,7 +48,8 @@ public:
     // are not being read already.
     bool Settle(std::chrono::milliseconds limit);
 
-    // Ticks also while this counter is not 0.
+    // How many things may time out: the reactor ticks while this is not 0. Whoever raises it from 0 on another thread
+    // wakes the reactor, unless what it adds does.
     std::atomic<uint32_t>& Waiting() { return waiting_; }
     void Wake();
     // Called at each tick, on the reactor's thread. Set before Start.
@@ -62,7 +62,6 @@ private:
     void SettleWaiters();
     void Dispatch(int fd, uint32_t events);
     void Tick();
-    bool TickNeeded();
     std::vector<sptr<EventHandler>> Handlers();
 
     UniqueFd epoll_;

@@ -18,8 +18,8 @@ namespace {
 constexpr std::chrono::milliseconds kDeathLag{500};
 
 // Lays the request's header and object table around the data. The size of the frame, 0 when it can't be sent.
-size_t Frame(FrameKind kind, uint32_t code, ObjectId target, MessageParcel& data, Peer& receiver,
-    ObjectTransfer& transfer)
+size_t Frame(
+    FrameKind kind, uint32_t code, ObjectId target, MessageParcel& data, Peer& receiver, ObjectTransfer& transfer)
 {
     FrameHeader header = MakeHeader(kind, target);
     header.code = code;
@@ -56,18 +56,14 @@ int32_t RemoteProxy::SendRequest(uint32_t code, MessageParcel& data, MessageParc
     return option.IsOneWay() ? SendOneWay(code, data) : SendSync(code, data, reply, option.GetWaitTime());
 }
 
-ClientChannel RemoteProxy::TakeChannel(int32_t waitTime, int32_t& error)
+ClientChannel RemoteProxy::OpenChannel(Deadline deadline, int32_t& error)
 {
-    ClientChannel channel = peer_->Channels().TakeIdle();
-    if (channel) {
-        return channel;
-    }
     ChannelKey key;
-    if (!peer_->WaitForKey(std::chrono::steady_clock::now() + std::chrono::seconds(waitTime), key)) {
+    if (!peer_->WaitForKey(deadline, key)) {
         error = peer_->Dead() ? IPC_DEAD_OBJECT : IPC_TIMED_OUT;
-        return channel;
+        return ClientChannel();
     }
-    channel = peer_->Channels().Take(peer_->Id(), key);
+    ClientChannel channel = peer_->Channels().Take(peer_->Id(), peer_->Who(), key);
     if (!channel) {
         error = peer_->WaitUntilDead(kDeathLag) ? IPC_DEAD_OBJECT : IPC_CONNECTION_LOST;
     }
@@ -76,6 +72,9 @@ ClientChannel RemoteProxy::TakeChannel(int32_t waitTime, int32_t& error)
 
 int32_t RemoteProxy::SendSync(uint32_t code, MessageParcel& data, MessageParcel& reply, int32_t waitTime)
 {
+    using std::chrono::milliseconds;
+    milliseconds left = std::chrono::seconds(waitTime);
+    const Deadline deadline = std::chrono::steady_clock::now() + left;
     ObjectTransfer transfer;
     const size_t size = Frame(FrameKind::REQUEST, code, id_, data, *peer_, transfer);
     if (size == 0) {
@@ -83,21 +82,24 @@ int32_t RemoteProxy::SendSync(uint32_t code, MessageParcel& data, MessageParcel&
     }
     const WorkerPool::Blocked blocked;
     int32_t error = IPC_OK;
-    ClientChannel channel = TakeChannel(waitTime, error);
+    ClientChannel channel = peer_->Channels().TakeIdle();
+    if (!channel) {
+        channel = OpenChannel(deadline, error);
+        left = std::max(
+            milliseconds(1), std::chrono::duration_cast<milliseconds>(deadline - std::chrono::steady_clock::now()));
+    }
     if (!channel) {
         transfer.Undo();
         return error;
     }
-    bool sent = false;
-    error = channel.Exchange(data, size, reply, waitTime, sent);
-    if (error == IPC_CONNECTION_LOST || error == IPC_TIMED_OUT || error == IPC_FAILED) {
+    ClientChannel::Reached reached{};
+    error = channel.Exchange(data, size, reply, deadline, left, reached);
+    if (error != IPC_OK) {
         peer_->Channels().Lose(channel);
         if (error == IPC_CONNECTION_LOST && peer_->WaitUntilDead(kDeathLag)) {
             error = IPC_DEAD_OBJECT;
         }
-        // A frame that has left whole will be read by the other process some time, if it lives, and counted there,
-        // unless it has turned the connection away.
-        if (!sent || error == IPC_CONNECTION_LOST) {
+        if (reached != ClientChannel::Reached::SENT) {
             transfer.Undo();
         }
         ParcelAccess::Clear(reply);
@@ -146,7 +148,8 @@ bool RemoteProxy::AddDeathRecipient(const sptr<DeathRecipient>& recipient)
         MutexLock lock(mutex_);
         recipients_.push_back(recipient);
     }
-    // Whoever marks the peer dead collects the recipients afterwards; one that came too late for that is collected here.
+    // Whoever marks the peer dead collects the recipients afterwards; one that came too late for that is collected
+    // here.
     if (peer_->Dead()) {
         NotifyDeath();
     }

@@ -33,7 +33,7 @@ public:
 private:
     int32_t SendSync(uint32_t code, MessageParcel& data, MessageParcel& reply, int32_t waitTime);
     int32_t SendOneWay(uint32_t code, MessageParcel& data);
-    ClientChannel TakeChannel(int32_t waitTime, int32_t& error);
+    ClientChannel OpenChannel(Deadline deadline, int32_t& error);
 
     const sptr<Peer> peer_;
     const ObjectId id_;

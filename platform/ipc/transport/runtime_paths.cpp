@@ -62,8 +62,7 @@ bool CreateRuntimeDirectory()
     const bool shared = directory == "/run/vexa";
     const std::string endpoints = EndpointDirectory();
     if ((mkdir(directory.c_str(), shared ? 0755 : 0700) != 0 && errno != EEXIST) ||
-        (mkdir(endpoints.c_str(), 0700) != 0 && errno != EEXIST) ||
-        (shared && chmod(endpoints.c_str(), 01777) != 0)) {
+        (mkdir(endpoints.c_str(), 0700) != 0 && errno != EEXIST) || (shared && chmod(endpoints.c_str(), 01777) != 0)) {
         IPC_LOGE("runtime directory %{public}s can't be used: %{public}s", directory.c_str(), std::strerror(errno));
         return false;
     }
@@ -77,7 +76,8 @@ void RemoveStaleEndpoints()
         return;
     }
     while (const dirent* entry = readdir(directory)) {
-        if (entry->d_name[0] == '.') {
+        // Others are sockets that do not listen yet.
+        if (std::strspn(entry->d_name, "0123456789abcdef") != 16 || entry->d_name[16] != '\0') {
             continue;
         }
         const std::string path = EndpointDirectory() + "/" + entry->d_name;

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "server_channel.h"
 
+#include <utility>
+
 #include "call_context.h"
 #include "ipc_log.h"
 #include "parcel_access.h"
@@ -10,7 +12,7 @@
 namespace VEXA::ipc {
 namespace {
 
-// How long a connection may pause inside a frame, or a peer leave its reply unread.
+// How long a frame may take from its first byte to its last, and a reply to be read.
 constexpr std::chrono::seconds kStallLimit{8};
 
 }  // namespace
@@ -79,8 +81,9 @@ void ServerChannel::ServeArrived()
                 Close(true);
                 return;
         }
-        // A frame that came whole in one read has emptied the socket, and whatever comes next wakes a worker.
-    } while (goOn && (reader_.HasAhead() || state_.load(std::memory_order_relaxed) == BUSY_AGAIN));
+        // A request that came whole has emptied the socket: its sender waits for the reply, and whatever comes next
+        // wakes a worker. An acknowledgement may have something right behind it.
+    } while (goOn && (readOn_ || reader_.HasAhead() || state_.load(std::memory_order_relaxed) == BUSY_AGAIN));
 }
 
 // True when the reply has gone whole, so that the next request may be read.
@@ -89,7 +92,8 @@ bool ServerChannel::AnswerFrame(MessageParcel& frame)
     const FrameHeader header = HeaderOf(frame);
     // The peer reads a reply before it sends anything else.
     inFlight_.Commit();
-    if (header.kind == FrameKind::REPLY_ACK && header.bytes == 0) {
+    readOn_ = header.kind == FrameKind::REPLY_ACK && BodyBytes(header) == 0;
+    if (readOn_) {
         return true;
     }
     if (header.kind != FrameKind::REQUEST || peer_->Dead()) {
@@ -108,7 +112,9 @@ int32_t ServerChannel::Dispatch(MessageParcel& frame, const FrameHeader& header,
     }
     const sptr<IRemoteObject> object = FindHeldObject(header.target, peer_);
     if (object == nullptr) {
-        IPC_LOGE("process %{public}d called an object that it does not hold", peer_->Who().pid);
+        if (!std::exchange(hasRefused_, true)) {
+            IPC_LOGE("process %{public}d called an object that it does not hold", peer_->Who().pid);
+        }
         return IPC_REFUSED;
     }
     MessageOption option;
@@ -169,15 +175,13 @@ bool ServerChannel::FlushOutput()
 
 void ServerChannel::SetStalled(bool stalled)
 {
-    if (stalled) {
-        stalledSince_ = std::chrono::steady_clock::now();
-    }
     if (stalled == stalled_) {
         return;
     }
     stalled_ = stalled;
     Reactor& reactor = IpcProcess::Get().Loop();
     if (stalled) {
+        stalledSince_ = std::chrono::steady_clock::now();
         if (reactor.Waiting().fetch_add(1) == 0) {
             reactor.Wake();
         }
@@ -213,6 +217,8 @@ void ServerChannel::Close(bool malformed)
         IPC_LOGE("malformed frame from process %{public}d, connection closed", peer_->Who().pid);
     }
     SetStalled(false);
+    hasRefused_ = false;
+    readOn_ = false;
     inFlight_.Undo();
     reader_.Reset();
     std::vector<uint8_t>().swap(output_);

@@ -51,7 +51,9 @@ private:
     ObjectTransfer inFlight_;  // the objects of the last reply, until it is known to have arrived
     std::vector<uint8_t> output_;
     size_t outputSent_ = 0;
-    bool stalled_ = false;
+    bool readOn_ = false;      // there may be more to read without a further edge
+    bool hasRefused_ = false;  // logged once a connection
+    bool stalled_ = false;     // inside a frame, or with a reply that is not read
     Deadline stalledSince_{};
     ServerChannels* home_ = nullptr;
 };

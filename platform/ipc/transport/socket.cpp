@@ -13,8 +13,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include "process_life.h"
-
 namespace VEXA::ipc {
 namespace {
 
@@ -36,7 +34,7 @@ UniqueFd ConnectSocket(const std::string& path, int extraFlags)
     if (!FillAddress(path, address)) {
         return UniqueFd();
     }
-    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | extraFlags, 0));
+    UniqueFd fd = UniqueFd::Make([&] { return socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | extraFlags, 0); });
     if (!fd) {
         return fd;
     }
@@ -59,8 +57,8 @@ UniqueFd ConnectSocket(const std::string& path, int extraFlags)
 bool WaitFor(int fd, short events, Deadline deadline)
 {
     for (;;) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now()).count();
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
         if (left < 0) {
             return false;
         }
@@ -105,19 +103,11 @@ Transfer Receive(int fd, void* bytes, size_t size, int flags, size_t& moved)
 
 }  // namespace
 
-UniqueFd::UniqueFd(int fd) : fd_(fd)
-{
-    if (fd_ >= 0) {
-        ProcessLife::Get().AddFd(fd_);
-    }
-}
-
 void UniqueFd::Reset()
 {
     // A child of fork has closed its copies already, and may use the numbers for something else.
     if (fd_ >= 0 && !ProcessLife::Get().Forked()) {
-        ProcessLife::Get().RemoveFd(fd_);
-        close(fd_);
+        ProcessLife::Get().CloseFd(fd_);
     }
     fd_ = -1;
 }
@@ -139,7 +129,7 @@ UniqueFd ListenAt(const std::string& path)
     if (!FillAddress(fresh, address)) {
         return UniqueFd();
     }
-    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    UniqueFd fd = UniqueFd::Make([] { return socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0); });
     if (!fd) {
         return fd;
     }
@@ -158,11 +148,13 @@ UniqueFd ListenAt(const std::string& path)
 
 UniqueFd AcceptFrom(const UniqueFd& listener)
 {
-    int fd;
-    do {
-        fd = accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC);
-    } while (fd < 0 && (errno == EINTR || errno == ECONNABORTED));
-    return UniqueFd(fd);
+    return UniqueFd::Make([&] {
+        int fd;
+        do {
+            fd = accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC);
+        } while (fd < 0 && (errno == EINTR || errno == ECONNABORTED));
+        return fd;
+    });
 }
 
 Credentials CredentialsOf(const UniqueFd& socket)
@@ -210,8 +202,13 @@ Transfer SendAll(int fd, const void* bytes, size_t size, Deadline deadline)
 Transfer ReceiveAtLeast(int fd, void* bytes, size_t least, size_t most, Deadline deadline, size_t& moved)
 {
     uint8_t* const start = static_cast<uint8_t*>(bytes);
-    // The common case is one call that waits in the kernel and brings the whole frame.
-    Transfer result = Receive(fd, start, most, 0, moved);
+    // The common case is one call that waits in the kernel and brings the whole frame. A call that a signal ends would
+    // wait its full time again, so the deadline takes over.
+    const ssize_t received = recv(fd, start, most, 0);
+    Transfer result = received == 0 ? Transfer::END : Outcome(received, moved);
+    if (received < 0 && errno == EINTR) {
+        result = Transfer::DONE;
+    }
     while (result == Transfer::DONE && moved < least) {
         if (!WaitFor(fd, POLLIN, deadline)) {
             return Transfer::WOULD_BLOCK;
@@ -226,10 +223,10 @@ Transfer ReceiveAtLeast(int fd, void* bytes, size_t least, size_t most, Deadline
     return result;
 }
 
-void SetReceiveTimeout(int fd, int seconds)
+void SetReceiveTimeout(int fd, std::chrono::milliseconds limit)
 {
-    const timeval limit{seconds, 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+    const timeval value{limit.count() / 1000, (limit.count() % 1000) * 1000};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &value, sizeof(value));
 }
 
 }  // namespace VEXA::ipc

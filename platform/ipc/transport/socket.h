@@ -9,6 +9,8 @@
 #include <string>
 #include <utility>
 
+#include "process_life.h"
+
 namespace VEXA::ipc {
 
 using Deadline = std::chrono::steady_clock::time_point;
@@ -17,7 +19,14 @@ using Deadline = std::chrono::steady_clock::time_point;
 class UniqueFd {
 public:
     UniqueFd() = default;
-    explicit UniqueFd(int fd);
+    // Takes what `open` returns: a descriptor that nobody else owns, or -1.
+    template <typename Open>
+    static UniqueFd Make(const Open& open)
+    {
+        UniqueFd result;
+        result.fd_ = ProcessLife::Get().OpenFd(open);
+        return result;
+    }
     UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
     UniqueFd& operator=(UniqueFd&& other) noexcept
     {
@@ -40,7 +49,8 @@ private:
 struct Credentials {
     pid_t pid = -1;
     uid_t uid = static_cast<uid_t>(-1);
-    bool operator==(const Credentials& other) const { return pid == other.pid && uid == other.uid; }
+    // Nobody is who is not known.
+    bool IsSameAs(const Credentials& other) const { return pid > 0 && pid == other.pid && uid == other.uid; }
 };
 
 // A connected stream socket; without a value when nobody listens there or the wait (a second) ran out. errno says why.
@@ -61,8 +71,9 @@ Transfer ReceiveNow(int fd, void* bytes, size_t size, size_t& moved);
 
 // Sends all of it, waiting until the deadline. WOULD_BLOCK: the deadline has passed.
 Transfer SendAll(int fd, const void* bytes, size_t size, Deadline deadline);
-// Receives at least `least` and at most `most` bytes. The socket's own receive time-out bounds the first wait.
+// Receives at least `least` and at most `most` bytes. The socket's own receive time-out bounds the first wait, unless a
+// signal interrupts it.
 Transfer ReceiveAtLeast(int fd, void* bytes, size_t least, size_t most, Deadline deadline, size_t& moved);
-void SetReceiveTimeout(int fd, int seconds);
+void SetReceiveTimeout(int fd, std::chrono::milliseconds limit);
 
 }  // namespace VEXA::ipc

@@ -91,7 +91,7 @@ inline FrameHeader MakeHeader(FrameKind kind, ObjectId target = 0, uint64_t extr
 inline bool IsSound(const FrameHeader& header)
 {
     return header.magic == kMagic && header.kind >= FrameKind::HELLO && header.kind <= FrameKind::KEY &&
-        header.bytes <= IPC_MAX_PARCEL_BYTES && header.bytes % 4 == 0 && header.objects <= IPC_MAX_PARCEL_OBJECTS;
+           header.bytes <= IPC_MAX_PARCEL_BYTES && header.bytes % 4 == 0 && header.objects <= IPC_MAX_PARCEL_OBJECTS;
 }
 
 inline size_t BodyBytes(const FrameHeader& header)

@@ -36,8 +36,8 @@ WorkerPool::Blocked::~Blocked()
 
 bool WorkerPool::Start()
 {
-    epoll_ = UniqueFd(epoll_create1(EPOLL_CLOEXEC));
-    taskEvent_ = UniqueFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    epoll_ = UniqueFd::Make([] { return epoll_create1(EPOLL_CLOEXEC); });
+    taskEvent_ = UniqueFd::Make([] { return eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK); });
     epoll_event event{EPOLLIN | EPOLLET, {.ptr = nullptr}};
     return epoll_ && taskEvent_ && epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, taskEvent_.Get(), &event) == 0;
 }

@@ -27,7 +27,7 @@ public:
     // Serves an accepted channel of that process from now on; what the reader holds already is served at once.
     void Adopt(UniqueFd fd, const sptr<Peer>& peer, const FrameReader& reader);
 
-    void CloseStalledChannels(Deadline now) { channels_.CloseStalled(now); }
+    void CloseStalled(Deadline now) { channels_.CloseStalled(now); }
 
     // For server channels:
     void WatchOutput(ServerChannel& channel, bool wanted);

@@ -46,10 +46,11 @@ enum Code : uint32_t {
     NOTES,      // -> the numbers noted: int32 count, int32 each
     SHUT_GATE,
     OPEN_GATE,
-    ENTERED,  // -> int32: how many NOTEs have begun
-    PASS,     // string name, object: puts it under that name (hub)
-    FETCH,    // string name -> object (hub)
-    RESULT,   // int32 -> that result
+    ENTERED,     // -> int32: how many NOTEs have begun
+    PASS,        // string name, object: puts it under that name (hub)
+    FETCH,       // string name -> object (hub)
+    FETCH_FROM,  // string name, object: keeps what that object, a hub, has under the name
+    RESULT,      // int32 -> that result
 };
 
 enum Death : int32_t { BY_KILL, BY_ABORT, BY_EXIT };
@@ -81,6 +82,15 @@ public:
                 return reply.WriteRemoteObject(Kept()) ? 0 : 1;
             case CALL_KEPT:
                 return Kept()->SendRequest(ADD_ONE, data, reply, option);
+            case FETCH_FROM: {
+                MessageParcel name;
+                name.WriteString(data.ReadString());
+                MessageParcel found;
+                const int32_t result = data.ReadRemoteObject()->SendRequest(FETCH, name, found, option);
+                MutexLock lock(mutex_);
+                kept_ = found.ReadRemoteObject();
+                return result;
+            }
             case DROP: {
                 sptr<IRemoteObject> dropped;
                 MutexLock lock(mutex_);
