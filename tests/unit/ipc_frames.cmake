@@ -1,0 +1,2 @@
+# SPDX-License-Identifier: Apache-2.0
+nm_test(ipc_frames_test SOURCES ipc_frames_test.cpp USES vexa_ipc)

@@ -1,0 +1,164 @@
+// SPDX-License-Identifier: Apache-2.0
+// Frames as bytes, however they arrive; and the counts behind the objects that they carry.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <string>
+
+#include "parcel_access.h"
+#include "transport/frame_reader.h"
+#include "transport/object_table.h"
+#include "transport/socket.h"
+#include "vexa/ipc/ipc_object_stub.h"
+
+namespace VEXA::ipc {
+namespace {
+
+using Result = FrameReader::Result;
+
+// The worked example of docs/wire-format.md.
+const std::string GOLDEN_REQUEST(
+    "VXF1\x03\0\0\0\x0C\0\0\0\x05\0\0\0"
+    "\x01\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0"
+    "\x01\0\0\0T\0\0\0\x07\0\0\0",
+    44);
+
+class FrameStream : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        int ends[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+        in_ = UniqueFd::Make([&] { return ends[0]; });
+        out_ = UniqueFd::Make([&] { return ends[1]; });
+    }
+    void Write(const std::string& bytes)
+    {
+        size_t moved = 0;
+        ASSERT_EQ(SendNow(out_.Get(), bytes.data(), bytes.size(), moved), Transfer::DONE);
+        ASSERT_EQ(moved, bytes.size());
+    }
+    // Reads one frame; its data as written.
+    Result Read(std::string* data = nullptr)
+    {
+        MessageParcel scratch;
+        MessageParcel* frame = nullptr;
+        const Result result = reader_.Read(in_.Get(), scratch, frame);
+        if (result == Result::FRAME) {
+            header_ = HeaderOf(*frame);
+            if (data != nullptr) {
+                data->assign(reinterpret_cast<const char*>(ParcelAccess::Data(*frame)), frame->GetDataSize());
+            }
+            reader_.Done();
+        }
+        return result;
+    }
+
+    UniqueFd in_;
+    UniqueFd out_;
+    FrameReader reader_;
+    FrameHeader header_{};
+};
+
+std::string FrameOf(FrameHeader header, size_t dataBytes)
+{
+    header.bytes = static_cast<uint32_t>(dataBytes);
+    std::string frame(reinterpret_cast<const char*>(&header), sizeof(header));
+    for (size_t i = 0; i < dataBytes; ++i) {
+        frame.push_back(static_cast<char>(i * 31));
+    }
+    return frame;
+}
+
+TEST_F(FrameStream, BytesAreThoseOfTheDocument)
+{
+    MessageParcel parcel;
+    parcel.WriteInterfaceToken(u"T");
+    parcel.WriteInt32(7);
+    FrameHeader header = MakeHeader(FrameKind::REQUEST, 1);
+    header.code = 5;
+    header.bytes = static_cast<uint32_t>(parcel.GetDataSize());
+    SetHeader(parcel, header);
+    EXPECT_EQ(
+        std::string(reinterpret_cast<const char*>(ParcelAccess::Storage(parcel)), kHeaderBytes + parcel.GetDataSize()),
+        GOLDEN_REQUEST);
+}
+
+TEST_F(FrameStream, FramesComeTogetherFromAnyPieces)
+{
+    for (const size_t dataBytes : {0, 4, 476, 480, 484, 5000}) {
+        const std::string frame = FrameOf(MakeHeader(FrameKind::ONE_WAY, 3), dataBytes);
+        const size_t step = dataBytes > 1000 ? 97 : 1;
+        for (size_t cut = 1; cut < frame.size(); cut += step) {
+            std::string data;
+            Write(frame.substr(0, cut));
+            ASSERT_EQ(Read(), Result::PARTIAL) << dataBytes << " cut at " << cut;
+            Write(frame.substr(cut) + frame + GOLDEN_REQUEST);
+            for (int whole = 0; whole < 2; ++whole) {
+                ASSERT_EQ(Read(&data), Result::FRAME) << dataBytes << " cut at " << cut;
+                ASSERT_EQ(data, frame.substr(kHeaderBytes));
+            }
+            ASSERT_EQ(Read(), Result::FRAME);
+            ASSERT_EQ(header_.code, 5U);
+            ASSERT_EQ(Read(), Result::PARTIAL);
+        }
+    }
+    out_.Reset();
+    EXPECT_EQ(Read(), Result::END);
+}
+
+TEST_F(FrameStream, LyingHeadersAreRefusedBeforeAnythingIsAllocated)
+{
+    const std::pair<const char*, void (*)(FrameHeader&)> lies[] = {
+        {"magic", [](FrameHeader& header) { header.magic = 0; }},
+        {"kind 0", [](FrameHeader& header) { header.kind = FrameKind(0); }},
+        {"kind beyond the last", [](FrameHeader& header) { header.kind = FrameKind(12); }},
+        {"size beyond the limit", [](FrameHeader& header) { header.bytes = IPC_MAX_PARCEL_BYTES + 4; }},
+        {"size near its type's end", [](FrameHeader& header) { header.bytes = UINT32_MAX & ~3U; }},
+        {"odd size", [](FrameHeader& header) { header.bytes = 6; }},
+        {"257 objects", [](FrameHeader& header) { header.objects = 257; }},
+    };
+    for (const auto& [name, lie] : lies) {
+        SetUp();
+        reader_.Reset();
+        FrameHeader header = MakeHeader(FrameKind::REQUEST, 1);
+        lie(header);
+        Write(std::string(reinterpret_cast<const char*>(&header), sizeof(header)));
+        EXPECT_EQ(Read(), Result::MALFORMED) << name;
+    }
+}
+
+TEST(ObjectTableTest, LivesByItsHoldersAndNotByTheirDebts)
+{
+    constexpr EndpointId GIVER = 1;
+    constexpr EndpointId TAKER = 2;
+    ObjectTable table;
+    sptr<IRemoteObject> object(new IPCObjectStub);
+    const ObjectId id = table.AddHolder(object, GIVER);
+    EXPECT_EQ(table.AddHolder(object, GIVER), id);
+    EXPECT_EQ(table.Find(id, TAKER), nullptr);
+
+    // A release overtakes the grant that it answers.
+    EXPECT_EQ(table.Adjust(id, TAKER, -1), nullptr);
+    EXPECT_EQ(table.Find(id, TAKER), nullptr);
+    EXPECT_EQ(table.Adjust(id, TAKER, 1), nullptr);
+    EXPECT_EQ(table.Find(id, TAKER), nullptr);
+    EXPECT_EQ(table.Adjust(id, TAKER, 1), nullptr);
+    EXPECT_EQ(table.Find(id, TAKER), object);
+
+    EXPECT_EQ(table.Adjust(id, GIVER, -2), nullptr);
+    EXPECT_EQ(table.Find(id, TAKER), object);
+    // A debt of a third keeps nothing alive, and goes with the object.
+    EXPECT_EQ(table.Adjust(id, 3, -1), nullptr);
+    EXPECT_EQ(table.Adjust(id, TAKER, -1), object);
+    EXPECT_EQ(table.Size(), 0U);
+    EXPECT_TRUE(table.DropHolder(3).empty());
+
+    const ObjectId again = table.AddHolder(object, TAKER);
+    EXPECT_NE(again, id) << "a number is never used again";
+    EXPECT_EQ(table.DropHolder(TAKER), std::vector<sptr<IRemoteObject>>{object});
+    EXPECT_EQ(table.Size(), 0U);
+}
+
+}  // namespace
+}  // namespace VEXA::ipc
