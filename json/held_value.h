@@ -1,0 +1,20 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <optional>
+#include <variant>
+
+#include "vexa/json/json_context.h"
+
+namespace VEXA::UpdateEngine {
+
+// What `json` holds, if that is a T.
+template <typename T>
+std::optional<T> HeldValue(const JsonContext& json)
+{
+    const JsonValue value = json.Value();
+    const auto* held = std::get_if<std::optional<T>>(&value);
+    return held == nullptr ? std::nullopt : *held;
+}
+
+}  // namespace VEXA::UpdateEngine

@@ -1,0 +1,136 @@
+// SPDX-License-Identifier: Apache-2.0
+// Writes records as compact JSON, by their member lists.
+#pragma once
+
+#include <locale>
+#include <sstream>
+#include <string>
+#include <string_view>
+
+#include "json_string.h"
+#include "native_migrate/record_members.h"
+#include "record_traits.h"
+
+namespace VEXA::UpdateEngine {
+
+// Every value is written with a comma behind it; what encloses it moves back over the last one.
+class JsonFromStruct {
+public:
+    // Closes an object at the end of the scope, also after a member that failed.
+    class Depth {
+    public:
+        explicit Depth(std::stringstream& stream) : stream_(stream) {}
+        ~Depth()
+        {
+            stream_.seekp(-1, std::ios_base::end);
+            stream_ << "},";
+        }
+        Depth(const Depth&) = delete;
+        Depth& operator=(const Depth&) = delete;
+
+    private:
+        std::stringstream& stream_;
+    };
+
+    // Writes a record, or a vector of records or strings, to `out`, whose text is replaced. False when a record's
+    // string could not be escaped for want of memory. In a vector that ends the list behind the broken element.
+    template <typename T>
+    bool TraverseData(std::string& out, const T& data) const
+    {
+        std::stringstream stream;
+        stream.imbue(std::locale::classic());
+        const bool written = AccessMember(stream, data, "");
+        std::string text = std::move(stream).str();
+        if (!text.empty()) {
+            text.pop_back();
+        }
+        out = std::move(text);
+        return written;
+    }
+
+    // Writes the listed members of `record` as an object, under `key` unless that is empty.
+    template <Record T, size_t... Indices>
+    bool TraverseStruct(std::stringstream& stream, const T& record, std::index_sequence<Indices...> /*indices*/,
+        std::string_view key) const
+    {
+        WriteKey(stream, key);
+        stream << '{';
+        const Depth depth(stream);
+        return (WriteMember(stream, record, std::get<Indices>(MEMBERS<T>)) && ...);
+    }
+
+    template <Record T>
+    bool AccessMember(std::stringstream& stream, const T& field, std::string_view key) const
+    {
+        return TraverseStruct(stream, field, MemberIndices<T>(), key);
+    }
+
+    // True also when an element failed: the list ends with it.
+    template <typename T>
+    bool AccessMember(std::stringstream& stream, const std::vector<T>& field, std::string_view key) const
+    {
+        WriteKey(stream, key);
+        stream << '[';
+        bool commaBehind = false;
+        for (const T& element : field) {
+            const bool written = AccessMember(stream, element, "");
+            commaBehind = commaBehind || written || Record<T>;
+            if (!written) {
+                break;
+            }
+        }
+        if (commaBehind) {
+            stream.seekp(-1, std::ios_base::end);
+        }
+        stream << "],";
+        return true;
+    }
+
+    bool AccessMember(std::stringstream& stream, const std::string& field, std::string_view key) const
+    {
+        WriteKey(stream, key);
+        if (!WriteJsonString(stream, field)) {
+            return false;
+        }
+        stream << ',';
+        return true;
+    }
+
+    bool AccessMember(std::stringstream& stream, bool field, std::string_view key) const
+    {
+        WriteKey(stream, key);
+        stream << (field ? "true," : "false,");
+        return true;
+    }
+
+    template <Number T>
+    bool AccessMember(std::stringstream& stream, T field, std::string_view key) const
+    {
+        WriteKey(stream, key);
+        stream << field << ',';
+        return true;
+    }
+
+    template <Enumeration T>
+    bool AccessMember(std::stringstream& stream, T field, std::string_view key) const
+    {
+        return AccessMember(stream, static_cast<std::underlying_type_t<T>>(field), key);
+    }
+
+private:
+    // Keys are the lists' own and need no escapes.
+    static void WriteKey(std::stringstream& stream, std::string_view key)
+    {
+        if (!key.empty()) {
+            stream << '"' << key << "\":";
+        }
+    }
+
+    template <Record T, typename Field>
+    bool WriteMember(std::stringstream& stream, const T& record, const Member<T, Field>& member) const
+    {
+        return AccessMember(stream, record.*member.field, member.key);
+    }
+};
+
+}  // namespace VEXA::UpdateEngine

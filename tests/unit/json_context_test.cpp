@@ -1,0 +1,125 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "vexa/json/json_context.h"
+
+namespace VEXA {
+namespace {
+
+using namespace std::string_literals;
+
+template <size_t Alternative>
+auto Held(const JsonContext& json)
+{
+    const JsonValue value = json.Value();
+    const auto* held = std::get_if<Alternative>(&value);
+    return held == nullptr ? std::decay_t<decltype(*held)>() : *held;
+}
+
+TEST(JsonContextTest, DiscardsWhatIsNotOneWholeText)
+{
+    const std::vector<std::string> bad = {"", " ", "{", "[1", "{\"a\":}", "[1]x", "{} {}", "nul", "'a'", "[1]\0"s,
+        "[1]\0x"s, "[\"a\0b\"]"s, R"(["\u0000"])", R"({"k\u0000":1})", R"(["\uZZZZ"])", R"(["\u12"])", R"(["\u)", "\\",
+        R"(["\ud800"])", std::string(1001, '[') + std::string(1001, ']'), std::string(10 << 20, '[')};
+    for (const std::string& text : bad) {
+        const JsonContext json(text);
+        EXPECT_TRUE(json.IsDiscarded()) << text.substr(0, 40);
+        EXPECT_EQ(json.Type(), JsonContext::ABSENT);
+        EXPECT_EQ(json.begin(), json.end());
+        EXPECT_EQ(json["a"].Type(), JsonContext::ABSENT);
+    }
+    const std::vector<std::string> good = {
+        " [1] \n", "\xEF\xBB\xBF{}", "1", "null", R"(["\\u0000"])", std::string(1000, '[') + std::string(1000, ']')};
+    for (const std::string& text : good) {
+        EXPECT_FALSE(JsonContext(text).IsDiscarded()) << text.substr(0, 40);
+    }
+    EXPECT_EQ(Held<6>(*JsonContext(R"(["a\\u0000b\u0041"])").begin()), "a\\u0000bA");
+}
+
+TEST(JsonContextTest, HoldsEachKindInItsAlternative)
+{
+    const JsonContext json(R"({"o":{"x":1},"n":-2.5,"s":"text","a":[1,2],"t":true,"f":false,"z":null,"e":"","E":[]})");
+    EXPECT_EQ(json.Type(), 0U);
+    EXPECT_EQ(json["n"].Type(), 1U);
+    EXPECT_EQ(json["absent"].Type(), 6U);
+    EXPECT_EQ(Held<5>(json["n"]), -2.5);
+    EXPECT_EQ(Held<6>(json["s"]), "text");
+    EXPECT_EQ(Held<6>(json["e"]), "");
+    EXPECT_EQ(Held<0>(json["t"]), true);
+    EXPECT_EQ(Held<0>(json["f"]), false);
+    EXPECT_EQ(Held<7>(json["a"])->count, 2U);
+    EXPECT_EQ(Held<8>(json["o"])->first->Key(), "x");
+    for (const char* key : {"z", "absent"}) {
+        EXPECT_EQ(Held<0>(json[key]), std::nullopt) << key;
+        EXPECT_EQ(json[key].begin(), json[key].end()) << key;
+    }
+    EXPECT_TRUE(json.IsContains("z"));
+    EXPECT_EQ(json["z"].Type() + json["a"].Type(), 3U + 5U);
+    EXPECT_EQ(json["E"].size(), 0U);
+    EXPECT_FALSE(json["s"].IsContains("s"));
+    EXPECT_FALSE(json["a"].IsContains(""));
+    EXPECT_EQ(JsonContext().Type(), JsonContext::ABSENT);
+    EXPECT_FALSE(JsonContext().IsDiscarded());
+}
+
+TEST(JsonContextTest, AnyOrderOfLookUpsFindsTheFirstOfSeveral)
+{
+    const JsonContext json(R"({"a":1,"b":2,"A":3,"a":4,"":5,"b":6,"c":7,"c":8})");
+    const std::vector<std::pair<std::string, double>> members = {{"a", 1}, {"b", 2}, {"A", 3}, {"", 5}, {"c", 7}};
+    unsigned seed = 1;
+    for (int i = 0; i < 2000; ++i) {
+        seed = seed * 1664525 + 1013904223;
+        const auto& [key, number] = members[(seed >> 16) % members.size()];
+        ASSERT_EQ(Held<5>(json[key]), number) << key;
+        ASSERT_TRUE(json.IsContains(key));
+        ASSERT_FALSE(json.IsContains("B"));
+        ASSERT_FALSE(json.IsContains("a\0b"s));
+    }
+}
+
+TEST(JsonContextTest, LookUpsInALargeObjectAndALongArray)
+{
+    std::string object = "{";
+    std::string array = "[";
+    for (int i = 0; i < 2000; ++i) {
+        object += "\"k" + std::to_string(i) + "\":" + std::to_string(i) + ',';
+        array += "[[]," + std::to_string(i) + "],";
+    }
+    const JsonContext json(object + "\"k7\":-1}");
+    for (int i : {1999, 0, 255, 254, 256, 7, 1999, 3, 253, 600, 7}) {
+        EXPECT_EQ(Held<5>(json["k" + std::to_string(i)]), i);
+    }
+    array.back() = ']';
+    const JsonContext list(array);
+    ASSERT_EQ(list.size(), 2000U);
+    double expected = 0;
+    for (const JsonContext& element : list) {
+        ASSERT_EQ(Held<5>(element.begin()[1]), expected++);
+    }
+}
+
+TEST(JsonContextTest, ThreadsReadOneTree)
+{
+    const JsonContext json(R"({"a":1,"b":2,"c":3,"d":4,"a":5})");
+    const std::string keys = "abcd";
+    std::vector<std::thread> threads;
+    for (size_t t = 0; t < 4; ++t) {
+        threads.emplace_back([&json, &keys, t] {
+            for (size_t i = 0; i < 20000; ++i) {
+                const size_t at = (t % 2 == 0 ? i : keys.size() - 1 - i % keys.size()) % keys.size();
+                ASSERT_EQ(Held<5>(json[keys.substr(at, 1)]), static_cast<double>(at + 1));
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+}
+
+}  // namespace
+}  // namespace VEXA
