@@ -1,0 +1,299 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "migrate_server_kits_impl.h"
+
+#include <utility>
+
+#include "native_migrate/migrate_callback_stub.h"
+
+namespace VEXA::UpdateEngine {
+
+namespace {
+
+constexpr MigrateRequest::RefusalLines REFUSAL_LINES{KOLOG_ERROR, "[%{public}s(%{public}d)]Service is null",
+    "[%{public}s(%{public}d)]MigrateServerKitsImpl WriteInterfaceToken fail"};
+
+}  // namespace
+
+MigrateServerKits& MigrateServerKits::GetKitsInstance()
+{
+    return MigrateServerKitsImpl::GetInstance();
+}
+
+// The process's instance lives for ever, so the death handler may hold it by a plain pointer.
+MigrateServerKitsImpl::MigrateServerKitsImpl()
+    : connection_("[%{public}s(%{public}d)]MigrateServerKitsImpl::AddDeathRecipient ret=%{public}s",
+          [this](const wptr<IRemoteObject>&) { OnServiceDied(); })
+{}
+
+template <typename Fill, typename Take>
+int32_t MigrateServerKitsImpl::Call(
+    const LogSite& site, MigrateRequestCode code, const char* name, const Fill& fill, const Take& take)
+{
+    MigrateRequest request(GetService());
+    return ExchangeRequest(request, site, REFUSAL_LINES, code, fill, take, [&](int32_t result) {
+        if (name != nullptr) {
+            KITS_LOG_AT(site, KOLOG_ERROR, "%{public}s result is %{public}d", name, result);
+        }
+    });
+}
+
+int32_t MigrateServerKitsImpl::GetMigrateStatus(const MigrateStage& stage, MigrateStatus& status, BusinessError& error)
+{
+    KITS_LOGI("GetMigrateStatus start");
+    return Call(LOG_SITE(), MigrateRequestCode::GET_MIGRATE_STATUS, "MigrateServerKitsImpl::GetMigrateStatus",
+        Args(stage), Replies(status, error));
+}
+
+int32_t MigrateServerKitsImpl::StartMigrate(BusinessError& error)
+{
+    KITS_LOGI("MigrateServerKitsImpl::startMigrate start");
+    return Call(
+        LOG_SITE(), MigrateRequestCode::START_MIGRATE, "MigrateServerKitsImpl::StartMigrate", Args(), Replies(error));
+}
+
+int32_t MigrateServerKitsImpl::StartPakMigrate(const std::string& request, BusinessError& error)
+{
+    KITS_LOGI("MigrateServerKitsImpl::startPakMigrate");
+    return Call(LOG_SITE(), MigrateRequestCode::START_PAK_MIGRATE, "MigrateServerKitsImpl::StartPakMigrate",
+        Args(request), Replies(error));
+}
+
+int32_t MigrateServerKitsImpl::RemoveMigrate(int32_t request, BusinessError& error)
+{
+    KITS_LOGI("MigrateServerKitsImpl::RemoveMigrate start");
+    return Call(LOG_SITE(), MigrateRequestCode::REMOVE_MIGRATE, "MigrateServerKitsImpl::RemoveMigrate", Args(request),
+        Replies(error));
+}
+
+int32_t MigrateServerKitsImpl::RemovePakMigrate(const std::string& request, BusinessError& error)
+{
+    KITS_LOGI("MigrateServerKitsImpl::RemovePakMigrate start");
+    return Call(LOG_SITE(), MigrateRequestCode::REMOVE_PAK_MIGRATE, "MigrateServerKitsImpl::RemovePakMigrate",
+        Args(request), Replies(error));
+}
+
+int32_t MigrateServerKitsImpl::GetMigrateInfo(const MigrateStage& stage, MigrateInfo& info, BusinessError& error)
+{
+    KITS_LOGI("MigrateServerKitsImpl::getMigrateInfo start");
+    return Call(LOG_SITE(), MigrateRequestCode::GET_MIGRATE_INFO, "MigrateServerKitsImpl::getMigrateInfo", Args(stage),
+        Replies(info, error));
+}
+
+int32_t MigrateServerKitsImpl::GetPakMigrateInfo(std::vector<PakMigrateInfo>& infos, BusinessError& error)
+{
+    KITS_LOGI("MigrateServerKitsImpl::getPakMigrateInfo start");
+    return Call(LOG_SITE(), MigrateRequestCode::GET_PAK_MIGRATE_INFO, "MigrateServerKitsImpl::getPakMigrateInfo",
+        Args(), Replies(infos, error));
+}
+
+int32_t MigrateServerKitsImpl::GetApkInfo(std::vector<std::string>& infos, BusinessError& error)
+{
+    KITS_LOGI("MigrateServerKitsImpl::GetApkInfo start");
+    return Call(LOG_SITE(), MigrateRequestCode::GET_APK_INFO, "MigrateServerKitsImpl::GetApkInfo", Args(),
+        Replies(infos, error));
+}
+
+int32_t MigrateServerKitsImpl::On(const ProgressCallback& callback)
+{
+    KITS_LOGI("RegisterProgressCallBack Start");
+    const sptr<IMigrateCallBack> stub(new MigrateCallBackStub(callback));
+    bool isServiceDead = false;
+    registrations_.Begin(RegistrationOverlap::By::CALLER);
+    const int32_t result = Call(LOG_SITE(), MigrateRequestCode::REGISTER_PROGRESS_CALLBACK, "RegisterProgressCallBack",
+        Args(stub->AsObject()), [&](const MigrateRequest& request) {
+            StoreCallback(stub);
+            isServiceDead = request.IsServiceDead();
+        });
+    if (registrations_.End()) {
+        SettleCallback();
+    } else if (isServiceDead) {
+        // It may have died before the callback was stored, and its death handler may have found none to register again.
+        ResumeRegisterCallback();
+    }
+    return result;
+}
+
+int32_t MigrateServerKitsImpl::Off()
+{
+    KITS_LOGI("UnRegisterAllProgressCallBack");
+    bool sent = false;
+    registrations_.Begin(RegistrationOverlap::By::CALLER);
+    const int32_t result = Call(
+        LOG_SITE(), MigrateRequestCode::UNREGISTER_PROGRESS_CALLBACK, "UnRegisterProgressCallBack",
+        [&](const MigrateRequest&) { sent = true; }, Replies());
+    if (sent) {
+        StoreCallback(nullptr);
+    }
+    if (registrations_.End()) {
+        SettleCallback();
+    }
+    return result;
+}
+
+int32_t MigrateServerKitsImpl::SetMigratePolicy(const MigratePolicy& policy, BusinessError& error)
+{
+    KITS_LOGI("SetMigratePolicy");
+    return Call(
+        LOG_SITE(), MigrateRequestCode::SET_MIGRATE_POLICY, "SetMigratePolicy", Args(policy.policy), Replies(error));
+}
+
+int32_t MigrateServerKitsImpl::CheckAppRestore(const std::string& bundleName, std::string& result, BusinessError& error)
+{
+    KITS_LOGI("CheckAppRestore, bundleName %{public}s", bundleName.c_str());
+    return Call(
+        LOG_SITE(), MigrateRequestCode::CHECK_APP_RESTORE, "CheckAppRestore", Args(bundleName), Replies(result, error));
+}
+
+int32_t MigrateServerKitsImpl::PresetData(const std::string& data, BusinessError& error)
+{
+    KITS_LOGI("PresetData");
+    return Call(LOG_SITE(), MigrateRequestCode::PRESET_DATA, "PresetData", Args(data), Replies(error));
+}
+
+int32_t MigrateServerKitsImpl::GetMigrateResult(std::string& result, BusinessError& error)
+{
+    KITS_LOGI("GetMigrateResult");
+    return Call(LOG_SITE(), MigrateRequestCode::GET_MIGRATE_RESULT, "GetMigrateResult", Args(), Replies(result, error));
+}
+
+int32_t MigrateServerKitsImpl::GetMigrationUsers(std::vector<MigrationUser>& users, BusinessError& error)
+{
+    KITS_LOGI("GetMigrationUsers");
+    return Call(
+        LOG_SITE(), MigrateRequestCode::GET_MIGRATION_USERS, "GetMigrationUsers", Args(), Replies(users, error));
+}
+
+int32_t MigrateServerKitsImpl::GetModuleMigrationPolicy(const bool& flag, const std::vector<ModuleInfo>& modules,
+    std::vector<ModuleMigrationPolicy>& policies, BusinessError& error)
+{
+    KITS_LOGI("GetModuleMigrationPolicy");
+    std::string moduleText;
+    if (!JsonFromStruct().TraverseData(moduleText, modules)) {
+        moduleText.clear();
+    }
+    return Call(LOG_SITE(), MigrateRequestCode::GET_MODULE_MIGRATION_POLICY, "GetModuleMigrationPolicy",
+        Args(flag, moduleText), Replies(policies, error));
+}
+
+int32_t MigrateServerKitsImpl::ResumeMigration(BusinessError& error)
+{
+    KITS_LOGI("MigrateServerKitsImpl::resumeMigration start");
+    return Call(LOG_SITE(), MigrateRequestCode::RESUME_MIGRATION, "MigrateServerKitsImpl::ResumeMigration", Args(),
+        Replies(error));
+}
+
+int32_t MigrateServerKitsImpl::StartPakMigration(
+    const std::string& packageName, const std::string& bundleName, const std::string& parameters, BusinessError& error)
+{
+    KITS_LOGI(
+        "StartPakMigration, packageName:%{public}s, bundleName:%{public}s", packageName.c_str(), bundleName.c_str());
+    return Call(LOG_SITE(), MigrateRequestCode::START_PAK_MIGRATION, "MigrateServerKitsImpl::START_PAK_MIGRATION",
+        Args(packageName, bundleName, parameters), Replies(error));
+}
+
+int32_t MigrateServerKitsImpl::NotifyEmporionCoreEvent(const AAFwk::Want& want, BusinessError& error)
+{
+    KITS_LOGI("MigrateServerKitsImpl::notifyEmporionCoreEvent start");
+    return Call(LOG_SITE(), MigrateRequestCode::NOTIFY_EMPORION_CORE_EVENT,
+        "MigrateServerKitsImpl::NotifyEmporionCoreEvent", Args(want), Replies(error));
+}
+
+int32_t MigrateServerKitsImpl::GetPakMigrationTaskStatus(
+    const std::string& bundleName, ReserveMigrationStatus& status, BusinessError& error)
+{
+    KITS_LOGI("MigrateServerKitsImpl::GetPakMigrationTaskStatus start, bundleName:%{public}s", bundleName.c_str());
+    return Call(LOG_SITE(), MigrateRequestCode::GET_PAK_MIGRATION_TASK_STATUS,
+        "MigrateServerKitsImpl::GetPakMigrationTaskStatus", Args(bundleName), Replies(status, error));
+}
+
+int32_t MigrateServerKitsImpl::GetMigrationDataSize(int64_t& size, BusinessError& error)
+{
+    KITS_LOGI("MigrateServerKitsImpl::GetMigrationDataSize");
+    return Call(LOG_SITE(), MigrateRequestCode::GET_MIGRATION_DATA_SIZE, "MigrateServerKitsImpl::GetMigrationDataSize",
+        Args(), Replies(size, error));
+}
+
+int32_t MigrateServerKitsImpl::SetBackupFileOwn(const sptr<ISetBackupFileOwnInterface>& callback)
+{
+    KITS_LOGI("MigrateServerKitsImpl::SetBackupFileOwn");
+    if (callback == nullptr) {
+        KITS_LOGE("SetBackupFileOwn callback is null");
+        return MIGRATE_UNREACHABLE;
+    }
+    return Call(LOG_SITE(), MigrateRequestCode::SET_BACKUP_FILE_OWN, nullptr, Args(callback->AsObject()), Replies());
+}
+
+sptr<IMigrateServer> MigrateServerKitsImpl::GetService()
+{
+    return connection_.GetService(LOG_SITE());
+}
+
+void MigrateServerKitsImpl::AddDeathRecipient(const sptr<IRemoteObject>& object)
+{
+    connection_.AddDeathRecipient(LOG_SITE(), object);
+}
+
+void MigrateServerKitsImpl::DoReset()
+{
+    connection_.Reset();
+}
+
+void MigrateServerKitsImpl::OnServiceDied()
+{
+    KITS_LOGI("migrate_server is dead");
+    connection_.Reset();
+    ResumeRegisterCallback();
+}
+
+void MigrateServerKitsImpl::ResumeRegisterCallback()
+{
+    if (StoredCallback() == nullptr) {
+        KITS_LOGI("progressCallback is null, ignore ResumeRegisterCallback");
+        return;
+    }
+    SettleCallback();
+}
+
+void MigrateServerKitsImpl::RegisterAgain(const sptr<IMigrateCallBack>& callback)
+{
+    const sptr<IMigrateServer> service = GetService();
+    if (service == nullptr) {
+        KITS_LOGE("service is null");
+        return;
+    }
+    KITS_LOGI("ResumeRegisterCallback");
+    MigrateRequest request(service);
+    if (!request.WriteToken()) {
+        return;
+    }
+    request.Write(callback->AsObject());
+    const int32_t result = request.Send(MigrateRequestCode::REGISTER_PROGRESS_CALLBACK);
+    KITS_LOGI("MigrateServerKitsImpl::ResumeRegisterCallback result=%{public}d", result);
+}
+
+void MigrateServerKitsImpl::SettleCallback()
+{
+    do {
+        registrations_.Begin(RegistrationOverlap::By::RECOVERY);
+        if (const sptr<IMigrateCallBack> callback = StoredCallback()) {
+            RegisterAgain(callback);
+        } else {
+            Call(LOG_SITE(), MigrateRequestCode::UNREGISTER_PROGRESS_CALLBACK, "UnRegisterProgressCallBack", Args(),
+                Replies());
+        }
+    } while (registrations_.End());
+}
+
+sptr<IMigrateCallBack> MigrateServerKitsImpl::StoredCallback()
+{
+    MutexLock lock(callbackMutex_);
+    return progressCallback_;
+}
+
+void MigrateServerKitsImpl::StoreCallback(sptr<IMigrateCallBack> callback)
+{
+    MutexLock lock(callbackMutex_);
+    progressCallback_.Swap(callback);
+}
+
+}  // namespace VEXA::UpdateEngine

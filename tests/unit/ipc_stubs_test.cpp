@@ -1,0 +1,165 @@
+// SPDX-License-Identifier: Apache-2.0
+// The callback interfaces' stubs and proxies, and the service's proxy.
+#include "kits_fixture.h"
+#include "migrate_service_proxy.h"
+#include "native_migrate/migrate_callback_proxy.h"
+#include "native_migrate/migrate_callback_stub.h"
+#include "native_migrate/reserve_migrate_status_observer_stub.h"
+#include "native_migrate/set_backup_file_own_proxy.h"
+#include "native_migrate/set_backup_file_own_stub.h"
+
+namespace VEXA::UpdateEngine {
+namespace {
+
+using Calls = std::vector<std::string>;
+Calls g_calls;
+
+class OwnStub : public SetBackupFileOwnStub {
+    void OnSetBackupFileOwnFinished(int32_t errorCode) override { g_calls.push_back(std::to_string(errorCode)); }
+};
+
+class ObserverStub : public ReserveMigrateStatusObserverStub {
+    int32_t OnRestoreStatusChanged(const std::string& status) override
+    {
+        g_calls.push_back(status);
+        return 7;
+    }
+};
+
+void Record(const MigrateStage& stage, const EventInfo& event)
+{
+    g_calls.push_back(std::to_string(static_cast<uint32_t>(stage)) + " " + std::to_string(event.progress.percent));
+}
+
+const sptr<IPCObjectStub> PROGRESS_STUB(new MigrateCallBackStub({Record}));
+const sptr<IPCObjectStub> EMPTY_STUB(new MigrateCallBackStub({nullptr}));
+const sptr<IPCObjectStub> OWN_STUB(new OwnStub);
+const sptr<IPCObjectStub> OBSERVER_STUB(new ObserverStub);
+
+const std::u16string PROGRESS = u"VEXA.UpdateEngine.IMigrateCallBack";
+const std::u16string OWN = u"VEXA.UpdateEngine.ISetBackupFileOwnInterface";
+const std::u16string OBSERVER = u"VEXA.Updater.IMigrateVirtStatusObserver";
+
+Lines Progress(const char* text)
+{
+    return {{6, "migrate_callback_stub.cpp", text}};
+}
+Lines Own(uint32_t level, const std::string& text)
+{
+    return {{level, "set_backup_file_own_stub.cpp", "SetBackupFileOwnStub" + text}};
+}
+Lines Status(uint32_t level, const char* text)
+{
+    return {{level, "reserve_migrate_status_observer_stub.cpp", text}};
+}
+
+struct StubCase {
+    const sptr<IPCObjectStub>& stub;
+    std::u16string token;
+    uint32_t code;
+    Fields arguments;
+    int32_t result;
+    Calls calls;
+    Lines lines;
+};
+
+// clang-format off
+const StubCase STUB_CASES[] = {
+    {PROGRESS_STUB, PROGRESS, 1, {3U, R"({"progress":{"percent":40}})"}, 0, {"3 40"}, {}},
+    {PROGRESS_STUB, PROGRESS, 1, {2U, ""}, 0, {"2 0"}, {}},
+    {PROGRESS_STUB, PROGRESS, 1, {4000000000U}, 0, {"4000000000 0"}, {}},
+    {PROGRESS_STUB, PROGRESS, 2, {3U, "{}"}, IPC_UNKNOWN_REQUEST, {}, {}},
+    {PROGRESS_STUB, u"VEXA.UpdateEngine.IMigrateCallback", 1, {3U, "{}"}, 104, {},
+        Progress("MigrateCallBack::ReadInterfaceToken fail")},
+    {PROGRESS_STUB, PROGRESS + u"s", 2, {}, 104, {}, Progress("MigrateCallBack::ReadInterfaceToken fail")},
+    {EMPTY_STUB, PROGRESS, 1, {3U, "{}"}, 0, {}, {}},
+    {OWN_STUB, OWN, 1, {-5}, 0, {"-5"},
+        Own(4, " func code 1") + Own(6, ", OnSetBackupFileOwnFinished errorCode = -5")},
+    {OWN_STUB, OWN, 1, {0}, 0, {"0"}, Own(4, " func code 1") + Own(6, ", OnSetBackupFileOwnFinished errorCode = 0")},
+    {OWN_STUB, OWN, 4294967295U, {0}, 801, {}, Own(4, " func code 4294967295")},
+    {OWN_STUB, PROGRESS, 1, {3}, 100, {"100"}, Own(4, " func code 1") + Own(6, ", ReadInterfaceToken fail")},
+    {OWN_STUB, PROGRESS, 7, {3}, 100, {}, Own(4, " func code 7") + Own(6, ", ReadInterfaceToken fail")},
+    {OBSERVER_STUB, OBSERVER, 0, {"[not json"}, 7, {"[not json"}, Status(3, "statusJsonString is [not json")},
+    {OBSERVER_STUB, OBSERVER, 0, {}, 7, {""}, Status(3, "statusJsonString is ")},
+    {OBSERVER_STUB, OBSERVER, 1, {"x"}, 100, {}, {}},
+    {OBSERVER_STUB, OBSERVER.substr(1), 0, {"x"}, 104, {}, Status(6, "ReadInterfaceToken is error")},
+    {OBSERVER_STUB, u"", 1, {}, 104, {}, Status(6, "ReadInterfaceToken is error")},
+};
+// clang-format on
+
+TEST(CallbackStubs, CheckTheTokenThenTheCodeThenDeliver)
+{
+    for (const StubCase& expected : STUB_CASES) {
+        SCOPED_TRACE(&expected - STUB_CASES);
+        g_calls.clear();
+        MessageParcel data;
+        MessageParcel reply;
+        MessageOption option;
+        data.WriteInterfaceToken(expected.token);
+        WriteFields(data, expected.arguments);
+        RecordingLogSink log;
+        EXPECT_EQ(expected.stub->OnRemoteRequest(expected.code, data, reply, option), expected.result);
+        EXPECT_EQ(g_calls, expected.calls);
+        EXPECT_EQ(log.Messages(), expected.lines);
+        EXPECT_EQ(reply.GetDataSize(), 0U);
+    }
+}
+
+TEST(CallbackProxies, ProgressIsForwardedAsItIs)
+{
+    const Lines sending{{3, "migrate_callback_proxy.cpp", "MigrateCallBackProxy::OnMigrateProgress"}};
+    const sptr<ScriptedRemoteObject> object(new ScriptedRemoteObject);
+    const sptr<IMigrateCallBack> proxy = iface_cast<IMigrateCallBack>(object);
+    object->QueueAnswer(2104, {"answer"});
+    MessageParcel data;
+    MessageParcel reply;
+    data.WriteInterfaceToken(u"any");
+    RecordingLogSink log;
+    EXPECT_EQ(proxy->OnMigrateProgress(data, reply), 2104);
+    EXPECT_EQ(reply.ReadString(), "answer");
+    EXPECT_EQ(sptr<IMigrateCallBack>(new MigrateCallBackProxy(nullptr))->OnMigrateProgress(data, reply), -1);
+    EXPECT_EQ(log.Messages(), (sending + sending + Lines{{6, "migrate_callback_proxy.cpp", "remotePtr is nullptr"}}));
+    const auto request = object->Requests().at(0);
+    EXPECT_EQ(request.code, 1U);
+    EXPECT_EQ(request.flags, 0);
+    EXPECT_EQ(request.waitTime, 8);
+    ExpectRequest(*request.data, u"any", {});
+}
+
+TEST(CallbackProxies, EndOfOwnershipIsSentOneWay)
+{
+    const sptr<ScriptedRemoteObject> object(new ScriptedRemoteObject);
+    const sptr<ISetBackupFileOwnInterface> proxy = iface_cast<ISetBackupFileOwnInterface>(object);
+    object->QueueAnswer(-6);
+    RecordingLogSink log;
+    proxy->OnSetBackupFileOwnFinished(-5);
+    {
+        const RefusingParcels refusing;
+        proxy->OnSetBackupFileOwnFinished(1);
+    }
+    sptr<ISetBackupFileOwnInterface>(new SetBackupFileOwnProxy(nullptr))->OnSetBackupFileOwnFinished(1);
+    constexpr char file[] = "set_backup_file_own_proxy.cpp";
+    EXPECT_EQ(log.Messages(), (Lines{{4, file, "SetBackupFileOwnProxy, OnSetBackupFileOwnFinished ret=-6"},
+                                  {6, file, "SetBackupFileOwnProxy, WriteInterfaceToken fail"},
+                                  {6, file, "SetBackupFileOwnProxy, remoteObject is nullptr"}}));
+    ASSERT_EQ(object->Requests().size(), 1U);
+    const auto request = object->Requests()[0];
+    EXPECT_EQ(request.code, 1U);
+    EXPECT_EQ(request.flags, 1);
+    EXPECT_EQ(request.waitTime, 8);
+    ExpectRequest(*request.data, OWN.c_str(), {-5});
+}
+
+TEST(MigrateServiceProxyTest, WithoutRemoteObjectNothingIsSent)
+{
+    MessageParcel data;
+    MessageParcel reply;
+    RecordingLogSink log;
+    EXPECT_EQ(sptr<IMigrateServer>(new MigrateServiceProxy(nullptr))->SendRemoteRequest(5, data, reply), 104);
+    constexpr char file[] = "migrate_service_proxy.cpp";
+    EXPECT_EQ(
+        log.Messages(), (Lines{{4, file, "MigrateServiceProxy::SendRemoteRequest"}, {6, file, "Can not get remote"}}));
+}
+
+}  // namespace
+}  // namespace VEXA::UpdateEngine

@@ -1,0 +1,246 @@
+// SPDX-License-Identifier: Apache-2.0
+// The reserve client: its eight operations, its observers across deaths of the service, and its own end.
+#include <optional>
+#include <thread>
+
+#include "imigrate_server.h"
+#include "kits_fixture.h"
+#include "native_migrate/reserve_migrate_kits.h"
+#include "native_migrate/reserve_migrate_status_observer_stub.h"
+
+namespace VEXA::UpdateEngine {
+namespace {
+
+class Observer : public ReserveMigrateStatusObserverStub {
+public:
+    int32_t OnRestoreStatusChanged(const std::string&) override { return 0; }
+};
+
+sptr<IReserveMigrateStatusObserver> NewObserver()
+{
+    return new Observer;
+}
+
+const LinesOf CLIENT("reserve_migrate_kits.cpp");
+const Lines LOOKUP = CLIENT.Info({"GetService entry", "GetService recreate service instance"});
+const Lines WATCHED = CLIENT.Info({"ReserveMigrateKits::AddDeathRecipient ret=true"});
+
+struct ReserveCase {
+    uint32_t code;
+    const char* name;
+    int32_t (*call)(ReserveMigrateKits&, std::string&);
+    Fields request;
+    const char* failure;
+    std::string nameInLines;
+    const char* token = " InterfaceToken write error";
+};
+
+#define CALL(name, ...) \
+#name, [](ReserveMigrateKits & kits, std::string & reply) { return kits.name(__VA_ARGS__, reply); }
+
+// clang-format off
+const ReserveCase RESERVE_CASES[] = {
+    {18, CALL(GetRestoreAppInfos, "t", -1), {"t", -1}, "eroor", "GetRestoreAppInfos"},
+    {19, CALL(RestoreApp, "a", "b"), {"a", "b"}, "eroor", "RestoreApp"},
+    {20, CALL(RegisterCallback, "c", NewObserver()), {"c", AnObject{}}, "eroor", "RegisterCallback"},
+    {21, CALL(UnRegisterCallback, "c"), {"c"}, "eroor", "RegisterCallback", " WriteInterfaceToken error"},
+    {22, CALL(ClearApp, "a", "b"), {"a", "b"}, "error", "ClearApp"},
+    {23, CALL(ClearAllVirtualData, "t"), {"t"}, "error", "ClearAllVirtualData"},
+    {24, CALL(GetRestoreAppStatus, "a", ""), {"a", ""}, "error", "GetRestoreAppStatus"},
+    {29, CALL(AdjustAppPriority, "a", "b"), {"a", "b"}, "eroor", "AdjustAppPriority"},
+};
+// clang-format on
+
+void RunCase(
+    const ReserveCase& operation, ReserveMigrateKits& kits, int32_t result, const char* replyText, const Lines& lines)
+{
+    std::string reply = "before";
+    RecordingLogSink log;
+    EXPECT_EQ(operation.call(kits, reply), result);
+    EXPECT_EQ(reply, replyText);
+    EXPECT_EQ(log.Messages(), CLIENT.Info({operation.name}) + lines);
+}
+
+using ReserveRequestsTest = KitsTest;
+
+TEST_F(ReserveRequestsTest, EveryOperationSendsMapsAndLogs)
+{
+    for (const ReserveCase& operation : RESERVE_CASES) {
+        SCOPED_TRACE(operation.name);
+        ReserveMigrateKits kits;
+        manager_->SetRunning(MIGRATE_SERVICE_ID, nullptr);
+        RunCase(operation, kits, 104, "before",
+            LOOKUP + CLIENT.Error({"Get remote object from samgr failed"}) +
+                CLIENT.Info({operation.nameInLines + " error, remote server is null"}));
+
+        const sptr<ScriptedRemoteObject> service = RunService();
+        kits.GetService();
+        for (const auto& [transport, result] : OUTCOMES) {
+            SCOPED_TRACE(transport);
+            const char* const text = transport == 2000 ? "" : "no { json";
+            service->SetHandler(Answer(operation.code, operation.request, {text}, transport));
+            RunCase(operation, kits, result, result == 0 ? text : "before",
+                CLIENT.Info({"GetService entry"}) + ProxyLines(transport) +
+                    (result == 0 ? Lines()
+                                 : CLIENT.Error({operation.nameInLines + " call " + operation.failure +
+                                                 ", ret=" + std::to_string(result)})));
+        }
+        const RefusingParcels refusing;
+        RunCase(
+            operation, kits, 104, "before", CLIENT.Info({"GetService entry", operation.nameInLines + operation.token}));
+        EXPECT_EQ(service->Requests().size(), std::size(OUTCOMES));
+    }
+}
+
+class ReserveObserversTest : public KitsTest {
+protected:
+    // The callers and observers that the service was asked to register.
+    using Registrations = std::vector<std::pair<std::string, sptr<IRemoteObject>>>;
+    static Registrations Registered(const sptr<ScriptedRemoteObject>& service)
+    {
+        Registrations registrations;
+        for (const auto& request : service->Requests()) {
+            EXPECT_EQ(request.code, 20U);
+            request.data->ReadInterfaceToken();
+            std::string caller = request.data->ReadString();
+            registrations.emplace_back(caller, request.data->ReadRemoteObject());
+        }
+        return registrations;
+    }
+    void Register(const char* caller, const sptr<IReserveMigrateStatusObserver>& observer, int32_t result = 0)
+    {
+        EXPECT_EQ(kits_->RegisterCallback(caller, observer, reply_), result);
+    }
+
+    std::optional<ReserveMigrateKits> kits_{std::in_place};
+    std::string reply_;
+};
+
+TEST_F(ReserveObserversTest, DeathRegistersEveryObserverInTheOrderOfNames)
+{
+    const auto first = NewObserver();
+    const auto last = NewObserver();
+    const sptr<ScriptedRemoteObject> before = RunService();
+    Register("beta", NewObserver());
+    before->QueueAnswer(2006);  // rejected, and kept all the same
+    Register("beta", last, 6);
+    Register("alpha", first);
+    const sptr<ScriptedRemoteObject> after = PrepareService();
+    after->QueueAnswer(2003);
+    RecordingLogSink log;
+    before->Die();
+    EXPECT_EQ(log.Messages(), CLIENT.Info({"migrate_server is dead", "resume migrate broker callbacks"}) + LOOKUP +
+                                  WATCHED + ProxyLines(2003) +
+                                  CLIENT.Info({"register caller=alpha callback result=3"}) + ProxyLines(0) +
+                                  CLIENT.Info({"register caller=beta callback result=0"}));
+    EXPECT_EQ(Registered(after), (Registrations{{"alpha", first->AsObject()}, {"beta", last->AsObject()}}));
+}
+
+TEST_F(ReserveObserversTest, OnlyASentUnregistrationForgetsTheObserver)
+{
+    const sptr<ScriptedRemoteObject> first = RunService();
+    Register("a", NewObserver());
+    RecordingLogSink log;
+    Register("b", nullptr, 104);
+    EXPECT_EQ(log.Messages(), CLIENT.Info({"RegisterCallback", "RegisterCallback, b observer callback is nullptr"}));
+    const Lines dead = CLIENT.Info({"migrate_server is dead", "resume migrate broker callbacks"});
+    log.Clear();
+    first->Die();
+    EXPECT_EQ(
+        log.Messages(), dead + LOOKUP + CLIENT.Error({"Get remote object from samgr failed", "service is nullptr"}));
+    const sptr<ScriptedRemoteObject> second = RunService();
+    {
+        const RefusingParcels refusing;
+        EXPECT_EQ(kits_->UnRegisterCallback("a", reply_), 104);
+        log.Clear();
+        kits_->ResumeRegisterCallback();
+        EXPECT_EQ(log.Messages(), CLIENT.Info({"resume migrate broker callbacks", "GetService entry",
+                                      "RegisterCallback InterfaceToken write error"}));
+    }
+    kits_->ResumeRegisterCallback();
+    EXPECT_EQ(Registered(second).size(), 1U);
+    second->QueueAnswer(-3);
+    EXPECT_EQ(kits_->UnRegisterCallback("a", reply_), 104);
+    log.Clear();
+    second->Die();
+    EXPECT_EQ(log.Messages(), dead + CLIENT.Info({"observers_ is empty"}));
+}
+
+TEST_F(ReserveObserversTest, EndWithdrawsTheWatchAndDropsTheObservers)
+{
+    const auto observer = NewObserver();
+    const sptr<ScriptedRemoteObject> service = RunService();
+    Register("a", observer);
+    // A watch without a proxy, from which nobody withdraws it.
+    ReserveMigrateKits* const unconnected = new ReserveMigrateKits;
+    const sptr<ScriptedRemoteObject> unproxied(new ScriptedRemoteObject);
+    unconnected->AddDeathRecipient(unproxied);
+    RecordingLogSink log;
+    kits_.reset();
+    delete unconnected;
+    unproxied->Die();
+    EXPECT_EQ(log.Messages(), CLIENT.Info({"~ReserveMigrateKits", "~ReserveMigrateKits"}));
+    EXPECT_EQ(service->RecipientCount(), 0U);
+    EXPECT_EQ(service->Requests().size(), 1U);
+    EXPECT_EQ(observer->GetSptrRefCount(), 2);  // this one, and the recorded request's
+}
+
+TEST_F(ReserveObserversTest, EndInsideTheHandlerEndsIt)
+{
+    const sptr<ScriptedRemoteObject> before = RunService();
+    Register("a", NewObserver());
+    Register("b", NewObserver());
+    const sptr<ScriptedRemoteObject> after = PrepareService();
+    after->SetHandler([&](uint32_t, MessageParcel&, MessageParcel&, MessageOption&) {
+        kits_.reset();
+        return 0;
+    });
+    before->Die();
+    EXPECT_EQ(after->Requests().size(), 1U);
+    EXPECT_EQ(after->RecipientCount(), 0U);
+}
+
+TEST_F(ReserveObserversTest, EndWaitsForAHandlerOnAnotherThread)
+{
+    const sptr<ScriptedRemoteObject> before = RunService();
+    Register("a", NewObserver());
+    Register("b", NewObserver());
+    const sptr<ScriptedRemoteObject> after = PrepareService();
+    std::thread ending;
+    std::atomic<bool> handled{false};
+    after->SetHandler([&](uint32_t, MessageParcel&, MessageParcel&, MessageOption&) {
+        ending = std::thread([&] {
+            kits_.reset();
+            EXPECT_TRUE(handled);
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        handled = true;
+        return 0;
+    });
+    before->Die();
+    ending.join();
+    EXPECT_EQ(after->Requests().size(), 1U);
+    EXPECT_EQ(after->RecipientCount(), 0U);
+}
+
+// Objects that end while their service dies. The sanitizers judge, too.
+TEST_F(ReserveObserversTest, EndsDuringDeaths)
+{
+    for (int i = 0; i < 1000; ++i) {
+        const sptr<ScriptedRemoteObject> service = RunService();
+        kits_.emplace();
+        Register("a", NewObserver());
+        const sptr<ScriptedRemoteObject> next = PrepareService();
+        std::thread death([&] { service->Die(); });
+        if (i % 2 == 0) {
+            std::this_thread::sleep_for(std::chrono::microseconds(i % 100));
+        }
+        kits_.reset();
+        const size_t requests = next->Requests().size();
+        death.join();
+        EXPECT_EQ(next->Requests().size(), requests) << "a handler ran on after the end";
+    }
+}
+
+}  // namespace
+}  // namespace VEXA::UpdateEngine
