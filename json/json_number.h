@@ -18,7 +18,7 @@ bool StoreNumber(double number, T& target)
     using Limits = std::numeric_limits<T>;
     // Both are powers of two, or 0, and so exact; the limit is one more than the maximum, which might not be.
     constexpr double lowest = static_cast<double>(Limits::min());
-    constexpr double limit = static_cast<double>(Limits::max() / 2 + 1) * 2.0;
+    constexpr double limit = static_cast<double>((Limits::max() >> 1) + 1) * 2.0;
     const double whole = std::trunc(number);
     if (!(whole >= lowest && whole < limit)) {
         return false;

@@ -118,7 +118,7 @@ inline bool Parcel::WriteText(const S& value)
     std::memcpy(place, &length, sizeof(length));
     // The closing zero and the padding all lie in the last word.
     std::memset(place + total - kAlignment, 0, kAlignment);
-    std::memcpy(place + sizeof(length), value.data(), value.size() * kUnit);
+    std::copy_n(reinterpret_cast<const uint8_t*>(value.data()), value.size() * kUnit, place + sizeof(length));
     return true;
 }
 

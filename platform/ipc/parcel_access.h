@@ -49,7 +49,7 @@ public:
     }
 
 private:
-    static constexpr size_t kKeptBytes = 64 * 1024;
+    static constexpr size_t kKeptBytes = size_t{64} * 1024;
 };
 
 }  // namespace VEXA

@@ -13,6 +13,6 @@ using MessageBuffer = TextBuffer<LOG_MESSAGE_MAX>;
 
 // Appends the formatted message to `out`. Returns false when a conversion is not one of those that KoLogPrint
 // documents; the text then ends in "<bad format>".
-bool FormatMessage(MessageBuffer& out, const char* format, va_list arguments, bool showPrivate);
+bool FormatMessage(MessageBuffer& out, const char* format, va_list given, bool showPrivate);
 
 }  // namespace VEXA

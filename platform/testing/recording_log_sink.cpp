@@ -14,7 +14,8 @@ RecordedMessage SplitPrefix(const LogEntry& entry)
     if (message.empty() || message.front() != '[' || open == message.npos) {
         return {entry.level, "", message};
     }
-    return {entry.level, message.substr(1, open - 1), message.substr(end + 2), std::atoi(message.c_str() + open + 1)};
+    return {entry.level, message.substr(1, open - 1), message.substr(end + 2),
+        static_cast<int>(std::strtol(message.c_str() + open + 1, nullptr, 10))};
 }
 
 }  // namespace

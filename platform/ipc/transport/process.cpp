@@ -83,7 +83,8 @@ bool IpcProcess::StartLocked()
         startFailed_ = true;
         return false;
     }
-    std::atexit(&AtExit);
+    // Without room for the handler only the socket's file stays, which whoever publishes the context object removes.
+    (void)std::atexit(&AtExit);
     return true;
 }
 
@@ -116,7 +117,7 @@ sptr<Peer> IpcProcess::PeerAt(EndpointId id)
         return found->second;
     }
     UniqueFd fd;
-    if (dead_.count(id) == 0) {
+    if (!dead_.contains(id)) {
         fd = ConnectAtOnce(EndpointPath(id));
     }
     sptr<Peer> peer(new Peer(id, fd ? CredentialsOf(fd) : Credentials()));
@@ -142,7 +143,7 @@ sptr<Peer> IpcProcess::Greet(EndpointId claimed, const Credentials& credentials,
         return nullptr;
     }
     MutexLock lock(peersMutex_);
-    if (dead_.count(claimed) > 0) {
+    if (dead_.contains(claimed)) {
         return nullptr;
     }
     sptr<Peer>& peer = peers_[claimed];

@@ -20,7 +20,7 @@ namespace VEXA::samgr {
 
 namespace {
 
-constexpr size_t kMaxProfileBytes = 64 * 1024;
+constexpr size_t kMaxProfileBytes = size_t{64} * 1024;
 constexpr double kMaxStartSeconds = 300;
 
 using JsonRoot = std::unique_ptr<cJSON, decltype(&cJSON_Delete)>;
@@ -65,7 +65,7 @@ private:
         static const std::set<std::string> known = {
             "id", "program", "arguments", "user", "directory", "environment", "startTimeout", "register", "lookup"};
         for (const cJSON* item = root_->child; item != nullptr; item = item->next) {
-            if (known.count(item->string) == 0) {
+            if (!known.contains(item->string)) {
                 Fault("unknown key \"" + std::string(item->string) + "\"");
             }
         }

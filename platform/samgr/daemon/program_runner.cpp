@@ -127,7 +127,7 @@ int ProgramRunner::OnExit(sd_event_source*, const siginfo_t* info, void* data)
 
 void ProgramRunner::Kill(pid_t pid)
 {
-    if (programs_.count(pid) != 0) {
+    if (programs_.contains(pid)) {
         kill(pid, SIGKILL);  // before it has made its session, there is no group
         kill(-pid, SIGKILL);
     }

@@ -31,8 +31,8 @@ private:
     struct Program;
 
     bool Watch(Program& program);
-    static int OnOutput(sd_event_source* source, int fd, uint32_t events, void* program);
-    static int OnExit(sd_event_source* source, const siginfo_t* info, void* program);
+    static int OnOutput(sd_event_source* source, int fd, uint32_t events, void* data);
+    static int OnExit(sd_event_source* source, const siginfo_t* info, void* data);
 
     sd_event* const loop_;
     std::function<void(pid_t, const ProgramEnd&)> onEnd_;

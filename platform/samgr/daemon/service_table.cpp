@@ -215,7 +215,7 @@ void ServiceTable::Start(int32_t id, Service& service, Completions& completions)
     SAMGR_LOGI("service %{public}d: started %{public}s[%{public}d]", id, service.profile->program.c_str(), pid);
 }
 
-void ServiceTable::TimeOut(int32_t id, Service& service, Completions& completions)
+void ServiceTable::TimeOut(int32_t id, Service& service, Completions& completions) const
 {
     setting_.starter->Kill(service.program);
     const std::string reason = "process " + std::to_string(service.program) + " did not register in time and was ended";

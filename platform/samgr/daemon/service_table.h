@@ -90,7 +90,7 @@ private:
     static void Forget(Service& service);
     static bool Lives(const Service& service);
     void Start(int32_t id, Service& service, Completions& completions) VEXA_REQUIRES(mutex_);
-    void TimeOut(int32_t id, Service& service, Completions& completions) VEXA_REQUIRES(mutex_);
+    void TimeOut(int32_t id, Service& service, Completions& completions) const VEXA_REQUIRES(mutex_);
     static void Finish(Service& service, const LoadOutcome& outcome, Completions& completions);
     static void Run(const Completions& completions);
     void OnObjectDied(int32_t id, const wptr<IRemoteObject>& object);

@@ -88,7 +88,7 @@ bool PlanEnvironment(const Profile& profile, SpawnPlan& plan, std::string& reaso
     }
     variables["VEXA_RUNTIME_DIR"] = RuntimeDirectory();
     for (const auto& [name, value] : variables) {
-        plan.environment.push_back(name + "=" + value);
+        plan.environment.push_back(std::string(name).append("=").append(value));
     }
     return true;
 }
@@ -130,6 +130,7 @@ bool MakePipe(UniqueFd& readEnd, UniqueFd& writeEnd, std::string& reason)
 std::vector<char*> Pointers(const std::vector<std::string>& texts)
 {
     std::vector<char*> pointers;
+    pointers.reserve(texts.size() + 1);
     for (const std::string& text : texts) {
         pointers.push_back(const_cast<char*>(text.c_str()));
     }

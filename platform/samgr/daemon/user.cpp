@@ -34,7 +34,7 @@ std::vector<gid_t> GroupsOf(const std::string& name, gid_t gid)
 
 bool FindAccount(const std::string& user, UserAccount& account)
 {
-    std::vector<char> buffer(16 * 1024);
+    std::vector<char> buffer(size_t{16} * 1024);
     passwd entry = {};
     passwd* found = nullptr;
     uid_t uid = 0;

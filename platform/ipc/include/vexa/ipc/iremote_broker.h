@@ -22,12 +22,12 @@ public:
 };
 
 // Gives an interface its descriptor. The string is made on first use: broker registrations read it while static
-// objects are being built.
-#define DECLARE_INTERFACE_DESCRIPTOR(text)            \
-    static const std::u16string& GetDescriptor()      \
-    {                                                 \
-        static const std::u16string descriptor(text); \
-        return descriptor;                            \
+// objects are being built. It is never destroyed: threads of the runtime read it while the process exits.
+#define DECLARE_INTERFACE_DESCRIPTOR(text)                                         \
+    static const std::u16string& GetDescriptor()                                   \
+    {                                                                              \
+        static const std::u16string& descriptor = *new const std::u16string(text); \
+        return descriptor;                                                         \
     }
 
 // Descriptor -> creator of the proxy class. One in a process; all operations may be called from any thread.
