@@ -1,0 +1,227 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "callback_hub.h"
+
+#include <algorithm>
+#include <set>
+
+#include "json_text.h"
+#include "native_migrate/ireserve_migrate_status_observer.h"
+#include "native_migrate/migrate_callback_proxy.h"
+#include "service_log.h"
+#include "vexa/ipc/ipc_errors.h"
+#include "vexa/ipc/message_option.h"
+#include "vexa/ipc/message_parcel.h"
+
+namespace VEXA::UpdateEngine {
+
+namespace {
+
+// More than there are tasks or applications; as one text they still fit a parcel.
+constexpr size_t kMostItems = 65536;
+
+uint32_t KeyOf(const TaskProgress& task)
+{
+    return task.id;
+}
+const std::string& KeyOf(const RestoreEventInfo& event)
+{
+    return event.restoreAppInfo.scanSourceDir;
+}
+
+// Keeps the last item of each task or application.
+template <typename Item>
+void KeepLast(std::vector<Item>& items)
+{
+    std::set<std::decay_t<decltype(KeyOf(items.front()))>> known;
+    std::vector<Item> kept;
+    for (auto item = items.rbegin(); item != items.rend(); ++item) {
+        if (known.insert(KeyOf(*item)).second) {
+            kept.push_back(std::move(*item));
+        }
+    }
+    std::reverse(kept.begin(), kept.end());
+    items = std::move(kept);
+}
+
+template <typename Item>
+std::unique_ptr<Mailbox<Item>> MakeMailbox(typename Mailbox<Item>::Deliver deliver)
+{
+    const typename Mailbox<Item>::Limits limits{CallbackHub::INTERVAL, kMostItems};
+    return std::make_unique<Mailbox<Item>>(limits, std::move(deliver), &KeepLast<Item>);
+}
+
+class DeathWatch : public IRemoteObject::DeathRecipient {
+public:
+    explicit DeathWatch(std::function<void()> act) : act_(std::move(act)) {}
+    void OnRemoteDied(const wptr<IRemoteObject>& /*object*/) override { act_(); }
+
+private:
+    const std::function<void()> act_;
+};
+
+// False when the receiver has died; what a living one answers is its own business.
+bool IsAlive(int32_t result, const char* what)
+{
+    if (result != IPC_OK) {
+        SA_LOGW("%{public}s was answered with %{public}d", what, result);
+    }
+    return result != IPC_DEAD_OBJECT;
+}
+
+bool DeliverRestores(const sptr<IRemoteObject>& object, const std::vector<RestoreEventInfo>& events)
+{
+    MessageParcel data;
+    MessageParcel reply;
+    MessageOption option(MessageOption::TF_SYNC);
+    data.WriteInterfaceToken(RESERVE_STATUS_OBSERVER_DESCRIPTOR);
+    data.WriteString(ToJson(events));
+    return IsAlive(object->SendRequest(RESERVE_STATUS_CODE, data, reply, option), "a reserve status");
+}
+
+}  // namespace
+
+CallbackHub::~CallbackHub()
+{
+    Close();
+}
+
+sptr<IRemoteObject::DeathRecipient> CallbackHub::Watch(const std::function<void(CallbackHub&)>& forget)
+{
+    return sptr<IRemoteObject::DeathRecipient>(new DeathWatch([hub = weak_from_this(), forget] {
+        if (const auto alive = hub.lock()) {
+            forget(*alive);
+        }
+    }));
+}
+
+template <typename Item>
+bool CallbackHub::Add(Receivers<Item>& receivers, const Key& key, Receiver<Item> receiver, std::vector<Item> first)
+{
+    Remove(receivers, key, nullptr);
+    {
+        MutexLock lock(mutex_);
+        if (receivers.registered.size() >= MOST_RECEIVERS) {
+            return false;
+        }
+        for (Item& item : first) {
+            receiver.mailbox->Post(std::move(item));
+        }
+        receivers.registered[key] = {receiver.object, receiver.watch, std::move(receiver.mailbox)};
+    }
+    // Behind the entry: a death that follows at once must find it.
+    receiver.object->AddDeathRecipient(receiver.watch);
+    return true;
+}
+
+// `object`: only if it is still that one; null: whichever it is.
+template <typename Item>
+bool CallbackHub::Remove(Receivers<Item>& receivers, const Key& key, const IRemoteObject* object)
+{
+    Receiver<Item> removed;
+    std::vector<std::unique_ptr<Mailbox<Item>>> ended;
+    {
+        MutexLock lock(mutex_);
+        auto& leaving = receivers.leaving;
+        const auto firstEnded =
+            std::partition(leaving.begin(), leaving.end(), [](const auto& mailbox) { return !mailbox->HasEnded(); });
+        std::move(firstEnded, leaving.end(), std::back_inserter(ended));
+        leaving.erase(firstEnded, leaving.end());
+
+        const auto found = receivers.registered.find(key);
+        if (found == receivers.registered.end() || (object != nullptr && found->second.object.GetRefPtr() != object)) {
+            return false;
+        }
+        removed = std::move(found->second);
+        receivers.registered.erase(found);
+        removed.mailbox->Close();
+        leaving.push_back(std::move(removed.mailbox));
+    }
+    removed.object->RemoveDeathRecipient(removed.watch);
+    return true;
+}
+
+bool CallbackHub::AddProgress(pid_t process, const sptr<IRemoteObject>& object, std::vector<TaskProgress> first)
+{
+    const Key key(process, "");
+    // Not counted: the object holds its watch, which must not hold the object.
+    const IRemoteObject* const it = object.GetRefPtr();
+    Receiver<TaskProgress> receiver{object,
+        Watch([key, it](CallbackHub& hub) { hub.Remove(hub.progressReceivers_, key, it); }),
+        MakeMailbox<TaskProgress>(
+            [this, object](std::vector<TaskProgress> tasks) { return DeliverProgress(object, std::move(tasks)); })};
+    return Add(progressReceivers_, key, std::move(receiver), std::move(first));
+}
+
+bool CallbackHub::DeliverProgress(const sptr<IRemoteObject>& object, std::vector<TaskProgress> tasks) const
+{
+    MigrateStage stage = MigrateStage::NONE;
+    EventInfo event;
+    event.taskProgresses = std::move(tasks);
+    progress_(stage, event.progress);
+    MessageParcel data;
+    MessageParcel reply;
+    data.WriteInterfaceToken(MIGRATE_CALLBACK_DESCRIPTOR);
+    data.WriteUint32(static_cast<uint32_t>(stage));
+    data.WriteString(ToJson(event));
+    return IsAlive(MigrateCallBackProxy(object).OnMigrateProgress(data, reply), "a progress event");
+}
+
+void CallbackHub::RemoveProgress(pid_t process)
+{
+    Remove(progressReceivers_, Key(process, ""), nullptr);
+}
+
+bool CallbackHub::AddObserver(
+    pid_t process, const std::string& caller, const sptr<IRemoteObject>& object, std::vector<RestoreEventInfo> first)
+{
+    const Key key(process, caller);
+    const IRemoteObject* const it = object.GetRefPtr();
+    Receiver<RestoreEventInfo> receiver{object,
+        Watch([key, it](CallbackHub& hub) { hub.Remove(hub.observers_, key, it); }),
+        MakeMailbox<RestoreEventInfo>(
+            [object](const std::vector<RestoreEventInfo>& events) { return DeliverRestores(object, events); })};
+    return Add(observers_, key, std::move(receiver), std::move(first));
+}
+
+bool CallbackHub::RemoveObserver(pid_t process, const std::string& caller)
+{
+    return Remove(observers_, Key(process, caller), nullptr);
+}
+
+void CallbackHub::OnTask(const TaskProgress& task)
+{
+    MutexLock lock(mutex_);
+    for (auto& [key, receiver] : progressReceivers_.registered) {
+        receiver.mailbox->Post(task);
+    }
+}
+
+void CallbackHub::OnRestore(const RestoreEventInfo& event)
+{
+    MutexLock lock(mutex_);
+    for (auto& [key, receiver] : observers_.registered) {
+        receiver.mailbox->Post(event);
+    }
+}
+
+void CallbackHub::Close()
+{
+    Receivers<TaskProgress> progress;
+    Receivers<RestoreEventInfo> observers;
+    {
+        MutexLock lock(mutex_);
+        std::swap(progress, progressReceivers_);
+        std::swap(observers, observers_);
+    }
+    // All at once, so that the waits at the end are no longer than one.
+    const auto close = [](auto& receivers) {
+        for (auto& [key, receiver] : receivers.registered) {
+            receiver.mailbox->Close();
+            receiver.object->RemoveDeathRecipient(receiver.watch);
+        }
+    };
+    close(progress);
+    close(observers);
+}
+
+}  // namespace VEXA::UpdateEngine

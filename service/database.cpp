@@ -1,0 +1,106 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "database.h"
+
+#include <sqlite3.h>
+
+#include <utility>
+
+#include "service_log.h"
+
+namespace VEXA::UpdateEngine {
+
+Statement::Statement(sqlite3* database, const char* sql) : database_(database)
+{
+    if (sqlite3_prepare_v2(database_, sql, -1, &statement_, nullptr) != SQLITE_OK) {
+        SA_LOGE("state: %{public}s", sqlite3_errmsg(database_));
+    }
+}
+
+Statement::~Statement()
+{
+    sqlite3_finalize(statement_);
+}
+
+Statement::Statement(Statement&& other) noexcept
+    : database_(other.database_),
+      statement_(std::exchange(other.statement_, nullptr)),
+      bound_(other.bound_),
+      next_(other.next_),
+      result_(other.result_)
+{}
+
+Statement& Statement::Bind(int64_t value)
+{
+    sqlite3_bind_int64(statement_, ++bound_, value);
+    return *this;
+}
+
+// As bytes: names of files need not be UTF-8.
+Statement& Statement::Bind(const std::string& value)
+{
+    sqlite3_bind_blob64(statement_, ++bound_, value.data(), value.size(), SQLITE_TRANSIENT);
+    return *this;
+}
+
+bool Statement::Step()
+{
+    next_ = 0;
+    result_ = statement_ != nullptr ? sqlite3_step(statement_) : SQLITE_ERROR;
+    return result_ == SQLITE_ROW;
+}
+
+bool Statement::Run()
+{
+    while (Step()) {
+    }
+    if (result_ != SQLITE_DONE) {
+        SA_LOGE("state: %{public}s", sqlite3_errmsg(database_));
+    }
+    return result_ == SQLITE_DONE;
+}
+
+int64_t Statement::Int(int column)
+{
+    return sqlite3_column_int64(statement_, column);
+}
+
+std::string Statement::Text(int column)
+{
+    const auto* const text = static_cast<const char*>(sqlite3_column_blob(statement_, column));
+    const int bytes = sqlite3_column_bytes(statement_, column);
+    return text != nullptr ? std::string(text, static_cast<size_t>(bytes)) : std::string();
+}
+
+std::unique_ptr<Database> Database::Open(const std::string& path, std::string& error)
+{
+    sqlite3* handle = nullptr;
+    const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
+    const int result = sqlite3_open_v2(path.c_str(), &handle, flags, nullptr);
+    std::unique_ptr<Database> database(new Database(handle));
+    constexpr int kWaitMilliseconds = 2000;
+    sqlite3_busy_timeout(handle, kWaitMilliseconds);
+    // Exclusive: a second service on the same state must not start. The lock dies with its process.
+    if (result != SQLITE_OK ||
+        !database->Execute("PRAGMA locking_mode = EXCLUSIVE; PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL;"
+                           "BEGIN EXCLUSIVE; COMMIT;")) {
+        error = path + ": " + (handle != nullptr ? sqlite3_errmsg(handle) : "out of memory");
+        return nullptr;
+    }
+    return database;
+}
+
+Database::~Database()
+{
+    sqlite3_close(database_);
+}
+
+bool Database::Execute(const char* sql)
+{
+    const bool done = sqlite3_exec(database_, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
+    if (!done) {
+        SA_LOGE("state: %{public}s", sqlite3_errmsg(database_));
+    }
+    return done;
+}
+
+}  // namespace VEXA::UpdateEngine

@@ -1,0 +1,224 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the engine is told to do with the migration.
+#include <algorithm>
+
+#include "json_parse.h"
+#include "migration_engine.h"
+#include "plain_name.h"
+
+namespace VEXA::UpdateEngine {
+
+namespace {
+
+BusinessError NotFound()
+{
+    return MakeError(MIGRATE_ERROR_NOT_FOUND, "there is no package of that name");
+}
+
+BusinessError StateError()
+{
+    return MakeError(MIGRATE_ERROR_STATE, "the service's state can't be written");
+}
+
+}  // namespace
+
+Task MigrationEngine::MakeTask(TaskKind kind, const Package& package) const
+{
+    Task task;
+    task.kind = kind;
+    task.source = package.directory;
+    task.target = package.manifest.target;
+    task.app = package.AsRestoreApp();
+    task.user = package.manifest.user;
+    task.error = FaultOf(package);
+    task.status = task.error.code == 0 ? TaskStatus::IDLE : TaskStatus::FAILED;
+    return task;
+}
+
+BusinessError MigrationEngine::StartAll()
+{
+    std::vector<Package> packages;
+    if (!catalog_.Read(packages)) {
+        return MakeError(MIGRATE_ERROR_SOURCE, "the source directory can't be read");
+    }
+    MutexLock lock(mutex_);
+    if (State() == TaskStatus::RUNNING || State() == TaskStatus::PAUSED) {
+        return MakeError(MIGRATE_ERROR_BUSY, "a migration is under way");
+    }
+    const PresetChoices choices = Choices();
+    BusinessError error;
+    Transaction transaction = store_->Begin();
+    RemoveTasks([](const Task&) { return true; });
+    BeginRun();
+    for (const Package& package : packages) {
+        const bool isExcluded = std::any_of(choices.exclude.begin(), choices.exclude.end(),
+            [&](const std::string& name) { return package.IsCalled(name); });
+        if (package.manifest.reserved || isExcluded) {
+            continue;
+        }
+        const Task& task = store_->Add(MakeTask(TaskKind::MIGRATE, package));
+        if (task.error.code != 0) {
+            error.data.push_back({task.error.code, task.source + ": " + task.error.reason});
+        }
+        Report(task);
+    }
+    EndMigrationIfDone();
+    if (!transaction.Commit()) {
+        return StateError();
+    }
+    Wake();
+    if (!error.data.empty()) {
+        error.errorNum = MIGRATE_ERROR_SOME_PACKAGES;
+        error.message = "some packages can't be migrated";
+    }
+    return error;
+}
+
+BusinessError MigrationEngine::StartPackage(const std::string& name, const std::string& targetName, int32_t priority)
+{
+    std::vector<Package> packages;
+    if (!catalog_.Read(packages)) {
+        return MakeError(MIGRATE_ERROR_SOURCE, "the source directory can't be read");
+    }
+    const Package* const found = PackageCatalog::Find(packages, name);
+    if (found == nullptr) {
+        return NotFound();
+    }
+    if (found->manifest.reserved) {
+        return MakeError(MIGRATE_ERROR_RESERVED, "it is set aside: restore it instead");
+    }
+    Package package = *found;
+    if (!targetName.empty()) {
+        package.manifest.target = targetName;
+        if (!IsPlainName(targetName)) {
+            package.fault = {MIGRATE_ERROR_NAME, "the new name can't be that of a directory in the target", false};
+        }
+    }
+    MutexLock lock(mutex_);
+    const Task* const earlier = store_->Find(TaskKind::MIGRATE, package.directory);
+    if (earlier != nullptr && !earlier->IsEnded()) {
+        return MakeError(MIGRATE_ERROR_BUSY, "its migration is under way");
+    }
+    Task task = MakeTask(TaskKind::MIGRATE, package);
+    if (task.error.code != 0) {
+        BusinessError error = MakeError(MIGRATE_ERROR_SOME_PACKAGES, "it can't be migrated");
+        error.data.push_back({task.error.code, task.source + ": " + task.error.reason});
+        return error;
+    }
+    task.priority = priority;
+    Transaction transaction = store_->Begin();
+    if (earlier != nullptr) {
+        store_->Erase(earlier->id);
+    }
+    BeginRun();
+    Report(store_->Add(task));
+    Wake();
+    return transaction.Commit() ? BusinessError() : StateError();
+}
+
+// Also of ended ones, whose memory goes with them. A worker that has one of them in hand finds it gone.
+size_t MigrationEngine::RemoveTasks(const std::function<bool(const Task&)>& isMeant)
+{
+    std::vector<uint32_t> removed;
+    for (const auto& [id, task] : store_->Tasks()) {
+        if (task.kind == TaskKind::MIGRATE && isMeant(task)) {
+            removed.push_back(id);
+        }
+    }
+    for (const uint32_t id : removed) {
+        store_->Erase(id);
+    }
+    return removed.size();
+}
+
+BusinessError MigrationEngine::RemoveUser(int32_t user)
+{
+    return Remove([user](const Task& task) { return user == MIGRATE_ALL_USERS || task.user == user; });
+}
+
+BusinessError MigrationEngine::RemovePackage(const std::string& name)
+{
+    return Remove([&name](const Task& task) { return task.IsCalled(name); });
+}
+
+BusinessError MigrationEngine::Remove(const std::function<bool(const Task&)>& isMeant)
+{
+    MutexLock lock(mutex_);
+    std::vector<Task> open;
+    for (const auto& [id, task] : store_->Tasks()) {
+        if (task.kind == TaskKind::MIGRATE && !task.IsEnded() && isMeant(task)) {
+            open.push_back(task);
+        }
+    }
+    Transaction transaction = store_->Begin();
+    if (RemoveTasks(isMeant) == 0) {
+        return MakeError(MIGRATE_ERROR_NOTHING, "there is no such task");
+    }
+    EndMigrationIfDone();
+    const bool isWritten = transaction.Commit();
+    for (Task& task : open) {
+        task.status = TaskStatus::FAILED;
+        task.subStatus = MIGRATE_SUB_NONE;
+        Report(task);
+    }
+    Wake();
+    return isWritten ? BusinessError() : StateError();
+}
+
+BusinessError MigrationEngine::Pause(TaskPauseReason reason)
+{
+    MutexLock lock(mutex_);
+    if (State() != TaskStatus::RUNNING) {
+        return MakeError(MIGRATE_ERROR_NOTHING, "no migration is running");
+    }
+    return Switch(TaskStatus::RUNNING, TaskStatus::PAUSED, reason);
+}
+
+BusinessError MigrationEngine::Resume()
+{
+    MutexLock lock(mutex_);
+    if (State() != TaskStatus::PAUSED) {
+        return MakeError(MIGRATE_ERROR_NOTHING, "no migration is paused");
+    }
+    return Switch(TaskStatus::PAUSED, TaskStatus::RUNNING, TaskPauseReason::NONE);
+}
+
+BusinessError MigrationEngine::Switch(TaskStatus from, TaskStatus to, TaskPauseReason reason)
+{
+    std::vector<uint32_t> affected;
+    for (const auto& [id, task] : store_->Tasks()) {
+        if (task.kind == TaskKind::MIGRATE && task.status == from) {
+            affected.push_back(id);
+        }
+    }
+    Transaction transaction = store_->Begin();
+    SetState(to);
+    store_->Set(StateValue::PAUSE_REASON, static_cast<int64_t>(reason));
+    for (const uint32_t id : affected) {
+        Task& task = *store_->Find(id);
+        task.status = to;
+        Changed(task);
+    }
+    Wake();
+    return transaction.Commit() ? BusinessError() : StateError();
+}
+
+BusinessError MigrationEngine::SetPolicy(int32_t policy)
+{
+    MutexLock lock(mutex_);
+    return store_->Set(StateValue::POLICY, policy) ? BusinessError() : StateError();
+}
+
+bool MigrationEngine::SetPreset(const std::string& text, BusinessError& error)
+{
+    PresetChoices choices;
+    if (!text.empty() && (JsonContext(text).Type() != JsonContext::OBJECT ||
+                             JsonParse::JsonStrToStruct(text, choices) != JsonError::SUCCESS)) {
+        return false;
+    }
+    MutexLock lock(mutex_);
+    error = store_->SetPreset(text) ? BusinessError() : StateError();
+    return true;
+}
+
+}  // namespace VEXA::UpdateEngine

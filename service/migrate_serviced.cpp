@@ -1,0 +1,106 @@
+// SPDX-License-Identifier: Apache-2.0
+// migrate_serviced: the reference migration service.
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "callback_hub.h"
+#include "migrate_server_stub.h"
+#include "migration_engine.h"
+#include "service_log.h"
+#include "vexa/samgr/system_ability_manager_client.h"
+
+namespace {
+
+using namespace VEXA;
+using namespace VEXA::UpdateEngine;
+
+// The hub is made before the engine, which tells it of changes, and asks the engine for the progress.
+struct Service {
+    std::shared_ptr<MigrationEngine> engine;
+    std::shared_ptr<CallbackHub> hub;
+    sptr<IRemoteObject> object;
+
+    bool Open(const EngineOptions& options, std::string& error)
+    {
+        const auto target = std::make_shared<std::weak_ptr<MigrationEngine>>();
+        hub = std::make_shared<CallbackHub>([target](MigrateStage& stage, MigrateProgress& progress) {
+            if (const auto alive = target->lock()) {
+                alive->GetProgress(stage, progress);
+            }
+        });
+        engine = MigrationEngine::Open(options, *hub, error);
+        if (engine == nullptr) {
+            return false;
+        }
+        *target = engine;
+        object = sptr<IRemoteObject>(new MigrateServerStub(engine, hub));
+        return true;
+    }
+};
+
+bool Register(const sptr<IRemoteObject>& object)
+{
+    const auto manager = SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
+    const int32_t result =
+        manager != nullptr ? manager->AddSystemAbility(MIGRATE_SERVICE_ID, object) : MIGRATE_UNREACHABLE;
+    if (result != SAMGR_OK) {
+        fprintf(stderr, "migrate_serviced: the manager did not take the service: %d\n", result);
+    }
+    return result == SAMGR_OK;
+}
+
+void Unregister()
+{
+    if (const auto manager = SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager()) {
+        manager->RemoveSystemAbility(MIGRATE_SERVICE_ID);
+    }
+}
+
+int Run(const EngineOptions& options)
+{
+    // Before the first thread, so that no thread takes one of them.
+    sigset_t stop;
+    sigemptyset(&stop);
+    sigaddset(&stop, SIGTERM);
+    sigaddset(&stop, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &stop, nullptr);
+
+    Service service;
+    std::string error;
+    if (!service.Open(options, error)) {
+        fprintf(stderr, "migrate_serviced: %s\n", error.c_str());
+        return 1;
+    }
+    if (!Register(service.object)) {
+        return 1;
+    }
+    service.engine->Start();
+    SA_LOGI("serving %{public}s to %{public}s", options.source.c_str(), options.target.c_str());
+    int signal = 0;
+    sigwait(&stop, &signal);
+    SA_LOGI("ends on signal %{public}d", signal);
+    Unregister();
+    service.engine->Stop();
+    service.hub->Close();
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    EngineOptions options;
+    CLI::App app("The reference migration service: moves packages from one directory to another.", "migrate_serviced");
+    app.add_option("--source", options.source, "Directory that holds the packages")->required();
+    app.add_option("--target", options.target, "Directory that they are moved to")->required();
+    app.add_option(
+        "--state", options.stateFile, "File that the service keeps its state in (default: .migrate-state.db there)");
+    app.add_option("--throttle", options.bytesPerSecond, "Bytes that are copied in a second, at most; 0: no limit")
+        ->envname("MIGRATE_THROTTLE");
+    app.set_version_flag("--version", "migrate_serviced " VEXA_VERSION);
+    CLI11_PARSE(app, argc, argv);
+    return Run(options);
+}

@@ -1,0 +1,242 @@
+// SPDX-License-Identifier: Apache-2.0
+// Opening, recovery, and what the other parts of the engine share.
+#include "migration_engine.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <utility>
+
+#include "json_parse.h"
+#include "plain_name.h"
+#include "service_log.h"
+
+namespace VEXA::UpdateEngine {
+
+BusinessError MakeError(int32_t number, const std::string& message)
+{
+    return {message, number, {}};
+}
+
+std::unique_ptr<MigrationEngine> MigrationEngine::Open(
+    const EngineOptions& options, EngineListener& listener, std::string& error)
+{
+    constexpr int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+    UniqueFd source(open(options.source.c_str(), flags));
+    if (!source) {
+        error = options.source + ": " + strerror(errno);
+        return nullptr;
+    }
+    UniqueFd target(open(options.target.c_str(), flags));
+    if (!target) {
+        error = options.target + ": " + strerror(errno);
+        return nullptr;
+    }
+    const std::string file = options.stateFile.empty() ? options.target + "/.migrate-state.db" : options.stateFile;
+    auto store = TaskStore::Open(file, error);
+    if (store == nullptr) {
+        return nullptr;
+    }
+    std::unique_ptr<MigrationEngine> engine(
+        new MigrationEngine(options, listener, std::move(store), std::move(source), std::move(target)));
+    engine->Recover();
+    return engine;
+}
+
+MigrationEngine::MigrationEngine(const EngineOptions& options, EngineListener& listener,
+    std::unique_ptr<TaskStore> store, UniqueFd source, UniqueFd target)
+    : options_(options),
+      listener_(listener),
+      catalog_(options.source),
+      source_(std::move(source)),
+      target_(std::move(target)),
+      store_(std::move(store))
+{}
+
+MigrationEngine::~MigrationEngine()
+{
+    Stop();
+}
+
+void MigrationEngine::Recover()
+{
+    MutexLock lock(mutex_);
+    std::vector<Task> open;
+    for (const auto& [id, task] : store_->Tasks()) {
+        if (!task.IsEnded()) {
+            open.push_back(task);
+        }
+    }
+    Transaction transaction = store_->Begin();
+    for (const Task& before : open) {
+        Task& task = *store_->Find(before.id);
+        // The rename may have happened, and only its note been lost.
+        if (task.subStatus == MIGRATE_SUB_PLACING && IdOf(task.target) == task.staged) {
+            store_->SavePlaced(task.target, {task.source, task.app.packageName, task.staged});
+            task.status = TaskStatus::FINISHED;
+        } else {
+            task.status = TaskStatus::IDLE;
+            task.doneBytes = 0;
+        }
+        task.subStatus = MIGRATE_SUB_NONE;
+        store_->Save(task);
+    }
+    if (State() == TaskStatus::RUNNING || State() == TaskStatus::PAUSED) {
+        SA_LOGI("a migration with %{public}zu open tasks goes on", open.size());
+        EndMigrationIfDone();
+    }
+    transaction.Commit();
+    CleanStaging();
+}
+
+void MigrationEngine::CleanStaging()
+{
+    const UniqueFd again(openat(target_.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    std::vector<std::string> names;
+    const std::unique_ptr<DIR, int (*)(DIR*)> directory(fdopendir(dup(again.Get())), &closedir);
+    for (const dirent* entry = directory != nullptr ? readdir(directory.get()) : nullptr; entry != nullptr;
+         entry = readdir(directory.get())) {
+        if (strncmp(entry->d_name, STAGING_PREFIX.data(), STAGING_PREFIX.size()) == 0) {
+            names.emplace_back(entry->d_name);
+        }
+    }
+    for (const std::string& name : names) {
+        if (!RemoveTree(target_.Get(), name)) {
+            SA_LOGW("%{public}s can't be removed", name.c_str());
+        }
+    }
+}
+
+void MigrationEngine::Start()
+{
+    workers_.emplace_back([this] { Work(TaskKind::MIGRATE); });
+    workers_.emplace_back([this] { Work(TaskKind::RESTORE); });
+}
+
+void MigrationEngine::Stop()
+{
+    {
+        MutexLock lock(mutex_);
+        stopping_ = true;
+        Wake();
+    }
+    for (std::thread& worker : workers_) {
+        worker.join();
+    }
+    workers_.clear();
+}
+
+void MigrationEngine::Wake()
+{
+    changed_.NotifyAll();
+}
+
+TaskStatus MigrationEngine::State() const
+{
+    return static_cast<TaskStatus>(store_->Get(StateValue::STATUS));
+}
+
+void MigrationEngine::SetState(TaskStatus state)
+{
+    store_->Set(StateValue::STATUS, static_cast<int64_t>(state));
+}
+
+TaskPauseReason MigrationEngine::PauseReason() const
+{
+    return static_cast<TaskPauseReason>(store_->Get(StateValue::PAUSE_REASON));
+}
+
+void MigrationEngine::Report(const Task& task)
+{
+    reported_ = Clock::now();
+    if (task.kind == TaskKind::MIGRATE) {
+        listener_.OnTask(task.AsProgress(PauseReason()));
+    } else {
+        listener_.OnRestore(task.AsRestoreEvent());
+    }
+}
+
+void MigrationEngine::Changed(const Task& task)
+{
+    store_->Save(task);
+    Report(task);
+}
+
+void MigrationEngine::BeginRun()
+{
+    if (State() == TaskStatus::RUNNING || State() == TaskStatus::PAUSED) {
+        return;
+    }
+    meter_.Restart();
+    SetState(TaskStatus::RUNNING);
+    store_->Set(StateValue::START_TIME, time(nullptr));
+    store_->Set(StateValue::END_TIME, 0);
+}
+
+void MigrationEngine::EndMigrationIfDone()
+{
+    bool hasTask = false;
+    bool hasFailed = false;
+    for (const auto& [id, task] : store_->Tasks()) {
+        if (task.kind != TaskKind::MIGRATE) {
+            continue;
+        }
+        if (!task.IsEnded()) {
+            return;
+        }
+        hasTask = true;
+        hasFailed = hasFailed || task.status == TaskStatus::FAILED;
+    }
+    SetState(!hasTask ? TaskStatus::IDLE : hasFailed ? TaskStatus::FAILED : TaskStatus::FINISHED);
+    store_->Set(StateValue::END_TIME, time(nullptr));
+}
+
+std::optional<FileId> MigrationEngine::IdOf(const std::string& targetName) const
+{
+    struct statx status = {};
+    if (statx(target_.Get(), targetName.c_str(), AT_SYMLINK_NOFOLLOW, STATX_INO | STATX_BTIME, &status) != 0) {
+        return std::nullopt;
+    }
+    constexpr int64_t kNanoseconds = 1000000000;
+    FileId id;
+    id.device = static_cast<int64_t>(makedev(status.stx_dev_major, status.stx_dev_minor));
+    id.inode = static_cast<int64_t>(status.stx_ino);
+    if ((status.stx_mask & STATX_BTIME) != 0) {
+        id.birth = status.stx_btime.tv_sec * kNanoseconds + status.stx_btime.tv_nsec;
+    }
+    return id;
+}
+
+bool MigrationEngine::IsPlaced(const std::string& target, const std::string& source) const
+{
+    const Placed* const placed = store_->FindPlaced(target);
+    return placed != nullptr && placed->source == source && IdOf(target) == placed->id;
+}
+
+ErrorInfo MigrationEngine::FaultOf(const Package& package) const
+{
+    const std::string& target = package.manifest.target;
+    if (package.fault.code == 0 && IdOf(target) && !IsPlaced(target, package.directory)) {
+        return {MIGRATE_ERROR_TARGET, "the target has something else of that name", false};
+    }
+    return package.fault;
+}
+
+PresetChoices MigrationEngine::Choices() const
+{
+    PresetChoices choices;
+    JsonParse::JsonStrToStruct(store_->Preset(), choices);
+    return choices;
+}
+
+std::string MigrationEngine::StagingName(uint32_t id)
+{
+    return std::string(STAGING_PREFIX) + std::to_string(id);
+}
+
+}  // namespace VEXA::UpdateEngine

@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: Apache-2.0
+// The packages of the source directory, as found there.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "native_migrate/module_info.h"
+#include "native_migrate/reserve_records.h"
+
+namespace VEXA::UpdateEngine {
+
+// What the file manifest.json of a package may say of it; docs/service.md describes the keys.
+struct PackageManifest {
+    std::string bundleName;
+    std::string versionName;
+    std::string versionCode;
+    std::vector<ModuleInfo> modules;
+    int32_t user = 0;
+    int32_t targetUser = -1;
+    std::string target;
+    bool reserved = false;
+    std::string signature;
+    std::string restoreScene;
+    bool isRestoreData = true;
+    int32_t abiType = 0;
+    bool isTwinApp = false;
+    std::string appName;
+    int32_t appType = 1;
+
+    static constexpr auto Members()
+    {
+        using M = PackageManifest;
+        return MemberList(Member{"bundleName", &M::bundleName}, Member{"versionName", &M::versionName},
+            Member{"versionCode", &M::versionCode}, Member{"modules", &M::modules}, Member{"user", &M::user},
+            Member{"targetUser", &M::targetUser}, Member{"target", &M::target}, Member{"reserved", &M::reserved},
+            Member{"signature", &M::signature}, Member{"restoreScene", &M::restoreScene},
+            Member{"isRestoreData", &M::isRestoreData}, Member{"abiType", &M::abiType},
+            Member{"isTwinApp", &M::isTwinApp}, Member{"appName", &M::appName}, Member{"appType", &M::appType});
+    }
+};
+
+struct Package {
+    std::string directory;     // its name in the source
+    PackageManifest manifest;  // `bundleName`, `target` and `targetUser` filled in where the file is silent
+    ErrorInfo fault;           // why it can't be migrated; code 0: it can, as far as is known
+
+    bool IsCalled(const std::string& name) const { return directory == name || manifest.bundleName == name; }
+    RestoreAppInfo AsRestoreApp() const;
+};
+
+// Reads anew at every call: what it says is true of the directory now. From any thread.
+class PackageCatalog {
+public:
+    explicit PackageCatalog(std::string source) : source_(std::move(source)) {}
+
+    // Every directory of the source, by name. Symbolic links and files beside them are no packages. False when the
+    // source can't be read.
+    bool Read(std::vector<Package>& packages) const;
+    // The package whose directory, or else whose bundle, has that name.
+    static const Package* Find(const std::vector<Package>& packages, const std::string& name);
+
+private:
+    const std::string source_;
+};
+
+// Reads the manifest of one package directory. Without the file the package is called after its directory.
+Package ReadPackage(int sourceFd, const std::string& directory);
+
+}  // namespace VEXA::UpdateEngine

@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "task.h"
+
+#include <algorithm>
+
+namespace VEXA::UpdateEngine {
+
+int32_t Task::Percent() const
+{
+    constexpr int32_t kAll = 100;
+    if (status == TaskStatus::FINISHED) {
+        return kAll;
+    }
+    if (totalBytes <= 0) {
+        return 0;
+    }
+    const double part = static_cast<double>(doneBytes) / static_cast<double>(totalBytes);
+    // The whole is reached when the package is in its place.
+    return std::clamp(static_cast<int32_t>(part * kAll), 0, kAll - 1);
+}
+
+TaskProgress Task::AsProgress(TaskPauseReason pauseReason) const
+{
+    TaskProgress progress;
+    progress.id = id;
+    progress.status = static_cast<int32_t>(status);
+    progress.subStatus = subStatus;
+    progress.pauseReason = status == TaskStatus::PAUSED ? static_cast<int32_t>(pauseReason) : 0;
+    progress.requiredTraffic = RemainingBytes();
+    progress.progress = Percent();
+    return progress;
+}
+
+TaskInfo Task::AsInfo(TaskPauseReason pauseReason, uint32_t index) const
+{
+    TaskInfo info;
+    info.id = id;
+    info.status = status;
+    info.subStatus = subStatus;
+    info.type = TaskType::APP;
+    info.source = source;
+    info.target = target;
+    info.displayPolicy.needDisplay = "true";
+    info.displayPolicy.displayBundleName = app.packageName;
+    info.pauseReason = status == TaskStatus::PAUSED ? pauseReason : TaskPauseReason::NONE;
+    info.requiredTraffic = RemainingBytes();
+    info.progress = Percent();
+    info.index = index;
+    info.userId = user;
+    return info;
+}
+
+}  // namespace VEXA::UpdateEngine

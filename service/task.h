@@ -1,0 +1,61 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the service does for one package, and what it remembers of packages that it has placed in the target.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "native_migrate/migrate_records.h"
+#include "native_migrate/migrate_results.h"
+
+namespace VEXA::UpdateEngine {
+
+enum class TaskKind : int32_t { MIGRATE = 0, RESTORE = 1 };
+
+// Which directory something is, whatever its name. A file system uses the inode of a removed one again; the birth, in
+// nanoseconds since 1970, tells them apart. It is 0 where the file system doesn't know it.
+struct FileId {
+    int64_t device = 0;
+    int64_t inode = 0;
+    int64_t birth = 0;
+
+    friend bool operator==(const FileId& a, const FileId& b)
+    {
+        return a.device == b.device && a.inode == b.inode && a.birth == b.birth;
+    }
+};
+
+struct Task {
+    uint32_t id = 0;
+    TaskKind kind = TaskKind::MIGRATE;
+    std::string source;  // directory names
+    std::string target;
+    RestoreAppInfo app;  // the application as its manifest had it when the task was made
+    int32_t user = 0;
+    TaskStatus status = TaskStatus::IDLE;
+    uint32_t subStatus = MIGRATE_SUB_NONE;
+    ErrorInfo error;
+    int64_t totalBytes = -1;  // not measured yet
+    int64_t doneBytes = 0;
+    int64_t files = 0;
+    int32_t priority = 0;
+    FileId staged;  // what is being put into its place while subStatus is MIGRATE_SUB_PLACING
+
+    bool IsCalled(const std::string& name) const { return source == name || app.packageName == name; }
+    bool IsEnded() const { return status == TaskStatus::FINISHED || status == TaskStatus::FAILED; }
+    int64_t RemainingBytes() const { return IsEnded() || totalBytes < doneBytes ? 0 : totalBytes - doneBytes; }
+    int32_t Percent() const;
+    TaskProgress AsProgress(TaskPauseReason pauseReason) const;
+    TaskInfo AsInfo(TaskPauseReason pauseReason, uint32_t index) const;
+    RestoreEventInfo AsRestoreEvent() const { return {app, static_cast<int32_t>(status), error}; }
+};
+
+// A package in the target. It is the service's own as long as the directory is the one that was placed.
+struct Placed {
+    std::string source;
+    std::string bundleName;
+    FileId id;
+    int64_t owner = -1;  // the user whose backup files they are; -1: nobody's yet
+};
+
+}  // namespace VEXA::UpdateEngine

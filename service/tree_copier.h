@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: Apache-2.0
+// Copies, measures and removes directory trees. Nothing here follows a symbolic link or leaves the given directories.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "native_migrate/reserve_records.h"
+
+namespace VEXA::UpdateEngine {
+
+// Deeper trees are refused: every level holds two descriptors while it is copied.
+inline constexpr int MAX_TREE_DEPTH = 200;
+
+struct TreeSize {
+    uint64_t bytes = 0;  // of regular files
+    uint64_t files = 0;  // files and symbolic links
+};
+
+// Told of every `bytes` written, in pieces of at most `pieceBytes`, and with 0 before every entry. May take its time;
+// false ends the copy.
+struct CopyControl {
+    std::function<bool(uint64_t bytes)> advance;
+    size_t pieceBytes = 256 * 1024;
+};
+
+// Copies the directory `name` of `sourceFd` to a new directory `newName` of `targetFd`: files, directories and
+// symbolic links with their permissions, times and, for root, owners. Files with several names become several files;
+// extended attributes stay behind. Code 0: done; MIGRATE_ERROR_STOPPED: `advance` said so; else what went wrong. What
+// was copied until then stays.
+ErrorInfo CopyTree(int sourceFd, const std::string& name, int targetFd, const std::string& newName,
+    const CopyControl& control, TreeSize& copied);
+
+// `goOn` is asked before every entry.
+ErrorInfo MeasureTree(int directoryFd, const std::string& name, const std::function<bool()>& goOn, TreeSize& size);
+
+// Removes what has that name, a directory with everything in it; true when nothing is left.
+bool RemoveTree(int directoryFd, const std::string& name);
+
+}  // namespace VEXA::UpdateEngine

@@ -1,0 +1,101 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "service_fixture.h"
+#include "task_store.h"
+
+namespace VEXA::UpdateEngine::test {
+namespace {
+
+class ServiceStore : public testing::Test {
+protected:
+    std::unique_ptr<TaskStore> Open()
+    {
+        error_.clear();
+        return TaskStore::Open(File(), error_);
+    }
+    std::string File() const { return folders_.Root() / "state.db"; }
+
+    Folders folders_;
+    std::string error_;
+};
+
+TEST_F(ServiceStore, EverythingIsThereAfterAReopen)
+{
+    Task task;
+    task.kind = TaskKind::RESTORE;
+    task.source = "odd \n\xff'name";
+    task.target = "t";
+    task.app.packageName = "com.\"x\"";
+    task.user = -5;
+    task.status = TaskStatus::FAILED;
+    task.subStatus = MIGRATE_SUB_PLACING;
+    task.error = {7, "why", true};
+    task.totalBytes = int64_t{1} << 60;
+    task.priority = -3;
+    task.staged = {1, INT64_MAX, 3};
+    uint32_t id = 0;
+    {
+        auto store = Open();
+        ASSERT_NE(store, nullptr) << error_;
+        id = store->Add(task).id;
+        store->Erase(store->Add(task).id);
+        EXPECT_TRUE(store->SavePlaced("t", {"s", "b", {1, 2, 3}, 77}));
+        EXPECT_TRUE(store->SavePlaced("gone", {}));
+        store->ErasePlaced("gone");
+        EXPECT_TRUE(store->Set(StateValue::START_TIME, 5) && store->SetPriority("s", 9) && store->SetPreset("{}"));
+    }
+    auto store = Open();
+    ASSERT_NE(store, nullptr) << error_;
+    ASSERT_EQ(store->Tasks().size(), 1U);
+    const Task& read = *store->Find(id);
+    EXPECT_EQ(read.source, task.source);
+    EXPECT_EQ(read.app.packageName, task.app.packageName);
+    EXPECT_EQ(read.user, -5);
+    EXPECT_EQ(read.status, TaskStatus::FAILED);
+    EXPECT_EQ(read.error.reason, "why");
+    EXPECT_TRUE(read.error.canRetry);
+    EXPECT_EQ(read.totalBytes, task.totalBytes);
+    EXPECT_EQ(read.priority, -3);
+    EXPECT_EQ(read.staged, task.staged);
+    ASSERT_EQ(store->AllPlaced().size(), 1U);
+    EXPECT_EQ(store->FindPlaced("t")->owner, 77);
+    EXPECT_EQ(store->FindPlaced("t")->id, (FileId{1, 2, 3}));
+    EXPECT_EQ(store->Get(StateValue::START_TIME), 5);
+    EXPECT_EQ(store->Priority("s"), 9);
+    EXPECT_EQ(store->Preset(), "{}");
+    EXPECT_GT(store->Add(task).id, id + 1);  // the erased task's number stays its own
+}
+
+TEST_F(ServiceStore, ATransactionThatIsNotCommittedLeavesNothingOnDisk)
+{
+    {
+        auto store = Open();
+        const Transaction transaction = store->Begin();
+        store->Add(Task());
+        store->Set(StateValue::STATUS, 1);
+    }
+    auto store = Open();
+    EXPECT_TRUE(store->Tasks().empty());
+    EXPECT_EQ(store->Get(StateValue::STATUS), 0);
+}
+
+TEST_F(ServiceStore, OneServiceAtATimeAndOnlyItsOwnFiles)
+{
+    {
+        const auto first = Open();
+        ASSERT_NE(first, nullptr);
+        EXPECT_EQ(Open(), nullptr);
+        EXPECT_NE(error_.find("locked"), std::string::npos) << error_;
+    }
+    {
+        const auto database = Database::Open(File(), error_);
+        ASSERT_TRUE(database->Execute("PRAGMA user_version = 99"));
+    }
+    EXPECT_EQ(Open(), nullptr);
+    fs::remove(File());
+    Folders::Write(File(), std::string(5000, 'n'));
+    EXPECT_EQ(Open(), nullptr);
+    EXPECT_FALSE(error_.empty());
+}
+
+}  // namespace
+}  // namespace VEXA::UpdateEngine::test

@@ -1,0 +1,150 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <fcntl.h>
+
+#include <map>
+
+#include "native_migrate/migrate_results.h"
+#include "service_fixture.h"
+#include "tree_copier.h"
+#include "unique_fd.h"
+
+namespace VEXA::UpdateEngine::test {
+namespace {
+
+class ServiceTree : public testing::Test {
+protected:
+    ErrorInfo Copy(const std::string& name, TreeSize& copied) const
+    {
+        CopyControl control;
+        control.advance = [](uint64_t) { return true; };
+        return CopyTree(source_.Get(), name, target_.Get(), "copy", control, copied);
+    }
+    // What is to be kept of every entry.
+    static std::map<std::string, std::string> Describe(const fs::path& root)
+    {
+        std::map<std::string, std::string> entries;
+        const auto add = [&](const fs::path& path) {
+            struct stat status = {};
+            EXPECT_EQ(lstat(path.c_str(), &status), 0);
+            std::string text = std::to_string(status.st_mode) + " " + std::to_string(status.st_mtim.tv_sec) + "." +
+                               std::to_string(status.st_mtim.tv_nsec);
+            text += S_ISLNK(status.st_mode) ? " " + fs::read_symlink(path).string() : "";
+            text += S_ISREG(status.st_mode) ? " " + Folders::Read(path) : "";
+            entries[path.lexically_relative(root)] = text;
+        };
+        add(root);
+        for (const auto& entry : fs::recursive_directory_iterator(root)) {
+            add(entry.path());
+        }
+        return entries;
+    }
+    static void SetTime(const fs::path& path, time_t seconds, long nanoseconds)
+    {
+        const timespec times[] = {{seconds, nanoseconds}, {seconds, nanoseconds}};
+        ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
+    }
+
+    Folders folders_;
+    const UniqueFd source_{open(folders_.Source().c_str(), O_RDONLY | O_DIRECTORY)};
+    const UniqueFd target_{open(folders_.Target().c_str(), O_RDONLY | O_DIRECTORY)};
+};
+
+TEST_F(ServiceTree, EverythingOfATreeArrivesAndCanBeRemoved)
+{
+    const fs::path root = folders_.Source() / "p";
+    Folders::Write(root / "data" / "large", std::string(700001, 'l'));
+    Folders::Write(root / "data" / "empty", "");
+    Folders::Write(root / "line\nfeed \xff\xfe\"", "odd");
+    Folders::Write(root / "-rf", "dash");
+    Folders::Write(root / "locked" / "in", "no write permission on its directory");
+    fs::create_directories(root / "void" / "deep");
+    fs::create_symlink("data/large", root / "link");
+    fs::create_symlink("/nowhere/at all", root / "dangling");
+    fs::create_directory_symlink("..", root / "up");
+    ASSERT_EQ(chmod((root / "data" / "large").c_str(), 04750), 0);
+    ASSERT_EQ(chmod((root / "data" / "empty").c_str(), 0400), 0);
+    SetTime(root / "data" / "large", 1500000000, 123456789);
+    SetTime(root / "link", 1400000000, 987654321);
+    SetTime(root / "void", 1000000000, 1);
+    ASSERT_EQ(chmod((root / "locked").c_str(), 0555), 0);
+    SetTime(root, 1100000000, 5);
+
+    TreeSize copied;
+    const ErrorInfo fault = Copy("p", copied);
+    ASSERT_EQ(fault.code, 0) << fault.reason;
+    EXPECT_EQ(Describe(folders_.Target() / "copy"), Describe(root));
+
+    TreeSize measured;
+    EXPECT_EQ(MeasureTree(
+                  source_.Get(), "p", [] { return true; }, measured)
+                  .code,
+        0);
+    EXPECT_EQ(measured.bytes, copied.bytes);
+    EXPECT_EQ(measured.files, copied.files);
+    EXPECT_EQ(measured.files, 8U);
+
+    EXPECT_TRUE(RemoveTree(target_.Get(), "copy"));
+    EXPECT_FALSE(fs::exists(folders_.Target() / "copy"));
+    EXPECT_TRUE(fs::exists(root / "data" / "large"));  // the removal went through no link
+    EXPECT_TRUE(RemoveTree(target_.Get(), "copy"));
+}
+
+TEST_F(ServiceTree, WhatCanNotBeCopiedIsNamed)
+{
+    folders_.AddUnsupported("pipe");
+    fs::path deep = folders_.Source() / "deep";
+    for (int i = 0; i <= MAX_TREE_DEPTH + 1; ++i) {
+        deep /= "d";
+    }
+    fs::create_directories(deep);
+    fs::create_directories(folders_.Source() / "taken");
+    fs::create_directory_symlink("/etc", folders_.Source() / "link");
+    struct Case {
+        const char* name;
+        int32_t code;
+        const char* reason;
+    };
+    for (const Case& bad : std::vector<Case>{{"pipe", MIGRATE_ERROR_UNSUPPORTED, "pipe: is no file"},
+             {"deep", MIGRATE_ERROR_UNSUPPORTED, "nested too deeply"}, {"absent", MIGRATE_ERROR_UNREADABLE, "No such"},
+             {"link", MIGRATE_ERROR_UNREADABLE, ""}, {"taken", MIGRATE_ERROR_WRITE, "exists"}}) {
+        if (bad.name == std::string("taken")) {
+            fs::create_directories(folders_.Target() / "copy");
+        }
+        TreeSize copied;
+        const ErrorInfo fault = Copy(bad.name, copied);
+        EXPECT_EQ(fault.code, bad.code) << bad.name;
+        EXPECT_NE(fault.reason.find(bad.reason), std::string::npos) << fault.reason;
+        EXPECT_TRUE(RemoveTree(target_.Get(), "copy")) << bad.name;
+    }
+}
+
+TEST_F(ServiceTree, ACopyStopsWhenItIsToldTo)
+{
+    folders_.AddPackage("p", 100000);
+    uint64_t admitted = 0;
+    CopyControl control{[&](uint64_t bytes) { return (admitted += bytes) < 30000; }, 1000};
+    TreeSize copied;
+    const ErrorInfo fault = CopyTree(source_.Get(), "p", target_.Get(), "copy", control, copied);
+    EXPECT_EQ(fault.code, MIGRATE_ERROR_STOPPED);
+    EXPECT_EQ(admitted, 30000U);
+    EXPECT_EQ(fs::file_size(folders_.Target() / "copy" / "data" / "file"), 30000U);
+}
+
+TEST_F(ServiceTree, AFileThatChangesUnderTheCopyIsAFault)
+{
+    folders_.AddPackage("p", 100000);
+    CopyControl control{[&](uint64_t bytes) {
+                            if (bytes > 0) {
+                                std::ofstream(folders_.Source() / "p" / "data" / "file", std::ios::app) << "more";
+                            }
+                            return true;
+                        },
+        64 * 1024};
+    TreeSize copied;
+    const ErrorInfo fault = CopyTree(source_.Get(), "p", target_.Get(), "copy", control, copied);
+    EXPECT_EQ(fault.code, MIGRATE_ERROR_CHANGED);
+    EXPECT_TRUE(fault.canRetry);
+}
+
+}  // namespace
+}  // namespace VEXA::UpdateEngine::test
