@@ -53,8 +53,8 @@ struct MigrateInfo {
 
     static constexpr auto Members()
     {
-        return MemberList(Member{"migrateProgress", &MigrateInfo::migrateProgress},
-            Member{"taskInfos", &MigrateInfo::taskInfos});
+        return MemberList(
+            Member{"migrateProgress", &MigrateInfo::migrateProgress}, Member{"taskInfos", &MigrateInfo::taskInfos});
     }
 };
 

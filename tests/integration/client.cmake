@@ -1,0 +1,43 @@
+# SPDX-License-Identifier: Apache-2.0
+# The migration client across processes. A service that does what a test tells it, and the reference service.
+nm_test_program(client_peer SOURCES client_peer.cpp USES vexa_platform vexa_samgr)
+
+foreach(area death wait)
+    nm_test(client_${area}_test
+        SOURCES client_${area}_test.cpp
+        USES native_migrate vexa_platform vexa_testing vexa_samgr vexa_want
+        PROGRAMS samgrd client_peer
+        LABELS integration)
+endforeach()
+
+nm_test(client_migration_test
+    SOURCES client_migration_test.cpp
+    USES native_migrate vexa_platform vexa_testing vexa_samgr vexa_want
+    PROGRAMS samgrd migrate_serviced
+    LABELS integration)
+target_compile_definitions(client_migration_test PRIVATE
+    CLIENT_PEER="" MIGRATE_SERVICED="$<TARGET_FILE:migrate_serviced>")
+
+# Not linked with the libraries: it loads and unloads them.
+nm_test(client_unload_test
+    SOURCES client_unload_test.cpp
+    LINKS ${CMAKE_DL_LIBS}
+    PROGRAMS samgrd client_peer native_migrate
+    LABELS integration)
+target_compile_definitions(client_unload_test PRIVATE NATIVE_MIGRATE="$<TARGET_FILE:native_migrate>")
+foreach(piece vexa_base vexa_ipc vexa_want)
+    target_include_directories(client_unload_test PRIVATE $<TARGET_PROPERTY:${piece},INTERFACE_INCLUDE_DIRECTORIES>)
+endforeach()
+
+foreach(area death wait unload)
+    target_compile_definitions(client_${area}_test PRIVATE CLIENT_PEER="$<TARGET_FILE:client_peer>")
+endforeach()
+foreach(area death wait unload migration)
+    target_compile_definitions(client_${area}_test PRIVATE SAMGRD="$<TARGET_FILE:samgrd>")
+endforeach()
+# Starting a process costs many times as much under a sanitizer.
+set(instant_deaths 500)
+if(NM_SANITIZE)
+    set(instant_deaths 50)
+endif()
+target_compile_definitions(client_death_test PRIVATE INSTANT_DEATHS=${instant_deaths})

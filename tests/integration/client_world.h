@@ -1,0 +1,111 @@
+// SPDX-License-Identifier: Apache-2.0
+// A manager for the length of the test program, and what the clients' tests ask of the service behind it.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <csignal>
+#include <string>
+#include <vector>
+
+#include "client_peer.h"
+#include "client_programs.h"
+#include "native_migrate/migrate_protocol.h"
+#include "samgr_world.h"
+#include "vexa/ipc/message_option.h"
+#include "vexa/ipc/message_parcel.h"
+#include "vexa/samgr/system_ability_manager_client.h"
+#include "vexa/testing/recording_log_sink.h"
+
+namespace VEXA::test {
+
+// Ends the manager in order at the end of the program, so that it ends the services.
+class ClientWorld : public testing::Environment {
+public:
+    using AddProfiles = void (*)(const SamgrWorld& world);
+
+    explicit ClientWorld(AddProfiles addProfiles) : addProfiles_(addProfiles) {}
+    void SetUp() override
+    {
+        world_ = new SamgrWorld;
+        addProfiles_(*world_);
+        world_->StartManager();
+        ASSERT_TRUE(
+            Eventually([] { return SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager() != nullptr; }));
+    }
+    void TearDown() override
+    {
+        if (testing::UnitTest::GetInstance()->Failed()) {
+            fputs(FileText(world_->LogFile()).c_str(), stderr);
+        }
+        EXPECT_EQ(world_->EndManager(SIGTERM), 0);
+        delete world_;
+    }
+    static const SamgrWorld& Get() { return *world_; }
+
+private:
+    const AddProfiles addProfiles_;
+    static inline SamgrWorld* world_ = nullptr;
+};
+
+inline void AddPeerProfile(const SamgrWorld& world)
+{
+    world.AddProfile(UpdateEngine::MIGRATE_SERVICE_ID, CLIENT_PEER, R"(, "arguments": ["65792"])");
+}
+
+inline sptr<ISystemAbilityManager> Manager()
+{
+    return SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
+}
+
+// A client_peer, asked past the library.
+class Peer {
+public:
+    explicit Peer(sptr<IRemoteObject> object = Manager()->CheckSystemAbility(UpdateEngine::MIGRATE_SERVICE_ID))
+        : object_(std::move(object))
+    {}
+
+    // -1 when it does not answer.
+    int32_t Ask(uint32_t code, int32_t argument = 0) const
+    {
+        MessageParcel data;
+        MessageParcel reply;
+        MessageOption option;
+        data.WriteInt32(argument);
+        return object_ != nullptr && object_->SendRequest(code, data, reply, option) == 0 ? reply.ReadInt32() : -1;
+    }
+    sptr<IRemoteObject> Callback() const
+    {
+        MessageParcel data;
+        MessageParcel reply;
+        MessageOption option;
+        return object_ != nullptr && object_->SendRequest(PEER_GIVE_CALLBACK, data, reply, option) == 0
+                   ? reply.ReadRemoteObject()
+                   : nullptr;
+    }
+    const sptr<IRemoteObject>& Object() const { return object_; }
+
+private:
+    const sptr<IRemoteObject> object_;
+};
+
+// The library's lines, without those of the platform.
+inline std::vector<RecordedMessage> KitsLines(const RecordingLogSink& sink)
+{
+    std::vector<RecordedMessage> lines = sink.Messages();
+    lines.erase(std::remove_if(lines.begin(), lines.end(),
+                    [](const RecordedMessage& line) {
+                        return line.file != "migrate_server_kits_impl.cpp" && line.file != "migrate_service_proxy.cpp";
+                    }),
+        lines.end());
+    return lines;
+}
+
+inline int64_t CountLines(const RecordingLogSink& sink, const std::string& text)
+{
+    const auto lines = sink.Messages();
+    return std::count_if(lines.begin(), lines.end(), [&](const RecordedMessage& line) { return line.text == text; });
+}
+
+}  // namespace VEXA::test

@@ -1,0 +1,88 @@
+// SPDX-License-Identifier: Apache-2.0
+// The loader and the manager: concurrent loads, and failed ones.
+#include <chrono>
+#include <map>
+#include <thread>
+
+#include "client_world.h"
+#include "native_migrate/load_sa_service.h"
+
+using namespace std::chrono_literals;
+using namespace VEXA;
+using namespace VEXA::test;
+using namespace VEXA::UpdateEngine;
+using std::chrono::steady_clock;
+
+namespace {
+
+constexpr int32_t kFirst = 101;
+constexpr int32_t kServices = 10;
+constexpr int32_t kShared = 200;
+constexpr int32_t kFails = 300;
+constexpr int32_t kNoProfile = 400;
+
+std::string StartsFile(const SamgrWorld& world)
+{
+    return world.Folder() + "/starts";
+}
+
+void AddProfiles(const SamgrWorld& world)
+{
+    const auto add = [&](int32_t id) {
+        world.AddProfile(
+            id, CLIENT_PEER, ", \"arguments\": [\"" + std::to_string(id) + "\", \"" + StartsFile(world) + "\"]");
+    };
+    for (int32_t id = kFirst; id < kFirst + kServices; ++id) {
+        add(id);
+    }
+    add(kShared);
+    world.AddProfile(kFails, "/bin/false", "");
+}
+
+[[maybe_unused]] const auto* const environment = testing::AddGlobalTestEnvironment(new ClientWorld(&AddProfiles));
+
+// The loader has one outcome for the whole process, so after it each thread asks the manager for its own service.
+TEST(LoadStarts, TenThreadsStartEachProgramOnce)
+{
+    std::vector<pid_t> shared(kServices);
+    std::vector<std::thread> threads;
+    for (int32_t index = 0; index < kServices; ++index) {
+        threads.emplace_back([&shared, index] {
+            const int32_t own = kFirst + index;
+            EXPECT_TRUE(LoadSaService::GetInstance()->TryLoadSa(kShared)) << index;
+            EXPECT_TRUE(LoadSaService::GetInstance()->TryLoadSa(own)) << index;
+            EXPECT_GT(Peer(Manager()->LoadSystemAbility(own, 5)).Ask(PEER_PID), 0) << index;
+            shared[static_cast<size_t>(index)] = Peer(Manager()->LoadSystemAbility(kShared, 5)).Ask(PEER_PID);
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_GT(shared[0], 0);
+    EXPECT_EQ(std::count(shared.begin(), shared.end(), shared[0]), kServices);
+
+    std::map<int32_t, int> starts;
+    std::istringstream lines(FileText(StartsFile(ClientWorld::Get())));
+    for (int32_t id = 0; lines >> id;) {
+        ++starts[id];
+    }
+    EXPECT_EQ(starts.size(), static_cast<size_t>(kServices) + 1);
+    for (const auto& [id, count] : starts) {
+        EXPECT_EQ(count, 1) << id;
+    }
+}
+
+TEST(LoadStarts, AFailedLoadIsFalseSoon)
+{
+    RecordingLogSink lines(KOLOG_INFO);
+    for (const int32_t id : {kFails, kNoProfile}) {
+        const auto start = steady_clock::now();
+        EXPECT_FALSE(LoadSaService::GetInstance()->TryLoadSa(id)) << id;
+        EXPECT_LT(steady_clock::now() - start, 2s) << id;
+    }
+    EXPECT_EQ(CountLines(lines, "SystemAbility Load fail the systemAbilityId is: 300"), 1);
+    EXPECT_EQ(CountLines(lines, "systemAbilityId: 400, load failed, result code: 2"), 1);
+    EXPECT_TRUE(LoadSaService::GetInstance()->TryLoadSa(kShared));
+}
+
+}  // namespace
