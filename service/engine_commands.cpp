@@ -101,7 +101,7 @@ BusinessError MigrationEngine::StartPackage(const std::string& name, const std::
     }
     Task task = MakeTask(TaskKind::MIGRATE, package);
     if (task.error.code != 0) {
-        BusinessError error = MakeError(MIGRATE_ERROR_SOME_PACKAGES, "it can't be migrated");
+        BusinessError error = MakeError(task.error.code, "it can't be migrated");
         error.data.push_back({task.error.code, task.source + ": " + task.error.reason});
         return error;
     }

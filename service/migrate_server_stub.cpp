@@ -98,8 +98,10 @@ int32_t MigrateServerStub::SendRemoteRequest(uint32_t code, MessageParcel& data,
 {
     MessageOption option;
     const int32_t result = OnRemoteRequest(code, data, reply, option);
-    return result == 0 || result < MIGRATE_RESULT_OFFSET ? (result == 0 ? 0 : MIGRATE_UNREACHABLE)
-                                                         : result - MIGRATE_RESULT_OFFSET;
+    if (result == MIGRATE_SUCCESS) {
+        return MIGRATE_SUCCESS;
+    }
+    return result < MIGRATE_RESULT_OFFSET ? MIGRATE_UNREACHABLE : result - MIGRATE_RESULT_OFFSET;
 }
 
 int32_t MigrateServerStub::GetMigrateStatus(MessageParcel& data, MessageParcel& reply)

@@ -18,6 +18,24 @@
 
 namespace VEXA::UpdateEngine {
 
+namespace {
+
+// A name that StagingName has made, or such a one with the "-old" of a replaced package. Nothing else is removed.
+bool IsStagingName(std::string_view name)
+{
+    constexpr std::string_view kOld = "-old";
+    if (name.substr(0, STAGING_PREFIX.size()) != STAGING_PREFIX) {
+        return false;
+    }
+    name.remove_prefix(STAGING_PREFIX.size());
+    if (name.size() > kOld.size() && name.substr(name.size() - kOld.size()) == kOld) {
+        name.remove_suffix(kOld.size());
+    }
+    return !name.empty() && name.find_first_not_of("0123456789") == name.npos;
+}
+
+}  // namespace
+
 BusinessError MakeError(int32_t number, const std::string& message)
 {
     return {message, number, {}};
@@ -101,7 +119,7 @@ void MigrationEngine::CleanStaging()
     const std::unique_ptr<DIR, int (*)(DIR*)> directory(fdopendir(dup(again.Get())), &closedir);
     for (const dirent* entry = directory != nullptr ? readdir(directory.get()) : nullptr; entry != nullptr;
          entry = readdir(directory.get())) {
-        if (strncmp(entry->d_name, STAGING_PREFIX.data(), STAGING_PREFIX.size()) == 0) {
+        if (IsStagingName(entry->d_name)) {
             names.emplace_back(entry->d_name);
         }
     }

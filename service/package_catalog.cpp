@@ -21,7 +21,7 @@ namespace VEXA::UpdateEngine {
 
 namespace {
 
-constexpr size_t kMaxManifestBytes = 1024 * 1024;
+constexpr size_t kMaxManifestBytes = size_t{1024} * 1024;
 constexpr char kManifest[] = "manifest.json";
 
 // 0, or the errno of what went wrong.

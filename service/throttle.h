@@ -18,7 +18,7 @@ public:
     // The largest piece after which the wait is still short.
     size_t PieceBytes() const
     {
-        constexpr uint64_t kLargest = 256 * 1024;
+        constexpr uint64_t kLargest = uint64_t{256} * 1024;
         constexpr uint64_t kPiecesPerSecond = 40;
         return static_cast<size_t>(rate_ == 0 ? kLargest : std::clamp<uint64_t>(rate_ / kPiecesPerSecond, 1, kLargest));
     }

@@ -22,7 +22,7 @@ struct TreeSize {
 // false ends the copy.
 struct CopyControl {
     std::function<bool(uint64_t bytes)> advance;
-    size_t pieceBytes = 256 * 1024;
+    size_t pieceBytes = size_t{256} * 1024;
 };
 
 // Copies the directory `name` of `sourceFd` to a new directory `newName` of `targetFd`: files, directories and

@@ -43,14 +43,20 @@ int Request(const Options& options, const char* name, Reply reply, const Ask& as
 
 // A request that is answered with an error record only.
 template <typename Ask>
-int Command(const Options& options, const char* name, const Ask& ask)
+int Command(const Options& options, const char* name, const Ask& ask, BusinessError& error)
 {
-    BusinessError error;
     const int32_t result = ask(error);
     if (options.json) {
         PrintJson(result, error, RawJson{"null"});
     }
     return Judge(options, name, result, error);
+}
+
+template <typename Ask>
+int Command(const Options& options, const char* name, const Ask& ask)
+{
+    BusinessError error;
+    return Command(options, name, ask, error);
 }
 
 template <typename Record>
@@ -228,34 +234,44 @@ void AddQueryCommands(CLI::App& app, const Options& options, Action& action)
     });
 }
 
+struct StartChoice {
+    std::string package;
+    std::string target;
+    int32_t priority = 0;
+    bool watch = false;
+};
+
+StartOutcome Start(const Options& options, const StartChoice& choice)
+{
+    BusinessError error;
+    const auto ask = [&choice](BusinessError& answer) {
+        if (choice.package.empty()) {
+            return Kits().StartMigrate(answer);
+        }
+        if (choice.target.empty() && choice.priority == 0) {
+            return Kits().StartPakMigrate(choice.package, answer);
+        }
+        const std::string parameters = "{\"priority\":" + std::to_string(choice.priority) + "}";
+        return Kits().StartPakMigration(choice.package, choice.target, parameters, answer);
+    };
+    const int status = Command(options, "start", ask, error);
+    const bool isBusy = error.errorNum == MIGRATE_ERROR_SOME_PACKAGES || error.errorNum == MIGRATE_ERROR_BUSY;
+    return {status, status == EXIT_DONE || isBusy};
+}
+
 void AddStart(CLI::App& app, const Options& options, Action& action)
 {
-    struct Choice {
-        std::string package;
-        std::string target;
-        int32_t priority = 0;
-        bool watch = false;
-    };
-    const auto choice = std::make_shared<Choice>();
+    const auto choice = std::make_shared<StartChoice>();
     auto* const start = app.add_subcommand("start", "Migrates everything, or one package");
     auto* const package = start->add_option("package", choice->package, "Only this package");
     start->add_option("--as", choice->target, "Its name in the target")->needs(package);
     start->add_option("--priority", choice->priority, "Higher goes first")->needs(package);
     start->add_flag("--watch", choice->watch, "Show the progress until the end");
     start->callback([&options, &action, choice] {
-        const auto begin = [&options, choice] {
-            return Command(options, "start", [&](BusinessError& error) {
-                if (choice->package.empty()) {
-                    return Kits().StartMigrate(error);
-                }
-                if (choice->target.empty() && choice->priority == 0) {
-                    return Kits().StartPakMigrate(choice->package, error);
-                }
-                const std::string parameters = "{\"priority\":" + std::to_string(choice->priority) + "}";
-                return Kits().StartPakMigration(choice->package, choice->target, parameters, error);
-            });
+        action = [&options, choice] {
+            const auto begin = [&] { return Start(options, *choice); };
+            return choice->watch ? StartAndWatch(options, begin) : begin().exitStatus;
         };
-        action = [&options, choice, begin] { return choice->watch ? StartAndWatch(options, begin) : begin(); };
     });
 }
 

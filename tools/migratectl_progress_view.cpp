@@ -91,7 +91,7 @@ void ProgressView::Apply(uint32_t id, int32_t status, int32_t percent, int64_t l
     PrintLine(row);
 }
 
-void ProgressView::PrintLine(Row& row)
+void ProgressView::PrintLine(Row& row) const
 {
     constexpr int32_t kTenth = 10;
     const bool isWorthALine = isTerminal_ ? HasEnded(row.status) : row.status != 0;

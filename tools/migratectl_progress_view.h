@@ -35,7 +35,7 @@ private:
     };
 
     void Apply(uint32_t id, int32_t status, int32_t percent, int64_t left);
-    void PrintLine(Row& row);
+    void PrintLine(Row& row) const;
     void Draw();
     void Erase();
 

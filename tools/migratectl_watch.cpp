@@ -116,17 +116,9 @@ private:
     Clock::time_point lastAnswer_ = Clock::now();
 };
 
-bool IsUnderWay()
-{
-    MigrateStatus status;
-    BusinessError error;
-    return MigrateServerKits::GetKitsInstance().GetMigrateStatus(MigrateStage::NONE, status, error) == 0 &&
-           (HasEnded(status.status) || status.status != static_cast<int32_t>(TaskStatus::IDLE));
-}
-
 }  // namespace
 
-int StartAndWatch(const Options& options, const std::function<int()>& start)
+int StartAndWatch(const Options& options, const std::function<StartOutcome()>& start)
 {
     auto& kits = MigrateServerKits::GetKitsInstance();
     const auto events = std::make_shared<Events>();
@@ -136,8 +128,9 @@ int StartAndWatch(const Options& options, const std::function<int()>& start)
     if (status != EXIT_DONE) {
         return status;
     }
-    status = start();
-    if (status == EXIT_DONE || (status == EXIT_REFUSED && IsUnderWay())) {
+    const StartOutcome outcome = start();
+    status = outcome.exitStatus;
+    if (outcome.isUnderWay) {
         // What happened before the start is no news.
         events->Take(std::chrono::milliseconds(0));
         status = Watcher(options, events).Run();

@@ -223,7 +223,7 @@ TEST_F(ServiceEngine, OnePackageAtATime)
     Run(kSlow);
     EXPECT_EQ(engine->StartPackage("none", "", 0).errorNum, MIGRATE_ERROR_NOT_FOUND);
     EXPECT_EQ(engine->StartPackage("r", "", 0).errorNum, MIGRATE_ERROR_RESERVED);
-    EXPECT_EQ(engine->StartPackage("b", "../out", 0).data.at(0).errorCode, MIGRATE_ERROR_NAME);
+    EXPECT_EQ(engine->StartPackage("b", "../out", 0).errorNum, MIGRATE_ERROR_NAME);
     ReserveMigrationStatus status;
     EXPECT_EQ(engine->GetPackageStatus("none", status).errorNum, MIGRATE_ERROR_NOT_FOUND);
     EXPECT_EQ(engine->GetPackageStatus("b", status).errorNum, 0);
@@ -267,8 +267,10 @@ TEST_F(ServiceEngine, WhatWasUnderWayGoesOnAfterASuddenEnd)
     EXPECT_TRUE(Eventually(isStaged));
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
+    fs::create_directory(folders.Target() / ".staging-of-mine");
     Open();
-    EXPECT_EQ(folders.TargetNames(), std::vector<std::string>{"a"});
+    EXPECT_EQ(folders.TargetNames(), (std::vector<std::string>{".staging-of-mine", "a"}));
+    fs::remove(folders.Target() / ".staging-of-mine");
     EXPECT_EQ(State(), TaskStatus::RUNNING);
     engine->Start();
     ASSERT_TRUE(Ends());
