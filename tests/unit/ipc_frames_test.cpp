@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include <initializer_list>
 #include <string>
 
 #include "parcel_access.h"
@@ -86,7 +87,7 @@ TEST_F(FrameStream, BytesAreThoseOfTheDocument)
 
 TEST_F(FrameStream, FramesComeTogetherFromAnyPieces)
 {
-    for (const size_t dataBytes : {0, 4, 476, 480, 484, 5000}) {
+    for (const size_t dataBytes : std::initializer_list<size_t>{0, 4, 476, 480, 484, 5000}) {
         const std::string frame = FrameOf(MakeHeader(FrameKind::ONE_WAY, 3), dataBytes);
         const size_t step = dataBytes > 1000 ? 97 : 1;
         for (size_t cut = 1; cut < frame.size(); cut += step) {
