@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include "frame_reader.h"
@@ -90,9 +91,10 @@ ClientChannel ClientChannels::TakeIdle()
     return channel;
 }
 
-ClientChannel ClientChannels::Take(EndpointId endpoint, const Credentials& process, const ChannelKey& key)
+ClientChannel ClientChannels::Take(EndpointId endpoint, const Credentials& process, const ChannelKey& key, bool& gone)
 {
     UniqueFd fd = ConnectTo(EndpointPath(endpoint));
+    gone = !fd && (errno == ENOENT || errno == ECONNREFUSED);
     if (!fd || !process.IsSameAs(CredentialsOf(fd))) {
         return ClientChannel();
     }

@@ -42,8 +42,9 @@ private:
 
 class ClientChannels {
 public:
-    // A channel to the endpoint, where that process listens; without a value when it can't be opened.
-    ClientChannel Take(EndpointId endpoint, const Credentials& process, const ChannelKey& key);
+    // A channel to the endpoint, where that process listens; without a value when it can't be opened. `gone` tells
+    // whether nobody listens there any more.
+    ClientChannel Take(EndpointId endpoint, const Credentials& process, const ChannelKey& key, bool& gone);
     // One that is free already, if there is.
     ClientChannel TakeIdle();
     // Brings back a channel that can serve again. One that can't is reported as lost before it is closed.

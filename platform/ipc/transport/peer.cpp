@@ -45,15 +45,23 @@ bool Peer::WaitLinkFlushed(Deadline deadline)
     return link->WaitFlushed(deadline);
 }
 
+std::vector<sptr<Link>> Peer::Links()
+{
+    MutexLock lock(mutex_);
+    return links_;
+}
+
 void Peer::DrainLinks()
 {
-    std::vector<sptr<Link>> links;
-    {
-        MutexLock lock(mutex_);
-        links = links_;
-    }
-    for (const sptr<Link>& link : links) {
+    for (const sptr<Link>& link : Links()) {
         link->Drain();
+    }
+}
+
+void Peer::ShutdownLinks()
+{
+    for (const sptr<Link>& link : Links()) {
+        link->Shutdown();
     }
 }
 

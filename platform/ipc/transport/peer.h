@@ -36,6 +36,8 @@ public:
     void AttachLink(const sptr<Link>& link);
     bool SendOnLink(const void* frame, size_t size);
     bool WaitLinkFlushed(Deadline deadline);
+    // Makes the reactor see the end of all links, which is the process's death for this one.
+    void ShutdownLinks();
     // On the reactor's thread: reads what has arrived on all links.
     void DrainLinks();
 
@@ -70,6 +72,8 @@ private:
     ClientChannels channels_;
     OneWayCredit credit_;
     OneWayDebt debt_;
+
+    std::vector<sptr<Link>> Links() VEXA_EXCLUDES(mutex_);
 
     Mutex mutex_;
     CondVar changed_;

@@ -63,7 +63,13 @@ ClientChannel RemoteProxy::OpenChannel(Deadline deadline, int32_t& error)
         error = peer_->Dead() ? IPC_DEAD_OBJECT : IPC_TIMED_OUT;
         return ClientChannel();
     }
-    ClientChannel channel = peer_->Channels().Take(peer_->Id(), peer_->Who(), key);
+    bool gone = false;
+    ClientChannel channel = peer_->Channels().Take(peer_->Id(), peer_->Who(), key, gone);
+    if (gone) {
+        // A process that leaves takes its endpoint along first. It carries out nothing any more, however long its exit
+        // takes, so this is its death.
+        peer_->ShutdownLinks();
+    }
     if (!channel) {
         error = peer_->WaitUntilDead(kDeathLag) ? IPC_DEAD_OBJECT : IPC_CONNECTION_LOST;
     }
