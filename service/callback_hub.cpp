@@ -95,22 +95,66 @@ sptr<IRemoteObject::DeathRecipient> CallbackHub::Watch(const std::function<void(
 }
 
 template <typename Item>
-bool CallbackHub::Add(Receivers<Item>& receivers, const Key& key, Receiver<Item> receiver, std::vector<Item> first)
+CallbackHub::Receiver<Item> CallbackHub::TakeOut(Receivers<Item>& receivers, const Key& key)
 {
-    Remove(receivers, key, nullptr);
-    {
-        MutexLock lock(mutex_);
-        if (receivers.registered.size() >= MOST_RECEIVERS) {
-            return false;
-        }
-        for (Item& item : first) {
-            receiver.mailbox->Post(std::move(item));
-        }
-        receivers.registered[key] = {receiver.object, receiver.watch, std::move(receiver.mailbox)};
+    Receiver<Item> receiver;
+    const auto found = receivers.registered.find(key);
+    if (found != receivers.registered.end()) {
+        receiver = std::move(found->second);
+        receivers.registered.erase(found);
+        receiver.mailbox->Close();
+        receivers.leaving.push_back(std::move(receiver.mailbox));
     }
-    // Behind the entry: a death that follows at once must find it.
-    receiver.object->AddDeathRecipient(receiver.watch);
-    return true;
+    return receiver;
+}
+
+template <typename Item>
+CallbackHub::Mailboxes<Item> CallbackHub::TakeEnded(Receivers<Item>& receivers)
+{
+    auto& leaving = receivers.leaving;
+    const auto firstEnded =
+        std::partition(leaving.begin(), leaving.end(), [](const auto& mailbox) { return !mailbox->HasEnded(); });
+    Mailboxes<Item> ended;
+    std::move(firstEnded, leaving.end(), std::back_inserter(ended));
+    leaving.erase(firstEnded, leaving.end());
+    return ended;
+}
+
+template <typename Item>
+bool CallbackHub::Add(
+    Receivers<Item>& receivers, const Key& key, Receiver<Item> receiver, const Introduce<Item>& introduce)
+{
+    const sptr<IRemoteObject> object = receiver.object;
+    const sptr<IRemoteObject::DeathRecipient> watch = receiver.watch;
+    Receiver<Item> replaced;
+    Mailboxes<Item> ended;
+    bool isAdded = false;
+    // Under the lock of whoever introduces, too: nothing is sent or dropped here.
+    const auto insert = [&](std::vector<Item> first) {
+        MutexLock lock(mutex_);
+        ended = TakeEnded(receivers);
+        replaced = TakeOut(receivers, key);
+        if (receivers.registered.size() < MOST_RECEIVERS) {
+            for (Item& item : first) {
+                receiver.mailbox->Post(std::move(item));
+            }
+            receivers.registered.emplace(key, std::move(receiver));
+            isAdded = true;
+        }
+    };
+    if (introduce) {
+        introduce(insert);
+    } else {
+        insert({});
+    }
+    if (replaced.object != nullptr) {
+        replaced.object->RemoveDeathRecipient(replaced.watch);
+    }
+    if (isAdded) {
+        // Behind the entry: a death that follows at once must find it.
+        object->AddDeathRecipient(watch);
+    }
+    return isAdded;
 }
 
 // `object`: only if it is still that one; null: whichever it is.
@@ -128,19 +172,19 @@ bool CallbackHub::Remove(Receivers<Item>& receivers, const Key& key, const IRemo
         leaving.erase(firstEnded, leaving.end());
 
         const auto found = receivers.registered.find(key);
-        if (found == receivers.registered.end() || (object != nullptr && found->second.object.GetRefPtr() != object)) {
-            return false;
+        if (found != receivers.registered.end() && (object == nullptr || found->second.object.GetRefPtr() == object)) {
+            removed = TakeOut(receivers, key);
         }
-        removed = std::move(found->second);
-        receivers.registered.erase(found);
-        removed.mailbox->Close();
-        leaving.push_back(std::move(removed.mailbox));
+    }
+    if (removed.object == nullptr) {
+        return false;
     }
     removed.object->RemoveDeathRecipient(removed.watch);
     return true;
 }
 
-bool CallbackHub::AddProgress(pid_t process, const sptr<IRemoteObject>& object, std::vector<TaskProgress> first)
+bool CallbackHub::AddProgress(
+    pid_t process, const sptr<IRemoteObject>& object, const Introduce<TaskProgress>& introduce)
 {
     const Key key(process, "");
     // Not counted: the object holds its watch, which must not hold the object.
@@ -149,7 +193,7 @@ bool CallbackHub::AddProgress(pid_t process, const sptr<IRemoteObject>& object, 
         Watch([key, it](CallbackHub& hub) { hub.Remove(hub.progressReceivers_, key, it); }),
         MakeMailbox<TaskProgress>(
             [this, object](std::vector<TaskProgress> tasks) { return DeliverProgress(object, std::move(tasks)); })};
-    return Add(progressReceivers_, key, std::move(receiver), std::move(first));
+    return Add(progressReceivers_, key, std::move(receiver), introduce);
 }
 
 bool CallbackHub::DeliverProgress(const sptr<IRemoteObject>& object, std::vector<TaskProgress> tasks) const
@@ -171,8 +215,8 @@ void CallbackHub::RemoveProgress(pid_t process)
     Remove(progressReceivers_, Key(process, ""), nullptr);
 }
 
-bool CallbackHub::AddObserver(
-    pid_t process, const std::string& caller, const sptr<IRemoteObject>& object, std::vector<RestoreEventInfo> first)
+bool CallbackHub::AddObserver(pid_t process, const std::string& caller, const sptr<IRemoteObject>& object,
+    const Introduce<RestoreEventInfo>& introduce)
 {
     const Key key(process, caller);
     const IRemoteObject* const it = object.GetRefPtr();
@@ -180,7 +224,7 @@ bool CallbackHub::AddObserver(
         Watch([key, it](CallbackHub& hub) { hub.Remove(hub.observers_, key, it); }),
         MakeMailbox<RestoreEventInfo>(
             [object](const std::vector<RestoreEventInfo>& events) { return DeliverRestores(object, events); })};
-    return Add(observers_, key, std::move(receiver), std::move(first));
+    return Add(observers_, key, std::move(receiver), introduce);
 }
 
 bool CallbackHub::RemoveObserver(pid_t process, const std::string& caller)

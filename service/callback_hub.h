@@ -32,13 +32,17 @@ public:
     explicit CallbackHub(Progress progress) : progress_(std::move(progress)) {}
     ~CallbackHub() override;
 
-    // In place of the process's earlier one. `first` is delivered before everything else, unless it is empty. False
-    // when there is no room.
-    bool AddProgress(pid_t process, const sptr<IRemoteObject>& object, std::vector<TaskProgress> first);
+    // Hands what a new receiver hears first to the function that it gets, at a moment when no change is being told: see
+    // MigrationEngine::IntroduceTasks. Empty: nothing is to be heard first.
+    template <typename Item>
+    using Introduce = std::function<void(const std::function<void(std::vector<Item>)>&)>;
+
+    // In place of the process's earlier one. False when there is no room.
+    bool AddProgress(pid_t process, const sptr<IRemoteObject>& object, const Introduce<TaskProgress>& introduce);
     void RemoveProgress(pid_t process);
     // In place of the one that the process has registered under that name.
     bool AddObserver(pid_t process, const std::string& caller, const sptr<IRemoteObject>& object,
-        std::vector<RestoreEventInfo> first);
+        const Introduce<RestoreEventInfo>& introduce);
     // False when there is none.
     bool RemoveObserver(pid_t process, const std::string& caller);
 
@@ -58,16 +62,24 @@ private:
         std::unique_ptr<Mailbox<Item>> mailbox;
     };
     template <typename Item>
+    using Mailboxes = std::vector<std::unique_ptr<Mailbox<Item>>>;
+    template <typename Item>
     struct Receivers {
         std::map<Key, Receiver<Item>> registered;
         // Withdrawn while a delivery was under way; removed when that has ended.
-        std::vector<std::unique_ptr<Mailbox<Item>>> leaving;
+        Mailboxes<Item> leaving;
     };
 
     template <typename Item>
-    bool Add(Receivers<Item>& receivers, const Key& key, Receiver<Item> receiver, std::vector<Item> first);
+    bool Add(Receivers<Item>& receivers, const Key& key, Receiver<Item> receiver, const Introduce<Item>& introduce);
     template <typename Item>
     bool Remove(Receivers<Item>& receivers, const Key& key, const IRemoteObject* object);
+    // Takes a receiver out and ends its deliveries; the caller drops what it gets without a lock.
+    template <typename Item>
+    static Receiver<Item> TakeOut(Receivers<Item>& receivers, const Key& key);
+    // Takes out the withdrawn mailboxes whose end will not have to wait.
+    template <typename Item>
+    static Mailboxes<Item> TakeEnded(Receivers<Item>& receivers);
     sptr<IRemoteObject::DeathRecipient> Watch(const std::function<void(CallbackHub&)>& forget);
     bool DeliverProgress(const sptr<IRemoteObject>& object, std::vector<TaskProgress> tasks) const;
 

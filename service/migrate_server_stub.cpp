@@ -174,10 +174,8 @@ int32_t MigrateServerStub::RegisterProgress(MessageParcel& data, MessageParcel& 
     if (object == nullptr) {
         return MIGRATE_BAD_ARGUMENT;
     }
-    bool isAdded = false;
-    engine_->IntroduceTasks([&](std::vector<TaskProgress> tasks) {
-        isAdded = hub_->AddProgress(IPCSkeleton::GetCallingPid(), object, std::move(tasks));
-    });
+    const bool isAdded = hub_->AddProgress(
+        IPCSkeleton::GetCallingPid(), object, [this](const auto& receive) { engine_->IntroduceTasks(receive); });
     return isAdded ? MIGRATE_SUCCESS : MIGRATE_TOO_MANY;
 }
 

@@ -43,7 +43,12 @@ struct Service {
 
 bool Register(const sptr<IRemoteObject>& object)
 {
-    const auto manager = SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
+    // Whoever started this program waits for it, so a manager that is slow under load gets a few more tries, a second
+    // each.
+    sptr<ISystemAbilityManager> manager;
+    for (int attempt = 0; manager == nullptr && attempt < 4; ++attempt) {
+        manager = SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
+    }
     const int32_t result =
         manager != nullptr ? manager->AddSystemAbility(MIGRATE_SERVICE_ID, object) : MIGRATE_UNREACHABLE;
     if (result != SAMGR_OK) {

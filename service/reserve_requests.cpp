@@ -71,10 +71,8 @@ int32_t MigrateServerStub::RegisterObserver(MessageParcel& data, MessageParcel& 
     if (object == nullptr) {
         return MIGRATE_BAD_ARGUMENT;
     }
-    bool isAdded = false;
-    engine_->IntroduceRestores([&](std::vector<RestoreEventInfo> events) {
-        isAdded = hub_->AddObserver(IPCSkeleton::GetCallingPid(), caller.text, object, std::move(events));
-    });
+    const bool isAdded = hub_->AddObserver(IPCSkeleton::GetCallingPid(), caller.text, object,
+        [this](const auto& receive) { engine_->IntroduceRestores(receive); });
     return isAdded ? WriteReply(reply, BusinessError()) : MIGRATE_TOO_MANY;
 }
 

@@ -131,7 +131,11 @@ int main(int argc, char** argv)
     if (argc > 2) {
         std::ofstream(argv[2], std::ios::app) << argv[1] << std::endl;
     }
-    const auto manager = SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
+    // On a machine under load the manager may take its time.
+    sptr<ISystemAbilityManager> manager;
+    for (int attempt = 0; manager == nullptr && attempt < 10; ++attempt) {
+        manager = SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
+    }
     const sptr<IRemoteObject> service(new PeerService);
     if (manager == nullptr || manager->AddSystemAbility(std::atoi(argv[1]), service) != SAMGR_OK) {
         return 1;

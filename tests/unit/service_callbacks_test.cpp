@@ -124,7 +124,7 @@ TEST_F(ServiceCallbacks, ASlowClientHoldsUpNobodyAndGetsTheLastWord)
     // This process's one callback, and that of another.
     EXPECT_EQ(Ask(Code::REGISTER_PROGRESS_CALLBACK, sptr<IRemoteObject>(slow.object)), 0);
     Receiver quick;
-    EXPECT_TRUE(hub->AddProgress(1, quick.object, {}));
+    EXPECT_TRUE(hub->AddProgress(1, quick.object, nullptr));
     Ask(Code::START_MIGRATE);
     ASSERT_TRUE(Eventually([&] { return slow.pace->started == 1; }));
     ASSERT_TRUE(Ends());
@@ -145,7 +145,7 @@ TEST_F(ServiceCallbacks, OnReplacesAndOffEndsAndTheDeadAreForgotten)
     Receiver dead;
     EXPECT_EQ(Ask(Code::REGISTER_PROGRESS_CALLBACK, sptr<IRemoteObject>(first.object)), 0);
     EXPECT_EQ(Ask(Code::REGISTER_PROGRESS_CALLBACK, sptr<IRemoteObject>(second.object)), 0);
-    EXPECT_TRUE(hub->AddProgress(1, dead.object, {}));
+    EXPECT_TRUE(hub->AddProgress(1, dead.object, nullptr));
     EXPECT_EQ(first.object->RecipientCount(), 0U);
     EXPECT_EQ(second.object->RecipientCount(), 1U);
     dead.object->Die();
@@ -177,11 +177,11 @@ TEST_F(ServiceCallbacks, ThereIsAnEndToHowManyAreKept)
     Run();
     const sptr<ScriptedRemoteObject> object(new ScriptedRemoteObject);
     for (pid_t process = 1; process <= static_cast<pid_t>(CallbackHub::MOST_RECEIVERS); ++process) {
-        ASSERT_TRUE(hub->AddProgress(process, object, {}));
+        ASSERT_TRUE(hub->AddProgress(process, object, nullptr));
     }
     EXPECT_EQ(
         Ask(Code::REGISTER_PROGRESS_CALLBACK, sptr<IRemoteObject>(object)), MIGRATE_RESULT_OFFSET + MIGRATE_TOO_MANY);
-    EXPECT_TRUE(hub->AddProgress(1, object, {}));  // in place of its own
+    EXPECT_TRUE(hub->AddProgress(1, object, nullptr));  // in place of its own
     hub->RemoveProgress(2);
     EXPECT_EQ(Ask(Code::REGISTER_PROGRESS_CALLBACK, sptr<IRemoteObject>(object)), 0);
 }
@@ -196,7 +196,7 @@ TEST_F(ServiceCallbacks, EveryObserverHearsOfEveryRestoration)
     Receiver other;
     EXPECT_EQ(Ask(Code::REGISTER_RESERVE_OBSERVER, "beta", sptr<IRemoteObject>(beta.object)), 0);
     EXPECT_EQ(Ask(Code::REGISTER_RESERVE_OBSERVER, "alpha", sptr<IRemoteObject>(alpha.object)), 0);
-    EXPECT_TRUE(hub->AddObserver(1, "alpha", other.object, {}));  // another process's name is another one
+    EXPECT_TRUE(hub->AddObserver(1, "alpha", other.object, nullptr));  // another process's name is another one
     EXPECT_EQ(Error().errorNum, 0);
     Ask(Code::RESTORE_APP, "r1", "");
     const std::string first = "r1:0 r1:1 r1:1 r1:3 ";
