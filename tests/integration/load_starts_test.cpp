@@ -19,6 +19,8 @@ constexpr int32_t kFirst = 101;
 constexpr int32_t kServices = 10;
 constexpr int32_t kShared = 200;
 constexpr int32_t kFails = 300;
+constexpr int32_t kMissing = 301;
+constexpr int32_t kHangs = 302;
 constexpr int32_t kNoProfile = 400;
 
 std::string StartsFile(const SamgrWorld& world)
@@ -37,6 +39,8 @@ void AddProfiles(const SamgrWorld& world)
     }
     add(kShared);
     world.AddProfile(kFails, "/bin/false", "");
+    world.AddProfile(kMissing, "/no/such/program", "");
+    world.AddProfile(kHangs, "/bin/sleep", R"(, "arguments": ["60"], "startTimeout": 1)");
 }
 
 [[maybe_unused]] const auto* const environment = testing::AddGlobalTestEnvironment(new ClientWorld(&AddProfiles));
@@ -72,15 +76,29 @@ TEST(LoadStarts, TenThreadsStartEachProgramOnce)
     }
 }
 
-TEST(LoadStarts, AFailedLoadIsFalseSoon)
+TEST(LoadStarts, AFailedLoadIsFalseSoonAndLeavesItsLines)
 {
-    RecordingLogSink lines(KOLOG_INFO);
-    for (const int32_t id : {kFails, kNoProfile}) {
+    for (const int32_t id : {kFails, kMissing, kHangs}) {
+        RecordingLogSink lines(KOLOG_INFO);
         const auto start = steady_clock::now();
         EXPECT_FALSE(LoadSaService::GetInstance()->TryLoadSa(id)) << id;
-        EXPECT_LT(steady_clock::now() - start, 2s) << id;
+        EXPECT_LT(steady_clock::now() - start, 3s) << id;
+        std::vector<std::string> texts;
+        for (const auto& message : lines.Messages()) {
+            if (message.file == "load_sa_service.cpp") {
+                texts.push_back(message.text);
+            }
+        }
+        // The callback's line may come before the one that opens the wait.
+        ASSERT_EQ(texts.size(), 4U) << id;
+        std::sort(texts.begin(), texts.begin() + 2);
+        const std::string number = std::to_string(id);
+        EXPECT_EQ(texts, (std::vector<std::string>{"SystemAbility Load fail the systemAbilityId is: " + number,
+                             "Waiting for CheckSaLoaded", "found OnLoad result: failed",
+                             "systemAbilityId: " + number + ", CheckSaLoaded failed"}));
     }
-    EXPECT_EQ(CountLines(lines, "SystemAbility Load fail the systemAbilityId is: 300"), 1);
+    RecordingLogSink lines(KOLOG_INFO);
+    EXPECT_FALSE(LoadSaService::GetInstance()->TryLoadSa(kNoProfile));
     EXPECT_EQ(CountLines(lines, "systemAbilityId: 400, load failed, result code: 2"), 1);
     EXPECT_TRUE(LoadSaService::GetInstance()->TryLoadSa(kShared));
 }
