@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // The loader and the manager: concurrent loads, and failed ones.
+#include <algorithm>
 #include <chrono>
 #include <map>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "client_world.h"
 #include "native_migrate/load_sa_service.h"
