@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/time.h>
 
+#include <latch>
 #include <thread>
 
 #include "support/peer_fixture.h"
@@ -29,6 +30,27 @@ TEST_F(IpcRequests, EightThreadsGetTheirOwnAnswers)
         thread.join();
     }
     EXPECT_EQ(wrong, 0);
+}
+
+// A thread stays with a caller only while another is left for the rest.
+TEST_F(IpcRequests, BusyCallersDoNotKeepTheLastThread)
+{
+    ASSERT_EQ(Call(hub_, LIMIT).Int(2).Send(), 0);
+    std::latch served(8);
+    std::vector<std::thread> callers;
+    for (int caller = 0; caller < 8; ++caller) {
+        callers.emplace_back([&] {
+            const auto call = [this] { EXPECT_EQ(Call(hub_, ADD_ONE).Int(1).Wait(2).Answer(), 2); };
+            call();
+            served.count_down();
+            while (!served.try_wait()) {
+                call();
+            }
+        });
+    }
+    for (std::thread& thread : callers) {
+        thread.join();
+    }
 }
 
 TEST_F(IpcRequests, ResultsAndIdentityComeThrough)

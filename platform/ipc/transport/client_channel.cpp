@@ -85,10 +85,22 @@ ClientChannel ClientChannels::TakeIdle()
     if (idle_.empty()) {
         return ClientChannel();
     }
+    const std::thread::id self = std::this_thread::get_id();
+    const auto own =
+        std::find_if(idle_.rbegin(), idle_.rend(), [&](const ClientChannel& idle) { return idle.user_ == self; });
+    if (own != idle_.rend()) {
+        std::swap(*own, idle_.back());
+    }
     ClientChannel channel = std::move(idle_.back());
     idle_.pop_back();
-    inUse_.push_back(channel.Fd());
+    EnterLocked(channel);
     return channel;
+}
+
+void ClientChannels::EnterLocked(ClientChannel& channel)
+{
+    channel.user_ = std::this_thread::get_id();
+    inUse_.push_back(channel.Fd());
 }
 
 ClientChannel ClientChannels::Take(EndpointId endpoint, const Credentials& process, const ChannelKey& key, bool& gone)
@@ -112,7 +124,7 @@ ClientChannel ClientChannels::Take(EndpointId endpoint, const Credentials& proce
     if (closed_) {
         return ClientChannel();
     }
-    inUse_.push_back(channel.Fd());
+    EnterLocked(channel);
     return channel;
 }
 

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <thread>
 #include <vector>
 
 #include "socket.h"
@@ -35,7 +36,10 @@ public:
     void AcknowledgeObjects();
 
 private:
+    friend class ClientChannels;
+
     UniqueFd fd_;
+    std::thread::id user_;                         // that took it last
     std::chrono::milliseconds receiveTimeout_{0};  // what the socket is set to
     bool used_ = false;                            // has brought a reply
 };
@@ -45,7 +49,8 @@ public:
     // A channel to the endpoint, where that process listens; without a value when it can't be opened. `gone` tells
     // whether nobody listens there any more.
     ClientChannel Take(EndpointId endpoint, const Credentials& process, const ChannelKey& key, bool& gone);
-    // One that is free already, if there is.
+    // One that is free already, if there is: the one that this thread used last, where the other process has kept a
+    // thread waiting for it and the scheduler has brought the two together.
     ClientChannel TakeIdle();
     // Brings back a channel that can serve again. One that can't is reported as lost before it is closed.
     void Return(ClientChannel channel);
@@ -55,6 +60,8 @@ public:
 
 private:
     static constexpr size_t kMostIdle = 16;
+
+    void EnterLocked(ClientChannel& channel) VEXA_REQUIRES(mutex_);
 
     Mutex mutex_;
     bool closed_ VEXA_GUARDED_BY(mutex_) = false;

@@ -7,6 +7,8 @@
 #include "ipc_log.h"
 #include "parcel_access.h"
 #include "process.h"
+#include "process_life.h"
+#include "socket.h"
 #include "vexa/ipc/message_option.h"
 
 namespace VEXA::ipc {
@@ -14,6 +16,10 @@ namespace {
 
 // How long a frame may take from its first byte to its last, and a reply to be read.
 constexpr std::chrono::seconds kStallLimit{8};
+
+// How long a worker waits for the next request of a channel that it has served. A caller that pauses for longer has let
+// its processor sleep by then, and another channel that has become busy meanwhile need not wait longer for a worker.
+constexpr std::chrono::milliseconds kFollowLimit{20};
 
 }  // namespace
 
@@ -51,7 +57,37 @@ void ServerChannel::Serve()
 {
     if (Enter()) {
         ServeArrived();
+        ServeFollowing();
         Leave();
+    }
+}
+
+void ServerChannel::ServeFollowing()
+{
+    WorkerPool& workers = IpcProcess::Get().Workers();
+    while (IsBetweenRequests() && workers.OthersWait()) {
+        if (std::exchange(watched_, false)) {
+            workers.Unwatch(fd_.Get());
+        }
+        // Whatever another worker was told of, this one is about to see.
+        state_.store(BUSY, std::memory_order_relaxed);
+        if (!WaitReadable(fd_.Get(), kFollowLimit) || ProcessLife::Get().Exiting()) {
+            break;
+        }
+        ServeArrived();
+    }
+    if (fd_ && !watched_) {
+        WatchAgain();
+    }
+}
+
+// What has arrived meanwhile is an edge for the workers.
+void ServerChannel::WatchAgain()
+{
+    watched_ = IpcProcess::Get().Workers().Watch(*this);
+    if (!watched_) {
+        IPC_LOGE("no room to watch a connection");
+        Close(false);
     }
 }
 
@@ -144,8 +180,8 @@ bool ServerChannel::SendReply(int32_t result, MessageParcel& reply)
     if (sent < size) {
         output_.assign(bytes + sent, bytes + size);
         outputSent_ = 0;
-        IpcProcess::Get().Workers().WatchOutput(*this, true);
-        return FlushOutput();
+        WatchAgain();
+        return fd_ && FlushOutput();
     }
     return true;
 }
@@ -162,8 +198,8 @@ bool ServerChannel::FlushOutput()
     if (outputSent_ == output_.size()) {
         std::vector<uint8_t>().swap(output_);
         SetStalled(false);
-        IpcProcess::Get().Workers().WatchOutput(*this, false);
-        return true;
+        WatchAgain();
+        return static_cast<bool>(fd_);
     }
     if (outcome == Transfer::WOULD_BLOCK) {
         SetStalled(true);
@@ -203,14 +239,6 @@ void ServerChannel::CloseIfStalled(Deadline now)
     Leave();
 }
 
-void ServerChannel::Abandon()
-{
-    if (Enter()) {
-        Close(false);
-        Leave();
-    }
-}
-
 void ServerChannel::Close(bool malformed)
 {
     if (malformed) {
@@ -223,7 +251,9 @@ void ServerChannel::Close(bool malformed)
     reader_.Reset();
     std::vector<uint8_t>().swap(output_);
     IpcProcess& process = IpcProcess::Get();
-    process.Workers().Unwatch(fd_.Get());
+    if (std::exchange(watched_, false)) {
+        process.Workers().Unwatch(fd_.Get());
+    }
     process.ForgetConnection(peer_->Who().uid);
     fd_.Reset();
     peer_.clear();

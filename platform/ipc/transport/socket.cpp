@@ -223,6 +223,13 @@ Transfer ReceiveAtLeast(int fd, void* bytes, size_t least, size_t most, Deadline
     return result;
 }
 
+bool WaitReadable(int fd, std::chrono::milliseconds limit)
+{
+    // Not by a receive that waits: the kernel would wake it each time the peer has read what was sent to it.
+    pollfd wait{fd, POLLIN, 0};
+    return poll(&wait, 1, static_cast<int>(limit.count())) > 0;
+}
+
 void SetReceiveTimeout(int fd, std::chrono::milliseconds limit)
 {
     const timeval value{limit.count() / 1000, (limit.count() % 1000) * 1000};

@@ -62,24 +62,15 @@ void WorkerPool::WakeForTask()
 void WorkerPool::Adopt(UniqueFd fd, const sptr<Peer>& peer, const FrameReader& reader)
 {
     ServerChannel* const channel = channels_.Open(std::move(fd), peer, reader);
-    if (!Watch(*channel)) {
-        IPC_LOGE("no room to watch a connection");
-        channel->Abandon();
-        return;
-    }
     Post([channel] { channel->Serve(); });
 }
 
 bool WorkerPool::Watch(ServerChannel& channel)
 {
-    epoll_event event{EPOLLIN | EPOLLRDHUP | EPOLLET, {.ptr = &channel}};
-    return epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, channel.Fd(), &event) == 0;
-}
-
-void WorkerPool::WatchOutput(ServerChannel& channel, bool wanted)
-{
-    epoll_event event{EPOLLIN | EPOLLRDHUP | EPOLLET | (wanted ? EPOLLOUT : 0U), {.ptr = &channel}};
-    epoll_ctl(epoll_.Get(), EPOLL_CTL_MOD, channel.Fd(), &event);
+    const uint32_t output = channel.HasOutput() ? EPOLLOUT : 0U;
+    epoll_event event{EPOLLIN | EPOLLRDHUP | EPOLLET | output, {.ptr = &channel}};
+    return epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, channel.Fd(), &event) == 0 ||
+           (errno == EEXIST && epoll_ctl(epoll_.Get(), EPOLL_CTL_MOD, channel.Fd(), &event) == 0);
 }
 
 void WorkerPool::Unwatch(int fd)

@@ -13,7 +13,7 @@
 
 namespace VEXA::ipc {
 
-// All workers wait on one epoll set; the one that wakes reads the request, runs it and writes the reply, without a
+// Workers wait on one epoll set; the one that wakes reads the request, runs it and writes the reply, without a
 // hand-over. There is always one worker waiting as long as the limit allows, so a request never waits for a thread to
 // be started. A worker that waits for a request of its own does not count against the limit: a chain of nested calls
 // between two processes always finds a thread. Any thread.
@@ -30,8 +30,11 @@ public:
     void CloseStalled(Deadline now) { channels_.CloseStalled(now); }
 
     // For server channels:
-    void WatchOutput(ServerChannel& channel, bool wanted);
+    // Tells the workers from now on when something arrives or, if the channel has output, when there is room for it.
+    bool Watch(ServerChannel& channel);
     void Unwatch(int fd);
+    // Whether there are workers for the other channels while this one waits for its own.
+    bool OthersWait() const { return waiting_.load(std::memory_order_relaxed) > 0; }
 
     // For the scope of a request that this thread, if it is a worker, waits for.
     class Blocked {
@@ -49,7 +52,6 @@ private:
     // Workers that wait for requests of their own come on top of the limit, up to this many threads in all.
     static constexpr size_t kMostThreads = 256;
 
-    bool Watch(ServerChannel& channel);
     static void* ThreadMain(void* self);
     void Run();
     void RunTasks();

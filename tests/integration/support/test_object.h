@@ -51,6 +51,7 @@ enum Code : uint32_t {
     FETCH,       // string name -> object (hub)
     FETCH_FROM,  // string name, object: keeps what that object, a hub, has under the name
     RESULT,      // int32 -> that result
+    LIMIT,       // int32: how many threads may carry out requests
 };
 
 enum Death : int32_t { BY_KILL, BY_ABORT, BY_EXIT };
@@ -127,6 +128,9 @@ public:
                 return 0;
             case RESULT:
                 return data.ReadInt32();
+            case LIMIT:
+                IPCSkeleton::SetMaxWorkThreads(static_cast<size_t>(data.ReadInt32()));
+                return 0;
             default:
                 return OneWayOrHub(code, data, reply);
         }
