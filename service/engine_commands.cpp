@@ -2,25 +2,12 @@
 // What the engine is told to do with the migration.
 #include <algorithm>
 
+#include "engine_errors.h"
 #include "json_parse.h"
 #include "migration_engine.h"
 #include "plain_name.h"
 
 namespace VEXA::UpdateEngine {
-
-namespace {
-
-BusinessError NotFound()
-{
-    return MakeError(MIGRATE_ERROR_NOT_FOUND, "there is no package of that name");
-}
-
-BusinessError StateError()
-{
-    return MakeError(MIGRATE_ERROR_STATE, "the service's state can't be written");
-}
-
-}  // namespace
 
 Task MigrationEngine::MakeTask(TaskKind kind, const Package& package) const
 {
@@ -39,7 +26,7 @@ BusinessError MigrationEngine::StartAll()
 {
     std::vector<Package> packages;
     if (!catalog_.Read(packages)) {
-        return MakeError(MIGRATE_ERROR_SOURCE, "the source directory can't be read");
+        return SourceError();
     }
     MutexLock lock(mutex_);
     if (State() == TaskStatus::RUNNING || State() == TaskStatus::PAUSED) {
@@ -78,11 +65,11 @@ BusinessError MigrationEngine::StartPackage(const std::string& name, const std::
 {
     std::vector<Package> packages;
     if (!catalog_.Read(packages)) {
-        return MakeError(MIGRATE_ERROR_SOURCE, "the source directory can't be read");
+        return SourceError();
     }
     const Package* const found = PackageCatalog::Find(packages, name);
     if (found == nullptr) {
-        return NotFound();
+        return NoSuchPackage();
     }
     if (found->manifest.reserved) {
         return MakeError(MIGRATE_ERROR_RESERVED, "it is set aside: restore it instead");

@@ -3,16 +3,12 @@
 #include <algorithm>
 #include <set>
 
+#include "engine_errors.h"
 #include "migration_engine.h"
 
 namespace VEXA::UpdateEngine {
 
 namespace {
-
-BusinessError SourceError()
-{
-    return MakeError(MIGRATE_ERROR_SOURCE, "the source directory can't be read");
-}
 
 bool HasModule(const Package& package, const ModuleInfo& module)
 {
@@ -314,7 +310,7 @@ BusinessError MigrationEngine::GetPackageStatus(const std::string& name, Reserve
     }
     const Package* const package = PackageCatalog::Find(found, name);
     if (package == nullptr) {
-        return MakeError(MIGRATE_ERROR_NOT_FOUND, "there is no package of that name");
+        return NoSuchPackage();
     }
     MutexLock lock(mutex_);
     const bool isPlaced = IsPlaced(package->manifest.target, package->directory);

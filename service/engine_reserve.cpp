@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "engine_errors.h"
 #include "migration_engine.h"
 #include "service_log.h"
 
@@ -12,19 +13,9 @@ namespace VEXA::UpdateEngine {
 
 namespace {
 
-BusinessError NotFound()
+BusinessError NotSetAside()
 {
     return MakeError(MIGRATE_ERROR_NOT_FOUND, "no application of that name is set aside");
-}
-
-BusinessError SourceError()
-{
-    return MakeError(MIGRATE_ERROR_SOURCE, "the source directory can't be read");
-}
-
-BusinessError StateError()
-{
-    return MakeError(MIGRATE_ERROR_STATE, "the service's state can't be written");
 }
 
 }  // namespace
@@ -42,6 +33,20 @@ bool MigrationEngine::ReadReserved(std::vector<Package>& packages) const
         [this](const Package& a, const Package& b)
             VEXA_REQUIRES(mutex_) { return store_->Priority(a.directory) > store_->Priority(b.directory); });
     return true;
+}
+
+BusinessError MigrationEngine::FindReserved(const std::string& name, Package& package) const
+{
+    std::vector<Package> packages;
+    if (!ReadReserved(packages)) {
+        return SourceError();
+    }
+    const Package* const found = PackageCatalog::Find(packages, name);
+    if (found == nullptr) {
+        return NotSetAside();
+    }
+    package = *found;
+    return {};
 }
 
 RestoreEventInfo MigrationEngine::RestoreEventOf(const Package& package) const
@@ -72,7 +77,7 @@ BusinessError MigrationEngine::GetRestoreStatus(
         return SourceError();
     }
     if (!name.empty() && PackageCatalog::Find(packages, name) == nullptr) {
-        return NotFound();
+        return NotSetAside();
     }
     MutexLock lock(mutex_);
     for (const Package& package : packages) {
@@ -99,43 +104,34 @@ void MigrationEngine::IntroduceRestores(const std::function<void(std::vector<Res
 AppRestoreCheck MigrationEngine::CheckRestore(const std::string& name) const
 {
     AppRestoreCheck check{name, false, {}};
-    std::vector<Package> packages;
-    if (!ReadReserved(packages)) {
-        check.reason = SourceError().message;
-        return check;
-    }
-    const Package* const package = PackageCatalog::Find(packages, name);
-    if (package == nullptr) {
-        check.reason = NotFound().message;
+    Package package;
+    if (const BusinessError error = FindReserved(name, package); error.errorNum != 0) {
+        check.reason = error.message;
         return check;
     }
     MutexLock lock(mutex_);
-    const Task* const task = store_->Find(TaskKind::RESTORE, package->directory);
-    check.reason = task != nullptr && !task->IsEnded() ? "it is being restored" : FaultOf(*package).reason;
+    const Task* const task = store_->Find(TaskKind::RESTORE, package.directory);
+    check.reason = task != nullptr && !task->IsEnded() ? "it is being restored" : FaultOf(package).reason;
     check.canRestore = check.reason.empty();
     return check;
 }
 
 BusinessError MigrationEngine::Restore(const std::string& name, const std::string& scene)
 {
-    std::vector<Package> packages;
-    if (!ReadReserved(packages)) {
-        return SourceError();
-    }
-    const Package* const package = PackageCatalog::Find(packages, name);
-    if (package == nullptr) {
-        return NotFound();
+    Package package;
+    if (BusinessError error = FindReserved(name, package); error.errorNum != 0) {
+        return error;
     }
     MutexLock lock(mutex_);
-    const Task* const earlier = store_->Find(TaskKind::RESTORE, package->directory);
+    const Task* const earlier = store_->Find(TaskKind::RESTORE, package.directory);
     if (earlier != nullptr && !earlier->IsEnded()) {
         return MakeError(MIGRATE_ERROR_BUSY, "it is being restored");
     }
-    Task task = MakeTask(TaskKind::RESTORE, *package);
+    Task task = MakeTask(TaskKind::RESTORE, package);
     if (!scene.empty()) {
         task.app.restoreScene = scene;
     }
-    task.priority = store_->Priority(package->directory);
+    task.priority = store_->Priority(package.directory);
     Transaction transaction = store_->Begin();
     if (earlier != nullptr) {
         store_->Erase(earlier->id);
@@ -184,18 +180,14 @@ bool MigrationEngine::ClearPackage(const Package& package)
 
 BusinessError MigrationEngine::ClearReserved(const std::string& name, const std::string& scene)
 {
-    std::vector<Package> packages;
-    if (!ReadReserved(packages)) {
-        return SourceError();
-    }
-    const Package* const package = PackageCatalog::Find(packages, name);
-    if (package == nullptr) {
-        return NotFound();
+    Package package;
+    if (BusinessError error = FindReserved(name, package); error.errorNum != 0) {
+        return error;
     }
     MutexLock lock(mutex_);
-    const bool isMeant = scene.empty() || RestoreEventOf(*package).restoreAppInfo.restoreScene == scene;
-    return isMeant && ClearPackage(*package) ? BusinessError()
-                                             : MakeError(MIGRATE_ERROR_NOTHING, "nothing of it has been restored");
+    const bool isMeant = scene.empty() || RestoreEventOf(package).restoreAppInfo.restoreScene == scene;
+    return isMeant && ClearPackage(package) ? BusinessError()
+                                            : MakeError(MIGRATE_ERROR_NOTHING, "nothing of it has been restored");
 }
 
 BusinessError MigrationEngine::ClearAllReserved(const std::string& scene)
@@ -218,17 +210,13 @@ BusinessError MigrationEngine::ClearAllReserved(const std::string& scene)
 
 BusinessError MigrationEngine::AdjustPriority(const std::string& name, int32_t priority)
 {
-    std::vector<Package> packages;
-    if (!ReadReserved(packages)) {
-        return SourceError();
-    }
-    const Package* const package = PackageCatalog::Find(packages, name);
-    if (package == nullptr) {
-        return NotFound();
+    Package package;
+    if (BusinessError error = FindReserved(name, package); error.errorNum != 0) {
+        return error;
     }
     MutexLock lock(mutex_);
-    bool isWritten = store_->SetPriority(package->directory, priority);
-    if (Task* const task = store_->Find(TaskKind::RESTORE, package->directory)) {
+    bool isWritten = store_->SetPriority(package.directory, priority);
+    if (Task* const task = store_->Find(TaskKind::RESTORE, package.directory)) {
         task->priority = priority;
         isWritten = store_->Save(*task) && isWritten;
     }

@@ -19,8 +19,8 @@
 #include "task_store.h"
 #include "throttle.h"
 #include "tree_copier.h"
-#include "unique_fd.h"
 #include "vexa/base/mutex.h"
+#include "vexa/base/unique_fd.h"
 
 namespace VEXA::UpdateEngine {
 
@@ -163,7 +163,9 @@ private:
     bool ClearPackage(const Package& package) VEXA_REQUIRES(mutex_);
     std::optional<FileId> IdOf(const std::string& targetName) const;
     int32_t RecordOwner(const std::vector<std::string>& targets, uint32_t uid);
+    // Of the applications that are set aside: all, or the one of that name (errorNum 0) or why there is none.
     bool ReadReserved(std::vector<Package>& packages) const;
+    BusinessError FindReserved(const std::string& name, Package& package) const;
     PresetChoices Choices() const VEXA_REQUIRES(mutex_);
     static std::string StagingName(uint32_t id);
 

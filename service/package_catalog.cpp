@@ -15,7 +15,7 @@
 #include "json_parse.h"
 #include "native_migrate/migrate_results.h"
 #include "plain_name.h"
-#include "unique_fd.h"
+#include "vexa/base/unique_fd.h"
 
 namespace VEXA::UpdateEngine {
 

@@ -27,6 +27,14 @@ int32_t ReplyTo(MessageParcel& reply, const BusinessError& error, const std::vec
     return error.errorNum != 0 ? MIGRATE_INTERNAL : WriteReply(reply, records);
 }
 
+template <typename Action>
+int32_t ReplyForNameAndScene(MessageParcel& data, MessageParcel& reply, const Action& action)
+{
+    Name name;
+    std::string scene;
+    return ReadFields(data, name, scene) ? ReplyTo(reply, action(name.text, scene)) : MIGRATE_BAD_ARGUMENT;
+}
+
 bool ParseNumber(const std::string& text, int32_t& number)
 {
     const char* const end = text.data() + text.size();
@@ -53,12 +61,8 @@ int32_t MigrateServerStub::GetRestoreAppInfos(MessageParcel& data, MessageParcel
 
 int32_t MigrateServerStub::RestoreApp(MessageParcel& data, MessageParcel& reply)
 {
-    Name name;
-    std::string scene;
-    if (!ReadFields(data, name, scene)) {
-        return MIGRATE_BAD_ARGUMENT;
-    }
-    return ReplyTo(reply, engine_->Restore(name.text, scene));
+    return ReplyForNameAndScene(
+        data, reply, [this](const auto& name, const auto& scene) { return engine_->Restore(name, scene); });
 }
 
 int32_t MigrateServerStub::RegisterObserver(MessageParcel& data, MessageParcel& reply)
@@ -89,12 +93,8 @@ int32_t MigrateServerStub::UnregisterObserver(MessageParcel& data, MessageParcel
 
 int32_t MigrateServerStub::ClearApp(MessageParcel& data, MessageParcel& reply)
 {
-    Name name;
-    std::string scene;
-    if (!ReadFields(data, name, scene)) {
-        return MIGRATE_BAD_ARGUMENT;
-    }
-    return ReplyTo(reply, engine_->ClearReserved(name.text, scene));
+    return ReplyForNameAndScene(
+        data, reply, [this](const auto& name, const auto& scene) { return engine_->ClearReserved(name, scene); });
 }
 
 int32_t MigrateServerStub::ClearAllVirtualData(MessageParcel& data, MessageParcel& reply)

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "native_migrate/migrate_results.h"
-#include "unique_fd.h"
+#include "vexa/base/unique_fd.h"
 
 namespace VEXA::UpdateEngine {
 

@@ -23,6 +23,14 @@ constexpr N Padded(N bytes)
     return (bytes + (kAlignment - 1)) & ~N{kAlignment - 1};
 }
 
+template <typename T>
+T ValueOrZero(Parcel& parcel, bool (Parcel::*read)(T&))
+{
+    T value{};
+    (parcel.*read)(value);
+    return value;
+}
+
 }  // namespace
 
 size_t SetThreadParcelLimit(size_t bytes)
@@ -244,58 +252,42 @@ bool Parcel::ReadString16(std::u16string& value)
 
 bool Parcel::ReadBool()
 {
-    bool value = false;
-    ReadBool(value);
-    return value;
+    return ValueOrZero<bool>(*this, &Parcel::ReadBool);
 }
 
 int32_t Parcel::ReadInt32()
 {
-    int32_t value = 0;
-    ReadScalar(value);
-    return value;
+    return ValueOrZero<int32_t>(*this, &Parcel::ReadInt32);
 }
 
 uint32_t Parcel::ReadUint32()
 {
-    uint32_t value = 0;
-    ReadScalar(value);
-    return value;
+    return ValueOrZero<uint32_t>(*this, &Parcel::ReadUint32);
 }
 
 int64_t Parcel::ReadInt64()
 {
-    int64_t value = 0;
-    ReadScalar(value);
-    return value;
+    return ValueOrZero<int64_t>(*this, &Parcel::ReadInt64);
 }
 
 uint64_t Parcel::ReadUint64()
 {
-    uint64_t value = 0;
-    ReadScalar(value);
-    return value;
+    return ValueOrZero<uint64_t>(*this, &Parcel::ReadUint64);
 }
 
 double Parcel::ReadDouble()
 {
-    double value = 0;
-    ReadScalar(value);
-    return value;
+    return ValueOrZero<double>(*this, &Parcel::ReadDouble);
 }
 
 std::string Parcel::ReadString()
 {
-    std::string value;
-    ReadText(value);
-    return value;
+    return ValueOrZero<std::string>(*this, &Parcel::ReadString);
 }
 
 std::u16string Parcel::ReadString16()
 {
-    std::u16string value;
-    ReadText(value);
-    return value;
+    return ValueOrZero<std::u16string>(*this, &Parcel::ReadString16);
 }
 
 void ParcelAccess::Clear(Parcel& parcel)

@@ -6,7 +6,7 @@
 #include "native_migrate/migrate_results.h"
 #include "service_fixture.h"
 #include "tree_copier.h"
-#include "unique_fd.h"
+#include "vexa/base/unique_fd.h"
 
 namespace VEXA::UpdateEngine::test {
 namespace {

@@ -103,13 +103,12 @@ Transfer Receive(int fd, void* bytes, size_t size, int flags, size_t& moved)
 
 }  // namespace
 
-void UniqueFd::Reset()
+void TransportFdCloser::Close(int fd)
 {
     // A child of fork has closed its copies already, and may use the numbers for something else.
-    if (fd_ >= 0 && !ProcessLife::Get().Forked()) {
-        ProcessLife::Get().CloseFd(fd_);
+    if (!ProcessLife::Get().Forked()) {
+        ProcessLife::Get().CloseFd(fd);
     }
-    fd_ = -1;
 }
 
 UniqueFd ConnectTo(const std::string& path)

@@ -7,42 +7,31 @@
 #include <chrono>
 #include <cstddef>
 #include <string>
-#include <utility>
 
 #include "process_life.h"
+#include "vexa/base/unique_fd.h"
 
 namespace VEXA::ipc {
 
 using Deadline = std::chrono::steady_clock::time_point;
 
+struct TransportFdCloser {
+    static void Close(int fd);
+};
+
 // Owns a descriptor of the transport. Known to ProcessLife, so that a child of fork closes it.
-class UniqueFd {
+class UniqueFd : public BasicUniqueFd<TransportFdCloser> {
 public:
     UniqueFd() = default;
     // Takes what `open` returns: a descriptor that nobody else owns, or -1.
     template <typename Open>
     static UniqueFd Make(const Open& open)
     {
-        UniqueFd result;
-        result.fd_ = ProcessLife::Get().OpenFd(open);
-        return result;
+        return UniqueFd(ProcessLife::Get().OpenFd(open));
     }
-    UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    UniqueFd& operator=(UniqueFd&& other) noexcept
-    {
-        std::swap(fd_, other.fd_);
-        return *this;
-    }
-    ~UniqueFd() { Reset(); }
-    UniqueFd(const UniqueFd&) = delete;
-    UniqueFd& operator=(const UniqueFd&) = delete;
-
-    void Reset();
-    int Get() const { return fd_; }
-    explicit operator bool() const { return fd_ >= 0; }
 
 private:
-    int fd_ = -1;
+    explicit UniqueFd(int fd) : BasicUniqueFd(fd) {}
 };
 
 // Who is at the other end, from the kernel. -1 where it does not say.

@@ -16,8 +16,8 @@
 #include "daemon/manager_stub.h"
 #include "daemon/program_runner.h"
 #include "daemon/service_table.h"
-#include "daemon/unique_fd.h"
 #include "samgr_log.h"
+#include "vexa/base/unique_fd.h"
 #include "vexa/ipc/context_object.h"
 
 namespace VEXA::samgr {

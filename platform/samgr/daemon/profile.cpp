@@ -12,9 +12,9 @@
 #include <filesystem>
 #include <set>
 
-#include "daemon/unique_fd.h"
 #include "daemon/user.h"
 #include "samgr_log.h"
+#include "vexa/base/unique_fd.h"
 
 namespace VEXA::samgr {
 

@@ -10,8 +10,8 @@
 
 #include "daemon/profile.h"
 #include "daemon/program.h"
-#include "daemon/unique_fd.h"
 #include "daemon/user.h"
+#include "vexa/base/unique_fd.h"
 
 namespace VEXA::samgr {
 
