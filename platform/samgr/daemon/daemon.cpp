@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <memory>
 
+#include "daemon/descriptor_limit.h"
 #include "daemon/manager_stub.h"
 #include "daemon/program_runner.h"
 #include "daemon/service_table.h"
@@ -220,6 +221,7 @@ void SetSignals()
 int RunDaemon(const std::vector<std::string>& profileDirectories)
 {
     SetSignals();
+    RaiseDescriptorLimit();
     return Daemon(profileDirectories).Run();
 }
 

@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <map>
 
+#include "daemon/descriptor_limit.h"
 #include "vexa/ipc/context_object.h"
 
 namespace VEXA::samgr {
@@ -190,6 +191,7 @@ void ResetSignals()
         FailChild(view.failure, STEP_DIRECTORY);
     }
     ResetSignals();
+    RestoreDescriptorLimit();
     // Every descriptor is close-on-exec where it is made; this is for those that other code has made.
     close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
     execve(view.plan->path.c_str(), view.arguments, view.environment);
