@@ -1,16 +1,16 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# usage: examples_test.sh CMAKE SOURCE_TREE BUILD_TREE COMPILER SANITIZERS
+# usage: examples_test.sh CMAKE SOURCE_TREE BUILD_TREE GENERATOR COMPILER SANITIZERS
 set -euo pipefail
-cmake="$1" tree="$2" build="$3" compiler="$4" sanitizers="$5"
+cmake="$1" tree="$2" build="$3" generator="$4" compiler="$5" sanitizers="$6"
 
 root="$(mktemp -d "${TMPDIR:-/tmp}/examples-test.XXXXXX")"
 trap 'rm -rf "$root"' EXIT
 
 "$cmake" --install "$build" --prefix "$root/usr" >"$root/log"
 flags="${sanitizers:+-fsanitize=$sanitizers}"
-"$cmake" -S "$tree/examples" -B "$root/examples" -DCMAKE_PREFIX_PATH="$root/usr" -DCMAKE_CXX_COMPILER="$compiler" \
-    -DCMAKE_CXX_FLAGS="$flags" >>"$root/log" || { cat "$root/log"; exit 1; }
+"$cmake" -G "$generator" -S "$tree/examples" -B "$root/examples" -DCMAKE_PREFIX_PATH="$root/usr" \
+    -DCMAKE_CXX_COMPILER="$compiler" -DCMAKE_CXX_FLAGS="$flags" >>"$root/log" || { cat "$root/log"; exit 1; }
 "$cmake" --build "$root/examples" >>"$root/log" || { cat "$root/log"; exit 1; }
 
 export PATH="$root/examples:$root/usr/bin:$PATH" MIGRATE_SOURCE="$root/source" MIGRATE_TARGET="$root/target"
