@@ -2,8 +2,8 @@
 # The functions that every folder's CMakeLists.txt is written with.
 #
 #   nm_component(<target> [STATIC] SOURCES ... [INCLUDE <public folder>...] [USES <component>...] [LINKS <library>...])
-#     An object library (STATIC, or vexa_testing: an archive). It compiles with its own folder, the public folders of what it USES and,
-#     in the library, with include/. Without INCLUDE its own folder is its public one.
+#     An object library (STATIC, or vexa_testing: an archive). It compiles with its own folder, the public folders of
+#     what it USES and, in the library, with include/. Without INCLUDE its own folder is its public one.
 #   nm_program(<target> SOURCES ... [USES <component or library>...] [LINKS <library>...])
 #     A program in bin, installed. Platform components are linked as libvexa_platform, others as objects.
 #   nm_test(<name> SOURCES ... [USES <component or library>...] [LINKS <library>...]

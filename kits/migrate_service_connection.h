@@ -20,8 +20,8 @@ public:
     MigrateServiceConnection& operator=(const MigrateServiceConnection&) = delete;
 
     // The service's proxy; without one, looks the service up, and starts it if need be. Null when it can't be reached.
-    // Blocks for the manager, at most 1 second to reach it and 5 for the start; others that need the service wait for
-    // the same lookup.
+    // Blocks for the manager, at most 1 second to reach it, 8 for its answer if it hangs, and 5 for the start; others
+    // that need the service wait for the same lookup.
     sptr<IMigrateServer> GetService(const LogSite& site) VEXA_EXCLUDES(serviceMutex_);
 
     // Watches the object, unless it is null or there is a watch already. A watch that the platform refused counts as

@@ -22,7 +22,8 @@ public:
 
     // Starts the service of that number unless it is running. True when it is running. False when the manager can't be
     // reached or refuses the load, at once; when the load fails, within 50 ms of the manager's word; and when nothing
-    // is heard for 5 seconds. The reason is in the log. Blocks for that time, at least 50 ms for an accepted load.
+    // is heard for 5 seconds. The reason is in the log. Blocks for that time, at least 50 ms for an accepted load; a
+    // manager that hangs adds 1 second to reach it and 5 for its answer.
     bool TryLoadSa(int32_t systemAbilityId);
 
     // The steps of which TryLoadSa is made; callers have no need of them.

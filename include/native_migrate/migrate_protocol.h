@@ -58,7 +58,8 @@ inline constexpr uint32_t SET_BACKUP_FILE_OWN_FINISHED_CODE = 1;
 inline constexpr uint32_t RESERVE_STATUS_CODE = 0;
 
 inline constexpr int32_t MIGRATE_SUCCESS = 0;
-// The service can't be reached, or the request can't be written or sent. Also what stubs answer to a wrong token.
+// The service can't be reached, or the request can't be written, sent or answered in time. Also what stubs answer to a
+// wrong token.
 inline constexpr int32_t MIGRATE_UNREACHABLE = 104;
 // A service answers a request with its own result plus this offset, so that the result differs from the transport's.
 inline constexpr int32_t MIGRATE_RESULT_OFFSET = 2000;

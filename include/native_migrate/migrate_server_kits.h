@@ -29,8 +29,9 @@ namespace VEXA::UpdateEngine {
 // record.
 //
 // Blocking: an operation waits at most 8 seconds for the answer. When the service is not known yet, or has died, it
-// first looks it up, for at most 1 second, and starts it, for at most 5; operations that meanwhile need the service on
-// other threads wait for that lookup.
+// first reaches the manager, within 1 second, asks it for the service, which takes no time unless the manager hangs and
+// then at most 8 seconds, and starts the service, for at most 5; operations that meanwhile need the service on other
+// threads wait for that lookup. A connection that has to be made may add a second, one that is lost half a second.
 class NATIVE_MIGRATE_EXPORT MigrateServerKits {
 public:
     // The process's client, made on first use. Doesn't contact the service. From any thread.

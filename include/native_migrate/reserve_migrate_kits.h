@@ -28,8 +28,9 @@ class ReserveMigrateSession;
 // `reply` is left as it was unless the result is 0.
 //
 // Blocking: an operation waits at most 8 seconds for the answer. When the service is not known yet, or has died, it
-// first looks it up, for at most 1 second, and starts it, for at most 5; operations of the same object that meanwhile
-// need the service wait for that lookup.
+// first reaches the manager, within 1 second, asks it for the service, which takes no time unless the manager hangs and
+// then at most 8 seconds, and starts the service, for at most 5; operations of the same object that meanwhile need the
+// service wait for that lookup. A connection that has to be made may add a second, one that is lost half a second.
 class NATIVE_MIGRATE_EXPORT ReserveMigrateKits {
 public:
     // Contacts nobody.

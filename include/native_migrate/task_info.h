@@ -63,7 +63,8 @@ struct TaskInfo {
     }
 
     // Fills `task` from an object. Every key is expected: one that is missing or does not fit leaves its field as it
-    // was and writes one error line, except that an enumeration goes back to its default. Never fails.
+    // was and writes one error line, except that an enumeration goes back to its default, and that `displayPolicy` is
+    // read as far as it fits, without a line when a member does not. Never fails.
     NATIVE_MIGRATE_EXPORT void FromJson(const JsonContext& json, TaskInfo& task);
 };
 

@@ -25,7 +25,7 @@ class ServerChannel {
 public:
     // Reads and answers all requests that have arrived, and those that follow them closely.
     void Serve();
-    // Closes a channel that nothing has come in on for too long in the middle of a frame, or goes out on.
+    // Closes a channel on which a frame has been coming in, or a reply going out, for too long.
     void CloseIfStalled(Deadline now);
     int Fd() const { return fd_.Get(); }
     bool HasOutput() const { return !output_.empty(); }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // What travels between two processes, byte by byte. docs/wire-format.md explains it; this header is the only place
-// where the layouts and limits stand.
+// where the layouts stand.
 #pragma once
 
 #include <bit>
@@ -32,7 +32,7 @@ enum class FrameKind : uint16_t {
     ONE_WAY_ACK = 7,  // link: `target` frames with `extra` bytes have left the receiver's queue
     RELEASE = 8,      // link: the sender gives up `extra` references to `target`, which the receiver owns
     GRANT = 9,        // link: `extra` is a process that receives `target`, which the receiver owns, from the sender
-    UNGRANT = 10,     // link: takes one GRANT back
+    UNGRANT = 10,     // link: takes back one GRANT that the sender gave on this link
     KEY = 11,         // link: the key for channels, once the process that connected knows whom it has reached
 };
 

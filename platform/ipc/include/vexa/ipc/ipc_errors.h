@@ -9,16 +9,16 @@ namespace VEXA {
 
 enum IpcError : int32_t {
     IPC_OK = 0,
-    // The request was not sent, for a reason that has no code of its own (a local fault; the log says which).
+    // A reason without a code of its own: an object can't be passed on, memory is short, or the reply's objects are not
+    // what they claim. Unless the request could not be sent, it may have been carried out.
     IPC_FAILED = -1,
     // The object's process has ended. Look the object up again.
     IPC_DEAD_OBJECT = -2,
     // No answer within the wait time. The request may or may not have been carried out.
     IPC_TIMED_OUT = -3,
-    // The request or its reply is larger than a frame may be, or carries too many objects. Nothing was carried out
-    // when it is the request.
+    // The request is larger than a frame may be, or carries too many objects. It was not sent.
     IPC_TOO_LARGE = -4,
-    // The object's process does not know this process as a holder of the object.
+    // The object's process does not know this process as a holder of the object, or of one that the request carries.
     IPC_REFUSED = -5,
     // The queue of one-way requests to that process is full. Try again later.
     IPC_QUEUE_FULL = -6,
@@ -26,11 +26,12 @@ enum IpcError : int32_t {
     IPC_FORKED = -7,
     // The request reached the object, and its handler ended by an exception.
     IPC_HANDLER_THREW = -8,
-    // The connection ended before the reply came, while the object's process lives on.
+    // No connection could be made, or it ended before a sound reply came, while the object's process lives on. The
+    // request may or may not have been carried out.
     IPC_CONNECTION_LOST = -9,
 };
 
-// Largest parcel, and largest frame on the wire, in bytes.
+// Largest parcel, and largest data of a frame on the wire, in bytes.
 inline constexpr uint32_t IPC_MAX_PARCEL_BYTES = 16U * 1024 * 1024;
 // Most remote objects in one parcel.
 inline constexpr uint32_t IPC_MAX_PARCEL_OBJECTS = 256;

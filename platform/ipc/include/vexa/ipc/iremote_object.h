@@ -28,13 +28,14 @@ public:
     explicit IRemoteObject(std::u16string descriptor);
     ~IRemoteObject() override;
 
-    // Sends a request and, unless it is one-way, waits for the reply, at most the option's wait time. 0 is success, a
-    // negative value an IpcError, any other value what the object's OnRemoteRequest returned. On the original object
-    // this is a plain call of OnRemoteRequest.
+    // Sends a request and, unless it is one-way, waits for the reply, at most the option's wait time. To that may come
+    // 1 s for a connection or for the word to the owner of an object that is passed on, and 0.5 s to learn whether the
+    // process has died. 0 is success, a negative value an IpcError, any other value what the object's OnRemoteRequest
+    // returned. On the original object this is a plain call of OnRemoteRequest.
     virtual int32_t SendRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option) = 0;
 
     // Registers a recipient; true on a proxy, also when its process is dead already (the notice then follows at once).
-    // False on an original, which dies with the caller, and for a null recipient.
+    // False on an original, which dies with the caller, for a null recipient, and in a child of fork.
     virtual bool AddDeathRecipient(const sptr<DeathRecipient>& recipient) = 0;
     // Withdraws one registration; false when there is none. Once this has returned, the recipient is not called any
     // more, unless it is running already.

@@ -43,7 +43,8 @@ public:
 // Makes `sink` the process's sink and returns the previous one; null stands for the sink that KOLOG_SINK chooses
 // ("stderr", "file:PATH", "journal" or "ring"; standard error when unset or unusable). The caller keeps the sink alive
 // until another has replaced it. When this returns, no thread is inside the previous sink any more and it may go; for
-// that the call waits for the writes that are under way, at most 5 seconds. Not to be called from inside a sink.
+// that the call waits for the writes that are under way. When one hangs it gives up, after at most 10 seconds. Not to
+// be called from inside a sink.
 VEXA_EXPORT LogSink* SetLogSink(LogSink* sink);
 
 // Lines on standard error, whatever descriptor 2 is at the time. The mode of the descriptor is not touched.

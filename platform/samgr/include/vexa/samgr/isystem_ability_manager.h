@@ -23,6 +23,8 @@ enum SamgrError : int32_t {
     SAMGR_BUSY = 8,  // too many loads wait for it, or the manager is stopping; try again later
 };
 
+// Every operation is a request that the manager answers at once; one that hangs is waited for, at most 8 s. The
+// synchronous load waits for its own time-out instead. All may be called from any thread.
 class VEXA_EXPORT ISystemAbilityManager : public IRemoteBroker {
 public:
     DECLARE_INTERFACE_DESCRIPTOR(u"VEXA.ISystemAbilityManager")
@@ -42,6 +44,7 @@ public:
     // Makes an object of this process the service of that number, until RemoveSystemAbility or the end of the process:
     // when the manager is replaced, the process adds its objects to the new one by itself.
     virtual int32_t AddSystemAbility(int32_t systemAbilityId, const sptr<IRemoteObject>& object) = 0;
+    // SAMGR_NOT_ALLOWED also when this process has not added that service, or its object has died.
     virtual int32_t RemoveSystemAbility(int32_t systemAbilityId) = 0;
 };
 
