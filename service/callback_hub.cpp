@@ -162,15 +162,10 @@ template <typename Item>
 bool CallbackHub::Remove(Receivers<Item>& receivers, const Key& key, const IRemoteObject* object)
 {
     Receiver<Item> removed;
-    std::vector<std::unique_ptr<Mailbox<Item>>> ended;
+    Mailboxes<Item> ended;
     {
         MutexLock lock(mutex_);
-        auto& leaving = receivers.leaving;
-        const auto firstEnded =
-            std::partition(leaving.begin(), leaving.end(), [](const auto& mailbox) { return !mailbox->HasEnded(); });
-        std::move(firstEnded, leaving.end(), std::back_inserter(ended));
-        leaving.erase(firstEnded, leaving.end());
-
+        ended = TakeEnded(receivers);
         const auto found = receivers.registered.find(key);
         if (found != receivers.registered.end() && (object == nullptr || found->second.object.GetRefPtr() == object)) {
             removed = TakeOut(receivers, key);

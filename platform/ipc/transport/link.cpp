@@ -343,11 +343,11 @@ Link::Verdict Link::HandleHello(const FrameHeader& header, Parcel& frame)
         if (peer_ == nullptr) {
             return Verdict::CLOSE;
         }
+    } else {
+        Answer(*peer_);
     }
     greeted_ = true;
     StopWaiting();
-    const HelloFrame answer = MakeHello(accepted_ ? FrameKind::HELLO_REPLY : FrameKind::KEY, peer_->IssuedKey());
-    Send(&answer, sizeof(answer));
     if (!accepted_) {
         TakeKey(body);
     }
@@ -356,6 +356,12 @@ Link::Verdict Link::HandleHello(const FrameHeader& header, Parcel& frame)
         greeting_.clear();
     }
     return Verdict::GO_ON;
+}
+
+void Link::Answer(const Peer& peer)
+{
+    const HelloFrame answer = MakeHello(accepted_ ? FrameKind::HELLO_REPLY : FrameKind::KEY, peer.IssuedKey());
+    Send(&answer, sizeof(answer));
 }
 
 Link::Verdict Link::TakeKey(const HelloBody& body)

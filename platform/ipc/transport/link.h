@@ -57,6 +57,8 @@ public:
     void OnEvents(uint32_t events) override;
     void OnTick(Deadline now) override;
     void Drain() override;
+    // Completes the greeting of the process at the other end.
+    void Answer(const Peer& peer);
 
 private:
     enum class Verdict { GO_ON, CLOSE, HANDED_OVER };

@@ -149,7 +149,13 @@ sptr<Peer> IpcProcess::Greet(EndpointId claimed, const Credentials& credentials,
     sptr<Peer>& peer = peers_[claimed];
     if (peer == nullptr) {
         peer = new Peer(claimed, credentials);
+    } else if (!peer->Who().IsSameAs(credentials)) {
+        // The endpoint of a process that is just ending, taken over by another.
+        IPC_LOGE("process %{public}d claims the endpoint of process %{public}d", credentials.pid, peer->Who().pid);
+        return nullptr;
     }
+    // The answer comes first on the link: once it is attached, other threads send on it.
+    link->Answer(*peer);
     peer->AttachLink(link);
     return peer;
 }

@@ -50,7 +50,7 @@ public:
     void WatchContext(std::function<void()> action);
 
     // For the reactor's thread:
-    // The process that introduces itself on a link; null when it is not who it says.
+    // The process that introduces itself on a link, answered there; null when it is not who it says.
     sptr<Peer> Greet(EndpointId claimed, const Credentials& credentials, const sptr<Link>& link);
     // A link of the process has ended.
     void Bury(const sptr<Peer>& peer);
