@@ -216,11 +216,17 @@ ErrorInfo MigrationEngine::Place(Task& task)
     Changed(task);
     ErrorInfo fault = MoveIntoPlace(task, staged);
     if (fault.code == 0) {
-        const Placed* const before = store_->FindPlaced(task.target);
-        const int64_t owner = before != nullptr ? before->owner : -1;
-        store_->SavePlaced(task.target, {task.source, task.app.packageName, *id, owner});
+        NotePlaced(task);
     }
     return fault;
+}
+
+void MigrationEngine::NotePlaced(const Task& task)
+{
+    // A new copy keeps the owner of the old one.
+    const Placed* const before = store_->FindPlaced(task.target);
+    const int64_t owner = before != nullptr ? before->owner : -1;
+    store_->SavePlaced(task.target, {task.source, task.app.packageName, task.staged, owner});
 }
 
 ErrorInfo MigrationEngine::MoveIntoPlace(const Task& task, const std::string& staged)

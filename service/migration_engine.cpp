@@ -95,7 +95,7 @@ void MigrationEngine::Recover()
         Task& task = *store_->Find(before.id);
         // The rename may have happened, and only its note been lost.
         if (task.subStatus == MIGRATE_SUB_PLACING && IdOf(task.target) == task.staged) {
-            store_->SavePlaced(task.target, {task.source, task.app.packageName, task.staged});
+            NotePlaced(task);
             task.status = TaskStatus::FINISHED;
         } else {
             task.status = TaskStatus::IDLE;

@@ -136,6 +136,7 @@ private:
     // Puts the staged directory into its place; an older package of that name comes to the staged one instead.
     ErrorInfo Place(Task& task) VEXA_REQUIRES(mutex_);
     ErrorInfo MoveIntoPlace(const Task& task, const std::string& staged) VEXA_REQUIRES(mutex_);
+    void NotePlaced(const Task& task) VEXA_REQUIRES(mutex_);
     void EndTask(Task& task, const ErrorInfo& fault) VEXA_REQUIRES(mutex_);
     void StopTheRest() VEXA_REQUIRES(mutex_);
     void EndMigrationIfDone() VEXA_REQUIRES(mutex_);

@@ -1,7 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 # A service that behaves as its arguments say, and a client; the test's other processes.
 nm_test_program(samgr_peer SOURCES samgr_peer.cpp USES vexa_platform)
-set_target_properties(samgr_peer PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/tests/bin")
 
 nm_test(samgr_integration_test
     SOURCES samgr_test.cpp

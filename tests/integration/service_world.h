@@ -2,8 +2,6 @@
 // The reference service behind a manager, with packages to move.
 #pragma once
 
-#include <map>
-
 #include "client_world.h"
 
 namespace VEXA::test {
@@ -17,7 +15,7 @@ inline std::string TargetDir(const SamgrWorld& world)
     return world.Folder() + "/target";
 }
 
-// Packages p10, p11, ... of `bytes` each in three files, one of them deeper.
+// Packages p10, p11, ... of `bytes` each in two files, one of them deeper.
 inline void MakePackages(const SamgrWorld& world, int count, size_t bytes, const std::string& manifest)
 {
     for (int index = 10; index < 10 + count; ++index) {
@@ -25,12 +23,11 @@ inline void MakePackages(const SamgrWorld& world, int count, size_t bytes, const
         const std::string folder = SourceDir(world) + "/" + name;
         std::filesystem::create_directories(folder + "/data/deep");
         std::ofstream(folder + "/manifest.json") << manifest;
-        for (const char* file : {"/first", "/data/second", "/data/deep/third"}) {
-            std::string content;
-            for (int line = 0; content.size() < bytes / 3; ++line) {
-                content += name + file + std::to_string(line) + "\n";
+        for (const char* file : {"/first", "/data/deep/second"}) {
+            std::ofstream stream(folder + file);
+            while (stream.tellp() < static_cast<std::streamoff>(bytes / 2)) {
+                stream << name << file << stream.tellp() << "\n";
             }
-            std::ofstream(folder + file) << content;
         }
     }
 }
@@ -44,22 +41,10 @@ inline void AddServiceProfile(const SamgrWorld& world, int bytesPerSecond)
             std::to_string(bytesPerSecond) + "\"]");
 }
 
-// Path below the folder -> content, of everything that is a file.
-inline std::map<std::string, std::string> FilesOf(const std::string& folder)
-{
-    std::map<std::string, std::string> files;
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
-        if (entry.is_regular_file()) {
-            files[entry.path().string().substr(folder.size())] = FileText(entry.path().string());
-        }
-    }
-    return files;
-}
-
 inline bool TargetEqualsSource()
 {
-    const auto source = FilesOf(SourceDir(ClientWorld::Get()));
-    return !source.empty() && source == FilesOf(TargetDir(ClientWorld::Get()));
+    const std::string command = "diff -r " + SourceDir(ClientWorld::Get()) + " " + TargetDir(ClientWorld::Get());
+    return std::system(command.c_str()) == 0;
 }
 
 // Ends the service at once and returns when the manager runs the next instance, whose process it returns; -1 when none
@@ -68,13 +53,11 @@ inline pid_t KillService()
 {
     const pid_t killed = PidOfProgram(ClientWorld::Get(), "migrate_serviced");
     pid_t next = -1;
-    if (killed > 0 && kill(killed, SIGKILL) == 0) {
-        Eventually([&] {
-            next = PidOfProgram(ClientWorld::Get(), "migrate_serviced");
-            return next > 0 && next != killed;
-        });
-    }
-    return next != killed ? next : -1;
+    const auto isReplaced = [&] {
+        next = PidOfProgram(ClientWorld::Get(), "migrate_serviced");
+        return next > 0 && next != killed;
+    };
+    return killed > 0 && kill(killed, SIGKILL) == 0 && Eventually(isReplaced) ? next : -1;
 }
 
 }  // namespace VEXA::test

@@ -10,6 +10,11 @@ nm_test(service_requests_test
     USES migrate_service migrate_engine vexa_testing nm_ipc nm_json nm_log vexa_ipc vexa_samgr vexa_want vexa_json
         vexa_log vexa_base)
 
+# For its support/.
+foreach(area engine requests)
+    target_include_directories(service_${area}_test PRIVATE "${PROJECT_SOURCE_DIR}/tests/integration")
+endforeach()
+
 # The whole of it: manager, service, library and command line, with a death in the middle.
 add_test(NAME service_demo COMMAND bash "${PROJECT_SOURCE_DIR}/tools/demo.sh")
 set_tests_properties(service_demo PROPERTIES

@@ -5,54 +5,43 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <chrono>
-#include <cstdlib>
-#include <filesystem>
+#include <algorithm>
 #include <fstream>
-#include <functional>
 #include <memory>
 #include <sstream>
 #include <string>
-#include <thread>
-#include <utility>
 #include <vector>
 
 #include "migration_engine.h"
+#include "support/processes.h"
 #include "vexa/base/mutex.h"
 
 namespace VEXA::UpdateEngine::test {
 
 namespace fs = std::filesystem;
+using VEXA::test::Eventually;
 
-inline bool Eventually(const std::function<bool()>& condition)
+// "r1:0 r1:1 r1:3 ", the status of every event.
+inline std::string Statuses(const std::vector<RestoreEventInfo>& events)
 {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!condition() && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    std::string text;
+    for (const RestoreEventInfo& event : events) {
+        text += event.restoreAppInfo.scanSourceDir + ":" + std::to_string(event.status) + " ";
     }
-    return condition();
+    return text;
 }
 
 class Folders {
 public:
     Folders()
     {
-        std::string name = (fs::temp_directory_path() / "migrate-test-XXXXXX").string();
-        root_ = mkdtemp(name.data());
         fs::create_directories(Source());
         fs::create_directories(Target());
     }
-    ~Folders()
-    {
-        std::error_code ignored;
-        fs::remove_all(root_, ignored);
-    }
-    Folders(const Folders&) = delete;
-    Folders& operator=(const Folders&) = delete;
 
-    fs::path Source() const { return root_ / "source"; }
-    fs::path Target() const { return root_ / "target"; }
-    fs::path Root() const { return root_; }
+    fs::path Root() const { return root_.Path(); }
+    fs::path Source() const { return Root() / "source"; }
+    fs::path Target() const { return Root() / "target"; }
 
     static void Write(const fs::path& file, const std::string& text)
     {
@@ -94,7 +83,7 @@ public:
     }
 
 private:
-    fs::path root_;
+    const VEXA::test::TempDir root_;
 };
 
 class RecordingListener : public EngineListener {
@@ -102,32 +91,30 @@ public:
     void OnTask(const TaskProgress& task) override
     {
         MutexLock lock(mutex_);
-        tasks_.push_back(task);
+        if (task.status == static_cast<int32_t>(TaskStatus::FINISHED)) {
+            finished_.push_back(task.id);
+        }
     }
     void OnRestore(const RestoreEventInfo& event) override
     {
         MutexLock lock(mutex_);
         restores_.push_back(event);
     }
-    std::vector<TaskProgress> Tasks() const
+    // The numbers of the tasks that have finished, in order.
+    std::vector<uint32_t> Finished() const
     {
         MutexLock lock(mutex_);
-        return tasks_;
+        return finished_;
     }
-    // "r1:0 r1:1 r1:3", the status of every event.
     std::string Restores() const
     {
         MutexLock lock(mutex_);
-        std::string text;
-        for (const RestoreEventInfo& event : restores_) {
-            text += event.restoreAppInfo.scanSourceDir + ":" + std::to_string(event.status) + " ";
-        }
-        return text;
+        return Statuses(restores_);
     }
 
 private:
     mutable Mutex mutex_;
-    std::vector<TaskProgress> tasks_ VEXA_GUARDED_BY(mutex_);
+    std::vector<uint32_t> finished_ VEXA_GUARDED_BY(mutex_);
     std::vector<RestoreEventInfo> restores_ VEXA_GUARDED_BY(mutex_);
 };
 
@@ -136,12 +123,13 @@ protected:
     static constexpr size_t kLarge = 2000000;
     static constexpr uint64_t kSlow = 4000000;  // half a second for the above
 
+    virtual EngineListener& Listener() { return listener; }
     // Ends the engine before, if there is one, as a restart of the service does.
     void Open(uint64_t bytesPerSecond = 0)
     {
         engine.reset();
         std::string error;
-        engine = MigrationEngine::Open({folders.Source(), folders.Target(), "", bytesPerSecond}, listener, error);
+        engine = MigrationEngine::Open({folders.Source(), folders.Target(), "", bytesPerSecond}, Listener(), error);
         ASSERT_NE(engine, nullptr) << error;
     }
     void Run(uint64_t bytesPerSecond = 0)

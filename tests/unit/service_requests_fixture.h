@@ -2,11 +2,6 @@
 // The service's stub in this process, asked as a client asks it.
 #pragma once
 
-#include <memory>
-#include <string>
-#include <type_traits>
-#include <vector>
-
 #include "callback_hub.h"
 #include "json_parse.h"
 #include "migrate_server_stub.h"
@@ -15,30 +10,19 @@
 
 namespace VEXA::UpdateEngine::test {
 
-class RequestsTest : public testing::Test {
+class RequestsTest : public EngineTest {
 protected:
     using Code = MigrateRequestCode;
 
-    void SetUp() override
-    {
-        hub = std::make_shared<CallbackHub>([this](MigrateStage& stage, MigrateProgress& progress) {
-            if (engine != nullptr) {
-                engine->GetProgress(stage, progress);
-            }
-        });
-    }
     void TearDown() override
     {
-        if (engine != nullptr) {
-            engine->Stop();
-        }
+        engine->Stop();
         hub->Close();
     }
+    EngineListener& Listener() override { return *hub; }
     void Run(uint64_t bytesPerSecond = 0)
     {
-        std::string error;
-        engine = MigrationEngine::Open({folders.Source(), folders.Target(), "", bytesPerSecond}, *hub, error);
-        ASSERT_NE(engine, nullptr) << error;
+        Open(bytesPerSecond);
         stub = sptr<MigrateServerStub>(new MigrateServerStub(engine, hub));
         engine->Start();
     }
@@ -69,26 +53,32 @@ protected:
         }
         return result;
     }
-    // The error record that ends the reply.
-    BusinessError Error() const
+    // The first text of the reply.
+    template <typename... Fields>
+    std::string TextOf(Code code, const Fields&... fields)
     {
-        BusinessError error;
-        EXPECT_FALSE(replies.empty());
-        EXPECT_EQ(JsonParse::JsonStrToStruct(replies.empty() ? "" : replies.back(), error), JsonError::SUCCESS);
-        return error;
+        EXPECT_EQ(Ask(code, fields...), 0);
+        return replies.empty() ? "no text" : replies[0];
     }
-    bool Ends()
+    template <typename Record, typename... Fields>
+    Record RecordOf(Code code, const Fields&... fields)
     {
-        return Eventually([this] {
-            MigrateStatus status;
-            Ask(Code::GET_MIGRATE_STATUS, 0U);
-            return JsonParse::JsonStrToStruct(replies.at(0), status) == JsonError::SUCCESS && status.status >= 3;
-        });
+        Record record{};
+        EXPECT_EQ(JsonParse::JsonStrToStruct(TextOf(code, fields...), record), JsonError::SUCCESS);
+        return record;
+    }
+    // The number of the error record that ends the reply.
+    template <typename... Fields>
+    int32_t ErrorOf(Code code, const Fields&... fields)
+    {
+        TextOf(code, fields...);
+        BusinessError error;
+        EXPECT_EQ(JsonParse::JsonStrToStruct(replies.empty() ? "" : replies.back(), error), JsonError::SUCCESS);
+        return error.errorNum;
     }
 
-    Folders folders;
-    std::shared_ptr<CallbackHub> hub;
-    std::shared_ptr<MigrationEngine> engine;
+    const std::shared_ptr<CallbackHub> hub = std::make_shared<CallbackHub>(
+        [this](MigrateStage& stage, MigrateProgress& progress) { engine->GetProgress(stage, progress); });
     sptr<MigrateServerStub> stub;
     std::vector<std::string> replies;
     int64_t number = -1;

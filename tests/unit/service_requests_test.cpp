@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <atomic>
+
 #include "native_migrate/set_backup_file_own_stub.h"
 #include "service_requests_fixture.h"
 #include "vexa/ipc/ipc_errors.h"
@@ -29,7 +31,7 @@ TEST_F(ServiceRequests, WrongTokensUnknownCodesAndBadFieldsAreAnswered)
     MessageOption option;
     data.WriteInterfaceToken(u"VEXA.Updater.IMigrateServes");
     EXPECT_EQ(stub->OnRemoteRequest(5, data, reply, option), MIGRATE_UNREACHABLE);
-    EXPECT_EQ(engine->GetStatus(MigrateStage::NONE).status, 0);  // nothing was started
+    EXPECT_EQ(State(), TaskStatus::IDLE);  // nothing was started
     for (const uint32_t code : {0U, 30U, 32U, UINT32_MAX}) {
         EXPECT_EQ(Ask(static_cast<Code>(code)), IPC_UNKNOWN_REQUEST) << code;
     }
@@ -44,15 +46,14 @@ TEST_F(ServiceRequests, WrongTokensUnknownCodesAndBadFieldsAreAnswered)
     EXPECT_EQ(Ask(Code::START_PAK_MIGRATE, ""), bad);
     EXPECT_EQ(Ask(Code::REMOVE_MIGRATE, -2), bad);
     EXPECT_EQ(Ask(Code::SET_MIGRATE_POLICY, 2), bad);
-    EXPECT_EQ(Ask(Code::PRESET_DATA, "not json"), bad);
+    EXPECT_EQ(Ask(Code::PRESET_DATA, "[]"), bad);
+    EXPECT_EQ(Ask(Code::PRESET_DATA, R"({"exclude":"b"})"), bad);
     EXPECT_EQ(Ask(Code::GET_MODULE_MIGRATION_POLICY, true, "{"), bad);
     EXPECT_EQ(Ask(Code::START_PAK_MIGRATION, "p", "b", "{\"priority\":\"high\"}"), bad);
-    EXPECT_EQ(Ask(Code::START_PAK_MIGRATION, "p", "b"), bad);
     EXPECT_EQ(Ask(Code::GET_RESTORE_APP_INFOS, "only the name"), bad);
     EXPECT_EQ(Ask(Code::ADJUST_APP_PRIORITY, "r", "7x"), bad);
     EXPECT_EQ(Ask(Code::ADJUST_APP_PRIORITY, "r", "9999999999"), bad);
     EXPECT_EQ(Ask(Code::REGISTER_PROGRESS_CALLBACK, sptr<IRemoteObject>()), bad);
-    EXPECT_EQ(Ask(Code::REGISTER_RESERVE_OBSERVER, "", sptr<IRemoteObject>()), bad);
     EXPECT_EQ(Ask(Code::REGISTER_RESERVE_OBSERVER, "caller", sptr<IRemoteObject>()), bad);
     const int32_t none = MIGRATE_RESULT_OFFSET + MIGRATE_NO_SUCH_APP;
     EXPECT_EQ(Ask(Code::RESTORE_APP, "r", ""), none);
@@ -64,61 +65,43 @@ TEST_F(ServiceRequests, EveryRequestOfTheMigrationIsAnsweredWithItsFields)
 {
     folders.AddPackage("a", 1000, R"({"bundleName":"com.a","user":3,"modules":[{"type":1,"id":"m"}]})");
     Run();
-    EXPECT_EQ(Ask(Code::GET_MIGRATE_STATUS, 0U), 0);
-    EXPECT_EQ(replies.at(0), R"({"isTaskExist":false,"status":0})");
-    EXPECT_EQ(Ask(Code::GET_PAK_MIGRATE_INFO), 0);
-    EXPECT_EQ(replies.at(0), R"([{"source":"a","target":"a","status":0}])");
-    EXPECT_EQ(Error().errorNum, 0);
-    EXPECT_EQ(Ask(Code::GET_APK_INFO), 0);
-    EXPECT_EQ(replies.at(0), R"(["com.a"])");
-    EXPECT_EQ(Ask(Code::GET_MIGRATION_USERS), 0);
-    EXPECT_EQ(replies.at(0), R"([{"sourceUser":3,"targetUser":3}])");
-    EXPECT_EQ(Ask(Code::GET_MODULE_MIGRATION_POLICY, false, R"([{"type":1,"id":"m"}])"), 0);
-    EXPECT_EQ(replies.at(0), R"([{"sourceModuleInfo":{"type":1,"id":"m"},"targetModuleInfos":[{"type":1,"id":"m"}]}])");
-    EXPECT_EQ(Ask(Code::GET_MIGRATION_DATA_SIZE), 0);
+    EXPECT_EQ(TextOf(Code::GET_MIGRATE_STATUS, 0U), R"({"isTaskExist":false,"status":0})");
+    EXPECT_EQ(TextOf(Code::GET_PAK_MIGRATE_INFO), R"([{"source":"a","target":"a","status":0}])");
+    EXPECT_EQ(replies.size(), 2U);
+    EXPECT_EQ(TextOf(Code::GET_APK_INFO), R"(["com.a"])");
+    EXPECT_EQ(TextOf(Code::GET_MIGRATION_USERS), R"([{"sourceUser":3,"targetUser":3}])");
+    EXPECT_EQ(TextOf(Code::GET_MODULE_MIGRATION_POLICY, false, R"([{"type":1,"id":"m"}])"),
+        R"([{"sourceModuleInfo":{"type":1,"id":"m"},"targetModuleInfos":[{"type":1,"id":"m"}]}])");
+    EXPECT_EQ(ErrorOf(Code::GET_MIGRATION_DATA_SIZE), 0);
     EXPECT_EQ(number, 1000 + static_cast<int64_t>(fs::file_size(folders.Source() / "a" / "manifest.json")));
-    EXPECT_EQ(replies.size(), 1U);
-    EXPECT_EQ(Ask(Code::CHECK_APP_RESTORE, "com.a"), 0);
-    EXPECT_EQ(replies.at(0).rfind(R"({"bundleName":"com.a","canRestore":false,"reason":"no app)", 0), 0U);
+    EXPECT_EQ(TextOf(Code::CHECK_APP_RESTORE, "com.a").rfind(R"({"bundleName":"com.a","canRestore":false,)", 0), 0U);
     EXPECT_EQ(Ask(Code::SET_MIGRATE_POLICY, MIGRATE_POLICY_GO_ON), 0);
     EXPECT_EQ(Ask(Code::PRESET_DATA, ""), 0);
     for (const char* action : {"pause", "resume", "stop"}) {
-        EXPECT_EQ(Ask(Code::NOTIFY_EMPORION_CORE_EVENT, Event(action)), 0);
-        EXPECT_EQ(Error().errorNum, MIGRATE_ERROR_NOTHING) << action;
+        EXPECT_EQ(ErrorOf(Code::NOTIFY_EMPORION_CORE_EVENT, Event(action)), MIGRATE_ERROR_NOTHING) << action;
     }
-    EXPECT_EQ(Ask(Code::NOTIFY_EMPORION_CORE_EVENT, Event("dance")), 0);
-    EXPECT_EQ(Error().errorNum, MIGRATE_ERROR_EVENT);
-    EXPECT_EQ(Ask(Code::RESUME_MIGRATION), 0);
-    EXPECT_EQ(Error().errorNum, MIGRATE_ERROR_NOTHING);
+    EXPECT_EQ(ErrorOf(Code::NOTIFY_EMPORION_CORE_EVENT, Event("dance")), MIGRATE_ERROR_EVENT);
+    EXPECT_EQ(ErrorOf(Code::RESUME_MIGRATION), MIGRATE_ERROR_NOTHING);
 
-    EXPECT_EQ(Ask(Code::START_MIGRATE), 0);
+    EXPECT_EQ(ErrorOf(Code::START_MIGRATE), 0);
     EXPECT_EQ(replies.size(), 1U);
-    EXPECT_EQ(Error().errorNum, 0);
     ASSERT_TRUE(Ends());
-    EXPECT_EQ(Ask(Code::GET_MIGRATE_INFO, 5U), 0);
-    MigrateInfo info;
-    ASSERT_EQ(JsonParse::JsonStrToStruct(replies.at(0), info), JsonError::SUCCESS);
+    const auto info = RecordOf<MigrateInfo>(Code::GET_MIGRATE_INFO, 5U);
     ASSERT_EQ(info.taskInfos.size(), 1U);
     EXPECT_EQ(info.taskInfos[0].userId, 3);
     EXPECT_EQ(info.taskInfos[0].displayPolicy.displayBundleName, "com.a");
     EXPECT_EQ(info.taskInfos[0].configStage, TaskConfigStage::DEFAULT);
     EXPECT_EQ(info.migrateProgress.percent, 100U);
-    EXPECT_EQ(Ask(Code::GET_MIGRATE_RESULT), 0);
-    MigrationResult result;
-    ASSERT_EQ(JsonParse::JsonStrToStruct(replies.at(0), result), JsonError::SUCCESS);
-    EXPECT_EQ(result.succeeded, 1U);
-    EXPECT_EQ(Ask(Code::GET_PAK_MIGRATION_TASK_STATUS, "com.a"), 0);
-    EXPECT_EQ(replies.at(0), R"({"status":3,"errorInfo":{"code":0,"reason":"","canRetry":false}})");
-    EXPECT_EQ(Ask(Code::REMOVE_PAK_MIGRATE, "com.a"), 0);
-    EXPECT_EQ(Error().errorNum, 0);
-    EXPECT_EQ(Ask(Code::START_PAK_MIGRATE, "com.a"), 0);
-    EXPECT_EQ(Error().errorNum, 0);
+    EXPECT_EQ(RecordOf<MigrationResult>(Code::GET_MIGRATE_RESULT).succeeded, 1U);
+    EXPECT_EQ(TextOf(Code::GET_PAK_MIGRATION_TASK_STATUS, "com.a"),
+        R"({"status":3,"errorInfo":{"code":0,"reason":"","canRetry":false}})");
+    EXPECT_EQ(ErrorOf(Code::REMOVE_PAK_MIGRATE, "com.a"), 0);
+    EXPECT_EQ(ErrorOf(Code::START_PAK_MIGRATE, "com.a"), 0);
     ASSERT_TRUE(Ends());
-    EXPECT_EQ(Ask(Code::START_PAK_MIGRATION, "a", "", R"({"priority":3})"), 0);
-    EXPECT_EQ(Error().errorNum, 0);
+    EXPECT_EQ(ErrorOf(Code::START_PAK_MIGRATION, "a", "", R"({"priority":3})"), 0);
     ASSERT_TRUE(Ends());
-    EXPECT_EQ(Ask(Code::REMOVE_MIGRATE, 3), 0);
-    EXPECT_EQ(Error().errorNum, 0);
+    EXPECT_EQ(ErrorOf(Code::REMOVE_MIGRATE, 3), 0);
+    EXPECT_EQ(State(), TaskStatus::IDLE);
 }
 
 TEST_F(ServiceRequests, ReservedApplicationsAreAnsweredWithOneText)
@@ -126,41 +109,30 @@ TEST_F(ServiceRequests, ReservedApplicationsAreAnsweredWithOneText)
     folders.AddPackage("r1", 10, R"({"reserved":true,"bundleName":"com.r1"})");
     folders.AddPackage("r2", 10, R"({"reserved":true,"bundleName":"com.r2"})");
     Run();
-    const auto appsOf = [this] {
-        std::vector<RestoreAppInfo> apps;
-        EXPECT_EQ(JsonParse::JsonStrToStruct(replies.at(0), apps), JsonError::SUCCESS);
+    const auto appsOf = [this](const char* name, int32_t count) {
         std::string names;
-        for (const RestoreAppInfo& app : apps) {
+        for (const auto& app : RecordOf<std::vector<RestoreAppInfo>>(Code::GET_RESTORE_APP_INFOS, name, count)) {
             names += app.packageName + " ";
         }
         return names;
     };
     EXPECT_EQ(Ask(Code::ADJUST_APP_PRIORITY, "com.r2", "-0"), 0);
     EXPECT_EQ(Ask(Code::ADJUST_APP_PRIORITY, "com.r2", "5"), 0);
-    EXPECT_EQ(Ask(Code::GET_RESTORE_APP_INFOS, "", -1), 0);
-    EXPECT_EQ(appsOf(), "com.r2 com.r1 ");
-    EXPECT_EQ(Ask(Code::GET_RESTORE_APP_INFOS, "", 1), 0);
-    EXPECT_EQ(appsOf(), "com.r2 ");
-    EXPECT_EQ(Ask(Code::GET_RESTORE_APP_INFOS, "com.r1", 9), 0);
-    EXPECT_EQ(appsOf(), "com.r1 ");
+    EXPECT_EQ(TextOf(Code::GET_APK_INFO), "[]");  // they are set aside
+    EXPECT_EQ(appsOf("", -1), "com.r2 com.r1 ");
+    EXPECT_EQ(appsOf("", 1), "com.r2 ");
+    EXPECT_EQ(appsOf("com.r1", 9), "com.r1 ");
 
-    EXPECT_EQ(Ask(Code::RESTORE_APP, "com.r1", "day"), 0);
+    EXPECT_EQ(ErrorOf(Code::RESTORE_APP, "com.r1", "day"), 0);
     EXPECT_EQ(replies.size(), 1U);
-    EXPECT_EQ(Error().errorNum, 0);
     EXPECT_TRUE(Eventually([this] {
-        std::vector<RestoreEventInfo> events;
-        return Ask(Code::GET_RESTORE_APP_STATUS, "com.r1", "day") == 0 &&
-               JsonParse::JsonStrToStruct(replies.at(0), events) == JsonError::SUCCESS && events.size() == 1 &&
-               events[0].status == static_cast<int32_t>(TaskStatus::FINISHED);
+        return Statuses(RecordOf<std::vector<RestoreEventInfo>>(Code::GET_RESTORE_APP_STATUS, "com.r1", "day")) ==
+               "r1:3 ";
     }));
-    EXPECT_EQ(Ask(Code::CLEAR_APP, "com.r1", ""), 0);
-    EXPECT_EQ(Error().errorNum, 0);
-    EXPECT_EQ(Ask(Code::CLEAR_APP, "com.r1", ""), 0);
-    EXPECT_EQ(Error().errorNum, MIGRATE_ERROR_NOTHING);
-    EXPECT_EQ(Ask(Code::CLEAR_ALL_VIRTUAL_DATA, ""), 0);
-    EXPECT_EQ(Error().errorNum, 0);
-    EXPECT_EQ(Ask(Code::UNREGISTER_RESERVE_OBSERVER, "nobody"), 0);
-    EXPECT_EQ(Error().errorNum, MIGRATE_ERROR_NOTHING);
+    EXPECT_EQ(ErrorOf(Code::CLEAR_APP, "com.r1", ""), 0);
+    EXPECT_EQ(ErrorOf(Code::CLEAR_APP, "com.r1", ""), MIGRATE_ERROR_NOTHING);
+    EXPECT_EQ(ErrorOf(Code::CLEAR_ALL_VIRTUAL_DATA, ""), 0);
+    EXPECT_EQ(ErrorOf(Code::UNREGISTER_RESERVE_OBSERVER, "nobody"), MIGRATE_ERROR_NOTHING);
 }
 
 TEST_F(ServiceRequests, TheOwnerOfBackupFilesIsToldTheOutcome)
