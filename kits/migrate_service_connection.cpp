@@ -3,6 +3,7 @@
 
 #include <utility>
 
+#include "lookup_lock.h"
 #include "vexa/samgr/system_ability_manager_client.h"
 
 namespace VEXA::UpdateEngine {
@@ -49,7 +50,10 @@ MigrateServiceConnection::~MigrateServiceConnection()
 sptr<IMigrateServer> MigrateServiceConnection::GetService(const LogSite& site)
 {
     KITS_LOG_AT(site, KOLOG_INFO, "GetService entry");
-    MutexLock lock(serviceMutex_);
+    const LookupLock lock(serviceMutex_);
+    if (!lock) {
+        return nullptr;
+    }
     if (migrateServer_ != nullptr) {
         return migrateServer_;
     }
@@ -66,8 +70,9 @@ sptr<IMigrateServer> MigrateServiceConnection::GetService(const LogSite& site)
 
 void MigrateServiceConnection::AddDeathRecipient(const LogSite& site, const sptr<IRemoteObject>& object)
 {
-    MutexLock lock(serviceMutex_);
-    Watch(site, object);
+    if (const LookupLock lock(serviceMutex_); lock) {
+        Watch(site, object);
+    }
 }
 
 void MigrateServiceConnection::Watch(const LogSite& site, const sptr<IRemoteObject>& object)
@@ -83,8 +88,8 @@ void MigrateServiceConnection::Watch(const LogSite& site, const sptr<IRemoteObje
 
 MigrateServiceConnection::Link MigrateServiceConnection::Take()
 {
-    MutexLock lock(serviceMutex_);
-    return Link{std::move(migrateServer_), std::move(deathRecipient_)};
+    const LookupLock lock(serviceMutex_);
+    return lock ? Link{std::move(migrateServer_), std::move(deathRecipient_)} : Link{};
 }
 
 void MigrateServiceConnection::Reset()

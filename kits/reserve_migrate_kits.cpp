@@ -5,6 +5,7 @@
 
 #include "migrate_request.h"
 #include "reserve_migrate_session.h"
+#include "vexa/ipc/ipc_skeleton.h"
 
 // A line of this client, and the lines of an operation by the pattern of most.
 #define RESERVE_LINE(text) "[%{public}s(%{public}d)]" text
@@ -218,7 +219,8 @@ bool ReserveMigrateSession::RegisterAgain(const sptr<IMigrateServer>& service, c
 
 void ReserveMigrateSession::Close()
 {
-    if (!gate_.Close()) {
+    // In a child of fork no handler runs, though one may have run in its parent.
+    if (IPCSkeleton::IsForkedChild() || !gate_.Close()) {
         return;
     }
     connection_.Disconnect();

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "vexa/log/kolog.h"
 
+#include <cxxabi.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -8,7 +9,6 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
-#include <exception>
 
 #include "log_formatter.h"
 #include "log_settings.h"
@@ -51,17 +51,25 @@ bool ShowsPrivate()
     return shown == PRIVATE_SHOWN;
 }
 
+class InsideSink {
+public:
+    InsideSink() { t_insideSink = true; }
+    ~InsideSink() { t_insideSink = false; }
+    InsideSink(const InsideSink&) = delete;
+    InsideSink& operator=(const InsideSink&) = delete;
+};
+
 // A sink of the program's own may throw; that costs its line and nothing else.
 bool WriteToSink(const LogRecord& record)
 {
-    t_insideSink = true;
-    bool taken = false;
+    const InsideSink inside;
     try {
-        taken = g_slot.Write(record);
-    } catch (const std::exception&) {
+        return g_slot.Write(record);
+    } catch (const abi::__forced_unwind&) {
+        throw;  // the thread is being cancelled
+    } catch (...) {
+        return false;
     }
-    t_insideSink = false;
-    return taken;
 }
 
 // Says how many lines were lost before this one.

@@ -10,6 +10,7 @@
 #include "pending_load.h"
 #include "samgr_log.h"
 #include "vexa/base/mutex.h"
+#include "vexa/ipc/worker_wait.h"
 
 namespace VEXA {
 
@@ -37,6 +38,7 @@ public:
     bool Wait(steady_clock::time_point deadline, const sptr<IRemoteObject>& manager, LoadOutcome& outcome)
     {
         constexpr std::chrono::milliseconds kSlice(50);
+        const WorkerWait wait;  // the outcome comes as a request
         MutexLock lock(mutex_);
         while (
             !ready_.WaitUntil(mutex_, std::min(deadline, steady_clock::now() + kSlice), [this] { return IsSet(); })) {

@@ -118,6 +118,19 @@ TEST_F(IpcRequests, SilentServiceCostsTheWaitTimeOnly)
     EXPECT_FALSE(hub_->IsObjectDead());
 }
 
+TEST_F(IpcRequests, SendingTakesItsTimeFromTheWait)
+{
+    hubProcess_.Signal(SIGSTOP);
+    std::thread later([this] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+        hubProcess_.Signal(SIGCONT);
+    });
+    const auto start = Clock::now();
+    EXPECT_EQ(Call(hub_, HANG).Text(std::string(4'000'000, 'x')).Wait(2).Send(), IPC_TIMED_OUT);
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(3));
+    later.join();
+}
+
 // A receive that a signal interrupts used to begin its wait anew, for ever under a timer.
 TEST_F(IpcRequests, SignalsDoNotProlongTheWait)
 {

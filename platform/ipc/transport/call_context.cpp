@@ -8,6 +8,7 @@
 #include "ipc_log.h"
 #include "parcel_access.h"
 #include "process.h"
+#include "process_life.h"
 #include "vexa/ipc/ipc_skeleton.h"
 
 namespace VEXA {
@@ -54,6 +55,11 @@ pid_t IPCSkeleton::GetCallingPid()
 uid_t IPCSkeleton::GetCallingUid()
 {
     return ipc::currentCaller != nullptr ? ipc::currentCaller->uid : geteuid();
+}
+
+bool IPCSkeleton::IsForkedChild()
+{
+    return ipc::ProcessLife::Get().Forked();
 }
 
 void IPCSkeleton::SetMaxWorkThreads(size_t count)

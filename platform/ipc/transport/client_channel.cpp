@@ -18,6 +18,8 @@ namespace {
 
 constexpr size_t kFirstRead = 512;
 constexpr std::chrono::seconds kOpenWait{1};
+// How much later than the deadline a wait for a reply may end: the socket's time-out is set anew only beyond that.
+constexpr std::chrono::milliseconds kReceiveSlack{50};
 
 // Brings in the rest of a reply of which `have` bytes have arrived.
 int32_t ReceiveRest(int fd, MessageParcel& reply, const FrameHeader& header, size_t have, Deadline deadline)
@@ -41,20 +43,28 @@ int32_t ReceiveRest(int fd, MessageParcel& reply, const FrameHeader& header, siz
 
 }  // namespace
 
-int32_t ClientChannel::Exchange(MessageParcel& frame, size_t frameBytes, MessageParcel& reply, Deadline deadline,
-    std::chrono::milliseconds left, Reached& reached)
+// Whatever came before, opening the channel and sending included, has taken its part of the time.
+void ClientChannel::LimitReceive(Deadline deadline)
+{
+    using std::chrono::milliseconds;
+    const auto left = std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now());
+    if (receiveTimeout_ < left || receiveTimeout_ > left + kReceiveSlack) {
+        receiveTimeout_ = std::max(left, milliseconds(1));
+        SetReceiveTimeout(fd_.Get(), receiveTimeout_);
+    }
+}
+
+int32_t ClientChannel::Exchange(
+    MessageParcel& frame, size_t frameBytes, MessageParcel& reply, Deadline deadline, Reached& reached)
 {
     reached = Reached::NOTHING;
-    if (receiveTimeout_ != left) {
-        SetReceiveTimeout(fd_.Get(), left);
-        receiveTimeout_ = left;
-    }
     Transfer result = SendAll(fd_.Get(), ParcelAccess::Storage(frame), frameBytes, deadline);
     if (result != Transfer::DONE) {
         return result == Transfer::WOULD_BLOCK ? IPC_TIMED_OUT : IPC_CONNECTION_LOST;
     }
     reached = Reached::SENT;
     ParcelAccess::Clear(reply);
+    LimitReceive(deadline);
     size_t have = 0;
     result = ReceiveAtLeast(fd_.Get(), ParcelAccess::Storage(reply), kHeaderBytes, kFirstRead, deadline, have);
     if (result != Transfer::DONE) {

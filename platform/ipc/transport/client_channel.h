@@ -31,12 +31,14 @@ public:
     };
     // Sends a frame whose header lies in the parcel's headroom, and receives the reply's frame into `reply`, until the
     // deadline. 0, or an IpcError.
-    int32_t Exchange(MessageParcel& frame, size_t frameBytes, MessageParcel& reply, Deadline deadline,
-        std::chrono::milliseconds left, Reached& reached);
+    int32_t Exchange(
+        MessageParcel& frame, size_t frameBytes, MessageParcel& reply, Deadline deadline, Reached& reached);
     void AcknowledgeObjects();
 
 private:
     friend class ClientChannels;
+
+    void LimitReceive(Deadline deadline);
 
     UniqueFd fd_;
     std::thread::id user_;                         // that took it last

@@ -117,7 +117,11 @@ bool IpcProcess::PublishLocked(const sptr<IRemoteObject>& object)
 {
     const std::string lockPath = RuntimeDirectory() + "/samgr.lock";
     UniqueFd publisherLock = UniqueFd::Make([&] { return open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600); });
-    if (publishing_ || !publisherLock || flock(publisherLock.Get(), LOCK_EX | LOCK_NB) != 0) {
+    if (!publisherLock) {
+        IPC_LOGE("can't open %{public}s: %{public}s", lockPath.c_str(), std::strerror(errno));
+        return false;
+    }
+    if (publishing_ || flock(publisherLock.Get(), LOCK_EX | LOCK_NB) != 0) {
         IPC_LOGE("another process publishes the context object in %{public}s", RuntimeDirectory().c_str());
         return false;
     }

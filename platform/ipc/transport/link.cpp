@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cstring>
 #include <iterator>
-#include <limits>
 #include <utility>
 
 #include "ipc_log.h"
@@ -88,7 +87,8 @@ Link::Link(UniqueFd fd)
       greetBy_(std::chrono::steady_clock::now() + kGreetLimit),
       accepted_(true),
       counted_(true),
-      scratch_(std::make_unique<MessageParcel>())
+      scratch_(std::make_unique<MessageParcel>()),
+      waiting_(true)
 {
     ++IpcProcess::Get().Loop().Waiting();
 }
@@ -96,12 +96,11 @@ Link::Link(UniqueFd fd)
 Link::Link(UniqueFd fd, const sptr<Peer>& peer)
     : EventHandler(std::move(fd)),
       credentials_(peer->Who()),
-      greetBy_(std::chrono::steady_clock::now() + kGreetLimit),
       accepted_(false),
+      counted_(true),
       peer_(peer),
       scratch_(std::make_unique<MessageParcel>())
 {
-    ++IpcProcess::Get().Loop().Waiting();
     const HelloFrame hello = MakeHello(FrameKind::HELLO);
     Send(&hello, sizeof(hello));
 }
@@ -109,12 +108,10 @@ Link::Link(UniqueFd fd, const sptr<Peer>& peer)
 Link::Link(UniqueFd fd, const sptr<Greeting>& greeting)
     : EventHandler(std::move(fd)),
       credentials_(CredentialsOf(fd_)),
-      greetBy_(std::chrono::steady_clock::now() + kGreetLimit),
       accepted_(false),
       greeting_(greeting),
       scratch_(std::make_unique<MessageParcel>())
 {
-    ++IpcProcess::Get().Loop().Waiting();
     const HelloFrame hello = MakeHello(FrameKind::HELLO);
     Send(&hello, sizeof(hello));
 }
@@ -143,14 +140,16 @@ bool Link::Send(const void* frame, size_t size)
         if (sent == size) {
             return true;
         }
+        if (result == Transfer::END) {
+            EndLocked();
+        }
         if (result == Transfer::END || result == Transfer::FAILED) {
-            return false;  // the reactor sees the end too
+            return false;
         }
         IpcProcess::Get().Loop().Change(Fd(), kReadEvents | EPOLLOUT);
     } else if (out_.size() - outSent_ + size > kMostUnread) {
         IPC_LOGE("process %{public}d reads nothing any more, link closed", credentials_.pid);
-        outClosed_ = true;
-        shutdown(Fd(), SHUT_RDWR);
+        EndLocked();
         return false;
     }
     if (outSent_ > out_.size() / 2) {
@@ -184,14 +183,23 @@ void Link::FlushLocked()
         IpcProcess::Get().Loop().Change(Fd(), kReadEvents);
         flushed_.NotifyAll();
     }
-    // Where the peer has gone, its end is read too, and that closes the link.
+    if (result == Transfer::END) {
+        EndLocked();
+    }
+}
+
+// The reactor reads the end then, also of a peer that has shut down only what it receives.
+void Link::EndLocked()
+{
+    outClosed_ = true;
+    flushed_.NotifyAll();
+    shutdown(Fd(), SHUT_RDWR);
 }
 
 void Link::Shutdown()
 {
     MutexLock lock(outMutex_);
-    outClosed_ = true;
-    shutdown(Fd(), SHUT_RDWR);
+    EndLocked();
 }
 
 void Link::OnEvents(uint32_t events)
@@ -272,7 +280,7 @@ Link::Verdict Link::Handle(const FrameHeader& header, MessageParcel* frame)
         case FrameKind::ONE_WAY_ACK:
             return peer_->Credit().GiveBack(header.target, header.extra) ? Verdict::GO_ON : Verdict::CLOSE;
         case FrameKind::RELEASE:
-            if (header.extra > std::numeric_limits<uint32_t>::max()) {
+            if (header.extra > kMostReleased) {
                 return Verdict::CLOSE;
             }
             process.AdjustHolder(header.target, peer_->Id(), -static_cast<int64_t>(header.extra));

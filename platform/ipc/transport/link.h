@@ -73,9 +73,10 @@ private:
     void StopWaiting();
     bool TakeBackGrant(const ObjectEntry& grant);
     void FlushLocked() VEXA_REQUIRES(outMutex_);
+    void EndLocked() VEXA_REQUIRES(outMutex_);
 
     const Credentials credentials_;
-    const Deadline greetBy_;
+    const Deadline greetBy_{};  // of an accepted connection; no timer says that another process is dead
     const bool accepted_;
     bool counted_ = false;  // among the connections of the peer's user
     // The reactor's thread only:
@@ -85,8 +86,8 @@ private:
     std::unique_ptr<MessageParcel> scratch_;
     // Grants that the peer may still take back, the latest last. It does so within a request's time or never.
     std::deque<ObjectEntry> grants_;
-    size_t refusals_ = 0;  // one-way requests to objects that the peer does not hold
-    bool waiting_ = true;  // counted among those that the reactor ticks for
+    size_t refusals_ = 0;   // one-way requests to objects that the peer does not hold
+    bool waiting_ = false;  // counted among those that the reactor ticks for
     bool reading_ = false;
     bool closed_ = false;
     bool greeted_ = false;

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "peer.h"
 
+#include <algorithm>
+
 #include "process.h"
 #include "process_life.h"
 #include "remote_proxy.h"
@@ -118,9 +120,11 @@ void Peer::Forget(const RemoteProxy* proxy, ObjectId id, uint64_t references)
             proxies_.erase(found);
         }
     }
-    if (id != kContextObject && !Dead()) {
-        const FrameHeader release = MakeHeader(FrameKind::RELEASE, id, references);
+    while (id != kContextObject && !Dead() && references > 0) {
+        const uint64_t part = std::min<uint64_t>(references, kMostReleased);
+        const FrameHeader release = MakeHeader(FrameKind::RELEASE, id, part);
         SendOnLink(&release, sizeof(release));
+        references -= part;
     }
 }
 

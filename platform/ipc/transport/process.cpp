@@ -120,14 +120,17 @@ sptr<Peer> IpcProcess::PeerAt(EndpointId id)
     if (!dead_.contains(id)) {
         fd = ConnectAtOnce(EndpointPath(id));
     }
-    sptr<Peer> peer(new Peer(id, fd ? CredentialsOf(fd) : Credentials()));
-    if (fd) {
+    // Who it is connected to is often a peer's choice, so these connections count like those that peers make.
+    const Credentials credentials = fd ? CredentialsOf(fd) : Credentials();
+    sptr<Peer> peer(new Peer(id, credentials));
+    if (fd && AdmitConnection(credentials.uid)) {
         const sptr<Link> link(new Link(std::move(fd), peer));
         peer->AttachLink(link);
         if (reactor_.Add(link, EPOLLIN | EPOLLRDHUP)) {
             peers_[id] = peer;
             return peer;
         }
+        ForgetConnection(credentials.uid);
     }
     Peer::Remains none;
     peer->Bury(none);

@@ -9,6 +9,7 @@
 #include "process.h"
 #include "process_life.h"
 #include "vexa/ipc/message_option.h"
+#include "vexa/ipc/worker_wait.h"
 
 namespace VEXA::ipc {
 namespace {
@@ -78,28 +79,24 @@ ClientChannel RemoteProxy::OpenChannel(Deadline deadline, int32_t& error)
 
 int32_t RemoteProxy::SendSync(uint32_t code, MessageParcel& data, MessageParcel& reply, int32_t waitTime)
 {
-    using std::chrono::milliseconds;
-    milliseconds left = std::chrono::seconds(waitTime);
-    const Deadline deadline = std::chrono::steady_clock::now() + left;
+    const Deadline deadline = std::chrono::steady_clock::now() + std::chrono::seconds(waitTime);
     ObjectTransfer transfer;
     const size_t size = Frame(FrameKind::REQUEST, code, id_, data, *peer_, transfer);
     if (size == 0) {
         return IPC_FAILED;
     }
-    const WorkerPool::Blocked blocked;
+    const WorkerWait wait;
     int32_t error = IPC_OK;
     ClientChannel channel = peer_->Channels().TakeIdle();
     if (!channel) {
         channel = OpenChannel(deadline, error);
-        left = std::max(
-            milliseconds(1), std::chrono::duration_cast<milliseconds>(deadline - std::chrono::steady_clock::now()));
     }
     if (!channel) {
         transfer.Undo();
         return error;
     }
     ClientChannel::Reached reached{};
-    error = channel.Exchange(data, size, reply, deadline, left, reached);
+    error = channel.Exchange(data, size, reply, deadline, reached);
     if (error != IPC_OK) {
         peer_->Channels().Lose(channel);
         if (error == IPC_CONNECTION_LOST && peer_->WaitUntilDead(kDeathLag)) {

@@ -40,6 +40,10 @@ bool ServerChannel::Enter()
 void ServerChannel::Leave()
 {
     for (;;) {
+        // Not only after serving: whoever looked for a stall may have been told of the first request meanwhile.
+        if (fd_ && !watched_) {
+            WatchAgain();
+        }
         if (!fd_) {
             home_->Recycle(this);
             return;
@@ -75,9 +79,6 @@ void ServerChannel::ServeFollowing()
             break;
         }
         ServeArrived();
-    }
-    if (fd_ && !watched_) {
-        WatchAgain();
     }
 }
 

@@ -80,6 +80,7 @@ inline constexpr uint32_t kWireVersion = 1;
 
 inline constexpr uint32_t kMaxQueuedOneWayFrames = 1024;
 inline constexpr uint64_t kMaxQueuedOneWayBytes = IPC_MAX_PARCEL_BYTES;
+inline constexpr uint64_t kMostReleased = UINT32_MAX;  // references, by one RELEASE
 inline constexpr size_t kMaxConnectionsPerUser = 1024;
 
 inline FrameHeader MakeHeader(FrameKind kind, ObjectId target = 0, uint64_t extra = 0)

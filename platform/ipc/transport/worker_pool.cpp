@@ -12,14 +12,15 @@
 #include "process_life.h"
 #include "reactor.h"
 
-namespace VEXA::ipc {
+namespace VEXA {
 namespace {
 
-thread_local WorkerPool* currentPool = nullptr;
+thread_local ipc::WorkerPool* currentPool = nullptr;
 
 }  // namespace
 
-WorkerPool::Blocked::Blocked() : pool_(currentPool)
+// A wait within a wait counts no second time.
+WorkerWait::WorkerWait() : pool_(std::exchange(currentPool, nullptr))
 {
     if (pool_ != nullptr) {
         pool_->blocked_.fetch_add(1);
@@ -27,12 +28,15 @@ WorkerPool::Blocked::Blocked() : pool_(currentPool)
     }
 }
 
-WorkerPool::Blocked::~Blocked()
+WorkerWait::~WorkerWait()
 {
     if (pool_ != nullptr) {
         pool_->blocked_.fetch_sub(1);
+        currentPool = pool_;
     }
 }
+
+namespace ipc {
 
 bool WorkerPool::Start()
 {
@@ -157,4 +161,5 @@ void WorkerPool::RunTasks()
     }
 }
 
-}  // namespace VEXA::ipc
+}  // namespace ipc
+}  // namespace VEXA

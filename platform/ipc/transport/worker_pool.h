@@ -10,6 +10,7 @@
 #include "server_channel.h"
 #include "socket.h"
 #include "vexa/base/mutex.h"
+#include "vexa/ipc/worker_wait.h"
 
 namespace VEXA::ipc {
 
@@ -36,19 +37,9 @@ public:
     // Whether there are workers for the other channels while this one waits for its own.
     bool OthersWait() const { return waiting_.load(std::memory_order_relaxed) > 0; }
 
-    // For the scope of a request that this thread, if it is a worker, waits for.
-    class Blocked {
-    public:
-        Blocked();
-        ~Blocked();
-        Blocked(const Blocked&) = delete;
-        Blocked& operator=(const Blocked&) = delete;
-
-    private:
-        WorkerPool* const pool_;
-    };
-
 private:
+    friend class ::VEXA::WorkerWait;
+
     // Workers that wait for requests of their own come on top of the limit, up to this many threads in all.
     static constexpr size_t kMostThreads = 256;
 
@@ -62,7 +53,7 @@ private:
     std::atomic<size_t> limit_{16};
     std::atomic<size_t> threads_{0};  // all workers
     std::atomic<size_t> waiting_{0};  // for events
-    std::atomic<size_t> blocked_{0};  // in requests of their own
+    std::atomic<size_t> blocked_{0};  // in a WorkerWait
 
     UniqueFd epoll_;
     UniqueFd taskEvent_;

@@ -17,6 +17,10 @@ public:
     static pid_t GetCallingPid();
     static uid_t GetCallingUid();
 
+    // Whether this process is a child that was forked with the runtime at work. Its calls fail, and locks that are held
+    // across a call may be held for ever here, by a thread that only the parent has.
+    static bool IsForkedChild();
+
     // The most threads that carry out incoming requests at the same time (16 unless set). Threads that are waiting for
     // a request of their own don't count.
     static void SetMaxWorkThreads(size_t count);

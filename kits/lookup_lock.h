@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "vexa/base/mutex.h"
+#include "vexa/ipc/ipc_skeleton.h"
+#include "vexa/ipc/worker_wait.h"
+
+namespace VEXA::UpdateEngine {
+
+// Holds a mutex that another thread may be holding for the length of a lookup. The wait for it can be that of a thread
+// which carries out requests, and the lookup's outcome comes as one. In a child that was forked during a lookup nobody
+// ends it: there the lock is not to be had, and its owner must leave alone what the mutex guards.
+class VEXA_SCOPED_CAPABILITY LookupLock {
+public:
+    explicit LookupLock(Mutex& mutex) VEXA_ACQUIRE(mutex) : mutex_(mutex), held_(Acquire(mutex)) {}
+    ~LookupLock() VEXA_RELEASE()
+    {
+        if (held_) {
+            mutex_.unlock();
+        }
+    }
+    LookupLock(const LookupLock&) = delete;
+    LookupLock& operator=(const LookupLock&) = delete;
+
+    explicit operator bool() const { return held_; }
+
+private:
+    static bool Acquire(Mutex& mutex) VEXA_NO_THREAD_SAFETY_ANALYSIS
+    {
+        if (mutex.try_lock()) {
+            return true;
+        }
+        if (IPCSkeleton::IsForkedChild()) {
+            return false;
+        }
+        const WorkerWait wait;
+        mutex.lock();
+        return true;
+    }
+
+    Mutex& mutex_;
+    const bool held_;
+};
+
+}  // namespace VEXA::UpdateEngine
