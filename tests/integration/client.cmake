@@ -11,6 +11,13 @@ nm_test(client_death_test
     LABELS integration
     SERIAL)
 
+# Starting a process costs many times as much under a sanitizer.
+set(instant_deaths 500)
+if(NM_SANITIZE)
+    set(instant_deaths 50)
+endif()
+target_compile_definitions(client_death_test PRIVATE INSTANT_DEATHS=${instant_deaths})
+
 nm_test(client_wait_test
     SOURCES client_wait_test.cpp
     USES native_migrate vexa_platform vexa_testing vexa_samgr vexa_want
@@ -22,8 +29,7 @@ nm_test(client_migration_test
     USES native_migrate vexa_platform vexa_testing vexa_samgr vexa_want
     PROGRAMS samgrd migrate_serviced
     LABELS integration)
-target_compile_definitions(client_migration_test PRIVATE
-    CLIENT_PEER="" MIGRATE_SERVICED="$<TARGET_FILE:migrate_serviced>")
+target_compile_definitions(client_migration_test PRIVATE MIGRATE_SERVICED="$<TARGET_FILE:migrate_serviced>")
 
 # Not linked with the libraries: it loads and unloads them.
 nm_test(client_unload_test
@@ -36,15 +42,7 @@ foreach(piece vexa_base vexa_ipc vexa_want)
     target_include_directories(client_unload_test PRIVATE $<TARGET_PROPERTY:${piece},INTERFACE_INCLUDE_DIRECTORIES>)
 endforeach()
 
-foreach(area death wait unload)
-    target_compile_definitions(client_${area}_test PRIVATE CLIENT_PEER="$<TARGET_FILE:client_peer>")
-endforeach()
 foreach(area death wait unload migration)
-    target_compile_definitions(client_${area}_test PRIVATE SAMGRD="$<TARGET_FILE:samgrd>")
+    target_compile_definitions(client_${area}_test PRIVATE
+        SAMGRD="$<TARGET_FILE:samgrd>" CLIENT_PEER="$<TARGET_FILE:client_peer>")
 endforeach()
-# Starting a process costs many times as much under a sanitizer.
-set(instant_deaths 500)
-if(NM_SANITIZE)
-    set(instant_deaths 50)
-endif()
-target_compile_definitions(client_death_test PRIVATE INSTANT_DEATHS=${instant_deaths})

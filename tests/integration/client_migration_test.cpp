@@ -1,9 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// A migration watched to its end while its service is killed again and again.
+// A migration and restorations, watched to their ends while their service is killed again and again.
+#include <algorithm>
 #include <atomic>
 
 #include "native_migrate/migrate_server_kits.h"
+#include "native_migrate/reserve_migrate_kits.h"
+#include "native_migrate/reserve_migrate_status_observer_stub.h"
+#include "native_migrate/task_info.h"
 #include "service_world.h"
+#include "vexa/base/mutex.h"
 
 using namespace VEXA;
 using namespace VEXA::test;
@@ -11,74 +16,118 @@ using namespace VEXA::UpdateEngine;
 
 namespace {
 
-constexpr int kPackages = 30;
-constexpr size_t kPackageBytes = 60000;
-constexpr int kBytesPerSecond = 600000;
+constexpr int kApps = 20;  // reserved ones; the other packages are migrated
+constexpr int kPackages = 60;
 constexpr int kDeaths = 10;
+constexpr size_t kPackageBytes = 60000;
+constexpr int kBytesPerSecond = 500000;
+
+std::string NameOf(int index)
+{
+    return "p" + std::to_string(10 + index);
+}
 
 void AddProfiles(const SamgrWorld& world)
 {
     MakePackages(world, kPackages, kPackageBytes, "{}");
+    MakePackages(world, kApps, kPackageBytes, R"({"reserved": true})");
     AddServiceProfile(world, kBytesPerSecond);
 }
 
 [[maybe_unused]] const auto* const environment = testing::AddGlobalTestEnvironment(new ClientWorld(&AddProfiles));
 
-struct Watch {
-    std::atomic<int> events{0};
-    std::atomic<int> midway{0};  // events with a package that is partly copied
-    std::atomic<uint32_t> percent{0};
+std::atomic<int> midway{0};  // events with a package that is partly copied
+std::atomic<uint32_t> percent{0};
 
-    ProgressCallback Callback()
-    {
-        return {[this](const MigrateStage&, const EventInfo& event) {
-            ++events;
-            percent = event.progress.percent;
-            for (const TaskProgress& task : event.taskProgresses) {
-                const bool isRunning = task.status == static_cast<int32_t>(TaskStatus::RUNNING);
-                midway += isRunning && task.progress > 0 && task.progress < 100 ? 1 : 0;
-            }
-        }};
+void Watch(const MigrateStage&, const EventInfo& event)
+{
+    percent = event.progress.percent;
+    for (const TaskProgress& task : event.taskProgresses) {
+        const bool isRunning = task.status == static_cast<int32_t>(TaskStatus::RUNNING);
+        midway += isRunning && task.progress > 0 && task.progress < 100 ? 1 : 0;
     }
+}
+
+class Observer : public ReserveMigrateStatusObserverStub {
+public:
+    int32_t OnRestoreStatusChanged(const std::string& text) override
+    {
+        MutexLock lock(mutex_);
+        heard_ += text;
+        return 0;
+    }
+    // Whether it has been told that the application is restored.
+    bool HasHeardOf(const std::string& app)
+    {
+        const std::string name = "\"packageName\":\"" + app + "\"";
+        const std::string state = "\"status\":" + std::to_string(static_cast<int32_t>(TaskStatus::FINISHED));
+        MutexLock lock(mutex_);
+        for (size_t at = heard_.find(name); at != heard_.npos; at = heard_.find(name, at + 1)) {
+            const size_t next = heard_.find("\"packageName\"", at + 1);
+            if (heard_.substr(at, next - at).find(state) != heard_.npos) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+private:
+    Mutex mutex_;
+    std::string heard_ VEXA_GUARDED_BY(mutex_);
 };
 
-TEST(ClientMigration, SurvivesTenDeathsOfItsServiceAndIsCompleteInTheEnd)
+TEST(ClientMigration, AllThatIsWatchedGoesOnAcrossTenDeathsOfTheService)
 {
-    MigrateServerKits& kits = MigrateServerKits::GetKitsInstance();
     RecordingLogSink lines(KOLOG_INFO);
+    MigrateServerKits& kits = MigrateServerKits::GetKitsInstance();
     // The callback stays registered: the program ends while the library is looking for a next instance.
-    static Watch dropped;
-    static Watch watch;
-    ASSERT_EQ(kits.On(dropped.Callback()), 0);
+    ASSERT_EQ(kits.On({Watch}), 0);
+    ReserveMigrateKits first;
+    ReserveMigrateKits second;
+    const std::pair<ReserveMigrateKits&, std::string> callers[] = {
+        {first, "beta"}, {first, "alpha"}, {second, "gamma"}};
+    std::vector<std::string> resumptions{"MigrateServerKitsImpl::ResumeRegisterCallback result=0"};
+    std::vector<sptr<Observer>> observers;
+    std::string reply;
+    for (const auto& [client, caller] : callers) {
+        observers.emplace_back(new Observer);
+        ASSERT_EQ(client.RegisterCallback(caller, observers.back(), reply), 0);
+        resumptions.push_back("register caller=" + caller + " callback result=0");
+    }
+    const auto allHearOf = [&](int app) {
+        return Eventually([&] {
+            return std::all_of(observers.begin(), observers.end(),
+                [app](const sptr<Observer>& observer) { return observer->HasHeardOf(NameOf(app)); });
+        });
+    };
     BusinessError error;
     ASSERT_EQ(kits.StartMigrate(error), 0);
     ASSERT_EQ(error.errorNum, 0) << error.message;
-    ASSERT_TRUE(Eventually([&] { return dropped.midway > 0; }));
-    ASSERT_EQ(kits.Off(), 0);
-    ASSERT_EQ(kits.On(watch.Callback()), 0);
-
-    int droppedEvents = -1;
-    uint32_t percent = 0;
-    for (int death = 1; death <= kDeaths; ++death) {
-        ASSERT_TRUE(Eventually([&] { return watch.midway > 0; })) << death;
-        percent = watch.percent;
-        ASSERT_LT(percent, 100U) << "the migration was over before death " << death;
-        ASSERT_GT(KillService(), 0) << death;
-        ASSERT_TRUE(Eventually([&] {
-            return CountLines(lines, "MigrateServerKitsImpl::ResumeRegisterCallback result=0") == death;
-        })) << death;
-        watch.midway = 0;
-        // What was under way when it was dropped has arrived by now.
-        droppedEvents = death == 1 ? dropped.events.load() : droppedEvents;
+    for (int app = 0; app < kApps; ++app) {
+        ASSERT_EQ((app % 2 == 0 ? first : second).RestoreApp(NameOf(app), "", reply), 0) << app;
     }
-    EXPECT_GT(percent, 0U);
+    // Packages and applications come one after the other, so the last ones are still to come at every death.
+    for (int death = 1; death <= kDeaths; ++death) {
+        midway = 0;
+        ASSERT_TRUE(Eventually([] { return midway > 0; })) << death;
+        ASSERT_TRUE(allHearOf(death - 1)) << death;
+        for (const int last : {kApps - 1, kPackages - 1}) {
+            ASSERT_FALSE(std::filesystem::exists(TargetDir(ClientWorld::Get()) + "/" + NameOf(last))) << death;
+        }
+        ASSERT_GT(KillService(), 0) << death;
+        for (const std::string& line : resumptions) {
+            ASSERT_TRUE(Eventually([&] { return CountLines(lines, line) == death; })) << line << ' ' << death;
+        }
+    }
+    for (int app = 0; app < kApps; ++app) {
+        EXPECT_TRUE(allHearOf(app)) << app;
+    }
     MigrateStatus status;
     EXPECT_TRUE(Eventually([&] {
         return kits.GetMigrateStatus(MigrateStage::NONE, status, error) == 0 &&
                status.status == static_cast<int32_t>(TaskStatus::FINISHED);
     }));
-    EXPECT_TRUE(Eventually([&] { return watch.percent == 100; }));
-    EXPECT_EQ(dropped.events, droppedEvents);
+    EXPECT_TRUE(Eventually([] { return percent == 100; }));
     EXPECT_TRUE(TargetEqualsSource());
 }
 

@@ -31,64 +31,39 @@ public:
 
     int32_t OnRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option) override
     {
-        if (code >= PEER_PID) {
-            return OnTestRequest(code, data, reply);
-        }
-        if (data.ReadInterfaceToken() != MIGRATE_SERVER_DESCRIPTOR) {
+        if (code < PEER_PID && data.ReadInterfaceToken() != MIGRATE_SERVER_DESCRIPTOR) {
             return MIGRATE_UNREACHABLE;
         }
-        switch (static_cast<MigrateRequestCode>(code)) {
-            case MigrateRequestCode::START_MIGRATE:
-                return StartMigrate(reply);
-            case MigrateRequestCode::REGISTER_PROGRESS_CALLBACK:
-                return SetCallback(data.ReadRemoteObject());
-            case MigrateRequestCode::UNREGISTER_PROGRESS_CALLBACK:
-                return SetCallback(nullptr);
-            case MigrateRequestCode::REGISTER_RESERVE_OBSERVER: {
+        if (code == uint32_t(MigrateRequestCode::START_MIGRATE)) {
+            return StartMigrate(reply);
+        }
+        MutexLock lock(mutex_);
+        switch (code) {
+            case uint32_t(MigrateRequestCode::REGISTER_PROGRESS_CALLBACK):
+                callback_ = data.ReadRemoteObject();
+                return 0;
+            case uint32_t(MigrateRequestCode::UNREGISTER_PROGRESS_CALLBACK):
+                callback_ = nullptr;
+                return 0;
+            case uint32_t(MigrateRequestCode::REGISTER_RESERVE_OBSERVER): {
                 const std::string caller = data.ReadString();
-                sptr<IRemoteObject> observer = data.ReadRemoteObject();
-                MutexLock lock(mutex_);
-                observers_[caller].Swap(observer);
-                return reply.WriteString("{}") ? 0 : 1;
+                observers_[caller] = data.ReadRemoteObject();
+                return 0;
             }
+            case PEER_PID:
+                return reply.WriteInt32(getpid()) ? 0 : 1;
             default:
                 return IPCObjectStub::OnRemoteRequest(code, data, reply, option);
         }
     }
 
 private:
-    int32_t OnTestRequest(uint32_t code, MessageParcel& data, MessageParcel& reply)
-    {
-        MutexLock lock(mutex_);
-        switch (code) {
-            case PEER_PID:
-                return reply.WriteInt32(getpid()) ? 0 : 1;
-            case PEER_ANSWER:
-                answer_ = data.ReadInt32();
-                answerChanged_.NotifyAll();
-                return 0;
-            case PEER_ENTERED:
-                return reply.WriteInt32(entered_) ? 0 : 1;
-            case PEER_REGISTRATIONS:
-                return reply.WriteInt32(registrations_) ? 0 : 1;
-            case PEER_GIVE_CALLBACK:
-                return callback_ == nullptr || reply.WriteRemoteObject(callback_) ? 0 : 1;
-            default:
-                return 1;
-        }
-    }
-
     int32_t StartMigrate(MessageParcel& reply)
     {
         sptr<IRemoteObject> callback;
-        int32_t answer = 0;
         {
             MutexLock lock(mutex_);
-            ++entered_;
-            const auto answers = [this]() VEXA_NO_THREAD_SAFETY_ANALYSIS { return answer_ != PEER_HANGS; };
-            answerChanged_.WaitFor(mutex_, std::chrono::seconds(60), answers);
             callback = callback_;
-            answer = answer_;
         }
         if (callback != nullptr) {
             MessageParcel event;
@@ -99,23 +74,10 @@ private:
             event.WriteString("{}");
             callback->SendRequest(MIGRATE_PROGRESS_CODE, event, nothing, option);
         }
-        reply.WriteString("{\"message\":\"\",\"errorNum\":" + std::to_string(getpid()) + ",\"data\":[]}");
-        return answer;
-    }
-
-    int32_t SetCallback(sptr<IRemoteObject> callback)
-    {
-        MutexLock lock(mutex_);
-        registrations_ += callback != nullptr ? 1 : 0;
-        callback_.Swap(callback);
-        return 0;
+        return reply.WriteString("{\"errorNum\":" + std::to_string(getpid()) + "}") ? 0 : 1;
     }
 
     Mutex mutex_;
-    CondVar answerChanged_;
-    int32_t answer_ VEXA_GUARDED_BY(mutex_) = 0;
-    int32_t entered_ VEXA_GUARDED_BY(mutex_) = 0;
-    int32_t registrations_ VEXA_GUARDED_BY(mutex_) = 0;
     sptr<IRemoteObject> callback_ VEXA_GUARDED_BY(mutex_);
     std::map<std::string, sptr<IRemoteObject>> observers_ VEXA_GUARDED_BY(mutex_);
 };

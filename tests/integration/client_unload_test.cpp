@@ -17,30 +17,21 @@ namespace {
 class LoadedLibrary {
 public:
     LoadedLibrary() : handle_(dlopen(NATIVE_MIGRATE, RTLD_NOW | RTLD_LOCAL)) {}
-    ~LoadedLibrary()
-    {
-        if (handle_ != nullptr) {
-            EXPECT_EQ(dlclose(handle_), 0) << dlerror();
-        }
-    }
+    ~LoadedLibrary() { EXPECT_EQ(dlclose(handle_), 0) << dlerror(); }
     LoadedLibrary(const LoadedLibrary&) = delete;
     LoadedLibrary& operator=(const LoadedLibrary&) = delete;
 
-    // Null, with a failure of the test, when the library is not usable.
-    MigrateServerKits* Kits() const
+    MigrateServerKits& Kits() const
     {
         using Getter = MigrateServerKits& (*)();
         constexpr char kGetter[] = "_ZN4VEXA12UpdateEngine17MigrateServerKits15GetKitsInstanceEv";
-        const auto getter = handle_ != nullptr ? reinterpret_cast<Getter>(dlsym(handle_, kGetter)) : nullptr;
-        EXPECT_NE(getter, nullptr) << dlerror();
-        return getter != nullptr ? &getter() : nullptr;
+        return reinterpret_cast<Getter>(dlsym(handle_, kGetter))();
     }
     // The process that has answered; -1 on failure.
     pid_t StartedBy() const
     {
         BusinessError error;
-        MigrateServerKits* const kits = Kits();
-        return kits != nullptr && kits->StartMigrate(error) == 0 ? error.errorNum : -1;
+        return Kits().StartMigrate(error) == 0 ? error.errorNum : -1;
     }
 
 private:
@@ -57,7 +48,7 @@ TEST(ClientUnload, TheServicesDeathAfterTheLastUnloadHarmsNobody)
     static std::atomic<int> events{0};
     for (int round = 0; round < 20; ++round) {
         const LoadedLibrary library;
-        ASSERT_EQ(library.Kits()->On({[](const MigrateStage&, const EventInfo&) { ++events; }}), 0) << round;
+        ASSERT_EQ(library.Kits().On({[](const MigrateStage&, const EventInfo&) { ++events; }}), 0) << round;
         ASSERT_EQ(library.StartedBy(), service) << round;
     }
     EXPECT_EQ(events, 20);
@@ -71,7 +62,7 @@ TEST(ClientUnload, TheServicesDeathAfterTheLastUnloadHarmsNobody)
     }));
     const LoadedLibrary library;
     EXPECT_TRUE(Eventually([&] { return library.StartedBy() == next && events > 20; }));
-    EXPECT_EQ(library.Kits()->Off(), 0);
+    EXPECT_EQ(library.Kits().Off(), 0);
     EXPECT_EQ(world.EndManager(SIGTERM), 0);
 }
 

@@ -1,40 +1,100 @@
 // SPDX-License-Identifier: Apache-2.0
-// A service that does not answer, in real time.
+// How long the migration client waits for its service, in real time.
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <thread>
 
 #include "client_world.h"
 #include "native_migrate/migrate_server_kits.h"
 
 using namespace std::chrono_literals;
+using namespace VEXA;
 using namespace VEXA::test;
 using namespace VEXA::UpdateEngine;
 using std::chrono::steady_clock;
 
 namespace {
 
-[[maybe_unused]] const auto* const environment = testing::AddGlobalTestEnvironment(new ClientWorld(&AddPeerProfile));
-
-TEST(ClientWait, AServiceThatNeverAnswersCostsTheWaitTimeAndServesTheNextRequest)
+// While it is there, the service does not come up.
+std::string HoldFile(const SamgrWorld& world)
 {
-    MigrateServerKits& kits = MigrateServerKits::GetKitsInstance();
+    return world.Folder() + "/hold";
+}
+
+void AddHeldProfile(const SamgrWorld& world)
+{
+    std::ofstream(HoldFile(world)).put('\n');
+    const std::string script = "while [ -e " + HoldFile(world) + " ]; do sleep 0.01; done; exec " CLIENT_PEER " 65792";
+    world.AddProfile(MIGRATE_SERVICE_ID, "/bin/sh", R"(, "arguments": ["-c", ")" + script + R"("])");
+}
+
+[[maybe_unused]] const auto* const environment = testing::AddGlobalTestEnvironment(new ClientWorld(&AddHeldProfile));
+
+int32_t StartMigrate(BusinessError& error)
+{
+    return MigrateServerKits::GetKitsInstance().StartMigrate(error);
+}
+
+// The lock that its parent held for the lookup is nobody's there.
+TEST(ClientWait, AChildForkedDuringALookupIsRefusedAtOnce)
+{
+    RecordingLogSink lines(KOLOG_INFO);
     BusinessError error;
-    ASSERT_EQ(kits.StartMigrate(error), 0);
-    const int32_t pid = error.errorNum;
-    const Peer peer;
-    ASSERT_EQ(peer.Ask(PEER_PID), pid);
-    peer.Ask(PEER_ANSWER, PEER_HANGS);
+    std::thread looking([&] { EXPECT_EQ(StartMigrate(error), 0); });
+    EXPECT_TRUE(Eventually([&] { return CountLines(lines, "GetService recreate service instance") == 1; }));
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(3);
+        _exit(StartMigrate(error) == MIGRATE_UNREACHABLE ? 0 : 1);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+    std::filesystem::remove(HoldFile(ClientWorld::Get()));
+    looking.join();
+    EXPECT_GT(error.errorNum, 0);
+}
+
+TEST(ClientWait, ASilentServiceCostsTheWaitTimeAndServesTheNextRequest)
+{
+    const pid_t pid = Peer().Ask(PEER_PID);
+    ASSERT_GT(pid, 0);
+    BusinessError error;
+    kill(pid, SIGSTOP);
     const auto start = steady_clock::now();
-    EXPECT_EQ(kits.StartMigrate(error), MIGRATE_UNREACHABLE);
+    EXPECT_EQ(StartMigrate(error), MIGRATE_UNREACHABLE);
     const auto waited = steady_clock::now() - start;
     EXPECT_TRUE(waited >= 7900ms && waited < 10s) << waited / 1ms;
-
-    // Its late answer to the first is nobody's.
-    peer.Ask(PEER_ANSWER, 0);
+    // Its late answer is nobody's.
+    kill(pid, SIGCONT);
     for (int request = 0; request < 3; ++request) {
         error = BusinessError();
-        EXPECT_EQ(kits.StartMigrate(error), 0);
+        EXPECT_EQ(StartMigrate(error), 0);
         EXPECT_EQ(error.errorNum, pid);
     }
+}
+
+TEST(ClientWait, ADeathInTheMiddleOfARequestEndsItAtOnce)
+{
+    const pid_t pid = Peer().Ask(PEER_PID);
+    ASSERT_GT(pid, 0);
+    kill(pid, SIGSTOP);
+    RecordingLogSink lines(KOLOG_INFO);
+    BusinessError error;
+    error.message = "untouched";
+    std::thread caller([&] { EXPECT_EQ(StartMigrate(error), MIGRATE_UNREACHABLE); });
+    EXPECT_TRUE(Eventually([&] { return CountLines(lines, "MigrateServiceProxy::SendRemoteRequest") == 1; }));
+    const auto killed = steady_clock::now();
+    kill(pid, SIGKILL);
+    caller.join();
+    EXPECT_LT(steady_clock::now() - killed, 1s);
+    EXPECT_EQ(error.message, "untouched");
+    EXPECT_EQ(StartMigrate(error), 0);
+    EXPECT_NE(error.errorNum, pid);
 }
 
 }  // namespace

@@ -20,6 +20,11 @@
 
 namespace VEXA::test {
 
+inline sptr<ISystemAbilityManager> Manager()
+{
+    return SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
+}
+
 // Ends the manager in order at the end of the program, so that it ends the services.
 class ClientWorld : public testing::Environment {
 public:
@@ -31,8 +36,7 @@ public:
         world_ = new SamgrWorld;
         addProfiles_(*world_);
         world_->StartManager();
-        ASSERT_TRUE(
-            Eventually([] { return SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager() != nullptr; }));
+        ASSERT_TRUE(Eventually([] { return Manager() != nullptr; }));
     }
     void TearDown() override
     {
@@ -54,11 +58,6 @@ inline void AddPeerProfile(const SamgrWorld& world)
     world.AddProfile(UpdateEngine::MIGRATE_SERVICE_ID, CLIENT_PEER, R"(, "arguments": ["65792"])");
 }
 
-inline sptr<ISystemAbilityManager> Manager()
-{
-    return SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
-}
-
 // A client_peer, asked past the library.
 class Peer {
 public:
@@ -67,40 +66,18 @@ public:
     {}
 
     // -1 when it does not answer.
-    int32_t Ask(uint32_t code, int32_t argument = 0) const
+    int32_t Ask(uint32_t code) const
     {
         MessageParcel data;
         MessageParcel reply;
         MessageOption option;
-        data.WriteInt32(argument);
         return object_ != nullptr && object_->SendRequest(code, data, reply, option) == 0 ? reply.ReadInt32() : -1;
-    }
-    sptr<IRemoteObject> Callback() const
-    {
-        MessageParcel data;
-        MessageParcel reply;
-        MessageOption option;
-        return object_ != nullptr && object_->SendRequest(PEER_GIVE_CALLBACK, data, reply, option) == 0
-                   ? reply.ReadRemoteObject()
-                   : nullptr;
     }
     const sptr<IRemoteObject>& Object() const { return object_; }
 
 private:
     const sptr<IRemoteObject> object_;
 };
-
-// The library's lines, without those of the platform.
-inline std::vector<RecordedMessage> KitsLines(const RecordingLogSink& sink)
-{
-    std::vector<RecordedMessage> lines = sink.Messages();
-    lines.erase(std::remove_if(lines.begin(), lines.end(),
-                    [](const RecordedMessage& line) {
-                        return line.file != "migrate_server_kits_impl.cpp" && line.file != "migrate_service_proxy.cpp";
-                    }),
-        lines.end());
-    return lines;
-}
 
 inline int64_t CountLines(const RecordingLogSink& sink, const std::string& text)
 {

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
-#include <cstring>
+#include <algorithm>
 #include <random>
 
 #include "support/peer_fixture.h"
@@ -18,6 +18,15 @@ class IpcBadPeers : public PeerTest {
 protected:
     void Served() { EXPECT_EQ(Call(hub_, ADD_ONE).Int(1).Answer(), 2); }
 
+    // A connection to the hub on which these bytes have been sent.
+    static ipc::UniqueFd Say(const void* bytes, size_t size)
+    {
+        ipc::UniqueFd socket = ipc::ConnectTo(ipc::ContextSocketPath());
+        EXPECT_TRUE(socket);
+        size_t moved = 0;
+        ipc::SendNow(socket.Get(), bytes, size, moved);
+        return socket;
+    }
     static bool EndsWithin(const ipc::UniqueFd& socket, std::chrono::milliseconds limit)
     {
         return Eventually(
@@ -46,31 +55,24 @@ Greeting Hello(ipc::ConnectionUse use, ipc::EndpointId sender, ipc::ChannelKey k
 TEST_F(IpcBadPeers, FalseFirstFramesEndTheConnection)
 {
     using ipc::ConnectionUse;
-    const ipc::EndpointId stranger = 0x1234;
     const ipc::EndpointId known = ipc::IpcProcess::Get().Id();
-    std::vector<std::pair<const char*, Greeting>> cases;
-    const auto add = [&](const char* name, const Greeting& base, void (*spoil)(Greeting&)) {
-        cases.emplace_back(name, base);
-        spoil(cases.back().second);
-    };
     const Greeting link = Hello(ConnectionUse::LINK, known);
-    add("claims an endpoint that nobody has", Hello(ConnectionUse::LINK, stranger), [](Greeting&) {});
-    add("a channel with a key that was not issued", Hello(ConnectionUse::CHANNEL, known, {1, 2}), [](Greeting&) {});
-    add("wrong magic", link, [](Greeting& greeting) { greeting.header.magic ^= 1; });
-    add("unknown kind", link, [](Greeting& greeting) { greeting.header.kind = ipc::FrameKind(99); });
-    add("a request before any greeting", link,
-        [](Greeting& greeting) { greeting.header.kind = ipc::FrameKind::REQUEST; });
-    add("too large", link, [](Greeting& greeting) { greeting.header.bytes = IPC_MAX_PARCEL_BYTES + 4; });
-    add("length near the end of its type", link, [](Greeting& greeting) { greeting.header.bytes = UINT32_MAX - 3; });
-    add("odd length", link, [](Greeting& greeting) { greeting.header.bytes = 33; });
-    add("too many objects", link, [](Greeting& greeting) { greeting.header.objects = 257; });
-    add("another version", link, [](Greeting& greeting) { ++greeting.body.version; });
-    add("unknown use", link, [](Greeting& greeting) { greeting.body.use = ConnectionUse(7); });
+    Greeting request = link;
+    request.header.kind = ipc::FrameKind::REQUEST;
+    Greeting unsound = link;
+    unsound.header.bytes = IPC_MAX_PARCEL_BYTES + 4;
+    Greeting newer = link;
+    ++newer.body.version;
+    const std::pair<const char*, Greeting> cases[] = {
+        {"claims an endpoint that nobody has", Hello(ConnectionUse::LINK, 0x1234)},
+        {"a channel with a key that was not issued", Hello(ConnectionUse::CHANNEL, known, {1, 2})},
+        {"unknown use", Hello(ConnectionUse(7), known)},
+        {"a request before any greeting", request},
+        {"too large", unsound},
+        {"another version", newer},
+    };
     for (const auto& [name, greeting] : cases) {
-        const ipc::UniqueFd socket = ipc::ConnectTo(ipc::ContextSocketPath());
-        size_t moved = 0;
-        ipc::SendNow(socket.Get(), &greeting, sizeof(greeting), moved);
-        EXPECT_TRUE(EndsWithin(socket, std::chrono::seconds(3))) << name;
+        EXPECT_TRUE(EndsWithin(Say(&greeting, sizeof(greeting)), std::chrono::seconds(3))) << name;
     }
     Served();
 }
@@ -79,17 +81,9 @@ TEST_F(IpcBadPeers, GarbageOnThreeHundredConnectionsDisturbsNobody)
 {
     std::mt19937 random(20);
     for (int i = 0; i < 300; ++i) {
-        const ipc::UniqueFd socket = ipc::ConnectTo(ipc::ContextSocketPath());
-        ASSERT_TRUE(socket);
         std::vector<uint32_t> garbage(1 + random() % 2000);
-        for (uint32_t& word : garbage) {
-            word = static_cast<uint32_t>(random());
-        }
-        size_t moved = 0;
-        ipc::SendNow(socket.Get(), garbage.data(), garbage.size() * 4, moved);
-        if (i % 10 == 0) {
-            Served();
-        }
+        std::generate(garbage.begin(), garbage.end(), std::ref(random));
+        Say(garbage.data(), garbage.size() * 4);
     }
     Served();
 }
@@ -98,14 +92,10 @@ TEST_F(IpcBadPeers, GarbageOnThreeHundredConnectionsDisturbsNobody)
 // many, while those that are there go on being served.
 TEST_F(IpcBadPeers, IdleConnectionsAreBoundedAndTimeOut)
 {
+    const Greeting half = Hello(ipc::ConnectionUse::LINK, 1);
     std::vector<ipc::UniqueFd> silent;
     for (size_t i = 0; i < ipc::kMaxConnectionsPerUser + 20; ++i) {
-        ipc::UniqueFd socket = ipc::ConnectTo(ipc::ContextSocketPath());
-        ASSERT_TRUE(socket);
-        const Greeting half = Hello(ipc::ConnectionUse::LINK, 1);
-        size_t moved = 0;
-        ipc::SendNow(socket.Get(), &half, 1 + i % 60, moved);
-        silent.push_back(std::move(socket));
+        silent.push_back(Say(&half, 1 + i % 60));
     }
     Served();
     EXPECT_TRUE(EndsWithin(silent.back(), std::chrono::seconds(2)));
@@ -130,6 +120,7 @@ TEST_F(IpcBadPeers, StoppedProcessHoldsUpNobody)
     EXPECT_EQ(queued, 1024);
     Served();
     process.Signal(SIGCONT);
+    EXPECT_EQ(Call(node, ADD_ONE).Int(6).Answer(), 7) << "the late answer to the first is nobody's";
     EXPECT_TRUE(Eventually([&] { return Call(node, NOTES).Answer() == queued; }));
 }
 

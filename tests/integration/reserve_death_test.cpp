@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Reserve clients that come and go while their service is killed.
 #include <atomic>
-#include <memory>
 #include <thread>
 
 #include "client_world.h"
@@ -35,20 +34,20 @@ TEST(ReserveDeath, AThousandClientsEndWhileTheirServiceDies)
     for (int index = 0; index < kThreads; ++index) {
         threads.emplace_back([&] {
             for (int client = 0; client < kClients / kThreads; ++client) {
-                const auto kits = std::make_unique<ReserveMigrateKits>();
+                ReserveMigrateKits kits;
                 std::string reply;
-                const int32_t result = kits->RegisterCallback("caller", new Observer, reply);
+                const int32_t result = kits.RegisterCallback("caller", new Observer, reply);
                 EXPECT_TRUE(result == 0 || result == MIGRATE_UNREACHABLE) << result;
                 registered += result == 0 ? 1 : 0;
                 ++ended;
             }
         });
     }
+    pid_t pid = -1;
+    const auto isServed = [&] { return (pid = Peer().Ask(PEER_PID)) > 0; };
     for (int death = 1; death <= kDeaths; ++death) {
         EXPECT_TRUE(Eventually([&] { return ended >= death * kClients / (kDeaths + 1); })) << death;
-        pid_t pid = -1;
-        EXPECT_TRUE(Eventually([&] { return (pid = Peer().Ask(PEER_PID)) > 0 || ended == kClients; }));
-        if (pid > 0) {
+        if (Eventually([&] { return isServed() || ended == kClients; }) && pid > 0) {
             kill(pid, SIGKILL);
         }
     }
@@ -60,13 +59,11 @@ TEST(ReserveDeath, AThousandClientsEndWhileTheirServiceDies)
     // The service held what the clients left with it.
     ReserveMigrateKits last;
     std::string reply;
-    pid_t pid = -1;
-    EXPECT_TRUE(Eventually([&] { return last.RegisterCallback("last", new Observer, reply) == 0; }));
-    EXPECT_TRUE(Eventually([&] { return (pid = Peer().Ask(PEER_PID)) > 0; }));
-    kill(pid, SIGKILL);
+    EXPECT_TRUE(Eventually([&] { return last.RegisterCallback("last", new Observer, reply) == 0 && isServed(); }));
+    const pid_t killed = pid;
+    kill(killed, SIGKILL);
     EXPECT_TRUE(Eventually([&] { return Observer::alive == 1; })) << Observer::alive;
-    pid_t next = -1;
-    EXPECT_TRUE(Eventually([&] { return (next = Peer().Ask(PEER_PID)) > 0 && next != pid; }));
+    EXPECT_TRUE(Eventually([&] { return isServed() && pid != killed; }));
 }
 
 }  // namespace

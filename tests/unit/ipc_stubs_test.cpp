@@ -40,17 +40,13 @@ const std::u16string PROGRESS = u"VEXA.UpdateEngine.IMigrateCallBack";
 const std::u16string OWN = u"VEXA.UpdateEngine.ISetBackupFileOwnInterface";
 const std::u16string OBSERVER = u"VEXA.Updater.IMigrateVirtStatusObserver";
 
-Lines Progress(const char* text)
+const LinesOf OWN_FILE{"set_backup_file_own_stub.cpp"};
+const LinesOf OBSERVER_FILE{"reserve_migrate_status_observer_stub.cpp"};
+
+Lines OwnLines(const std::string& code, const std::string& error)
 {
-    return {{6, "migrate_callback_stub.cpp", text}};
-}
-Lines Own(uint32_t level, const std::string& text)
-{
-    return {{level, "set_backup_file_own_stub.cpp", "SetBackupFileOwnStub" + text}};
-}
-Lines Status(uint32_t level, const char* text)
-{
-    return {{level, "reserve_migrate_status_observer_stub.cpp", text}};
+    return OWN_FILE.Info({"SetBackupFileOwnStub func code " + code}) +
+           OWN_FILE.Error({"SetBackupFileOwnStub, " + error});
 }
 
 struct StubCase {
@@ -66,24 +62,19 @@ struct StubCase {
 // clang-format off
 const StubCase STUB_CASES[] = {
     {PROGRESS_STUB, PROGRESS, 1, {3U, R"({"progress":{"percent":40}})"}, 0, {"3 40"}, {}},
-    {PROGRESS_STUB, PROGRESS, 1, {2U, ""}, 0, {"2 0"}, {}},
     {PROGRESS_STUB, PROGRESS, 1, {4000000000U}, 0, {"4000000000 0"}, {}},
     {PROGRESS_STUB, PROGRESS, 2, {3U, "{}"}, IPC_UNKNOWN_REQUEST, {}, {}},
-    {PROGRESS_STUB, u"VEXA.UpdateEngine.IMigrateCallback", 1, {3U, "{}"}, 104, {},
-        Progress("MigrateCallBack::ReadInterfaceToken fail")},
-    {PROGRESS_STUB, PROGRESS + u"s", 2, {}, 104, {}, Progress("MigrateCallBack::ReadInterfaceToken fail")},
+    {PROGRESS_STUB, PROGRESS + u"s", 2, {}, 104, {},
+        LinesOf{"migrate_callback_stub.cpp"}.Error({"MigrateCallBack::ReadInterfaceToken fail"})},
     {EMPTY_STUB, PROGRESS, 1, {3U, "{}"}, 0, {}, {}},
-    {OWN_STUB, OWN, 1, {-5}, 0, {"-5"},
-        Own(4, " func code 1") + Own(6, ", OnSetBackupFileOwnFinished errorCode = -5")},
-    {OWN_STUB, OWN, 1, {0}, 0, {"0"}, Own(4, " func code 1") + Own(6, ", OnSetBackupFileOwnFinished errorCode = 0")},
-    {OWN_STUB, OWN, 4294967295U, {0}, 801, {}, Own(4, " func code 4294967295")},
-    {OWN_STUB, PROGRESS, 1, {3}, 100, {"100"}, Own(4, " func code 1") + Own(6, ", ReadInterfaceToken fail")},
-    {OWN_STUB, PROGRESS, 7, {3}, 100, {}, Own(4, " func code 7") + Own(6, ", ReadInterfaceToken fail")},
-    {OBSERVER_STUB, OBSERVER, 0, {"[not json"}, 7, {"[not json"}, Status(3, "statusJsonString is [not json")},
-    {OBSERVER_STUB, OBSERVER, 0, {}, 7, {""}, Status(3, "statusJsonString is ")},
+    {OWN_STUB, OWN, 1, {-5}, 0, {"-5"}, OwnLines("1", "OnSetBackupFileOwnFinished errorCode = -5")},
+    {OWN_STUB, OWN, 4294967295U, {0}, 801, {}, OWN_FILE.Info({"SetBackupFileOwnStub func code 4294967295"})},
+    {OWN_STUB, PROGRESS, 1, {3}, 100, {"100"}, OwnLines("1", "ReadInterfaceToken fail")},
+    {OWN_STUB, PROGRESS, 7, {3}, 100, {}, OwnLines("7", "ReadInterfaceToken fail")},
+    {OBSERVER_STUB, OBSERVER, 0, {"[not json"}, 7, {"[not json"},
+        OBSERVER_FILE.At(KOLOG_DEBUG, {"statusJsonString is [not json"})},
     {OBSERVER_STUB, OBSERVER, 1, {"x"}, 100, {}, {}},
-    {OBSERVER_STUB, OBSERVER.substr(1), 0, {"x"}, 104, {}, Status(6, "ReadInterfaceToken is error")},
-    {OBSERVER_STUB, u"", 1, {}, 104, {}, Status(6, "ReadInterfaceToken is error")},
+    {OBSERVER_STUB, OBSERVER.substr(1), 1, {"x"}, 104, {}, OBSERVER_FILE.Error({"ReadInterfaceToken is error"})},
 };
 // clang-format on
 
@@ -105,31 +96,32 @@ TEST(CallbackStubs, CheckTheTokenThenTheCodeThenDeliver)
     }
 }
 
-TEST(CallbackProxies, ProgressIsForwardedAsItIs)
+void ExpectSent(const sptr<ScriptedRemoteObject>& object, int32_t flags, const std::string& bytes)
 {
-    const Lines sending{{3, "migrate_callback_proxy.cpp", "MigrateCallBackProxy::OnMigrateProgress"}};
+    ASSERT_EQ(object->Requests().size(), 1U);
+    const auto request = object->Requests()[0];
+    EXPECT_EQ(request.code, 1U);
+    EXPECT_EQ(request.flags, flags);
+    EXPECT_EQ(request.waitTime, 8);
+    EXPECT_EQ(Bytes(*request.data), bytes);
+}
+
+TEST(CallbackProxies, ForwardProgressAsItIs)
+{
     const sptr<ScriptedRemoteObject> object(new ScriptedRemoteObject);
-    const sptr<IMigrateCallBack> proxy = iface_cast<IMigrateCallBack>(object);
     object->QueueAnswer(2104, {"answer"});
     MessageParcel data;
     MessageParcel reply;
     data.WriteInterfaceToken(u"any");
-    RecordingLogSink log;
-    EXPECT_EQ(proxy->OnMigrateProgress(data, reply), 2104);
+    EXPECT_EQ(iface_cast<IMigrateCallBack>(object)->OnMigrateProgress(data, reply), 2104);
     EXPECT_EQ(reply.ReadString(), "answer");
-    EXPECT_EQ(sptr<IMigrateCallBack>(new MigrateCallBackProxy(nullptr))->OnMigrateProgress(data, reply), -1);
-    EXPECT_EQ(log.Messages(), (sending + sending + Lines{{6, "migrate_callback_proxy.cpp", "remotePtr is nullptr"}}));
-    const auto request = object->Requests().at(0);
-    EXPECT_EQ(request.code, 1U);
-    EXPECT_EQ(request.flags, 0);
-    EXPECT_EQ(request.waitTime, 8);
-    ExpectRequest(*request.data, u"any", {});
+    ExpectSent(object, 0, RequestBytes(u"any", {}));
 }
 
-TEST(CallbackProxies, EndOfOwnershipIsSentOneWay)
+TEST(CallbackProxies, SendTheEndOfOwnershipOneWay)
 {
     const sptr<ScriptedRemoteObject> object(new ScriptedRemoteObject);
-    const sptr<ISetBackupFileOwnInterface> proxy = iface_cast<ISetBackupFileOwnInterface>(object);
+    const auto proxy = iface_cast<ISetBackupFileOwnInterface>(object);
     object->QueueAnswer(-6);
     RecordingLogSink log;
     proxy->OnSetBackupFileOwnFinished(-5);
@@ -137,28 +129,24 @@ TEST(CallbackProxies, EndOfOwnershipIsSentOneWay)
         const RefusingParcels refusing;
         proxy->OnSetBackupFileOwnFinished(1);
     }
-    sptr<ISetBackupFileOwnInterface>(new SetBackupFileOwnProxy(nullptr))->OnSetBackupFileOwnFinished(1);
-    constexpr char file[] = "set_backup_file_own_proxy.cpp";
-    EXPECT_EQ(log.Messages(), (Lines{{4, file, "SetBackupFileOwnProxy, OnSetBackupFileOwnFinished ret=-6"},
-                                  {6, file, "SetBackupFileOwnProxy, WriteInterfaceToken fail"},
-                                  {6, file, "SetBackupFileOwnProxy, remoteObject is nullptr"}}));
-    ASSERT_EQ(object->Requests().size(), 1U);
-    const auto request = object->Requests()[0];
-    EXPECT_EQ(request.code, 1U);
-    EXPECT_EQ(request.flags, 1);
-    EXPECT_EQ(request.waitTime, 8);
-    ExpectRequest(*request.data, OWN.c_str(), {-5});
+    const LinesOf file{"set_backup_file_own_proxy.cpp"};
+    EXPECT_EQ(log.Messages(), file.Info({"SetBackupFileOwnProxy, OnSetBackupFileOwnFinished ret=-6"}) +
+                                  file.Error({"SetBackupFileOwnProxy, WriteInterfaceToken fail"}));
+    ExpectSent(object, 1, RequestBytes(OWN, {-5}));
 }
 
-TEST(MigrateServiceProxyTest, WithoutRemoteObjectNothingIsSent)
+TEST(Proxies, SendNothingWithoutARemoteObject)
 {
     MessageParcel data;
     MessageParcel reply;
-    RecordingLogSink log;
+    RecordingLogSink log(KOLOG_ERROR);
+    EXPECT_EQ(sptr<IMigrateCallBack>(new MigrateCallBackProxy(nullptr))->OnMigrateProgress(data, reply), -1);
+    sptr<ISetBackupFileOwnInterface>(new SetBackupFileOwnProxy(nullptr))->OnSetBackupFileOwnFinished(1);
     EXPECT_EQ(sptr<IMigrateServer>(new MigrateServiceProxy(nullptr))->SendRemoteRequest(5, data, reply), 104);
-    constexpr char file[] = "migrate_service_proxy.cpp";
-    EXPECT_EQ(
-        log.Messages(), (Lines{{4, file, "MigrateServiceProxy::SendRemoteRequest"}, {6, file, "Can not get remote"}}));
+    EXPECT_EQ(log.Messages(),
+        LinesOf{"migrate_callback_proxy.cpp"}.Error({"remotePtr is nullptr"}) +
+            LinesOf{"set_backup_file_own_proxy.cpp"}.Error({"SetBackupFileOwnProxy, remoteObject is nullptr"}) +
+            LinesOf{"migrate_service_proxy.cpp"}.Error({"Can not get remote"}));
 }
 
 }  // namespace

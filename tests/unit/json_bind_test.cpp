@@ -1,32 +1,48 @@
 // SPDX-License-Identifier: Apache-2.0
-// Texts bound to records by their member lists.
+// Texts bound to records by their member lists, single keys read, and records written as texts.
+#include <cjson/cJSON.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <locale>
 
 #include "json_parse.h"
 #include "native_migrate/migrate_records.h"
 #include "vexa/testing/recording_log_sink.h"
 
+namespace {
+
+const char* g_failingText = nullptr;  // a string that there is no memory for
+
+}  // namespace
+
+extern "C" {
+cJSON* __real_cJSON_CreateString(const char* text);
+cJSON* __wrap_cJSON_CreateString(const char* text);
+
+cJSON* __wrap_cJSON_CreateString(const char* text)
+{
+    const bool fails = g_failingText != nullptr && std::string_view(text) == g_failingText;
+    return fails ? nullptr : __real_cJSON_CreateString(text);
+}
+}
+
 namespace VEXA::UpdateEngine {
 namespace {
 
-using ::testing::ElementsAre;
-
-// What stands in the record is compared as the text that it is written as.
 template <typename T>
-std::string Written(const T& data)
+std::string Written(const T& data, bool result = true)
 {
-    std::string text;
-    EXPECT_TRUE(JsonFromStruct().TraverseData(text, data));
+    std::string text = "replaced";
+    EXPECT_EQ(JsonFromStruct().TraverseData(text, data), result);
     return text;
 }
 
 struct BindCase {
     const char* text;
     JsonError result;
-    const char* left;  // the record afterwards
+    std::string left;  // the record afterwards, as the text that it is written as
 };
 
 template <typename T>
@@ -97,22 +113,17 @@ TEST(JsonBindTest, NumbersAreTruncatedAndMustFit)
 
 TEST(JsonBindTest, VectorsAreAppendedToUpToTheFirstMisfit)
 {
+    const std::string empty = R"({"message":"","errorNum":0,"data":[{"errorCode":9,"errorMessage":"old"})";
+    const std::string named = R"({"message":"m","errorNum":0,"data":[{"errorCode":9,"errorMessage":"old"})";
     Check<BusinessError>(
         {
-            {R"({"message":"m","errorNum":1,"data":[{"errorCode":2,"errorMessage":"x"},{}]})", JsonError::SUCCESS,
-                R"({"message":"m","errorNum":1,"data":[{"errorCode":9,"errorMessage":"old"},)"
-                R"({"errorCode":2,"errorMessage":"x"},{"errorCode":0,"errorMessage":""}]})"},
-            {R"({"data":null})", JsonError::SUCCESS,
-                R"({"message":"","errorNum":0,"data":[{"errorCode":9,"errorMessage":"old"}]})"},
-            {R"({"data":{},"message":"m"})", JsonError::DATA_ERROR,
-                R"({"message":"m","errorNum":0,"data":[{"errorCode":9,"errorMessage":"old"}]})"},
-            {R"({"data":1})", JsonError::DATA_ERROR,
-                R"({"message":"","errorNum":0,"data":[{"errorCode":9,"errorMessage":"old"}]})"},
-            {R"({"message":"m","errorNum":"1","data":[{}]})", JsonError::DATA_ERROR,
-                R"({"message":"m","errorNum":0,"data":[{"errorCode":9,"errorMessage":"old"}]})"},
+            {R"({"message":"m","data":[{"errorCode":2,"errorMessage":"x"},{}]})", JsonError::SUCCESS,
+                named + R"(,{"errorCode":2,"errorMessage":"x"},{"errorCode":0,"errorMessage":""}]})"},
+            {R"({"data":null})", JsonError::SUCCESS, empty + "]}"},
+            {R"({"data":{},"message":"m"})", JsonError::DATA_ERROR, named + "]}"},
+            {R"({"message":"m","errorNum":"1","data":[{}]})", JsonError::DATA_ERROR, named + "]}"},
             {R"({"data":[{"errorCode":1},{"errorCode":"2"},{"errorCode":3}]})", JsonError::DATA_ERROR,
-                R"({"message":"","errorNum":0,"data":[{"errorCode":9,"errorMessage":"old"},)"
-                R"({"errorCode":1,"errorMessage":""}]})"},
+                empty + R"(,{"errorCode":1,"errorMessage":""}]})"},
         },
         {"", 0, {{9, "old"}}});
     Check<std::vector<std::string>>({
@@ -122,24 +133,13 @@ TEST(JsonBindTest, VectorsAreAppendedToUpToTheFirstMisfit)
         {"null", JsonError::SUCCESS, "[]"},
         {"7", JsonError::DATA_ERROR, "[]"},
     });
-    Check<std::vector<ModuleMigrationPolicy>>({{"{}", JsonError::DATA_ERROR, "[]"}});
-}
-
-TEST(JsonBindTest, ElementsStartFromTheirDefaults)
-{
     Check<std::vector<MigrationUser>>({{R"([{"sourceUser":1,"targetUser":2},{}])", JsonError::SUCCESS,
         R"([{"sourceUser":1,"targetUser":2},{"sourceUser":-1,"targetUser":-1}])"}});
     std::vector<RestoreEventInfo> events;
-    ASSERT_EQ(JsonParse::JsonStrToStruct(R"([{"restoreAppInfo":{"appName":"n"},"status":3},)"
-                                         R"({"status":4,"errorInfo":{"code":5,"canRetry":true}}])",
-                  events),
-        JsonError::SUCCESS);
+    ASSERT_EQ(JsonParse::JsonStrToStruct(R"([{"restoreAppInfo":{"appName":"n"}}])", events), JsonError::SUCCESS);
     EXPECT_EQ(events[0].restoreAppInfo.appName, "n");
     EXPECT_TRUE(events[0].restoreAppInfo.isRestoreData);
     EXPECT_EQ(events[0].restoreAppInfo.appType, 1);
-    EXPECT_EQ(events[1].status, 4);
-    EXPECT_EQ(events[1].errorInfo.code, 5);
-    EXPECT_TRUE(events[1].errorInfo.canRetry);
 }
 
 // One text for every record, every field away from its default; what is bound and written again must be the same text.
@@ -171,20 +171,119 @@ TEST(JsonBindTest, EveryRecordKeepsItsKeysAndTheirOrder)
             error + "}]");
 }
 
-TEST(JsonBindTest, OneMemberUnderAKey)
+RecordedMessage Line(const std::string& text)
 {
-    const JsonContext json(R"({"a":{"type":4,"id":"x"}})");
-    bool found = true;
-    EXPECT_EQ(&JsonToStruct::GetMemberValue(json, "", found), &json);
-    EXPECT_EQ(&JsonToStruct::GetMemberValue(json, "a", found), &json["a"]);
-    EXPECT_TRUE(found);
-    EXPECT_EQ(JsonToStruct::GetMemberValue(json, "b", found).Type(), JsonContext::ABSENT);
-    EXPECT_FALSE(found);
-    ModuleInfo module;
-    EXPECT_TRUE(JsonToStruct().TraverseStruct(json["a"], module, std::index_sequence<1>(), ""));
-    EXPECT_EQ(Written(module), R"({"type":0,"id":"x"})");
-    EXPECT_TRUE(JsonToStruct().AccessMember(json, module, "a"));
-    EXPECT_EQ(module.type, 4);
+    return {KOLOG_ERROR, "json_parse.h", text};
+}
+
+// Reads "key" of an object that has this value there, or no such key when it is empty, into `target`; gives back what
+// stands there afterwards.
+template <typename T>
+T ReadKey(const std::string& value, JsonError result, const std::string& line, T target)
+{
+    RecordingLogSink log;
+    const JsonContext json(value.empty() ? "{}" : "{\"key\":" + value + '}');
+    EXPECT_EQ(JsonParse::GetValueAndSetTo(json, "key", target), result) << value;
+    const std::vector<RecordedMessage> none;
+    EXPECT_EQ(log.Messages(), line.empty() ? none : std::vector{Line(line)}) << value;
+    for (const LogEntry& entry : log.Entries()) {
+        EXPECT_EQ(entry.domain, 0xD002E11U);
+        EXPECT_EQ(entry.tag, "MIGRATE_KITS");
+    }
+    return target;
+}
+
+constexpr const char* MISSING = "parse tpye error, missing prop : key ";
+constexpr const char* TOO_LONG = "number extra long : key ";
+
+TEST(JsonReadKeyTest, Numbers)
+{
+    for (const char* value : {"", "null", "\"1\"", "true", "[1]", "{}"}) {
+        EXPECT_EQ(ReadKey<int64_t>(value, JsonError::MISSING_PROP, MISSING, 5), 5);
+    }
+    for (const char* value : {"9007199254740992", "-9007199254740992", "18446744073709551616", "1e400", "-1e400"}) {
+        EXPECT_EQ(ReadKey<int64_t>(value, JsonError::NUMBER_EXTRA_LONG, TOO_LONG, 5), 5);
+    }
+    EXPECT_EQ(ReadKey<int64_t>("9007199254740991", JsonError::SUCCESS, "", 5), 9007199254740991);
+    EXPECT_EQ(ReadKey<int64_t>("-9007199254740991", JsonError::SUCCESS, "", 5), -9007199254740991);
+    EXPECT_EQ(ReadKey<int32_t>("-7.9", JsonError::SUCCESS, "", 5), -7);
+    EXPECT_EQ(ReadKey<uint32_t>("-1", JsonError::NUMBER_EXTRA_LONG, TOO_LONG, 5), 5U);
+}
+
+TEST(JsonReadKeyTest, StringsAndRecords)
+{
+    const std::string old = "old";
+    EXPECT_EQ(ReadKey("", JsonError::MISSING_PROP, "parse error, missing prop : key ", old), old);
+    EXPECT_EQ(ReadKey("1", JsonError::TYPE_ERROR, "type is error : key ", old), old);
+    EXPECT_EQ(ReadKey("null", JsonError::TYPE_ERROR, "type is error : key ", old), old);
+    EXPECT_EQ(ReadKey("\"new\"", JsonError::SUCCESS, "", old), "new");
+
+    const TaskDisplayPolicy policy{"n", "b", {}};
+    EXPECT_EQ(ReadKey("[]", JsonError::MISSING_PROP, MISSING, policy).needDisplay, "n");
+    const auto half = ReadKey(R"({"needDisplay":"x","displayBundleName":1})", JsonError::DATA_ERROR, "", policy);
+    EXPECT_EQ(half.needDisplay + half.displayBundleName, "xb");
+}
+
+TEST(JsonReadKeyTest, ATaskReadsEveryKeyAndNeverFails)
+{
+    TaskInfo task;
+    task.id = 1;
+    task.status = TaskStatus::FAILED;
+    task.configStage = TaskConfigStage::NONE;
+    task.source = "kept";
+    task.displayPolicy.needDisplay = "kept";
+    RecordingLogSink log;
+    const JsonContext json(R"({"status":"1","displayPolicy":[],"type":77,"target":5,"requiredTraffic":1e300})");
+    task.FromJson(json, task);
+    EXPECT_EQ(task.id, 1U);
+    EXPECT_EQ(task.status, TaskStatus::IDLE);
+    EXPECT_EQ(task.type, static_cast<TaskType>(77));
+    EXPECT_EQ(task.source, "kept");
+    EXPECT_EQ(task.displayPolicy.needDisplay, "kept");
+    EXPECT_EQ(task.configStage, static_cast<TaskConfigStage>(16));
+    const std::string missing = "parse tpye error, missing prop : ";
+    EXPECT_THAT(log.Messages(),
+        testing::ElementsAre(Line(missing + "id "), Line(missing + "status "), Line(missing + "subStatus "),
+            Line("parse error, missing prop : source "), Line("type is error : target "),
+            Line(missing + "displayPolicy "), Line(missing + "pauseReason "),
+            Line("number extra long : requiredTraffic "), Line(missing + "progress "), Line(missing + "index "),
+            Line(missing + "userId "), Line(missing + "configStage ")));
+}
+
+TEST(JsonWriteTest, ListsAndEscapes)
+{
+    EXPECT_EQ(Written(std::vector<ModuleInfo>{}), "[]");
+    EXPECT_EQ(Written(std::vector<ModuleInfo>{{1, "a\"\\\n\x01/\xC3\xA9"}, {2, "b"}}),
+        "[{\"type\":1,\"id\":\"a\\\"\\\\\\n\\u0001/\xC3\xA9\"},{\"type\":2,\"id\":\"b\"}]");
+}
+
+TEST(JsonWriteTest, AStringWithoutMemoryClosesItsObjectAndEndsTheList)
+{
+    g_failingText = "bad";
+    EXPECT_EQ(
+        Written(std::vector<ModuleInfo>{{1, "a"}, {2, "bad"}, {3, "c"}}), R"([{"type":1,"id":"a"},{"type":2,"id"}])");
+    EXPECT_EQ(Written(std::vector<std::string>{"bad", "c"}), "[]");
+    EXPECT_EQ(Written(std::vector<std::string>{"a", "bad", "c"}), R"(["a"])");
+    EXPECT_EQ(Written(ModuleInfo{2, "bad"}, false), R"({"type":2,"id"})");
+    EXPECT_EQ(Written(std::string("bad"), false), "");
+    g_failingText = nullptr;
+}
+
+TEST(JsonWriteTest, NumbersAreWrittenInFullWhateverTheLocale)
+{
+    struct Grouping : std::numpunct<char> {
+        char do_thousands_sep() const override { return '.'; }
+        std::string do_grouping() const override { return "\3"; }
+    };
+    const std::locale previous = std::locale::global(std::locale(std::locale::classic(), new Grouping));
+    MigrateProgress progress;
+    progress.remainingTime = std::numeric_limits<uint64_t>::max();
+    progress.requiredTraffic = std::numeric_limits<int64_t>::min();
+    progress.requiredMigrationSpace = 9007199254740993;
+    EXPECT_EQ(Written(progress), R"({"status":0,"percent":0,"remainingTime":18446744073709551615,"suspendReason":0,)"
+                                 R"("requiredTraffic":-9223372036854775808,"requiredMigrationSpace":9007199254740993,)"
+                                 R"("skipTime":0,"maxWaitTime":0})");
+    std::locale::global(previous);
 }
 
 }  // namespace

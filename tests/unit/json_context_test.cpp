@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -44,14 +44,13 @@ TEST(JsonContextTest, DiscardsWhatIsNotOneWholeText)
 TEST(JsonContextTest, HoldsEachKindInItsAlternative)
 {
     const JsonContext json(R"({"o":{"x":1},"n":-2.5,"s":"text","a":[1,2],"t":true,"f":false,"z":null,"e":"","E":[]})");
-    EXPECT_EQ(json.Type(), 0U);
-    EXPECT_EQ(json["n"].Type(), 1U);
-    EXPECT_EQ(json["absent"].Type(), 6U);
-    EXPECT_EQ(Held<5>(json["n"]), -2.5);
-    EXPECT_EQ(Held<6>(json["s"]), "text");
+    const std::pair<const char*, JsonContext::Kind> kinds[] = {{"o", JsonContext::OBJECT}, {"n", JsonContext::NUMBER},
+        {"s", JsonContext::STRING}, {"a", JsonContext::ARRAY}, {"t", JsonContext::BOOLEAN},
+        {"z", JsonContext::NULL_VALUE}, {"absent", JsonContext::ABSENT}};
+    for (const auto& [key, kind] : kinds) {
+        EXPECT_EQ(json[key].Type(), kind) << key;
+    }
     EXPECT_EQ(Held<6>(json["e"]), "");
-    EXPECT_EQ(Held<0>(json["t"]), true);
-    EXPECT_EQ(Held<0>(json["f"]), false);
     EXPECT_EQ(Held<7>(json["a"])->count, 2U);
     EXPECT_EQ(Held<8>(json["o"])->first->Key(), "x");
     for (const char* key : {"z", "absent"}) {
@@ -59,26 +58,29 @@ TEST(JsonContextTest, HoldsEachKindInItsAlternative)
         EXPECT_EQ(json[key].begin(), json[key].end()) << key;
     }
     EXPECT_TRUE(json.IsContains("z"));
-    EXPECT_EQ(json["z"].Type() + json["a"].Type(), 3U + 5U);
     EXPECT_EQ(json["E"].size(), 0U);
     EXPECT_FALSE(json["s"].IsContains("s"));
     EXPECT_FALSE(json["a"].IsContains(""));
-    EXPECT_EQ(JsonContext().Type(), JsonContext::ABSENT);
-    EXPECT_FALSE(JsonContext().IsDiscarded());
 }
 
-TEST(JsonContextTest, AnyOrderOfLookUpsFindsTheFirstOfSeveral)
+TEST(JsonContextTest, AnyOrderOfLookUpsOnAnyThreadFindsTheFirstOfSeveral)
 {
     const JsonContext json(R"({"a":1,"b":2,"A":3,"a":4,"":5,"b":6,"c":7,"c":8})");
     const std::vector<std::pair<std::string, double>> members = {{"a", 1}, {"b", 2}, {"A", 3}, {"", 5}, {"c", 7}};
-    unsigned seed = 1;
-    for (int i = 0; i < 2000; ++i) {
-        seed = seed * 1664525 + 1013904223;
-        const auto& [key, number] = members[(seed >> 16) % members.size()];
-        ASSERT_EQ(Held<5>(json[key]), number) << key;
-        ASSERT_TRUE(json.IsContains(key));
-        ASSERT_FALSE(json.IsContains("B"));
-        ASSERT_FALSE(json.IsContains("a\0b"s));
+    std::vector<std::thread> threads;
+    for (unsigned seed = 0; seed < 4; ++seed) {
+        threads.emplace_back([&json, &members, random = std::minstd_rand(seed)]() mutable {
+            for (int i = 0; i < 20000; ++i) {
+                const auto& [key, number] = members[random() % members.size()];
+                ASSERT_EQ(Held<5>(json[key]), number) << key;
+                ASSERT_TRUE(json.IsContains(key));
+                ASSERT_FALSE(json.IsContains("B"));
+                ASSERT_FALSE(json.IsContains("a\0b"s));
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
     }
 }
 
@@ -100,24 +102,6 @@ TEST(JsonContextTest, LookUpsInALargeObjectAndALongArray)
     double expected = 0;
     for (const JsonContext& element : list) {
         ASSERT_EQ(Held<5>(element.begin()[1]), expected++);
-    }
-}
-
-TEST(JsonContextTest, ThreadsReadOneTree)
-{
-    const JsonContext json(R"({"a":1,"b":2,"c":3,"d":4,"a":5})");
-    const std::string keys = "abcd";
-    std::vector<std::thread> threads;
-    for (size_t t = 0; t < 4; ++t) {
-        threads.emplace_back([&json, &keys, t] {
-            for (size_t i = 0; i < 20000; ++i) {
-                const size_t at = (t % 2 == 0 ? i : keys.size() - 1 - i % keys.size()) % keys.size();
-                ASSERT_EQ(Held<5>(json[keys.substr(at, 1)]), static_cast<double>(at + 1));
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
     }
 }
 

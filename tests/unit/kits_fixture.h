@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A migration service that does what a test says, at a manager in this process; and the fields of a parcel as data,
-// written and read one by one as the other side does.
+// A migration service that does what a test says, at a manager in this process; and the fields of a parcel as data.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -10,6 +9,8 @@
 #include <vector>
 
 #include "native_migrate/migrate_protocol.h"
+#include "parcel_access.h"
+#include "vexa/ipc/ipc_object_stub.h"
 #include "vexa/testing/in_process_manager.h"
 #include "vexa/testing/recording_log_sink.h"
 #include "vexa/testing/refusing_parcels.h"
@@ -19,40 +20,20 @@
 
 namespace VEXA::UpdateEngine {
 
-// Some remote object, not null; a Want of that action. Both are only read.
-struct AnObject {};
-struct WantOf {
-    std::string action;
-};
-using Field = std::variant<uint32_t, int32_t, bool, int64_t, std::string, AnObject, WantOf>;
+using Field = std::variant<uint32_t, int32_t, bool, int64_t, std::string, sptr<IRemoteObject>, AAFwk::Want>;
 using Fields = std::vector<Field>;
+
+inline const sptr<IRemoteObject> AN_OBJECT(new IPCObjectStub);
 
 struct FieldWriter {
     MessageParcel& parcel;
     void operator()(uint32_t value) const { parcel.WriteUint32(value); }
     void operator()(int32_t value) const { parcel.WriteInt32(value); }
+    void operator()(bool value) const { parcel.WriteBool(value); }
     void operator()(int64_t value) const { parcel.WriteInt64(value); }
     void operator()(const std::string& value) const { parcel.WriteString(value); }
-    template <typename T>
-    void operator()(const T&) const
-    {
-        FAIL() << "only read";
-    }
-};
-
-struct FieldReader {
-    MessageParcel& parcel;
-    void operator()(uint32_t value) const { EXPECT_EQ(parcel.ReadUint32(), value); }
-    void operator()(int32_t value) const { EXPECT_EQ(parcel.ReadInt32(), value); }
-    void operator()(bool value) const { EXPECT_EQ(parcel.ReadBool(), value); }
-    void operator()(int64_t value) const { EXPECT_EQ(parcel.ReadInt64(), value); }
-    void operator()(const std::string& value) const { EXPECT_EQ(parcel.ReadString(), value); }
-    void operator()(AnObject) const { EXPECT_NE(parcel.ReadRemoteObject(), nullptr); }
-    void operator()(const WantOf& value) const
-    {
-        const auto want = parcel.ReadParcelable<AAFwk::Want>();
-        EXPECT_EQ(want == nullptr ? "none" : want->GetAction(), value.action);
-    }
+    void operator()(const sptr<IRemoteObject>& value) const { parcel.WriteRemoteObject(value); }
+    void operator()(const AAFwk::Want& value) const { parcel.WriteParcelable(&value); }
 };
 
 inline void WriteFields(MessageParcel& parcel, const Fields& fields)
@@ -62,14 +43,18 @@ inline void WriteFields(MessageParcel& parcel, const Fields& fields)
     }
 }
 
-// Expects the token and exactly these fields.
-inline void ExpectRequest(MessageParcel& parcel, const char16_t* token, const Fields& fields)
+inline std::string Bytes(const MessageParcel& parcel)
 {
-    EXPECT_EQ(parcel.ReadInterfaceToken(), token);
-    for (const Field& field : fields) {
-        std::visit(FieldReader{parcel}, field);
-    }
-    EXPECT_EQ(parcel.GetReadableBytes(), 0U);
+    return {reinterpret_cast<const char*>(ParcelAccess::Data(parcel)), parcel.GetDataSize()};
+}
+
+// Of a request with that token and these fields; an object's are the same for any.
+inline std::string RequestBytes(const std::u16string& token, const Fields& fields)
+{
+    MessageParcel parcel;
+    parcel.WriteInterfaceToken(token);
+    WriteFields(parcel, fields);
+    return Bytes(parcel);
 }
 
 // A handler that expects one client's request, and answers it.
@@ -79,7 +64,7 @@ inline ScriptedRemoteObject::Handler Answer(uint32_t code, Fields request, Field
         EXPECT_EQ(sentCode, code);
         EXPECT_EQ(option.GetFlags(), 0);
         EXPECT_EQ(option.GetWaitTime(), 8);
-        ExpectRequest(data, u"VEXA.Updater.IMigrateServer", request);
+        EXPECT_EQ(Bytes(data), RequestBytes(u"VEXA.Updater.IMigrateServer", request));
         WriteFields(reply, replies);
         return result;
     };
@@ -94,28 +79,24 @@ inline Lines operator+(Lines left, const Lines& right)
 }
 
 // Makes the lines of one source file.
-class LinesOf {
-public:
-    explicit LinesOf(const char* file) : file_(file) {}
-    Lines Info(std::initializer_list<std::string> texts) const { return At(KOLOG_INFO, texts); }
-    Lines Error(std::initializer_list<std::string> texts) const { return At(KOLOG_ERROR, texts); }
-
-private:
+struct LinesOf {
+    const char* file;
     Lines At(uint32_t level, std::initializer_list<std::string> texts) const
     {
         Lines lines;
         for (const std::string& text : texts) {
-            lines.push_back({level, file_, text});
+            lines.push_back({level, file, text});
         }
         return lines;
     }
-    const char* const file_;
+    Lines Info(std::initializer_list<std::string> texts) const { return At(KOLOG_INFO, texts); }
+    Lines Error(std::initializer_list<std::string> texts) const { return At(KOLOG_ERROR, texts); }
 };
 
 // The lines of the service's proxy about one exchange.
 inline Lines ProxyLines(int32_t transport)
 {
-    const LinesOf proxy("migrate_service_proxy.cpp");
+    const LinesOf proxy{"migrate_service_proxy.cpp"};
     const bool failed = transport != 0 && transport != 2000;
     return proxy.Info({"MigrateServiceProxy::SendRemoteRequest",
                "MigrateServiceProxy::GetResult is " + std::to_string(transport)}) +
@@ -148,9 +129,5 @@ protected:
 
     InProcessManager manager_;
 };
-
-using ManagerCalls = std::vector<ScriptedManager::Call>;
-inline const ScriptedManager::Call CHECK{ScriptedManager::Operation::CHECK, 65792, 0};
-inline const ScriptedManager::Call LOAD{ScriptedManager::Operation::LOAD, 65792, 5};
 
 }  // namespace VEXA::UpdateEngine

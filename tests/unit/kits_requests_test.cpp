@@ -4,15 +4,10 @@
 
 #include "kits_fixture.h"
 #include "migrate_server_kits_impl.h"
-#include "native_migrate/set_backup_file_own_stub.h"
+#include "native_migrate/iset_backup_file_own_interface.h"
 
 namespace VEXA::UpdateEngine {
 namespace {
-
-class Owner : public SetBackupFileOwnStub {
-public:
-    void OnSetBackupFileOwnFinished(int32_t) override {}
-};
 
 // Everything that an operation may write to.
 struct Outputs {
@@ -41,123 +36,118 @@ std::string Show(const Outputs& out)
 }
 const char* const UNTOUCHED = "before -1 0 0  0 0";
 
+const Field ERROR = R"({"message":"m","errorNum":7})";
+const char* const ONLY_ERROR = "before -1 0 0  0 7m";
+
 struct OperationCase {
-    const char* name;
     uint32_t code;
     const char* startLine;
     const char* resultName;  // null: a failed request has no line of its own
     int32_t (*call)(MigrateServerKits&, Outputs&);
     Fields request;
-    Fields reply;
-    const char* shown;
+    Fields reply = {ERROR};
+    const char* shown = ONLY_ERROR;
 };
 
 #define CALL(...) [](MigrateServerKits& kits, [[maybe_unused]] Outputs& out) { return kits.__VA_ARGS__; }
 #define IMPL "MigrateServerKitsImpl::"
+const sptr<IRemoteObject> A_PROXY(new ScriptedRemoteObject);
 constexpr MigrateStage STAGE = static_cast<MigrateStage>(3);
-const Field ERROR = R"({"message":"m","errorNum":7})";
-const char* const ONLY_ERROR = "before -1 0 0  0 7m";
 
 // clang-format off
 const OperationCase OPERATION_CASES[] = {
-    {"GetMigrateStatus", 1, "GetMigrateStatus start", IMPL "GetMigrateStatus",
-        CALL(GetMigrateStatus(STAGE, out.status, out.error)), {3U}, {R"({"status":2})", ERROR}, "before -1 2 0  0 7m"},
-    {"GetMigrateInfo", 2, IMPL "getMigrateInfo start", IMPL "getMigrateInfo", CALL(GetMigrateInfo(STAGE, out.info,
-        out.error)), {3U}, {R"({"migrateProgress":{"percent":40}})", ERROR}, "before -1 0 40  0 7m"},
-    {"GetPakMigrateInfo", 3, IMPL "getPakMigrateInfo start", IMPL "getPakMigrateInfo",
-        CALL(GetPakMigrateInfo(out.paks, out.error)), {}, {R"([{"source":"p"}])", ERROR}, "before -1 0 0 p 0 7m"},
-    {"GetApkInfo", 4, IMPL "GetApkInfo start", IMPL "GetApkInfo", CALL(GetApkInfo(out.apks, out.error)), {},
+    {1, "GetMigrateStatus start", IMPL "GetMigrateStatus", CALL(GetMigrateStatus(STAGE, out.status, out.error)), {3U},
+        {R"({"status":2})", ERROR}, "before -1 2 0  0 7m"},
+    {2, IMPL "getMigrateInfo start", IMPL "getMigrateInfo", CALL(GetMigrateInfo(STAGE, out.info, out.error)), {3U},
+        {R"({"migrateProgress":{"percent":40}})", ERROR}, "before -1 0 40  0 7m"},
+    {3, IMPL "getPakMigrateInfo start", IMPL "getPakMigrateInfo", CALL(GetPakMigrateInfo(out.paks, out.error)), {},
+        {R"([{"source":"p"}])", ERROR}, "before -1 0 0 p 0 7m"},
+    {4, IMPL "GetApkInfo start", IMPL "GetApkInfo", CALL(GetApkInfo(out.apks, out.error)), {},
         {R"(["x"])", ERROR}, "before -1 0 0 x 0 7m"},
-    {"StartMigrate", 5, IMPL "startMigrate start", IMPL "StartMigrate", CALL(StartMigrate(out.error)), {}, {ERROR},
-        ONLY_ERROR},
-    {"StartPakMigrate", 6, IMPL "startPakMigrate", IMPL "StartPakMigrate", CALL(StartPakMigrate("p", out.error)),
-        {"p"}, {ERROR}, ONLY_ERROR},
-    {"RemoveMigrate", 7, IMPL "RemoveMigrate start", IMPL "RemoveMigrate", CALL(RemoveMigrate(-9, out.error)), {-9},
-        {ERROR}, ONLY_ERROR},
-    {"RemovePakMigrate", 8, IMPL "RemovePakMigrate start", IMPL "RemovePakMigrate",
-        CALL(RemovePakMigrate("", out.error)), {""}, {ERROR}, ONLY_ERROR},
-    {"On", 9, "RegisterProgressCallBack Start", "RegisterProgressCallBack", CALL(On({})), {AnObject{}}, {}, UNTOUCHED},
-    {"Off", 10, "UnRegisterAllProgressCallBack", "UnRegisterProgressCallBack", CALL(Off()), {}, {}, UNTOUCHED},
-    {"SetMigratePolicy", 11, "SetMigratePolicy", "SetMigratePolicy", CALL(SetMigratePolicy({1, 2}, out.error)), {2},
-        {ERROR}, ONLY_ERROR},
-    {"CheckAppRestore", 12, "CheckAppRestore, bundleName b", "CheckAppRestore",
-        CALL(CheckAppRestore("b", out.text, out.error)), {"b"}, {"no { json", ERROR}, "no { json -1 0 0  0 7m"},
-    {"PresetData", 13, "PresetData", "PresetData", CALL(PresetData("d", out.error)), {"d"}, {ERROR}, ONLY_ERROR},
-    {"GetMigrateResult", 14, "GetMigrateResult", "GetMigrateResult", CALL(GetMigrateResult(out.text, out.error)), {},
+    {5, IMPL "startMigrate start", IMPL "StartMigrate", CALL(StartMigrate(out.error)), {}},
+    {6, IMPL "startPakMigrate", IMPL "StartPakMigrate", CALL(StartPakMigrate("p", out.error)), {"p"}},
+    {7, IMPL "RemoveMigrate start", IMPL "RemoveMigrate", CALL(RemoveMigrate(-9, out.error)), {-9}},
+    {8, IMPL "RemovePakMigrate start", IMPL "RemovePakMigrate", CALL(RemovePakMigrate("", out.error)), {""}},
+    {9, "RegisterProgressCallBack Start", "RegisterProgressCallBack", CALL(On({})), {AN_OBJECT}, {}, UNTOUCHED},
+    {10, "UnRegisterAllProgressCallBack", "UnRegisterProgressCallBack", CALL(Off()), {}, {}, UNTOUCHED},
+    {11, "SetMigratePolicy", "SetMigratePolicy", CALL(SetMigratePolicy({1, 2}, out.error)), {2}},
+    {12, "CheckAppRestore, bundleName b", "CheckAppRestore", CALL(CheckAppRestore("b", out.text, out.error)), {"b"},
+        {"no { json", ERROR}, "no { json -1 0 0  0 7m"},
+    {13, "PresetData", "PresetData", CALL(PresetData("d", out.error)), {"d"}},
+    {14, "GetMigrateResult", "GetMigrateResult", CALL(GetMigrateResult(out.text, out.error)), {},
         {"", ERROR}, " -1 0 0  0 7m"},
-    {"GetMigrationUsers", 15, "GetMigrationUsers", "GetMigrationUsers", CALL(GetMigrationUsers(out.users, out.error)),
-        {}, {R"([{"targetUser":5},{}])", ERROR}, "before -1 0 0 -1 0 7m"},
-    {"GetModuleMigrationPolicy", 16, "GetModuleMigrationPolicy", "GetModuleMigrationPolicy",
+    {15, "GetMigrationUsers", "GetMigrationUsers", CALL(GetMigrationUsers(out.users, out.error)), {},
+        {R"([{"targetUser":5},{}])", ERROR}, "before -1 0 0 -1 0 7m"},
+    {16, "GetModuleMigrationPolicy", "GetModuleMigrationPolicy",
         CALL(GetModuleMigrationPolicy(true, {{1, "a"}, {2, "\""}}, out.policies, out.error)),
         {true, R"([{"type":1,"id":"a"},{"type":2,"id":"\""}])"}, {R"([{"sourceModuleInfo":{"id":"s"}}])", ERROR},
         "before -1 0 0 s 0 7m"},
-    {"GetModuleMigrationPolicyOfNone", 16, "GetModuleMigrationPolicy", "GetModuleMigrationPolicy",
-        CALL(GetModuleMigrationPolicy(false, {}, out.policies, out.error)), {false, "[]"}, {"no json", ERROR},
-        ONLY_ERROR},
-    {"ResumeMigration", 17, IMPL "resumeMigration start", IMPL "ResumeMigration", CALL(ResumeMigration(out.error)), {},
+    {16, "GetModuleMigrationPolicy", "GetModuleMigrationPolicy",
+        CALL(GetModuleMigrationPolicy(false, {}, out.policies, out.error)), {false, "[]"}, {"no json", ERROR}},
+    {17, IMPL "resumeMigration start", IMPL "ResumeMigration", CALL(ResumeMigration(out.error)), {},
         {"no json"}, UNTOUCHED},
-    {"NotifyEmporionCoreEvent", 25, IMPL "notifyEmporionCoreEvent start", IMPL "NotifyEmporionCoreEvent",
-        CALL(NotifyEmporionCoreEvent(AAFwk::Want().SetAction("event"), out.error)), {WantOf{"event"}}, {ERROR},
-        ONLY_ERROR},
-    {"StartPakMigration", 26, "StartPakMigration, packageName:p, bundleName:b", IMPL "START_PAK_MIGRATION",
-        CALL(StartPakMigration("p", "b", "x", out.error)), {"p", "b", "x"}, {ERROR}, ONLY_ERROR},
-    {"GetPakMigrationTaskStatus", 27, IMPL "GetPakMigrationTaskStatus start, bundleName:b",
-        IMPL "GetPakMigrationTaskStatus", CALL(GetPakMigrationTaskStatus("b", out.reserve, out.error)), {"b"},
+    {25, IMPL "notifyEmporionCoreEvent start", IMPL "NotifyEmporionCoreEvent",
+        CALL(NotifyEmporionCoreEvent(AAFwk::Want().SetAction("event"), out.error)),
+        {AAFwk::Want().SetAction("event")}},
+    {26, "StartPakMigration, packageName:p, bundleName:b", IMPL "START_PAK_MIGRATION",
+        CALL(StartPakMigration("p", "b", "x", out.error)), {"p", "b", "x"}},
+    {27, IMPL "GetPakMigrationTaskStatus start, bundleName:b", IMPL "GetPakMigrationTaskStatus",
+        CALL(GetPakMigrationTaskStatus("b", out.reserve, out.error)), {"b"},
         {R"({"errorInfo":{"code":4}})", ERROR}, "before -1 0 0  4 7m"},
-    {"GetMigrationDataSize", 28, IMPL "GetMigrationDataSize", IMPL "GetMigrationDataSize",
-        CALL(GetMigrationDataSize(out.size, out.error)), {}, {int64_t{1} << 40, ERROR},
-        "before 1099511627776 0 0  0 7m"},
-    {"SetBackupFileOwn", 31, IMPL "SetBackupFileOwn", nullptr,
-        CALL(SetBackupFileOwn(sptr<ISetBackupFileOwnInterface>(new Owner))), {AnObject{}}, {}, UNTOUCHED},
+    {28, IMPL "GetMigrationDataSize", IMPL "GetMigrationDataSize", CALL(GetMigrationDataSize(out.size, out.error)), {},
+        {int64_t{1} << 40, ERROR}, "before 1099511627776 0 0  0 7m"},
+    {31, IMPL "SetBackupFileOwn", nullptr, CALL(SetBackupFileOwn(iface_cast<ISetBackupFileOwnInterface>(A_PROXY))),
+        {AN_OBJECT}, {}, UNTOUCHED},
 };
 // clang-format on
 
-const LinesOf CLIENT("migrate_server_kits_impl.cpp");
+const LinesOf CLIENT{"migrate_server_kits_impl.cpp"};
 
-void RunCase(const OperationCase& operation, MigrateServerKits& kits, const Outcome& outcome, const Lines& lines)
-{
-    Outputs outputs;
-    RecordingLogSink log;
-    EXPECT_EQ(operation.call(kits, outputs), outcome.result);
-    EXPECT_EQ(Show(outputs), outcome.result == 0 ? operation.shown : UNTOUCHED);
-    EXPECT_EQ(log.Messages(), CLIENT.Info({operation.startLine}) + lines);
-}
+class KitsRequestsTest : public KitsTest {
+protected:
+    void RunCase(const OperationCase& operation, int32_t result, const Lines& lines)
+    {
+        Outputs outputs;
+        RecordingLogSink log;
+        EXPECT_EQ(operation.call(kits_, outputs), result);
+        EXPECT_EQ(Show(outputs), result == 0 ? operation.shown : UNTOUCHED);
+        EXPECT_EQ(log.Messages(), CLIENT.Info({operation.startLine}) + lines);
+    }
 
-using KitsRequestsTest = KitsTest;
+    MigrateServerKitsImpl kits_;
+};
 
 TEST_F(KitsRequestsTest, EveryOperationSendsBindsMapsAndLogs)
 {
+    const Lines entry = CLIENT.Info({"GetService entry"});
     for (const OperationCase& operation : OPERATION_CASES) {
-        SCOPED_TRACE(operation.name);
-        MigrateServerKitsImpl kits;
-        manager_->SetRunning(MIGRATE_SERVICE_ID, nullptr);
-        RunCase(operation, kits, {0, 104},
-            CLIENT.Info({"GetService entry", "GetService recreate service instance"}) +
+        SCOPED_TRACE(operation.startLine);
+        RunCase(operation, 104,
+            entry + CLIENT.Info({"GetService recreate service instance"}) +
                 CLIENT.Error({"Get remote object from samgr failed", "Service is null"}));
-
-        const sptr<ScriptedRemoteObject> service = RunService();
-        kits.GetService();
-        for (const Outcome& outcome : OUTCOMES) {
-            SCOPED_TRACE(outcome.transport);
-            service->SetHandler(Answer(operation.code, operation.request, operation.reply, outcome.transport));
-            const bool hasLine = outcome.result != 0 && operation.resultName != nullptr;
-            RunCase(operation, kits, outcome,
-                CLIENT.Info({"GetService entry"}) + ProxyLines(outcome.transport) +
-                    (hasLine ? CLIENT.Error({operation.resultName + (" result is " + std::to_string(outcome.result))})
-                             : Lines()));
+    }
+    const sptr<ScriptedRemoteObject> service = RunService();
+    kits_.GetService();
+    for (const OperationCase& operation : OPERATION_CASES) {
+        for (const auto& [transport, result] : OUTCOMES) {
+            SCOPED_TRACE(operation.startLine + std::to_string(transport));
+            service->SetHandler(Answer(operation.code, operation.request, operation.reply, transport));
+            Lines lines = entry + ProxyLines(transport);
+            if (result != 0 && operation.resultName != nullptr) {
+                lines = lines + CLIENT.Error({operation.resultName + (" result is " + std::to_string(result))});
+            }
+            RunCase(operation, result, lines);
         }
         const RefusingParcels refusing;
-        RunCase(operation, kits, {0, 104},
-            CLIENT.Info({"GetService entry"}) + CLIENT.Error({"MigrateServerKitsImpl WriteInterfaceToken fail"}));
-        EXPECT_EQ(service->Requests().size(), std::size(OUTCOMES));
+        RunCase(operation, 104, entry + CLIENT.Error({"MigrateServerKitsImpl WriteInterfaceToken fail"}));
     }
+    EXPECT_EQ(service->Requests().size(), std::size(OPERATION_CASES) * std::size(OUTCOMES));
 }
 
 TEST_F(KitsRequestsTest, NullBackupFileOwnerIsRefusedBeforeAnyLookup)
 {
-    MigrateServerKitsImpl kits;
     RecordingLogSink log;
-    EXPECT_EQ(kits.SetBackupFileOwn(nullptr), 104);
+    EXPECT_EQ(kits_.SetBackupFileOwn(nullptr), 104);
     EXPECT_EQ(
         log.Messages(), CLIENT.Info({IMPL "SetBackupFileOwn"}) + CLIENT.Error({"SetBackupFileOwn callback is null"}));
     EXPECT_TRUE(manager_->Calls().empty());

@@ -21,7 +21,7 @@ sptr<IReserveMigrateStatusObserver> NewObserver()
     return new Observer;
 }
 
-const LinesOf CLIENT("reserve_migrate_kits.cpp");
+const LinesOf CLIENT{"reserve_migrate_kits.cpp"};
 const Lines LOOKUP = CLIENT.Info({"GetService entry", "GetService recreate service instance"});
 const Lines WATCHED = CLIENT.Info({"ReserveMigrateKits::AddDeathRecipient ret=true"});
 
@@ -42,7 +42,7 @@ struct ReserveCase {
 const ReserveCase RESERVE_CASES[] = {
     {18, CALL(GetRestoreAppInfos, "t", -1), {"t", -1}, "eroor", "GetRestoreAppInfos"},
     {19, CALL(RestoreApp, "a", "b"), {"a", "b"}, "eroor", "RestoreApp"},
-    {20, CALL(RegisterCallback, "c", NewObserver()), {"c", AnObject{}}, "eroor", "RegisterCallback"},
+    {20, CALL(RegisterCallback, "c", NewObserver()), {"c", AN_OBJECT}, "eroor", "RegisterCallback"},
     {21, CALL(UnRegisterCallback, "c"), {"c"}, "eroor", "RegisterCallback", " WriteInterfaceToken error"},
     {22, CALL(ClearApp, "a", "b"), {"a", "b"}, "error", "ClearApp"},
     {23, CALL(ClearAllVirtualData, "t"), {"t"}, "error", "ClearAllVirtualData"},
@@ -51,45 +51,45 @@ const ReserveCase RESERVE_CASES[] = {
 };
 // clang-format on
 
-void RunCase(
-    const ReserveCase& operation, ReserveMigrateKits& kits, int32_t result, const char* replyText, const Lines& lines)
-{
-    std::string reply = "before";
-    RecordingLogSink log;
-    EXPECT_EQ(operation.call(kits, reply), result);
-    EXPECT_EQ(reply, replyText);
-    EXPECT_EQ(log.Messages(), CLIENT.Info({operation.name}) + lines);
-}
+class ReserveRequestsTest : public KitsTest {
+protected:
+    void RunCase(const ReserveCase& operation, int32_t result, const char* replyText, const Lines& lines)
+    {
+        std::string reply = "before";
+        RecordingLogSink log;
+        EXPECT_EQ(operation.call(kits_, reply), result);
+        EXPECT_EQ(reply, replyText);
+        EXPECT_EQ(log.Messages(), CLIENT.Info({operation.name}) + lines);
+    }
 
-using ReserveRequestsTest = KitsTest;
+    ReserveMigrateKits kits_;
+};
 
 TEST_F(ReserveRequestsTest, EveryOperationSendsMapsAndLogs)
 {
+    const Lines entry = CLIENT.Info({"GetService entry"});
     for (const ReserveCase& operation : RESERVE_CASES) {
         SCOPED_TRACE(operation.name);
-        ReserveMigrateKits kits;
-        manager_->SetRunning(MIGRATE_SERVICE_ID, nullptr);
-        RunCase(operation, kits, 104, "before",
+        RunCase(operation, 104, "before",
             LOOKUP + CLIENT.Error({"Get remote object from samgr failed"}) +
                 CLIENT.Info({operation.nameInLines + " error, remote server is null"}));
-
-        const sptr<ScriptedRemoteObject> service = RunService();
-        kits.GetService();
+    }
+    const sptr<ScriptedRemoteObject> service = RunService();
+    kits_.GetService();
+    for (const ReserveCase& operation : RESERVE_CASES) {
         for (const auto& [transport, result] : OUTCOMES) {
-            SCOPED_TRACE(transport);
+            SCOPED_TRACE(operation.name + std::to_string(transport));
             const char* const text = transport == 2000 ? "" : "no { json";
             service->SetHandler(Answer(operation.code, operation.request, {text}, transport));
-            RunCase(operation, kits, result, result == 0 ? text : "before",
-                CLIENT.Info({"GetService entry"}) + ProxyLines(transport) +
-                    (result == 0 ? Lines()
-                                 : CLIENT.Error({operation.nameInLines + " call " + operation.failure +
-                                                 ", ret=" + std::to_string(result)})));
+            const Lines failed = CLIENT.Error(
+                {operation.nameInLines + " call " + operation.failure + ", ret=" + std::to_string(result)});
+            RunCase(operation, result, result == 0 ? text : "before",
+                entry + ProxyLines(transport) + (result == 0 ? Lines() : failed));
         }
         const RefusingParcels refusing;
-        RunCase(
-            operation, kits, 104, "before", CLIENT.Info({"GetService entry", operation.nameInLines + operation.token}));
-        EXPECT_EQ(service->Requests().size(), std::size(OUTCOMES));
+        RunCase(operation, 104, "before", entry + CLIENT.Info({operation.nameInLines + operation.token}));
     }
+    EXPECT_EQ(service->Requests().size(), std::size(RESERVE_CASES) * std::size(OUTCOMES));
 }
 
 class ReserveObserversTest : public KitsTest {
@@ -140,14 +140,13 @@ TEST_F(ReserveObserversTest, OnlyASentUnregistrationForgetsTheObserver)
 {
     const sptr<ScriptedRemoteObject> first = RunService();
     Register("a", NewObserver());
+    const Lines dead = CLIENT.Info({"migrate_server is dead", "resume migrate broker callbacks"});
     RecordingLogSink log;
     Register("b", nullptr, 104);
-    EXPECT_EQ(log.Messages(), CLIENT.Info({"RegisterCallback", "RegisterCallback, b observer callback is nullptr"}));
-    const Lines dead = CLIENT.Info({"migrate_server is dead", "resume migrate broker callbacks"});
-    log.Clear();
     first->Die();
-    EXPECT_EQ(
-        log.Messages(), dead + LOOKUP + CLIENT.Error({"Get remote object from samgr failed", "service is nullptr"}));
+    EXPECT_EQ(log.Messages(), CLIENT.Info({"RegisterCallback", "RegisterCallback, b observer callback is nullptr"}) +
+                                  dead + LOOKUP +
+                                  CLIENT.Error({"Get remote object from samgr failed", "service is nullptr"}));
     const sptr<ScriptedRemoteObject> second = RunService();
     {
         const RefusingParcels refusing;
@@ -221,25 +220,6 @@ TEST_F(ReserveObserversTest, EndWaitsForAHandlerOnAnotherThread)
     ending.join();
     EXPECT_EQ(after->Requests().size(), 1U);
     EXPECT_EQ(after->RecipientCount(), 0U);
-}
-
-// Objects that end while their service dies. The sanitizers judge, too.
-TEST_F(ReserveObserversTest, EndsDuringDeaths)
-{
-    for (int i = 0; i < 1000; ++i) {
-        const sptr<ScriptedRemoteObject> service = RunService();
-        kits_.emplace();
-        Register("a", NewObserver());
-        const sptr<ScriptedRemoteObject> next = PrepareService();
-        std::thread death([&] { service->Die(); });
-        if (i % 2 == 0) {
-            std::this_thread::sleep_for(std::chrono::microseconds(i % 100));
-        }
-        kits_.reset();
-        const size_t requests = next->Requests().size();
-        death.join();
-        EXPECT_EQ(next->Requests().size(), requests) << "a handler ran on after the end";
-    }
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <string>
 
 #include "support/processes.h"
@@ -35,15 +36,16 @@ protected:
         return object;
     }
     sptr<IRemoteObject> Fetch(const std::string& name) { return Call(hub_, FETCH).Text(name).AnswerObject(); }
-    static int32_t TableSizeOf(const sptr<IRemoteObject>& object) { return Call(object, TABLE_SIZE).Answer(); }
     static bool TableSettlesAt(const sptr<IRemoteObject>& object, int32_t size)
     {
-        return Eventually([&] { return TableSizeOf(object) == size; });
+        return Eventually([&] { return Call(object, TABLE_SIZE).Answer() == size; });
     }
-    static int64_t ResidentOf(const sptr<IRemoteObject>& object)
+    static int64_t ResidentBytes(pid_t pid)
     {
-        Call call(object, RESIDENT);
-        return call.Send() == 0 ? call.Reply().ReadInt64() : -1;
+        int64_t all = 0;
+        int64_t resident = 0;
+        std::ifstream("/proc/" + std::to_string(pid) + "/statm") >> all >> resident;
+        return resident * sysconf(_SC_PAGESIZE);
     }
 
     ChildProcess hubProcess_;

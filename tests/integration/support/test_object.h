@@ -3,13 +3,11 @@
 // test processes find each other's objects.
 #pragma once
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <stdexcept>
@@ -29,17 +27,15 @@ namespace VEXA::test {
 enum Code : uint32_t {
     ADD_ONE = 1,  // int32 -> int32
     NEST,         // int32 depth, object -> int32: calls object->NEST(depth - 1, self), and adds one to its answer
-    KEEP,         // object
+    KEEP,         // object, or null
     GIVE,         // -> the object kept
     CALL_KEPT,    // int32 -> what ADD_ONE on the object kept makes of it
-    DROP,
-    DIE,         // int32: how, see Death
-    HANG,        // does not answer
-    ECHO,        // string -> string
-    MANY_NEW,    // int32 n -> n new objects
-    MAKE_NEW,    // -> a new object
-    TABLE_SIZE,  // -> int32: objects that other processes hold
-    RESIDENT,    // -> int64: bytes of resident memory
+    DIE,          // int32: of that signal; 0: exits
+    HANG,         // does not answer
+    ECHO,         // string -> string
+    MANY_NEW,     // int32 n -> n new objects
+    MAKE_NEW,     // -> a new object
+    TABLE_SIZE,   // -> int32: objects that other processes hold
     THROW,
     WHO_CALLS,  // -> int32 pid, int32 uid
     NOTE,       // int32, one-way: waits for the gate and notes the number
@@ -49,187 +45,9 @@ enum Code : uint32_t {
     ENTERED,     // -> int32: how many NOTEs have begun
     PASS,        // string name, object: puts it under that name (hub)
     FETCH,       // string name -> object (hub)
-    FETCH_FROM,  // string name, object: keeps what that object, a hub, has under the name
+    FETCH_KEPT,  // string name: keeps what the hub has under the name
     RESULT,      // int32 -> that result
     LIMIT,       // int32: how many threads may carry out requests
-};
-
-enum Death : int32_t { BY_KILL, BY_ABORT, BY_EXIT };
-
-class TestObject : public IPCObjectStub {
-public:
-    static std::atomic<int>& Alive()
-    {
-        static std::atomic<int> count{0};
-        return count;
-    }
-    TestObject() { ++Alive(); }
-    ~TestObject() override { --Alive(); }
-
-    int32_t OnRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option) override
-    {
-        switch (code) {
-            case ADD_ONE:
-                reply.WriteInt32(data.ReadInt32() + 1);
-                return 0;
-            case NEST:
-                return Nest(data, reply);
-            case KEEP: {
-                MutexLock lock(mutex_);
-                kept_ = data.ReadRemoteObject();
-                return 0;
-            }
-            case GIVE:
-                return reply.WriteRemoteObject(Kept()) ? 0 : 1;
-            case CALL_KEPT:
-                return Kept()->SendRequest(ADD_ONE, data, reply, option);
-            case FETCH_FROM: {
-                MessageParcel name;
-                name.WriteString(data.ReadString());
-                MessageParcel found;
-                const int32_t result = data.ReadRemoteObject()->SendRequest(FETCH, name, found, option);
-                MutexLock lock(mutex_);
-                kept_ = found.ReadRemoteObject();
-                return result;
-            }
-            case DROP: {
-                sptr<IRemoteObject> dropped;
-                MutexLock lock(mutex_);
-                dropped.Swap(kept_);
-                return 0;
-            }
-            case DIE:
-                Die(data.ReadInt32());
-                return 0;
-            case HANG:
-                pause();
-                return 0;
-            case ECHO:
-                return reply.WriteString(data.ReadString()) ? 0 : 1;
-            case MANY_NEW:
-                for (int32_t left = data.ReadInt32(); left > 0; --left) {
-                    reply.WriteRemoteObject(new TestObject);
-                }
-                return 0;
-            case MAKE_NEW:
-                reply.WriteRemoteObject(new TestObject);
-                return 0;
-            case TABLE_SIZE:
-                reply.WriteInt32(static_cast<int32_t>(ipc::IpcProcess::Get().Objects().Size()));
-                return 0;
-            case RESIDENT:
-                reply.WriteInt64(ResidentBytes());
-                return 0;
-            case THROW:
-                throw std::runtime_error("on request");
-            case WHO_CALLS:
-                reply.WriteInt32(IPCSkeleton::GetCallingPid());
-                reply.WriteInt32(static_cast<int32_t>(IPCSkeleton::GetCallingUid()));
-                return 0;
-            case RESULT:
-                return data.ReadInt32();
-            case LIMIT:
-                IPCSkeleton::SetMaxWorkThreads(static_cast<size_t>(data.ReadInt32()));
-                return 0;
-            default:
-                return OneWayOrHub(code, data, reply);
-        }
-    }
-
-    static int64_t ResidentBytes()
-    {
-        long pages = 0;
-        if (FILE* statm = std::fopen("/proc/self/statm", "re")) {
-            [[maybe_unused]] const int read = std::fscanf(statm, "%*d %ld", &pages);
-            std::fclose(statm);
-        }
-        return pages * sysconf(_SC_PAGESIZE);
-    }
-
-private:
-    int32_t OneWayOrHub(uint32_t code, MessageParcel& data, MessageParcel& reply)
-    {
-        MutexLock lock(mutex_);
-        switch (code) {
-            case NOTE:
-                ++entered_;
-                opened_.WaitFor(
-                    mutex_, std::chrono::seconds(60), [this]() VEXA_NO_THREAD_SAFETY_ANALYSIS { return gateOpen_; });
-                notes_.push_back(data.ReadInt32());
-                return 0;
-            case NOTES:
-                reply.WriteInt32(static_cast<int32_t>(notes_.size()));
-                for (const int32_t note : notes_) {
-                    reply.WriteInt32(note);
-                }
-                return 0;
-            case SHUT_GATE:
-            case OPEN_GATE:
-                gateOpen_ = code == OPEN_GATE;
-                opened_.NotifyAll();
-                return 0;
-            case ENTERED:
-                reply.WriteInt32(entered_);
-                return 0;
-            case PASS: {
-                const std::string name = data.ReadString();
-                hub_[name] = data.ReadRemoteObject();
-                return 0;
-            }
-            case FETCH:
-                return reply.WriteRemoteObject(hub_[data.ReadString()]) ? 0 : 1;
-            default:
-                return IPC_UNKNOWN_REQUEST;
-        }
-    }
-
-    int32_t Nest(MessageParcel& data, MessageParcel& reply)
-    {
-        const int32_t depth = data.ReadInt32();
-        const sptr<IRemoteObject> other = data.ReadRemoteObject();
-        int32_t answer = 0;
-        if (depth > 0) {
-            MessageParcel inner;
-            MessageParcel innerReply;
-            MessageOption option;
-            inner.WriteInt32(depth - 1);
-            inner.WriteRemoteObject(this);
-            const int32_t result = other->SendRequest(NEST, inner, innerReply, option);
-            if (result != 0) {
-                return result;
-            }
-            answer = innerReply.ReadInt32() + 1;
-        }
-        reply.WriteInt32(answer);
-        return 0;
-    }
-
-    static void Die(int32_t how)
-    {
-        switch (how) {
-            case BY_KILL:
-                kill(getpid(), SIGKILL);
-                break;
-            case BY_ABORT:
-                std::abort();
-            default:
-                std::exit(0);
-        }
-    }
-
-    sptr<IRemoteObject> Kept()
-    {
-        MutexLock lock(mutex_);
-        return kept_;
-    }
-
-    Mutex mutex_;
-    CondVar opened_;
-    sptr<IRemoteObject> kept_ VEXA_GUARDED_BY(mutex_);
-    std::map<std::string, sptr<IRemoteObject>> hub_ VEXA_GUARDED_BY(mutex_);
-    std::vector<int32_t> notes_ VEXA_GUARDED_BY(mutex_);
-    int32_t entered_ VEXA_GUARDED_BY(mutex_) = 0;
-    bool gateOpen_ VEXA_GUARDED_BY(mutex_) = true;
 };
 
 // One request with at most one number and one object as arguments.
@@ -273,6 +91,129 @@ private:
     MessageParcel data_;
     MessageParcel reply_;
     MessageOption option_;
+};
+
+class TestObject : public IPCObjectStub {
+public:
+    static std::atomic<int>& Alive()
+    {
+        static std::atomic<int> count{0};
+        return count;
+    }
+    TestObject() { ++Alive(); }
+    ~TestObject() override { --Alive(); }
+
+    int32_t OnRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option) override
+    {
+        switch (code) {
+            case ADD_ONE:
+                return reply.WriteInt32(data.ReadInt32() + 1) ? 0 : 1;
+            case NEST:
+                return Nest(data, reply);
+            case GIVE:
+                return reply.WriteRemoteObject(Kept()) ? 0 : 1;
+            case CALL_KEPT:
+                return Kept()->SendRequest(ADD_ONE, data, reply, option);
+            case DIE:
+                if (const int32_t signal = data.ReadInt32(); signal != 0) {
+                    raise(signal);
+                }
+                std::exit(0);
+            case HANG:
+                pause();
+                return 0;
+            case ECHO:
+                return reply.WriteString(data.ReadString()) ? 0 : 1;
+            case MANY_NEW:
+                for (int32_t left = data.ReadInt32(); left > 0; --left) {
+                    reply.WriteRemoteObject(new TestObject);
+                }
+                return 0;
+            case MAKE_NEW:
+                return reply.WriteRemoteObject(new TestObject) ? 0 : 1;
+            case TABLE_SIZE:
+                return reply.WriteInt32(static_cast<int32_t>(ipc::IpcProcess::Get().Objects().Size())) ? 0 : 1;
+            case THROW:
+                throw std::runtime_error("on request");
+            case WHO_CALLS:
+                reply.WriteInt32(IPCSkeleton::GetCallingPid());
+                reply.WriteInt32(static_cast<int32_t>(IPCSkeleton::GetCallingUid()));
+                return 0;
+            case RESULT:
+                return data.ReadInt32();
+            case LIMIT:
+                IPCSkeleton::SetMaxWorkThreads(static_cast<size_t>(data.ReadInt32()));
+                return 0;
+            default:
+                return OnStateRequest(code, data, reply);
+        }
+    }
+
+private:
+    int32_t OnStateRequest(uint32_t code, MessageParcel& data, MessageParcel& reply)
+    {
+        MutexLock lock(mutex_);
+        switch (code) {
+            case KEEP:
+                kept_ = data.ReadRemoteObject();
+                return 0;
+            case FETCH_KEPT:
+                kept_ = Call(GetContextObject(), FETCH).Text(data.ReadString()).AnswerObject();
+                return 0;
+            case NOTE:
+                ++entered_;
+                opened_.WaitFor(
+                    mutex_, std::chrono::seconds(60), [this]() VEXA_NO_THREAD_SAFETY_ANALYSIS { return gateOpen_; });
+                notes_.push_back(data.ReadInt32());
+                return 0;
+            case NOTES:
+                reply.WriteInt32(static_cast<int32_t>(notes_.size()));
+                for (const int32_t note : notes_) {
+                    reply.WriteInt32(note);
+                }
+                return 0;
+            case SHUT_GATE:
+            case OPEN_GATE:
+                gateOpen_ = code == OPEN_GATE;
+                opened_.NotifyAll();
+                return 0;
+            case ENTERED:
+                return reply.WriteInt32(entered_) ? 0 : 1;
+            case PASS: {
+                const std::string name = data.ReadString();
+                hub_[name] = data.ReadRemoteObject();
+                return 0;
+            }
+            case FETCH:
+                return reply.WriteRemoteObject(hub_[data.ReadString()]) ? 0 : 1;
+            default:
+                return IPC_UNKNOWN_REQUEST;
+        }
+    }
+
+    int32_t Nest(MessageParcel& data, MessageParcel& reply)
+    {
+        const int32_t depth = data.ReadInt32();
+        const sptr<IRemoteObject> other = data.ReadRemoteObject();
+        Call inner(other, NEST);
+        const int32_t result = depth > 0 ? inner.Int(depth - 1).Object(this).Send() : 0;
+        reply.WriteInt32(depth > 0 ? inner.Reply().ReadInt32() + 1 : 0);
+        return result;
+    }
+
+    sptr<IRemoteObject> Kept()
+    {
+        MutexLock lock(mutex_);
+        return kept_;
+    }
+
+    Mutex mutex_;
+    CondVar opened_;
+    sptr<IRemoteObject> kept_ VEXA_GUARDED_BY(mutex_);
+    std::map<std::string, sptr<IRemoteObject>> hub_ VEXA_GUARDED_BY(mutex_);
+    std::vector<int32_t> notes_ VEXA_GUARDED_BY(mutex_);
+    int32_t entered_ VEXA_GUARDED_BY(mutex_) = 0;
+    bool gateOpen_ VEXA_GUARDED_BY(mutex_) = true;
 };
 
 class CountingRecipient : public IRemoteObject::DeathRecipient {
