@@ -5,3 +5,11 @@ set_target_properties(ipc_peer PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BI
 foreach(area requests objects bad_peers)
     nm_test(ipc_${area}_test SOURCES ipc_${area}_test.cpp USES vexa_ipc PROGRAMS ipc_peer LABELS integration)
 endforeach()
+
+# By how much a process may grow over many passes. AddressSanitizer keeps up to 256 MiB of freed memory from being used
+# again, and ThreadSanitizer's own books grow with each new object; without them it is for the allocator's arenas.
+set(slack_mebibytes 4)
+if(NM_SANITIZE)
+    set(slack_mebibytes 256)
+endif()
+target_compile_definitions(ipc_objects_test PRIVATE SLACK_MEBIBYTES=${slack_mebibytes})

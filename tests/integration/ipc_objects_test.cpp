@@ -15,12 +15,7 @@ using Clock = std::chrono::steady_clock;
 
 class IpcObjects : public PeerTest {};
 
-// AddressSanitizer keeps up to 256 MiB of freed memory from being used again; it finds leaks by itself.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr int64_t kSlackBytes = int64_t{256} << 20;
-#else
-constexpr int64_t kSlackBytes = int64_t{4} << 20;
-#endif
+constexpr int64_t kSlackBytes = int64_t{SLACK_MEBIBYTES} << 20;
 
 TEST_F(IpcObjects, IdentityHoldsAcrossProcesses)
 {
