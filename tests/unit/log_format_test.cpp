@@ -5,7 +5,6 @@
 #include <climits>
 #include <cstdint>
 #include <cstdio>
-#include <regex>
 #include <string>
 
 #include "log_formatter.h"
@@ -34,7 +33,10 @@ void ExpectLikePrintf(const char* format, Args... args)
 {
     char expected[1024];
     std::snprintf(expected, sizeof expected, format, args...);
-    const std::string marked = std::regex_replace(format, std::regex("%"), "%{public}");
+    std::string marked;
+    for (const char* next = format; *next != '\0'; ++next) {
+        marked += *next == '%' ? "%{public}" : std::string(1, *next);
+    }
     const Formatted formatted = Format(false, marked.c_str(), args...);
     EXPECT_TRUE(formatted.usable) << format;
     EXPECT_EQ(formatted.text, expected) << format;
