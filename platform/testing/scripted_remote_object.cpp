@@ -47,6 +47,13 @@ std::vector<ScriptedRemoteObject::Request> ScriptedRemoteObject::Requests() cons
     return requests_;
 }
 
+void ScriptedRemoteObject::ClearRequests()
+{
+    std::vector<Request> cleared;
+    MutexLock lock(mutex_);
+    cleared.swap(requests_);
+}
+
 void ScriptedRemoteObject::RefuseDeathRecipients(bool refuse)
 {
     MutexLock lock(mutex_);

@@ -36,6 +36,7 @@ protected:
             return answers_ ? Report(callback_, {kId, SAMGR_OK, isDead ? corpse_ : living_, {}}) : int32_t{SAMGR_OK};
         });
     }
+    ~SamgrLoad() override { manager_->ClearRequests(); }
     sptr<PendingLoad> Ask(std::chrono::milliseconds limit = 2000ms)
     {
         sptr<PendingLoad> load(new PendingLoad(manager_, kId, steady_clock::now() + limit,

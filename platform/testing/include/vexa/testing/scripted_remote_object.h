@@ -44,6 +44,8 @@ public:
     void QueueAnswer(int32_t result, std::vector<std::string> texts = {});
     // All requests so far, those of the time after the death too.
     std::vector<Request> Requests() const;
+    // Forgets them, and the objects that they carry: those may hold this one.
+    void ClearRequests();
 
     // While refused, AddDeathRecipient returns false.
     void RefuseDeathRecipients(bool refuse);
