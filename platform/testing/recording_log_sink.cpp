@@ -23,6 +23,9 @@ RecordedMessage SplitPrefix(const LogEntry& entry)
 RecordingLogSink::RecordingLogSink(uint32_t level) : previousLevel_(KoLogGetLevel())
 {
     previous_ = SetLogSink(this);
+    // The next line would report what the sink before has dropped, which is not of this time.
+    KoLogPrint(KOLOG_TYPE_CORE, KOLOG_FATAL, 0, "", "a recording begins");
+    Clear();
     KoLogSetLevel(level);
 }
 
