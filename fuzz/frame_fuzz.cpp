@@ -18,8 +18,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
     if (size == 0 || socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
         return 0;
     }
-    const UniqueFd in = UniqueFd::Make([&] { return ends[0]; });
-    UniqueFd out = UniqueFd::Make([&] { return ends[1]; });
+    const auto in = ipc::UniqueFd::Make([&] { return ends[0]; });
+    auto out = ipc::UniqueFd::Make([&] { return ends[1]; });
     const size_t step = 1 + *bytes++;
     --size;
     FrameReader reader;

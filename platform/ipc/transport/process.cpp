@@ -141,7 +141,12 @@ sptr<Peer> IpcProcess::Greet(EndpointId claimed, const Credentials& credentials,
 {
     // The kernel tells who listens at the claimed endpoint: it has to be who is speaking.
     const UniqueFd probe = ConnectAtOnce(EndpointPath(claimed));
-    if (claimed == Id() || !probe || !credentials.IsSameAs(CredentialsOf(probe))) {
+    if (!probe) {
+        IPC_LOGE("the endpoint that process %{public}d claims can't be reached: %{public}s", credentials.pid,
+            std::strerror(errno));
+        return nullptr;
+    }
+    if (claimed == Id() || !credentials.IsSameAs(CredentialsOf(probe))) {
         IPC_LOGE("process %{public}d claims an endpoint that is not its own", credentials.pid);
         return nullptr;
     }
