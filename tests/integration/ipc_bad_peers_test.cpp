@@ -7,6 +7,7 @@
 #include <random>
 
 #include "support/peer_fixture.h"
+#include "transport/remote_proxy.h"
 #include "transport/runtime_paths.h"
 #include "transport/socket.h"
 #include "transport/wire.h"
@@ -75,6 +76,21 @@ TEST_F(IpcBadPeers, FalseFirstFramesEndTheConnection)
         EXPECT_TRUE(EndsWithin(Say(&greeting, sizeof(greeting)), std::chrono::seconds(3))) << name;
     }
     Served();
+}
+
+// A process that leaves removes its endpoint first; its name is free while it still is somebody.
+TEST_F(IpcBadPeers, AnEndpointIsNotTakenOverWhileItsProcessLives)
+{
+    ChildProcess process;
+    const sptr<IRemoteObject> node = Start("node", process);
+    ASSERT_EQ(Call(node, ADD_ONE).Int(1).Answer(), 2);
+    const ipc::EndpointId id = static_cast<ipc::RemoteProxy&>(*node).Owner()->Id();
+    unlink(ipc::EndpointPath(id).c_str());
+    const ipc::UniqueFd listener = ipc::ListenAt(ipc::EndpointPath(id));
+    ASSERT_TRUE(listener);
+    const Greeting link = Hello(ipc::ConnectionUse::LINK, id);
+    EXPECT_TRUE(EndsWithin(Say(&link, sizeof(link)), std::chrono::seconds(3)));
+    EXPECT_EQ(Call(node, ADD_ONE).Int(1).Answer(), 2);
 }
 
 TEST_F(IpcBadPeers, GarbageOnThreeHundredConnectionsDisturbsNobody)
