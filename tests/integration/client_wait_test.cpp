@@ -64,7 +64,7 @@ TEST(ClientWait, ASilentServiceCostsTheWaitTimeAndServesTheNextRequest)
     const pid_t pid = Peer().Ask(PEER_PID);
     ASSERT_GT(pid, 0);
     BusinessError error;
-    kill(pid, SIGSTOP);
+    ASSERT_TRUE(StopProcess(pid));
     const auto start = steady_clock::now();
     EXPECT_EQ(StartMigrate(error), MIGRATE_UNREACHABLE);
     const auto waited = steady_clock::now() - start;
@@ -82,7 +82,7 @@ TEST(ClientWait, ADeathInTheMiddleOfARequestEndsItAtOnce)
 {
     const pid_t pid = Peer().Ask(PEER_PID);
     ASSERT_GT(pid, 0);
-    kill(pid, SIGSTOP);
+    ASSERT_TRUE(StopProcess(pid));
     RecordingLogSink lines(KOLOG_INFO);
     BusinessError error;
     error.message = "untouched";

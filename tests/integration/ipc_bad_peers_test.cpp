@@ -126,7 +126,7 @@ TEST_F(IpcBadPeers, StoppedProcessHoldsUpNobody)
     const sptr<IRemoteObject> node = Start("node", process);
     const sptr<IRemoteObject> mine(new TestObject);
     ASSERT_EQ(Call(node, KEEP).Object(mine).Send(), 0);
-    process.Stop();
+    ASSERT_TRUE(process.Stop());
     EXPECT_EQ(Call(node, ADD_ONE).Int(1).Wait(1).Send(), IPC_TIMED_OUT);
     // One-way requests to it pile up to the bound, and no further.
     int32_t queued = 0;

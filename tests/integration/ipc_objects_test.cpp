@@ -72,7 +72,7 @@ TEST_F(IpcObjects, GrantsAreTakenInWhateverOrderTheyAreRead)
     const sptr<IRemoteObject> a = Start("a", owner);
     const sptr<IRemoteObject> b = Start("b", receiver);
     const sptr<IRemoteObject> made = Call(a, MAKE_NEW).AnswerObject();
-    owner.Stop();
+    ASSERT_TRUE(owner.Stop());
     for (int i = 0; i < 200; ++i) {
         ASSERT_EQ(Call(a, NOTE).Int(i).OneWay().Send(), 0);
     }

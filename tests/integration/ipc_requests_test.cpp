@@ -120,7 +120,7 @@ TEST_F(IpcRequests, SilentServiceCostsTheWaitTimeOnly)
 
 TEST_F(IpcRequests, SendingTakesItsTimeFromTheWait)
 {
-    hubProcess_.Signal(SIGSTOP);
+    ASSERT_TRUE(hubProcess_.Stop());
     std::thread later([this] {
         std::this_thread::sleep_for(std::chrono::milliseconds(1500));
         hubProcess_.Signal(SIGCONT);

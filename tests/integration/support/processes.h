@@ -12,6 +12,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <string>
 #include <thread>
@@ -32,6 +33,25 @@ inline bool Eventually(
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;
+}
+
+// Stops the process; whether all its threads have stopped, which for another's child takes a moment after the signal.
+inline bool StopProcess(pid_t pid)
+{
+    const auto stopped = [&] {
+        std::error_code gone;
+        for (const auto& thread : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", gone)) {
+            std::string stat;
+            std::getline(std::ifstream(thread.path() / "stat"), stat);
+            // The state follows the name, which may hold anything but is in parentheses.
+            const size_t name = stat.rfind(") ");
+            if (name == std::string::npos || stat[name + 2] != 'T') {
+                return false;
+            }
+        }
+        return !gone;
+    };
+    return kill(pid, SIGSTOP) == 0 && Eventually(stopped);
 }
 
 // A folder under the system's for temporary files; removed with everything in it.
@@ -94,12 +114,7 @@ public:
 
     pid_t Pid() const { return pid_; }
     void Signal(int signal) const { kill(pid_, signal); }
-    // Returns when it has stopped.
-    void Stop() const
-    {
-        Signal(SIGSTOP);
-        waitpid(pid_, nullptr, WUNTRACED);
-    }
+    bool Stop() const { return StopProcess(pid_); }
     // Ends it at once, and returns when it is gone.
     void Kill()
     {
