@@ -7,7 +7,7 @@
 
 #include "ipc_log.h"
 #include "process_life.h"
-#include "reactor.h"
+#include "thread.h"
 
 namespace VEXA::ipc {
 
@@ -16,7 +16,7 @@ void DeathNotifier::Post(const sptr<IRemoteObject>& object, sptr<Recipient> reci
     MutexLock lock(mutex_);
     notices_.push_back({object, std::move(recipient)});
     if (!started_) {
-        started_ = StartThread("vexa-deaths", &ThreadMain, this);
+        started_ = StartThread("vexa-deaths", [this] { Run(); });
         if (!started_) {
             IPC_LOGE("no thread for death notices: they wait for the next death");
         }
@@ -36,12 +36,6 @@ bool DeathNotifier::Cancel(const IRemoteObject* object, const sptr<Recipient>& r
     cancelled = std::move(*found);
     notices_.erase(found);
     return true;
-}
-
-void* DeathNotifier::ThreadMain(void* self)
-{
-    static_cast<DeathNotifier*>(self)->Run();
-    return nullptr;
 }
 
 void DeathNotifier::Run()

@@ -25,7 +25,6 @@ private:
         sptr<Recipient> recipient;
     };
 
-    static void* ThreadMain(void* self);
     void Run();
 
     Mutex mutex_;

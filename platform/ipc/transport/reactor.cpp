@@ -7,7 +7,8 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
+
+#include "thread.h"
 
 namespace VEXA::ipc {
 namespace {
@@ -17,29 +18,13 @@ constexpr std::chrono::milliseconds kTickPeriod{1000};
 
 }  // namespace
 
-bool StartThread(const char* name, void* (*entry)(void*), void* argument)
-{
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    pthread_t thread;
-    const bool started = pthread_create(&thread, nullptr, entry, argument) == 0;
-    if (started) {
-        pthread_setname_np(thread, name);
-        pthread_detach(thread);
-    }
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    return started;
-}
-
 bool Reactor::Start()
 {
     epoll_ = UniqueFd::Make([] { return epoll_create1(EPOLL_CLOEXEC); });
     wake_ = UniqueFd::Make([] { return eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK); });
     epoll_event event{EPOLLIN, {.fd = wake_.Get()}};
     return epoll_ && wake_ && epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, wake_.Get(), &event) == 0 &&
-           StartThread("vexa-reactor", &ThreadMain, this);
+           StartThread("vexa-reactor", [this] { Run(); });
 }
 
 bool Reactor::Add(const sptr<EventHandler>& handler, uint32_t events)
@@ -107,12 +92,6 @@ void Reactor::DrainAll()
     for (const sptr<EventHandler>& handler : Handlers()) {
         handler->Drain();
     }
-}
-
-void* Reactor::ThreadMain(void* self)
-{
-    static_cast<Reactor*>(self)->Run();
-    return nullptr;
 }
 
 void Reactor::Run()

@@ -56,7 +56,6 @@ public:
     void SetTickAction(std::function<void(Deadline)> action) { tickAction_ = std::move(action); }
 
 private:
-    static void* ThreadMain(void* self);
     void Run();
     void DrainAll();
     void SettleWaiters();
@@ -77,8 +76,5 @@ private:
     uint64_t settleAsked_ VEXA_GUARDED_BY(mutex_) = 0;
     uint64_t settleDone_ VEXA_GUARDED_BY(mutex_) = 0;
 };
-
-// Starts a detached thread with all signals blocked, so that the host's handlers run on the host's threads.
-bool StartThread(const char* name, void* (*entry)(void*), void* argument);
 
 }  // namespace VEXA::ipc

@@ -10,7 +10,7 @@
 
 #include "ipc_log.h"
 #include "process_life.h"
-#include "reactor.h"
+#include "thread.h"
 
 namespace VEXA {
 namespace {
@@ -94,17 +94,11 @@ void WorkerPool::KeepOneWaiting()
     } while (!threads_.compare_exchange_weak(threads, threads + 1));
     // Counted as waiting from its creation on, so that no second one is started for the same want.
     waiting_.fetch_add(1);
-    if (!StartThread("vexa-worker", &ThreadMain, this)) {
+    if (!StartThread("vexa-worker", [this] { Run(); })) {
         waiting_.fetch_sub(1);
         threads_.fetch_sub(1);
         IPC_LOGE("no thread for incoming requests");
     }
-}
-
-void* WorkerPool::ThreadMain(void* self)
-{
-    static_cast<WorkerPool*>(self)->Run();
-    return nullptr;
 }
 
 void WorkerPool::Run()

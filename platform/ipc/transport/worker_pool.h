@@ -43,7 +43,6 @@ private:
     // Workers that wait for requests of their own come on top of the limit, up to this many threads in all.
     static constexpr size_t kMostThreads = 256;
 
-    static void* ThreadMain(void* self);
     void Run();
     void RunTasks();
     void WakeForTask();

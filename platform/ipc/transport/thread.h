@@ -1,0 +1,12 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <functional>
+
+namespace VEXA::ipc {
+
+// Starts a detached thread with all signals blocked, so that the host's handlers run on the host's threads. `name` is a
+// literal of at most 15 characters. False when the kernel refuses.
+bool StartThread(const char* name, std::function<void()> body);
+
+}  // namespace VEXA::ipc
