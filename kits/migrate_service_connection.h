@@ -12,7 +12,7 @@ namespace VEXA::UpdateEngine {
 // be called from any thread. The lines that they log are the client's: it passes the place that they name.
 class MigrateServiceConnection {
 public:
-    // `watchLine` tells whether the platform has taken on the watch. `onDeath` runs on the notification thread; it may
+    // `watchLine` tells whether the platform has taken on the watch. `onDeath` runs on a notification thread; it may
     // outlive this object, and has to reset the connection itself.
     MigrateServiceConnection(LogFormat<const char*> watchLine, CommonDeathRecipient::DeathCallback onDeath);
     ~MigrateServiceConnection();

@@ -37,7 +37,7 @@ public:
     ReserveMigrateKits();
 
     // Ends the watch over the service and drops the observers, which stay registered with the service. When the object
-    // is registering its observers again on the notification thread, waits for the step under way there: at most a
+    // is registering its observers again on a notification thread, waits for the step under way there: at most a
     // lookup, a start and one request. After that nothing reaches the object any more. No other operation of the object
     // may run meanwhile. May itself be called from within that re-registration, which then ends.
     virtual ~ReserveMigrateKits();

@@ -2,7 +2,6 @@
 #include "death_notifier.h"
 
 #include <algorithm>
-#include <chrono>
 #include <exception>
 
 #include "ipc_log.h"
@@ -10,18 +9,18 @@
 #include "thread.h"
 
 namespace VEXA::ipc {
+namespace {
+
+constexpr std::chrono::minutes kIdleTime(1);
+
+}  // namespace
 
 void DeathNotifier::Post(const sptr<IRemoteObject>& object, sptr<Recipient> recipient)
 {
     MutexLock lock(mutex_);
     notices_.push_back({object, std::move(recipient)});
-    if (!started_) {
-        started_ = StartThread("vexa-deaths", [this] { Run(); });
-        if (!started_) {
-            IPC_LOGE("no thread for death notices: they wait for the next death");
-        }
-    }
-    posted_.NotifyOne();
+    KeepOneIdle();
+    changed_.NotifyAll();
 }
 
 bool DeathNotifier::Cancel(const IRemoteObject* object, const sptr<Recipient>& recipient)
@@ -38,27 +37,85 @@ bool DeathNotifier::Cancel(const IRemoteObject* object, const sptr<Recipient>& r
     return true;
 }
 
+void DeathNotifier::KeepOneIdle()
+{
+    if (threads_ > running_.size() || threads_ == kMostThreads) {
+        return;
+    }
+    if (StartThread("vexa-deaths", [this] { Run(); })) {
+        ++threads_;
+    } else {
+        IPC_LOGE("no thread for death notices: they wait for the next death");
+    }
+}
+
+std::deque<DeathNotifier::Notice>::iterator DeathNotifier::Next()
+{
+    const auto isTold = [this](const sptr<Recipient>& recipient) VEXA_NO_THREAD_SAFETY_ANALYSIS {
+        return std::any_of(running_.begin(), running_.end(),
+            [&](const Running& running) { return running.recipient == recipient.GetRefPtr(); });
+    };
+    return std::find_if(
+        notices_.begin(), notices_.end(), [&](const Notice& notice) { return !isTold(notice.recipient); });
+}
+
+DeathNotifier::Clock::time_point DeathNotifier::PatienceEnds()
+{
+    auto end = Clock::time_point::min();
+    for (const Running& running : running_) {
+        end = std::max(end, running.since + kPatience);
+    }
+    return end;
+}
+
 void DeathNotifier::Run()
 {
+    MutexLock lock(mutex_);
     while (!ProcessLife::Get().Exiting()) {
-        Notice notice;
-        {
-            MutexLock lock(mutex_);
-            posted_.WaitFor(
-                mutex_, std::chrono::minutes(1), [this]() VEXA_NO_THREAD_SAFETY_ANALYSIS { return !notices_.empty(); });
-            if (notices_.empty()) {
-                continue;
+        const auto isDue = [this]() VEXA_NO_THREAD_SAFETY_ANALYSIS { return Next() != notices_.end(); };
+        if (!changed_.WaitFor(mutex_, kIdleTime, isDue)) {
+            if (threads_ - running_.size() > 1) {
+                --threads_;
+                return;
             }
-            notice = std::move(notices_.front());
-            notices_.pop_front();
+            continue;
         }
-        try {
-            notice.recipient->OnRemoteDied(notice.object);
-        } catch (const std::exception& error) {
-            IPC_LOGE("a death recipient threw: %{public}s", error.what());
-        } catch (...) {
-            IPC_LOGE("a death recipient threw");
+        const auto patienceEnds = PatienceEnds();
+        if (Clock::now() < patienceEnds) {
+            changed_.WaitUntil(
+                mutex_, patienceEnds, [this]() VEXA_NO_THREAD_SAFETY_ANALYSIS { return running_.empty(); });
+            continue;
         }
+        TellNext();
+    }
+}
+
+void DeathNotifier::TellNext()
+{
+    const auto next = Next();
+    Notice notice = std::move(*next);
+    notices_.erase(next);
+    const Recipient* const recipient = notice.recipient.GetRefPtr();
+    running_.push_back({recipient, Clock::now()});
+    if (!notices_.empty()) {
+        KeepOneIdle();
+    }
+    mutex_.unlock();
+    Tell(std::move(notice));
+    mutex_.lock();
+    running_.erase(std::find_if(
+        running_.begin(), running_.end(), [&](const Running& running) { return running.recipient == recipient; }));
+    changed_.NotifyAll();
+}
+
+void DeathNotifier::Tell(Notice notice)
+{
+    try {
+        notice.recipient->OnRemoteDied(notice.object);
+    } catch (const std::exception& error) {
+        IPC_LOGE("a death recipient threw: %{public}s", error.what());
+    } catch (...) {
+        IPC_LOGE("a death recipient threw");
     }
 }
 

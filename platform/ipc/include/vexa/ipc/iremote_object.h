@@ -20,8 +20,10 @@ public:
     // Told of the death of the process that an object lives in.
     class VEXA_EXPORT DeathRecipient : public virtual RefBase {
     public:
-        // Runs once for each registration, on the process's notification thread, which it holds up while it runs. The
-        // runtime keeps the recipient alive for that time.
+        // Runs once for each registration, on a notification thread of the process, one recipient after the other. One
+        // that takes longer than 50 ms no longer holds up the others, which may then run beside it; the same recipient
+        // never runs twice at the same time. With eight held up the rest waits. The runtime keeps the recipient alive
+        // while it runs.
         virtual void OnRemoteDied(const wptr<IRemoteObject>& object) = 0;
     };
 

@@ -1,0 +1,77 @@
+// SPDX-License-Identifier: Apache-2.0
+// Death recipients beside others that take long.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <semaphore>
+#include <vector>
+
+#include "transport/death_notifier.h"
+#include "vexa/ipc/ipc_object_stub.h"
+
+namespace VEXA::ipc {
+namespace {
+
+using namespace std::chrono_literals;
+
+class Recipient : public IRemoteObject::DeathRecipient {
+public:
+    explicit Recipient(std::shared_future<void> until) : until_(std::move(until)) {}
+
+    void OnRemoteDied(const wptr<IRemoteObject>&) override
+    {
+        if (++inside_ > 1) {
+            isAlone_ = false;
+        }
+        began_.release();
+        until_.wait_for(20s);
+        --inside_;
+    }
+    bool Begins(std::chrono::milliseconds limit) { return began_.try_acquire_for(limit); }
+    bool IsAlone() const { return isAlone_; }
+
+private:
+    const std::shared_future<void> until_;
+    std::atomic<int> inside_{0};
+    std::atomic<bool> isAlone_{true};
+    std::counting_semaphore<> began_{0};
+};
+
+TEST(DeathNotifierTest, WhatTakesLongHoldsUpItselfOnly)
+{
+    // Its threads outlive the test.
+    static DeathNotifier& notifier = *new DeathNotifier;
+    const sptr<IRemoteObject> object(new IPCObjectStub);
+    std::promise<void> over;
+    const std::shared_future<void> until = over.get_future();
+    std::promise<void> nothing;
+    nothing.set_value();
+    const sptr<Recipient> quick(new Recipient(nothing.get_future()));
+    std::vector<sptr<Recipient>> slow;
+    for (size_t i = 1; i < DeathNotifier::kMostThreads; ++i) {
+        slow.push_back(sptr<Recipient>(new Recipient(until)));
+        notifier.Post(object, slow.back());
+        notifier.Post(object, slow.back());
+    }
+    notifier.Post(object, quick);
+    for (const sptr<Recipient>& recipient : slow) {
+        EXPECT_TRUE(recipient->Begins(20s));
+    }
+    EXPECT_TRUE(quick->Begins(20s));
+    // All threads but one are held up.
+    notifier.Post(object, quick);
+    EXPECT_TRUE(quick->Begins(20s));
+
+    EXPECT_TRUE(notifier.Cancel(object.GetRefPtr(), slow[0]));
+    EXPECT_FALSE(notifier.Cancel(object.GetRefPtr(), slow[0])) << "it is running";
+    over.set_value();
+    for (size_t i = 1; i < slow.size(); ++i) {
+        EXPECT_TRUE(slow[i]->Begins(20s));
+        EXPECT_TRUE(slow[i]->IsAlone());
+    }
+    EXPECT_FALSE(slow[0]->Begins(0s));
+}
+
+}  // namespace
+}  // namespace VEXA::ipc
