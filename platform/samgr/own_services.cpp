@@ -5,10 +5,10 @@
 #include <thread>
 #include <utility>
 
+#include "registration.h"
 #include "samgr_log.h"
 #include "samgr_protocol.h"
 #include "vexa/ipc/context_object.h"
-#include "vexa/samgr/system_ability_manager_client.h"
 
 namespace VEXA::samgr {
 
@@ -19,12 +19,12 @@ namespace {
 constexpr int kAttempts = 20;
 constexpr std::chrono::milliseconds kBetweenAttempts(10);
 
-int32_t AddToManager(int32_t systemAbilityId, const sptr<IRemoteObject>& object)
+int32_t TellManager(int32_t systemAbilityId, const sptr<IRemoteObject>& object)
 {
     int32_t result = IPC_DEAD_OBJECT;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        const auto manager = SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
-        result = manager != nullptr ? manager->AddSystemAbility(systemAbilityId, object) : int32_t{IPC_DEAD_OBJECT};
+        const sptr<IRemoteObject> manager = GetContextObject();
+        result = manager != nullptr ? Register(manager, systemAbilityId, object) : int32_t{IPC_DEAD_OBJECT};
         if (result != IPC_DEAD_OBJECT && result != IPC_CONNECTION_LOST) {
             break;
         }
@@ -37,13 +37,12 @@ int32_t AddToManager(int32_t systemAbilityId, const sptr<IRemoteObject>& object)
 
 OwnServices& OwnServices::Get()
 {
-    static OwnServices* const instance = new OwnServices;
+    static OwnServices* const instance = [] {
+        auto* const services = new OwnServices(&TellManager);
+        OnContextObjectPublished([services] { services->TellAll(); });
+        return services;
+    }();
     return *instance;
-}
-
-OwnServices::OwnServices()
-{
-    OnContextObjectPublished([this] { AddAll(); });
 }
 
 sptr<IRemoteObject> OwnServices::Replace(int32_t systemAbilityId, const sptr<IRemoteObject>& object)
@@ -62,14 +61,26 @@ std::map<int32_t, sptr<IRemoteObject>> OwnServices::All()
     return services_;
 }
 
-void OwnServices::AddAll()
+sptr<IRemoteObject> OwnServices::Find(int32_t systemAbilityId)
 {
-    for (const auto& [systemAbilityId, object] : All()) {
-        const int32_t result = AddToManager(systemAbilityId, object);
-        if (result != SAMGR_OK) {
-            SAMGR_LOGW("service %{public}d was not registered with the new manager: %{public}s", systemAbilityId,
-                ResultText(result));
-        }
+    MutexLock lock(mutex_);
+    const auto found = services_.find(systemAbilityId);
+    return found != services_.end() ? found->second : nullptr;
+}
+
+void OwnServices::TellAll()
+{
+    for (auto [systemAbilityId, served] : All()) {
+        sptr<IRemoteObject> told;
+        do {
+            told = served;
+            const int32_t result = tell_(systemAbilityId, told);
+            if (result != SAMGR_OK) {
+                SAMGR_LOGW("the new manager was not told of service %{public}d: %{public}s", systemAbilityId,
+                    ResultText(result));
+            }
+            served = Find(systemAbilityId);
+        } while (served != told);
     }
 }
 

@@ -54,8 +54,7 @@ int32_t PendingLoad::Ask()
     MessageParcel data;
     MessageParcel reply;
     MessageOption option(MessageOption::TF_SYNC, WholeSecondsUntil(deadline_));
-    if (!data.WriteInterfaceToken(ISystemAbilityManager::GetDescriptor()) || !data.WriteInt32(systemAbilityId_) ||
-        !data.WriteRemoteObject(sptr<IRemoteObject>(this))) {
+    if (!WriteHead(data, systemAbilityId_) || !data.WriteRemoteObject(sptr<IRemoteObject>(this))) {
         return IPC_FAILED;
     }
     return manager_->SendRequest(LOAD_SYSTEM_ABILITY, data, reply, option);

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "vexa/ipc/ipc_errors.h"
+#include "vexa/ipc/message_parcel.h"
 #include "vexa/samgr/isystem_ability_manager.h"
 
 namespace VEXA::samgr {
@@ -16,6 +17,12 @@ enum ManagerRequest : uint32_t {
     ADD_SYSTEM_ABILITY = 3,     // int32 id, object ->
     REMOVE_SYSTEM_ABILITY = 4,  // int32 id ->
 };
+
+// What each of them begins with.
+inline bool WriteHead(MessageParcel& data, int32_t systemAbilityId)
+{
+    return data.WriteInterfaceToken(ISystemAbilityManager::GetDescriptor()) && data.WriteInt32(systemAbilityId);
+}
 
 // One-way requests to a load callback.
 enum LoadCallbackRequest : uint32_t {

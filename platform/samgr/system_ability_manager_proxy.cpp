@@ -8,6 +8,7 @@
 
 #include "own_services.h"
 #include "pending_load.h"
+#include "registration.h"
 #include "samgr_log.h"
 #include "vexa/base/mutex.h"
 #include "vexa/ipc/worker_wait.h"
@@ -58,11 +59,6 @@ private:
     std::optional<LoadOutcome> outcome_ VEXA_GUARDED_BY(mutex_);
 };
 
-bool WriteHead(MessageParcel& data, int32_t systemAbilityId)
-{
-    return data.WriteInterfaceToken(ISystemAbilityManager::GetDescriptor()) && data.WriteInt32(systemAbilityId);
-}
-
 LoadOutcome LoadAndWait(const sptr<IRemoteObject>& manager, int32_t systemAbilityId, std::chrono::seconds timeout)
 {
     const auto deadline = steady_clock::now() + timeout;
@@ -88,18 +84,14 @@ SystemAbilityManagerProxy::SystemAbilityManagerProxy(const sptr<IRemoteObject>& 
     : IRemoteProxy<ISystemAbilityManager>(object)
 {}
 
-int32_t SystemAbilityManagerProxy::Send(uint32_t code, MessageParcel& data, MessageParcel& reply)
-{
-    MessageOption option(MessageOption::TF_SYNC, samgr::MANAGER_WAIT_SECONDS);
-    return Remote()->SendRequest(code, data, reply, option);
-}
-
 sptr<IRemoteObject> SystemAbilityManagerProxy::CheckSystemAbility(int32_t systemAbilityId)
 {
     MessageParcel data;
     MessageParcel reply;
-    const int32_t result =
-        WriteHead(data, systemAbilityId) ? Send(samgr::CHECK_SYSTEM_ABILITY, data, reply) : int32_t{IPC_FAILED};
+    MessageOption option(MessageOption::TF_SYNC, samgr::MANAGER_WAIT_SECONDS);
+    const int32_t result = samgr::WriteHead(data, systemAbilityId)
+                               ? Remote()->SendRequest(samgr::CHECK_SYSTEM_ABILITY, data, reply, option)
+                               : int32_t{IPC_FAILED};
     if (result != SAMGR_OK) {
         SAMGR_LOGE("lookup of service %{public}d failed: %{public}s (%{public}d)", systemAbilityId,
             samgr::ResultText(result), result);
@@ -156,10 +148,7 @@ int32_t SystemAbilityManagerProxy::AddSystemAbility(int32_t systemAbilityId, con
     // Noted first: a manager that takes over while the request is under way is then told as well.
     auto& own = samgr::OwnServices::Get();
     const sptr<IRemoteObject> previous = own.Replace(systemAbilityId, object);
-    MessageParcel data;
-    MessageParcel reply;
-    const bool written = WriteHead(data, systemAbilityId) && data.WriteRemoteObject(object);
-    const int32_t result = written ? Send(samgr::ADD_SYSTEM_ABILITY, data, reply) : int32_t{IPC_FAILED};
+    const int32_t result = samgr::Register(Remote(), systemAbilityId, object);
     if (result != SAMGR_OK) {
         own.Replace(systemAbilityId, previous);
     }
@@ -169,9 +158,7 @@ int32_t SystemAbilityManagerProxy::AddSystemAbility(int32_t systemAbilityId, con
 int32_t SystemAbilityManagerProxy::RemoveSystemAbility(int32_t systemAbilityId)
 {
     samgr::OwnServices::Get().Replace(systemAbilityId, nullptr);
-    MessageParcel data;
-    MessageParcel reply;
-    return WriteHead(data, systemAbilityId) ? Send(samgr::REMOVE_SYSTEM_ABILITY, data, reply) : int32_t{IPC_FAILED};
+    return samgr::Register(Remote(), systemAbilityId, nullptr);
 }
 
 }  // namespace VEXA

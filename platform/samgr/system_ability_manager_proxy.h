@@ -19,8 +19,6 @@ public:
     int32_t RemoveSystemAbility(int32_t systemAbilityId) override;
 
 private:
-    int32_t Send(uint32_t code, MessageParcel& data, MessageParcel& reply);
-
     static BrokerDelegator<SystemAbilityManagerProxy> delegator_;
 };
 
