@@ -137,17 +137,27 @@ sptr<Peer> IpcProcess::PeerAt(EndpointId id)
     return peer;
 }
 
-sptr<Peer> IpcProcess::Greet(EndpointId claimed, const Credentials& credentials, const sptr<Link>& link)
+bool IpcProcess::IsEndpointOf(EndpointId claimed, const Credentials& credentials)
 {
     // The kernel tells who listens at the claimed endpoint: it has to be who is speaking.
     const UniqueFd probe = ConnectAtOnce(EndpointPath(claimed));
     if (!probe) {
         IPC_LOGE("the endpoint that process %{public}d claims can't be reached: %{public}s", credentials.pid,
             std::strerror(errno));
-        return nullptr;
+        return false;
     }
     if (claimed == Id() || !credentials.IsSameAs(CredentialsOf(probe))) {
         IPC_LOGE("process %{public}d claims an endpoint that is not its own", credentials.pid);
+        return false;
+    }
+    return true;
+}
+
+sptr<Peer> IpcProcess::Greet(EndpointId claimed, const Credentials& credentials, const sptr<Link>& link)
+{
+    // Who a known process is was found out before; since then its endpoint may have gone, as it does first when a
+    // process leaves. None is forgotten meanwhile: that is this thread's work.
+    if (KnownPeer(claimed) == nullptr && !IsEndpointOf(claimed, credentials)) {
         return nullptr;
     }
     MutexLock lock(peersMutex_);
@@ -157,7 +167,8 @@ sptr<Peer> IpcProcess::Greet(EndpointId claimed, const Credentials& credentials,
     sptr<Peer>& peer = peers_[claimed];
     if (peer == nullptr) {
         peer = new Peer(claimed, credentials);
-    } else if (!peer->Who().IsSameAs(credentials)) {
+    }
+    if (!peer->Who().IsSameAs(credentials)) {
         // The endpoint of a process that is just ending, taken over by another.
         IPC_LOGE("process %{public}d claims the endpoint of process %{public}d", credentials.pid, peer->Who().pid);
         return nullptr;

@@ -63,6 +63,8 @@ private:
     bool StartLocked() VEXA_REQUIRES(startMutex_);
     sptr<Peer> GreetContext(Deadline deadline) VEXA_REQUIRES(contextMutex_);
     bool Listen(UniqueFd listener);
+    // Whether that process and user listens at the endpoint.
+    bool IsEndpointOf(EndpointId claimed, const Credentials& credentials);
     void RemoveEndpointOf(const Peer& peer);
     bool PublishLocked(const sptr<IRemoteObject>& object) VEXA_REQUIRES(startMutex_);
     static void AtExit();
