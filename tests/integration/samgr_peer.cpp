@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-//   samgr_peer serve ID   serves ID until it is ended: any request gets its process id
+//   samgr_peer serve ID   serves ID with one worker until it is ended: any request gets its process id, or that of the
+//                         service with the number in the request, which the handler loads
 //   samgr_peer load ID    loads ID and prints its process id
 #include <unistd.h>
 
@@ -8,6 +9,7 @@
 #include <string>
 
 #include "vexa/ipc/ipc_object_stub.h"
+#include "vexa/ipc/ipc_skeleton.h"
 #include "vexa/ipc/message_option.h"
 #include "vexa/ipc/message_parcel.h"
 #include "vexa/samgr/system_ability_manager_client.h"
@@ -16,17 +18,32 @@ namespace {
 
 using namespace VEXA;
 
+int32_t LoadedPid(ISystemAbilityManager& manager, int32_t id)
+{
+    const auto object = manager.LoadSystemAbility(id, 5);
+    MessageParcel data;
+    MessageParcel reply;
+    MessageOption option;
+    return object != nullptr && object->SendRequest(1, data, reply, option) == 0 ? reply.ReadInt32() : -1;
+}
+
 class PeerStub : public IPCObjectStub {
 public:
-    int32_t OnRemoteRequest(uint32_t, MessageParcel&, MessageParcel& reply, MessageOption&) override
+    explicit PeerStub(ISystemAbilityManager& manager) : manager_(manager) {}
+    int32_t OnRemoteRequest(uint32_t, MessageParcel& data, MessageParcel& reply, MessageOption&) override
     {
-        return reply.WriteInt32(getpid()) ? 0 : 1;
+        const int32_t loaded = data.ReadInt32();
+        return reply.WriteInt32(loaded > 0 ? LoadedPid(manager_, loaded) : getpid()) ? 0 : 1;
     }
+
+private:
+    ISystemAbilityManager& manager_;
 };
 
 int Serve(ISystemAbilityManager& manager, int32_t id)
 {
-    const sptr<IRemoteObject> object(new PeerStub);
+    IPCSkeleton::SetMaxWorkThreads(1);
+    const sptr<IRemoteObject> object(new PeerStub(manager));
     if (manager.AddSystemAbility(id, object) != SAMGR_OK) {
         return 1;
     }
@@ -37,15 +54,9 @@ int Serve(ISystemAbilityManager& manager, int32_t id)
 
 int Load(ISystemAbilityManager& manager, int32_t id)
 {
-    const auto object = manager.LoadSystemAbility(id, 5);
-    MessageParcel data;
-    MessageParcel reply;
-    MessageOption option;
-    if (object == nullptr || object->SendRequest(1, data, reply, option) != 0) {
-        return 1;
-    }
-    printf("%d\n", reply.ReadInt32());
-    return 0;
+    const int32_t pid = LoadedPid(manager, id);
+    printf("%d\n", pid);
+    return pid > 0 ? 0 : 1;
 }
 
 }  // namespace

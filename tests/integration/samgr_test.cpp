@@ -29,6 +29,7 @@ constexpr int32_t kService = 1;
 constexpr int32_t kClosed = 2;  // only its own program may register it
 constexpr int32_t kHangs = 3;
 constexpr int32_t kDescribes = 4;
+constexpr int32_t kStartsSlowly = 5;
 constexpr int32_t kFirstFailure = 10;
 
 // What a program was started with, on its output. The last descriptor is the one that lists them.
@@ -63,6 +64,7 @@ public:
         AddProfile(kService, SAMGR_PEER, R"(, "arguments": ["serve", "1"])");
         AddProfile(kClosed, SAMGR_PEER, R"(, "arguments": ["serve", "2"], "register": [])");
         AddProfile(kHangs, "/bin/sleep", R"(, "arguments": ["5"], "startTimeout": 60)");
+        AddProfile(kStartsSlowly, "/bin/sh", R"(, "arguments": ["-c", "sleep 0.3; exec )" SAMGR_PEER R"( serve 5"])");
         AddProfile(kDescribes, "/bin/sh",
             R"(, "arguments": ["-c", "${PEER_SCRIPT}", "5$", "a${PEER_DIRECTORY}b${PEER_DIRECTORY}$${x}"],)"
             R"( "directory": "${PEER_DIRECTORY}", "environment": {"PEER_VARIABLE": "a b"})");
@@ -73,11 +75,13 @@ public:
     }
 };
 
-pid_t PidOf(const sptr<IRemoteObject>& object)
+// The process of the object, or of a service that it loads.
+pid_t PidOf(const sptr<IRemoteObject>& object, int32_t loaded = 0)
 {
     MessageParcel data;
     MessageParcel reply;
     MessageOption option;
+    data.WriteInt32(loaded);
     return object != nullptr && object->SendRequest(1, data, reply, option) == 0 ? reply.ReadInt32() : -1;
 }
 
@@ -144,6 +148,19 @@ TEST_F(Samgr, FailedStartsAreReportedAtOnceWithTheirReason)
     EXPECT_GE(steady_clock::now() - start, 1s);
     EXPECT_LT(steady_clock::now() - start, 2s);
     EXPECT_EQ(reason, "not there within 1 s");
+}
+
+// The outcome of a load comes as a request, for which a worker is left however few there are.
+TEST_F(Samgr, AHandlerLoadsAServiceOnItsProcesssOnlyWorker)
+{
+    const sptr<IRemoteObject> service = manager_->LoadSystemAbility(kService, 5);
+    std::atomic<int32_t> loaded{0};
+    std::thread loading([&] { loaded = PidOf(service, kStartsSlowly); });
+    while (loaded == 0) {
+        EXPECT_GT(PidOf(service), 0);
+    }
+    loading.join();
+    EXPECT_EQ(loaded, PidOf(manager_->CheckSystemAbility(kStartsSlowly)));
 }
 
 // The manager knows a caller's process and user from the transport.
