@@ -31,7 +31,7 @@ ProgressCallback CountInto(std::atomic<int>& count)
     return {[&count](const MigrateStage&, const EventInfo&) { ++count; }};
 }
 
-// Its notice comes right after the library's own, on the same thread.
+// Its notice comes right after the library's own.
 class CallAtDeath : public IRemoteObject::DeathRecipient {
 public:
     void OnRemoteDied(const wptr<IRemoteObject>&) override { next = StartedBy(); }

@@ -38,7 +38,7 @@ private:
     std::counting_semaphore<> began_{0};
 };
 
-TEST(DeathNotifierTest, WhatTakesLongHoldsUpItselfOnly)
+TEST(DeathNotifierTest, WhatTakesLongHoldsUpNoOtherProcesssDeath)
 {
     // Its threads outlive the test.
     static DeathNotifier& notifier = *new DeathNotifier;
@@ -47,25 +47,30 @@ TEST(DeathNotifierTest, WhatTakesLongHoldsUpItselfOnly)
     const std::shared_future<void> until = over.get_future();
     std::promise<void> nothing;
     nothing.set_value();
-    const sptr<Recipient> quick(new Recipient(nothing.get_future()));
+    const std::shared_future<void> atOnce = nothing.get_future();
+    const sptr<Recipient> quick(new Recipient(atOnce));
     std::vector<sptr<Recipient>> slow;
-    for (size_t i = 1; i < DeathNotifier::kMostThreads; ++i) {
+    for (EndpointId process = 1; process < DeathNotifier::kMostThreads; ++process) {
         slow.push_back(sptr<Recipient>(new Recipient(until)));
-        notifier.Post(object, slow.back());
-        notifier.Post(object, slow.back());
+        notifier.Post(process, object, slow.back());
+        notifier.Post(process + 100, object, slow.back());
     }
-    notifier.Post(object, quick);
+    // All threads but one are held up.
+    for (int round = 0; round < 2; ++round) {
+        notifier.Post(1000, object, quick);
+        EXPECT_TRUE(quick->Begins(20s));
+    }
     for (const sptr<Recipient>& recipient : slow) {
         EXPECT_TRUE(recipient->Begins(20s));
     }
-    EXPECT_TRUE(quick->Begins(20s));
-    // All threads but one are held up.
-    notifier.Post(object, quick);
-    EXPECT_TRUE(quick->Begins(20s));
+    const sptr<Recipient> next(new Recipient(atOnce));
+    notifier.Post(1, object, next);
+    EXPECT_FALSE(next->Begins(DeathNotifier::kPatience * 2)) << "its process's first recipient is running";
 
     EXPECT_TRUE(notifier.Cancel(object.GetRefPtr(), slow[0]));
     EXPECT_FALSE(notifier.Cancel(object.GetRefPtr(), slow[0])) << "it is running";
     over.set_value();
+    EXPECT_TRUE(next->Begins(20s));
     for (size_t i = 1; i < slow.size(); ++i) {
         EXPECT_TRUE(slow[i]->Begins(20s));
         EXPECT_TRUE(slow[i]->IsAlone());

@@ -15,10 +15,10 @@ constexpr std::chrono::minutes kIdleTime(1);
 
 }  // namespace
 
-void DeathNotifier::Post(const sptr<IRemoteObject>& object, sptr<Recipient> recipient)
+void DeathNotifier::Post(EndpointId process, const sptr<IRemoteObject>& object, sptr<Recipient> recipient)
 {
     MutexLock lock(mutex_);
-    notices_.push_back({object, std::move(recipient)});
+    notices_.push_back({process, object, std::move(recipient)});
     KeepOneIdle();
     changed_.NotifyAll();
 }
@@ -51,12 +51,12 @@ void DeathNotifier::KeepOneIdle()
 
 std::deque<DeathNotifier::Notice>::iterator DeathNotifier::Next()
 {
-    const auto isTold = [this](const sptr<Recipient>& recipient) VEXA_NO_THREAD_SAFETY_ANALYSIS {
-        return std::any_of(running_.begin(), running_.end(),
-            [&](const Running& running) { return running.recipient == recipient.GetRefPtr(); });
+    const auto isFree = [this](const Notice& notice) VEXA_NO_THREAD_SAFETY_ANALYSIS {
+        return std::none_of(running_.begin(), running_.end(), [&](const Running& running) {
+            return running.process == notice.process || running.recipient == notice.recipient.GetRefPtr();
+        });
     };
-    return std::find_if(
-        notices_.begin(), notices_.end(), [&](const Notice& notice) { return !isTold(notice.recipient); });
+    return std::find_if(notices_.begin(), notices_.end(), isFree);
 }
 
 DeathNotifier::Clock::time_point DeathNotifier::PatienceEnds()
@@ -96,7 +96,7 @@ void DeathNotifier::TellNext()
     Notice notice = std::move(*next);
     notices_.erase(next);
     const Recipient* const recipient = notice.recipient.GetRefPtr();
-    running_.push_back({recipient, Clock::now()});
+    running_.push_back({notice.process, recipient, Clock::now()});
     if (!notices_.empty()) {
         KeepOneIdle();
     }

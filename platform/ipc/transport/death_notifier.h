@@ -9,13 +9,14 @@
 
 #include "vexa/base/mutex.h"
 #include "vexa/ipc/iremote_object.h"
+#include "wire.h"
 
 namespace VEXA::ipc {
 
 // Runs recipients one after the other, each once for a notice, in the order in which they were posted. Past one that
-// takes long (it looks the service up again, say) another thread goes on with the rest, so that no death waits for what
-// a stranger's recipient waits for; the same recipient never runs twice at the same time. Its first thread starts with
-// the first post. Any thread.
+// takes long (it looks the service up again, say) another thread goes on with the deaths of other processes, so that no
+// death waits for what a stranger's recipient waits for. Those of one process always run one after the other, and the
+// same recipient never runs twice at the same time. Its first thread starts with the first post. Any thread.
 class DeathNotifier {
 public:
     using Recipient = IRemoteObject::DeathRecipient;
@@ -26,7 +27,8 @@ public:
     // At most so many run at the same time; with all of them held up the rest waits.
     static constexpr size_t kMostThreads = 8;
 
-    void Post(const sptr<IRemoteObject>& object, sptr<Recipient> recipient);
+    // `process` has died, and `object` with it.
+    void Post(EndpointId process, const sptr<IRemoteObject>& object, sptr<Recipient> recipient);
     // Takes back one notice that has not begun; false when there is none.
     bool Cancel(const IRemoteObject* object, const sptr<Recipient>& recipient);
 
@@ -34,10 +36,12 @@ private:
     using Clock = std::chrono::steady_clock;
 
     struct Notice {
+        EndpointId process;
         sptr<IRemoteObject> object;
         sptr<Recipient> recipient;
     };
     struct Running {
+        EndpointId process;
         const Recipient* recipient;
         Clock::time_point since;
     };
@@ -48,7 +52,7 @@ private:
     static void Tell(Notice notice);
     // Sees to it that a thread is left for the notices when all others run recipients.
     void KeepOneIdle() VEXA_REQUIRES(mutex_);
-    // The first notice whose recipient does not run already.
+    // The first notice that none of those that run stands in the way of.
     std::deque<Notice>::iterator Next() VEXA_REQUIRES(mutex_);
     // When those that run have had their time: in the past when none runs.
     Clock::time_point PatienceEnds() VEXA_REQUIRES(mutex_);

@@ -182,7 +182,7 @@ void RemoteProxy::NotifyDeath()
     std::vector<sptr<DeathRecipient>> due;
     due.swap(recipients_);
     for (sptr<DeathRecipient>& recipient : due) {
-        IpcProcess::Get().Notifier().Post(sptr<IRemoteObject>(this), std::move(recipient));
+        IpcProcess::Get().Notifier().Post(peer_->Id(), sptr<IRemoteObject>(this), std::move(recipient));
     }
 }
 

@@ -21,9 +21,10 @@ public:
     class VEXA_EXPORT DeathRecipient : public virtual RefBase {
     public:
         // Runs once for each registration, on a notification thread of the process, one recipient after the other. One
-        // that takes longer than 50 ms no longer holds up the others, which may then run beside it; the same recipient
-        // never runs twice at the same time. With eight held up the rest waits. The runtime keeps the recipient alive
-        // while it runs.
+        // that takes longer than 50 ms no longer holds up those that are told of another process's death, which may
+        // then run beside it; with eight held up the rest waits. The recipients of one process's death run in the order
+        // in which it was watched, and one recipient never runs twice at the same time. The runtime keeps the recipient
+        // alive while it runs.
         virtual void OnRemoteDied(const wptr<IRemoteObject>& object) = 0;
     };
 
