@@ -78,5 +78,28 @@ TEST(DeathNotifierTest, WhatTakesLongHoldsUpNoOtherProcesssDeath)
     EXPECT_FALSE(slow[0]->Begins(0s));
 }
 
+class TellsOfItsEnd : public IRemoteObject::DeathRecipient {
+public:
+    TellsOfItsEnd(DeathNotifier& notifier, std::promise<void>& ended) : notifier_(notifier), ended_(ended) {}
+    ~TellsOfItsEnd() override
+    {
+        notifier_.Cancel(nullptr, nullptr);
+        ended_.set_value();
+    }
+    void OnRemoteDied(const wptr<IRemoteObject>&) override {}
+
+private:
+    DeathNotifier& notifier_;
+    std::promise<void>& ended_;
+};
+
+TEST(DeathNotifierTest, ARecipientThatEndsWithItsNoticeMayUseTheNotifier)
+{
+    static DeathNotifier& notifier = *new DeathNotifier;
+    static auto& ended = *new std::promise<void>;
+    notifier.Post(1, new IPCObjectStub, new TellsOfItsEnd(notifier, ended));
+    EXPECT_EQ(ended.get_future().wait_for(20s), std::future_status::ready);
+}
+
 }  // namespace
 }  // namespace VEXA::ipc

@@ -101,14 +101,16 @@ void DeathNotifier::TellNext()
         KeepOneIdle();
     }
     mutex_.unlock();
-    Tell(std::move(notice));
+    Tell(notice);
+    // A recipient that goes with its last holder may call back here.
+    notice = Notice();
     mutex_.lock();
     running_.erase(std::find_if(
         running_.begin(), running_.end(), [&](const Running& running) { return running.recipient == recipient; }));
     changed_.NotifyAll();
 }
 
-void DeathNotifier::Tell(Notice notice)
+void DeathNotifier::Tell(const Notice& notice)
 {
     try {
         notice.recipient->OnRemoteDied(notice.object);

@@ -137,7 +137,7 @@ sptr<Peer> IpcProcess::PeerAt(EndpointId id)
     return peer;
 }
 
-bool IpcProcess::IsEndpointOf(EndpointId claimed, const Credentials& credentials)
+bool IpcProcess::IsEndpointOf(EndpointId claimed, const Credentials& credentials) const
 {
     // The kernel tells who listens at the claimed endpoint: it has to be who is speaking.
     const UniqueFd probe = ConnectAtOnce(EndpointPath(claimed));

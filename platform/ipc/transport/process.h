@@ -64,7 +64,7 @@ private:
     sptr<Peer> GreetContext(Deadline deadline) VEXA_REQUIRES(contextMutex_);
     bool Listen(UniqueFd listener);
     // Whether that process and user listens at the endpoint.
-    bool IsEndpointOf(EndpointId claimed, const Credentials& credentials);
+    bool IsEndpointOf(EndpointId claimed, const Credentials& credentials) const;
     void RemoveEndpointOf(const Peer& peer);
     bool PublishLocked(const sptr<IRemoteObject>& object) VEXA_REQUIRES(startMutex_);
     static void AtExit();
