@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Processes that lie, stall or flood: they lose their connection, and everybody else is served.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -104,17 +105,22 @@ TEST_F(IpcBadPeers, GarbageOnThreeHundredConnectionsDisturbsNobody)
     Served();
 }
 
-// Connections that say nothing, or half of something, hold no thread; and the newest are refused when there are too
-// many, while those that are there go on being served.
+// Connections that say nothing, or half of something, hold no thread; and the newest are refused when one user has half
+// of the descriptors, while those that are there go on being served.
 TEST_F(IpcBadPeers, IdleConnectionsAreBoundedAndTimeOut)
 {
+    rlimit descriptors{};
+    ASSERT_EQ(prlimit(hubProcess_.Pid(), RLIMIT_NOFILE, nullptr, &descriptors), 0);
+    descriptors.rlim_cur = 300;
+    ASSERT_EQ(prlimit(hubProcess_.Pid(), RLIMIT_NOFILE, &descriptors, nullptr), 0);
     const Greeting half = Hello(ipc::ConnectionUse::LINK, 1);
     std::vector<ipc::UniqueFd> silent;
-    for (size_t i = 0; i < ipc::kMaxConnectionsPerUser + 20; ++i) {
+    for (size_t i = 0; i < 170; ++i) {
         silent.push_back(Say(&half, 1 + i % 60));
     }
     Served();
-    EXPECT_TRUE(EndsWithin(silent.back(), std::chrono::seconds(2)));
+    EXPECT_TRUE(EndsWithin(silent[150], std::chrono::seconds(2)));
+    EXPECT_FALSE(EndsWithin(silent[140], std::chrono::milliseconds(0)));
     EXPECT_TRUE(EndsWithin(silent.front(), std::chrono::seconds(12)))
         << "a greeting that does not come is not waited for";
     Served();

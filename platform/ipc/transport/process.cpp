@@ -239,7 +239,9 @@ bool IpcProcess::AdmitConnection(uid_t user)
 {
     MutexLock lock(connectionsMutex_);
     size_t& own = connectionsOf_[user];
-    if (own >= kMaxConnectionsPerUser || connections_ >= MostConnections()) {
+    const size_t most = MostConnections();
+    // Where descriptors are few, one user still leaves some of them to the others.
+    if (own >= std::min(kMaxConnectionsPerUser, most / 3 * 2) || connections_ >= most) {
         if (refused_++ == 0) {
             IPC_LOGE("too many connections (%{public}zu of user %{public}u): new ones are refused", own, user);
         }
