@@ -68,6 +68,22 @@ std::string FindManager(const std::string& wanted)
     return access(beside.c_str(), X_OK) == 0 ? beside : std::string(folder.parent_path() / "libexec" / "samgrd");
 }
 
+sigset_t HandledSignals()
+{
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGCHLD}) {
+        sigaddset(&set, number);
+    }
+    return set;
+}
+
+// What comes from the terminal reaches every process of the foreground by itself.
+bool IsToBePassedOn(int signalCode)
+{
+    return signalCode != SI_KERNEL;
+}
+
 pid_t ParentOf(const std::string& pid)
 {
     std::ifstream file("/proc/" + pid + "/stat");
@@ -127,11 +143,7 @@ private:
     // From here on signals are read from a descriptor, and orphans of what we start become our children.
     bool TakeSignals()
     {
-        sigset_t set;
-        sigemptyset(&set);
-        for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGCHLD}) {
-            sigaddset(&set, number);
-        }
+        const sigset_t set = HandledSignals();
         sigprocmask(SIG_BLOCK, &set, &originalMask_);
         signals_ = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
         return (signals_ >= 0 && prctl(PR_SET_CHILD_SUBREAPER, 1) == 0) || Complain("signals");
@@ -281,8 +293,7 @@ private:
             stoppedBy_ = number;
             commandDeadline_ = steady_clock::now() + kCommandTime;
         }
-        // What comes from the terminal has reached the command by itself.
-        if (command_ > 0 && info.ssi_code != SI_KERNEL) {
+        if (command_ > 0 && IsToBePassedOn(info.ssi_code)) {
             kill(command_, number);
         }
     }
@@ -334,6 +345,41 @@ private:
     steady_clock::time_point commandDeadline_;
 };
 
+// Runs the session in a child, which is told with SIGTERM when this process is gone: what started it may kill it in any
+// way, and the session still ends everything and cleans up.
+int RunGuarded(Options options)
+{
+    signal(SIGCHLD, SIG_DFL);  // whoever ignores it has passed that on, and would leave us nothing to wait for
+    sigset_t originalMask;
+    const sigset_t set = HandledSignals();
+    sigprocmask(SIG_BLOCK, &set, &originalMask);
+    const pid_t self = getpid();
+    const pid_t session = fork();
+    if (session < 0) {
+        perror("vexa-session: fork");
+        return kSessionFailed;
+    }
+    if (session == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        if (getppid() != self) {
+            return kSessionFailed;
+        }
+        sigprocmask(SIG_SETMASK, &originalMask, nullptr);
+        return Session(std::move(options)).Run();
+    }
+    for (;;) {
+        siginfo_t info = {};
+        const int number = sigwaitinfo(&set, &info);
+        int status = 0;
+        if (number == SIGCHLD && waitpid(session, &status, WNOHANG) == session) {
+            return ExitStatus(status);
+        }
+        if (number > 0 && number != SIGCHLD && IsToBePassedOn(info.si_code)) {
+            kill(session, number);
+        }
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -364,5 +410,5 @@ int main(int argc, char** argv)
         fprintf(stderr, "vexa-session: no command is given after --\n");
         return kSessionFailed;
     }
-    return Session(std::move(options)).Run();
+    return RunGuarded(std::move(options));
 }
