@@ -141,14 +141,14 @@ void MigrationEngine::RunTask(uint32_t id, Throttle& throttle)
     mutex_.lock();
 
     task = store_->Find(id);
-    if (stopping_) {
-        return;
-    }
-    if (task != nullptr && fault.code == 0) {
+    if (task != nullptr && !stopping_ && fault.code == 0) {
         task->doneBytes = static_cast<int64_t>(copied.bytes);
         task->totalBytes = task->doneBytes;
         task->files = static_cast<int64_t>(copied.files);
         fault = Place(*task);
+    }
+    if (stopping_) {
+        return;
     }
     // What is left under the staged name: a part, or the older package that was replaced.
     mutex_.unlock();
@@ -214,11 +214,32 @@ ErrorInfo MigrationEngine::Place(Task& task)
     task.subStatus = MIGRATE_SUB_PLACING;
     task.staged = *id;
     Changed(task);
-    ErrorInfo fault = MoveIntoPlace(task, staged);
+    const uint32_t number = task.id;
+    // The content and the note of what is to be placed come first, then the name, and the task's end last: at whatever
+    // point a loss of power leaves the disk, the next start can tell a whole package from a part.
+    ErrorInfo fault = Sync();
+    const Task* const waiting = store_->Find(number);
+    if (fault.code != 0 || waiting == nullptr || stopping_) {
+        return fault;
+    }
+    fault = MoveIntoPlace(*waiting, staged);
     if (fault.code == 0) {
-        NotePlaced(task);
+        NotePlaced(*waiting);
+        fault = Sync();
     }
     return fault;
+}
+
+ErrorInfo MigrationEngine::Sync()
+{
+    if (!options_.sync) {
+        return {};
+    }
+    mutex_.unlock();
+    const bool done = syncfs(target_.Get()) == 0 && (!stateDirectory_ || syncfs(stateDirectory_.Get()) == 0);
+    const int reason = errno;
+    mutex_.lock();
+    return done ? ErrorInfo() : WriteFault(reason);
 }
 
 void MigrationEngine::NotePlaced(const Task& task)
@@ -236,7 +257,7 @@ ErrorInfo MigrationEngine::MoveIntoPlace(const Task& task, const std::string& st
         return {MIGRATE_ERROR_TARGET, "the target has something else of that name", false};
     }
     if (!Rename(target_.Get(), staged, task.target, isThere ? RENAME_EXCHANGE : RENAME_NOREPLACE)) {
-        return {MIGRATE_ERROR_WRITE, strerror(errno), true};
+        return WriteFault(errno);
     }
     return {};
 }

@@ -105,6 +105,9 @@ int main(int argc, char** argv)
         "--state", options.stateFile, "File that the service keeps its state in (default: .migrate-state.db there)");
     app.add_option("--throttle", options.bytesPerSecond, "Bytes that are copied in a second, at most; 0: no limit")
         ->envname("MIGRATE_THROTTLE");
+    app.add_flag_callback(
+        "--no-sync", [&options] { options.sync = false; },
+        "Does not wait for the disk: faster, but a loss of power may cost packages that count as placed");
     app.set_version_flag("--version", "migrate_serviced " VEXA_VERSION);
     CLI11_PARSE(app, argc, argv);
     return Run(options);

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <utility>
 
 #include "json_parse.h"
@@ -60,19 +61,28 @@ std::unique_ptr<MigrationEngine> MigrationEngine::Open(
     if (store == nullptr) {
         return nullptr;
     }
-    std::unique_ptr<MigrationEngine> engine(
-        new MigrationEngine(options, listener, std::move(store), std::move(source), std::move(target)));
+    UniqueFd stateDirectory;
+    if (!options.stateFile.empty()) {
+        stateDirectory = UniqueFd(open((std::filesystem::path(file).parent_path() / ".").c_str(), flags));
+        if (!stateDirectory) {
+            error = file + ": " + strerror(errno);
+            return nullptr;
+        }
+    }
+    std::unique_ptr<MigrationEngine> engine(new MigrationEngine(
+        options, listener, std::move(store), std::move(source), std::move(target), std::move(stateDirectory)));
     engine->Recover();
     return engine;
 }
 
 MigrationEngine::MigrationEngine(const EngineOptions& options, EngineListener& listener,
-    std::unique_ptr<TaskStore> store, UniqueFd source, UniqueFd target)
+    std::unique_ptr<TaskStore> store, UniqueFd source, UniqueFd target, UniqueFd stateDirectory)
     : options_(options),
       listener_(listener),
       catalog_(options.source),
       source_(std::move(source)),
       target_(std::move(target)),
+      stateDirectory_(std::move(stateDirectory)),
       store_(std::move(store))
 {}
 

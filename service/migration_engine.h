@@ -39,6 +39,7 @@ struct EngineOptions {
     std::string target;           // must exist
     std::string stateFile;        // empty: .migrate-state.db in the target
     uint64_t bytesPerSecond = 0;  // of each worker; 0: as fast as it goes
+    bool sync = true;             // a package counts as placed when the disk has it, not before
 };
 
 // All operations may be called from any thread and wait for no copying; those that look into the source or target take
@@ -47,8 +48,8 @@ struct EngineOptions {
 //
 // A package is copied to a directory of the target whose name begins with ".staging-", and that is renamed when it is
 // complete: under its name the target has all of a package or what was there before. A directory that the engine has
-// not placed itself is never replaced. Whatever ends the process, the next engine on the same state removes the staging
-// directories and goes on with the packages that had not reached their place.
+// not placed itself is never replaced. Whatever ends the process, or with `sync` the whole machine, the next engine on
+// the same state removes the staging directories and goes on with the packages that had not reached their place.
 class MigrationEngine {
 public:
     // Null, with the reason in `error`, when the directories or the state can't be used. Starts nothing yet.
@@ -61,8 +62,8 @@ public:
 
     // Starts the two workers, one for the migration and one for reserved applications. What was under way goes on.
     void Start();
-    // Ends the workers within the time of one piece; what they were doing is taken up by the next engine. What
-    // is asked for after that is only remembered.
+    // Ends the workers within the time of one piece, or that the disk takes for what it has not got yet; what they were
+    // doing is taken up by the next engine. What is asked for after that is only remembered.
     void Stop();
 
     // The migration. Stages: PREPARE has the tasks that wait, DOWNLOAD those that are being copied, INSTALL those that
@@ -119,7 +120,7 @@ private:
     using Clock = std::chrono::steady_clock;
 
     MigrationEngine(const EngineOptions& options, EngineListener& listener, std::unique_ptr<TaskStore> store,
-        UniqueFd source, UniqueFd target);
+        UniqueFd source, UniqueFd target, UniqueFd stateDirectory);
 
     // Before the workers: undoes what a sudden end has left.
     void Recover();
@@ -133,8 +134,11 @@ private:
     ErrorInfo Copy(const Task& task, Throttle& throttle, TreeSize& copied);
     bool Advance(uint32_t id, uint64_t bytes, Throttle& throttle);
     bool MayGoOn(uint32_t id) const VEXA_REQUIRES(mutex_);
-    // Puts the staged directory into its place; an older package of that name comes to the staged one instead.
+    // Puts the staged directory into its place; an older package of that name comes to the staged one instead. The lock
+    // is open while the disk is waited for: the task may be gone, or the engine stopping, afterwards.
     ErrorInfo Place(Task& task) VEXA_REQUIRES(mutex_);
+    // Waits, with the lock open, until the disk has all that was written.
+    ErrorInfo Sync() VEXA_REQUIRES(mutex_);
     ErrorInfo MoveIntoPlace(const Task& task, const std::string& staged) VEXA_REQUIRES(mutex_);
     void NotePlaced(const Task& task) VEXA_REQUIRES(mutex_);
     void EndTask(Task& task, const ErrorInfo& fault) VEXA_REQUIRES(mutex_);
@@ -175,6 +179,7 @@ private:
     const PackageCatalog catalog_;
     const UniqueFd source_;
     const UniqueFd target_;
+    const UniqueFd stateDirectory_;  // none when the state is in the target
 
     mutable Mutex mutex_;
     CondVar changed_;

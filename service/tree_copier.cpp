@@ -71,17 +71,17 @@ protected:
     };
 
     // All return false, for a walk to end with.
-    bool Fail(int32_t code, const std::string& reason, bool canRetry = false)
+    bool Fail(ErrorInfo fault)
     {
-        fault_ = {code, path_.empty() ? reason : path_ + ": " + reason, canRetry};
+        fault_ = std::move(fault);
+        if (!path_.empty()) {
+            fault_.reason = path_ + ": " + fault_.reason;
+        }
         return false;
     }
+    bool Fail(int32_t code, const std::string& reason, bool canRetry = false) { return Fail({code, reason, canRetry}); }
     bool FailReading() { return Fail(MIGRATE_ERROR_UNREADABLE, strerror(errno)); }
-    bool FailWriting()
-    {
-        const bool isFull = errno == ENOSPC || errno == EDQUOT;
-        return Fail(isFull ? MIGRATE_ERROR_NO_SPACE : MIGRATE_ERROR_WRITE, strerror(errno), isFull);
-    }
+    bool FailWriting() { return Fail(WriteFault(errno)); }
     bool FailStopped() { return Fail(MIGRATE_ERROR_STOPPED, "stopped", true); }
     bool FailDepth() { return Fail(MIGRATE_ERROR_UNSUPPORTED, "directories are nested too deeply"); }
 
@@ -321,6 +321,12 @@ bool RemoveDirectory(int parentFd, const std::string& name, int depth)
 }
 
 }  // namespace
+
+ErrorInfo WriteFault(int reason)
+{
+    const bool isFull = reason == ENOSPC || reason == EDQUOT;
+    return {isFull ? MIGRATE_ERROR_NO_SPACE : MIGRATE_ERROR_WRITE, strerror(reason), isFull};
+}
 
 ErrorInfo CopyTree(int sourceFd, const std::string& name, int targetFd, const std::string& newName,
     const CopyControl& control, TreeSize& copied)

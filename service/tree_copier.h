@@ -25,6 +25,9 @@ struct CopyControl {
     size_t pieceBytes = size_t{256} * 1024;
 };
 
+// What an errno means that writing to the target has ended with.
+ErrorInfo WriteFault(int reason);
+
 // Copies the directory `name` of `sourceFd` to a new directory `newName` of `targetFd`: files, directories and
 // symbolic links with their permissions, times and, for root, owners. Files with several names become several files;
 // extended attributes stay behind. Code 0: done; MIGRATE_ERROR_STOPPED: `advance` said so; else what went wrong. What

@@ -37,7 +37,7 @@ inline void AddServiceProfile(const SamgrWorld& world, int bytesPerSecond)
     std::filesystem::create_directory(TargetDir(world));
     world.AddProfile(UpdateEngine::MIGRATE_SERVICE_ID, MIGRATE_SERVICED,
         R"(, "startTimeout": 20, "arguments": ["--source", ")" + SourceDir(world) + R"(", "--target", ")" +
-            TargetDir(world) + R"(", "--state", ")" + world.Folder() + R"(/state", "--throttle", ")" +
+            TargetDir(world) + R"(", "--state", ")" + world.Folder() + R"(/state", "--no-sync", "--throttle", ")" +
             std::to_string(bytesPerSecond) + "\"]");
 }
 

@@ -1,6 +1,22 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "service_fixture.h"
 
+#include <cerrno>
+
+namespace {
+
+// What the disk does when it is told to take everything, as an errno; set before an engine that waits for it starts.
+std::function<int()> g_disk;
+
+}  // namespace
+
+// In place of the C library's.
+extern "C" int syncfs(int) noexcept
+{
+    errno = g_disk();
+    return errno == 0 ? 0 : -1;
+}
+
 namespace VEXA::UpdateEngine::test {
 namespace {
 
@@ -201,6 +217,46 @@ TEST_F(ServiceEngine, ASuddenEndLeavesNoTraceAndIsNoticedBetweenTheRenameAndItsN
     EXPECT_EQ(Results(), "a:3/0 b:3/0 ");
     EXPECT_EQ(engine->OwnBackups(6), MIGRATE_ERROR_OWNER);
     EXPECT_EQ(engine->StartAll().errorNum, 0);  // both are known as its own
+}
+
+// The disk has the copy before it has the name, and the name before the task ends; requests are answered meanwhile.
+TEST_F(ServiceEngine, APackageIsPlacedWhenTheDiskHasIt)
+{
+    const std::pair<int, const char*> failures[] = {{0, "a:3/0 "}, {ENOSPC, "a:4/26 "}, {EIO, "a:4/25 "}};
+    folders.AddPackage("a", 10);
+    for (const auto& [failure, result] : failures) {
+        std::vector<std::string> seen;
+        g_disk = [&, failure = failure] {
+            EXPECT_TRUE(engine->GetStatus(MigrateStage::INSTALL).isTaskExist);
+            seen.push_back(testing::PrintToString(folders.TargetNames()));
+            return failure;
+        };
+        Open(0, true);
+        engine->Start();
+        EXPECT_EQ(engine->StartAll().errorNum, 0);
+        ASSERT_TRUE(Ends());
+        EXPECT_EQ(Results(), result);
+        engine.reset();
+        EXPECT_EQ(folders.TargetNames(), std::vector<std::string>(failure == 0 ? 1 : 0, "a"));
+        const std::vector<std::string> all{R"({ ".staging-1" })", R"({ "a" })"};
+        EXPECT_EQ(seen, std::vector<std::string>(all.begin(), all.begin() + (failure == 0 ? 2 : 1)));
+        fs::remove_all(folders.Target());
+        fs::create_directory(folders.Target());
+    }
+}
+
+// What is taken back, or ends, while the disk is busy is not placed any more.
+TEST_F(ServiceEngine, NothingIsPlacedThatWasRemovedMeanwhile)
+{
+    folders.AddPackage("a", 10);
+    g_disk = [this] {
+        EXPECT_EQ(engine->RemoveUser(MIGRATE_ALL_USERS).errorNum, 0);
+        return 0;
+    };
+    Open(0, true);
+    engine->Start();
+    engine->StartAll();
+    EXPECT_TRUE(Eventually([this] { return State() == TaskStatus::IDLE && folders.TargetNames().empty(); }));
 }
 
 TEST_F(ServiceEngine, BackupFilesBelongToTheFirstWhoAsks)

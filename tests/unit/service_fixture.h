@@ -125,11 +125,12 @@ protected:
 
     virtual EngineListener& Listener() { return listener; }
     // Ends the engine before, if there is one, as a restart of the service does.
-    void Open(uint64_t bytesPerSecond = 0)
+    void Open(uint64_t bytesPerSecond = 0, bool sync = false)
     {
         engine.reset();
         std::string error;
-        engine = MigrationEngine::Open({folders.Source(), folders.Target(), "", bytesPerSecond}, Listener(), error);
+        engine =
+            MigrationEngine::Open({folders.Source(), folders.Target(), "", bytesPerSecond, sync}, Listener(), error);
         ASSERT_NE(engine, nullptr) << error;
     }
     void Run(uint64_t bytesPerSecond = 0)
