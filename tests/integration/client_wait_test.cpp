@@ -28,8 +28,9 @@ std::string HoldFile(const SamgrWorld& world)
 void AddHeldProfile(const SamgrWorld& world)
 {
     std::ofstream(HoldFile(world)).put('\n');
-    const std::string script = "while [ -e " + HoldFile(world) + " ]; do sleep 0.01; done; exec " CLIENT_PEER " 65792";
-    world.AddProfile(MIGRATE_SERVICE_ID, "/bin/sh", R"(, "arguments": ["-c", ")" + script + R"("])");
+    world.AddProfile(MIGRATE_SERVICE_ID, "/bin/sh",
+        R"(, "arguments": ["-c", "while [ -e \"$$0\" ]; do sleep 0.01; done; exec \"$$1\" 65792", ")" +
+            HoldFile(world) + R"(", ")" CLIENT_PEER R"("])");
 }
 
 [[maybe_unused]] const auto* const environment = testing::AddGlobalTestEnvironment(new ClientWorld(&AddHeldProfile));

@@ -64,7 +64,8 @@ public:
         AddProfile(kService, SAMGR_PEER, R"(, "arguments": ["serve", "1"])");
         AddProfile(kClosed, SAMGR_PEER, R"(, "arguments": ["serve", "2"], "register": [])");
         AddProfile(kHangs, "/bin/sleep", R"(, "arguments": ["5"], "startTimeout": 60)");
-        AddProfile(kStartsSlowly, "/bin/sh", R"(, "arguments": ["-c", "sleep 0.3; exec )" SAMGR_PEER R"( serve 5"])");
+        AddProfile(kStartsSlowly, "/bin/sh",
+            R"(, "arguments": ["-c", "sleep 0.3; exec \"$$0\" serve 5", ")" SAMGR_PEER R"("])");
         AddProfile(kDescribes, "/bin/sh",
             R"(, "arguments": ["-c", "${PEER_SCRIPT}", "5$", "a${PEER_DIRECTORY}b${PEER_DIRECTORY}$${x}"],)"
             R"( "directory": "${PEER_DIRECTORY}", "environment": {"PEER_VARIABLE": "a b"})");
@@ -235,7 +236,7 @@ TEST_F(Samgr, ASessionEndsEverythingHoweverItEnds)
     for (const Case& way : cases) {
         SCOPED_TRACE(std::string(way.end) + " " + std::to_string(way.signal));
         // The command loads the service, writes its process id and the session's runtime directory, and ends.
-        const std::string command = R"(echo $("$0" load 1) "$VEXA_RUNTIME_DIR" >"$1.new" && mv "$1.new" "$1"; )";
+        const std::string command = R"(echo "$("$0" load 1) \"$VEXA_RUNTIME_DIR\"" >"$1.new" && mv "$1.new" "$1"; )";
         ChildProcess session = StartLogged(
             {VEXA_SESSION, "--profiles", World().Profiles(), "--", "sh", "-c", command + way.end, SAMGR_PEER, ready},
             output);

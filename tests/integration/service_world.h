@@ -43,7 +43,8 @@ inline void AddServiceProfile(const SamgrWorld& world, int bytesPerSecond)
 
 inline bool TargetEqualsSource()
 {
-    const std::string command = "diff -r " + SourceDir(ClientWorld::Get()) + " " + TargetDir(ClientWorld::Get());
+    const std::string command =
+        "diff -r '" + SourceDir(ClientWorld::Get()) + "' '" + TargetDir(ClientWorld::Get()) + "'";
     return std::system(command.c_str()) == 0;
 }
 

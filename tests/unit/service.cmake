@@ -19,4 +19,4 @@ endforeach()
 add_test(NAME service_demo COMMAND bash "${PROJECT_SOURCE_DIR}/tools/demo.sh")
 set_tests_properties(service_demo PROPERTIES
     TIMEOUT 120 LABELS integration
-    ENVIRONMENT_MODIFICATION "VEXA_RUNTIME_DIR=unset:;KOLOG_LEVEL=unset:;PATH=path_list_prepend:${PROJECT_BINARY_DIR}/bin")
+    ENVIRONMENT_MODIFICATION "VEXA_RUNTIME_DIR=unset:;KOLOG_LEVEL=unset:;MIGRATE_THROTTLE=unset:;PATH=path_list_prepend:${PROJECT_BINARY_DIR}/bin")
