@@ -54,12 +54,15 @@ inline bool StopProcess(pid_t pid)
     return kill(pid, SIGSTOP) == 0 && Eventually(stopped);
 }
 
-// A folder under the system's for temporary files; removed with everything in it.
+// A folder under the system's for temporary files, or under /tmp where that is too long for the sockets in it; removed
+// with everything in it.
 class TempDir {
 public:
     TempDir()
     {
-        std::string name = (std::filesystem::temp_directory_path() / "vexa-test-XXXXXX").string();
+        constexpr size_t kLongest = 48;
+        const std::string system = std::filesystem::temp_directory_path();
+        std::string name = (system.size() <= kLongest ? system : "/tmp") + "/vexa-test-XXXXXX";
         path_ = mkdtemp(name.data());
     }
     ~TempDir()
