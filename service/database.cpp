@@ -9,10 +9,10 @@
 
 namespace VEXA::UpdateEngine {
 
-Statement::Statement(sqlite3* database, const char* sql) : database_(database)
+Statement::Statement(Database& database, const char* sql) : database_(&database)
 {
-    if (sqlite3_prepare_v2(database_, sql, -1, &statement_, nullptr) != SQLITE_OK) {
-        SA_LOGE("state: %{public}s", sqlite3_errmsg(database_));
+    if (sqlite3_prepare_v2(database.handle_, sql, -1, &statement_, nullptr) != SQLITE_OK) {
+        database.Fail();
     }
 }
 
@@ -51,12 +51,12 @@ bool Statement::Step()
 
 bool Statement::Run()
 {
+    if (database_->isBroken_) {
+        return false;
+    }
     while (Step()) {
     }
-    if (result_ != SQLITE_DONE) {
-        SA_LOGE("state: %{public}s", sqlite3_errmsg(database_));
-    }
-    return result_ == SQLITE_DONE;
+    return result_ == SQLITE_DONE || database_->Fail();
 }
 
 int64_t Statement::Int(int column)
@@ -91,16 +91,44 @@ std::unique_ptr<Database> Database::Open(const std::string& path, std::string& e
 
 Database::~Database()
 {
-    sqlite3_close(database_);
+    sqlite3_close(handle_);
 }
 
 bool Database::Execute(const char* sql)
 {
-    const bool done = sqlite3_exec(database_, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
+    return !isBroken_ && (sqlite3_exec(handle_, sql, nullptr, nullptr, nullptr) == SQLITE_OK || Fail());
+}
+
+void Database::Begin()
+{
+    isInTransaction_ = true;
+    Execute("BEGIN IMMEDIATE");
+}
+
+bool Database::Commit()
+{
+    const bool done = Execute("COMMIT");
     if (!done) {
-        SA_LOGE("state: %{public}s", sqlite3_errmsg(database_));
+        Rollback();
     }
+    isInTransaction_ = false;
     return done;
+}
+
+void Database::Rollback()
+{
+    isBroken_ = false;
+    isInTransaction_ = false;
+    if (sqlite3_get_autocommit(handle_) == 0) {
+        Execute("ROLLBACK");
+    }
+}
+
+bool Database::Fail()
+{
+    SA_LOGE("state: %{public}s", sqlite3_errmsg(handle_));
+    isBroken_ = isInTransaction_;
+    return false;
 }
 
 }  // namespace VEXA::UpdateEngine

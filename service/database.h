@@ -34,11 +34,11 @@ public:
 
 private:
     friend class Database;
-    Statement(sqlite3* database, const char* sql);
+    Statement(Database& database, const char* sql);
     int64_t Int(int column);
     std::string Text(int column);
 
-    sqlite3* database_;
+    Database* database_;
     sqlite3_stmt* statement_ = nullptr;
     int bound_ = 0;
     int next_ = 0;
@@ -46,6 +46,7 @@ private:
 };
 
 // Belongs to one thread at a time. What a statement has written is there after the process's death, however it ended.
+// Between Begin and Commit it is written together, or not at all.
 class Database {
 public:
     // Null, with the reason in `error`, when the file can't be opened as a database or another process has it open.
@@ -56,37 +57,24 @@ public:
 
     // Several statements without values or rows.
     bool Execute(const char* sql);
-    Statement Prepare(const char* sql) { return {database_, sql}; }
+    Statement Prepare(const char* sql) { return {*this, sql}; }
+
+    void Begin();
+    // False when not all of it could be written: then nothing is.
+    bool Commit();
+    void Rollback();
 
 private:
-    explicit Database(sqlite3* database) : database_(database) {}
+    friend class Statement;
+    explicit Database(sqlite3* handle) : handle_(handle) {}
+    // Notes, and logs, that a statement has failed.
+    bool Fail();
 
-    sqlite3* const database_;
-};
-
-// Everything between its start and Commit is written together, or not at all.
-class Transaction {
-public:
-    explicit Transaction(Database& database) : database_(database), open_(database.Execute("BEGIN IMMEDIATE")) {}
-    ~Transaction()
-    {
-        if (open_) {
-            database_.Execute("ROLLBACK");
-        }
-    }
-    Transaction(const Transaction&) = delete;
-    Transaction& operator=(const Transaction&) = delete;
-
-    bool Commit()
-    {
-        const bool done = open_ && database_.Execute("COMMIT");
-        open_ = open_ && !done;
-        return done;
-    }
-
-private:
-    Database& database_;
-    bool open_;
+    sqlite3* const handle_;
+    bool isInTransaction_ = false;
+    // A statement of the transaction has failed. SQLite may have ended it then, so that what follows would be written
+    // alone: it is not tried.
+    bool isBroken_ = false;
 };
 
 }  // namespace VEXA::UpdateEngine

@@ -34,7 +34,7 @@ BusinessError MigrationEngine::StartAll()
     }
     const PresetChoices choices = Choices();
     BusinessError error;
-    Transaction transaction = store_->Begin();
+    auto transaction = store_->Begin(IfNotWritten::TAKE_BACK);
     RemoveTasks([](const Task&) { return true; });
     BeginRun();
     for (const Package& package : packages) {
@@ -47,11 +47,15 @@ BusinessError MigrationEngine::StartAll()
         if (task.error.code != 0) {
             error.data.push_back({task.error.code, task.source + ": " + task.error.reason});
         }
-        Report(task);
     }
     EndMigrationIfDone();
     if (!transaction.Commit()) {
         return StateError();
+    }
+    for (const auto& [id, task] : store_->Tasks()) {
+        if (task.kind == TaskKind::MIGRATE) {
+            Report(task);
+        }
     }
     Wake();
     if (!error.data.empty()) {
@@ -93,14 +97,18 @@ BusinessError MigrationEngine::StartPackage(const std::string& name, const std::
         return error;
     }
     task.priority = priority;
-    Transaction transaction = store_->Begin();
+    auto transaction = store_->Begin(IfNotWritten::TAKE_BACK);
     if (earlier != nullptr) {
         store_->Erase(earlier->id);
     }
     BeginRun();
-    Report(store_->Add(task));
+    const Task& added = store_->Add(task);
+    if (!transaction.Commit()) {
+        return StateError();
+    }
+    Report(added);
     Wake();
-    return transaction.Commit() ? BusinessError() : StateError();
+    return {};
 }
 
 // Also of ended ones, whose memory goes with them. A worker that has one of them in hand finds it gone.
@@ -137,19 +145,21 @@ BusinessError MigrationEngine::Remove(const std::function<bool(const Task&)>& is
             open.push_back(task);
         }
     }
-    Transaction transaction = store_->Begin();
+    auto transaction = store_->Begin(IfNotWritten::TAKE_BACK);
     if (RemoveTasks(isMeant) == 0) {
         return MakeError(MIGRATE_ERROR_NOTHING, "there is no such task");
     }
     EndMigrationIfDone();
-    const bool isWritten = transaction.Commit();
+    if (!transaction.Commit()) {
+        return StateError();
+    }
     for (Task& task : open) {
         task.status = TaskStatus::FAILED;
         task.subStatus = MIGRATE_SUB_NONE;
         Report(task);
     }
     Wake();
-    return isWritten ? BusinessError() : StateError();
+    return {};
 }
 
 BusinessError MigrationEngine::Pause(TaskPauseReason reason)
@@ -178,22 +188,30 @@ BusinessError MigrationEngine::Switch(TaskStatus from, TaskStatus to, TaskPauseR
             affected.push_back(id);
         }
     }
-    Transaction transaction = store_->Begin();
+    auto transaction = store_->Begin(IfNotWritten::TAKE_BACK);
     SetState(to);
     store_->Set(StateValue::PAUSE_REASON, static_cast<int64_t>(reason));
     for (const uint32_t id : affected) {
         Task& task = *store_->Find(id);
         task.status = to;
-        Changed(task);
+        store_->Save(task);
+    }
+    if (!transaction.Commit()) {
+        return StateError();
+    }
+    for (const uint32_t id : affected) {
+        Report(*store_->Find(id));
     }
     Wake();
-    return transaction.Commit() ? BusinessError() : StateError();
+    return {};
 }
 
 BusinessError MigrationEngine::SetPolicy(int32_t policy)
 {
     MutexLock lock(mutex_);
-    return store_->Set(StateValue::POLICY, policy) ? BusinessError() : StateError();
+    auto transaction = store_->Begin(IfNotWritten::TAKE_BACK);
+    store_->Set(StateValue::POLICY, policy);
+    return transaction.Commit() ? BusinessError() : StateError();
 }
 
 bool MigrationEngine::SetPreset(const std::string& text, BusinessError& error)
@@ -204,7 +222,9 @@ bool MigrationEngine::SetPreset(const std::string& text, BusinessError& error)
         return false;
     }
     MutexLock lock(mutex_);
-    error = store_->SetPreset(text) ? BusinessError() : StateError();
+    auto transaction = store_->Begin(IfNotWritten::TAKE_BACK);
+    store_->SetPreset(text);
+    error = transaction.Commit() ? BusinessError() : StateError();
     return true;
 }
 

@@ -280,7 +280,7 @@ BusinessError MigrationEngine::GetDataSize(int64_t& bytes) const
             continue;
         }
         const ErrorInfo fault = MeasureTree(
-            source_.Get(), package.directory, [] { return true; }, size);
+            source_.Get(), package.directory, target_.Get(), [this] { return !IsStopping(); }, size);
         if (fault.code != 0) {
             error.data.push_back({fault.code, package.directory + ": " + fault.reason});
         }

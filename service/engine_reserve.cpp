@@ -18,6 +18,11 @@ BusinessError NotSetAside()
     return MakeError(MIGRATE_ERROR_NOT_FOUND, "no application of that name is set aside");
 }
 
+BusinessError NothingRestored()
+{
+    return MakeError(MIGRATE_ERROR_NOTHING, "nothing of it has been restored");
+}
+
 }  // namespace
 
 bool MigrationEngine::ReadReserved(std::vector<Package>& packages) const
@@ -132,50 +137,55 @@ BusinessError MigrationEngine::Restore(const std::string& name, const std::strin
         task.app.restoreScene = scene;
     }
     task.priority = store_->Priority(package.directory);
-    Transaction transaction = store_->Begin();
+    auto transaction = store_->Begin(IfNotWritten::TAKE_BACK);
     if (earlier != nullptr) {
         store_->Erase(earlier->id);
     }
     const Task& added = store_->Add(task);
-    const bool isWritten = transaction.Commit();
-    Report(added);
-    Wake();
-    if (!isWritten) {
+    if (!transaction.Commit()) {
         return StateError();
     }
+    Report(added);
+    Wake();
     return added.error.code != 0 ? MakeError(added.error.code, added.error.reason) : BusinessError();
 }
 
-// True when there was something to clear. A restoration under way ends without a trace.
-bool MigrationEngine::ClearPackage(const Package& package)
+// A restoration under way ends without a trace.
+BusinessError MigrationEngine::ClearPackage(const Package& package)
 {
     RestoreEventInfo event = RestoreEventOf(package);
     const std::string& target = package.manifest.target;
     const Task* const task = store_->Find(TaskKind::RESTORE, package.directory);
-    const uint32_t taskId = task != nullptr ? task->id : 0;
     const bool isPlaced = IsPlaced(target, package.directory);
+    if (task == nullptr && !isPlaced) {
+        return NothingRestored();
+    }
+    auto transaction = store_->Begin(IfNotWritten::TAKE_BACK);
+    if (task != nullptr) {
+        store_->Erase(task->id);
+    }
+    std::string aside;
     if (isPlaced) {
-        // A name that no task's copy has: the number is given away.
-        const int64_t number = store_->Get(StateValue::NEXT_ID) + 1;
-        store_->Set(StateValue::NEXT_ID, number);
-        const std::string aside = StagingName(static_cast<uint32_t>(number));
-        if (renameat(target_.Get(), target.c_str(), target_.Get(), aside.c_str()) != 0) {
-            SA_LOGE("%{public}s can't be cleared: %{public}s", target.c_str(), strerror(errno));
-            return false;
+        aside = MoveAway(target);
+        if (aside.empty()) {
+            return MakeError(MIGRATE_ERROR_WRITE, "it can't be taken out of its place");
         }
         store_->ErasePlaced(target);
+    }
+    if (!transaction.Commit()) {
+        if (isPlaced) {
+            renameat(target_.Get(), aside.c_str(), target_.Get(), target.c_str());
+        }
+        return StateError();
+    }
+    if (isPlaced) {
         rubbish_.push_back(aside);
     }
-    if (taskId != 0) {
-        store_->Erase(taskId);
-    }
-    if (isPlaced || taskId != 0) {
-        event.status = static_cast<int32_t>(TaskStatus::IDLE);
-        event.errorInfo = {};
-        listener_.OnRestore(event);
-        Wake();
-    }
-    return isPlaced || taskId != 0;
+    event.status = static_cast<int32_t>(TaskStatus::IDLE);
+    event.errorInfo = {};
+    listener_.OnRestore(event);
+    Wake();
+    return {};
 }
 
 BusinessError MigrationEngine::ClearReserved(const std::string& name, const std::string& scene)
@@ -186,8 +196,7 @@ BusinessError MigrationEngine::ClearReserved(const std::string& name, const std:
     }
     MutexLock lock(mutex_);
     const bool isMeant = scene.empty() || RestoreEventOf(package).restoreAppInfo.restoreScene == scene;
-    return isMeant && ClearPackage(package) ? BusinessError()
-                                            : MakeError(MIGRATE_ERROR_NOTHING, "nothing of it has been restored");
+    return isMeant ? ClearPackage(package) : NothingRestored();
 }
 
 BusinessError MigrationEngine::ClearAllReserved(const std::string& scene)
@@ -199,13 +208,18 @@ BusinessError MigrationEngine::ClearAllReserved(const std::string& scene)
     MutexLock lock(mutex_);
     for (const Package& package : packages) {
         if (scene.empty() || RestoreEventOf(package).restoreAppInfo.restoreScene == scene) {
-            ClearPackage(package);
+            BusinessError error = ClearPackage(package);
+            if (error.errorNum != 0 && error.errorNum != MIGRATE_ERROR_NOTHING) {
+                return error;
+            }
         }
     }
-    if (scene.empty()) {
-        store_->ClearPriorities();
+    if (!scene.empty()) {
+        return {};
     }
-    return {};
+    auto transaction = store_->Begin(IfNotWritten::TAKE_BACK);
+    store_->ClearPriorities();
+    return transaction.Commit() ? BusinessError() : StateError();
 }
 
 BusinessError MigrationEngine::AdjustPriority(const std::string& name, int32_t priority)
@@ -215,12 +229,13 @@ BusinessError MigrationEngine::AdjustPriority(const std::string& name, int32_t p
         return error;
     }
     MutexLock lock(mutex_);
-    bool isWritten = store_->SetPriority(package.directory, priority);
+    auto transaction = store_->Begin(IfNotWritten::TAKE_BACK);
+    store_->SetPriority(package.directory, priority);
     if (Task* const task = store_->Find(TaskKind::RESTORE, package.directory)) {
         task->priority = priority;
-        isWritten = store_->Save(*task) && isWritten;
+        store_->Save(*task);
     }
-    return isWritten ? BusinessError() : StateError();
+    return transaction.Commit() ? BusinessError() : StateError();
 }
 
 int32_t MigrationEngine::OwnBackups(uint32_t uid)
@@ -244,12 +259,8 @@ int32_t MigrationEngine::OwnBackups(uint32_t uid)
     for (const std::string& target : targets) {
         TreeSize size;
         const ErrorInfo fault = MeasureTree(
-            target_.Get(), target,
-            [this] {
-                MutexLock lock(mutex_);
-                return !stopping_;
-            },
-            size);
+
+            target_.Get(), target, target_.Get(), [this] { return !IsStopping(); }, size);
         if (fault.code != 0) {
             return fault.code;
         }
@@ -270,7 +281,7 @@ int32_t MigrationEngine::RecordOwner(const std::vector<std::string>& targets, ui
             return MIGRATE_ERROR_OWNER;
         }
     }
-    Transaction transaction = store_->Begin();
+    auto transaction = store_->Begin(IfNotWritten::TAKE_BACK);
     for (const std::string& target : targets) {
         Placed placed = *store_->FindPlaced(target);
         placed.owner = uid;

@@ -1,16 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the engine's two workers do.
-#include <fcntl.h>
-#include <linux/fs.h>
-#include <sys/stat.h>
 #include <sys/statvfs.h>
 
 #include <cerrno>
-#include <cstdio>
-#include <cstring>
 #include <utility>
 
 #include "migration_engine.h"
+#include "move.h"
 #include "service_log.h"
 
 namespace VEXA::UpdateEngine {
@@ -25,24 +21,6 @@ bool HasSpace(int targetFd, int64_t bytes)
     struct statvfs status = {};
     return fstatvfs(targetFd, &status) != 0 ||
            static_cast<uint64_t>(bytes) / status.f_frsize <= static_cast<uint64_t>(status.f_bavail);
-}
-
-// renameat2 with a flag that the file system may not know: then without it.
-bool Rename(int directoryFd, const std::string& from, const std::string& to, unsigned flag)
-{
-    if (renameat2(directoryFd, from.c_str(), directoryFd, to.c_str(), flag) == 0) {
-        return true;
-    }
-    if (errno != EINVAL && errno != ENOSYS) {
-        return false;
-    }
-    if (flag != RENAME_EXCHANGE) {
-        return renameat(directoryFd, from.c_str(), directoryFd, to.c_str()) == 0;
-    }
-    const std::string aside = from + "-old";
-    return renameat(directoryFd, to.c_str(), directoryFd, aside.c_str()) == 0 &&
-           renameat(directoryFd, from.c_str(), directoryFd, to.c_str()) == 0 &&
-           renameat(directoryFd, aside.c_str(), directoryFd, from.c_str()) == 0;
 }
 
 }  // namespace
@@ -71,9 +49,16 @@ void MigrationEngine::RemoveRubbish()
     const std::vector<std::string> names = std::exchange(rubbish_, {});
     mutex_.unlock();
     for (const std::string& name : names) {
-        RemoveTree(target_.Get(), name);
+        RemoveStaged(name);
     }
     mutex_.lock();
+}
+
+void MigrationEngine::RemoveStaged(const std::string& name)
+{
+    if (!RemoveTree(target_.Get(), name, [this] { return !IsStopping(); }) && !IsStopping()) {
+        SA_LOGW("%{public}s can't be removed", name.c_str());
+    }
 }
 
 Task* MigrationEngine::NextTask(TaskKind kind)
@@ -103,7 +88,7 @@ bool MigrationEngine::MeasureNext(TaskKind kind)
         TreeSize size;
         mutex_.unlock();
         const ErrorInfo fault = MeasureTree(
-            source_.Get(), source,
+            source_.Get(), source, target_.Get(),
             [this, measured] {
                 MutexLock lock(mutex_);
                 return MayGoOn(measured);
@@ -150,10 +135,11 @@ void MigrationEngine::RunTask(uint32_t id, Throttle& throttle)
     if (stopping_) {
         return;
     }
-    // What is left under the staged name: a part, or the older package that was replaced.
+    // What is left there: a part, or the older package that was replaced.
     mutex_.unlock();
-    if (!RemoveTree(target_.Get(), staged)) {
-        SA_LOGW("%{public}s can't be removed", staged.c_str());
+    RemoveStaged(staged);
+    if (fault.code == 0) {
+        RemoveStaged(AsideName(id));
     }
     mutex_.lock();
     task = store_->Find(id);
@@ -171,6 +157,12 @@ ErrorInfo MigrationEngine::Copy(const Task& task, Throttle& throttle, TreeSize& 
     control.pieceBytes = throttle.PieceBytes();
     control.advance = [this, id = task.id, &throttle](uint64_t bytes) { return Advance(id, bytes, throttle); };
     return CopyTree(source_.Get(), task.source, target_.Get(), StagingName(task.id), control, copied);
+}
+
+bool MigrationEngine::IsStopping() const
+{
+    MutexLock lock(mutex_);
+    return stopping_;
 }
 
 bool MigrationEngine::MayGoOn(uint32_t id) const
@@ -213,7 +205,10 @@ ErrorInfo MigrationEngine::Place(Task& task)
     }
     task.subStatus = MIGRATE_SUB_PLACING;
     task.staged = *id;
-    Changed(task);
+    // Without that note the next start would not know the package for its own.
+    if (!Changed(task)) {
+        return {MIGRATE_ERROR_STATE, "the service's state can't be written", true};
+    }
     const uint32_t number = task.id;
     // The content and the note of what is to be placed come first, then the name, and the task's end last: at whatever
     // point a loss of power leaves the disk, the next start can tell a whole package from a part.
@@ -256,10 +251,9 @@ ErrorInfo MigrationEngine::MoveIntoPlace(const Task& task, const std::string& st
     if (isThere && !IsPlaced(task.target, task.source)) {
         return {MIGRATE_ERROR_TARGET, "the target has something else of that name", false};
     }
-    if (!Rename(target_.Get(), staged, task.target, isThere ? RENAME_EXCHANGE : RENAME_NOREPLACE)) {
-        return WriteFault(errno);
-    }
-    return {};
+    const bool isDone = isThere ? Exchange(target_.Get(), staged, task.target, AsideName(task.id))
+                                : MoveToFreeName(target_.Get(), staged, task.target);
+    return isDone ? ErrorInfo() : WriteFault(errno);
 }
 
 void MigrationEngine::EndTask(Task& task, const ErrorInfo& fault)
@@ -272,7 +266,7 @@ void MigrationEngine::EndTask(Task& task, const ErrorInfo& fault)
     } else {
         SA_LOGI("%{public}s is in its place", task.source.c_str());
     }
-    Transaction transaction = store_->Begin();
+    auto transaction = store_->Begin(IfNotWritten::KEEP);
     store_->Save(task);
     if (task.kind == TaskKind::MIGRATE) {
         if (fault.code != 0 && store_->Get(StateValue::POLICY) == MIGRATE_POLICY_STOP) {

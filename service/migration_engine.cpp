@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "json_parse.h"
+#include "move.h"
 #include "plain_name.h"
 #include "service_log.h"
 
@@ -21,10 +22,11 @@ namespace VEXA::UpdateEngine {
 
 namespace {
 
-// A name that StagingName has made, or such a one with the "-old" of a replaced package. Nothing else is removed.
+constexpr std::string_view kOld = "-old";
+
+// A name that StagingName or AsideName has made. Nothing else is removed.
 bool IsStagingName(std::string_view name)
 {
-    constexpr std::string_view kOld = "-old";
     if (name.substr(0, STAGING_PREFIX.size()) != STAGING_PREFIX) {
         return false;
     }
@@ -100,7 +102,7 @@ void MigrationEngine::Recover()
             open.push_back(task);
         }
     }
-    Transaction transaction = store_->Begin();
+    auto transaction = store_->Begin(IfNotWritten::KEEP);
     for (const Task& before : open) {
         Task& task = *store_->Find(before.id);
         // The rename may have happened, and only its note been lost.
@@ -108,6 +110,7 @@ void MigrationEngine::Recover()
             NotePlaced(task);
             task.status = TaskStatus::FINISHED;
         } else {
+            PutBack(task);
             task.status = TaskStatus::IDLE;
             task.doneBytes = 0;
         }
@@ -118,11 +121,23 @@ void MigrationEngine::Recover()
         SA_LOGI("a migration with %{public}zu open tasks goes on", open.size());
         EndMigrationIfDone();
     }
+    CollectRubbish();
     transaction.Commit();
-    CleanStaging();
 }
 
-void MigrationEngine::CleanStaging()
+void MigrationEngine::PutBack(const Task& task)
+{
+    const std::string aside = AsideName(task.id);
+    const Placed* const before = store_->FindPlaced(task.target);
+    if (before == nullptr || IdOf(aside) != before->id || IdOf(task.target)) {
+        return;
+    }
+    if (!MoveToFreeName(target_.Get(), aside, task.target)) {
+        SA_LOGE("%{public}s can't be put back: %{public}s", task.target.c_str(), strerror(errno));
+    }
+}
+
+void MigrationEngine::CollectRubbish()
 {
     const UniqueFd again(openat(target_.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     std::vector<std::string> names;
@@ -134,10 +149,26 @@ void MigrationEngine::CleanStaging()
         }
     }
     for (const std::string& name : names) {
-        if (!RemoveTree(target_.Get(), name)) {
-            SA_LOGW("%{public}s can't be removed", name.c_str());
+        const std::string aside = MoveAway(name);
+        if (!aside.empty()) {
+            rubbish_.push_back(aside);
         }
     }
+}
+
+std::string MigrationEngine::MoveAway(const std::string& name)
+{
+    std::string aside;
+    do {
+        const int64_t number = store_->Get(StateValue::NEXT_ID) + 1;
+        store_->Set(StateValue::NEXT_ID, number);
+        aside = StagingName(static_cast<uint32_t>(number));
+        if (MoveToFreeName(target_.Get(), name, aside)) {
+            return aside;
+        }
+    } while (IdOf(aside));
+    SA_LOGE("%{public}s can't be moved aside: %{public}s", name.c_str(), strerror(errno));
+    return {};
 }
 
 void MigrationEngine::Start()
@@ -189,10 +220,11 @@ void MigrationEngine::Report(const Task& task)
     }
 }
 
-void MigrationEngine::Changed(const Task& task)
+bool MigrationEngine::Changed(const Task& task)
 {
-    store_->Save(task);
+    const bool isWritten = store_->Save(task);
     Report(task);
+    return isWritten;
 }
 
 void MigrationEngine::BeginRun()
@@ -265,6 +297,11 @@ PresetChoices MigrationEngine::Choices() const
 std::string MigrationEngine::StagingName(uint32_t id)
 {
     return std::string(STAGING_PREFIX) + std::to_string(id);
+}
+
+std::string MigrationEngine::AsideName(uint32_t id)
+{
+    return StagingName(id) + std::string(kOld);
 }
 
 }  // namespace VEXA::UpdateEngine

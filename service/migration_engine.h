@@ -49,7 +49,8 @@ struct EngineOptions {
 // A package is copied to a directory of the target whose name begins with ".staging-", and that is renamed when it is
 // complete: under its name the target has all of a package or what was there before. A directory that the engine has
 // not placed itself is never replaced. Whatever ends the process, or with `sync` the whole machine, the next engine on
-// the same state removes the staging directories and goes on with the packages that had not reached their place.
+// the same state goes on with the packages that had not reached their place, and removes the staging directories
+// meanwhile.
 class MigrationEngine {
 public:
     // Null, with the reason in `error`, when the directories or the state can't be used. Starts nothing yet.
@@ -124,15 +125,22 @@ private:
 
     // Before the workers: undoes what a sudden end has left.
     void Recover();
-    void CleanStaging();
+    // An older package that was on its way to be replaced.
+    void PutBack(const Task& task) VEXA_REQUIRES(mutex_);
+    void CollectRubbish() VEXA_REQUIRES(mutex_);
+    // Renames what is in the target to a staging name that no task's copy will have; empty when it can't be.
+    std::string MoveAway(const std::string& name) VEXA_REQUIRES(mutex_);
 
     void Work(TaskKind kind);
     void RemoveRubbish() VEXA_REQUIRES(mutex_);
+    // Ends early when the engine does.
+    void RemoveStaged(const std::string& name) VEXA_EXCLUDES(mutex_);
     Task* NextTask(TaskKind kind) VEXA_REQUIRES(mutex_);
     bool MeasureNext(TaskKind kind) VEXA_REQUIRES(mutex_);
     void RunTask(uint32_t id, Throttle& throttle) VEXA_REQUIRES(mutex_);
     ErrorInfo Copy(const Task& task, Throttle& throttle, TreeSize& copied);
     bool Advance(uint32_t id, uint64_t bytes, Throttle& throttle);
+    bool IsStopping() const VEXA_EXCLUDES(mutex_);
     bool MayGoOn(uint32_t id) const VEXA_REQUIRES(mutex_);
     // Puts the staged directory into its place; an older package of that name comes to the staged one instead. The lock
     // is open while the disk is waited for: the task may be gone, or the engine stopping, afterwards.
@@ -144,7 +152,8 @@ private:
     void EndTask(Task& task, const ErrorInfo& fault) VEXA_REQUIRES(mutex_);
     void StopTheRest() VEXA_REQUIRES(mutex_);
     void EndMigrationIfDone() VEXA_REQUIRES(mutex_);
-    void Changed(const Task& task) VEXA_REQUIRES(mutex_);
+    // False when it can't be written.
+    bool Changed(const Task& task) VEXA_REQUIRES(mutex_);
     void Report(const Task& task) VEXA_REQUIRES(mutex_);
     void Wake() VEXA_REQUIRES(mutex_);
 
@@ -165,7 +174,7 @@ private:
     // The fault of a package, that of its place in the target included.
     ErrorInfo FaultOf(const Package& package) const VEXA_REQUIRES(mutex_);
     RestoreEventInfo RestoreEventOf(const Package& package) const VEXA_REQUIRES(mutex_);
-    bool ClearPackage(const Package& package) VEXA_REQUIRES(mutex_);
+    BusinessError ClearPackage(const Package& package) VEXA_REQUIRES(mutex_);
     std::optional<FileId> IdOf(const std::string& targetName) const;
     int32_t RecordOwner(const std::vector<std::string>& targets, uint32_t uid);
     // Of the applications that are set aside: all, or the one of that name (errorNum 0) or why there is none.
@@ -173,6 +182,8 @@ private:
     BusinessError FindReserved(const std::string& name, Package& package) const;
     PresetChoices Choices() const VEXA_REQUIRES(mutex_);
     static std::string StagingName(uint32_t id);
+    // Where the older package is while the task's copy takes its place, if the file system can't exchange them.
+    static std::string AsideName(uint32_t id);
 
     const EngineOptions options_;
     EngineListener& listener_;
@@ -187,7 +198,7 @@ private:
     RateMeter meter_ VEXA_GUARDED_BY(mutex_);
     Clock::time_point reported_ VEXA_GUARDED_BY(mutex_);
     bool stopping_ VEXA_GUARDED_BY(mutex_) = false;
-    // Names in the target of cleared applications that are still to be removed.
+    // Names in the target of what is still to be removed: cleared applications, and what a sudden end has left.
     std::vector<std::string> rubbish_ VEXA_GUARDED_BY(mutex_);
     std::vector<std::thread> workers_;
 };

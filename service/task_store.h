@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "database.h"
@@ -15,13 +16,19 @@ namespace VEXA::UpdateEngine {
 // Single values of the state.
 enum class StateValue { STATUS, PAUSE_REASON, POLICY, START_TIME, END_TIME, NEXT_ID };
 
-// Not thread-safe. Writers return false when the disk didn't take it; memory has it all the same.
+// What memory has when the disk does not take a change: what was before it, for a request, which then is refused; or
+// the change, for what has happened. That gets to the disk with the next transaction that it takes.
+enum class IfNotWritten { TAKE_BACK, KEEP };
+
+// Not thread-safe. Writers return false when the disk didn't take it; outside a transaction memory keeps it.
 class TaskStore {
 public:
+    class Transaction;
+
     // Null, with the reason, when the file can't be used.
     static std::unique_ptr<TaskStore> Open(const std::string& path, std::string& error);
 
-    const std::map<uint32_t, Task>& Tasks() const { return tasks_; }
+    const std::map<uint32_t, Task>& Tasks() const { return contents_.tasks; }
     // Null when there is none.
     Task* Find(uint32_t id);
     // The task of that kind for the source directory.
@@ -31,7 +38,7 @@ public:
     bool Save(const Task& task);
     void Erase(uint32_t id);
 
-    const std::map<std::string, Placed>& AllPlaced() const { return placed_; }
+    const std::map<std::string, Placed>& AllPlaced() const { return contents_.placed; }
     const Placed* FindPlaced(const std::string& target) const;
     bool SavePlaced(const std::string& target, const Placed& placed);
     void ErasePlaced(const std::string& target);
@@ -39,7 +46,7 @@ public:
     int64_t Get(StateValue key) const;
     bool Set(StateValue key, int64_t value);
     // The caller's own data, see PresetData.
-    const std::string& Preset() const { return preset_; }
+    const std::string& Preset() const { return contents_.preset; }
     bool SetPreset(const std::string& text);
 
     // By the source directories of reserved applications; 0 unless set.
@@ -47,20 +54,52 @@ public:
     bool SetPriority(const std::string& source, int32_t priority);
     void ClearPriorities();
 
-    // Changes made while the result lives go to disk together, with its Commit.
-    Transaction Begin() { return Transaction(*database_); }
+    // Changes made while the result lives go to disk together, with its Commit. One at a time.
+    Transaction Begin(IfNotWritten ifNotWritten);
 
 private:
+    struct Contents {
+        std::map<uint32_t, Task> tasks;
+        std::map<std::string, Placed> placed;  // by target
+        std::map<int64_t, int64_t> values;
+        std::map<std::string, int32_t> priorities;
+        std::string preset;
+    };
+
     explicit TaskStore(std::unique_ptr<Database> database) : database_(std::move(database)) {}
     bool Load();
     void LoadTasks();
+    bool Write(Statement&& statement);
+    bool Write(const Task& task);
+    bool Write(const std::string& target, const Placed& placed);
+    bool WriteValue(int64_t key, int64_t value);
+    bool WritePriority(const std::string& source, int32_t priority);
+    bool WritePreset();
+    void WriteEverything();
 
     const std::unique_ptr<Database> database_;
-    std::map<uint32_t, Task> tasks_;
-    std::map<std::string, Placed> placed_;  // by target
-    std::map<int64_t, int64_t> values_;
-    std::map<std::string, int32_t> priorities_;
-    std::string preset_;
+    Contents contents_;
+    bool isBehind_ = false;  // the disk lacks something that memory has
+};
+
+class TaskStore::Transaction {
+public:
+    // Without a Commit nothing of it is written.
+    ~Transaction();
+    Transaction(const Transaction&) = delete;
+    Transaction& operator=(const Transaction&) = delete;
+
+    // When a TAKE_BACK fails, pointers and references to the store's tasks are void.
+    bool Commit();
+
+private:
+    friend class TaskStore;
+    Transaction(TaskStore& store, IfNotWritten ifNotWritten);
+    void TakeBack();
+
+    TaskStore& store_;
+    std::optional<Contents> before_;  // to be taken back to
+    bool isOpen_ = true;
 };
 
 }  // namespace VEXA::UpdateEngine

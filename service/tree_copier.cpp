@@ -52,6 +52,8 @@ std::string NextName(const Directory& directory)
 // What a walk through a tree has met: the path to where it is, and the first fault.
 class Walk {
 public:
+    explicit Walk(int targetFd) { fstat(targetFd, &target_); }
+
     ErrorInfo Fault() && { return std::move(fault_); }
 
 protected:
@@ -83,17 +85,28 @@ protected:
     bool FailReading() { return Fail(MIGRATE_ERROR_UNREADABLE, strerror(errno)); }
     bool FailWriting() { return Fail(WriteFault(errno)); }
     bool FailStopped() { return Fail(MIGRATE_ERROR_STOPPED, "stopped", true); }
-    bool FailDepth() { return Fail(MIGRATE_ERROR_UNSUPPORTED, "directories are nested too deeply"); }
+    // A target within the tree would be copied into itself.
+    bool MayEnter(const struct stat& directory, int depth)
+    {
+        if (depth > MAX_TREE_DEPTH) {
+            return Fail(MIGRATE_ERROR_UNSUPPORTED, "directories are nested too deeply");
+        }
+        if (directory.st_dev == target_.st_dev && directory.st_ino == target_.st_ino) {
+            return Fail(MIGRATE_ERROR_UNSUPPORTED, "holds the target");
+        }
+        return true;
+    }
 
 private:
+    struct stat target_ = {};
     ErrorInfo fault_;
     std::string path_;
 };
 
 class Copier : public Walk {
 public:
-    Copier(const CopyControl& control, TreeSize& copied)
-        : control_(control), copied_(copied), buffer_(control.pieceBytes)
+    Copier(int targetFd, const CopyControl& control, TreeSize& copied)
+        : Walk(targetFd), control_(control), copied_(copied), buffer_(control.pieceBytes)
     {}
 
     bool CopyDirectory(int sourceFd, const std::string& name, int targetFd, const std::string& newName, int depth)
@@ -103,8 +116,8 @@ public:
         if (source == nullptr || fstat(dirfd(source.get()), &status) != 0) {
             return FailReading();
         }
-        if (depth > MAX_TREE_DEPTH) {
-            return FailDepth();
+        if (!MayEnter(status, depth)) {
+            return false;
         }
         const UniqueFd target(MakeDirectory(targetFd, newName));
         if (!target) {
@@ -243,12 +256,26 @@ private:
     // Owner first: a change of owner takes set-user-id bits away. Times last: writing changes them.
     bool TakeOver(const struct stat& status, int target)
     {
+        struct stat copy = {};
         const std::array<timespec, 2> times{status.st_atim, status.st_mtim};
-        if ((geteuid() == 0 && fchown(target, status.st_uid, status.st_gid) != 0) ||
-            fchmod(target, status.st_mode & kPermissions) != 0 || futimens(target, times.data()) != 0) {
+        if ((geteuid() == 0 && fchown(target, status.st_uid, status.st_gid) != 0) || fstat(target, &copy) != 0 ||
+            fchmod(target, PermissionsOf(status, copy)) != 0 || futimens(target, times.data()) != 0) {
             return FailWriting();
         }
         return true;
+    }
+
+    static mode_t PermissionsOf(const struct stat& original, const struct stat& copy)
+    {
+        mode_t mode = original.st_mode & kPermissions;
+        if (copy.st_uid != original.st_uid) {
+            mode &= ~mode_t{S_ISUID};
+        }
+        // On a directory the bit says which group new files have.
+        if (copy.st_gid != original.st_gid && !S_ISDIR(original.st_mode)) {
+            mode &= ~mode_t{S_ISGID};
+        }
+        return mode;
     }
 
     const CopyControl& control_;
@@ -258,16 +285,18 @@ private:
 
 class Measurer : public Walk {
 public:
-    Measurer(const std::function<bool()>& goOn, TreeSize& size) : goOn_(goOn), size_(size) {}
+    Measurer(int targetFd, const std::function<bool()>& goOn, TreeSize& size) : Walk(targetFd), goOn_(goOn), size_(size)
+    {}
 
     bool MeasureDirectory(int parentFd, const std::string& name, int depth)
     {
         const Directory directory = OpenDirectory(parentFd, name);
-        if (directory == nullptr) {
+        struct stat status = {};
+        if (directory == nullptr || fstat(dirfd(directory.get()), &status) != 0) {
             return FailReading();
         }
-        if (depth > MAX_TREE_DEPTH) {
-            return FailDepth();
+        if (!MayEnter(status, depth)) {
+            return false;
         }
         for (std::string entry = NextName(directory); !entry.empty(); entry = NextName(directory)) {
             const Step step(*this, entry);
@@ -300,7 +329,7 @@ private:
     TreeSize& size_;
 };
 
-bool RemoveDirectory(int parentFd, const std::string& name, int depth)
+bool RemoveDirectory(int parentFd, const std::string& name, const std::function<bool()>& goOn, int depth)
 {
     constexpr mode_t kPrivate = 0700;
     Directory directory = OpenDirectory(parentFd, name);
@@ -313,8 +342,11 @@ bool RemoveDirectory(int parentFd, const std::string& name, int depth)
     fchmod(dirfd(directory.get()), kPrivate);
     bool isEmpty = true;
     for (std::string entry = NextName(directory); !entry.empty(); entry = NextName(directory)) {
+        if (!goOn()) {
+            return false;
+        }
         const bool isRemoved = unlinkat(dirfd(directory.get()), entry.c_str(), 0) == 0 ||
-                               RemoveDirectory(dirfd(directory.get()), entry, depth + 1);
+                               RemoveDirectory(dirfd(directory.get()), entry, goOn, depth + 1);
         isEmpty = isEmpty && isRemoved;
     }
     return isEmpty && unlinkat(parentFd, name.c_str(), AT_REMOVEDIR) == 0;
@@ -331,24 +363,25 @@ ErrorInfo WriteFault(int reason)
 ErrorInfo CopyTree(int sourceFd, const std::string& name, int targetFd, const std::string& newName,
     const CopyControl& control, TreeSize& copied)
 {
-    Copier copier(control, copied);
+    Copier copier(targetFd, control, copied);
     copier.CopyDirectory(sourceFd, name, targetFd, newName, 0);
     return std::move(copier).Fault();
 }
 
-ErrorInfo MeasureTree(int directoryFd, const std::string& name, const std::function<bool()>& goOn, TreeSize& size)
+ErrorInfo MeasureTree(
+    int sourceFd, const std::string& name, int targetFd, const std::function<bool()>& goOn, TreeSize& size)
 {
-    Measurer measurer(goOn, size);
-    measurer.MeasureDirectory(directoryFd, name, 0);
+    Measurer measurer(targetFd, goOn, size);
+    measurer.MeasureDirectory(sourceFd, name, 0);
     return std::move(measurer).Fault();
 }
 
-bool RemoveTree(int directoryFd, const std::string& name)
+bool RemoveTree(int directoryFd, const std::string& name, const std::function<bool()>& goOn)
 {
     if (unlinkat(directoryFd, name.c_str(), 0) == 0 || errno == ENOENT) {
         return true;
     }
-    return RemoveDirectory(directoryFd, name, 0);
+    return RemoveDirectory(directoryFd, name, goOn, 0);
 }
 
 }  // namespace VEXA::UpdateEngine

@@ -29,16 +29,20 @@ struct CopyControl {
 ErrorInfo WriteFault(int reason);
 
 // Copies the directory `name` of `sourceFd` to a new directory `newName` of `targetFd`: files, directories and
-// symbolic links with their permissions, times and, for root, owners. Files with several names become several files;
-// extended attributes stay behind. Code 0: done; MIGRATE_ERROR_STOPPED: `advance` said so; else what went wrong. What
-// was copied until then stays.
+// symbolic links with their permissions, times and, for root, owners. A copy that belongs to somebody else than the
+// original does not act in the new owner's name: a file's set-user-id or set-group-id bit stays behind then. So do
+// extended attributes, and files with several names become several files. Code 0: done; MIGRATE_ERROR_STOPPED:
+// `advance` said so; MIGRATE_ERROR_UNSUPPORTED also for a tree that holds `targetFd`; else what went wrong. What was
+// copied until then stays.
 ErrorInfo CopyTree(int sourceFd, const std::string& name, int targetFd, const std::string& newName,
     const CopyControl& control, TreeSize& copied);
 
-// `goOn` is asked before every entry.
-ErrorInfo MeasureTree(int directoryFd, const std::string& name, const std::function<bool()>& goOn, TreeSize& size);
+// What CopyTree to `targetFd` would copy. `goOn` is asked before every entry.
+ErrorInfo MeasureTree(
+    int sourceFd, const std::string& name, int targetFd, const std::function<bool()>& goOn, TreeSize& size);
 
-// Removes what has that name, a directory with everything in it; true when nothing is left.
-bool RemoveTree(int directoryFd, const std::string& name);
+// Removes what has that name, a directory with everything in it; true when nothing is left. `goOn` is asked before
+// every entry.
+bool RemoveTree(int directoryFd, const std::string& name, const std::function<bool()>& goOn);
 
 }  // namespace VEXA::UpdateEngine

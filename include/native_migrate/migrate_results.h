@@ -21,13 +21,13 @@ inline constexpr int32_t MIGRATE_ERROR_NOTHING = 3;        // nothing is there t
 inline constexpr int32_t MIGRATE_ERROR_NOT_FOUND = 4;      // there is no package of that name
 inline constexpr int32_t MIGRATE_ERROR_EVENT = 5;          // an event that means nothing to the service
 inline constexpr int32_t MIGRATE_ERROR_SOURCE = 6;         // the source directory can't be read
-inline constexpr int32_t MIGRATE_ERROR_STATE = 7;          // the service's state can't be written
+inline constexpr int32_t MIGRATE_ERROR_STATE = 7;          // the service's state can't be written; of a package too
 // Of one package:
 inline constexpr int32_t MIGRATE_ERROR_MANIFEST = 20;     // its manifest is not one
 inline constexpr int32_t MIGRATE_ERROR_NAME = 21;         // its name can't be a directory's, or is kept for the service
 inline constexpr int32_t MIGRATE_ERROR_UNREADABLE = 22;   // something in it can't be read
 inline constexpr int32_t MIGRATE_ERROR_TARGET = 23;       // the target has something else under its name
-inline constexpr int32_t MIGRATE_ERROR_UNSUPPORTED = 24;  // it holds what is no file, directory or symbolic link
+inline constexpr int32_t MIGRATE_ERROR_UNSUPPORTED = 24;  // it holds what can't be copied: devices, the target
 inline constexpr int32_t MIGRATE_ERROR_WRITE = 25;        // the target can't be written
 inline constexpr int32_t MIGRATE_ERROR_NO_SPACE = 26;     // the target is full; may be tried again
 inline constexpr int32_t MIGRATE_ERROR_CHANGED = 27;      // it changed while it was copied; may be tried again

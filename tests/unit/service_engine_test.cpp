@@ -1,27 +1,68 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "service_fixture.h"
 
+#include <fcntl.h>
+#include <sys/syscall.h>
+
+#include <atomic>
 #include <cerrno>
 
 namespace {
 
 // What the disk does when it is told to take everything, as an errno; set before an engine that waits for it starts.
 std::function<int()> g_disk;
+// No room is left for the state.
+std::atomic<bool> g_isStateFull{false};
+// Of a file system that knows nothing but plain renames: 0, or which of them, counted from 1, fails.
+std::atomic<int> g_failingRename{-1};
+std::atomic<int> g_renames{0};
+
+long Result(int reason)
+{
+    errno = reason;
+    return reason == 0 ? 0 : -1;
+}
 
 }  // namespace
 
 // In place of the C library's.
 extern "C" int syncfs(int) noexcept
 {
-    errno = g_disk();
-    return errno == 0 ? 0 : -1;
+    return static_cast<int>(Result(g_disk()));
+}
+
+extern "C" __attribute__((visibility("default"))) ssize_t pwrite64(
+    int fd, const void* data, size_t size, off64_t offset)
+{
+    return g_isStateFull ? Result(ENOSPC) : syscall(SYS_pwrite64, fd, data, size, offset);
+}
+
+extern "C" int renameat2(int fromFd, const char* from, int toFd, const char* to, unsigned flags) noexcept
+{
+    const bool isPlain = g_failingRename >= 0;
+    return static_cast<int>(isPlain ? Result(EINVAL) : syscall(SYS_renameat2, fromFd, from, toFd, to, flags));
+}
+
+extern "C" int renameat(int fromFd, const char* from, int toFd, const char* to) noexcept
+{
+    const bool fails = ++g_renames == g_failingRename;
+    return static_cast<int>(fails ? Result(EIO) : syscall(SYS_renameat2, fromFd, from, toFd, to, 0));
 }
 
 namespace VEXA::UpdateEngine::test {
 namespace {
 
 using namespace std::chrono_literals;
-using ServiceEngine = EngineTest;
+
+class ServiceEngine : public EngineTest {
+protected:
+    void TearDown() override
+    {
+        engine.reset();
+        g_isStateFull = false;
+        g_failingRename = -1;
+    }
+};
 
 TEST_F(ServiceEngine, MovesWhatCanBeMovedAndTellsWhatCanNot)
 {
@@ -180,6 +221,7 @@ TEST_F(ServiceEngine, ASuddenEndLeavesNoTraceAndIsNoticedBetweenTheRenameAndItsN
 {
     folders.AddPackage("a", 10);
     folders.AddPackage("b", 10);
+    folders.AddPackage("c", 10);
     Run();
     engine->StartAll();
     ASSERT_TRUE(Ends());
@@ -187,12 +229,12 @@ TEST_F(ServiceEngine, ASuddenEndLeavesNoTraceAndIsNoticedBetweenTheRenameAndItsN
     engine.reset();
     {
         // As the disk is when the process ends there: for `a`, whose owned copy has been replaced, the rename has
-        // happened, for `b` it has not.
+        // happened, for `b` it has not, and for `c` the first of two.
         std::string error;
         const auto store = TaskStore::Open(folders.Target() / ".migrate-state.db", error);
         ASSERT_NE(store, nullptr) << error;
         store->Set(StateValue::STATUS, static_cast<int64_t>(TaskStatus::RUNNING));
-        for (const char* name : {"a", "b"}) {
+        for (const char* name : {"a", "b", "c"}) {
             Task& task = *store->Find(TaskKind::MIGRATE, name);
             task.staged = store->FindPlaced(name)->id;
             task.status = TaskStatus::RUNNING;
@@ -205,18 +247,105 @@ TEST_F(ServiceEngine, ASuddenEndLeavesNoTraceAndIsNoticedBetweenTheRenameAndItsN
         store->ErasePlaced("b");
     }
     fs::remove_all(folders.Target() / "b");
+    fs::rename(folders.Target() / "c", folders.Target() / ".staging-3-old");
     for (const char* name : {".staging-2", ".staging-77", ".staging-of-mine"}) {
         Folders::Write(folders.Target() / name / "data" / "file", "a part");
     }
+    // However much it is that is left, it does not delay the start, nor is it in the way.
     Open();
-    EXPECT_EQ(folders.TargetNames(), (std::vector<std::string>{".staging-of-mine", "a"}));
+    EXPECT_EQ(
+        folders.TargetNames(), (std::vector<std::string>{".staging-4", ".staging-5", ".staging-of-mine", "a", "c"}));
     EXPECT_EQ(State(), TaskStatus::RUNNING);
-    EXPECT_EQ(Results(), "a:3/0 b:0/0 ");
+    EXPECT_EQ(Results(), "a:3/0 b:0/0 c:0/0 ");
     engine->Start();
     ASSERT_TRUE(Ends());
-    EXPECT_EQ(Results(), "a:3/0 b:3/0 ");
+    EXPECT_EQ(Results(), "a:3/0 b:3/0 c:3/0 ");
+    EXPECT_TRUE(Eventually([this] {
+        return folders.TargetNames() == std::vector<std::string>{".staging-of-mine", "a", "b", "c"};
+    }));
     EXPECT_EQ(engine->OwnBackups(6), MIGRATE_ERROR_OWNER);
-    EXPECT_EQ(engine->StartAll().errorNum, 0);  // both are known as its own
+    EXPECT_EQ(engine->StartAll().errorNum, 0);  // all are known as its own
+}
+
+TEST_F(ServiceEngine, WhatCanNotBeRememberedIsRefused)
+{
+    folders.AddPackage("a", 10);
+    folders.AddPackage("r", 10, R"({"reserved":true})");
+    Run();
+    g_isStateFull = true;
+    EXPECT_EQ(engine->StartAll().errorNum, MIGRATE_ERROR_STATE);
+    EXPECT_EQ(engine->StartPackage("a", "", 0).errorNum, MIGRATE_ERROR_STATE);
+    EXPECT_EQ(engine->Restore("r", "").errorNum, MIGRATE_ERROR_STATE);
+    EXPECT_EQ(engine->SetPolicy(MIGRATE_POLICY_STOP).errorNum, MIGRATE_ERROR_STATE);
+    EXPECT_EQ(State(), TaskStatus::IDLE);
+    EXPECT_EQ(Results(), "");
+    EXPECT_EQ(listener.Restores(), "");
+
+    g_isStateFull = false;
+    EXPECT_EQ(engine->Restore("r", "").errorNum, 0);
+    EXPECT_TRUE(Eventually([this] { return listener.Restores() == "r:0 r:1 r:1 r:3 "; }));
+    g_isStateFull = true;
+    EXPECT_EQ(engine->ClearReserved("r", "").errorNum, MIGRATE_ERROR_STATE);
+    EXPECT_EQ(folders.TargetNames(), std::vector<std::string>{"r"});
+    g_isStateFull = false;
+    EXPECT_EQ(engine->ClearReserved("r", "").errorNum, 0);
+    EXPECT_TRUE(Eventually([this] { return folders.TargetNames().empty(); }));
+}
+
+TEST_F(ServiceEngine, NothingIsPlacedThatTheNextStartWouldNotKnow)
+{
+    folders.AddPackage("a", kLarge);
+    Run(kSlow);
+    EXPECT_EQ(engine->StartAll().errorNum, 0);
+    ASSERT_TRUE(Eventually([this] { return IsCopying(); }));
+    g_isStateFull = true;
+    ASSERT_TRUE(Ends());
+    EXPECT_EQ(Results(), "a:4/7 ");
+    EXPECT_TRUE(folders.TargetNames().empty());
+
+    // Too late for the note that it has been placed: the start after finds that out, and so does the next transaction.
+    g_disk = [] {
+        g_isStateFull = true;
+        return 0;
+    };
+    for (const bool isWrittenLater : {false, true}) {
+        g_isStateFull = false;
+        Open(0, true);
+        engine->Start();
+        engine->StartAll();  // at first it is open still, as its failure could not be written
+        ASSERT_TRUE(Ends());
+        g_isStateFull = false;
+        if (isWrittenLater) {
+            EXPECT_EQ(engine->SetPolicy(MIGRATE_POLICY_GO_ON).errorNum, 0);
+            EXPECT_EQ(engine->RemoveUser(MIGRATE_ALL_USERS).errorNum, 0);
+        }
+        g_isStateFull = true;
+        Open();
+        EXPECT_EQ(Results(), isWrittenLater ? "" : "a:3/0 ");
+        g_isStateFull = false;
+        EXPECT_EQ(engine->OwnBackups(5), 0);
+    }
+}
+
+TEST_F(ServiceEngine, AFileSystemThatCanNotExchangeCostsNoPackageEither)
+{
+    const std::pair<int, const char*> failures[] = {{0, "a:3/0 "}, {1, "a:4/25 "}, {2, "a:4/25 "}};
+    folders.AddPackage("a", 10);
+    Run();
+    engine->StartAll();
+    ASSERT_TRUE(Ends());
+    for (const auto& [failure, result] : failures) {
+        const std::string content = "of " + std::to_string(failure);
+        const std::string before = Folders::Read(folders.Target() / "a" / "data" / "file");
+        Folders::Write(folders.Source() / "a" / "data" / "file", content);
+        g_renames = 0;
+        g_failingRename = failure;
+        EXPECT_EQ(engine->StartAll().errorNum, 0);
+        ASSERT_TRUE(Ends());
+        EXPECT_EQ(Results(), result);
+        EXPECT_EQ(Folders::Read(folders.Target() / "a" / "data" / "file"), failure == 0 ? content : before);
+        EXPECT_EQ(folders.TargetNames(), std::vector<std::string>{"a"});
+    }
 }
 
 // The disk has the copy before it has the name, and the name before the task ends; requests are answered meanwhile.

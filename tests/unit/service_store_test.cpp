@@ -38,7 +38,7 @@ TEST_F(ServiceStore, EverythingThatIsCommittedIsThereAfterAReopen)
         store->Erase(store->Add(task).id);
         EXPECT_TRUE(store->SavePlaced("t", {"s", "b", {1, 2, 3}, 77}));
         EXPECT_TRUE(store->Set(StateValue::START_TIME, 5) && store->SetPriority("s", 9) && store->SetPreset("{}"));
-        const Transaction lost = store->Begin();
+        const auto lost = store->Begin(IfNotWritten::TAKE_BACK);
         store->Add(task);
         store->Set(StateValue::START_TIME, 6);
     }

@@ -17,6 +17,10 @@ protected:
     {
         return CopyTree(source_.Get(), name, target_.Get(), "copy", control, copied_);
     }
+    bool Remove(bool goOn = true) const
+    {
+        return RemoveTree(target_.Get(), "copy", [goOn] { return goOn; });
+    }
     // What is to be kept of every entry.
     static std::map<std::string, std::string> Describe(const fs::path& root)
     {
@@ -73,10 +77,12 @@ TEST_F(ServiceTree, EverythingOfATreeArrivesAndCanBeRemoved)
     EXPECT_EQ(copied_.files, 8U);
     EXPECT_EQ(Describe(folders_.Target() / "copy"), Describe(root));
 
-    EXPECT_TRUE(RemoveTree(target_.Get(), "copy"));
+    EXPECT_FALSE(Remove(false));
+    EXPECT_EQ(Describe(folders_.Target() / "copy").size(), Describe(root).size());
+    EXPECT_TRUE(Remove());
     EXPECT_FALSE(fs::exists(folders_.Target() / "copy"));
     EXPECT_TRUE(fs::exists(root / "data" / "large"));  // the removal went through no link
-    EXPECT_TRUE(RemoveTree(target_.Get(), "copy"));
+    EXPECT_TRUE(Remove());
 }
 
 TEST_F(ServiceTree, WhatCanNotBeCopiedIsNamed)
@@ -93,7 +99,7 @@ TEST_F(ServiceTree, WhatCanNotBeCopiedIsNamed)
         const ErrorInfo fault = Copy(name);
         EXPECT_EQ(fault.code, code) << name;
         EXPECT_NE(fault.reason.find(reason), std::string::npos) << fault.reason;
-        EXPECT_TRUE(RemoveTree(target_.Get(), "copy")) << name;
+        EXPECT_TRUE(Remove()) << name;
     };
     expectFault("pipe", MIGRATE_ERROR_UNSUPPORTED, "pipe: is no file");
     expectFault("deep", MIGRATE_ERROR_UNSUPPORTED, "nested too deeply");
@@ -101,6 +107,41 @@ TEST_F(ServiceTree, WhatCanNotBeCopiedIsNamed)
     expectFault("link", MIGRATE_ERROR_UNREADABLE, "");
     fs::create_directories(folders_.Target() / "copy");
     expectFault("taken", MIGRATE_ERROR_WRITE, "exists");
+}
+
+TEST_F(ServiceTree, ATreeThatHoldsTheTargetIsNeitherMeasuredNorCopied)
+{
+    folders_.AddPackage("p", 10);
+    const UniqueFd within(open((folders_.Source() / "p" / "data").c_str(), O_RDONLY | O_DIRECTORY));
+    TreeSize size;
+    const ErrorInfo faults[] = {MeasureTree(
+                                    source_.Get(), "p", within.Get(), [] { return true; }, size),
+        CopyTree(source_.Get(), "p", within.Get(), "copy", {[](uint64_t) { return true; }}, size)};
+    for (const ErrorInfo& fault : faults) {
+        EXPECT_EQ(fault.code, MIGRATE_ERROR_UNSUPPORTED);
+        EXPECT_EQ(fault.reason, "data: holds the target");
+    }
+}
+
+// Who copies another user's program must not make a program that acts as himself.
+TEST_F(ServiceTree, NobodyActsAsTheCopiersUserThroughACopy)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs files of two users";
+    }
+    constexpr uid_t kOther = 12345;
+    const fs::path program = folders_.Source() / "p" / "program";
+    Folders::Write(program, "#!");
+    ASSERT_EQ(chmod(program.c_str(), 06755), 0);
+    ASSERT_EQ(chown(folders_.Target().c_str(), kOther, kOther), 0);
+    ASSERT_EQ(setegid(kOther) | seteuid(kOther), 0);
+    const ErrorInfo fault = Copy("p");
+    ASSERT_EQ(seteuid(0) | setegid(0), 0);
+    EXPECT_EQ(fault.code, 0) << fault.reason;
+    struct stat status = {};
+    ASSERT_EQ(stat((folders_.Target() / "copy" / "program").c_str(), &status), 0);
+    EXPECT_EQ(status.st_uid, kOther);
+    EXPECT_EQ(status.st_mode & 07777, 0755U);
 }
 
 TEST_F(ServiceTree, AFileThatChangesUnderTheCopyIsAFault)
