@@ -12,6 +12,7 @@
 
 #include "client_programs.h"
 #include "samgr_world.h"
+#include "vexa/ipc/context_object.h"
 #include "vexa/ipc/ipc_object_stub.h"
 #include "vexa/ipc/message_option.h"
 #include "vexa/ipc/message_parcel.h"
@@ -199,6 +200,12 @@ TEST_F(Samgr, ServicesOutliveAKilledManagerAndRegisterWithTheNext)
     SetUp();
     // A load that comes first finds the living service and starts none.
     EXPECT_EQ(PidOf(manager_->LoadSystemAbility(kService, 5)), service);
+
+    // Also when its sockets, and this process's, have gone with the runtime directory; that takes a look or two.
+    World().EndManager(SIGKILL);
+    std::filesystem::remove_all(RuntimeDirectory());
+    SetUp();
+    EXPECT_TRUE(Eventually([&] { return PidOf(manager_->CheckSystemAbility(kService)) == service; }));
     kill(service, SIGKILL);
 }
 
@@ -212,6 +219,21 @@ TEST_F(Samgr, AnOrderlyStopEndsTheProgramsAndASecondManagerIsRefused)
     EXPECT_TRUE(IsRunning(service));
     EXPECT_EQ(World().EndManager(SIGTERM), 0);
     EXPECT_FALSE(IsRunning(service));
+}
+
+// The programs that it starts have another working directory.
+TEST_F(Samgr, ARuntimeDirectoryMayBeRelative)
+{
+    const std::string& folder = World().Folder();
+    ChildProcess manager =
+        StartLogged({"env", "-C", folder, SAMGRD, "--profiles", World().Profiles(), "--runtime-dir", "relative"},
+            World().LogFile());
+    EXPECT_TRUE(Eventually([&] {
+        ChildProcess client({"env", "-C", folder, "VEXA_RUNTIME_DIR=relative", SAMGR_PEER, "load", "1"});
+        return ExitStatus(client) == 0;
+    }));
+    manager.Signal(SIGTERM);
+    EXPECT_EQ(ExitStatus(manager), 0);
 }
 
 TEST_F(Samgr, ProfilesAreReadAgainOnRequest)

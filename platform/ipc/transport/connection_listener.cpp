@@ -21,6 +21,13 @@ UniqueFd OpenSpare()
 
 ConnectionListener::ConnectionListener(UniqueFd listener) : EventHandler(std::move(listener)), spare_(OpenSpare()) {}
 
+ConnectionListener::~ConnectionListener()
+{
+    if (paused_) {
+        --IpcProcess::Get().Loop().Waiting();
+    }
+}
+
 void ConnectionListener::OnEvents(uint32_t)
 {
     UniqueFd connection = AcceptFrom(fd_);

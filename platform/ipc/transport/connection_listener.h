@@ -9,6 +9,7 @@ namespace VEXA::ipc {
 class ConnectionListener : public EventHandler {
 public:
     explicit ConnectionListener(UniqueFd listener);
+    ~ConnectionListener() override;
     void OnEvents(uint32_t events) override;
     void OnTick(Deadline now) override;
 

@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// The context object: reaching it, publishing it, and hearing that it has been published anew.
+// The context object: reaching it and publishing it.
 #include "vexa/ipc/context_object.h"
 
 #include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/file.h>
-#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -33,29 +32,6 @@ bool IsTrusted(uid_t user)
            (stat(RuntimeDirectory().c_str(), &directory) == 0 && directory.st_uid == user);
 }
 
-// Runs an action when the context socket has appeared.
-class ContextWatch : public EventHandler {
-public:
-    ContextWatch(UniqueFd fd, std::function<void()> action) : EventHandler(std::move(fd)), action_(std::move(action)) {}
-
-    void OnEvents(uint32_t) override
-    {
-        alignas(inotify_event) char events[4096];
-        const ssize_t size = read(Fd(), events, sizeof(events));
-        for (ssize_t at = 0; at + static_cast<ssize_t>(sizeof(inotify_event)) <= size;) {
-            inotify_event event;
-            std::memcpy(&event, events + at, sizeof(event));
-            if (event.len > 0 && ContextSocketPath().ends_with(std::string("/") + (events + at + sizeof(event)))) {
-                IpcProcess::Get().Workers().Post(action_);
-            }
-            at += static_cast<ssize_t>(sizeof(event) + event.len);
-        }
-    }
-
-private:
-    const std::function<void()> action_;
-};
-
 }  // namespace
 
 sptr<Peer> IpcProcess::ContextPeer()
@@ -80,7 +56,7 @@ sptr<Peer> IpcProcess::ContextPeer()
 sptr<Peer> IpcProcess::GreetContext(Deadline deadline)
 {
     // The endpoint comes before the link, so that it also goes before it when the process is killed.
-    if (RuntimeDirectory().empty() || access(ContextSocketPath().c_str(), F_OK) != 0 || !Start()) {
+    if (RuntimeDirectory().empty() || access(ContextSocketPath().c_str(), F_OK) != 0 || !Start() || !RenewEndpoint()) {
         return nullptr;
     }
     UniqueFd fd = ConnectTo(ContextSocketPath());
@@ -134,7 +110,7 @@ bool IpcProcess::PublishLocked(const sptr<IRemoteObject>& object)
     }
     objects_.SetContextObject(object);
     UniqueFd listener = ListenAt(ContextSocketPath());
-    if (!listener || !Listen(std::move(listener))) {
+    if (!listener || Listen(std::move(listener)) == nullptr) {
         IPC_LOGE("can't listen at %{public}s: %{public}s", ContextSocketPath().c_str(), std::strerror(errno));
         return false;
     }
@@ -148,21 +124,7 @@ void IpcProcess::WatchContext(std::function<void()> action)
     if (!Start()) {
         return;
     }
-    UniqueFd fd = UniqueFd::Make([] { return inotify_init1(IN_CLOEXEC | IN_NONBLOCK); });
-    if (!fd || inotify_add_watch(fd.Get(), RuntimeDirectory().c_str(), IN_CREATE | IN_MOVED_TO) < 0) {
-        IPC_LOGE("can't watch %{public}s: %{public}s", RuntimeDirectory().c_str(), std::strerror(errno));
-        return;
-    }
-    const sptr<EventHandler> watch(new ContextWatch(std::move(fd), std::move(action)));
-    sptr<EventHandler> before;
-    {
-        MutexLock lock(contextMutex_);
-        before = std::exchange(contextWatch_, watch);
-    }
-    if (before != nullptr) {
-        reactor_.Remove(before->Fd());
-    }
-    reactor_.Add(watch, EPOLLIN);
+    contextWatch_.Start(std::move(action));
 }
 
 }  // namespace ipc

@@ -70,13 +70,19 @@ bool IpcProcess::StartLocked()
     if (!threadsStarted_) {
         id_.store(RandomNumber(), std::memory_order_relaxed);
         // Closing a channel can end objects, whose code is nothing for the reactor.
-        reactor_.SetTickAction([this](Deadline now) { workers_.Post([this, now] { workers_.CloseStalled(now); }); });
+        reactor_.SetTickAction([this](Deadline now) {
+            workers_.Post([this, now] {
+                workers_.CloseStalled(now);
+                contextWatch_.OnTick();
+            });
+        });
     }
     UniqueFd listener = ListenAt(EndpointPath(Id()));
     if (listener && !threadsStarted_) {
         threadsStarted_ = workers_.Start() && reactor_.Start();
     }
-    if (!listener || !threadsStarted_ || !Listen(std::move(listener))) {
+    endpoint_ = listener && threadsStarted_ ? Listen(std::move(listener)) : nullptr;
+    if (endpoint_ == nullptr) {
         if (!startFailed_) {
             IPC_LOGE("no endpoint in %{public}s: %{public}s", EndpointDirectory().c_str(), std::strerror(errno));
         }
@@ -88,9 +94,26 @@ bool IpcProcess::StartLocked()
     return true;
 }
 
-bool IpcProcess::Listen(UniqueFd listener)
+sptr<EventHandler> IpcProcess::Listen(UniqueFd listener)
 {
-    return reactor_.Add(sptr<EventHandler>(new ConnectionListener(std::move(listener))), EPOLLIN);
+    const sptr<EventHandler> handler(new ConnectionListener(std::move(listener)));
+    return reactor_.Add(handler, EPOLLIN) ? handler : nullptr;
+}
+
+bool IpcProcess::RenewEndpoint()
+{
+    MutexLock lock(startMutex_);
+    if (access(EndpointPath(Id()).c_str(), F_OK) == 0) {
+        return true;
+    }
+    UniqueFd listener = ProcessLife::Get().Exiting() ? UniqueFd() : ListenAt(EndpointPath(Id()));
+    const sptr<EventHandler> fresh = listener ? Listen(std::move(listener)) : nullptr;
+    if (fresh == nullptr) {
+        return false;
+    }
+    reactor_.Remove(endpoint_->Fd());
+    endpoint_ = fresh;
+    return true;
 }
 
 // A process that leaves runs no more requests, whose code may need what is being destroyed, and takes its socket along.

@@ -8,6 +8,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include "context_watch.h"
 #include "death_notifier.h"
 #include "link.h"
 #include "object_table.h"
@@ -62,7 +63,10 @@ private:
     IpcProcess() = default;
     bool StartLocked() VEXA_REQUIRES(startMutex_);
     sptr<Peer> GreetContext(Deadline deadline) VEXA_REQUIRES(contextMutex_);
-    bool Listen(UniqueFd listener);
+    // Null when the reactor can't take it.
+    sptr<EventHandler> Listen(UniqueFd listener);
+    // The endpoint is in the runtime directory again if that was made anew since this process started.
+    bool RenewEndpoint() VEXA_EXCLUDES(startMutex_);
     // Whether that process and user listens at the endpoint.
     bool IsEndpointOf(EndpointId claimed, const Credentials& credentials) const;
     void RemoveEndpointOf(const Peer& peer);
@@ -82,11 +86,12 @@ private:
     bool startFailed_ VEXA_GUARDED_BY(startMutex_) = false;
     bool publishing_ VEXA_GUARDED_BY(startMutex_) = false;
     UniqueFd publisherLock_ VEXA_GUARDED_BY(startMutex_);
+    sptr<EventHandler> endpoint_ VEXA_GUARDED_BY(startMutex_);
 
     Mutex contextMutex_;  // held while connecting, so that concurrent first uses share one link
     sptr<Peer> context_ VEXA_GUARDED_BY(contextMutex_);
     std::atomic<uint64_t> contextFailures_{0};
-    sptr<EventHandler> contextWatch_ VEXA_GUARDED_BY(contextMutex_);
+    ContextWatch contextWatch_{reactor_};
 
     Mutex peersMutex_;
     std::unordered_map<EndpointId, sptr<Peer>> peers_ VEXA_GUARDED_BY(peersMutex_);

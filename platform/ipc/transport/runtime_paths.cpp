@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 
 #include "ipc_log.h"
 #include "socket.h"
@@ -17,16 +18,29 @@
 
 namespace VEXA {
 
+namespace {
+
+std::string ChosenDirectory()
+{
+    if (const char* own = std::getenv("VEXA_RUNTIME_DIR"); own != nullptr && *own != '\0') {
+        return own;
+    }
+    if (const char* session = std::getenv("XDG_RUNTIME_DIR"); session != nullptr && *session != '\0') {
+        return std::string(session) + "/vexa";
+    }
+    return geteuid() == 0 ? "/run/vexa" : "";
+}
+
+}  // namespace
+
 const std::string& RuntimeDirectory()
 {
     static const std::string* const directory = [] {
-        if (const char* own = std::getenv("VEXA_RUNTIME_DIR"); own != nullptr && *own != '\0') {
-            return new std::string(own);
-        }
-        if (const char* session = std::getenv("XDG_RUNTIME_DIR"); session != nullptr && *session != '\0') {
-            return new std::string(std::string(session) + "/vexa");
-        }
-        return new std::string(geteuid() == 0 ? "/run/vexa" : "");
+        const std::string chosen = ChosenDirectory();
+        // The working directory may be another one later, and is in the programs that the manager starts.
+        std::error_code error;
+        const std::string absolute = std::filesystem::absolute(chosen, error);
+        return new std::string(error ? chosen : absolute);
     }();
     return *directory;
 }

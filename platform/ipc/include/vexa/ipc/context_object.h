@@ -13,7 +13,7 @@
 namespace VEXA {
 
 // The directory of this process's sockets: VEXA_RUNTIME_DIR, else $XDG_RUNTIME_DIR/vexa, else /run/vexa for root; empty
-// when none of them applies. Read once.
+// when none of them applies. Read once; a relative name is one in the working directory of that moment.
 VEXA_EXPORT const std::string& RuntimeDirectory();
 
 // The context object, null when no process publishes one now. Blocks for the connection only, at most a second.
@@ -24,7 +24,8 @@ VEXA_EXPORT sptr<IRemoteObject> GetContextObject();
 // publishes one already or the runtime directory can't be used; the log says which. Creates the directory.
 VEXA_EXPORT bool PublishContextObject(const sptr<IRemoteObject>& object);
 
-// Runs `action` on a pool thread whenever a context object has been published anew, from now until the process ends.
+// Runs `action` on a pool thread whenever a context object has been published anew, from now until the process ends: at
+// once as a rule; within about a second where the runtime directory was removed meanwhile or the kernel can't watch it.
 // It may run without cause, so `action` looks for itself. One action in a process; a later one replaces it.
 VEXA_EXPORT void OnContextObjectPublished(std::function<void()> action);
 

@@ -1,0 +1,75 @@
+// SPDX-License-Identifier: Apache-2.0
+// The word that a context object has been published anew, whatever becomes of the runtime directory.
+#include <gtest/gtest.h>
+#include <sys/inotify.h>
+#include <sys/syscall.h>
+
+#include <atomic>
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+
+#include "support/processes.h"
+#include "vexa/ipc/context_object.h"
+
+namespace {
+
+std::atomic<bool> g_hasWatches{true};
+
+}  // namespace
+
+// In place of the C library's.
+extern "C" int inotify_init1(int flags) noexcept
+{
+    if (!g_hasWatches) {
+        errno = EMFILE;
+        return -1;
+    }
+    return static_cast<int>(syscall(SYS_inotify_init1, flags));
+}
+
+namespace VEXA::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+TEST(ContextWatch, HearsOfAnotherContextObjectAlsoInADirectoryMadeAnew)
+{
+    const TempDir folder;
+    const fs::path directory = fs::path(folder.Path()) / "run";
+    setenv("VEXA_RUNTIME_DIR", directory.c_str(), 1);
+    const auto make = [&] { fs::create_directories(directory / "peers"); };
+    const auto publish = [&] {
+        std::ofstream(directory / "new") << "a context socket";
+        fs::rename(directory / "new", directory / "samgr.sock");
+    };
+    static std::atomic<int> published{0};
+    int expected = 0;
+    const auto expectNews = [&](const char* way) {
+        publish();
+        ++expected;
+        EXPECT_TRUE(Eventually([&] { return published == expected; })) << way;
+    };
+
+    make();
+    publish();
+    g_hasWatches = false;
+    OnContextObjectPublished([] { ++published; });
+    expectNews("no watch at first");
+    expectNews("none still");
+    g_hasWatches = true;
+    fs::remove_all(directory);
+    make();
+    expectNews("removed");
+    expectNews("watched again");
+    fs::rename(directory, fs::path(folder.Path()) / "away");
+    make();
+    expectNews("moved away");
+    fs::remove_all(directory);
+    fs::create_directories(directory);
+    expectNews("removed, and watched at its first or second look");
+    EXPECT_EQ(published, expected);
+}
+
+}  // namespace
+}  // namespace VEXA::test
