@@ -10,6 +10,7 @@
 #include "migrate_server_stub.h"
 #include "migration_engine.h"
 #include "service_log.h"
+#include "vexa/ipc/context_object.h"
 #include "vexa/samgr/system_ability_manager_client.h"
 
 namespace {
@@ -49,10 +50,15 @@ bool Register(const sptr<IRemoteObject>& object)
     for (int attempt = 0; manager == nullptr && attempt < 4; ++attempt) {
         manager = SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
     }
-    const int32_t result =
-        manager != nullptr ? manager->AddSystemAbility(MIGRATE_SERVICE_ID, object) : MIGRATE_UNREACHABLE;
+    if (manager == nullptr) {
+        const std::string& directory = RuntimeDirectory();
+        fprintf(stderr, "migrate_serviced: no manager answers in %s\n",
+            directory.empty() ? "a runtime directory: set VEXA_RUNTIME_DIR or XDG_RUNTIME_DIR" : directory.c_str());
+        return false;
+    }
+    const int32_t result = manager->AddSystemAbility(MIGRATE_SERVICE_ID, object);
     if (result != SAMGR_OK) {
-        fprintf(stderr, "migrate_serviced: the manager did not take the service: %d\n", result);
+        fprintf(stderr, "migrate_serviced: the manager did not take the service (result %d)\n", result);
     }
     return result == SAMGR_OK;
 }
