@@ -10,6 +10,7 @@
 #include "migrate_server_stub.h"
 #include "migration_engine.h"
 #include "service_log.h"
+#include "vexa/base/standard_streams.h"
 #include "vexa/ipc/context_object.h"
 #include "vexa/samgr/system_ability_manager_client.h"
 
@@ -103,6 +104,7 @@ int Run(const EngineOptions& options)
 
 int main(int argc, char** argv)
 {
+    OccupyStandardStreams();
     EngineOptions options;
     CLI::App app("The reference migration service: moves packages from one directory to another.", "migrate_serviced");
     app.add_option("--source", options.source, "Directory that holds the packages")->required();

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "migratectl_migration.h"
+#include "vexa/base/standard_streams.h"
 #include "vexa/log/kolog.h"
 #include "vexa/log/ring_log_sink.h"
 
@@ -44,7 +45,7 @@ int Run(std::vector<std::string> arguments)
     app.fallthrough();
     app.footer(
         "Exit status: 0 done, 1 refused by the service, 2 wrong arguments, 3 ended with something not moved,\n"
-        "4 the service can't be reached.");
+        "4 the service can't be reached, 5 done, but the output can't be written.");
     AddMigrationCommands(app, options, action);
     AddReserveCommands(app, options, action);
     // For the help only: what follows is another command line, and none of the parser's business.
@@ -75,5 +76,11 @@ int Run(std::vector<std::string> arguments)
 
 int main(int argc, char** argv)
 {
-    return migratectl::Run({argv + 1, argv + argc});
+    VEXA::OccupyStandardStreams();
+    const int status = migratectl::Run({argv + 1, argv + argc});
+    if (fflush(stdout) == 0 && ferror(stdout) == 0) {
+        return status;
+    }
+    fprintf(stderr, "migratectl: the output can't be written\n");
+    return status == migratectl::EXIT_DONE ? migratectl::EXIT_OUTPUT : status;
 }

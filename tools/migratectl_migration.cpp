@@ -263,8 +263,8 @@ void AddStart(CLI::App& app, const Options& options, Action& action)
 {
     const auto choice = std::make_shared<StartChoice>();
     auto* const start = app.add_subcommand("start", "Migrates everything, or one package");
-    auto* const package = start->add_option("package", choice->package, "Only this package");
-    start->add_option("--as", choice->target, "Its name in the target")->needs(package);
+    auto* const package = start->add_option("package", choice->package, "Only this package")->check(IS_NAME);
+    start->add_option("--as", choice->target, "Its name in the target")->needs(package)->check(IS_NAME);
     start->add_option("--priority", choice->priority, "Higher goes first")->needs(package);
     start->add_flag("--watch", choice->watch, "Show the progress until the end");
     start->callback([&options, &action, choice] {
@@ -281,8 +281,8 @@ void AddControlCommands(CLI::App& app, const Options& options, Action& action)
     const auto user = std::make_shared<int32_t>(MIGRATE_ALL_USERS);
     const auto text = std::make_shared<std::string>();
     auto* const stop = app.add_subcommand("stop", "Drops the tasks of the migration");
-    stop->add_option("package", *text, "Only that of this package");
-    stop->add_option("--user", *user, "Only those of this user");
+    auto* const package = stop->add_option("package", *text, "Only that of this package")->check(IS_NAME);
+    stop->add_option("--user", *user, "Only those of this user")->excludes(package);
     stop->callback([&options, &action, user, text] {
         action = [&options, user, text] {
             return Command(options, "stop", [&](BusinessError& error) {
@@ -332,7 +332,7 @@ void AddTaskCommand(CLI::App& app, const Options& options, Action& action)
 {
     const auto name = std::make_shared<std::string>();
     auto* const task = app.add_subcommand("task", "The state of one package");
-    task->add_option("package", *name)->required();
+    task->add_option("package", *name)->required()->check(IS_NAME);
     task->callback([&options, &action, name] {
         action = [&options, name] {
             return Request(

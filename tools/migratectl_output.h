@@ -23,6 +23,7 @@ enum ExitStatus : int {
     EXIT_USAGE = 2,        // wrong arguments
     EXIT_INCOMPLETE = 3,   // the migration or restoration ended, and something could not be moved
     EXIT_UNREACHABLE = 4,  // the service can't be reached
+    EXIT_OUTPUT = 5,       // done, but standard output does not take what is printed
 };
 
 struct Options {

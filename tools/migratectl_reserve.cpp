@@ -199,7 +199,7 @@ using ArgumentsPtr = std::shared_ptr<Arguments>;
 void AddLists(CLI::App& reserve, const Options& options, Action& action, const ArgumentsPtr& arguments)
 {
     auto* const list = reserve.add_subcommand("list", "The applications that are set aside, first those of priority");
-    list->add_option("name", arguments->name, "Only this one");
+    list->add_option("name", arguments->name, "Only this one")->check(IS_NAME);
     list->add_option("--most", arguments->number, "At most so many");
     list->callback([&options, &action, arguments] {
         action = [&options, arguments] {
@@ -212,7 +212,7 @@ void AddLists(CLI::App& reserve, const Options& options, Action& action, const A
         };
     });
     auto* const status = reserve.add_subcommand("status", "How their restorations stand");
-    status->add_option("name", arguments->name, "Only this one");
+    status->add_option("name", arguments->name, "Only this one")->check(IS_NAME);
     status->add_option("--scene", arguments->scene, "Only those of this scene");
     status->callback([&options, &action, arguments] {
         action = [&options, arguments] {
@@ -225,7 +225,7 @@ void AddLists(CLI::App& reserve, const Options& options, Action& action, const A
         };
     });
     auto* const check = reserve.add_subcommand("check", "Whether one can be restored");
-    check->add_option("name", arguments->name)->required();
+    check->add_option("name", arguments->name)->required()->check(IS_NAME);
     check->callback([&options, &action, arguments] {
         action = [&options, arguments] {
             std::string text;
@@ -245,14 +245,14 @@ void AddLists(CLI::App& reserve, const Options& options, Action& action, const A
 void AddChanges(CLI::App& reserve, const Options& options, Action& action, const ArgumentsPtr& arguments)
 {
     auto* const restore = reserve.add_subcommand("restore", "Restores one to the target");
-    restore->add_option("name", arguments->name)->required();
+    restore->add_option("name", arguments->name)->required()->check(IS_NAME);
     restore->add_option("--scene", arguments->scene, "What it is restored for");
     restore->add_flag("--wait", arguments->wait, "Until it is restored");
     restore->callback([&options, &action, arguments] {
         action = [&options, arguments] { return Restore(options, arguments->name, arguments->scene, arguments->wait); };
     });
     auto* const clear = reserve.add_subcommand("clear", "Takes away what was restored of one");
-    clear->add_option("name", arguments->name)->required();
+    clear->add_option("name", arguments->name)->required()->check(IS_NAME);
     clear->add_option("--scene", arguments->scene, "Only if it is of this scene");
     clear->callback([&options, &action, arguments] {
         action = [&options, arguments] {
@@ -271,7 +271,7 @@ void AddChanges(CLI::App& reserve, const Options& options, Action& action, const
         };
     });
     auto* const priority = reserve.add_subcommand("priority", "Which are restored first");
-    priority->add_option("name", arguments->name)->required();
+    priority->add_option("name", arguments->name)->required()->check(IS_NAME);
     priority->add_option("priority", arguments->number, "Higher goes first; 0 unless set")->required();
     priority->callback([&options, &action, arguments] {
         action = [&options, arguments] {

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "migratectl_watch.h"
 
+#include <algorithm>
 #include <chrono>
+#include <map>
 #include <utility>
 #include <vector>
 
@@ -45,7 +47,9 @@ private:
 
 class Watcher {
 public:
-    Watcher(const Options& options, std::shared_ptr<Events> events) : options_(options), events_(std::move(events)) {}
+    Watcher(const Options& options, std::shared_ptr<Events> events, bool hasTasks)
+        : options_(options), events_(std::move(events)), hasTasks_(hasTasks)
+    {}
 
     int Run()
     {
@@ -84,6 +88,9 @@ private:
         }
         lastAnswer_ = now;
         isStale_ = false;
+        for (const TaskInfo& task : info.taskInfos) {
+            isMoved_[task.id] = isMoved_[task.id] || task.status == TaskStatus::FINISHED;
+        }
         if (!options_.json) {
             view_.Refresh(info);
         }
@@ -92,7 +99,15 @@ private:
             return -1;
         }
         view_.Finish();
-        return status == static_cast<int32_t>(TaskStatus::FINISHED) ? EXIT_DONE : EXIT_INCOMPLETE;
+        return IsAllMoved() ? EXIT_DONE : EXIT_INCOMPLETE;
+    }
+
+    // Somebody may have dropped tasks. Where none was seen there was nothing to move, unless it is known better.
+    bool IsAllMoved() const
+    {
+        return isMoved_.empty()
+                   ? !hasTasks_
+                   : std::all_of(isMoved_.begin(), isMoved_.end(), [](const auto& task) { return task.second; });
     }
 
     void Show(const EventInfo& event)
@@ -111,6 +126,8 @@ private:
     const Options& options_;
     const std::shared_ptr<Events> events_;
     ProgressView view_;
+    const bool hasTasks_;
+    std::map<uint32_t, bool> isMoved_;  // every task that there has been since the first look
     bool isStale_ = true;
     Clock::time_point nextLook_;
     Clock::time_point lastAnswer_ = Clock::now();
@@ -133,7 +150,8 @@ int StartAndWatch(const Options& options, const std::function<StartOutcome()>& s
     if (outcome.isUnderWay) {
         // What happened before the start is no news.
         events->Take(std::chrono::milliseconds(0));
-        status = Watcher(options, events).Run();
+        const bool hasTasks = status != EXIT_DONE;
+        status = Watcher(options, events, hasTasks).Run();
         PrintResult(options);
     }
     kits.Off();

@@ -1,8 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // samgrd: the system-ability manager's program.
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
 #include <cstdlib>
 #include <filesystem>
@@ -10,18 +7,9 @@
 #include <vector>
 
 #include "daemon/daemon.h"
+#include "vexa/base/standard_streams.h"
 
 namespace {
-
-// Descriptors 0 to 2 must not become those of sockets.
-void OpenStandardStreams()
-{
-    int fd = 0;
-    do {
-        fd = open("/dev/null", O_RDWR);
-    } while (fd >= 0 && fd <= STDERR_FILENO);
-    close(fd);
-}
 
 std::string DefaultProfiles()
 {
@@ -34,7 +22,7 @@ std::string DefaultProfiles()
 
 int main(int argc, char** argv)
 {
-    OpenStandardStreams();
+    VEXA::OccupyStandardStreams();
     CLI::App app("Finds system services by number and starts them on demand.", "samgrd");
     std::vector<std::string> profiles;
     std::string runtimeDirectory;
