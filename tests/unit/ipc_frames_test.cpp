@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include <chrono>
 #include <initializer_list>
 #include <string>
 
@@ -123,6 +124,25 @@ TEST_F(FrameStream, LyingHeadersAreRefusedBeforeAnythingIsAllocated)
         Write(std::string(reinterpret_cast<const char*>(&header), sizeof(header)));
         EXPECT_EQ(Read(), Result::MALFORMED) << name;
     }
+}
+
+// A process that was stopped finds an answer there, and its own time past.
+TEST(SocketTest, WhatHasComeCountsAfterTheDeadline)
+{
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
+    const UniqueFd in = UniqueFd::Make([&] { return ends[0]; });
+    const UniqueFd out = UniqueFd::Make([&] { return ends[1]; });
+    size_t moved = 0;
+    for (const char* piece : {"one", "two"}) {
+        ASSERT_EQ(SendNow(out.Get(), piece, 3, moved), Transfer::DONE);
+    }
+    const Deadline past = std::chrono::steady_clock::now() - std::chrono::seconds(1);
+    char text[7] = {};
+    EXPECT_EQ(ReceiveAtLeast(in.Get(), text, 6, 6, past, moved), Transfer::DONE);
+    EXPECT_STREQ(text, "onetwo");
+    ASSERT_EQ(SendNow(out.Get(), "end", 3, moved), Transfer::DONE);
+    EXPECT_EQ(ReceiveAtLeast(in.Get(), text, 6, 6, past, moved), Transfer::WOULD_BLOCK);
 }
 
 TEST(ObjectTableTest, LivesByItsHoldersAndNotByTheirDebts)

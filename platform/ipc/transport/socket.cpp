@@ -53,19 +53,20 @@ UniqueFd ConnectSocket(const std::string& path, int extraFlags)
     return fd;
 }
 
-// Waits for `events` until the deadline; false when it has passed.
+// Waits for `events` until the deadline; false when it has passed without them. What has come counts even then: this
+// process may have been stopped, and be late itself.
 bool WaitFor(int fd, short events, Deadline deadline)
 {
     for (;;) {
         const auto left =
             std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
-        if (left < 0) {
-            return false;
-        }
         pollfd wait{fd, events, 0};
-        const int ready = poll(&wait, 1, static_cast<int>(std::min<int64_t>(left + 1, 60'000)));
+        const int ready = poll(&wait, 1, static_cast<int>(std::clamp<int64_t>(left + 1, 0, 60'000)));
         if (ready > 0 || (ready < 0 && errno != EINTR)) {
             return true;
+        }
+        if (left < 0) {
+            return false;
         }
     }
 }
