@@ -139,9 +139,12 @@ void MigrationEngine::PutBack(const Task& task)
 
 void MigrationEngine::CollectRubbish()
 {
-    const UniqueFd again(openat(target_.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    UniqueFd again(openat(target_.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     std::vector<std::string> names;
-    const std::unique_ptr<DIR, int (*)(DIR*)> directory(fdopendir(dup(again.Get())), &closedir);
+    const std::unique_ptr<DIR, int (*)(DIR*)> directory(again ? fdopendir(again.Get()) : nullptr, &closedir);
+    if (directory != nullptr) {
+        again.Release();
+    }
     for (const dirent* entry = directory != nullptr ? readdir(directory.get()) : nullptr; entry != nullptr;
          entry = readdir(directory.get())) {
         if (IsStagingName(entry->d_name)) {
@@ -158,17 +161,19 @@ void MigrationEngine::CollectRubbish()
 
 std::string MigrationEngine::MoveAway(const std::string& name)
 {
-    std::string aside;
-    do {
+    for (;;) {
         const int64_t number = store_->Get(StateValue::NEXT_ID) + 1;
         store_->Set(StateValue::NEXT_ID, number);
-        aside = StagingName(static_cast<uint32_t>(number));
+        const std::string aside = StagingName(static_cast<uint32_t>(number));
         if (MoveToFreeName(target_.Get(), name, aside)) {
             return aside;
         }
-    } while (IdOf(aside));
-    SA_LOGE("%{public}s can't be moved aside: %{public}s", name.c_str(), strerror(errno));
-    return {};
+        const int reason = errno;
+        if (!IdOf(aside)) {
+            SA_LOGE("%{public}s can't be moved aside: %{public}s", name.c_str(), strerror(reason));
+            return {};
+        }
+    }
 }
 
 void MigrationEngine::Start()
