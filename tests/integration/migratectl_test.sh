@@ -35,7 +35,8 @@ vexa-session -- bash -euo pipefail -c '
     expect 1 task absent
     expect 1 start absent --watch
     (
-        until migratectl stop large >/dev/null 2>&1; do sleep 0.05; done
+        until grep -q "running *large" "$ROOT/out"; do sleep 0.05; done
+        migratectl stop large
     ) &
     expect 3 start large --watch
     wait
