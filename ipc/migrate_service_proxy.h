@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "imigrate_server.h"
+#include "native_migrate/imigrate_server.h"
 #include "vexa/ipc/iremote_proxy.h"
 
 namespace VEXA::UpdateEngine {

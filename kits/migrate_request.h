@@ -6,9 +6,9 @@
 #include <string>
 #include <utility>
 
-#include "imigrate_server.h"
 #include "json_parse.h"
 #include "log_line.h"
+#include "native_migrate/imigrate_server.h"
 #include "native_migrate/migrate_records.h"
 #include "vexa/ipc/message_parcel.h"
 #include "vexa/want/want.h"

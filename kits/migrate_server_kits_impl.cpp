@@ -9,8 +9,8 @@ namespace VEXA::UpdateEngine {
 
 namespace {
 
-constexpr MigrateRequest::RefusalLines REFUSAL_LINES{KOLOG_ERROR, "[%{public}s(%{public}d)]Service is null",
-    "[%{public}s(%{public}d)]MigrateServerKitsImpl WriteInterfaceToken fail"};
+constexpr MigrateRequest::RefusalLines REFUSAL_LINES{
+    KOLOG_ERROR, KITS_LINE("Service is null"), KITS_LINE("MigrateServerKitsImpl WriteInterfaceToken fail")};
 
 }  // namespace
 
@@ -21,7 +21,7 @@ MigrateServerKits& MigrateServerKits::GetKitsInstance()
 
 // The process's instance lives for ever, so the death handler may hold it by a plain pointer.
 MigrateServerKitsImpl::MigrateServerKitsImpl()
-    : connection_("[%{public}s(%{public}d)]MigrateServerKitsImpl::AddDeathRecipient ret=%{public}s",
+    : connection_(KITS_LINE("MigrateServerKitsImpl::AddDeathRecipient ret=%{public}s"),
           [this](const wptr<IRemoteObject>&) { OnServiceDied(); })
 {}
 
@@ -220,7 +220,9 @@ int32_t MigrateServerKitsImpl::SetBackupFileOwn(const sptr<ISetBackupFileOwnInte
         KITS_LOGE("SetBackupFileOwn callback is null");
         return MIGRATE_UNREACHABLE;
     }
-    return Call(LOG_SITE(), MigrateRequestCode::SET_BACKUP_FILE_OWN, nullptr, Args(callback->AsObject()), Replies());
+    return Call(
+        LOG_SITE(), MigrateRequestCode::SET_BACKUP_FILE_OWN, nullptr,
+        [&](MigrateRequest& request) { request.Write(callback->AsObject()); }, Replies());
 }
 
 sptr<IMigrateServer> MigrateServerKitsImpl::GetService()

@@ -61,10 +61,11 @@ private:
     sptr<IMigrateCallBack> StoredCallback();
     void StoreCallback(sptr<IMigrateCallBack> callback);
 
-    MigrateServiceConnection connection_;
     RegistrationOverlap registrations_;
     sptr<IMigrateCallBack> progressCallback_ VEXA_GUARDED_BY(callbackMutex_);
     Mutex callbackMutex_;  // never held across a request, or while the reference to a callback is dropped
+    // The last member: it withdraws the watch over the service before the callback goes.
+    MigrateServiceConnection connection_;
 };
 
 }  // namespace VEXA::UpdateEngine

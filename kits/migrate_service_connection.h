@@ -2,8 +2,8 @@
 #pragma once
 
 #include "common_death_recipient.h"
-#include "imigrate_server.h"
 #include "log_line.h"
+#include "native_migrate/imigrate_server.h"
 #include "vexa/base/mutex.h"
 
 namespace VEXA::UpdateEngine {

@@ -7,14 +7,12 @@
 #include "reserve_migrate_session.h"
 #include "vexa/ipc/ipc_skeleton.h"
 
-// A line of this client, and the lines of an operation by the pattern of most.
-#define RESERVE_LINE(text) "[%{public}s(%{public}d)]" text
-#define OPERATION_LINES(name, failure)                                   \
-    OperationLines                                                       \
-    {                                                                    \
-        {KOLOG_INFO, RESERVE_LINE(name " error, remote server is null"), \
-            RESERVE_LINE(name " InterfaceToken write error")},           \
-            RESERVE_LINE(name " call " failure ", ret=%{public}d")       \
+// The lines of an operation by the pattern of most.
+#define OPERATION_LINES(name, failure)                                                                                \
+    OperationLines                                                                                                    \
+    {                                                                                                                 \
+        {KOLOG_INFO, KITS_LINE(name " error, remote server is null"), KITS_LINE(name " InterfaceToken write error")}, \
+            KITS_LINE(name " call " failure ", ret=%{public}d")                                                       \
     }
 
 namespace VEXA::UpdateEngine {
@@ -112,9 +110,9 @@ int32_t ReserveMigrateKits::UnRegisterCallback(const std::string& caller, std::s
         session_->Forget(caller);
     };
     // Its other lines speak of RegisterCallback.
-    constexpr OperationLines lines{{KOLOG_INFO, RESERVE_LINE("RegisterCallback error, remote server is null"),
-                                       RESERVE_LINE("RegisterCallback WriteInterfaceToken error")},
-        RESERVE_LINE("RegisterCallback call eroor, ret=%{public}d")};
+    constexpr OperationLines lines{{KOLOG_INFO, KITS_LINE("RegisterCallback error, remote server is null"),
+                                       KITS_LINE("RegisterCallback WriteInterfaceToken error")},
+        KITS_LINE("RegisterCallback call eroor, ret=%{public}d")};
     return Call(*session_, LOG_SITE(), MigrateRequestCode::UNREGISTER_RESERVE_OBSERVER, lines, fill, reply);
 }
 
@@ -139,7 +137,7 @@ void ReserveMigrateKits::DoReset()
 }
 
 ReserveMigrateSession::ReserveMigrateSession()
-    : connection_(RESERVE_LINE("ReserveMigrateKits::AddDeathRecipient ret=%{public}s"),
+    : connection_(KITS_LINE("ReserveMigrateKits::AddDeathRecipient ret=%{public}s"),
           [weak = wptr<ReserveMigrateSession>(this)](const wptr<IRemoteObject>&) {
               if (const sptr<ReserveMigrateSession> session = weak.Promote()) {
                   session->OnServiceDied();

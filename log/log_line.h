@@ -53,9 +53,12 @@ inline void LogLine(const LogSite& site, uint32_t level, LogFormat<std::type_ide
         ::VEXA::UpdateEngine::BaseName(__FILE__), __LINE__ \
     }
 
+// The format of a line, and what follows it, with the prefix in front. For a LogFormat that is kept; the macros below
+// put it there themselves.
+#define KITS_LINE(...) "[%{public}s(%{public}d)]" __VA_ARGS__
+
 // The variadic part is the message and its arguments.
-#define KITS_LOG_AT(site, level, ...) \
-    ::VEXA::UpdateEngine::LogLine((site), (level), "[%{public}s(%{public}d)]" __VA_ARGS__)
+#define KITS_LOG_AT(site, level, ...) ::VEXA::UpdateEngine::LogLine((site), (level), KITS_LINE(__VA_ARGS__))
 
 #define KITS_LOGD(...) KITS_LOG_AT(LOG_SITE(), ::VEXA::KOLOG_DEBUG, __VA_ARGS__)
 #define KITS_LOGI(...) KITS_LOG_AT(LOG_SITE(), ::VEXA::KOLOG_INFO, __VA_ARGS__)

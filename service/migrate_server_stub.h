@@ -8,9 +8,9 @@
 #include <string>
 
 #include "callback_hub.h"
-#include "imigrate_server.h"
 #include "mailbox.h"
 #include "migration_engine.h"
+#include "native_migrate/imigrate_server.h"
 #include "vexa/ipc/iremote_stub.h"
 
 namespace VEXA::UpdateEngine {

@@ -17,7 +17,7 @@ namespace VEXA::UpdateEngine {
 
 struct MigrateStatus {
     bool isTaskExist = false;
-    int32_t status = 0;
+    int32_t status = 0;  // TaskStatus
 
     static constexpr auto Members()
     {
@@ -25,14 +25,15 @@ struct MigrateStatus {
     }
 };
 
-// Overall progress.
+// Overall progress. The library passes every value on; units are those of the reference service, which leaves the last
+// two at 0.
 struct MigrateProgress {
-    int32_t status = 0;
-    uint32_t percent = 0;
-    uint64_t remainingTime = 0;
-    int32_t suspendReason = 0;
-    int64_t requiredTraffic = 0;
-    int64_t requiredMigrationSpace = 0;
+    int32_t status = 0;                  // TaskStatus
+    uint32_t percent = 0;                // 0 to 100, of the bytes of all tasks
+    uint64_t remainingTime = 0;          // seconds, 0 while unknown
+    int32_t suspendReason = 0;           // TaskPauseReason
+    int64_t requiredTraffic = 0;         // bytes that are still to be copied
+    int64_t requiredMigrationSpace = 0;  // bytes that the target still needs
     int32_t skipTime = 0;
     int32_t maxWaitTime = 0;
 
@@ -59,9 +60,9 @@ struct MigrateInfo {
 };
 
 struct PakMigrateInfo {
-    std::string source;
+    std::string source;  // directory names
     std::string target;
-    int32_t status = 0;
+    int32_t status = 0;  // TaskStatus
 
     static constexpr auto Members()
     {
@@ -81,6 +82,7 @@ struct MigrationUser {
     }
 };
 
+// As the fields of TaskInfo that have these names.
 struct TaskProgress {
     uint32_t id = 0;
     int32_t status = 0;

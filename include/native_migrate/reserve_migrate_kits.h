@@ -5,13 +5,13 @@
 #include <string>
 
 #include "native_migrate/export.h"
+#include "native_migrate/imigrate_server.h"
 #include "native_migrate/ireserve_migrate_status_observer.h"
 #include "vexa/base/refbase.h"
 #include "vexa/ipc/iremote_object.h"
 
 namespace VEXA::UpdateEngine {
 
-class IMigrateServer;
 class ReserveMigrateSession;
 
 // A client of the migration service's functions for reserved applications. Each object has a connection and observers
@@ -23,14 +23,18 @@ class ReserveMigrateSession;
 //
 // Results of every operation:
 //     0      success; `reply` is replaced, also by an empty text
-//     104    the service can't be reached or started in time, or the request can't be written, sent or answered in time
+//     104    the service can't be reached or started in time, or the request can't be begun, sent or answered in time
 //     other  what the service answered
-// `reply` is left as it was unless the result is 0.
+// The service's results, and the numbers in its texts, stand in "native_migrate/migrate_results.h". What is said here
+// of the meaning of arguments is what the reference service makes of them. A request has room for 16 MiB: a text that
+// does not fit is left out, and the service answers what it makes of the others. `reply` is left as it was unless the
+// result is 0.
 //
 // Blocking: an operation waits at most 8 seconds for the answer. When the service is not known yet, or has died, it
 // first reaches the manager, within 1 second, asks it for the service, which takes no time unless the manager hangs and
-// then at most 8 seconds, and starts the service, for at most 5; operations of the same object that meanwhile need the
-// service wait for that lookup. A connection that has to be made may add a second, one that is lost half a second.
+// then at most 8 seconds, and starts the service, for at most 5. Operations of the same object that meanwhile need the
+// service wait for that lookup and share what it has found; when it has failed, they look in turn, one after the other.
+// A connection that has to be made may add a second, one that is lost half a second.
 class NATIVE_MIGRATE_EXPORT ReserveMigrateKits {
 public:
     // Contacts nobody.
@@ -45,22 +49,27 @@ public:
     ReserveMigrateKits(const ReserveMigrateKits&) = delete;
     ReserveMigrateKits& operator=(const ReserveMigrateKits&) = delete;
 
-    // Information about the applications that can be restored.
+    // The applications that are set aside, as a JSON list of RestoreAppInfo. `text`: the name of one, or empty for all;
+    // `number`: how many at most, negative for all.
     int32_t GetRestoreAppInfos(const std::string& text, int32_t number, std::string& reply);
 
-    // Restores an application.
+    // Restores an application; returns when that has begun. `first`: its name; `second`: the scene that it is restored
+    // for, or empty. The reply is a BusinessError as JSON, here and where nothing else is said.
     int32_t RestoreApp(const std::string& first, const std::string& second, std::string& reply);
 
-    // The state of an application's restoration.
+    // How restorations stand, as a JSON list of RestoreEventInfo. `first`: an application's name, `second`: a scene;
+    // each may be empty for all.
     int32_t GetRestoreAppStatus(const std::string& first, const std::string& second, std::string& reply);
 
-    // Clears an application's data.
+    // Takes away what was restored of an application. `first`: its name; `second`: a scene, which it has to have unless
+    // empty.
     int32_t ClearApp(const std::string& first, const std::string& second, std::string& reply);
 
-    // Clears all virtual data.
+    // Takes away everything that was restored. `text`: only what has this scene, unless empty.
     int32_t ClearAllVirtualData(const std::string& text, std::string& reply);
 
-    // Changes an application's place in the order of restoration.
+    // Changes an application's place in the order of restoration. `first`: its name; `second`: a decimal number; higher
+    // goes first.
     int32_t AdjustAppPriority(const std::string& first, const std::string& second, std::string& reply);
 
     // Registers `observer` for status events under the name `caller`, in place of the one registered under it before.
@@ -78,7 +87,8 @@ public:
 
     // The steps of which the operations are made; callers have no need of them.
 
-    // The proxy of the service, looked up unless known; null when it can't be reached.
+    // The proxy of the service, looked up unless known, with the blocking that an operation has for it; null when it
+    // can't be reached.
     sptr<IMigrateServer> GetService();
     // Watches the service's object for its death; nothing to do when it is null or a watch is there.
     void AddDeathRecipient(const sptr<IRemoteObject>& object);

@@ -36,18 +36,19 @@ struct TaskDisplayPolicy {
     }
 };
 
+// Units are those of the reference service.
 struct TaskInfo {
     uint32_t id = 0;
     TaskStatus status = TaskStatus::IDLE;
-    uint32_t subStatus = 0;
+    uint32_t subStatus = 0;  // MIGRATE_SUB_NONE, _COPYING or _PLACING
     TaskType type = TaskType::UNKNOWN;
     std::string source;
     std::string target;
     TaskDisplayPolicy displayPolicy;
     TaskPauseReason pauseReason = TaskPauseReason::NONE;
-    int64_t requiredTraffic = 0;
-    int32_t progress = 0;
-    uint32_t index = 0;
+    int64_t requiredTraffic = 0;  // bytes that are still to be copied
+    int32_t progress = 0;         // percent, 0 to 100
+    uint32_t index = 0;           // its place among all tasks, from 0
     int32_t userId = 0;
     TaskConfigStage configStage = TaskConfigStage::DEFAULT;
 
@@ -64,7 +65,8 @@ struct TaskInfo {
 
     // Fills `task` from an object. Every key is expected: one that is missing or does not fit leaves its field as it
     // was and writes one error line, except that an enumeration goes back to its default, and that `displayPolicy` is
-    // read as far as it fits, without a line when a member does not. Never fails.
+    // read as far as it fits, without a line when a member does not. Never fails. Uses nothing but its arguments, so it
+    // may be called from any thread.
     NATIVE_MIGRATE_EXPORT void FromJson(const JsonContext& json, TaskInfo& task);
 };
 

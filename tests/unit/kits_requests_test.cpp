@@ -4,6 +4,7 @@
 
 #include "kits_fixture.h"
 #include "migrate_server_kits_impl.h"
+#include "migrate_service_proxy.h"
 #include "native_migrate/iset_backup_file_own_interface.h"
 
 namespace VEXA::UpdateEngine {
@@ -142,6 +143,34 @@ TEST_F(KitsRequestsTest, EveryOperationSendsBindsMapsAndLogs)
         RunCase(operation, 104, entry + CLIENT.Error({"MigrateServerKitsImpl WriteInterfaceToken fail"}));
     }
     EXPECT_EQ(service->Requests().size(), std::size(OPERATION_CASES) * std::size(OUTCOMES));
+}
+
+TEST_F(KitsRequestsTest, AnObjectThatNoProxyIsMadeForIsNoService)
+{
+    const sptr<ScriptedRemoteObject> service = RunService();
+    const Lines none =
+        CLIENT.Info({"GetService entry", "GetService recreate service instance"}) + CLIENT.Error({"Service is null"});
+    const Lines watched =
+        CLIENT.Info({"GetService entry", "GetService recreate service instance", IMPL "AddDeathRecipient ret=true"}) +
+        CLIENT.Error({"Service is null"});
+    const auto& startMigrate = OPERATION_CASES[4];
+    BrokerRegistration::Get().Unregister(MIGRATE_SERVER_DESCRIPTOR);
+    RunCase(startMigrate, 104, watched);
+    // It is watched all the same, once, until it dies or a proxy is made.
+    RunCase(startMigrate, 104, none);
+    EXPECT_EQ(service->RecipientCount(), 1U);
+    // The watch comes before the proxy; a reset has left the first one where it was.
+    kits_.DoReset();
+    size_t watches = 0;
+    BrokerRegistration::Get().Register(MIGRATE_SERVER_DESCRIPTOR, [&](const sptr<IRemoteObject>& object) {
+        watches = service->RecipientCount();
+        return sptr<IRemoteBroker>(new MigrateServiceProxy(object));
+    });
+    EXPECT_NE(kits_.GetService(), nullptr);
+    EXPECT_EQ(watches, 2U);
+    BrokerRegistration::Get().Unregister(MIGRATE_SERVER_DESCRIPTOR);
+    BrokerRegistration::Get().Register(MIGRATE_SERVER_DESCRIPTOR,
+        [](const sptr<IRemoteObject>& object) { return sptr<IRemoteBroker>(new MigrateServiceProxy(object)); });
 }
 
 TEST_F(KitsRequestsTest, NullBackupFileOwnerIsRefusedBeforeAnyLookup)

@@ -3,8 +3,8 @@
 #include <optional>
 #include <thread>
 
-#include "imigrate_server.h"
 #include "kits_fixture.h"
+#include "native_migrate/imigrate_server.h"
 #include "native_migrate/reserve_migrate_kits.h"
 #include "native_migrate/reserve_migrate_status_observer_stub.h"
 

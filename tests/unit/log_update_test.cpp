@@ -54,6 +54,35 @@ TEST(LogLineTest, NamesThePlaceUnderTheLabelOfTheKits)
     EXPECT_EQ(entry.tag, "MIGRATE_KITS");
 }
 
+const UpdateLogLevel INITIAL_LEVEL = UpdateLog::GetLogLevel();
+
+TEST(UpdateLogTest, LabelsAndLevels)
+{
+    const std::pair<uint32_t, const char*> labels[] = {{0x00, "UPDATE_SA"}, {0x00, "UPDATE_FIRMWARE"},
+        {0x01, "UPDATE_KITS"}, {0x00, "UPDATE_PARAM"}, {0x00, "UPDATE_ACCESSORY"}, {0x00, "UPDATE_ASSIST"},
+        {0x10, "MIGRATE_SA"}, {0x11, "MIGRATE_KITS"}, {0x12, "MIGRATE_PLUGIN"}, {0x15, "DEVICE_ACTIVATE_SERVICE"},
+        {0x16, "FILE_URI_SERVICE"}, {0x00, "UPDATE_DH"}};
+    RecordingLogSink log;
+    std::vector<std::string> tags;
+    for (const auto& [module, tag] : labels) {
+        UpdateLog::PrintSingleLine(static_cast<uint32_t>(tags.size()), Content("%{public}s", "x"));
+        tags.emplace_back(tag);
+        ASSERT_EQ(log.Entries().size(), tags.size());
+        EXPECT_EQ(log.Entries().back().tag, tag);
+        EXPECT_EQ(log.Entries().back().domain, 0xD002E00 + module) << tag;
+        EXPECT_EQ(log.Entries().back().type, 3U) << tag;
+    }
+    EXPECT_EQ(UPDATE_LABEL.size(), tags.size());
+
+    EXPECT_EQ(INITIAL_LEVEL, 1);
+    UpdateLog::GetLogLevel() = UPDATE_DEBUG;
+    for (const UpdateLogLevel level : {UPDATE_DEBUG, UPDATE_INFO, UPDATE_ERROR}) {
+        EXPECT_TRUE(UpdateLog::JudgeLevel(level));
+    }
+    UpdateLog::SetLogLevel(UPDATE_ERROR);
+    EXPECT_EQ(UpdateLog::GetLogLevel(), 3);
+}
+
 TEST(UpdateLogTest, SingleLineMapsLevelLabelAndPrivacy)
 {
     RecordingLogSink log;
@@ -66,9 +95,9 @@ TEST(UpdateLogTest, SingleLineMapsLevelLabelAndPrivacy)
         Lines(log), ElementsAre("%{public}s|100% text", "%{private}s|<private>", "%s|<private>", "%s|<private>"));
     std::vector<std::string> sources;
     for (const LogEntry& entry : log.Entries()) {
-        sources.push_back(std::to_string(entry.level) + " " + std::to_string(entry.domain & 0xFF) + " " + entry.tag);
+        sources.push_back(std::to_string(entry.level) + " " + entry.tag);
     }
-    EXPECT_THAT(sources, ElementsAre("3 17 MIGRATE_KITS", "4 0 UPDATE_SA", "6 0 UPDATE_DH", "4 1 UPDATE_KITS"));
+    EXPECT_THAT(sources, ElementsAre("3 MIGRATE_KITS", "4 UPDATE_SA", "6 UPDATE_DH", "4 UPDATE_KITS"));
 
     log.Clear();
     // No such level, no such label.

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "iremote_request.h"
+#include "native_migrate/iremote_request.h"
 #include "native_migrate/migrate_protocol.h"
 #include "vexa/ipc/iremote_broker.h"
 
