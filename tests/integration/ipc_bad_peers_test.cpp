@@ -126,6 +126,17 @@ TEST_F(IpcBadPeers, IdleConnectionsAreBoundedAndTimeOut)
     Served();
 }
 
+// As a reply is that was made while its caller died.
+TEST_F(IpcBadPeers, WhatIsHandedToADeadProcessIsNotKept)
+{
+    constexpr ipc::EndpointId kGone = 0x1234;
+    ipc::ObjectTable& objects = ipc::IpcProcess::Get().Objects();
+    const size_t before = objects.Size();
+    const sptr<IRemoteObject> mine(new TestObject);
+    ipc::IpcProcess::Get().AddHolder(mine, kGone);
+    EXPECT_EQ(objects.Size(), before);
+}
+
 TEST_F(IpcBadPeers, StoppedProcessHoldsUpNobody)
 {
     ChildProcess process;

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <filesystem>
 #include <thread>
+#include <vector>
 
 #include "client_programs.h"
 #include "samgr_world.h"
@@ -202,8 +203,17 @@ TEST_F(Samgr, ServicesOutliveAKilledManagerAndRegisterWithTheNext)
     EXPECT_EQ(PidOf(manager_->LoadSystemAbility(kService, 5)), service);
 
     // Also when its sockets, and this process's, have gone with the runtime directory; that takes a look or two.
+    // Without its socket it is not taken for dead meanwhile, although no further channel to it can be made.
+    const sptr<IRemoteObject> object = manager_->CheckSystemAbility(kService);
     World().EndManager(SIGKILL);
     std::filesystem::remove_all(RuntimeDirectory());
+    std::vector<std::thread> callers;
+    for (int caller = 0; caller < 8; ++caller) {
+        callers.emplace_back([&] { PidOf(object); });
+    }
+    for (std::thread& caller : callers) {
+        caller.join();
+    }
     SetUp();
     EXPECT_TRUE(Eventually([&] { return PidOf(manager_->CheckSystemAbility(kService)) == service; }));
     kill(service, SIGKILL);

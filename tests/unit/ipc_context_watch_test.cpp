@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <stdexcept>
 
 #include "support/processes.h"
 #include "vexa/ipc/context_object.h"
@@ -36,7 +37,7 @@ namespace fs = std::filesystem;
 TEST(ContextWatch, HearsOfAnotherContextObjectAlsoInADirectoryMadeAnew)
 {
     const TempDir folder;
-    const fs::path directory = fs::path(folder.Path()) / "run";
+    const fs::path directory = fs::path(folder.Path()) / "a" / "run";
     setenv("VEXA_RUNTIME_DIR", directory.c_str(), 1);
     const auto make = [&] { fs::create_directories(directory / "peers"); };
     const auto publish = [&] {
@@ -54,7 +55,11 @@ TEST(ContextWatch, HearsOfAnotherContextObjectAlsoInADirectoryMadeAnew)
     make();
     publish();
     g_hasWatches = false;
-    OnContextObjectPublished([] { ++published; });
+    OnContextObjectPublished([] {
+        if (++published == 1) {
+            throw std::runtime_error("the caller's own fault");
+        }
+    });
     expectNews("no watch at first");
     expectNews("none still");
     g_hasWatches = true;
@@ -65,6 +70,9 @@ TEST(ContextWatch, HearsOfAnotherContextObjectAlsoInADirectoryMadeAnew)
     fs::rename(directory, fs::path(folder.Path()) / "away");
     make();
     expectNews("moved away");
+    fs::rename(folder.Path() + "/a", folder.Path() + "/b");
+    make();
+    expectNews("a folder above moved away");
     fs::remove_all(directory);
     fs::create_directories(directory);
     expectNews("removed, and watched at its first or second look");

@@ -2,12 +2,17 @@
 // Frames as bytes, however they arrive; and the counts behind the objects that they carry.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 
 #include <chrono>
+#include <csignal>
 #include <initializer_list>
 #include <string>
+#include <thread>
 
 #include "parcel_access.h"
+#include "support/processes.h"
+#include "transport/client_channel.h"
 #include "transport/frame_reader.h"
 #include "transport/object_table.h"
 #include "transport/socket.h"
@@ -143,6 +148,53 @@ TEST(SocketTest, WhatHasComeCountsAfterTheDeadline)
     EXPECT_STREQ(text, "onetwo");
     ASSERT_EQ(SendNow(out.Get(), "end", 3, moved), Transfer::DONE);
     EXPECT_EQ(ReceiveAtLeast(in.Get(), text, 6, 6, past, moved), Transfer::WOULD_BLOCK);
+}
+
+// Whether the deadline has passed before the request has left, or half of the reply comes just before it.
+TEST(ClientChannelTest, NoReplyIsWaitedForBeyondTheDeadline)
+{
+    using namespace std::chrono_literals;
+    for (const std::chrono::milliseconds limit : {-10ms, 600ms}) {
+        int ends[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+        ClientChannel channel(UniqueFd::Make([&] { return ends[0]; }));
+        const UniqueFd service = UniqueFd::Make([&] { return ends[1]; });
+        std::thread answering([&] {
+            std::this_thread::sleep_for(limit - 100ms);
+            FrameHeader half = MakeHeader(FrameKind::REPLY);
+            half.bytes = 4096;
+            size_t moved = 0;
+            if (limit > 0ms) {
+                SendNow(service.Get(), &half, sizeof(half), moved);
+            }
+        });
+        MessageParcel request;
+        MessageParcel reply;
+        SetHeader(request, MakeHeader(FrameKind::REQUEST, 1));
+        ClientChannel::Reached reached{};
+        const Deadline start = std::chrono::steady_clock::now();
+        EXPECT_EQ(channel.Exchange(request, kHeaderBytes, reply, start + limit, reached), IPC_TIMED_OUT);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
+        answering.join();
+    }
+}
+
+TEST(SocketTest, SignalsDoNotProlongTheWaitForABacklog)
+{
+    const test::TempDir folder;
+    const std::string path = folder.Path() + "/socket";
+    const UniqueFd listener = ListenAt(path);
+    ASSERT_EQ(listen(listener.Get(), 0), 0);
+    const UniqueFd first = ConnectAtOnce(path);
+    signal(SIGALRM, [](int) {});
+    const itimerval often{{0, 300'000}, {0, 300'000}};
+    setitimer(ITIMER_REAL, &often, nullptr);
+    const Deadline start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(ConnectTo(path));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+    const itimerval never{};
+    setitimer(ITIMER_REAL, &never, nullptr);
+    signal(SIGALRM, SIG_DFL);
 }
 
 TEST(ObjectTableTest, LivesByItsHoldersAndNotByTheirDebts)

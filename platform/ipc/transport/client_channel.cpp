@@ -31,8 +31,7 @@ int32_t ReceiveRest(int fd, MessageParcel& reply, const FrameHeader& header, siz
         }
         size_t moved = 0;
         const size_t missing = total - have;
-        const Transfer result =
-            ReceiveAtLeast(fd, ParcelAccess::Storage(reply) + have, missing, missing, deadline, moved);
+        const Transfer result = ReceiveMore(fd, ParcelAccess::Storage(reply) + have, missing, missing, deadline, moved);
         if (result != Transfer::DONE) {
             return result == Transfer::WOULD_BLOCK ? IPC_TIMED_OUT : IPC_CONNECTION_LOST;
         }
@@ -48,7 +47,7 @@ void ClientChannel::LimitReceive(Deadline deadline)
 {
     using std::chrono::milliseconds;
     const auto left = std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now());
-    if (receiveTimeout_ < left || receiveTimeout_ > left + kReceiveSlack) {
+    if (receiveTimeout_ == milliseconds(0) || receiveTimeout_ < left || receiveTimeout_ > left + kReceiveSlack) {
         receiveTimeout_ = std::max(left, milliseconds(1));
         SetReceiveTimeout(fd_.Get(), receiveTimeout_);
     }

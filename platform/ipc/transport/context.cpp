@@ -76,6 +76,12 @@ sptr<Peer> IpcProcess::GreetContext(Deadline deadline)
     const sptr<Peer> peer = greeting->Wait(deadline);
     if (peer == nullptr) {
         link->Shutdown();
+        return nullptr;
+    }
+    publisher_ = peer->Id();
+    // It may have been buried before it was known for the publisher.
+    if (EndpointId dead = peer->Id(); peer->Dead()) {
+        publisher_.compare_exchange_strong(dead, 0);
     }
     return peer;
 }

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <exception>
 #include <utility>
 
 #include "ipc_log.h"
@@ -61,7 +62,7 @@ void ContextWatch::Start(std::function<void()> action)
     action_ = std::move(action);
     WatchDirectory();
     socket_ = IdOf(ContextSocketPath());
-    SetLooking(events_ == nullptr || !socket_);
+    SetLooking(events_ == nullptr || !socket_ || !IpcProcess::Get().HasPublisher());
 }
 
 void ContextWatch::Look()
@@ -69,16 +70,26 @@ void ContextWatch::Look()
     std::function<void()> action;
     {
         MutexLock lock(mutex_);
+        if (!action_) {
+            return;
+        }
         WatchDirectory();
         const std::optional<FileId> found = IdOf(ContextSocketPath());
         if (found && (!socket_ || !found->IsSame(*socket_))) {
             socket_ = found;
             action = action_;
         }
-        SetLooking(events_ == nullptr || !found);
+        SetLooking(events_ == nullptr || !found || !IpcProcess::Get().HasPublisher());
     }
-    if (action) {
+    if (!action) {
+        return;
+    }
+    try {
         action();
+    } catch (const std::exception& error) {
+        IPC_LOGE("the action for a new context object threw: %{public}s", error.what());
+    } catch (...) {
+        IPC_LOGE("the action for a new context object threw");
     }
 }
 

@@ -19,7 +19,8 @@
 namespace VEXA::ipc {
 
 // The kernel tells of it at once. Where it can't, because the runtime directory has been removed or no watch can be
-// had, the reactor's ticks look every second until it can. Any thread.
+// had, the reactor's ticks look every second until it can; and also while the context object is dead, for it may be
+// another directory that gets the next one: a link or a folder above may have changed. Any thread.
 class ContextWatch {
 public:
     explicit ContextWatch(Reactor& reactor) : reactor_(reactor) {}

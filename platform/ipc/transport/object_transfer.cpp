@@ -22,7 +22,7 @@ bool ObjectTransfer::PackOne(const sptr<IRemoteObject>& object, Peer& receiver, 
     item.receiver = receiver.Id();
     IpcProcess& process = IpcProcess::Get();
     if (!object->IsProxyObject()) {
-        item.entry = {process.Id(), process.Objects().AddHolder(object, receiver.Id())};
+        item.entry = {process.Id(), process.AddHolder(object, receiver.Id())};
         return true;
     }
     const RemoteProxy* const proxy = dynamic_cast<const RemoteProxy*>(object.GetRefPtr());

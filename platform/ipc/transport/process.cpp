@@ -106,14 +106,24 @@ bool IpcProcess::RenewEndpoint()
     if (access(EndpointPath(Id()).c_str(), F_OK) == 0) {
         return true;
     }
-    UniqueFd listener = ProcessLife::Get().Exiting() ? UniqueFd() : ListenAt(EndpointPath(Id()));
+    UniqueFd listener = ListenAt(EndpointPath(Id()));
     const sptr<EventHandler> fresh = listener ? Listen(std::move(listener)) : nullptr;
     if (fresh == nullptr) {
         return false;
     }
+    endpointRenewed_ = true;
+    // It may have removed the endpoint itself, and before this was made.
+    if (ProcessLife::Get().Exiting()) {
+        unlink(EndpointPath(Id()).c_str());
+    }
     reactor_.Remove(endpoint_->Fd());
     endpoint_ = fresh;
     return true;
+}
+
+bool IpcProcess::EndpointsLast() const
+{
+    return !endpointRenewed_ && access(EndpointPath(Id()).c_str(), F_OK) == 0;
 }
 
 // A process that leaves runs no more requests, whose code may need what is being destroyed, and takes its socket along.
@@ -202,16 +212,29 @@ sptr<Peer> IpcProcess::Greet(EndpointId claimed, const Credentials& credentials,
     return peer;
 }
 
+ObjectId IpcProcess::AddHolder(const sptr<IRemoteObject>& object, EndpointId holder)
+{
+    const ObjectId id = objects_.AddHolder(object, holder);
+    DropIfDead(holder);
+    return id;
+}
+
 void IpcProcess::AdjustHolder(ObjectId id, EndpointId holder, int64_t difference)
 {
-    sptr<IRemoteObject> dropped = objects_.Adjust(id, holder, difference);
-    // A holder that has died meanwhile was cleared from the table perhaps before this change.
-    std::vector<sptr<IRemoteObject>> left;
-    if (KnownPeer(holder) == nullptr) {
-        left = objects_.DropHolder(holder);
+    if (sptr<IRemoteObject> dropped = objects_.Adjust(id, holder, difference)) {
+        workers_.Post([dropped = std::move(dropped)] {});
     }
-    if (dropped != nullptr || !left.empty()) {
-        workers_.Post([dropped = std::move(dropped), left = std::move(left)] {});
+    DropIfDead(holder);
+}
+
+void IpcProcess::DropIfDead(EndpointId holder)
+{
+    if (KnownPeer(holder) != nullptr) {
+        return;
+    }
+    std::vector<sptr<IRemoteObject>> left = objects_.DropHolder(holder);
+    if (!left.empty()) {
+        workers_.Post([left = std::move(left)] {});
     }
 }
 
@@ -254,6 +277,9 @@ void IpcProcess::Bury(const sptr<Peer>& peer)
             dropped->clear();
             proxies->clear();
         });
+    }
+    if (EndpointId dead = peer->Id(); publisher_.compare_exchange_strong(dead, 0)) {
+        workers_.Post([this] { contextWatch_.Look(); });
     }
     RemoveEndpointOf(*peer);
 }

@@ -31,7 +31,12 @@ public:
     bool Start();
 
     EndpointId Id() const { return id_.load(std::memory_order_relaxed); }
+    // Whether processes with an endpoint that is not there have removed it themselves. Those that were there before the
+    // runtime directory was made anew may be about to make theirs again.
+    bool EndpointsLast() const;
     ObjectTable& Objects() { return objects_; }
+    // Counts one more reference of a process to an object of this process, which the caller keeps alive; its number.
+    ObjectId AddHolder(const sptr<IRemoteObject>& object, EndpointId holder);
     // Changes a process's count for an object of this process. An object that ends by it ends on a worker.
     void AdjustHolder(ObjectId id, EndpointId holder, int64_t difference);
     Reactor& Loop() { return reactor_; }
@@ -49,6 +54,8 @@ public:
     sptr<Peer> ContextPeer();
     bool PublishContext(const sptr<IRemoteObject>& object);
     void WatchContext(std::function<void()> action);
+    // Whether the publisher that was reached last lives.
+    bool HasPublisher() const { return publisher_.load() != 0; }
 
     // For the reactor's thread:
     // The process that introduces itself on a link, answered there; null when it is not who it says.
@@ -67,6 +74,8 @@ private:
     sptr<EventHandler> Listen(UniqueFd listener);
     // The endpoint is in the runtime directory again if that was made anew since this process started.
     bool RenewEndpoint() VEXA_EXCLUDES(startMutex_);
+    // A holder that has died meanwhile was cleared from the table perhaps before it was counted there.
+    void DropIfDead(EndpointId holder);
     // Whether that process and user listens at the endpoint.
     bool IsEndpointOf(EndpointId claimed, const Credentials& credentials) const;
     void RemoveEndpointOf(const Peer& peer);
@@ -87,10 +96,12 @@ private:
     bool publishing_ VEXA_GUARDED_BY(startMutex_) = false;
     UniqueFd publisherLock_ VEXA_GUARDED_BY(startMutex_);
     sptr<EventHandler> endpoint_ VEXA_GUARDED_BY(startMutex_);
+    std::atomic<bool> endpointRenewed_{false};
 
     Mutex contextMutex_;  // held while connecting, so that concurrent first uses share one link
     sptr<Peer> context_ VEXA_GUARDED_BY(contextMutex_);
     std::atomic<uint64_t> contextFailures_{0};
+    std::atomic<EndpointId> publisher_{0};  // 0: none, or a dead one
     ContextWatch contextWatch_{reactor_};
 
     Mutex peersMutex_;

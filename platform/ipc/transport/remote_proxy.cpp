@@ -66,7 +66,7 @@ ClientChannel RemoteProxy::OpenChannel(Deadline deadline, int32_t& error)
     }
     bool gone = false;
     ClientChannel channel = peer_->Channels().Take(peer_->Id(), peer_->Who(), key, gone);
-    if (gone) {
+    if (gone && IpcProcess::Get().EndpointsLast()) {
         // A process that leaves takes its endpoint along first. It carries out nothing any more, however long its exit
         // takes, so this is its death.
         peer_->ShutdownLinks();

@@ -28,6 +28,14 @@ bool FillAddress(const std::string& path, sockaddr_un& address)
     return true;
 }
 
+constexpr std::chrono::milliseconds kConnectWait{1000};
+
+void SetTimeout(int fd, int option, std::chrono::milliseconds limit)
+{
+    const timeval value{limit.count() / 1000, (limit.count() % 1000) * 1000};
+    setsockopt(fd, SOL_SOCKET, option, &value, sizeof(value));
+}
+
 UniqueFd ConnectSocket(const std::string& path, int extraFlags)
 {
     sockaddr_un address;
@@ -38,13 +46,15 @@ UniqueFd ConnectSocket(const std::string& path, int extraFlags)
     if (!fd) {
         return fd;
     }
-    // Bounds connect's wait for room in the backlog.
-    const timeval second{1, 0};
-    setsockopt(fd.Get(), SOL_SOCKET, SO_SNDTIMEO, &second, sizeof(second));
+    // Bounds connect's wait for room in the backlog, however many signals come meanwhile.
+    const Deadline deadline = std::chrono::steady_clock::now() + kConnectWait;
+    std::chrono::milliseconds left = kConnectWait;
     int result;
     do {
+        SetTimeout(fd.Get(), SO_SNDTIMEO, left);
         result = connect(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
-    } while (result != 0 && errno == EINTR);
+        left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    } while (result != 0 && errno == EINTR && left.count() > 0);
     if (result != 0) {
         const int reason = errno;
         fd.Reset();
@@ -53,20 +63,19 @@ UniqueFd ConnectSocket(const std::string& path, int extraFlags)
     return fd;
 }
 
-// Waits for `events` until the deadline; false when it has passed without them. What has come counts even then: this
-// process may have been stopped, and be late itself.
+// Waits for `events` until the deadline; false when it has passed.
 bool WaitFor(int fd, short events, Deadline deadline)
 {
     for (;;) {
         const auto left =
             std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
-        pollfd wait{fd, events, 0};
-        const int ready = poll(&wait, 1, static_cast<int>(std::clamp<int64_t>(left + 1, 0, 60'000)));
-        if (ready > 0 || (ready < 0 && errno != EINTR)) {
-            return true;
-        }
         if (left < 0) {
             return false;
+        }
+        pollfd wait{fd, events, 0};
+        const int ready = poll(&wait, 1, static_cast<int>(std::min<int64_t>(left + 1, 60'000)));
+        if (ready > 0 || (ready < 0 && errno != EINTR)) {
+            return true;
         }
     }
 }
@@ -205,22 +214,40 @@ Transfer ReceiveAtLeast(int fd, void* bytes, size_t least, size_t most, Deadline
     // The common case is one call that waits in the kernel and brings the whole frame. A call that a signal ends would
     // wait its full time again, so the deadline takes over.
     const ssize_t received = recv(fd, start, most, 0);
-    Transfer result = received == 0 ? Transfer::END : Outcome(received, moved);
-    if (received < 0 && errno == EINTR) {
-        result = Transfer::DONE;
+    const bool interrupted = received < 0 && errno == EINTR;
+    const Transfer result = received == 0 ? Transfer::END : Outcome(received, moved);
+    if ((result != Transfer::DONE && !interrupted) || moved >= least) {
+        return result;
     }
-    while (result == Transfer::DONE && moved < least) {
-        if (!WaitFor(fd, POLLIN, deadline)) {
+    size_t more = 0;
+    const Transfer rest = ReceiveMore(fd, start + moved, least - moved, most - moved, deadline, more);
+    moved += more;
+    return rest;
+}
+
+Transfer ReceiveMore(int fd, void* bytes, size_t least, size_t most, Deadline deadline, size_t& moved)
+{
+    uint8_t* const start = static_cast<uint8_t*>(bytes);
+    moved = 0;
+    for (;;) {
+        // What has come by the deadline counts, however late it is looked at: this process may have been stopped.
+        const bool isLast = std::chrono::steady_clock::now() > deadline;
+        size_t more = 0;
+        const Transfer result = Receive(fd, start + moved, most - moved, MSG_DONTWAIT, more);
+        moved += more;
+        if (moved >= least) {
+            return Transfer::DONE;
+        }
+        if (result == Transfer::END || result == Transfer::FAILED) {
+            return result;
+        }
+        if (isLast) {
             return Transfer::WOULD_BLOCK;
         }
-        size_t more = 0;
-        result = Receive(fd, start + moved, most - moved, MSG_DONTWAIT, more);
-        moved += more;
         if (result == Transfer::WOULD_BLOCK) {
-            result = Transfer::DONE;
+            WaitFor(fd, POLLIN, deadline);
         }
     }
-    return result;
 }
 
 bool WaitReadable(int fd, std::chrono::milliseconds limit)
@@ -232,8 +259,7 @@ bool WaitReadable(int fd, std::chrono::milliseconds limit)
 
 void SetReceiveTimeout(int fd, std::chrono::milliseconds limit)
 {
-    const timeval value{limit.count() / 1000, (limit.count() % 1000) * 1000};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &value, sizeof(value));
+    SetTimeout(fd, SO_RCVTIMEO, limit);
 }
 
 }  // namespace VEXA::ipc

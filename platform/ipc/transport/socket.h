@@ -63,6 +63,8 @@ Transfer SendAll(int fd, const void* bytes, size_t size, Deadline deadline);
 // Receives at least `least` and at most `most` bytes. The socket's own receive time-out bounds the first wait, unless a
 // signal interrupts it.
 Transfer ReceiveAtLeast(int fd, void* bytes, size_t least, size_t most, Deadline deadline, size_t& moved);
+// The same, bounded by the deadline only.
+Transfer ReceiveMore(int fd, void* bytes, size_t least, size_t most, Deadline deadline, size_t& moved);
 // Waits until there is something to receive, the end included; false when there was nothing for so long.
 bool WaitReadable(int fd, std::chrono::milliseconds limit);
 void SetReceiveTimeout(int fd, std::chrono::milliseconds limit);
