@@ -33,9 +33,9 @@ protected:
     {
         return Eventually(
             [&] {
-                char byte;
+                char bytes[1024];
                 size_t moved = 0;
-                const ipc::Transfer result = ipc::ReceiveNow(socket.Get(), &byte, 1, moved);
+                const ipc::Transfer result = ipc::ReceiveNow(socket.Get(), bytes, sizeof(bytes), moved);
                 return result == ipc::Transfer::END || result == ipc::Transfer::FAILED;
             },
             limit);
@@ -123,6 +123,49 @@ TEST_F(IpcBadPeers, IdleConnectionsAreBoundedAndTimeOut)
     EXPECT_FALSE(EndsWithin(silent[140], std::chrono::milliseconds(0)));
     EXPECT_TRUE(EndsWithin(silent.front(), std::chrono::seconds(12)))
         << "a greeting that does not come is not waited for";
+    Served();
+}
+
+// Each by a process of its own, as far as the hub can tell.
+TEST_F(IpcBadPeers, WhatCostsMoreThanItTakesIsNotTakenForLong)
+{
+    const ipc::EndpointId hub = static_cast<ipc::RemoteProxy&>(*hub_).Owner()->Id();
+    struct Frame {
+        ipc::FrameHeader header;
+        ipc::ObjectEntry entries[5];
+    };
+    Frame table{ipc::MakeHeader(ipc::FrameKind::ONE_WAY), {{hub, 999}}};
+    table.header.objects = 1;
+    Frame strangers{ipc::MakeHeader(ipc::FrameKind::ONE_WAY), {{11, 1}, {12, 1}, {13, 1}, {14, 1}, {15, 1}}};
+    strangers.header.objects = 5;
+    Frame announced{ipc::MakeHeader(ipc::FrameKind::ONE_WAY), {}};
+    announced.header.bytes = IPC_MAX_PARCEL_BYTES / 4 * 3;
+    const struct {
+        const char* name;
+        Frame frame;
+        size_t links;
+        size_t frames;  // on each
+    } cases[] = {
+        {"grants of what it does not hold", {ipc::MakeHeader(ipc::FrameKind::GRANT, 999, 1), {}}, 1, 65},
+        {"objects of the receiver that it does not hold", table, 1, 65},
+        {"objects of processes that there are not", strangers, 1, 65},
+        {"parts of more requests than may wait", announced, 2, 1},
+    };
+    for (const auto& [name, frame, links, frames] : cases) {
+        const ipc::EndpointId self = ipc::RandomNumber();
+        const ipc::UniqueFd listener = ipc::ListenAt(ipc::EndpointPath(self));
+        const Greeting hello = Hello(ipc::ConnectionUse::LINK, self);
+        const size_t size = ipc::kHeaderBytes + frame.header.objects * sizeof(ipc::ObjectEntry);
+        std::vector<ipc::UniqueFd> sockets;
+        size_t moved = 0;
+        for (size_t link = 0; link < links; ++link) {
+            sockets.push_back(Say(&hello, sizeof(hello)));
+            for (size_t count = 0; count < frames; ++count) {
+                ipc::SendNow(sockets.back().Get(), &frame, size, moved);
+            }
+        }
+        EXPECT_TRUE(EndsWithin(sockets.back(), std::chrono::seconds(3))) << name;
+    }
     Served();
 }
 

@@ -7,6 +7,8 @@
 
 #include "support/peer_fixture.h"
 #include "transport/object_transfer.h"
+#include "transport/remote_proxy.h"
+#include "transport/runtime_paths.h"
 
 namespace VEXA::test {
 namespace {
@@ -43,6 +45,33 @@ TEST_F(IpcObjects, ObjectLivesAsLongAsItsLastHolder)
     ASSERT_EQ(Call(node, KEEP).Object(new TestObject).Send(), 0);
     process.Kill();
     EXPECT_TRUE(Eventually([&] { return TestObject::Alive() == before; })) << "the last holder has died";
+}
+
+// It has connections to accept and grants to read by which the calls are rightful, in an order of its own.
+TEST_F(IpcObjects, AnOwnerThatWasStoppedTakesEveryCallOfANewHolder)
+{
+    ChildProcess ownerProcess;
+    ChildProcess giverProcess;
+    sptr<IRemoteObject> object = Start("owner", ownerProcess);
+    const sptr<IRemoteObject> giver = Start("giver", giverProcess);
+    ASSERT_EQ(Call(object, ADD_ONE).Int(1).Answer(), 2);
+    const ipc::EndpointId owner = static_cast<ipc::RemoteProxy&>(*object).Owner()->Id();
+    object = nullptr;
+    ASSERT_TRUE(ownerProcess.Stop());
+    std::vector<ipc::UniqueFd> others;
+    for (int i = 0; i < 3; ++i) {
+        others.push_back(ipc::ConnectTo(ipc::EndpointPath(owner)));
+    }
+    ASSERT_EQ(Call(giver, FETCH_KEPT).Text("owner").Send(), 0);
+    object = Call(giver, GIVE).AnswerObject();
+    ASSERT_NE(object, nullptr);
+    EXPECT_EQ(Call(object, NOTE).Int(42).OneWay().Send(), 0);
+    int32_t answer = 0;
+    std::thread calling([&] { answer = Call(object, ADD_ONE).Int(1).Answer(); });
+    ownerProcess.Signal(SIGCONT);
+    calling.join();
+    EXPECT_EQ(answer, 2);
+    EXPECT_TRUE(Eventually([&] { return Call(object, NOTES).Answer() == 1; }, std::chrono::seconds(3)));
 }
 
 // What a passed-on object needs is only its owner and its holder: the process in between may be gone.

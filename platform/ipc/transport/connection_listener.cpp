@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <sys/epoll.h>
+#include <sys/socket.h>
 
 #include <cerrno>
 
@@ -30,12 +31,23 @@ ConnectionListener::~ConnectionListener()
 
 void ConnectionListener::OnEvents(uint32_t)
 {
+    Accept();
+}
+
+void ConnectionListener::AcceptAll()
+{
+    for (int count = 0; count < SOMAXCONN && !paused_ && Accept(); ++count) {
+    }
+}
+
+bool ConnectionListener::Accept()
+{
     UniqueFd connection = AcceptFrom(fd_);
     IpcProcess& process = IpcProcess::Get();
     if (!connection) {
         const int reason = errno;
         if (reason == EAGAIN || reason == EWOULDBLOCK) {
-            return;
+            return false;
         }
         spare_.Reset();
         connection = AcceptFrom(fd_);
@@ -46,16 +58,17 @@ void ConnectionListener::OnEvents(uint32_t)
             process.Loop().Change(Fd(), 0);
             ++process.Loop().Waiting();
         }
-        return;
+        return !paused_;
     }
     const Credentials credentials = CredentialsOf(connection);
     if (!process.AdmitConnection(credentials.uid)) {
-        return;
+        return true;
     }
     const sptr<Link> link(new Link(std::move(connection)));
     if (!process.Loop().Add(link, EPOLLIN | EPOLLRDHUP)) {
         process.ForgetConnection(credentials.uid);
     }
+    return true;
 }
 
 void ConnectionListener::OnTick(Deadline)

@@ -12,8 +12,12 @@ public:
     ~ConnectionListener() override;
     void OnEvents(uint32_t events) override;
     void OnTick(Deadline now) override;
+    void AcceptAll() override;
 
 private:
+    // False when there is none, or none can be taken in.
+    bool Accept();
+
     // Given up for a moment when the process has run out of descriptors, to turn the newest connection away with.
     UniqueFd spare_;
     bool paused_ = false;  // nothing can be accepted now; tried again with the next tick

@@ -45,6 +45,7 @@ FrameReader::Result FrameReader::Read(int fd, MessageParcel& scratch, MessagePar
         aheadBytes_ = 0;
     } else {
         const Transfer result = ReceiveNow(fd, storage, kFirstRead, have);
+        received_ += have;
         if (result != Transfer::DONE) {
             return result == Transfer::WOULD_BLOCK ? Result::PARTIAL
                    : result == Transfer::END       ? Result::END
@@ -95,12 +96,22 @@ FrameReader::Result FrameReader::Collect(int fd, MessageParcel*& frame)
         size_t moved = 0;
         const Transfer result = ReceiveNow(fd, ParcelAccess::Storage(*collected_) + have_, room - have_, moved);
         have_ += moved;
+        received_ += moved;
         if (result != Transfer::DONE) {
             return result == Transfer::WOULD_BLOCK ? Result::PARTIAL
                    : result == Transfer::END       ? Result::END
                                                    : Result::MALFORMED;
         }
     }
+}
+
+bool FrameReader::HasHeader(FrameHeader& header) const
+{
+    if (collected_ == nullptr || have_ < kHeaderBytes) {
+        return false;
+    }
+    header = HeaderOf(*collected_);
+    return true;
 }
 
 void FrameReader::Done()

@@ -35,6 +35,10 @@ public:
 
     // Whether a part of a frame has arrived and its rest has not.
     bool InFrame() const { return collected_ != nullptr; }
+    // The header of the frame of which a part has arrived, once that is whole.
+    bool HasHeader(FrameHeader& header) const;
+    // How many bytes have been received in all.
+    uint64_t Received() const { return received_; }
     // Whether bytes that have been received are yet to be looked at.
     bool HasAhead() const { return aheadBytes_ > 0; }
     // Takes over what another reader, which is between two frames, has received beyond its last frame.
@@ -48,6 +52,7 @@ private:
 
     std::unique_ptr<MessageParcel> collected_;
     size_t have_ = 0;  // bytes in collected_, header included
+    uint64_t received_ = 0;
     size_t aheadBytes_ = 0;
     uint8_t ahead_[kFirstRead];  // received with the last frame, but behind it
 };

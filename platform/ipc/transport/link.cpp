@@ -2,6 +2,7 @@
 #include "link.h"
 
 #include <sys/epoll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -21,7 +22,6 @@ namespace {
 constexpr uint32_t kReadEvents = EPOLLIN | EPOLLRDHUP;
 // Frames read from one link before the others have their turn.
 constexpr size_t kFairShare = 64;
-constexpr size_t kAll = 8 * size_t{kMaxQueuedOneWayFrames};
 // How long an accepted connection may take to say what it is for.
 constexpr std::chrono::seconds kGreetLimit{5};
 // What a peer may leave unread before it is given up. One-way requests are bounded before they come here, so this is
@@ -31,8 +31,8 @@ constexpr size_t kMostUnread = 2 * kMaxQueuedOneWayBytes;
 // Between a greeting's claim and its answer stands no wait, so this never runs out on a machine that works.
 constexpr std::chrono::seconds kClaimLimit{10};
 constexpr size_t kMostGrants = 1024;
-// One-way requests to objects that it does not hold, after which a peer is taken for hostile.
-constexpr size_t kMostRefusals = 64;
+// Objects of processes that are not there, in one one-way request.
+constexpr size_t kMostUnreachable = 4;
 
 struct HelloFrame {
     FrameHeader header;
@@ -211,7 +211,7 @@ void Link::OnEvents(uint32_t events)
         }
     }
     if ((events & ~static_cast<uint32_t>(EPOLLOUT)) != 0) {
-        ReadFrames(kFairShare);
+        ReadFrames(kFairShare, UINT64_MAX);
     }
 }
 
@@ -222,29 +222,57 @@ void Link::OnTick(Deadline now)
     }
 }
 
-void Link::Drain()
+void Link::TakeStock()
 {
-    ReadFrames(kAll);
+    int queued = 0;
+    if (!closed_ && ioctl(Fd(), FIONREAD, &queued) == 0) {
+        due_ = reader_.Received() + static_cast<uint64_t>(queued);
+    }
 }
 
-void Link::ReadFrames(size_t limit)
+bool Link::Drain()
+{
+    return ReadFrames(SIZE_MAX, due_);
+}
+
+void Link::Resume()
+{
+    if (parked_ != nullptr) {
+        ReadFrames(kFairShare, UINT64_MAX);
+    }
+}
+
+bool Link::ReadFrames(size_t frames, uint64_t bytes)
 {
     // Reading a frame may ask for all links to be drained, this one included.
     if (reading_ || closed_) {
-        return;
+        return false;
     }
     reading_ = true;
-    for (size_t count = 0; count < limit || reader_.HasAhead(); ++count) {
-        MessageParcel* frame = nullptr;
-        const FrameReader::Result result = reader_.Read(Fd(), *scratch_, frame);
-        if (result == FrameReader::Result::PARTIAL) {
+    bool hasMoved = false;
+    for (size_t count = 0; parked_ != nullptr || reader_.HasAhead() || (count < frames && reader_.Received() < bytes);
+         ++count) {
+        MessageParcel* frame = std::exchange(parked_, nullptr);
+        if (frame == nullptr) {
+            const FrameReader::Result result = reader_.Read(Fd(), *scratch_, frame);
+            FrameHeader header;
+            if (result == FrameReader::Result::PARTIAL && (!reader_.HasHeader(header) || Admit(header))) {
+                break;
+            }
+            if (result != FrameReader::Result::FRAME) {
+                Close(result != FrameReader::Result::END);
+                hasMoved = true;
+                break;
+            }
+        }
+        const FrameHeader header = HeaderOf(*frame);
+        const Verdict verdict = Admit(header) ? Handle(header, frame) : Verdict::CLOSE;
+        if (verdict == Verdict::WAIT) {
+            parked_ = frame;
+            IpcProcess::Get().Loop().ResumeLater();
             break;
         }
-        if (result != FrameReader::Result::FRAME) {
-            Close(result == FrameReader::Result::MALFORMED);
-            break;
-        }
-        const Verdict verdict = Handle(HeaderOf(*frame), frame);
+        hasMoved = true;
         if (verdict == Verdict::HANDED_OVER) {
             break;
         }
@@ -252,31 +280,51 @@ void Link::ReadFrames(size_t limit)
             Close(true);
             break;
         }
+        admitted_ = false;
         reader_.Done();
     }
     reading_ = false;
+    return hasMoved;
+}
+
+bool Link::Admit(const FrameHeader& header)
+{
+    if (std::exchange(admitted_, true)) {
+        return true;
+    }
+    const bool isHello = header.kind == FrameKind::HELLO || header.kind == FrameKind::HELLO_REPLY;
+    if (!isHello && !greeted_ && (accepted_ || peer_ == nullptr)) {
+        return false;
+    }
+    if (header.kind == FrameKind::ONE_WAY) {
+        return peer_->Debt().Arrive(header.bytes);
+    }
+    const size_t bytes = isHello || header.kind == FrameKind::KEY ? sizeof(HelloBody) : 0;
+    return header.bytes == bytes && header.objects == 0;
 }
 
 Link::Verdict Link::Handle(const FrameHeader& header, MessageParcel* frame)
 {
     if (header.kind == FrameKind::HELLO || header.kind == FrameKind::HELLO_REPLY) {
-        return HandleHello(header, *frame);
-    }
-    if (!greeted_ && (accepted_ || peer_ == nullptr)) {
-        return Verdict::CLOSE;
-    }
-    if (header.kind == FrameKind::ONE_WAY) {
-        return HandleOneWay(header, frame);
-    }
-    if (header.kind == FrameKind::KEY) {
-        HelloBody body;
-        return ReadHello(header, *frame, body) && accepted_ ? TakeKey(body) : Verdict::CLOSE;
-    }
-    if (header.bytes != 0 || header.objects != 0) {
-        return Verdict::CLOSE;
+        return HandleHello(*frame, header.kind);
     }
     IpcProcess& process = IpcProcess::Get();
+    if ((header.kind == FrameKind::ONE_WAY || header.kind == FrameKind::GRANT) && !HoldsAll(*frame, header, *peer_)) {
+        if (process.Loop().Settling()) {
+            return Verdict::WAIT;
+        }
+        SettleGrants();
+        if (!HoldsAll(*frame, header, *peer_) && !peer_->TakeRefusal(std::chrono::steady_clock::now())) {
+            return Verdict::CLOSE;
+        }
+    }
     switch (header.kind) {
+        case FrameKind::ONE_WAY:
+            return HandleOneWay(header, frame);
+        case FrameKind::KEY: {
+            HelloBody body;
+            return ReadHello(*frame, body) && accepted_ ? TakeKey(body) : Verdict::CLOSE;
+        }
         case FrameKind::ONE_WAY_ACK:
             return peer_->Credit().GiveBack(header.target, header.extra) ? Verdict::GO_ON : Verdict::CLOSE;
         case FrameKind::RELEASE:
@@ -315,19 +363,16 @@ bool Link::TakeBackGrant(const ObjectEntry& grant)
     return true;
 }
 
-bool Link::ReadHello(const FrameHeader& header, Parcel& frame, HelloBody& body)
+bool Link::ReadHello(Parcel& frame, HelloBody& body)
 {
-    if (header.bytes != sizeof(body) || header.objects != 0) {
-        return false;
-    }
     std::memcpy(&body, ParcelAccess::Data(frame), sizeof(body));
     return body.version == kWireVersion;
 }
 
-Link::Verdict Link::HandleHello(const FrameHeader& header, Parcel& frame)
+Link::Verdict Link::HandleHello(Parcel& frame, FrameKind kind)
 {
     HelloBody body;
-    if (greeted_ || accepted_ != (header.kind == FrameKind::HELLO) || !ReadHello(header, frame, body)) {
+    if (greeted_ || accepted_ != (kind == FrameKind::HELLO) || !ReadHello(frame, body)) {
         return Verdict::CLOSE;
     }
     IpcProcess& process = IpcProcess::Get();
@@ -380,17 +425,13 @@ Link::Verdict Link::TakeKey(const HelloBody& body)
 
 Link::Verdict Link::HandleOneWay(const FrameHeader& header, MessageParcel* frame)
 {
-    if (!peer_->Debt().Arrive(header.bytes)) {
+    // One or another may have died on the way. Trying to reach many takes this thread's time.
+    if (header.objects > 0 && UnpackObjects(*frame, header, peer_).unreachable > kMostUnreachable &&
+        !peer_->TakeRefusal(std::chrono::steady_clock::now())) {
         return Verdict::CLOSE;
     }
-    if (header.objects > 0) {
-        UnpackObjects(*frame, header, peer_);
-    }
-    sptr<IRemoteObject> object = FindHeldObject(header.target, peer_);
+    sptr<IRemoteObject> object = IpcProcess::Get().Objects().Find(header.target, peer_->Id());
     if (object == nullptr) {
-        if (++refusals_ > kMostRefusals) {
-            return Verdict::CLOSE;
-        }
         IPC_LOGE("process %{public}d called an object that it does not hold", credentials_.pid);
         object = new IPCObjectStub;  // takes the request and answers nobody
     }

@@ -56,17 +56,22 @@ public:
     // On the reactor's thread:
     void OnEvents(uint32_t events) override;
     void OnTick(Deadline now) override;
-    void Drain() override;
+    void TakeStock() override;
+    bool Drain() override;
+    void Resume() override;
     // Completes the greeting of the process at the other end.
     void Answer(const Peer& peer);
 
 private:
-    enum class Verdict { GO_ON, CLOSE, HANDED_OVER };
+    enum class Verdict { GO_ON, CLOSE, HANDED_OVER, WAIT };
 
-    void ReadFrames(size_t limit);
+    // Reads until so many frames were dealt with, or so many bytes have been received in all; whether any was.
+    bool ReadFrames(size_t frames, uint64_t bytes);
+    // Whether a frame may come, by its header alone; counts it where it does.
+    bool Admit(const FrameHeader& header);
     Verdict Handle(const FrameHeader& header, MessageParcel* frame);
-    Verdict HandleHello(const FrameHeader& header, Parcel& frame);
-    static bool ReadHello(const FrameHeader& header, Parcel& frame, HelloBody& body);
+    Verdict HandleHello(Parcel& frame, FrameKind kind);
+    static bool ReadHello(Parcel& frame, HelloBody& body);
     Verdict TakeKey(const HelloBody& body);
     Verdict HandleOneWay(const FrameHeader& header, MessageParcel* frame);
     void Close(bool malformed);
@@ -86,8 +91,10 @@ private:
     std::unique_ptr<MessageParcel> scratch_;
     // Grants that the peer may still take back, the latest last. It does so within a request's time or never.
     std::deque<ObjectEntry> grants_;
-    size_t refusals_ = 0;   // one-way requests to objects that the peer does not hold
-    bool waiting_ = false;  // counted among those that the reactor ticks for
+    uint64_t due_ = 0;                 // what Drain reads up to
+    MessageParcel* parked_ = nullptr;  // the frame that waits for the end of a Settle
+    bool admitted_ = false;            // the frame that is arriving
+    bool waiting_ = false;             // counted among those that the reactor ticks for
     bool reading_ = false;
     bool closed_ = false;
     bool greeted_ = false;

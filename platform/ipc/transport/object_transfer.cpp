@@ -14,6 +14,13 @@ namespace {
 constexpr std::chrono::seconds kFlushWait{1};
 constexpr std::chrono::seconds kSettleWait{1};
 
+ObjectEntry EntryOf(Parcel& frame, const FrameHeader& header, size_t index)
+{
+    ObjectEntry entry;
+    std::memcpy(&entry, ParcelAccess::Data(frame) + header.bytes + index * sizeof(entry), sizeof(entry));
+    return entry;
+}
+
 }  // namespace
 
 bool ObjectTransfer::PackOne(const sptr<IRemoteObject>& object, Peer& receiver, Item& item)
@@ -78,52 +85,60 @@ void ObjectTransfer::Undo()
     items_.clear();
 }
 
-bool UnpackObjects(MessageParcel& parcel, const FrameHeader& header, const sptr<Peer>& sender)
+bool HoldsAll(Parcel& frame, const FrameHeader& header, const Peer& sender)
+{
+    IpcProcess& process = IpcProcess::Get();
+    if (header.kind != FrameKind::REPLY && process.Objects().Find(header.target, sender.Id()) == nullptr) {
+        return false;
+    }
+    for (size_t i = 0; i < header.objects; ++i) {
+        const ObjectEntry entry = EntryOf(frame, header, i);
+        if (entry.owner == process.Id() && process.Objects().Find(entry.id, sender.Id()) == nullptr) {
+            return false;
+        }
+    }
+    return true;
+}
+
+void SettleGrants()
+{
+    IpcProcess::Get().Loop().Settle(kSettleWait);
+}
+
+Unpacked UnpackObjects(MessageParcel& parcel, const FrameHeader& header, const sptr<Peer>& sender)
 {
     IpcProcess& process = IpcProcess::Get();
     std::vector<sptr<IRemoteObject>>& objects = ParcelAccess::Objects(parcel);
     objects.reserve(header.objects);
-    bool sound = true;
+    Unpacked result;
     for (size_t i = 0; i < header.objects; ++i) {
-        ObjectEntry entry;
-        std::memcpy(&entry, ParcelAccess::Data(parcel) + header.bytes + i * sizeof(entry), sizeof(entry));
+        const ObjectEntry entry = EntryOf(parcel, header, i);
         sptr<IRemoteObject> object;
         if (entry.owner == process.Id()) {
-            object = FindHeldObject(entry.id, sender);
+            object = process.Objects().Find(entry.id, sender->Id());
         } else if (entry.owner == sender->Id()) {
             object = sender->Proxy(entry.id);
         } else if (entry.owner != 0) {
-            object = process.PeerAt(entry.owner)->Proxy(entry.id);
+            const sptr<Peer> owner = process.PeerAt(entry.owner);
+            result.unreachable += owner->Dead() ? 1 : 0;
+            object = owner->Proxy(entry.id);
         }
-        sound = sound && object != nullptr;
+        result.isSound = result.isSound && object != nullptr;
         objects.push_back(std::move(object));
     }
-    return sound;
+    return result;
 }
 
 bool GrantTo(ObjectId id, const sptr<Peer>& giver, EndpointId holder)
 {
     IpcProcess& process = IpcProcess::Get();
     // Connecting to the new holder is what tells of its death, should it never come to use the object.
-    if (holder == 0 || holder == process.Id() || FindHeldObject(id, giver) == nullptr ||
+    if (holder == 0 || holder == process.Id() || process.Objects().Find(id, giver->Id()) == nullptr ||
         process.PeerAt(holder)->Dead()) {
         return false;
     }
     process.AdjustHolder(id, holder, 1);
     return true;
-}
-
-sptr<IRemoteObject> FindHeldObject(ObjectId id, const sptr<Peer>& holder)
-{
-    IpcProcess& process = IpcProcess::Get();
-    sptr<IRemoteObject> object = process.Objects().Find(id, holder->Id());
-    if (object == nullptr) {
-        // A third process may have made this one a holder just now: its grant has reached a link of this process, and
-        // only has to be read.
-        process.Loop().Settle(kSettleWait);
-        object = process.Objects().Find(id, holder->Id());
-    }
-    return object;
 }
 
 }  // namespace VEXA::ipc

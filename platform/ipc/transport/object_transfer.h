@@ -33,16 +33,23 @@ private:
     std::vector<Item> items_;
 };
 
+// Whether the sender of a frame holds all objects of this process that it names: its target, unless it is a reply, and
+// those in its table.
+bool HoldsAll(Parcel& frame, const FrameHeader& header, const Peer& sender);
+// Before a frame is judged whose sender does not seem to hold them all: a third process may have made it a holder just
+// now. Its grant has reached a link of this process then, and only has to be read.
+void SettleGrants();
+
 // Fills the parcel's objects from the table that arrived with it. Every entry is taken, also where nobody will read
-// it: the sender has counted them all. False when memory is short or an entry names an object of this process that the
-// sender does not hold.
-bool UnpackObjects(MessageParcel& parcel, const FrameHeader& header, const sptr<Peer>& sender);
+// it: the sender has counted them all.
+struct Unpacked {
+    bool isSound = true;     // false: memory is short, or the sender does not hold what it names
+    size_t unreachable = 0;  // objects of processes that are not there
+};
+Unpacked UnpackObjects(MessageParcel& parcel, const FrameHeader& header, const sptr<Peer>& sender);
 
 // `giver` has passed this process's object on to `holder`. False when `giver` does not hold it, or `holder` is not
 // there.
 bool GrantTo(ObjectId id, const sptr<Peer>& giver, EndpointId holder);
-
-// The object of this process with that number, if `holder` holds it; null otherwise.
-sptr<IRemoteObject> FindHeldObject(ObjectId id, const sptr<Peer>& holder);
 
 }  // namespace VEXA::ipc

@@ -56,6 +56,7 @@ std::vector<sptr<Link>> Peer::Links()
 void Peer::DrainLinks()
 {
     for (const sptr<Link>& link : Links()) {
+        link->TakeStock();
         link->Drain();
     }
 }

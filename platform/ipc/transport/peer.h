@@ -10,6 +10,7 @@
 #include "client_channel.h"
 #include "link.h"
 #include "one_way_credit.h"
+#include "refusal_budget.h"
 #include "socket.h"
 #include "vexa/base/mutex.h"
 #include "vexa/ipc/iremote_object.h"
@@ -56,6 +57,9 @@ public:
     ClientChannels& Channels() { return channels_; }
     OneWayCredit& Credit() { return credit_; }
     OneWayDebt& Debt() { return debt_; }
+    // On the reactor's thread: the process has sent what can't be right, or was unlucky with another that has died.
+    // False when it does so again and again, and is taken for hostile.
+    bool TakeRefusal(Deadline now) { return refusals_.Take(now); }
 
     // The process has died. Returns, the first time, what lived off it.
     struct Remains {
@@ -72,6 +76,7 @@ private:
     ClientChannels channels_;
     OneWayCredit credit_;
     OneWayDebt debt_;
+    RefusalBudget refusals_;
 
     std::vector<sptr<Link>> Links() VEXA_EXCLUDES(mutex_);
 

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "thread.h"
 
@@ -67,7 +68,9 @@ void Reactor::Wake()
 bool Reactor::Settle(std::chrono::milliseconds limit)
 {
     if (pthread_equal(pthread_self(), thread_.load(std::memory_order_relaxed)) != 0) {
-        DrainAll();
+        if (!settling_) {
+            DrainAll();
+        }
         return true;
     }
     MutexLock lock(mutex_);
@@ -89,8 +92,31 @@ std::vector<sptr<EventHandler>> Reactor::Handlers()
 
 void Reactor::DrainAll()
 {
+    settling_ = true;
     for (const sptr<EventHandler>& handler : Handlers()) {
-        handler->Drain();
+        handler->AcceptAll();
+    }
+    const std::vector<sptr<EventHandler>> handlers = Handlers();
+    for (const sptr<EventHandler>& handler : handlers) {
+        handler->TakeStock();
+    }
+    // What one link brings may be what another one waits for. There is an end, as no more is read than has arrived.
+    bool hasMoved = true;
+    while (hasMoved) {
+        hasMoved = false;
+        for (const sptr<EventHandler>& handler : handlers) {
+            hasMoved = handler->Drain() || hasMoved;
+        }
+    }
+    settling_ = false;
+}
+
+void Reactor::ResumeAll()
+{
+    if (std::exchange(resumeLater_, false)) {
+        for (const sptr<EventHandler>& handler : Handlers()) {
+            handler->Resume();
+        }
     }
 }
 
@@ -99,8 +125,8 @@ void Reactor::Run()
     thread_.store(pthread_self(), std::memory_order_relaxed);
     epoll_event events[kBatch];
     for (;;) {
-        const int timeout = waiting_.load() > 0 ? static_cast<int>(kTickPeriod.count()) : -1;
-        const int count = epoll_wait(epoll_.Get(), events, kBatch, timeout);
+        const int tick = waiting_.load() > 0 ? static_cast<int>(kTickPeriod.count()) : -1;
+        const int count = epoll_wait(epoll_.Get(), events, kBatch, resumeLater_ ? 0 : tick);
         if (count < 0 && errno != EINTR) {
             return;
         }
@@ -108,6 +134,7 @@ void Reactor::Run()
             Dispatch(events[i].data.fd, events[i].events);
         }
         SettleWaiters();
+        ResumeAll();
         Tick();
     }
 }

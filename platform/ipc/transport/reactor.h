@@ -24,8 +24,13 @@ public:
     virtual void OnEvents(uint32_t events) = 0;
     // About once a second while the reactor's Waiting() is not 0.
     virtual void OnTick(Deadline now) { (void)now; }
-    // Deals with everything that has arrived so far.
-    virtual void Drain() {}
+    // What has arrived so far, for Reactor::Settle: takes in connections; notes how much there is to read; reads up to
+    // that, and says whether anything was dealt with.
+    virtual void AcceptAll() {}
+    virtual void TakeStock() {}
+    virtual bool Drain() { return false; }
+    // Goes on with what waited for the end of a Settle.
+    virtual void Resume() {}
 
     int Fd() const { return fd_.Get(); }
 
@@ -43,10 +48,15 @@ public:
     // The handler is called no more (from the reactor's own thread: at once; it lives until its call returns).
     void Remove(int fd);
 
-    // Returns once everything that had reached this process's links when it was called has been dealt with; false when
-    // that took longer than the limit. On the reactor's own thread it does the work itself, for all links whose frames
-    // are not being read already.
+    // Returns once everything that had reached this process's links when it was called, those included that were not
+    // accepted yet, has been dealt with; false when that took longer than the limit. On the reactor's own thread it
+    // does the work itself, for all links whose frames are not being read already. Frames that then turn out to need
+    // another one, which may be on a link that is being read, wait: their links resume when the settling is over.
     bool Settle(std::chrono::milliseconds limit);
+    // For handlers, while they are called: whether a Settle is under way, and that the handler has something waiting
+    // for its end.
+    bool Settling() const { return settling_; }
+    void ResumeLater() { resumeLater_ = true; }
 
     // How many things may time out: the reactor ticks while this is not 0. Whoever raises it from 0 on another thread
     // wakes the reactor, unless what it adds does.
@@ -58,6 +68,7 @@ public:
 private:
     void Run();
     void DrainAll();
+    void ResumeAll();
     void SettleWaiters();
     void Dispatch(int fd, uint32_t events);
     void Tick();
@@ -69,6 +80,9 @@ private:
     std::function<void(Deadline)> tickAction_;
     std::atomic<uint32_t> waiting_{0};
     Deadline nextTick_{};
+    // The reactor's thread only:
+    bool settling_ = false;
+    bool resumeLater_ = false;
 
     Mutex mutex_;
     CondVar settled_;

@@ -111,9 +111,12 @@ int32_t RemoteProxy::SendSync(uint32_t code, MessageParcel& data, MessageParcel&
     transfer.Commit();
     const FrameHeader header = HeaderOf(reply);
     if (header.objects > 0) {
-        const bool sound = UnpackObjects(reply, header, peer_);
+        if (!HoldsAll(reply, header, *peer_)) {
+            SettleGrants();
+        }
+        const Unpacked unpacked = UnpackObjects(reply, header, peer_);
         channel.AcknowledgeObjects();
-        error = sound ? IPC_OK : IPC_FAILED;
+        error = unpacked.isSound ? IPC_OK : IPC_FAILED;
     }
     peer_->Channels().Return(std::move(channel));
     return error != IPC_OK ? error : static_cast<int32_t>(header.code);

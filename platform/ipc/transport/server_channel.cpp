@@ -144,10 +144,17 @@ bool ServerChannel::AnswerFrame(MessageParcel& frame)
 
 int32_t ServerChannel::Dispatch(MessageParcel& frame, const FrameHeader& header, MessageParcel& reply)
 {
-    if (header.objects > 0 && !UnpackObjects(frame, header, peer_)) {
+    ObjectTable& objects = IpcProcess::Get().Objects();
+    sptr<IRemoteObject> object = objects.Find(header.target, peer_->Id());
+    if (object == nullptr || header.objects > 0) {
+        if (!HoldsAll(frame, header, *peer_)) {
+            SettleGrants();
+        }
+        object = objects.Find(header.target, peer_->Id());
+    }
+    if (header.objects > 0 && !UnpackObjects(frame, header, peer_).isSound) {
         return IPC_REFUSED;
     }
-    const sptr<IRemoteObject> object = FindHeldObject(header.target, peer_);
     if (object == nullptr) {
         if (!std::exchange(hasRefused_, true)) {
             IPC_LOGE("process %{public}d called an object that it does not hold", peer_->Who().pid);
