@@ -29,27 +29,35 @@ int32_t LoadedPid(ISystemAbilityManager& manager, int32_t id)
 
 class PeerStub : public IPCObjectStub {
 public:
-    explicit PeerStub(ISystemAbilityManager& manager) : manager_(manager) {}
+    explicit PeerStub(const sptr<ISystemAbilityManager>& manager) : manager_(manager) {}
     int32_t OnRemoteRequest(uint32_t, MessageParcel& data, MessageParcel& reply, MessageOption&) override
     {
         const int32_t loaded = data.ReadInt32();
-        return reply.WriteInt32(loaded > 0 ? LoadedPid(manager_, loaded) : getpid()) ? 0 : 1;
+        return reply.WriteInt32(loaded > 0 ? LoadedPid(*manager_, loaded) : getpid()) ? 0 : 1;
     }
 
 private:
-    ISystemAbilityManager& manager_;
+    const sptr<ISystemAbilityManager> manager_;
 };
 
-int Serve(ISystemAbilityManager& manager, int32_t id)
+// Registers with the next manager where one has been killed before it has answered.
+int Serve(sptr<ISystemAbilityManager> manager, int32_t id)
 {
     IPCSkeleton::SetMaxWorkThreads(1);
     const sptr<IRemoteObject> object(new PeerStub(manager));
-    if (manager.AddSystemAbility(id, object) != SAMGR_OK) {
-        return 1;
+    int32_t result = SAMGR_OK;
+    for (int attempt = 0; attempt < 500; ++attempt) {
+        result = manager != nullptr ? manager->AddSystemAbility(id, object) : int32_t{IPC_DEAD_OBJECT};
+        if (result != IPC_DEAD_OBJECT && result != IPC_CONNECTION_LOST) {
+            break;
+        }
+        usleep(10'000);
+        manager = SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
     }
-    for (;;) {
+    while (result == SAMGR_OK) {
         pause();
     }
+    return 1;
 }
 
 int Load(ISystemAbilityManager& manager, int32_t id)
@@ -67,5 +75,5 @@ int main(int argc, char** argv)
     if (argc < 3 || manager == nullptr) {
         return 2;
     }
-    return argv[1] == std::string("serve") ? Serve(*manager, atoi(argv[2])) : Load(*manager, atoi(argv[2]));
+    return argv[1] == std::string("serve") ? Serve(manager, atoi(argv[2])) : Load(*manager, atoi(argv[2]));
 }

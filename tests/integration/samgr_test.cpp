@@ -214,8 +214,11 @@ TEST_F(Samgr, ServicesOutliveAKilledManagerAndRegisterWithTheNext)
     for (std::thread& caller : callers) {
         caller.join();
     }
-    SetUp();
-    EXPECT_TRUE(Eventually([&] { return PidOf(manager_->CheckSystemAbility(kService)) == service; }));
+    World().StartManager();
+    EXPECT_TRUE(Eventually([&] {
+        manager_ = SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
+        return manager_ != nullptr && PidOf(manager_->CheckSystemAbility(kService)) == service;
+    }));
     kill(service, SIGKILL);
 }
 
