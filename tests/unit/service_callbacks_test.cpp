@@ -117,7 +117,9 @@ TEST_F(ServiceCallbacks, ASlowClientHoldsUpNobodyAndGetsTheLastWord)
     EXPECT_EQ(Ask(Code::REGISTER_PROGRESS_CALLBACK, sptr<IRemoteObject>(slow.object)), 0);
     Receiver quick;
     EXPECT_TRUE(hub->AddProgress(1, quick.object, nullptr));
-    Ask(Code::START_MIGRATE);
+    Ask(Code::START_PAK_MIGRATE, "a");
+    EXPECT_TRUE(Eventually([&] { return slow.object->Requests().size() == 1; }));
+    Ask(Code::START_PAK_MIGRATE, "b");
     EXPECT_TRUE(Eventually([&] { return quick.Finished() == 2; }));
     EXPECT_EQ(slow.object->Requests().size(), 1U);
     *isHeld = false;

@@ -313,8 +313,7 @@ Link::Verdict Link::Handle(const FrameHeader& header, MessageParcel* frame)
         if (process.Loop().Settling()) {
             return Verdict::WAIT;
         }
-        SettleGrants();
-        if (!HoldsAll(*frame, header, *peer_) && !peer_->TakeRefusal(std::chrono::steady_clock::now())) {
+        if (!AwaitGrants(*frame, header, *peer_) && !peer_->TakeRefusal(std::chrono::steady_clock::now())) {
             return Verdict::CLOSE;
         }
     }
@@ -425,7 +424,7 @@ Link::Verdict Link::TakeKey(const HelloBody& body)
 
 Link::Verdict Link::HandleOneWay(const FrameHeader& header, MessageParcel* frame)
 {
-    // One or another may have died on the way. Trying to reach many takes this thread's time.
+    // One or another may have died before this process has known it. Trying to reach many takes this thread's time.
     if (header.objects > 0 && UnpackObjects(*frame, header, peer_).unreachable > kMostUnreachable &&
         !peer_->TakeRefusal(std::chrono::steady_clock::now())) {
         return Verdict::CLOSE;

@@ -100,9 +100,13 @@ bool HoldsAll(Parcel& frame, const FrameHeader& header, const Peer& sender)
     return true;
 }
 
-void SettleGrants()
+bool AwaitGrants(Parcel& frame, const FrameHeader& header, const Peer& sender)
 {
+    if (HoldsAll(frame, header, sender)) {
+        return true;
+    }
     IpcProcess::Get().Loop().Settle(kSettleWait);
+    return HoldsAll(frame, header, sender);
 }
 
 Unpacked UnpackObjects(MessageParcel& parcel, const FrameHeader& header, const sptr<Peer>& sender)
@@ -120,7 +124,7 @@ Unpacked UnpackObjects(MessageParcel& parcel, const FrameHeader& header, const s
             object = sender->Proxy(entry.id);
         } else if (entry.owner != 0) {
             const sptr<Peer> owner = process.PeerAt(entry.owner);
-            result.unreachable += owner->Dead() ? 1 : 0;
+            result.unreachable += owner->Dead() && !process.HasDied(entry.owner) ? 1 : 0;
             object = owner->Proxy(entry.id);
         }
         result.isSound = result.isSound && object != nullptr;

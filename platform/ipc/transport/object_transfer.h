@@ -36,15 +36,15 @@ private:
 // Whether the sender of a frame holds all objects of this process that it names: its target, unless it is a reply, and
 // those in its table.
 bool HoldsAll(Parcel& frame, const FrameHeader& header, const Peer& sender);
-// Before a frame is judged whose sender does not seem to hold them all: a third process may have made it a holder just
-// now. Its grant has reached a link of this process then, and only has to be read.
-void SettleGrants();
+// The same, but false only once all grants are read that have arrived: a third process may have made the sender a
+// holder just now. On the reactor's thread not while it settles.
+bool AwaitGrants(Parcel& frame, const FrameHeader& header, const Peer& sender);
 
 // Fills the parcel's objects from the table that arrived with it. Every entry is taken, also where nobody will read
 // it: the sender has counted them all.
 struct Unpacked {
     bool isSound = true;     // false: memory is short, or the sender does not hold what it names
-    size_t unreachable = 0;  // objects of processes that are not there
+    size_t unreachable = 0;  // objects of processes that are not there, and are not known to have been
 };
 Unpacked UnpackObjects(MessageParcel& parcel, const FrameHeader& header, const sptr<Peer>& sender);
 

@@ -121,7 +121,7 @@ bool IpcProcess::RenewEndpoint()
     return true;
 }
 
-bool IpcProcess::EndpointsLast() const
+bool IpcProcess::MissingEndpointMeansExit() const
 {
     return !endpointRenewed_ && access(EndpointPath(Id()).c_str(), F_OK) == 0;
 }
@@ -140,6 +140,12 @@ sptr<Peer> IpcProcess::KnownPeer(EndpointId id)
     MutexLock lock(peersMutex_);
     const auto found = peers_.find(id);
     return found != peers_.end() ? found->second : nullptr;
+}
+
+bool IpcProcess::HasDied(EndpointId id)
+{
+    MutexLock lock(peersMutex_);
+    return dead_.contains(id);
 }
 
 sptr<Peer> IpcProcess::PeerAt(EndpointId id)

@@ -31,9 +31,9 @@ public:
     bool Start();
 
     EndpointId Id() const { return id_.load(std::memory_order_relaxed); }
-    // Whether processes with an endpoint that is not there have removed it themselves. Those that were there before the
-    // runtime directory was made anew may be about to make theirs again.
-    bool EndpointsLast() const;
+    // Whether a process whose endpoint is not there has removed it itself. One that was there before the runtime
+    // directory was made anew may be about to make its own again.
+    bool MissingEndpointMeansExit() const;
     ObjectTable& Objects() { return objects_; }
     // Counts one more reference of a process to an object of this process, which the caller keeps alive; its number.
     ObjectId AddHolder(const sptr<IRemoteObject>& object, EndpointId holder);
@@ -49,6 +49,8 @@ public:
     sptr<Peer> PeerAt(EndpointId id);
     // The same, null instead of connecting.
     sptr<Peer> KnownPeer(EndpointId id);
+    // Whether the process with that endpoint is among those that are remembered as dead.
+    bool HasDied(EndpointId id);
 
     // The publisher of the context object, null when there is none. Waits for its greeting, at most a second.
     sptr<Peer> ContextPeer();

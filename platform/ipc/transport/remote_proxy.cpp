@@ -66,7 +66,7 @@ ClientChannel RemoteProxy::OpenChannel(Deadline deadline, int32_t& error)
     }
     bool gone = false;
     ClientChannel channel = peer_->Channels().Take(peer_->Id(), peer_->Who(), key, gone);
-    if (gone && IpcProcess::Get().EndpointsLast()) {
+    if (gone && IpcProcess::Get().MissingEndpointMeansExit()) {
         // A process that leaves takes its endpoint along first. It carries out nothing any more, however long its exit
         // takes, so this is its death.
         peer_->ShutdownLinks();
@@ -111,9 +111,7 @@ int32_t RemoteProxy::SendSync(uint32_t code, MessageParcel& data, MessageParcel&
     transfer.Commit();
     const FrameHeader header = HeaderOf(reply);
     if (header.objects > 0) {
-        if (!HoldsAll(reply, header, *peer_)) {
-            SettleGrants();
-        }
+        AwaitGrants(reply, header, *peer_);
         const Unpacked unpacked = UnpackObjects(reply, header, peer_);
         channel.AcknowledgeObjects();
         error = unpacked.isSound ? IPC_OK : IPC_FAILED;

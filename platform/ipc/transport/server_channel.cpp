@@ -147,9 +147,7 @@ int32_t ServerChannel::Dispatch(MessageParcel& frame, const FrameHeader& header,
     ObjectTable& objects = IpcProcess::Get().Objects();
     sptr<IRemoteObject> object = objects.Find(header.target, peer_->Id());
     if (object == nullptr || header.objects > 0) {
-        if (!HoldsAll(frame, header, *peer_)) {
-            SettleGrants();
-        }
+        AwaitGrants(frame, header, *peer_);
         object = objects.Find(header.target, peer_->Id());
     }
     if (header.objects > 0 && !UnpackObjects(frame, header, peer_).isSound) {
