@@ -7,7 +7,7 @@
 
 #include "native_migrate/migrate_protocol.h"
 #include "support/processes.h"
-#include "transport/wire.h"
+#include "wire.h"
 #include "vexa/ipc/ipc_object_stub.h"
 #include "vexa/ipc/message_parcel.h"
 #include "vexa/samgr/system_ability_manager_client.h"

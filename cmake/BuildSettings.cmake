@@ -34,6 +34,9 @@ target_compile_options(nm_settings INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion
     $<$<BOOL:${NM_WERROR}>:-Werror>
     $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
+# Inline code of ours checks the order of mutexes everywhere or nowhere; a consumer's never does.
+target_compile_definitions(nm_settings INTERFACE
+    $<$<NOT:$<CONFIG:Release,RelWithDebInfo,MinSizeRel>>:VEXA_CHECK_LOCK_ORDER>)
 target_link_libraries(nm_settings INTERFACE Threads::Threads)
 if(NM_SANITIZE)
     target_compile_options(nm_settings INTERFACE -fsanitize=${NM_SANITIZE} -fno-sanitize-recover=all

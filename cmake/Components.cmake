@@ -1,9 +1,11 @@
 # SPDX-License-Identifier: Apache-2.0
 # The functions that every folder's CMakeLists.txt is written with.
 #
-#   nm_component(<target> [STATIC] SOURCES ... [INCLUDE <public folder>...] [USES <component>...] [LINKS <library>...])
+#   nm_component(<target> [STATIC] SOURCES ... [INCLUDE <public folder>...] [USES <component>...] [HIDES <component>...]
+#                [LINKS <library>...])
 #     An object library (STATIC, or vexa_testing: an archive). It compiles with its own folder, the public folders of
-#     what it USES and, in the library, with include/. Without INCLUDE its own folder is its public one.
+#     what it USES and, in the library, with include/. Without INCLUDE its own folder is its public one. It also uses what
+#     it HIDES, whose folders it does not show to those that use it.
 #   nm_program(<target> SOURCES ... [USES <component or library>...] [LINKS <library>...])
 #     A program in bin, installed. Platform components are linked as libvexa_platform, others as objects.
 #   nm_test(<name> SOURCES ... [USES <component or library>...] [LINKS <library>...]
@@ -19,7 +21,9 @@
 # USES is transitive: name what the sources include. What may be used stands in IncludeRules.cmake.
 
 # What the two shared libraries are made of.
-set(NM_PLATFORM_COMPONENTS vexa_base vexa_log vexa_json vexa_ipc vexa_want vexa_samgr)
+list(TRANSFORM NM_TRANSPORT_LAYERS PREPEND vexa_ipc_ OUTPUT_VARIABLE nm_transport)
+set(NM_PLATFORM_COMPONENTS
+    vexa_base vexa_log vexa_json vexa_ipc_objects ${nm_transport} vexa_ipc vexa_want vexa_samgr)
 set(NM_LIBRARY_COMPONENTS nm_log nm_json nm_ipc nm_kits nm_sa_load)
 
 # Adds the folders that have a CMakeLists.txt.
@@ -89,7 +93,7 @@ function(nm_add_public out target)
 endfunction()
 
 function(nm_component target)
-    cmake_parse_arguments(PARSE_ARGV 1 ARG "STATIC" "" "SOURCES;INCLUDE;USES;LINKS")
+    cmake_parse_arguments(PARSE_ARGV 1 ARG "STATIC" "" "SOURCES;INCLUDE;USES;HIDES;LINKS")
     nm_add_public(uses ${target} ${ARG_USES})
     if(ARG_STATIC OR target STREQUAL "vexa_testing")
         add_library(${target} STATIC)
@@ -102,7 +106,7 @@ function(nm_component target)
         file(CONFIGURE OUTPUT "${ARG_SOURCES}" CONTENT "// Headers only.\n")
     endif()
     target_sources(${target} PRIVATE ${ARG_SOURCES})
-    nm_register(${target} ${uses})
+    nm_register(${target} ${uses} ${ARG_HIDES})
     set_property(GLOBAL APPEND PROPERTY NM_COMPONENTS ${target})
     nm_closure(closure ${target})
     list(APPEND closure nm_public)
@@ -121,6 +125,9 @@ function(nm_component target)
     foreach(used IN LISTS uses)
         target_include_directories(${target} PUBLIC
             $<BUILD_INTERFACE:$<TARGET_PROPERTY:${used},INTERFACE_INCLUDE_DIRECTORIES>>)
+    endforeach()
+    foreach(hidden IN LISTS ARG_HIDES)
+        target_include_directories(${target} PRIVATE $<TARGET_PROPERTY:${hidden},INTERFACE_INCLUDE_DIRECTORIES>)
     endforeach()
     nm_see_own_folder(${target} ${uses})
     target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:nm_settings> ${ARG_LINKS})
@@ -144,9 +151,12 @@ function(nm_link target)
     nm_closure(closure ${ARG_USES})
     get_property(components GLOBAL PROPERTY NM_COMPONENTS)
     set(statics)
+    foreach(used IN LISTS ARG_USES)
+        if(used IN_LIST components)
+            target_include_directories(${target} PRIVATE $<TARGET_PROPERTY:${used},INTERFACE_INCLUDE_DIRECTORIES>)
+        endif()
+    endforeach()
     foreach(component IN LISTS closure)
-        target_include_directories(${target} PRIVATE
-            $<TARGET_PROPERTY:${component},INTERFACE_INCLUDE_DIRECTORIES>)
         get_target_property(type ${component} TYPE)
         if(type STREQUAL "STATIC_LIBRARY")
             list(APPEND statics ${component})

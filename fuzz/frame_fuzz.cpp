@@ -6,9 +6,9 @@
 #include <cstdint>
 #include <cstdlib>
 
+#include "frame_reader.h"
 #include "parcel_access.h"
-#include "transport/frame_reader.h"
-#include "transport/socket.h"
+#include "socket.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
 {

@@ -39,7 +39,7 @@ private:
     bool Enter() VEXA_EXCLUDES(mutex_);
     void Leave() VEXA_EXCLUDES(mutex_);
 
-    Mutex mutex_;
+    Mutex mutex_{LockRank::KitsGate};
     CondVar left_;
     bool closed_ VEXA_GUARDED_BY(mutex_) = false;
     std::vector<std::thread::id> inside_ VEXA_GUARDED_BY(mutex_);

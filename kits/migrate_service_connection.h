@@ -43,7 +43,7 @@ private:
     Link Take() VEXA_EXCLUDES(serviceMutex_);
     void Watch(const LogSite& site, const sptr<IRemoteObject>& object) VEXA_REQUIRES(serviceMutex_);
 
-    Mutex serviceMutex_;  // held for a whole lookup, so that concurrent first requests share one
+    Mutex serviceMutex_{LockRank::KitsService};  // held for a whole lookup, so that concurrent first requests share one
     sptr<IMigrateServer> migrateServer_ VEXA_GUARDED_BY(serviceMutex_);
     sptr<IRemoteObject::DeathRecipient> deathRecipient_ VEXA_GUARDED_BY(serviceMutex_);
     const LogFormat<const char*> watchLine_;

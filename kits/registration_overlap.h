@@ -32,7 +32,7 @@ public:
     }
 
 private:
-    Mutex mutex_;
+    Mutex mutex_{LockRank::KitsOverlap};
     int underWay_ VEXA_GUARDED_BY(mutex_) = 0;
     bool hasRecovery_ VEXA_GUARDED_BY(mutex_) = false;  // among those since it was quiet
     bool overlapped_ VEXA_GUARDED_BY(mutex_) = false;

@@ -40,7 +40,7 @@ private:
 
     MigrateServiceConnection connection_;
     Observers observers_ VEXA_GUARDED_BY(observersMutex_);
-    Mutex observersMutex_;  // never held together with the connection's mutex
+    Mutex observersMutex_{LockRank::KitsObservers};  // never held together with the connection's mutex
     HandlerGate gate_;
 };
 

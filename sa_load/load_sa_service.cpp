@@ -25,7 +25,7 @@ public:
 };
 
 LoadSaService* LoadSaService::instance_ = nullptr;
-Mutex LoadSaService::instanceLock_;
+Mutex LoadSaService::instanceLock_{LockRank::LoadSaInstance};
 
 namespace {
 

@@ -84,7 +84,7 @@ private:
     bool DeliverProgress(const sptr<IRemoteObject>& object, std::vector<TaskProgress> tasks) const;
 
     const Progress progress_;
-    Mutex mutex_;
+    Mutex mutex_{LockRank::CallbackHub};
     Receivers<TaskProgress> progressReceivers_;  // guarded by mutex_
     Receivers<RestoreEventInfo> observers_;      // guarded by mutex_
 };

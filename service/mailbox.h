@@ -93,7 +93,7 @@ private:
     const Limits limits_;
     const Deliver deliver_;
     const Compact compact_;
-    mutable Mutex mutex_;
+    mutable Mutex mutex_{LockRank::Mailbox};
     CondVar changed_;
     std::vector<Item> items_ VEXA_GUARDED_BY(mutex_);
     bool closed_ VEXA_GUARDED_BY(mutex_) = false;

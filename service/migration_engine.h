@@ -192,7 +192,7 @@ private:
     const UniqueFd target_;
     const UniqueFd stateDirectory_;  // none when the state is in the target
 
-    mutable Mutex mutex_;
+    mutable Mutex mutex_{LockRank::Engine};
     CondVar changed_;
     const std::unique_ptr<TaskStore> store_ VEXA_PT_GUARDED_BY(mutex_);
     RateMeter meter_ VEXA_GUARDED_BY(mutex_);

@@ -106,7 +106,7 @@ public:
     }
 
 private:
-    Mutex mutex_;
+    Mutex mutex_{LockRank::Program};
     CondVar changed_;
     bool hasCome_ VEXA_GUARDED_BY(mutex_) = false;
     int32_t code_ VEXA_GUARDED_BY(mutex_) = 0;

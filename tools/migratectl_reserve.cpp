@@ -99,7 +99,7 @@ public:
 private:
     const Options options_;
     const bool isSilent_;
-    Mutex mutex_;
+    Mutex mutex_{LockRank::Program};
     CondVar changed_;
     uint64_t count_ VEXA_GUARDED_BY(mutex_) = 0;
 };

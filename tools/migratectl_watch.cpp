@@ -40,7 +40,7 @@ public:
     }
 
 private:
-    Mutex mutex_;
+    Mutex mutex_{LockRank::Program};
     CondVar changed_;
     std::vector<EventInfo> events_ VEXA_GUARDED_BY(mutex_);
 };

@@ -27,7 +27,7 @@ public:
 private:
     void WaitForWriters();
 
-    Mutex replaceMutex_;
+    Mutex replaceMutex_{LockRank::LogSlot};
     std::atomic<LogSink*> sink_{nullptr};
     std::atomic<unsigned> current_{0};
     std::array<std::atomic<int>, 2> writers_{};

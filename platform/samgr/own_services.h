@@ -33,7 +33,7 @@ private:
     sptr<IRemoteObject> Find(int32_t systemAbilityId);
 
     const Tell tell_;
-    Mutex mutex_;
+    Mutex mutex_{LockRank::OwnServices};
     std::map<int32_t, sptr<IRemoteObject>> services_ VEXA_GUARDED_BY(mutex_);
 };
 

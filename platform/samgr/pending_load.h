@@ -41,7 +41,7 @@ private:
     const int32_t systemAbilityId_;
     const std::chrono::steady_clock::time_point deadline_;
 
-    Mutex mutex_;
+    Mutex mutex_{LockRank::PendingLoad};
     Done done_ VEXA_GUARDED_BY(mutex_);  // empty once finished
     sptr<IRemoteObject::DeathRecipient> recipient_ VEXA_GUARDED_BY(mutex_);
     size_t repeats_ VEXA_GUARDED_BY(mutex_) = 0;

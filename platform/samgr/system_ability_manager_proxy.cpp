@@ -54,7 +54,7 @@ public:
 private:
     bool IsSet() const VEXA_NO_THREAD_SAFETY_ANALYSIS { return outcome_.has_value(); }
 
-    Mutex mutex_;
+    Mutex mutex_{LockRank::LoadOutcome};
     CondVar ready_;
     std::optional<LoadOutcome> outcome_ VEXA_GUARDED_BY(mutex_);
 };

@@ -72,7 +72,7 @@ public:
     }
 
 private:
-    Mutex mutex_;
+    Mutex mutex_{LockRank::Program};
     std::string heard_ VEXA_GUARDED_BY(mutex_);
 };
 

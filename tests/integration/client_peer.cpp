@@ -77,7 +77,7 @@ private:
         return reply.WriteString("{\"errorNum\":" + std::to_string(getpid()) + "}") ? 0 : 1;
     }
 
-    Mutex mutex_;
+    Mutex mutex_{LockRank::Program};
     sptr<IRemoteObject> callback_ VEXA_GUARDED_BY(mutex_);
     std::map<std::string, sptr<IRemoteObject>> observers_ VEXA_GUARDED_BY(mutex_);
 };

@@ -7,11 +7,11 @@
 #include <algorithm>
 #include <random>
 
+#include "remote_proxy.h"
+#include "runtime_paths.h"
+#include "socket.h"
 #include "support/peer_fixture.h"
-#include "transport/remote_proxy.h"
-#include "transport/runtime_paths.h"
-#include "transport/socket.h"
-#include "transport/wire.h"
+#include "wire.h"
 
 namespace VEXA::test {
 namespace {
@@ -57,7 +57,7 @@ Greeting Hello(ipc::ConnectionUse use, ipc::EndpointId sender, ipc::ChannelKey k
 TEST_F(IpcBadPeers, FalseFirstFramesEndTheConnection)
 {
     using ipc::ConnectionUse;
-    const ipc::EndpointId known = ipc::IpcProcess::Get().Id();
+    const ipc::EndpointId known = ipc::IpcProcess::Get().Start()->Id();
     const Greeting link = Hello(ConnectionUse::LINK, known);
     Greeting request = link;
     request.header.kind = ipc::FrameKind::REQUEST;
@@ -173,10 +173,10 @@ TEST_F(IpcBadPeers, WhatCostsMoreThanItTakesIsNotTakenForLong)
 TEST_F(IpcBadPeers, WhatIsHandedToADeadProcessIsNotKept)
 {
     constexpr ipc::EndpointId kGone = 0x1234;
-    ipc::ObjectTable& objects = ipc::IpcProcess::Get().Objects();
+    ipc::ObjectTable& objects = ipc::IpcProcess::Get().Start()->Objects();
     const size_t before = objects.Size();
     const sptr<IRemoteObject> mine(new TestObject);
-    ipc::IpcProcess::Get().AddHolder(mine, kGone);
+    ipc::IpcProcess::Get().Start()->Peers().AddHolder(mine, kGone);
     EXPECT_EQ(objects.Size(), before);
 }
 

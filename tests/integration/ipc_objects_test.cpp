@@ -5,10 +5,10 @@
 #include <algorithm>
 #include <thread>
 
+#include "object_transfer.h"
+#include "remote_proxy.h"
+#include "runtime_paths.h"
 #include "support/peer_fixture.h"
-#include "transport/object_transfer.h"
-#include "transport/remote_proxy.h"
-#include "transport/runtime_paths.h"
 
 namespace VEXA::test {
 namespace {
@@ -132,7 +132,7 @@ TEST_F(IpcObjects, PassesLeaveNothingBehind)
     const int64_t ownBefore = ResidentBytes(getpid());
     passes(25'000);  // four passes of an object each
     EXPECT_TRUE(TableSettlesAt(node, 1));
-    EXPECT_TRUE(Eventually([] { return ipc::IpcProcess::Get().Objects().Size() == 0; }));
+    EXPECT_TRUE(Eventually([] { return ipc::IpcProcess::Get().Start()->Objects().Size() == 0; }));
     EXPECT_LT(ResidentBytes(process.Pid()), nodeBefore + kSlackBytes);
     EXPECT_LT(ResidentBytes(hubProcess_.Pid()), hubBefore + kSlackBytes);
     EXPECT_LT(ResidentBytes(getpid()), ownBefore + kSlackBytes);
@@ -147,7 +147,7 @@ TEST_F(IpcObjects, GuessedNumbersAreRefused)
     const sptr<ipc::Peer> hub = ipc::IpcProcess::Get().ContextPeer();
     for (ipc::ObjectId guess = 1; guess < 50; ++guess) {
         // What this process has given back, it may call until the hub hears of it.
-        EXPECT_TRUE(Eventually([&] { return Call(hub->Proxy(guess), ADD_ONE).Int(1).Send() == IPC_REFUSED; }));
+        EXPECT_TRUE(Eventually([&] { return Call(hub->Object(guess), ADD_ONE).Int(1).Send() == IPC_REFUSED; }));
     }
     EXPECT_EQ(Call(node, CALL_KEPT).Int(1).Answer(), 2);
     EXPECT_EQ(Call(hub_, ADD_ONE).Int(1).Answer(), 2);

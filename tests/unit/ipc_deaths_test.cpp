@@ -7,7 +7,8 @@
 #include <semaphore>
 #include <vector>
 
-#include "transport/death_notifier.h"
+#include "death_notifier.h"
+#include "thread.h"
 #include "vexa/ipc/ipc_object_stub.h"
 
 namespace VEXA::ipc {
@@ -41,7 +42,7 @@ private:
 TEST(DeathNotifierTest, WhatTakesLongHoldsUpNoOtherProcesssDeath)
 {
     // Its threads outlive the test.
-    static DeathNotifier& notifier = *new DeathNotifier;
+    static DeathNotifier& notifier = *new DeathNotifier(&StartThread);
     const sptr<IRemoteObject> object(new IPCObjectStub);
     std::promise<void> over;
     const std::shared_future<void> until = over.get_future();
@@ -50,7 +51,7 @@ TEST(DeathNotifierTest, WhatTakesLongHoldsUpNoOtherProcesssDeath)
     const std::shared_future<void> atOnce = nothing.get_future();
     const sptr<Recipient> quick(new Recipient(atOnce));
     std::vector<sptr<Recipient>> slow;
-    for (EndpointId process = 1; process < DeathNotifier::kMostThreads; ++process) {
+    for (EndpointId process = 1; process < 8; ++process) {
         slow.push_back(sptr<Recipient>(new Recipient(until)));
         notifier.Post(process, object, slow.back());
         notifier.Post(process + 100, object, slow.back());
@@ -65,7 +66,7 @@ TEST(DeathNotifierTest, WhatTakesLongHoldsUpNoOtherProcesssDeath)
     }
     const sptr<Recipient> next(new Recipient(atOnce));
     notifier.Post(1, object, next);
-    EXPECT_FALSE(next->Begins(DeathNotifier::kPatience * 2)) << "its process's first recipient is running";
+    EXPECT_FALSE(next->Begins(100ms)) << "its process's first recipient is running";
 
     EXPECT_TRUE(notifier.Cancel(object.GetRefPtr(), slow[0]));
     EXPECT_FALSE(notifier.Cancel(object.GetRefPtr(), slow[0])) << "it is running";
@@ -95,7 +96,7 @@ private:
 
 TEST(DeathNotifierTest, ARecipientThatEndsWithItsNoticeMayUseTheNotifier)
 {
-    static DeathNotifier& notifier = *new DeathNotifier;
+    static DeathNotifier& notifier = *new DeathNotifier(&StartThread);
     static auto& ended = *new std::promise<void>;
     notifier.Post(1, new IPCObjectStub, new TellsOfItsEnd(notifier, ended));
     EXPECT_EQ(ended.get_future().wait_for(20s), std::future_status::ready);

@@ -10,12 +10,12 @@
 #include <string>
 #include <thread>
 
+#include "client_channel.h"
+#include "frame_reader.h"
+#include "object_table.h"
 #include "parcel_access.h"
+#include "socket.h"
 #include "support/processes.h"
-#include "transport/client_channel.h"
-#include "transport/frame_reader.h"
-#include "transport/object_table.h"
-#include "transport/socket.h"
 #include "vexa/ipc/ipc_object_stub.h"
 
 namespace VEXA::ipc {

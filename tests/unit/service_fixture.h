@@ -113,7 +113,7 @@ public:
     }
 
 private:
-    mutable Mutex mutex_;
+    mutable Mutex mutex_{LockRank::CallbackHub};  // whose place it takes
     std::vector<uint32_t> finished_ VEXA_GUARDED_BY(mutex_);
     std::vector<RestoreEventInfo> restores_ VEXA_GUARDED_BY(mutex_);
 };

@@ -96,7 +96,7 @@ private:
     void OnObjectDied(int32_t id, const wptr<IRemoteObject>& object);
 
     const Setting setting_;
-    Mutex mutex_;
+    Mutex mutex_{LockRank::ServiceTable};
     std::map<int32_t, Service> services_ VEXA_GUARDED_BY(mutex_);
     std::map<pid_t, Program> programs_ VEXA_GUARDED_BY(mutex_);  // started, and not known to have ended
     bool stopped_ VEXA_GUARDED_BY(mutex_) = false;

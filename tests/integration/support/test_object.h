@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "transport/process.h"
+#include "process.h"
 #include "vexa/base/mutex.h"
 #include "vexa/ipc/context_object.h"
 #include "vexa/ipc/ipc_object_stub.h"
@@ -132,7 +132,7 @@ public:
             case MAKE_NEW:
                 return reply.WriteRemoteObject(new TestObject) ? 0 : 1;
             case TABLE_SIZE:
-                return reply.WriteInt32(static_cast<int32_t>(ipc::IpcProcess::Get().Objects().Size())) ? 0 : 1;
+                return reply.WriteInt32(static_cast<int32_t>(ipc::IpcProcess::Get().Start()->Objects().Size())) ? 0 : 1;
             case THROW:
                 throw std::runtime_error("on request");
             case WHO_CALLS:
@@ -207,7 +207,7 @@ private:
         return kept_;
     }
 
-    Mutex mutex_;
+    Mutex mutex_{LockRank::Program};
     CondVar opened_;
     sptr<IRemoteObject> kept_ VEXA_GUARDED_BY(mutex_);
     std::map<std::string, sptr<IRemoteObject>> hub_ VEXA_GUARDED_BY(mutex_);

@@ -36,7 +36,7 @@ protected:
 
 private:
     static inline std::atomic<T*> instance_{nullptr};
-    static inline Mutex mutex_;
+    static inline Mutex mutex_{LockRank::Singleton};
 };
 
 }  // namespace VEXA

@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // A mutex that clang's thread-safety analysis understands: `-Wthread-safety` then
-// proves at compile time that whatever is VEXA_GUARDED_BY it is touched under it.
+// proves at compile time that whatever is VEXA_GUARDED_BY it is touched under it. Its rank
+// says in which order it is taken.
 #pragma once
 
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+
+#include "vexa/base/lock_rank.h"
 
 #if defined(__clang__)
 #define VEXA_THREAD_ANNOTATION(x) __attribute__((x))
@@ -28,17 +31,41 @@ namespace VEXA {
 
 class VEXA_CAPABILITY("mutex") Mutex {
 public:
-    Mutex() = default;
+    constexpr explicit Mutex(LockRank rank) noexcept : rank_(rank) {}
     Mutex(const Mutex&) = delete;
     Mutex& operator=(const Mutex&) = delete;
 
-    void lock() VEXA_ACQUIRE() { mutex_.lock(); }
-    void unlock() VEXA_RELEASE() { mutex_.unlock(); }
-    bool try_lock() VEXA_TRY_ACQUIRE(true) { return mutex_.try_lock(); }
+    void lock() VEXA_ACQUIRE()
+    {
+        Note(LockStep::TAKE);
+        mutex_.lock();
+    }
+    void unlock() VEXA_RELEASE()
+    {
+        Note(LockStep::RELEASE);
+        mutex_.unlock();  // last: whoever waits for it may end this object
+    }
+    bool try_lock() VEXA_TRY_ACQUIRE(true)
+    {
+        const bool taken = mutex_.try_lock();
+        if (taken) {
+            Note(LockStep::TAKE_AT_ONCE);
+        }
+        return taken;
+    }
 
 private:
     friend class CondVar;
+
+    void Note(LockStep step) const
+    {
+        if constexpr (kChecksLockOrder) {
+            NoteLock(rank_, step);
+        }
+    }
+
     std::mutex mutex_;
+    const LockRank rank_;
 };
 
 // Holds the mutex for its scope; may be unlocked and locked again inside it.
@@ -79,6 +106,9 @@ public:
     bool WaitUntil(Mutex& mutex, std::chrono::steady_clock::time_point deadline, Predicate ready)
         VEXA_REQUIRES(mutex) VEXA_NO_THREAD_SAFETY_ANALYSIS
     {
+        // The wait takes the mutex again, so that nothing may be held that is taken after it.
+        mutex.Note(LockStep::RELEASE);
+        mutex.Note(LockStep::TAKE);
         std::unique_lock<std::mutex> lock(mutex.mutex_, std::adopt_lock);
         const bool result = condition_.wait_until(lock, deadline, ready);
         lock.release();

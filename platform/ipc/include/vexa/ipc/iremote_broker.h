@@ -46,7 +46,7 @@ public:
 private:
     BrokerRegistration() = default;
 
-    Mutex mutex_;
+    Mutex mutex_{LockRank::Brokers};
     std::map<std::u16string, Creator> creators_ VEXA_GUARDED_BY(mutex_);
 };
 

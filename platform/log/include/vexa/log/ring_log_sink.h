@@ -55,7 +55,7 @@ public:
 
 private:
     const size_t capacity_;
-    mutable Mutex mutex_;
+    mutable Mutex mutex_{LockRank::LogSink};
     std::vector<LogEntry> entries_ VEXA_GUARDED_BY(mutex_);  // line n stands at (n - 1) % capacity_
     uint64_t last_ VEXA_GUARDED_BY(mutex_) = 0;
 };

@@ -25,7 +25,7 @@ public:
 private:
     SystemAbilityManagerClient() = default;
 
-    Mutex mutex_;
+    Mutex mutex_{LockRank::ManagerClient};
     sptr<ISystemAbilityManager> manager_ VEXA_GUARDED_BY(mutex_);
     sptr<ISystemAbilityManager> override_ VEXA_GUARDED_BY(mutex_);
     bool unreachable_ VEXA_GUARDED_BY(mutex_) = false;

@@ -77,7 +77,7 @@ private:
     void Record(const Call& call);
     void Deliver(std::vector<PendingLoad> loads);
 
-    mutable Mutex mutex_;
+    mutable Mutex mutex_{LockRank::TestManager};
     Objects running_ VEXA_GUARDED_BY(mutex_);
     Objects loadable_ VEXA_GUARDED_BY(mutex_);
     CheckAnswer checkAnswer_ VEXA_GUARDED_BY(mutex_);

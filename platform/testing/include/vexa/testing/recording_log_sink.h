@@ -51,7 +51,7 @@ public:
 private:
     const uint32_t previousLevel_;
     LogSink* previous_ = nullptr;
-    mutable Mutex mutex_;
+    mutable Mutex mutex_{LockRank::LogSink};
     std::vector<LogEntry> entries_ VEXA_GUARDED_BY(mutex_);
 };
 

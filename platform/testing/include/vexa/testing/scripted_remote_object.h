@@ -73,7 +73,7 @@ private:
     // The handler of the next request: a queued answer, the set handler, or one that refuses for the dead.
     Handler NextHandler() VEXA_REQUIRES(mutex_);
 
-    mutable Mutex mutex_;
+    mutable Mutex mutex_{LockRank::TestObject};
     Handler handler_ VEXA_GUARDED_BY(mutex_);
     std::deque<Answer> answers_ VEXA_GUARDED_BY(mutex_);
     std::vector<Request> requests_ VEXA_GUARDED_BY(mutex_);

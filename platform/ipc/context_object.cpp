@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "vexa/ipc/context_object.h"
+
+#include <utility>
+
+#include "process.h"
+#include "process_life.h"
+
+namespace VEXA {
+
+sptr<IRemoteObject> GetContextObject()
+{
+    if (ipc::ProcessLife::Forked()) {
+        return nullptr;
+    }
+    ipc::IpcProcess& process = ipc::IpcProcess::Get();
+    if (ipc::Transport* const own = process.Running()) {
+        if (sptr<IRemoteObject> object = own->Objects().Find(ipc::kContextObject, own->Id())) {
+            return object;
+        }
+    }
+    const sptr<ipc::Peer> peer = process.ContextPeer();
+    return peer != nullptr ? peer->Object(ipc::kContextObject) : nullptr;
+}
+
+bool PublishContextObject(const sptr<IRemoteObject>& object)
+{
+    return !ipc::ProcessLife::Forked() && ipc::IpcProcess::Get().PublishContext(object);
+}
+
+void OnContextObjectPublished(std::function<void()> action)
+{
+    if (ipc::ProcessLife::Forked()) {
+        return;
+    }
+    if (ipc::Transport* const transport = ipc::IpcProcess::Get().Start()) {
+        transport->Watch().Start(std::move(action));
+    }
+}
+
+}  // namespace VEXA

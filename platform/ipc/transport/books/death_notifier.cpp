@@ -1,0 +1,129 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "death_notifier.h"
+
+#include <algorithm>
+#include <exception>
+
+#include "ipc_log.h"
+#include "process_life.h"
+#include "transport/limits.h"
+
+namespace VEXA::ipc {
+
+void DeathNotifier::Post(EndpointId process, const sptr<IRemoteObject>& object, sptr<Recipient> recipient)
+{
+    MutexLock lock(mutex_);
+    notices_.push_back({process, object, std::move(recipient)});
+    KeepOneIdle();
+    changed_.NotifyAll();
+}
+
+bool DeathNotifier::Cancel(const IRemoteObject* object, const sptr<Recipient>& recipient)
+{
+    Notice cancelled;  // its references go after the lock
+    MutexLock lock(mutex_);
+    const auto found = std::find_if(notices_.begin(), notices_.end(),
+        [&](const Notice& notice) { return notice.object.GetRefPtr() == object && notice.recipient == recipient; });
+    if (found == notices_.end()) {
+        return false;
+    }
+    cancelled = std::move(*found);
+    notices_.erase(found);
+    return true;
+}
+
+void DeathNotifier::KeepOneIdle()
+{
+    if (threads_ > running_.size() || threads_ == kMostDeathThreads) {
+        return;
+    }
+    if (startThread_("vexa-deaths", [this] { Run(); })) {
+        ++threads_;
+    } else {
+        IPC_LOGE("no thread for death notices: they wait for the next death");
+    }
+}
+
+std::deque<DeathNotifier::Notice>::iterator DeathNotifier::Next()
+{
+    const auto isFree = [this](const Notice& notice) VEXA_NO_THREAD_SAFETY_ANALYSIS {
+        return std::none_of(running_.begin(), running_.end(), [&](const Running& running) {
+            return running.process == notice.process || running.recipient == notice.recipient.GetRefPtr();
+        });
+    };
+    return std::find_if(notices_.begin(), notices_.end(), isFree);
+}
+
+DeathNotifier::Clock::time_point DeathNotifier::PatienceEnds()
+{
+    auto end = Clock::time_point::min();
+    for (const Running& running : running_) {
+        end = std::max(end, running.since + kPatience);
+    }
+    return end;
+}
+
+void DeathNotifier::Run()
+{
+    MutexLock lock(mutex_);
+    while (!ProcessLife::Exiting()) {
+        const auto isDue = [this]() VEXA_NO_THREAD_SAFETY_ANALYSIS { return Next() != notices_.end(); };
+        if (!changed_.WaitFor(mutex_, kDeathThreadIdle, isDue)) {
+            if (threads_ - running_.size() > 1) {
+                --threads_;
+                return;
+            }
+            continue;
+        }
+        const auto patienceEnds = PatienceEnds();
+        if (Clock::now() < patienceEnds) {
+            changed_.WaitUntil(
+                mutex_, patienceEnds, [this]() VEXA_NO_THREAD_SAFETY_ANALYSIS { return running_.empty(); });
+            continue;
+        }
+        TellNext();
+    }
+}
+
+bool DeathNotifier::TellOne()
+{
+    MutexLock lock(mutex_);
+    if (Next() == notices_.end()) {
+        return false;
+    }
+    TellNext();
+    return true;
+}
+
+void DeathNotifier::TellNext()
+{
+    const auto next = Next();
+    Notice notice = std::move(*next);
+    notices_.erase(next);
+    const Recipient* const recipient = notice.recipient.GetRefPtr();
+    running_.push_back({notice.process, recipient, Clock::now()});
+    if (!notices_.empty()) {
+        KeepOneIdle();
+    }
+    mutex_.unlock();
+    Tell(notice);
+    // A recipient that goes with its last holder may call back here.
+    notice = Notice();
+    mutex_.lock();
+    running_.erase(std::find_if(
+        running_.begin(), running_.end(), [&](const Running& running) { return running.recipient == recipient; }));
+    changed_.NotifyAll();
+}
+
+void DeathNotifier::Tell(const Notice& notice)
+{
+    try {
+        notice.recipient->OnRemoteDied(notice.object);
+    } catch (const std::exception& error) {
+        IPC_LOGE("a death recipient threw: %{public}s", error.what());
+    } catch (...) {
+        IPC_LOGE("a death recipient threw");
+    }
+}
+
+}  // namespace VEXA::ipc

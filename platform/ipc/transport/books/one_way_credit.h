@@ -1,0 +1,89 @@
+// SPDX-License-Identifier: Apache-2.0
+// The bound on one-way requests that are under way from one process to another: kept by the sender, checked by the
+// receiver.
+#pragma once
+
+#include <cstdint>
+
+#include "transport/limits.h"
+#include "vexa/base/mutex.h"
+
+namespace VEXA::ipc {
+
+// The sender's side: what it may still send. Its mutex is held from taking credit to handing the frame to the link, so
+// that frames leave in the order in which credit was taken.
+class OneWayCredit {
+public:
+    Mutex& SendOrder() VEXA_THREAD_ANNOTATION(lock_returned(sendOrder_)) { return sendOrder_; }
+
+    bool Take(uint64_t bytes)
+    {
+        MutexLock lock(mutex_);
+        if (frames_ >= kMaxQueuedOneWayFrames || bytes_ + bytes > kMaxQueuedOneWayBytes) {
+            return false;
+        }
+        ++frames_;
+        bytes_ += bytes;
+        return true;
+    }
+    // False when the receiver acknowledges what was never sent.
+    bool GiveBack(uint64_t frames, uint64_t bytes)
+    {
+        MutexLock lock(mutex_);
+        if (frames > frames_ || bytes > bytes_) {
+            return false;
+        }
+        frames_ -= frames;
+        bytes_ -= bytes;
+        return true;
+    }
+
+private:
+    Mutex sendOrder_{LockRank::OneWaySendOrder};
+    Mutex mutex_{LockRank::OneWayCredit};
+    uint64_t frames_ VEXA_GUARDED_BY(mutex_) = 0;
+    uint64_t bytes_ VEXA_GUARDED_BY(mutex_) = 0;
+};
+
+// The receiver's side: what waits in its queues, and what has left them without the sender having been told.
+class OneWayDebt {
+public:
+    // False when the sender has exceeded the bound.
+    bool Arrive(uint64_t bytes)
+    {
+        MutexLock lock(mutex_);
+        ++queuedFrames_;
+        queuedBytes_ += bytes;
+        return queuedFrames_ + doneFrames_ <= kMaxQueuedOneWayFrames &&
+               queuedBytes_ + doneBytes_ <= kMaxQueuedOneWayBytes;
+    }
+    // A frame has left the queue. True when it is time to tell the sender of `frames` and `bytes`: acknowledgements are
+    // gathered while there is plenty of room, and never held back when the queue is empty or nearly full.
+    bool Leave(uint64_t bytes, uint64_t& frames, uint64_t& allBytes)
+    {
+        MutexLock lock(mutex_);
+        --queuedFrames_;
+        queuedBytes_ -= bytes;
+        ++doneFrames_;
+        doneBytes_ += bytes;
+        if (queuedFrames_ > 0 && doneFrames_ < kGatheredOneWayAcks && doneBytes_ < kMaxQueuedOneWayBytes / 16 &&
+            queuedFrames_ + doneFrames_ + kGatheredOneWayAcks < kMaxQueuedOneWayFrames &&
+            queuedBytes_ + doneBytes_ < kMaxQueuedOneWayBytes / 2) {
+            return false;
+        }
+        frames = doneFrames_;
+        allBytes = doneBytes_;
+        doneFrames_ = 0;
+        doneBytes_ = 0;
+        return true;
+    }
+
+private:
+    Mutex mutex_{LockRank::OneWayDebt};
+    uint64_t queuedFrames_ VEXA_GUARDED_BY(mutex_) = 0;
+    uint64_t queuedBytes_ VEXA_GUARDED_BY(mutex_) = 0;
+    uint64_t doneFrames_ VEXA_GUARDED_BY(mutex_) = 0;
+    uint64_t doneBytes_ VEXA_GUARDED_BY(mutex_) = 0;
+};
+
+}  // namespace VEXA::ipc

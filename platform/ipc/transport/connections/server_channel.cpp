@@ -1,0 +1,256 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "server_channel.h"
+
+#include <utility>
+
+#include "ipc_log.h"
+#include "parcel_access.h"
+#include "process_life.h"
+#include "transport/limits.h"
+
+namespace VEXA::ipc {
+
+bool ServerChannel::Enter()
+{
+    uint32_t state = state_.load(std::memory_order_relaxed);
+    for (;;) {
+        if (state == FREE || state == BUSY_AGAIN) {
+            return false;
+        }
+        const uint32_t next = state == IDLE ? BUSY : BUSY_AGAIN;
+        if (state_.compare_exchange_weak(state, next, std::memory_order_acq_rel, std::memory_order_relaxed)) {
+            return next == BUSY;
+        }
+    }
+}
+
+void ServerChannel::Leave()
+{
+    for (;;) {
+        // Not only after serving: whoever looked for a stall may have been told of the first request meanwhile.
+        if (IsOpen() && !watched_) {
+            WatchAgain();
+        }
+        if (!IsOpen()) {
+            home_->Recycle(this);
+            return;
+        }
+        uint32_t state = BUSY;
+        if (state_.compare_exchange_strong(state, IDLE, std::memory_order_acq_rel)) {
+            return;
+        }
+        state_.store(BUSY, std::memory_order_relaxed);
+        ServeArrived();
+    }
+}
+
+void ServerChannel::Serve()
+{
+    if (Enter()) {
+        ServeArrived();
+        ServeFollowing();
+        Leave();
+    }
+}
+
+void ServerChannel::ServeFollowing()
+{
+    WorkerPool& workers = home_->workers_;
+    while (IsBetweenRequests() && workers.OthersWait()) {
+        if (std::exchange(watched_, false)) {
+            workers.Unwatch(Fd());
+        }
+        // Whatever another worker was told of, this one is about to see.
+        state_.store(BUSY, std::memory_order_relaxed);
+        if (!WaitReadable(Fd(), kFollowLimit) || ProcessLife::Exiting()) {
+            break;
+        }
+        ServeArrived();
+    }
+}
+
+// What has arrived meanwhile is an edge for the workers.
+void ServerChannel::WatchAgain()
+{
+    watched_ = home_->workers_.Watch(Fd(), !output_.empty(), *this);
+    if (!watched_) {
+        IPC_LOGE("no room to watch a connection");
+        Close(false);
+    }
+}
+
+void ServerChannel::ServeArrived()
+{
+    // While a reply waits for the peer to read, its next request waits too.
+    if (!output_.empty() && !FlushOutput()) {
+        return;
+    }
+    bool goOn = true;
+    do {
+        MessageParcel scratch;
+        MessageParcel* frame = nullptr;
+        switch (reader_.Read(Fd(), scratch, frame)) {
+            case FrameReader::Result::FRAME:
+                SetStalled(false);
+                goOn = AnswerFrame(*frame);
+                reader_.Done();
+                break;
+            case FrameReader::Result::PARTIAL:
+                SetStalled(reader_.InFrame());
+                return;
+            case FrameReader::Result::END:
+                Close(false);
+                return;
+            case FrameReader::Result::MALFORMED:
+                Close(true);
+                return;
+        }
+        // A request that came whole has emptied the socket: its sender waits for the reply, and whatever comes next
+        // wakes a worker. An acknowledgement may have something right behind it.
+    } while (goOn && (readOn_ || reader_.HasAhead() || state_.load(std::memory_order_relaxed) == BUSY_AGAIN));
+}
+
+// True when the reply has gone whole, so that the next request may be read.
+bool ServerChannel::AnswerFrame(MessageParcel& frame)
+{
+    const FrameHeader header = HeaderOf(frame);
+    // The peer reads a reply before it sends anything else.
+    handler_->OnLastReplyRead();
+    readOn_ = header.kind == FrameKind::REPLY_ACK && BodyBytes(header) == 0;
+    if (readOn_) {
+        return true;
+    }
+    MessageParcel reply;
+    const bool isRequest = header.kind == FrameKind::REQUEST;
+    if (!isRequest || !handler_->Answer(frame, header, reply)) {
+        Close(!isRequest);
+        return false;
+    }
+    return SendReply(reply);
+}
+
+bool ServerChannel::SendReply(MessageParcel& reply)
+{
+    const uint8_t* const bytes = ParcelAccess::Storage(reply);
+    const size_t size = kHeaderBytes + BodyBytes(HeaderOf(reply));
+    size_t sent = 0;
+    const Transfer outcome = SendNow(Fd(), bytes, size, sent);
+    if (outcome == Transfer::END || outcome == Transfer::FAILED) {
+        Close(false);
+        return false;
+    }
+    if (sent < size) {
+        output_.assign(bytes + sent, bytes + size);
+        outputSent_ = 0;
+        WatchAgain();
+        return IsOpen() && FlushOutput();
+    }
+    return true;
+}
+
+// True when all of the output has gone.
+bool ServerChannel::FlushOutput()
+{
+    size_t sent = 0;
+    Transfer outcome;
+    do {
+        outcome = SendNow(Fd(), output_.data() + outputSent_, output_.size() - outputSent_, sent);
+        outputSent_ += sent;
+    } while (outcome == Transfer::DONE && outputSent_ < output_.size());
+    if (outputSent_ == output_.size()) {
+        std::vector<uint8_t>().swap(output_);
+        SetStalled(false);
+        WatchAgain();
+        return IsOpen();
+    }
+    if (outcome == Transfer::WOULD_BLOCK) {
+        SetStalled(true);
+    } else {
+        Close(false);
+    }
+    return false;
+}
+
+void ServerChannel::SetStalled(bool stalled)
+{
+    if (!stalled) {
+        stalled_.reset();
+    } else if (!stalled_) {
+        stalledSince_ = std::chrono::steady_clock::now();
+        stalled_ = home_->reactor_.NeedTicks();
+    }
+}
+
+void ServerChannel::CloseIfStalled(Deadline now)
+{
+    uint32_t state = IDLE;
+    if (!state_.compare_exchange_strong(state, BUSY, std::memory_order_acq_rel)) {
+        return;
+    }
+    if (stalled_ && now - stalledSince_ > kStallLimit) {
+        IPC_LOGW("connection of process %{public}d has stalled and is closed", connection_.who.pid);
+        Close(false);
+    }
+    Leave();
+}
+
+void ServerChannel::Close(bool malformed)
+{
+    if (malformed) {
+        IPC_LOGE("malformed frame from process %{public}d, connection closed", connection_.who.pid);
+    }
+    SetStalled(false);
+    readOn_ = false;
+    handler_.reset();
+    reader_.Reset();
+    std::vector<uint8_t>().swap(output_);
+    if (std::exchange(watched_, false)) {
+        home_->workers_.Unwatch(Fd());
+    }
+    connection_ = Connection();
+}
+
+void ServerChannels::Adopt(Connection connection, std::unique_ptr<RequestHandler> handler, const FrameReader& reader)
+{
+    ServerChannel* const channel = Take();
+    channel->connection_ = std::move(connection);
+    channel->handler_ = std::move(handler);
+    channel->reader_.TakeAheadOf(reader);
+    channel->state_.store(ServerChannel::IDLE, std::memory_order_release);
+    workers_.Post([channel] { channel->Serve(); });
+}
+
+ServerChannel* ServerChannels::Take()
+{
+    MutexLock lock(mutex_);
+    if (free_.empty()) {
+        channels_.emplace_back().home_ = this;
+        return &channels_.back();
+    }
+    ServerChannel* const channel = free_.back();
+    free_.pop_back();
+    return channel;
+}
+
+void ServerChannels::Recycle(ServerChannel* channel)
+{
+    MutexLock lock(mutex_);
+    channel->state_.store(ServerChannel::FREE, std::memory_order_release);
+    free_.push_back(channel);
+}
+
+void ServerChannels::CloseStalled(Deadline now)
+{
+    std::vector<ServerChannel*> all;
+    {
+        MutexLock lock(mutex_);
+        for (ServerChannel& channel : channels_) {
+            all.push_back(&channel);
+        }
+    }
+    for (ServerChannel* channel : all) {
+        channel->CloseIfStalled(now);
+    }
+}
+
+}  // namespace VEXA::ipc

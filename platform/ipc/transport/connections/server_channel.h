@@ -1,0 +1,97 @@
+// SPDX-License-Identifier: Apache-2.0
+// The serving end of a channel: requests of one other process, one at a time, as bytes in and replies out.
+#pragma once
+
+#include <atomic>
+#include <deque>
+#include <memory>
+#include <vector>
+
+#include "connection_counts.h"
+#include "frame_reader.h"
+#include "reactor.h"
+#include "vexa/base/mutex.h"
+#include "worker_pool.h"
+
+namespace VEXA::ipc {
+
+class ServerChannels;
+
+// Answers the requests of a channel, and lives as long as the connection. One thread at a time.
+class RequestHandler {
+public:
+    virtual ~RequestHandler() = default;
+    // The peer has sent a frame, so it has read the last reply.
+    virtual void OnLastReplyRead() = 0;
+    // Carries out the request and leaves the reply in `reply`, with its header; false when the peer is to be served no
+    // more.
+    virtual bool Answer(MessageParcel& request, const FrameHeader& header, MessageParcel& reply) = 0;
+};
+
+// Watched edge-triggered by all workers at once, so two may be told of it at the same time: the first to take the
+// channel serves it, and goes round again for each of the others. The worker that has served it waits for its next
+// request by itself for a while: the threads of a caller and of its worker, woken by each other only, end up on one
+// processor, which is many times cheaper than waking an idle one. A channel is never freed but used again for a later
+// connection, so that a worker that comes late finds at worst nothing to do.
+class ServerChannel : public Served {
+public:
+    // Reads and answers all requests that have arrived, and those that follow them closely.
+    void Serve() override;
+    // Closes a channel on which a frame has been coming in, or a reply going out, for too long.
+    void CloseIfStalled(Deadline now);
+
+private:
+    friend class ServerChannels;
+    enum State : uint32_t { FREE, IDLE, BUSY, BUSY_AGAIN };
+
+    bool Enter();
+    void Leave();
+    void ServeArrived();
+    void ServeFollowing();
+    int Fd() const { return connection_.fd.Get(); }
+    bool IsOpen() const { return static_cast<bool>(connection_.fd); }
+    bool IsBetweenRequests() const { return IsOpen() && !stalled_ && output_.empty(); }
+    void WatchAgain();
+    bool AnswerFrame(MessageParcel& frame);
+    bool SendReply(MessageParcel& reply);
+    bool FlushOutput();
+    void SetStalled(bool stalled);
+    void Close(bool malformed);
+
+    std::atomic<uint32_t> state_{FREE};
+    // The rest belongs to the thread that has made the state BUSY.
+    Connection connection_;
+    std::unique_ptr<RequestHandler> handler_;
+    FrameReader reader_;
+    std::vector<uint8_t> output_;
+    size_t outputSent_ = 0;
+    bool watched_ = false;    // by all workers
+    bool readOn_ = false;     // there may be more to read without a further edge
+    Reactor::Ticks stalled_;  // inside a frame, or with a reply that is not read
+    Deadline stalledSince_{};
+    ServerChannels* home_ = nullptr;
+};
+
+// All server channels of the process.
+class ServerChannels {
+public:
+    ServerChannels(WorkerPool& workers, Reactor& reactor) : workers_(workers), reactor_(reactor) {}
+
+    // Serves an accepted channel from now on; what the reader holds already is served at once.
+    void Adopt(Connection connection, std::unique_ptr<RequestHandler> handler, const FrameReader& reader);
+    void CloseStalled(Deadline now);
+
+private:
+    friend class ServerChannel;
+    ServerChannel* Take();
+    void Recycle(ServerChannel* channel);
+
+    WorkerPool& workers_;
+    Reactor& reactor_;
+
+    Mutex mutex_{LockRank::ServerChannels};
+    std::deque<ServerChannel> channels_ VEXA_GUARDED_BY(mutex_);  // a deque: elements never move
+    std::vector<ServerChannel*> free_ VEXA_GUARDED_BY(mutex_);
+};
+
+}  // namespace VEXA::ipc

@@ -1,0 +1,57 @@
+// SPDX-License-Identifier: Apache-2.0
+// What fork and exit mean for the transport: a child of fork owns none of its parent's connections, and a process that
+// is leaving carries out no more requests.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <vector>
+
+#include "vexa/base/mutex.h"
+
+namespace VEXA::ipc {
+
+// One state for the whole process.
+class ProcessLife {
+public:
+    // Installs the fork handler. Idempotent.
+    static void Watch();
+
+    // True in a child of fork that has inherited a running transport. Such a process must not take any lock of the
+    // transport: another thread of the parent may have held it.
+    static bool Forked() { return forked_.load(std::memory_order_relaxed); }
+    static bool Exiting() { return exiting_.load(std::memory_order_relaxed); }
+    static void SetExiting() { exiting_.store(true, std::memory_order_relaxed); }
+
+    // The descriptors that a forked child closes, so that the kernel's word on a socket is about this process only.
+    // They are made and closed here, so that no fork falls between a call and its entry.
+    template <typename Open>
+    static int OpenFd(const Open& open)
+    {
+        ProcessLife& life = Get();
+        MutexLock lock(life.mutex_);
+        const int fd = open();
+        if (fd >= 0) {
+            life.Enter(fd);
+        }
+        return fd;
+    }
+    static void CloseFd(int fd);
+
+private:
+    ProcessLife() = default;
+    static ProcessLife& Get();
+    void Enter(int fd) VEXA_REQUIRES(mutex_);
+    void CloseAllInChild() VEXA_REQUIRES(mutex_);
+    static void BeforeFork();
+    static void InParent();
+    static void InChild();
+
+    static inline std::atomic<bool> forked_{false};
+    static inline std::atomic<bool> exiting_{false};
+    Mutex mutex_{LockRank::ProcessLife};
+    bool watching_ VEXA_GUARDED_BY(mutex_) = false;
+    std::vector<bool> isOpen_ VEXA_GUARDED_BY(mutex_);  // by descriptor
+};
+
+}  // namespace VEXA::ipc

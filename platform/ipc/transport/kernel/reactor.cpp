@@ -1,0 +1,211 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "reactor.h"
+
+#include <pthread.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "transport/limits.h"
+
+namespace VEXA::ipc {
+
+Reactor::Ticks Reactor::NeedTicks()
+{
+    if (ticksNeeded_.fetch_add(1) == 0 && !IsOwnThread()) {
+        Wake();
+    }
+    return Ticks(this);
+}
+
+bool Reactor::Open()
+{
+    epoll_ = UniqueFd::Make([] { return epoll_create1(EPOLL_CLOEXEC); });
+    wake_ = UniqueFd::Make([] { return eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK); });
+    epoll_event event{EPOLLIN, {.fd = wake_.Get()}};
+    return epoll_ && wake_ && epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, wake_.Get(), &event) == 0;
+}
+
+bool Reactor::Start()
+{
+    return startThread_("vexa-reactor", [this] {
+        while (Turn()) {
+        }
+    });
+}
+
+bool Reactor::Add(const sptr<EventHandler>& handler, uint32_t events)
+{
+    const int fd = handler->Fd();
+    MutexLock lock(mutex_);
+    epoll_event event{events, {.fd = fd}};
+    if (epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, fd, &event) != 0) {
+        return false;
+    }
+    handlers_[fd] = handler;
+    return true;
+}
+
+void Reactor::Change(int fd, uint32_t events)
+{
+    epoll_event event{events, {.fd = fd}};
+    epoll_ctl(epoll_.Get(), EPOLL_CTL_MOD, fd, &event);
+}
+
+void Reactor::Remove(int fd)
+{
+    sptr<EventHandler> removed;  // its last reference, if it is that, goes after the lock
+    MutexLock lock(mutex_);
+    epoll_ctl(epoll_.Get(), EPOLL_CTL_DEL, fd, nullptr);
+    const auto found = handlers_.find(fd);
+    if (found != handlers_.end()) {
+        removed = std::move(found->second);
+        handlers_.erase(found);
+    }
+}
+
+void Reactor::Wake()
+{
+    const uint64_t one = 1;
+    // A full counter means that the reactor has been woken already.
+    [[maybe_unused]] const ssize_t written = write(wake_.Get(), &one, sizeof(one));
+}
+
+bool Reactor::Settle(std::chrono::milliseconds limit)
+{
+    if (IsOwnThread()) {
+        if (!settling_) {
+            DrainAll();
+        }
+        return true;
+    }
+    MutexLock lock(mutex_);
+    const uint64_t mine = ++settleAsked_;
+    Wake();
+    return settled_.WaitFor(mutex_, limit, [&]() VEXA_NO_THREAD_SAFETY_ANALYSIS { return settleDone_ >= mine; });
+}
+
+std::vector<sptr<EventHandler>> Reactor::Handlers()
+{
+    std::vector<sptr<EventHandler>> handlers;
+    MutexLock lock(mutex_);
+    handlers.reserve(handlers_.size());
+    for (const auto& [fd, handler] : handlers_) {
+        handlers.push_back(handler);
+    }
+    return handlers;
+}
+
+void Reactor::DrainAll()
+{
+    settling_ = true;
+    for (const sptr<EventHandler>& handler : Handlers()) {
+        handler->AcceptAll();
+    }
+    const std::vector<sptr<EventHandler>> handlers = Handlers();
+    for (const sptr<EventHandler>& handler : handlers) {
+        handler->TakeStock();
+    }
+    // Links are read in rounds, because a frame on one link can be the grant that a frame on another link waits for.
+    // The rounds end: each reads only bytes that had arrived when it began.
+    bool hasMoved = true;
+    while (hasMoved) {
+        hasMoved = false;
+        for (const sptr<EventHandler>& handler : handlers) {
+            hasMoved = handler->Drain() || hasMoved;
+        }
+    }
+    settling_ = false;
+}
+
+void Reactor::ResumeAll()
+{
+    if (std::exchange(resumeLater_, false)) {
+        for (const sptr<EventHandler>& handler : Handlers()) {
+            handler->Resume();
+        }
+    }
+}
+
+bool Reactor::Turn(bool mayWait, int most)
+{
+    thread_.store(pthread_self(), std::memory_order_relaxed);
+    epoll_event events[kBatch];
+    const int tick = ticksNeeded_.load() > 0 ? static_cast<int>(kTickPeriod.count()) : -1;
+    const int count = epoll_wait(epoll_.Get(), events, std::min(most, kBatch), resumeLater_ || !mayWait ? 0 : tick);
+    if (count < 0 && errno != EINTR) {
+        return false;
+    }
+    for (int i = 0; i < count; ++i) {
+        Dispatch(events[i].data.fd, events[i].events);
+    }
+    SettleWaiters();
+    ResumeAll();
+    Tick();
+    return true;
+}
+
+void Reactor::CutAll()
+{
+    for (const sptr<EventHandler>& handler : Handlers()) {
+        shutdown(handler->Fd(), SHUT_RDWR);
+    }
+}
+
+void Reactor::Dispatch(int fd, uint32_t events)
+{
+    if (fd == wake_.Get()) {
+        uint64_t ignored;
+        [[maybe_unused]] const ssize_t cleared = read(fd, &ignored, sizeof(ignored));
+        return;
+    }
+    sptr<EventHandler> handler;
+    {
+        MutexLock lock(mutex_);
+        const auto found = handlers_.find(fd);
+        if (found != handlers_.end()) {
+            handler = found->second;
+        }
+    }
+    if (handler != nullptr) {
+        handler->OnEvents(events);
+    }
+}
+
+void Reactor::SettleWaiters()
+{
+    uint64_t asked;
+    {
+        MutexLock lock(mutex_);
+        asked = settleAsked_;
+        if (asked == settleDone_) {
+            return;
+        }
+    }
+    DrainAll();
+    MutexLock lock(mutex_);
+    settleDone_ = asked;
+    settled_.NotifyAll();
+}
+
+void Reactor::Tick()
+{
+    const Deadline now = std::chrono::steady_clock::now();
+    if (ticksNeeded_.load() == 0 || now < nextTick_) {
+        return;
+    }
+    nextTick_ = now + kTickPeriod;
+    for (const sptr<EventHandler>& handler : Handlers()) {
+        handler->OnTick(now);
+    }
+    if (tickAction_) {
+        tickAction_(now);
+    }
+}
+
+}  // namespace VEXA::ipc

@@ -1,0 +1,151 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "worker_pool.h"
+
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "ipc_log.h"
+#include "process_life.h"
+
+namespace VEXA {
+namespace {
+
+thread_local ipc::WorkerPool* currentPool = nullptr;
+
+}  // namespace
+
+// A wait within a wait counts no second time.
+WorkerWait::WorkerWait() : pool_(std::exchange(currentPool, nullptr))
+{
+    if (pool_ != nullptr) {
+        pool_->blocked_.fetch_add(1);
+        pool_->KeepOneWaiting();
+    }
+}
+
+WorkerWait::~WorkerWait()
+{
+    if (pool_ != nullptr) {
+        pool_->blocked_.fetch_sub(1);
+        currentPool = pool_;
+    }
+}
+
+namespace ipc {
+
+bool WorkerPool::Open()
+{
+    epoll_ = UniqueFd::Make([] { return epoll_create1(EPOLL_CLOEXEC); });
+    taskEvent_ = UniqueFd::Make([] { return eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK); });
+    epoll_event event{EPOLLIN | EPOLLET, {.ptr = nullptr}};
+    return epoll_ && taskEvent_ && epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, taskEvent_.Get(), &event) == 0;
+}
+
+void WorkerPool::Post(std::function<void()> task)
+{
+    {
+        MutexLock lock(mutex_);
+        tasks_.push_back(std::move(task));
+    }
+    WakeForTask();
+    KeepOneWaiting();
+}
+
+// Each write is an edge; the counter is never read. Edges that no worker has waited for yet are one.
+void WorkerPool::WakeForTask()
+{
+    const uint64_t one = 1;
+    [[maybe_unused]] const ssize_t written = write(taskEvent_.Get(), &one, sizeof(one));
+}
+
+bool WorkerPool::Watch(int fd, bool hasOutput, Served& served)
+{
+    epoll_event event{EPOLLIN | EPOLLRDHUP | EPOLLET | (hasOutput ? EPOLLOUT : 0U), {.ptr = &served}};
+    return epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, fd, &event) == 0 ||
+           (errno == EEXIST && epoll_ctl(epoll_.Get(), EPOLL_CTL_MOD, fd, &event) == 0);
+}
+
+void WorkerPool::Unwatch(int fd)
+{
+    epoll_ctl(epoll_.Get(), EPOLL_CTL_DEL, fd, nullptr);
+}
+
+void WorkerPool::KeepOneWaiting()
+{
+    size_t threads = threads_.load();
+    do {
+        // Blocked workers may all go on at once, so at least one thread beyond them is what counts.
+        if (waiting_.load() > 0 || threads >= limit_.load(std::memory_order_relaxed) + blocked_.load() ||
+            threads >= kMostThreads) {
+            return;
+        }
+    } while (!threads_.compare_exchange_weak(threads, threads + 1));
+    // Counted as waiting from its creation on, so that no second one is started for the same want.
+    waiting_.fetch_add(1);
+    if (!startThread_("vexa-worker", [this] { Run(); })) {
+        waiting_.fetch_sub(1);
+        threads_.fetch_sub(1);
+        IPC_LOGE("no thread for incoming requests");
+    }
+}
+
+void WorkerPool::Run()
+{
+    currentPool = this;
+    for (;;) {
+        epoll_event event{};
+        const int count = epoll_wait(epoll_.Get(), &event, 1, -1);
+        if (ProcessLife::Exiting() || (count < 0 && errno != EINTR)) {
+            break;
+        }
+        if (count != 1) {
+            continue;
+        }
+        if (waiting_.fetch_sub(1) == 1) {
+            KeepOneWaiting();
+        }
+        if (event.data.ptr == nullptr) {
+            RunTasks();
+        } else {
+            static_cast<Served*>(event.data.ptr)->Serve();
+        }
+        // Threads that stood in for blocked ones end when those go on.
+        size_t threads = threads_.load();
+        while (threads > limit_.load(std::memory_order_relaxed) + blocked_.load()) {
+            if (threads_.compare_exchange_weak(threads, threads - 1)) {
+                KeepOneWaiting();
+                return;
+            }
+        }
+        waiting_.fetch_add(1);
+    }
+}
+
+void WorkerPool::RunTasks()
+{
+    for (;;) {
+        std::function<void()> task;
+        bool more;
+        {
+            MutexLock lock(mutex_);
+            if (tasks_.empty()) {
+                return;
+            }
+            task = std::move(tasks_.front());
+            tasks_.pop_front();
+            more = !tasks_.empty();
+        }
+        // The task may take long, so another worker sees to the rest.
+        if (more) {
+            WakeForTask();
+        }
+        task();
+    }
+}
+
+}  // namespace ipc
+}  // namespace VEXA

@@ -1,0 +1,84 @@
+// SPDX-License-Identifier: Apache-2.0
+// Every limit and every time of the transport, with its unit and its reason. docs/wire-format.md shows them as a table.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+
+namespace VEXA::ipc {
+
+// One-way requests under way from one process to another: sent, and not known to have left the receiver's queue.
+inline constexpr uint32_t kMaxQueuedOneWayFrames = 1024;
+// Bytes of data in those requests: one of the largest possible size fits.
+inline constexpr uint64_t kMaxQueuedOneWayBytes = 16 * 1024 * 1024;
+// Requests that have left the receiver's queue before it tells the sender, unless the queue is empty or nearly full.
+inline constexpr uint64_t kGatheredOneWayAcks = 64;
+// References given back by one RELEASE; a proxy that has more sends several.
+inline constexpr uint64_t kMostReleased = 4294967295;
+// Grants that their giver can still take back. It does so within a request's time, or never.
+inline constexpr size_t kMostGrants = 1024;
+// Things that a peer may get wrong at once; it earns one more each second. Each costs this process more than the peer.
+inline constexpr int kMostRefusals = 64;
+// Objects in one one-way request whose processes can't be reached. More of them count as one thing got wrong.
+inline constexpr size_t kMostUnreachable = 4;
+// Endpoints remembered as dead. What is still on its way from a dead process arrives within moments.
+inline constexpr size_t kMostDead = 4096;
+
+// Connections of one user to this process, links and channels together.
+inline constexpr size_t kMaxConnectionsPerUser = 1024;
+// Percent of this process's descriptors that connections may take.
+inline constexpr size_t kConnectionShare = 75;
+// Percent of this process's descriptors that the connections of one user may take: the other users keep some.
+inline constexpr size_t kUserShare = 50;
+// An accepted connection that has not greeted by then is closed.
+inline constexpr std::chrono::milliseconds kGreetLimit = std::chrono::seconds(5);
+// Bytes that a peer may leave unread on a link before it is given up. One-way requests are bounded by themselves, so
+// this is room for them and for as much book-keeping.
+inline constexpr size_t kMostUnread = 32 * 1024 * 1024;
+// Frames read from one link before the others have their turn.
+inline constexpr size_t kFairShare = 64;
+// Bytes asked of the kernel for a new frame. Most frames are smaller, and come whole.
+inline constexpr size_t kFirstRead = 512;
+// Bytes made room for at first where a frame is larger. The room grows with what has really arrived.
+inline constexpr size_t kGrowthStep = 4096;
+
+// A frame on a channel that takes longer from its first byte to its last, or a reply that is not read for so long,
+// costs the connection.
+inline constexpr std::chrono::milliseconds kStallLimit = std::chrono::seconds(8);
+// A worker waits so long for the next request of the channel that it has served. A caller that pauses for longer has
+// let its processor sleep by then.
+inline constexpr std::chrono::milliseconds kFollowLimit = std::chrono::milliseconds(20);
+// Channels to one process that are kept open while nobody uses them.
+inline constexpr size_t kMostIdle = 16;
+// The wait for a reply may end so much later than the deadline: the socket's own time-out is set anew only beyond that.
+inline constexpr std::chrono::milliseconds kReceiveSlack = std::chrono::milliseconds(50);
+// The wait for room in another process's backlog, and for the greeting of a new channel to be taken.
+inline constexpr std::chrono::milliseconds kConnectWait = std::chrono::milliseconds(1000);
+// A request whose channel has ended waits so long for the link to end too, which it does where the process has died:
+// the kernel closes its sockets one after the other.
+inline constexpr std::chrono::milliseconds kDeathLag = std::chrono::milliseconds(500);
+// The wait for a grant to be with the kernel, before the object that it is for may travel on.
+inline constexpr std::chrono::milliseconds kFlushWait = std::chrono::milliseconds(1000);
+// The wait for all links to be read, before a frame is refused for want of a grant.
+inline constexpr std::chrono::milliseconds kSettleWait = std::chrono::milliseconds(1000);
+// The wait for the publisher of the context object to greet.
+inline constexpr std::chrono::milliseconds kGreetingWait = std::chrono::milliseconds(1000);
+// The wait for a greeting's outcome once its answer is being read. No wait stands between the two, so this runs out
+// only on a machine that does not work.
+inline constexpr std::chrono::milliseconds kClaimLimit = std::chrono::seconds(10);
+
+// Threads that carry out requests, unless the process sets another number.
+inline constexpr size_t kDefaultThreads = 16;
+// Those threads and the ones that stand in for threads that wait, together.
+inline constexpr size_t kMostThreads = 256;
+// The reactor looks at time limits so often while anything may run out.
+inline constexpr std::chrono::milliseconds kTickPeriod = std::chrono::milliseconds(1000);
+// A death recipient that takes longer holds up no other process's: half of the 100 ms in which a death is to be told.
+inline constexpr std::chrono::milliseconds kPatience = std::chrono::milliseconds(50);
+// Threads that run death recipients; with all of them held up the rest waits.
+inline constexpr size_t kMostDeathThreads = 8;
+// A thread for death recipients that is not the last one ends after so long without work.
+inline constexpr std::chrono::milliseconds kDeathThreadIdle = std::chrono::minutes(1);
+
+}  // namespace VEXA::ipc

@@ -1,0 +1,140 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "object_transfer.h"
+
+#include <cstring>
+
+#include "ipc_log.h"
+#include "parcel_access.h"
+#include "transport/limits.h"
+
+namespace VEXA::ipc {
+namespace {
+
+ObjectEntry EntryOf(Parcel& frame, const FrameHeader& header, size_t index)
+{
+    ObjectEntry entry;
+    std::memcpy(&entry, ParcelAccess::Data(frame) + header.bytes + index * sizeof(entry), sizeof(entry));
+    return entry;
+}
+
+}  // namespace
+
+bool ObjectTransfer::PackOne(const sptr<IRemoteObject>& object, Peer& receiver, Item& item)
+{
+    item.object = object;
+    item.receiver = receiver.Id();
+    if (!object->IsProxyObject()) {
+        item.entry = {peers_.Self(), peers_.AddHolder(object, receiver.Id())};
+        return true;
+    }
+    const PeerObject* const proxy = dynamic_cast<const PeerObject*>(object.GetRefPtr());
+    if (proxy == nullptr) {
+        IPC_LOGE("an object that is neither of this process nor of the transport can't be sent");
+        return false;
+    }
+    item.entry = {proxy->Owner()->Id(), proxy->Id()};
+    item.owner = proxy->Owner();
+    if (item.entry.owner == receiver.Id() || item.owner->Dead()) {
+        return true;
+    }
+    // The owner hears of its new holder from this process, which holds the object, and before the holder can speak: the
+    // grant is with the kernel before the frame leaves. An owner that can't be told any more is ending, and the
+    // receiver finds it dead.
+    const FrameHeader grant = MakeHeader(FrameKind::GRANT, proxy->Id(), receiver.Id());
+    return !item.owner->SendOnLink(&grant, sizeof(grant)) ||
+           item.owner->WaitLinkFlushed(std::chrono::steady_clock::now() + kFlushWait);
+}
+
+bool ObjectTransfer::Pack(MessageParcel& parcel, Peer& receiver, FrameHeader& header)
+{
+    const std::vector<sptr<IRemoteObject>>& objects = ParcelAccess::Objects(parcel);
+    uint8_t* const table = ParcelAccess::AppendRaw(parcel, objects.size() * sizeof(ObjectEntry));
+    if (table == nullptr) {
+        return false;
+    }
+    items_.reserve(objects.size());
+    for (const sptr<IRemoteObject>& object : objects) {
+        Item item;
+        const bool packed = PackOne(object, receiver, item);
+        std::memcpy(table + items_.size() * sizeof(ObjectEntry), &item.entry, sizeof(ObjectEntry));
+        items_.push_back(std::move(item));
+        if (!packed) {
+            Undo();
+            return false;
+        }
+    }
+    header.objects = static_cast<uint16_t>(objects.size());
+    return true;
+}
+
+void ObjectTransfer::Undo()
+{
+    for (const Item& item : items_) {
+        if (item.owner == nullptr) {
+            peers_.AdjustHolder(item.entry.id, item.receiver, -1);
+        } else if (item.entry.owner != item.receiver) {
+            const FrameHeader back = MakeHeader(FrameKind::UNGRANT, item.entry.id, item.receiver);
+            item.owner->SendOnLink(&back, sizeof(back));
+        }
+    }
+    items_.clear();
+}
+
+bool HoldsAll(PeerDirectory& peers, Parcel& frame, const FrameHeader& header, const Peer& sender)
+{
+    if (header.kind != FrameKind::REPLY && peers.Objects().Find(header.target, sender.Id()) == nullptr) {
+        return false;
+    }
+    for (size_t i = 0; i < header.objects; ++i) {
+        const ObjectEntry entry = EntryOf(frame, header, i);
+        if (entry.owner == peers.Self() && peers.Objects().Find(entry.id, sender.Id()) == nullptr) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool AwaitGrants(PeerDirectory& peers, Parcel& frame, const FrameHeader& header, const Peer& sender)
+{
+    if (HoldsAll(peers, frame, header, sender)) {
+        return true;
+    }
+    peers.Loop().Settle(kSettleWait);
+    return HoldsAll(peers, frame, header, sender);
+}
+
+Unpacked UnpackObjects(PeerDirectory& peers, MessageParcel& parcel, const FrameHeader& header, const sptr<Peer>& sender)
+{
+    std::vector<sptr<IRemoteObject>>& objects = ParcelAccess::Objects(parcel);
+    objects.reserve(header.objects);
+    Unpacked result;
+    for (size_t i = 0; i < header.objects; ++i) {
+        const ObjectEntry entry = EntryOf(parcel, header, i);
+        sptr<IRemoteObject> object;
+        if (entry.owner == peers.Self()) {
+            object = peers.Objects().Find(entry.id, sender->Id());
+        } else if (entry.owner == sender->Id()) {
+            object = sender->Object(entry.id);
+        } else if (entry.owner != 0) {
+            const sptr<Peer> owner = peers.PeerAt(entry.owner);
+            result.unreachable += owner->Dead() && !peers.HasDied(entry.owner) ? 1 : 0;
+            object = owner->Object(entry.id);
+        }
+        result.isSound = result.isSound && object != nullptr;
+        objects.push_back(std::move(object));
+    }
+    return result;
+}
+
+bool GrantTo(PeerDirectory& peers, ObjectId id, const Peer& giver, EndpointId holder)
+{
+    // Connecting to the new holder is what tells of its death, should it never come to use the object.
+    if (holder == 0 || holder == peers.Self() || peers.Objects().Find(id, giver.Id()) == nullptr ||
+        peers.PeerAt(holder)->Dead()) {
+        return false;
+    }
+    peers.AdjustHolder(id, holder, 1);
+    return true;
+}
+
+}  // namespace VEXA::ipc

@@ -1,0 +1,54 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "one_way_queues.h"
+
+#include "call_context.h"
+#include "process_life.h"
+
+namespace VEXA::ipc {
+
+void OneWayQueues::Add(Request request)
+{
+    const IRemoteObject* const object = request.object.GetRefPtr();
+    {
+        MutexLock lock(mutex_);
+        const auto [queue, isNew] = queues_.try_emplace(object);
+        queue->second.push_back(std::move(request));
+        if (!isNew) {
+            return;
+        }
+    }
+    workers_.Post([this, object] { RunQueue(object); });
+}
+
+void OneWayQueues::RunQueue(const IRemoteObject* object)
+{
+    while (!ProcessLife::Exiting()) {
+        Request request;
+        {
+            MutexLock lock(mutex_);
+            const auto queue = queues_.find(object);
+            if (queue->second.empty()) {
+                queues_.erase(queue);
+                return;
+            }
+            request = std::move(queue->second.front());
+            queue->second.pop_front();
+        }
+        Acknowledge(*request.sender, request.data->GetDataSize());
+        MessageParcel reply;
+        MessageOption option(MessageOption::TF_ASYNC);
+        CarryOut(*request.object, request.code, *request.data, reply, option, request.sender->Who());
+    }
+}
+
+void OneWayQueues::Acknowledge(Peer& sender, uint64_t bytes)
+{
+    uint64_t frames = 0;
+    uint64_t allBytes = 0;
+    if (sender.Debt().Leave(bytes, frames, allBytes) && !sender.Dead()) {
+        const FrameHeader ack = MakeHeader(FrameKind::ONE_WAY_ACK, frames, allBytes);
+        sender.SendOnLink(&ack, sizeof(ack));
+    }
+}
+
+}  // namespace VEXA::ipc

@@ -1,0 +1,42 @@
+// SPDX-License-Identifier: Apache-2.0
+// One-way requests that have arrived, queued for each object so that they run in order and one at a time.
+#pragma once
+
+#include <deque>
+#include <memory>
+#include <unordered_map>
+
+#include "peer.h"
+#include "vexa/base/mutex.h"
+#include "vexa/ipc/message_parcel.h"
+#include "worker_pool.h"
+
+namespace VEXA::ipc {
+
+class OneWayQueues {
+public:
+    explicit OneWayQueues(WorkerPool& workers) : workers_(workers) {}
+
+    struct Request {
+        sptr<IRemoteObject> object;
+        sptr<Peer> sender;
+        uint32_t code;
+        std::unique_ptr<MessageParcel> data;
+    };
+
+    // Queues a request whose sender's debt counts it already.
+    void Add(Request request);
+
+private:
+    using Queue = std::deque<Request>;
+
+    void RunQueue(const IRemoteObject* object);
+    static void Acknowledge(Peer& sender, uint64_t bytes);
+
+    WorkerPool& workers_;
+    Mutex mutex_{LockRank::OneWayQueues};
+    // An object has a queue here while one of its requests runs or waits.
+    std::unordered_map<const IRemoteObject*, Queue> queues_ VEXA_GUARDED_BY(mutex_);
+};
+
+}  // namespace VEXA::ipc

@@ -1,0 +1,188 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "remote_proxy.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "frame_reader.h"
+#include "object_transfer.h"
+#include "parcel_access.h"
+#include "process_life.h"
+#include "runtime_paths.h"
+#include "transport/limits.h"
+#include "vexa/ipc/message_option.h"
+#include "vexa/ipc/worker_wait.h"
+
+namespace VEXA::ipc {
+namespace {
+
+// Lays the request's header and object table around the data. The size of the frame, 0 when it can't be sent.
+size_t Frame(
+    FrameKind kind, uint32_t code, ObjectId target, MessageParcel& data, Peer& receiver, ObjectTransfer& transfer)
+{
+    FrameHeader header = MakeHeader(kind, target);
+    header.code = code;
+    header.bytes = static_cast<uint32_t>(data.GetDataSize());
+    if (!ParcelAccess::Objects(data).empty() && !transfer.Pack(data, receiver, header)) {
+        return 0;
+    }
+    SetHeader(data, header);
+    return kHeaderBytes + BodyBytes(header);
+}
+
+}  // namespace
+
+RemoteProxy::~RemoteProxy()
+{
+    if (!ProcessLife::Forked()) {
+        GiveBack();
+    }
+}
+
+int32_t RemoteProxy::SendRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option)
+{
+    if (ProcessLife::Forked()) {
+        return IPC_FORKED;
+    }
+    if (Process().Dead()) {
+        return IPC_DEAD_OBJECT;
+    }
+    if (data.GetDataSize() > IPC_MAX_PARCEL_BYTES || ParcelAccess::Objects(data).size() > IPC_MAX_PARCEL_OBJECTS) {
+        return IPC_TOO_LARGE;
+    }
+    return option.IsOneWay() ? SendOneWay(code, data) : SendSync(code, data, reply, option.GetWaitTime());
+}
+
+ClientChannel RemoteProxy::OpenChannel(Deadline deadline, int32_t& error)
+{
+    ChannelKey key;
+    if (!Process().WaitForKey(deadline, key)) {
+        error = Process().Dead() ? IPC_DEAD_OBJECT : IPC_TIMED_OUT;
+        return ClientChannel();
+    }
+    ClientChannel channel;
+    UniqueFd fd = ConnectTo(EndpointPath(Process().Id()));
+    if (!fd) {
+        if ((errno == ENOENT || errno == ECONNREFUSED) && peers_.Endpoint().MissingMeansExit()) {
+            // A process that leaves takes its endpoint along first. It carries out nothing any more, however long its
+            // exit takes, so this is its death.
+            Process().ShutdownLinks();
+        }
+    } else if (Process().Who().IsSameAs(CredentialsOf(fd))) {
+        channel = Process().Channels().Open(std::move(fd), peers_.Self(), key);
+    }
+    if (!channel) {
+        error = Process().WaitUntilDead(kDeathLag) ? IPC_DEAD_OBJECT : IPC_CONNECTION_LOST;
+    }
+    return channel;
+}
+
+int32_t RemoteProxy::SendSync(uint32_t code, MessageParcel& data, MessageParcel& reply, int32_t waitTime)
+{
+    const Deadline deadline = std::chrono::steady_clock::now() + std::chrono::seconds(waitTime);
+    ObjectTransfer transfer(peers_);
+    const size_t size = Frame(FrameKind::REQUEST, code, Id(), data, Process(), transfer);
+    if (size == 0) {
+        return IPC_FAILED;
+    }
+    const WorkerWait wait;
+    int32_t error = IPC_OK;
+    ClientChannel channel = Process().Channels().TakeIdle();
+    if (!channel) {
+        channel = OpenChannel(deadline, error);
+    }
+    if (!channel) {
+        return error;
+    }
+    ClientChannel::Reached reached{};
+    error = channel.Exchange(data, size, reply, deadline, reached);
+    if (error != IPC_OK) {
+        Process().Channels().Lose(channel);
+        if (error == IPC_CONNECTION_LOST && Process().WaitUntilDead(kDeathLag)) {
+            error = IPC_DEAD_OBJECT;
+        }
+        if (reached == ClientChannel::Reached::SENT) {
+            transfer.Commit();
+        }
+        ParcelAccess::Clear(reply);
+        return error;
+    }
+    transfer.Commit();
+    const FrameHeader header = HeaderOf(reply);
+    if (header.objects > 0) {
+        AwaitGrants(peers_, reply, header, Process());
+        const Unpacked unpacked = UnpackObjects(peers_, reply, header, Owner());
+        channel.AcknowledgeObjects();
+        error = unpacked.isSound ? IPC_OK : IPC_FAILED;
+    }
+    Process().Channels().Return(std::move(channel));
+    return error != IPC_OK ? error : static_cast<int32_t>(header.code);
+}
+
+int32_t RemoteProxy::SendOneWay(uint32_t code, MessageParcel& data)
+{
+    ObjectTransfer transfer(peers_);
+    const size_t size = Frame(FrameKind::ONE_WAY, code, Id(), data, Process(), transfer);
+    if (size == 0) {
+        return IPC_FAILED;
+    }
+    MutexLock order(Process().Credit().SendOrder());
+    if (!Process().Credit().Take(data.GetDataSize())) {
+        order.Unlock();
+        return IPC_QUEUE_FULL;
+    }
+    const bool queued = Process().SendOnLink(ParcelAccess::Storage(data), size);
+    order.Unlock();
+    if (!queued) {
+        return IPC_DEAD_OBJECT;
+    }
+    transfer.Commit();
+    return IPC_OK;
+}
+
+bool RemoteProxy::AddDeathRecipient(const sptr<DeathRecipient>& recipient)
+{
+    if (recipient == nullptr || ProcessLife::Forked()) {
+        return false;
+    }
+    {
+        MutexLock lock(mutex_);
+        recipients_.push_back(recipient);
+    }
+    // Whoever marks the peer dead collects the recipients afterwards; one that came too late for that is collected
+    // here.
+    if (Process().Dead()) {
+        NotifyDeath();
+    }
+    return true;
+}
+
+bool RemoteProxy::RemoveDeathRecipient(const sptr<DeathRecipient>& recipient)
+{
+    if (ProcessLife::Forked()) {
+        return false;
+    }
+    sptr<DeathRecipient> removed;  // so that its last reference, if it is that, goes after the lock
+    MutexLock lock(mutex_);
+    const auto found = std::find(recipients_.begin(), recipients_.end(), recipient);
+    if (found != recipients_.end()) {
+        removed = std::move(*found);
+        recipients_.erase(found);
+        return true;
+    }
+    return peers_.Deaths().Cancel(this, recipient);
+}
+
+void RemoteProxy::NotifyDeath()
+{
+    // Under the lock, so that RemoveDeathRecipient finds a recipient either here or with the notifier.
+    MutexLock lock(mutex_);
+    std::vector<sptr<DeathRecipient>> due;
+    due.swap(recipients_);
+    for (sptr<DeathRecipient>& recipient : due) {
+        peers_.Deaths().Post(Process().Id(), sptr<IRemoteObject>(this), std::move(recipient));
+    }
+}
+
+}  // namespace VEXA::ipc

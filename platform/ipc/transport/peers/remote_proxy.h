@@ -1,0 +1,40 @@
+// SPDX-License-Identifier: Apache-2.0
+// An object of another process.
+#pragma once
+
+#include <vector>
+
+#include "peer.h"
+#include "peer_directory.h"
+#include "vexa/base/mutex.h"
+#include "vexa/ipc/iremote_object.h"
+#include "wire.h"
+
+namespace VEXA::ipc {
+
+class RemoteProxy : public PeerObject {
+public:
+    RemoteProxy(PeerDirectory& peers, const sptr<Peer>& peer, ObjectId id) : PeerObject(peer, id), peers_(peers) {}
+    ~RemoteProxy() override;
+
+    int32_t SendRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option) override;
+    bool AddDeathRecipient(const sptr<DeathRecipient>& recipient) override;
+    bool RemoveDeathRecipient(const sptr<DeathRecipient>& recipient) override;
+    bool IsProxyObject() const override { return true; }
+    bool IsObjectDead() const override { return Owner()->Dead(); }
+
+    void NotifyDeath() override;
+
+private:
+    int32_t SendSync(uint32_t code, MessageParcel& data, MessageParcel& reply, int32_t waitTime);
+    int32_t SendOneWay(uint32_t code, MessageParcel& data);
+    ClientChannel OpenChannel(Deadline deadline, int32_t& error);
+
+    Peer& Process() const { return *Owner(); }
+
+    PeerDirectory& peers_;
+    Mutex mutex_{LockRank::RemoteProxy};
+    std::vector<sptr<DeathRecipient>> recipients_ VEXA_GUARDED_BY(mutex_);
+};
+
+}  // namespace VEXA::ipc

@@ -1,0 +1,81 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "context_link.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "ipc_log.h"
+#include "runtime_paths.h"
+#include "transport/limits.h"
+#include "vexa/ipc/context_object.h"
+
+namespace VEXA::ipc {
+namespace {
+
+// Whoever publishes the context object is trusted with everything, so it has to be root, this user, or the owner of the
+// runtime directory.
+bool IsTrusted(uid_t user)
+{
+    struct stat directory {};
+    return user == 0 || user == geteuid() ||
+           (stat(RuntimeDirectory().c_str(), &directory) == 0 && directory.st_uid == user);
+}
+
+}  // namespace
+
+sptr<Peer> ContextLink::Reach()
+{
+    const Deadline deadline = std::chrono::steady_clock::now() + kGreetingWait;
+    const uint64_t failures = failures_.load();
+    MutexLock lock(mutex_);
+    if (peer_ != nullptr && !peer_->Dead()) {
+        return peer_;
+    }
+    // Whoever waited while another thread tried in vain shares its result.
+    if (failures_.load() != failures) {
+        return nullptr;
+    }
+    peer_ = Greet(deadline);
+    if (peer_ == nullptr) {
+        ++failures_;
+    }
+    return peer_;
+}
+
+sptr<Peer> ContextLink::Greet(Deadline deadline)
+{
+    // The endpoint comes before the link, so that it also goes before it when the process is killed.
+    if (access(ContextSocketPath().c_str(), F_OK) != 0 || !endpoint_.Provide()) {
+        return nullptr;
+    }
+    UniqueFd fd = ConnectTo(ContextSocketPath());
+    if (!fd) {
+        return nullptr;
+    }
+    const Credentials who = CredentialsOf(fd);
+    if (!IsTrusted(who.uid)) {
+        IPC_LOGE("the context object is published by user %{public}u, who is not trusted", who.uid);
+        return nullptr;
+    }
+    const auto greeting = std::make_shared<Greeting>();
+    std::future<sptr<Peer>> answer = greeting->peer.get_future();
+    const sptr<Link> link = open_({std::move(fd), who, nullptr}, greeting);
+    if (link == nullptr) {
+        return nullptr;
+    }
+    // An answer that comes later is not taken; one that has been taken is about to be here.
+    const bool isLate = answer.wait_until(deadline) != std::future_status::ready && !greeting->isTaken.exchange(true);
+    sptr<Peer> peer = !isLate && answer.wait_for(kClaimLimit) == std::future_status::ready ? answer.get() : nullptr;
+    if (peer == nullptr) {
+        link->Shutdown();
+        return nullptr;
+    }
+    publisher_ = peer->Id();
+    // It may have been buried before it was known for the publisher.
+    if (peer->Dead()) {
+        Lose(peer->Id());
+    }
+    return peer;
+}
+
+}  // namespace VEXA::ipc

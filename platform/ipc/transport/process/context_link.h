@@ -1,0 +1,40 @@
+// SPDX-License-Identifier: Apache-2.0
+// The way to the process that publishes the context object.
+#pragma once
+
+#include <atomic>
+#include <functional>
+
+#include "local_endpoint.h"
+#include "session.h"
+#include "vexa/base/mutex.h"
+
+namespace VEXA::ipc {
+
+// Any thread.
+class ContextLink {
+public:
+    // Makes a session that greets, and answers the greeting; null when the reactor can't watch it.
+    using Open = std::function<sptr<Link>(Connection connection, const std::shared_ptr<Greeting>& greeting)>;
+
+    ContextLink(LocalEndpoint& endpoint, Open open) : endpoint_(endpoint), open_(std::move(open)) {}
+
+    // The publisher, null when there is none. Waits for its greeting, at most for kGreetingWait.
+    sptr<Peer> Reach();
+    // True while the publisher that was reached last lives.
+    bool HasPublisher() const { return publisher_.load() != 0; }
+    // A process has died; true when it was the publisher that was reached last.
+    bool Lose(EndpointId dead) { return publisher_.compare_exchange_strong(dead, 0); }
+
+private:
+    sptr<Peer> Greet(Deadline deadline) VEXA_REQUIRES(mutex_);
+
+    LocalEndpoint& endpoint_;
+    const Open open_;
+    std::atomic<uint64_t> failures_{0};
+    std::atomic<EndpointId> publisher_{0};  // 0: none, or a dead one
+    Mutex mutex_{LockRank::Context};        // held while connecting, so that concurrent first uses share one link
+    sptr<Peer> peer_ VEXA_GUARDED_BY(mutex_);
+};
+
+}  // namespace VEXA::ipc

@@ -1,0 +1,77 @@
+// SPDX-License-Identifier: Apache-2.0
+// Hears that a context object has been published anew.
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstdint>
+#include <ctime>
+#include <functional>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "context_link.h"
+#include "reactor.h"
+#include "vexa/base/mutex.h"
+#include "vexa/base/refbase.h"
+#include "worker_pool.h"
+
+namespace VEXA::ipc {
+
+// The kernel tells of it at once. Where it can't, because the runtime directory has been removed or no watch can be
+// had, the reactor's ticks look every second until it can; and also while the context object is dead, for it may be
+// another directory that gets the next one: a link or a folder above may have changed. Any thread.
+class ContextWatch {
+public:
+    ContextWatch(Reactor& reactor, WorkerPool& workers, const ContextLink& context)
+        : reactor_(reactor), workers_(workers), context_(context)
+    {}
+
+    // Runs `action` from now on, on a worker, when another socket than before is the context's.
+    void Start(std::function<void()> action);
+    // For workers: looks now, and runs the action where there is cause.
+    void Look();
+    // The same at a tick, if it is needed.
+    void OnTick();
+
+private:
+    // What the kernel tells of the runtime directory.
+    class Events : public EventHandler {
+    public:
+        Events(UniqueFd fd, ContextWatch& watch) : EventHandler(std::move(fd)), watch_(watch) {}
+        void OnEvents(uint32_t events) override;
+        // There will be no more.
+        bool HaveEnded() const { return haveEnded_; }
+
+    private:
+        ContextWatch& watch_;
+        std::atomic<bool> haveEnded_{false};
+    };
+    // Which file something is. The time of its last change tells sockets apart that have had the same number.
+    struct FileId {
+        dev_t device;
+        ino_t number;
+        timespec changed;
+        bool IsSameFile(const FileId& other) const { return device == other.device && number == other.number; }
+        bool IsSame(const FileId& other) const;
+    };
+    static std::optional<FileId> IdOf(const std::string& path);
+    // Has the kernel watch the directory that has the runtime directory's name now.
+    void WatchDirectory() VEXA_REQUIRES(mutex_);
+    void SetLooking(bool isLooking) VEXA_REQUIRES(mutex_);
+
+    Reactor& reactor_;
+    WorkerPool& workers_;
+    const ContextLink& context_;
+    Mutex mutex_{LockRank::ContextWatch};
+    std::function<void()> action_ VEXA_GUARDED_BY(mutex_);
+    sptr<Events> events_ VEXA_GUARDED_BY(mutex_);  // of `directory_`; null when there are none
+    std::optional<FileId> directory_ VEXA_GUARDED_BY(mutex_);
+    std::optional<FileId> socket_ VEXA_GUARDED_BY(mutex_);  // the last that was seen
+    Reactor::Ticks looking_ VEXA_GUARDED_BY(mutex_);        // at every tick
+    bool hasWarned_ VEXA_GUARDED_BY(mutex_) = false;
+};
+
+}  // namespace VEXA::ipc

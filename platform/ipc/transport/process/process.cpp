@@ -1,0 +1,111 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "process.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "ipc_log.h"
+#include "process_life.h"
+#include "runtime_paths.h"
+#include "vexa/ipc/context_object.h"
+
+namespace VEXA::ipc {
+
+IpcProcess& IpcProcess::Get()
+{
+    static IpcProcess* const process = new IpcProcess;
+    return *process;
+}
+
+Transport* IpcProcess::Start()
+{
+    if (Transport* const running = Running()) {
+        return running;
+    }
+    MutexLock lock(mutex_);
+    return StartLocked();
+}
+
+Transport* IpcProcess::StartLocked()
+{
+    if (Transport* const running = Running()) {
+        return running;
+    }
+    ProcessLife::Watch();
+    auto transport = std::make_unique<Transport>(&StartThread);
+    if (!transport->Start()) {
+        if (!hasWarned_) {
+            IPC_LOGE("no endpoint in %{public}s: %{public}s", EndpointDirectory().c_str(), std::strerror(errno));
+        }
+        hasWarned_ = true;
+        return nullptr;
+    }
+    // Without room for the handler only the socket's file stays, which whoever publishes the context object removes.
+    (void)std::atexit(&AtExit);
+    running_ = transport.release();
+    Running()->Workers().SetLimit(maxWorkThreads_);
+    return Running();
+}
+
+// A process that leaves runs no more requests, whose code may need what is being destroyed, and takes its socket along.
+void IpcProcess::AtExit()
+{
+    if (!ProcessLife::Forked()) {
+        ProcessLife::SetExiting();
+        Get().Running()->Leave();
+    }
+}
+
+sptr<Peer> IpcProcess::ContextPeer()
+{
+    if (Running() == nullptr && (RuntimeDirectory().empty() || access(ContextSocketPath().c_str(), F_OK) != 0)) {
+        return nullptr;
+    }
+    Transport* const transport = Start();
+    return transport != nullptr ? transport->Context().Reach() : nullptr;
+}
+
+bool IpcProcess::PublishContext(const sptr<IRemoteObject>& object)
+{
+    if (object == nullptr || !CreateRuntimeDirectory()) {
+        return false;
+    }
+    MutexLock lock(mutex_);
+    const std::string path = RuntimeDirectory() + "/samgr.lock";
+    UniqueFd publisherLock = UniqueFd::Make([&] { return open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600); });
+    if (!publisherLock) {
+        IPC_LOGE("can't open %{public}s: %{public}s", path.c_str(), std::strerror(errno));
+        return false;
+    }
+    if (publisherLock_ || flock(publisherLock.Get(), LOCK_EX | LOCK_NB) != 0) {
+        IPC_LOGE("another process publishes the context object in %{public}s", RuntimeDirectory().c_str());
+        return false;
+    }
+    RemoveStaleEndpoints();
+    Transport* const transport = StartLocked();
+    if (transport == nullptr) {
+        return false;
+    }
+    if (!transport->Publish(object)) {
+        IPC_LOGE("can't listen at %{public}s: %{public}s", ContextSocketPath().c_str(), std::strerror(errno));
+        return false;
+    }
+    publisherLock_ = std::move(publisherLock);
+    return true;
+}
+
+void IpcProcess::SetMaxWorkThreads(size_t count)
+{
+    // Takes no lock: a child of fork may call it too. Whichever of this and the start comes later sees the other.
+    maxWorkThreads_ = count;
+    if (Transport* const running = Running()) {
+        running->Workers().SetLimit(count);
+    }
+}
+
+}  // namespace VEXA::ipc

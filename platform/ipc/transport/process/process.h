@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: Apache-2.0
+// This process as a member of a runtime directory.
+#pragma once
+
+#include <atomic>
+#include <memory>
+
+#include "transport.h"
+#include "vexa/base/mutex.h"
+
+namespace VEXA::ipc {
+
+// One in a process. Any thread.
+class IpcProcess {
+public:
+    static IpcProcess& Get();
+
+    // The transport, started by its first use; null, with a log line the first time, when that can't be done. A child
+    // of fork that starts it gets its own, unless its parent had one.
+    Transport* Start();
+    // The transport where it has been started, else null.
+    Transport* Running() const { return running_; }
+
+    // The publisher of the context object, null when there is none. Starts nothing for want of one.
+    sptr<Peer> ContextPeer();
+    bool PublishContext(const sptr<IRemoteObject>& object);
+    void SetMaxWorkThreads(size_t count);
+
+private:
+    IpcProcess() = default;
+    Transport* StartLocked() VEXA_REQUIRES(mutex_);
+    static void AtExit();
+
+    std::atomic<Transport*> running_{nullptr};
+    std::atomic<size_t> maxWorkThreads_{kDefaultThreads};
+    Mutex mutex_{LockRank::ProcessStart};  // held while starting and while publishing
+    bool hasWarned_ VEXA_GUARDED_BY(mutex_) = false;
+    UniqueFd publisherLock_ VEXA_GUARDED_BY(mutex_);
+};
+
+}  // namespace VEXA::ipc

@@ -1,0 +1,104 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "transport.h"
+
+#include <sys/epoll.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <memory>
+
+#include "peer_requests.h"
+#include "remote_proxy.h"
+#include "runtime_paths.h"
+
+namespace VEXA::ipc {
+namespace {
+
+size_t DescriptorLimit()
+{
+    rlimit limit{};
+    const bool isKnown = getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY;
+    return isKnown ? static_cast<size_t>(limit.rlim_cur) : SIZE_MAX;
+}
+
+}  // namespace
+
+Transport::Transport(const ThreadStarter& startThread)
+    : id_(RandomNumber()),
+      reactor_(startThread),
+      workers_(startThread),
+      deaths_(startThread),
+      connections_(&DescriptorLimit),
+      channels_(workers_, reactor_),
+      oneWays_(workers_),
+      endpoint_(id_, reactor_, connections_,
+          [this](Connection connection) {
+              const sptr<Link> link(new Session(sessions_, std::move(connection)));
+              reactor_.Add(link, EPOLLIN | EPOLLRDHUP);
+          }),
+      peers_(DirectoryParts()),
+      sessions_{peers_, oneWays_,
+          [this](Connection connection, const sptr<Peer>& peer, const FrameReader& reader) {
+              channels_.Adopt(std::move(connection), std::make_unique<PeerRequests>(peers_, peer), reader);
+          }},
+      contextLink_(endpoint_,
+          [this](Connection connection, const std::shared_ptr<Greeting>& greeting) -> sptr<Link> {
+              const sptr<Link> link(new Session(sessions_, std::move(connection), greeting));
+              return reactor_.Add(link, EPOLLIN | EPOLLRDHUP) ? link : nullptr;
+          }),
+      contextWatch_(reactor_, workers_, contextLink_)
+{
+    // Closing a channel can end objects, whose code is nothing for the reactor.
+    reactor_.SetTickAction([this](Deadline now) {
+        workers_.Post([this, now] {
+            channels_.CloseStalled(now);
+            contextWatch_.OnTick();
+        });
+    });
+}
+
+PeerDirectory::Parts Transport::DirectoryParts()
+{
+    return {id_, objects_, reactor_, workers_, connections_, deaths_, endpoint_,
+        [this](const sptr<Peer>& owner, ObjectId id) -> sptr<PeerObject> {
+            return sptr<RemoteProxy>::MakeSptr(peers_, owner, id);
+        },
+        [this](Connection connection, const sptr<Peer>& peer) -> sptr<Link> {
+            return new Session(sessions_, std::move(connection), peer);
+        },
+        [this](EndpointId dead) { OnDeath(dead); }};
+}
+
+bool Transport::Start()
+{
+    if (!workers_.Open() || !reactor_.Open() || !endpoint_.Provide()) {
+        return false;
+    }
+    if (!reactor_.Start()) {
+        endpoint_.Remove();
+        return false;
+    }
+    return true;
+}
+
+bool Transport::Publish(const sptr<IRemoteObject>& object)
+{
+    objects_.SetContextObject(object);
+    UniqueFd listener = ListenAt(ContextSocketPath());
+    isPublishing_ = listener && endpoint_.Listen(std::move(listener)) != nullptr;
+    return isPublishing_;
+}
+
+void Transport::OnDeath(EndpointId dead)
+{
+    if (contextLink_.Lose(dead)) {
+        workers_.Post([this] { contextWatch_.Look(); });
+    }
+    // Whoever publishes the context object clears away what a killed process has left.
+    if (isPublishing_ && !ConnectAtOnce(EndpointPath(dead)) && errno == ECONNREFUSED) {
+        unlink(EndpointPath(dead).c_str());
+    }
+}
+
+}  // namespace VEXA::ipc

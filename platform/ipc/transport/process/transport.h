@@ -1,0 +1,67 @@
+// SPDX-License-Identifier: Apache-2.0
+// The parts of a transport, put together.
+#pragma once
+
+#include <atomic>
+#include <utility>
+
+#include "connection_counts.h"
+#include "context_link.h"
+#include "context_watch.h"
+#include "death_notifier.h"
+#include "local_endpoint.h"
+#include "object_table.h"
+#include "one_way_queues.h"
+#include "peer_directory.h"
+#include "reactor.h"
+#include "server_channel.h"
+#include "session.h"
+#include "worker_pool.h"
+
+namespace VEXA::ipc {
+
+// Each part gets what it needs from the others here, and here only. Never destroyed once it has started, as its threads
+// may outlive main. Any thread.
+class Transport {
+public:
+    // Its threads are started by `startThread`.
+    explicit Transport(const ThreadStarter& startThread);
+
+    // Makes the endpoint and starts the reactor. False, with errno, when that can't be done.
+    bool Start();
+    // The exit handler's: takes the endpoint along.
+    void Leave() { endpoint_.Remove(); }
+    // Lets other processes call the object without having been handed it; false, with errno, when nothing can listen at
+    // the context's socket.
+    bool Publish(const sptr<IRemoteObject>& object);
+
+    EndpointId Id() const { return id_; }
+    ObjectTable& Objects() { return objects_; }
+    PeerDirectory& Peers() { return peers_; }
+    Reactor& Loop() { return reactor_; }
+    WorkerPool& Workers() { return workers_; }
+    DeathNotifier& Deaths() { return deaths_; }
+    ContextLink& Context() { return contextLink_; }
+    ContextWatch& Watch() { return contextWatch_; }
+
+private:
+    PeerDirectory::Parts DirectoryParts();
+    void OnDeath(EndpointId dead);
+
+    const EndpointId id_;
+    std::atomic<bool> isPublishing_{false};
+    ObjectTable objects_;
+    Reactor reactor_;
+    WorkerPool workers_;
+    DeathNotifier deaths_;
+    ConnectionCounts connections_;
+    ServerChannels channels_;
+    OneWayQueues oneWays_;
+    LocalEndpoint endpoint_;
+    PeerDirectory peers_;
+    const Session::Parts sessions_;
+    ContextLink contextLink_;
+    ContextWatch contextWatch_;
+};
+
+}  // namespace VEXA::ipc

@@ -1,0 +1,139 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "frame_reader.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "parcel_access.h"
+#include "socket.h"
+
+namespace VEXA::ipc {
+namespace {
+
+// A frame of more data than the parcel may hold now; false when there is no memory for it.
+bool MakeRoom(Parcel& parcel, size_t frameBytes)
+{
+    const size_t body = frameBytes > kHeaderBytes ? frameBytes - kHeaderBytes : 0;
+    return ParcelAccess::Capacity(parcel) >= body || ParcelAccess::ReserveTotal(parcel, body);
+}
+
+}  // namespace
+
+FrameHeader HeaderOf(Parcel& frame)
+{
+    FrameHeader header;
+    std::memcpy(&header, ParcelAccess::Storage(frame), sizeof(header));
+    return header;
+}
+
+void SetHeader(Parcel& frame, const FrameHeader& header)
+{
+    std::memcpy(ParcelAccess::Storage(frame), &header, sizeof(header));
+}
+
+FrameReader::Result FrameReader::Read(int fd, MessageParcel& scratch, MessageParcel*& frame)
+{
+    if (collected_ != nullptr) {
+        return Collect(fd, frame);
+    }
+    uint8_t* const storage = ParcelAccess::Storage(scratch);
+    size_t have = aheadBytes_;
+    if (have > 0) {
+        std::memcpy(storage, ahead_, have);
+        aheadBytes_ = 0;
+    } else {
+        const Transfer result = ReceiveNow(fd, storage, kFirstRead, have);
+        received_ += have;
+        if (result != Transfer::DONE) {
+            return result == Transfer::WOULD_BLOCK ? Result::PARTIAL
+                   : result == Transfer::END       ? Result::END
+                                                   : Result::MALFORMED;
+        }
+    }
+    if (have >= kHeaderBytes) {
+        const FrameHeader header = HeaderOf(scratch);
+        if (!IsSound(header)) {
+            return Result::MALFORMED;
+        }
+        const size_t total = kHeaderBytes + BodyBytes(header);
+        if (have >= total) {
+            aheadBytes_ = have - total;
+            std::memcpy(ahead_, storage + total, aheadBytes_);
+            ParcelAccess::SetSize(scratch, header.bytes);
+            frame = &scratch;
+            return Result::FRAME;
+        }
+    }
+    collected_ = std::make_unique<MessageParcel>();
+    have_ = have;
+    std::memcpy(ParcelAccess::Storage(*collected_), storage, have);
+    return Collect(fd, frame);
+}
+
+FrameReader::Result FrameReader::Collect(int fd, MessageParcel*& frame)
+{
+    for (;;) {
+        size_t total = kHeaderBytes;
+        if (have_ >= kHeaderBytes) {
+            const FrameHeader header = HeaderOf(*collected_);
+            if (!IsSound(header)) {
+                return Result::MALFORMED;
+            }
+            total += BodyBytes(header);
+            if (have_ == total) {
+                ParcelAccess::SetSize(*collected_, header.bytes);
+                frame = collected_.get();
+                return Result::FRAME;
+            }
+        }
+        // Room for what the header announces, but never for more than as much again as has come so far.
+        const size_t room = std::min(total, std::max(2 * have_, kGrowthStep));
+        if (!MakeRoom(*collected_, room)) {
+            return Result::MALFORMED;
+        }
+        size_t moved = 0;
+        const Transfer result = ReceiveNow(fd, ParcelAccess::Storage(*collected_) + have_, room - have_, moved);
+        have_ += moved;
+        received_ += moved;
+        if (result != Transfer::DONE) {
+            return result == Transfer::WOULD_BLOCK ? Result::PARTIAL
+                   : result == Transfer::END       ? Result::END
+                                                   : Result::MALFORMED;
+        }
+    }
+}
+
+bool FrameReader::HasHeader(FrameHeader& header) const
+{
+    if (collected_ == nullptr || have_ < kHeaderBytes) {
+        return false;
+    }
+    header = HeaderOf(*collected_);
+    return true;
+}
+
+void FrameReader::Done()
+{
+    collected_.reset();
+    have_ = 0;
+}
+
+std::unique_ptr<MessageParcel> FrameReader::TakeOwn()
+{
+    have_ = 0;
+    return std::move(collected_);
+}
+
+void FrameReader::TakeAheadOf(const FrameReader& other)
+{
+    aheadBytes_ = other.aheadBytes_;
+    std::memcpy(ahead_, other.ahead_, aheadBytes_);
+}
+
+void FrameReader::Reset()
+{
+    Done();
+    aheadBytes_ = 0;
+}
+
+}  // namespace VEXA::ipc

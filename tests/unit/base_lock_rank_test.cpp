@@ -1,0 +1,74 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <gtest/gtest.h>
+
+#include <chrono>
+
+#include "vexa/base/mutex.h"
+
+namespace VEXA {
+namespace {
+
+Mutex g_outer(LockRank::Engine);
+Mutex g_middle(LockRank::CallbackHub);
+Mutex g_inner(LockRank::Mailbox);
+CondVar g_changed;
+
+// Outside the analysis at compile time, which would refuse what dies here.
+void Take(Mutex& mutex) VEXA_NO_THREAD_SAFETY_ANALYSIS
+{
+    mutex.lock();
+}
+
+void Wait(Mutex& mutex) VEXA_REQUIRES(mutex)
+{
+    g_changed.WaitFor(mutex, std::chrono::milliseconds(1), [] { return false; });
+}
+
+class LockRankTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (!kChecksLockOrder) {
+            GTEST_SKIP() << "this build does not check the order of mutexes";
+        }
+        GTEST_FLAG_SET(death_test_style, "threadsafe");
+    }
+};
+
+TEST_F(LockRankTest, AThreadMayTakeMutexesFromTheOutermostInwards)
+{
+    MutexLock outer(g_outer);
+    MutexLock inner(g_inner);
+    inner.Unlock();
+    // What has been released counts no more; a wait holds its mutex again afterwards.
+    MutexLock middle(g_middle);
+    Wait(g_middle);
+    inner.Lock();
+    outer.Unlock();  // in whatever order
+    EXPECT_DEATH(Take(g_outer), "Engine is taken while Mailbox is held");
+}
+
+TEST_F(LockRankTest, TakingOneOutOfOrderEndsTheProcessAndNamesBoth)
+{
+    MutexLock middle(g_middle);
+    EXPECT_DEATH(Take(g_outer), "Engine is taken while CallbackHub is held");
+    EXPECT_DEATH(Take(g_middle), "CallbackHub is taken while CallbackHub is held");
+    MutexLock inner(g_inner);
+    // The wait would take the outer mutex again while the inner one is held.
+    EXPECT_DEATH(Wait(g_middle), "CallbackHub is taken while Mailbox is held");
+}
+
+TEST_F(LockRankTest, AMutexTakenWithoutWaitingMayComeInAnyOrderAndCounts)
+{
+    MutexLock inner(g_inner);
+    if (!g_outer.try_lock()) {
+        FAIL() << "nobody holds it";
+    }
+    inner.Unlock();
+    EXPECT_DEATH(Take(g_outer), "Engine is taken while Engine is held");
+    g_outer.unlock();
+    MutexLock again(g_outer);
+}
+
+}  // namespace
+}  // namespace VEXA
