@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "call_context.h"
 
-#include <exception>
-
-#include "ipc_log.h"
+#include "foreign_code.h"
 #include "parcel_access.h"
 
 namespace VEXA::ipc {
@@ -33,12 +31,9 @@ int32_t CarryOut(IRemoteObject& object, uint32_t code, MessageParcel& data, Mess
     const Credentials& caller)
 {
     const CallerScope scope(caller);
-    try {
-        return object.SendRequest(code, data, reply, option);
-    } catch (const std::exception& error) {
-        IPC_LOGE("request %{public}u ended by an exception: %{public}s", code, error.what());
-    } catch (...) {
-        IPC_LOGE("request %{public}u ended by an exception", code);
+    int32_t result = IPC_OK;
+    if (RunForeign("a request's handler", [&] { result = object.SendRequest(code, data, reply, option); })) {
+        return result;
     }
     ParcelAccess::Clear(reply);
     return IPC_HANDLER_THREW;

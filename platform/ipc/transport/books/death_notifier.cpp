@@ -2,8 +2,8 @@
 #include "death_notifier.h"
 
 #include <algorithm>
-#include <exception>
 
+#include "foreign_code.h"
 #include "ipc_log.h"
 #include "process_life.h"
 #include "transport/limits.h"
@@ -106,24 +106,13 @@ void DeathNotifier::TellNext()
         KeepOneIdle();
     }
     mutex_.unlock();
-    Tell(notice);
+    RunForeign("a death recipient", [&] { notice.recipient->OnRemoteDied(notice.object); });
     // A recipient that goes with its last holder may call back here.
     notice = Notice();
     mutex_.lock();
     running_.erase(std::find_if(
         running_.begin(), running_.end(), [&](const Running& running) { return running.recipient == recipient; }));
     changed_.NotifyAll();
-}
-
-void DeathNotifier::Tell(const Notice& notice)
-{
-    try {
-        notice.recipient->OnRemoteDied(notice.object);
-    } catch (const std::exception& error) {
-        IPC_LOGE("a death recipient threw: %{public}s", error.what());
-    } catch (...) {
-        IPC_LOGE("a death recipient threw");
-    }
 }
 
 }  // namespace VEXA::ipc

@@ -52,7 +52,6 @@ private:
     void Run();
     // Runs the recipient of the next notice, with the lock let go.
     void TellNext() VEXA_REQUIRES(mutex_);
-    static void Tell(const Notice& notice);
     // Sees to it that a thread is left for the notices when all others run recipients.
     void KeepOneIdle() VEXA_REQUIRES(mutex_);
     // The first notice that none of those that run stands in the way of.

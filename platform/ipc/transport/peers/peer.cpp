@@ -125,24 +125,32 @@ void Peer::Forget(const PeerObject* object, ObjectId id, uint64_t references)
     }
 }
 
-bool Peer::Bury(Remains& remains)
+std::vector<sptr<PeerObject>> Peer::Bury()
 {
+    std::vector<sptr<Link>> links;
     {
         MutexLock lock(mutex_);
-        if (dead_.exchange(true, std::memory_order_acq_rel)) {
-            return false;
-        }
-        remains.links.swap(links_);
+        dead_.store(true, std::memory_order_release);
+        links.swap(links_);
         changed_.NotifyAll();
     }
     channels_.Close();
-    MutexLock lock(objectsMutex_);
-    for (const auto& [id, object] : objects_) {
-        if (object->GetRefCounter()->TryIncStrong()) {
-            remains.objects.push_back(sptr<PeerObject>::Adopt(object));
+    for (const sptr<Link>& link : links) {
+        link->Shutdown();
+    }
+    std::vector<sptr<PeerObject>> objects;
+    {
+        MutexLock lock(objectsMutex_);
+        for (const auto& [id, object] : objects_) {
+            if (object->GetRefCounter()->TryIncStrong()) {
+                objects.push_back(sptr<PeerObject>::Adopt(object));
+            }
         }
     }
-    return true;
+    for (const sptr<PeerObject>& object : objects) {
+        object->NotifyDeath();
+    }
+    return objects;
 }
 
 }  // namespace VEXA::ipc

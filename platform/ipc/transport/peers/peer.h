@@ -85,12 +85,9 @@ public:
     // False when it does so again and again, and is taken for hostile.
     bool TakeRefusal(Deadline now) { return refusals_.Take(now); }
 
-    // The process has died. Returns, the first time, what lived off it.
-    struct Remains {
-        std::vector<sptr<Link>> links;
-        std::vector<sptr<PeerObject>> objects;
-    };
-    bool Bury(Remains& remains);
+    // The process has died: ends what stands between it and this one, and tells the objects. The caller drops those
+    // that are returned, which may be the last references to them.
+    std::vector<sptr<PeerObject>> Bury();
 
 private:
     friend class PeerObject;

@@ -5,7 +5,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <memory>
 #include <utility>
 
 #include "ipc_log.h"
@@ -50,8 +49,7 @@ sptr<Peer> PeerDirectory::PeerAt(EndpointId id)
             return peer;
         }
     }
-    Peer::Remains none;
-    peer->Bury(none);
+    peer->Bury();
     return peer;
 }
 
@@ -109,7 +107,7 @@ ObjectId PeerDirectory::AddHolder(const sptr<IRemoteObject>& object, EndpointId 
 void PeerDirectory::AdjustHolder(ObjectId id, EndpointId holder, int64_t difference)
 {
     if (sptr<IRemoteObject> dropped = parts_.objects.Adjust(id, holder, difference)) {
-        parts_.workers.Post([dropped = std::move(dropped)] {});
+        DropOnWorker(std::vector{std::move(dropped)});
     }
     DropIfDead(holder);
 }
@@ -119,10 +117,7 @@ void PeerDirectory::DropIfDead(EndpointId holder)
     if (KnownPeer(holder) != nullptr) {
         return;
     }
-    std::vector<sptr<IRemoteObject>> left = parts_.objects.DropHolder(holder);
-    if (!left.empty()) {
-        parts_.workers.Post([left = std::move(left)] {});
-    }
+    DropOnWorker(parts_.objects.DropHolder(holder));
 }
 
 bool PeerDirectory::Remove(const sptr<Peer>& peer)
@@ -149,25 +144,11 @@ void PeerDirectory::Bury(const sptr<Peer>& peer)
     // What the process still said on another link counts.
     peer->DrainLinks();
     // The endpoint is known as dead before anyone is told, so that whoever looks again finds it dead.
-    Peer::Remains remains;
-    if (!Remove(peer) || !peer->Bury(remains)) {
+    if (!Remove(peer)) {
         return;
     }
-    for (const sptr<Link>& link : remains.links) {
-        link->Shutdown();
-    }
-    for (const sptr<PeerObject>& object : remains.objects) {
-        object->NotifyDeath();
-    }
-    // Objects that only the dead process held end here; their code must not hold up the reactor.
-    auto dropped = std::make_shared<std::vector<sptr<IRemoteObject>>>(parts_.objects.DropHolder(peer->Id()));
-    auto objects = std::make_shared<std::vector<sptr<PeerObject>>>(std::move(remains.objects));
-    if (!dropped->empty() || !objects->empty()) {
-        parts_.workers.Post([dropped, objects] {
-            dropped->clear();
-            objects->clear();
-        });
-    }
+    DropOnWorker(peer->Bury());
+    DropOnWorker(parts_.objects.DropHolder(peer->Id()));
     parts_.onDeath(peer->Id());
 }
 

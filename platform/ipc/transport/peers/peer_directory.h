@@ -66,6 +66,14 @@ public:
     void Bury(const sptr<Peer>& peer);
 
 private:
+    // Drops what may be the last references to objects, whose code must not hold up the reactor.
+    template <typename Object>
+    void DropOnWorker(std::vector<sptr<Object>> objects)
+    {
+        if (!objects.empty()) {
+            parts_.workers.Post([objects = std::move(objects)] {});
+        }
+    }
     // A holder that has died meanwhile was cleared from the table perhaps before it was counted there.
     void DropIfDead(EndpointId holder);
     // True when the process that claims the endpoint listens there.

@@ -3,16 +3,14 @@
 
 #include <sys/epoll.h>
 #include <sys/inotify.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
-#include <exception>
 #include <utility>
 
+#include "foreign_code.h"
 #include "ipc_log.h"
-#include "runtime_paths.h"
 #include "vexa/ipc/context_object.h"
 
 namespace VEXA::ipc {
@@ -41,27 +39,13 @@ void ContextWatch::Events::OnEvents(uint32_t)
     }
 }
 
-bool ContextWatch::FileId::IsSame(const FileId& other) const
-{
-    return IsSameFile(other) && changed.tv_sec == other.changed.tv_sec && changed.tv_nsec == other.changed.tv_nsec;
-}
-
-std::optional<ContextWatch::FileId> ContextWatch::IdOf(const std::string& path)
-{
-    struct stat status {};
-    if (stat(path.c_str(), &status) != 0) {
-        return std::nullopt;
-    }
-    return FileId{status.st_dev, status.st_ino, status.st_ctim};
-}
-
 void ContextWatch::Start(std::function<void()> action)
 {
     MutexLock lock(mutex_);
     action_ = std::move(action);
     WatchDirectory();
     socket_ = IdOf(ContextSocketPath());
-    SetLooking(events_ == nullptr || !socket_ || !context_.HasPublisher());
+    SetLooking();
 }
 
 void ContextWatch::Look()
@@ -73,22 +57,15 @@ void ContextWatch::Look()
             return;
         }
         WatchDirectory();
-        const std::optional<FileId> found = IdOf(ContextSocketPath());
-        if (found && (!socket_ || !found->IsSame(*socket_))) {
+        const FileId found = IdOf(ContextSocketPath());
+        if (found.Exists() && !(found == socket_)) {
             socket_ = found;
             action = action_;
         }
-        SetLooking(events_ == nullptr || !found || !context_.HasPublisher());
+        SetLooking();
     }
-    if (!action) {
-        return;
-    }
-    try {
-        action();
-    } catch (const std::exception& error) {
-        IPC_LOGE("the action for a new context object threw: %{public}s", error.what());
-    } catch (...) {
-        IPC_LOGE("the action for a new context object threw");
+    if (action) {
+        RunForeign("the action for a new context object", action);
     }
 }
 
@@ -105,15 +82,15 @@ void ContextWatch::OnTick()
 
 void ContextWatch::WatchDirectory()
 {
-    const std::optional<FileId> now = IdOf(RuntimeDirectory());
-    if (events_ != nullptr && !events_->HaveEnded() && now && now->IsSameFile(*directory_)) {
-        return;
-    }
+    const FileId now = IdOf(RuntimeDirectory());
     if (events_ != nullptr) {
+        if (!events_->HaveEnded() && now.IsSameFile(directory_)) {
+            return;
+        }
         reactor_.Remove(events_->Fd());
         events_ = nullptr;
     }
-    if (!now) {
+    if (!now.Exists()) {
         return;
     }
     UniqueFd fd = UniqueFd::Make([] { return inotify_init1(IN_CLOEXEC | IN_NONBLOCK); });
@@ -132,9 +109,9 @@ void ContextWatch::WatchDirectory()
     }
 }
 
-void ContextWatch::SetLooking(bool isLooking)
+void ContextWatch::SetLooking()
 {
-    if (!isLooking) {
+    if (events_ != nullptr && IdOf(ContextSocketPath()).Exists() && context_.HasPublisher()) {
         looking_.reset();
     } else if (!looking_) {
         looking_ = reactor_.NeedTicks();

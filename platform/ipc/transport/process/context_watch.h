@@ -2,18 +2,13 @@
 // Hears that a context object has been published anew.
 #pragma once
 
-#include <sys/types.h>
-
 #include <atomic>
-#include <cstdint>
-#include <ctime>
 #include <functional>
-#include <optional>
-#include <string>
 #include <utility>
 
 #include "context_link.h"
 #include "reactor.h"
+#include "runtime_paths.h"
 #include "vexa/base/mutex.h"
 #include "vexa/base/refbase.h"
 #include "worker_pool.h"
@@ -49,18 +44,10 @@ private:
         ContextWatch& watch_;
         std::atomic<bool> haveEnded_{false};
     };
-    // Which file something is. The time of its last change tells sockets apart that have had the same number.
-    struct FileId {
-        dev_t device;
-        ino_t number;
-        timespec changed;
-        bool IsSameFile(const FileId& other) const { return device == other.device && number == other.number; }
-        bool IsSame(const FileId& other) const;
-    };
-    static std::optional<FileId> IdOf(const std::string& path);
     // Has the kernel watch the directory that has the runtime directory's name now.
     void WatchDirectory() VEXA_REQUIRES(mutex_);
-    void SetLooking(bool isLooking) VEXA_REQUIRES(mutex_);
+    // Looks at every tick from now on if there is cause to.
+    void SetLooking() VEXA_REQUIRES(mutex_);
 
     Reactor& reactor_;
     WorkerPool& workers_;
@@ -68,9 +55,9 @@ private:
     Mutex mutex_{LockRank::ContextWatch};
     std::function<void()> action_ VEXA_GUARDED_BY(mutex_);
     sptr<Events> events_ VEXA_GUARDED_BY(mutex_);  // of `directory_`; null when there are none
-    std::optional<FileId> directory_ VEXA_GUARDED_BY(mutex_);
-    std::optional<FileId> socket_ VEXA_GUARDED_BY(mutex_);  // the last that was seen
-    Reactor::Ticks looking_ VEXA_GUARDED_BY(mutex_);        // at every tick
+    FileId directory_ VEXA_GUARDED_BY(mutex_);
+    FileId socket_ VEXA_GUARDED_BY(mutex_);           // the last that was seen
+    Reactor::Ticks looking_ VEXA_GUARDED_BY(mutex_);  // at every tick
     bool hasWarned_ VEXA_GUARDED_BY(mutex_) = false;
 };
 

@@ -3,9 +3,7 @@
 
 #include <sys/epoll.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <memory>
 
 #include "peer_requests.h"
@@ -96,8 +94,8 @@ void Transport::OnDeath(EndpointId dead)
         workers_.Post([this] { contextWatch_.Look(); });
     }
     // Whoever publishes the context object clears away what a killed process has left.
-    if (isPublishing_ && !ConnectAtOnce(EndpointPath(dead)) && errno == ECONNREFUSED) {
-        unlink(EndpointPath(dead).c_str());
+    if (isPublishing_) {
+        RemoveIfStale(EndpointPath(dead));
     }
 }
 

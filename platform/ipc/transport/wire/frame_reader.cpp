@@ -17,6 +17,13 @@ bool MakeRoom(Parcel& parcel, size_t frameBytes)
     return ParcelAccess::Capacity(parcel) >= body || ParcelAccess::ReserveTotal(parcel, body);
 }
 
+FrameReader::Result ResultOf(Transfer failed)
+{
+    return failed == Transfer::WOULD_BLOCK ? FrameReader::Result::PARTIAL
+           : failed == Transfer::END       ? FrameReader::Result::END
+                                           : FrameReader::Result::MALFORMED;
+}
+
 }  // namespace
 
 FrameHeader HeaderOf(Parcel& frame)
@@ -45,9 +52,7 @@ FrameReader::Result FrameReader::Read(int fd, MessageParcel& scratch, MessagePar
         const Transfer result = ReceiveNow(fd, storage, kFirstRead, have);
         received_ += have;
         if (result != Transfer::DONE) {
-            return result == Transfer::WOULD_BLOCK ? Result::PARTIAL
-                   : result == Transfer::END       ? Result::END
-                                                   : Result::MALFORMED;
+            return ResultOf(result);
         }
     }
     if (have >= kHeaderBytes) {
@@ -96,9 +101,7 @@ FrameReader::Result FrameReader::Collect(int fd, MessageParcel*& frame)
         have_ += moved;
         received_ += moved;
         if (result != Transfer::DONE) {
-            return result == Transfer::WOULD_BLOCK ? Result::PARTIAL
-                   : result == Transfer::END       ? Result::END
-                                                   : Result::MALFORMED;
+            return ResultOf(result);
         }
     }
 }

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "runtime_paths.h"
 
-#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,6 +8,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 
 #include "ipc_log.h"
 #include "socket.h"
@@ -52,23 +52,29 @@ bool CreateRuntimeDirectory()
     return true;
 }
 
+void RemoveIfStale(const std::string& path)
+{
+    if (!ConnectAtOnce(path) && errno == ECONNREFUSED) {
+        unlink(path.c_str());
+    }
+}
+
 void RemoveStaleEndpoints()
 {
-    DIR* const directory = opendir(EndpointDirectory().c_str());
-    if (directory == nullptr) {
-        return;
-    }
-    while (const dirent* entry = readdir(directory)) {
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(EndpointDirectory(), error)) {
         // Others are sockets that do not listen yet.
-        if (std::strspn(entry->d_name, "0123456789abcdef") != 16 || entry->d_name[16] != '\0') {
-            continue;
-        }
-        const std::string path = EndpointDirectory() + "/" + entry->d_name;
-        if (!ConnectAtOnce(path) && errno == ECONNREFUSED) {
-            unlink(path.c_str());
+        const std::string name = entry.path().filename();
+        if (name.size() == 16 && name.find_first_not_of("0123456789abcdef") == name.npos) {
+            RemoveIfStale(entry.path());
         }
     }
-    closedir(directory);
+}
+
+FileId IdOf(const std::string& path)
+{
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 ? FileId{status.st_dev, status.st_ino, status.st_ctim} : FileId();
 }
 
 }  // namespace VEXA::ipc

@@ -2,6 +2,9 @@
 // Where sockets stand in the runtime directory.
 #pragma once
 
+#include <sys/types.h>
+
+#include <ctime>
 #include <string>
 
 #include "wire.h"
@@ -14,7 +17,23 @@ std::string EndpointPath(EndpointId id);
 
 // Makes the runtime directory and its folder of endpoints; false, with a log line, when they can't be used.
 bool CreateRuntimeDirectory();
-// Removes the sockets of processes that have ended without doing so.
+// Removes the socket of a process that has ended without doing so; of all such processes.
+void RemoveIfStale(const std::string& path);
 void RemoveStaleEndpoints();
+
+// Tells which file something is. The time of its last change tells files apart that have had the same number.
+struct FileId {
+    dev_t device = 0;
+    ino_t number = 0;  // 0: there is none
+    timespec changed{};
+
+    bool Exists() const { return number != 0; }
+    bool IsSameFile(const FileId& other) const { return device == other.device && number == other.number; }
+    bool operator==(const FileId& other) const
+    {
+        return IsSameFile(other) && changed.tv_sec == other.changed.tv_sec && changed.tv_nsec == other.changed.tv_nsec;
+    }
+};
+FileId IdOf(const std::string& path);
 
 }  // namespace VEXA::ipc
