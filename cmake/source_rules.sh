@@ -2,6 +2,7 @@
 # SPDX-License-Identifier: Apache-2.0
 # Rules on the text of sources that include paths alone cannot keep. Run from the top of the tree.
 set -uo pipefail
+shopt -s lastpipe  # so that `failed` is set in this shell
 
 product=(include log json ipc kits sa_load platform service tools)
 failed=0
