@@ -29,7 +29,7 @@ constinit SinkSlot g_slot;
 // A sink that logs must not come back to itself.
 thread_local bool t_insideSink = false;
 
-[[maybe_unused]] const int g_forkHandler = pthread_atfork(nullptr, nullptr, [] { g_slot.ForgetWriters(); });
+[[maybe_unused]] const int g_forkHandler = pthread_atfork(nullptr, nullptr, [] { g_slot.ForgetOtherThreads(); });
 
 uint32_t ReadLevel()
 {

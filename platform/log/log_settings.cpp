@@ -8,6 +8,7 @@
 #include <charconv>
 #include <cstdlib>
 #include <string>
+#include <utility>
 
 #include "vexa/log/kolog.h"
 #include "vexa/log/ring_log_sink.h"
@@ -64,19 +65,11 @@ LogSink* MakeEnvironmentSink()
 
 uint32_t LevelFromText(std::string_view text)
 {
-    static constexpr struct {
-        std::string_view name;
-        uint32_t level;
-    } names[] = {
-        {"debug", KOLOG_DEBUG},
-        {"info", KOLOG_INFO},
-        {"warn", KOLOG_WARN},
-        {"error", KOLOG_ERROR},
-        {"fatal", KOLOG_FATAL},
-    };
-    for (const auto& known : names) {
-        if (known.name.size() == text.size() && strncasecmp(known.name.data(), text.data(), text.size()) == 0) {
-            return known.level;
+    static constexpr std::pair<std::string_view, uint32_t> names[] = {{"debug", KOLOG_DEBUG}, {"info", KOLOG_INFO},
+        {"warn", KOLOG_WARN}, {"error", KOLOG_ERROR}, {"fatal", KOLOG_FATAL}};
+    for (const auto& [name, level] : names) {
+        if (name.size() == text.size() && strncasecmp(name.data(), text.data(), text.size()) == 0) {
+            return level;
         }
     }
     uint32_t number = 0;

@@ -11,20 +11,7 @@ namespace {
 
 char LevelLetter(uint32_t level)
 {
-    switch (level) {
-        case KOLOG_DEBUG:
-            return 'D';
-        case KOLOG_INFO:
-            return 'I';
-        case KOLOG_WARN:
-            return 'W';
-        case KOLOG_ERROR:
-            return 'E';
-        case KOLOG_FATAL:
-            return 'F';
-        default:
-            return '?';
-    }
+    return level >= KOLOG_DEBUG && level <= KOLOG_FATAL ? "DIWEF"[level - KOLOG_DEBUG] : '?';
 }
 
 void AppendHeader(LineBuffer& out, const LogRecord& record)

@@ -24,12 +24,15 @@ private:
 
 LogSink* SinkSlot::Replace(LogSink* sink)
 {
-    MutexLock lock(replaceMutex_);
+    while (isReplacing_.exchange(true)) {
+        std::this_thread::yield();
+    }
     LogSink* previous = sink_.exchange(sink);
     if (previous != nullptr) {
         WaitForWriters();
         WaitForWriters();
     }
+    isReplacing_.store(false);
     return previous;
 }
 
@@ -42,15 +45,16 @@ void SinkSlot::WaitForWriters()
     }
 }
 
-bool SinkSlot::Write(const LogRecord& record)
+bool SinkSlot::WriteInTurn(unsigned turn, const LogRecord& record)
 {
-    const Counted counted(writers_[current_.load()]);
+    const Counted counted(writers_[turn]);
     LogSink* sink = sink_.load();
     return (sink != nullptr ? *sink : EnvironmentSink()).Write(record);
 }
 
-void SinkSlot::ForgetWriters()
+void SinkSlot::ForgetOtherThreads()
 {
+    isReplacing_.store(false);
     for (std::atomic<int>& writers : writers_) {
         writers.store(0);
     }

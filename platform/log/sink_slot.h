@@ -5,7 +5,6 @@
 #include <array>
 #include <atomic>
 
-#include "vexa/base/mutex.h"
 #include "vexa/log/log_sink.h"
 
 namespace VEXA {
@@ -18,16 +17,19 @@ public:
     constexpr SinkSlot() = default;
 
     // Replaces the sink, null meaning the environment's, and returns the previous one when its writes are over.
-    LogSink* Replace(LogSink* sink) VEXA_EXCLUDES(replaceMutex_);
+    LogSink* Replace(LogSink* sink);
     // Writes to the sink. False when it did not take the line.
-    bool Write(const LogRecord& record);
-    // In a child after fork: the writes of the parent's other threads never end here.
-    void ForgetWriters();
+    bool Write(const LogRecord& record) { return WriteInTurn(Turn(), record); }
+    // The two steps of Write, between which a thread may be delayed: which counter is current, and the write itself.
+    unsigned Turn() const { return current_.load(); }
+    bool WriteInTurn(unsigned turn, const LogRecord& record);
+    // For a child after fork, where the writes and replacements of the parent's other threads never end.
+    void ForgetOtherThreads();
 
 private:
     void WaitForWriters();
 
-    Mutex replaceMutex_{LockRank::LogSlot};
+    std::atomic<bool> isReplacing_{false};  // a lock that a child can open
     std::atomic<LogSink*> sink_{nullptr};
     std::atomic<unsigned> current_{0};
     std::array<std::atomic<int>, 2> writers_{};

@@ -5,6 +5,7 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,11 +14,14 @@
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <thread>
 #include <vector>
 
+#include "journal_fields.h"
 #include "log_settings.h"
+#include "sink_slot.h"
 #include "vexa/log/kolog.h"
 #include "vexa/log/log_sink.h"
 #include "vexa/log/ring_log_sink.h"
@@ -34,9 +38,9 @@ int Print(const char* text, uint32_t level = KOLOG_INFO)
     return KoLogPrint(KOLOG_TYPE_CORE, level, 0xD002E11, "TAG", "%{public}s", text);
 }
 
-LogRecord Record(std::string_view message)
+LogRecord Record(std::string_view message, uint32_t level = KOLOG_ERROR)
 {
-    return {3, KOLOG_ERROR, 0xD002E11, "TAG", 411, 415, {1795557187, 123456789}, "%{public}s", message};
+    return {3, level, 0xD002E11, "TAG", 411, 415, {1795557187, 123456789}, "%{public}s", message};
 }
 
 // Runs `action` in a forked child, which gets 10 seconds, and returns its exit code.
@@ -73,100 +77,105 @@ TEST(KoLogTest, LinesBelowTheLevelAreNotLookedAt)
     EXPECT_EQ(KoLogPrint(3, KOLOG_ERROR, 1, nullptr, "%n"), -1);
     KoLogSetLevel(KOLOG_FATAL);
     EXPECT_FALSE(KoLogIsLoggable(KOLOG_ERROR));
+    KoLogSetLevel(0);  // everything, whatever the environment says
+    EXPECT_EQ(KoLogGetLevel(), 1U);
     EXPECT_THAT(log.Messages(),
         ElementsAre(RecordedMessage{KOLOG_WARN, "", "warn"}, RecordedMessage{KOLOG_ERROR, "", "<bad format>"}));
 }
 
-// Refuses, throws or logs itself, as told.
-class UnwillingSink : public LogSink {
+// A sink of the test's own.
+class CallingSink : public LogSink {
 public:
-    enum Mood { REFUSES, THROWS, TAKES };
-    bool Write(const LogRecord& record) override
-    {
-        errno = EAGAIN;
-        Print("a sink's own line");
-        if (mood == THROWS) {
-            throw 42;
-        }
-        if (mood == TAKES) {
-            lines.emplace_back(record.message);
-        }
-        return mood == TAKES;
-    }
-    Mood mood = REFUSES;
-    std::vector<std::string> lines;
+    explicit CallingSink(std::function<bool(const LogRecord&)> write) : write_(std::move(write)) {}
+    bool Write(const LogRecord& record) override { return write_(record); }
+
+private:
+    const std::function<bool(const LogRecord&)> write_;
 };
 
 TEST(KoLogTest, DroppedLinesAreCountedAndReportedLater)
 {
-    UnwillingSink sink;
+    enum { REFUSES, THROWS, TAKES } mood = REFUSES;
+    std::vector<std::string> lines;
+    CallingSink sink([&](const LogRecord& record) {
+        errno = EAGAIN;
+        Print("a sink's own line");
+        lines.emplace_back(record.message);
+        return mood == THROWS ? throw 42 : mood == TAKES;
+    });
     LogSink* previous = SetLogSink(&sink);
     errno = 77;
     Print("one");
     Print("two");
-    sink.mood = UnwillingSink::THROWS;
+    mood = THROWS;
     Print("three");
     EXPECT_EQ(errno, 77);
-    sink.mood = UnwillingSink::TAKES;
+    mood = TAKES;
+    lines.clear();
     Print("four");
     Print("five");
     EXPECT_EQ(SetLogSink(previous), &sink);
-    EXPECT_THAT(sink.lines, ElementsAre("3 lines dropped", "four", "five"));
+    EXPECT_THAT(lines, ElementsAre("3 lines dropped", "four", "five"));
 }
 
-// Takes its time, and notices when it goes while somebody is in it.
-class SlowSink : public LogSink {
-public:
-    ~SlowSink() override { destroyedInUse = destroyedInUse || users != 0; }
-    bool Write(const LogRecord&) override
-    {
-        ++users;
-        sched_yield();
-        --users;
-        return true;
-    }
-    static inline std::atomic<bool> destroyedInUse{false};
-
-private:
-    std::atomic<int> users{0};
-};
-
-// A sink is destroyed as soon as it is replaced, while others log.
-TEST(KoLogTest, SinksAreReplacedUnderFire)
+// Two writers are in the replaced sink, one of them by the counter that isn't current any more.
+TEST(SinkSlotTest, AReplacementWaitsForAllWritersAndInAForkedChildForNone)
 {
-    std::atomic<bool> stop{false};
-    std::atomic<int> printed{0};
-    LogSink* previous = SetLogSink(new SlowSink);
-    std::vector<std::thread> threads;
-    for (int count = 0; count < 3; ++count) {
-        threads.emplace_back([&] {
-            while (!stop) {
-                printed += Print("x");
-            }
-        });
+    std::atomic<int> entered{0};
+    std::atomic<bool> open[2] = {};  // gates for the writers of INFO and of WARN
+    CallingSink gates([&](const LogRecord& record) {
+        for (++entered; !open[record.level - KOLOG_INFO];) {
+            sched_yield();
+        }
+        return true;
+    });
+    RingLogSink ring;
+    SinkSlot slot;
+    slot.Replace(&gates);
+    LogSink* previous = SetLogSink(&gates);
+    std::thread printing([] { Print("x"); });
+    std::thread writers[] = {std::thread([&] { slot.WriteInTurn(0, Record("x", KOLOG_INFO)); }),
+        std::thread([&] { slot.WriteInTurn(1, Record("x", KOLOG_WARN)); })};
+    while (entered != 3) {
+        sched_yield();
     }
-    for (int round = 0; round < 200 || printed < 1000; ++round) {
-        delete SetLogSink(new SlowSink);
-        std::this_thread::yield();
-    }
-    // A child forked at any moment can log and replace the sink at once.
-    for (int round = 0; round < 10; ++round) {
-        const auto logAtOnce = [] {
-            RingLogSink ring;
+    std::atomic<bool> isReplaced{false};
+    std::thread replacing([&] { isReplaced = slot.Replace(&ring) == &gates; });
+    for (const unsigned turn : {0U, 1U}) {
+        while (slot.Turn() == turn && !isReplaced) {
+            sched_yield();
+        }
+        EXPECT_FALSE(isReplaced);
+        const auto replaceAtOnce = [&] {
             const auto start = std::chrono::steady_clock::now();
+            slot.ForgetOtherThreads();
+            slot.Replace(&gates);
             SetLogSink(&ring);
-            const bool soon = std::chrono::steady_clock::now() - start < std::chrono::seconds(2);
             Print("child");
-            return soon && !ring.After(0).empty() && ring.After(0).back().message == "child" ? 0 : 1;
+            const bool soon = std::chrono::steady_clock::now() - start < std::chrono::seconds(2);
+            return soon && ring.After(0).back().message == "child" ? 0 : 1;
         };
-        EXPECT_EQ(InChild(logAtOnce), 0);
+        EXPECT_EQ(InChild(replaceAtOnce), 0);
+        open[turn] = true;
+        writers[turn].join();
     }
-    stop = true;
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    delete SetLogSink(previous);
-    EXPECT_FALSE(SlowSink::destroyedInUse);
+    replacing.join();
+    printing.join();
+    SetLogSink(previous);
+}
+
+TEST(FileSinkTest, ClosesItsFileAndWaitsForNobody)
+{
+    const std::string path = ::testing::TempDir() + "log" + std::to_string(getpid());
+    const auto countFiles = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+    const auto before = countFiles();
+    umask(0);
+    EXPECT_TRUE(MakeFileLogSink(path)->Write(Record("x")));
+    EXPECT_EQ(static_cast<int>(std::filesystem::status(path).permissions()), 0640);
+    EXPECT_EQ(unlink(path.c_str()) + mkfifo(path.c_str(), 0600), 0);
+    EXPECT_EQ(MakeFileLogSink(path), nullptr);  // nobody reads
+    unlink(path.c_str());
+    EXPECT_EQ(countFiles(), before);
 }
 
 TEST(StderrSinkTest, NeverBlocksOnAFullOrAbandonedReader)
@@ -219,6 +228,9 @@ TEST(EnvironmentTest, ChoosesSinkLevelAndPrivacy)
     EXPECT_EXIT(PrintUnder("ring", "error", "1"), ExitedWithCode(0), "^ring: <secret>\n$");
     EXPECT_EXIT(PrintUnder("file:/nowhere/x", "6", "0"), ExitedWithCode(0),
         "KOLOG_SINK=file:/nowhere/x can't be used, error 2\n.*E D002E11/TAG: <<private>>\n");
+    if (MakeJournalLogSink() == nullptr) {
+        EXPECT_EXIT(PrintUnder("journal", "", ""), ExitedWithCode(0), "KOLOG_SINK=journal can't be used, error 2\n");
+    }
     EXPECT_EXIT(PrintUnder("file:/dev/stderr", "", "1"), ExitedWithCode(0), "^[^\n]*a warning\n[^\n]*<secret>\n$");
     EXPECT_EXIT(PrintUnder("fax", "fatal", ""), ExitedWithCode(0), "^$");
 }
@@ -236,9 +248,15 @@ TEST(LogTextTest, LinesCantBeForgedAndFitAPipe)
 {
     EXPECT_EQ(ToLogLine(Record("a\tb\nc\x1b[1m\x7f\xc3\xa4")),
         "2026-11-24T21:53:07.123Z 411 415 E D002E11/TAG: a\tb\\nc\\x1b[1m\\x7f\xc3\xa4");
-    const std::string line = ToLogLine(Record(std::string(LOG_MESSAGE_MAX, '\n')));
+    const std::string line = ToLogLine(Record(std::string(3072, '\n')));
     EXPECT_LT(line.size(), 4096U);
     EXPECT_THAT(line, ::testing::EndsWith("<truncated>"));
+    std::string marks;
+    for (uint32_t level = 2; level <= 8; ++level) {
+        marks += ToLogLine(Record("", level))[sizeof "2026-11-24T21:53:07.123Z 411 415"];
+        marks += static_cast<const char*>(JournalFields(Record("", level)).Data()[1].iov_base)[sizeof "PRIORITY"];
+    }
+    EXPECT_EQ(marks, "?7D7I6W4E3F2?7");
 }
 
 TEST(RingSinkTest, KeepsTheLastLines)
@@ -249,9 +267,9 @@ TEST(RingSinkTest, KeepsTheLastLines)
     }
     ASSERT_EQ(ring.After(0).size(), 3U);
     EXPECT_EQ(ring.After(0)[0].message, "3");
-    ASSERT_EQ(ring.After(4).size(), 1U);
-    EXPECT_EQ(ring.After(4)[0].number, 5U);
+    EXPECT_EQ(ring.After(4).at(0).number, 5U);
     EXPECT_TRUE(ring.After(99).empty());
+    EXPECT_TRUE(RingLogSink(0).Write(Record("")));
 }
 
 // With `root`/systemd/journal/socket, which `journal` reads, as the journal. Exit code 77: the system allows no such
@@ -262,27 +280,21 @@ int WriteToOwnJournal(const std::string& root, int journal)
         return 77;
     }
     if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        mount((root + "/systemd").c_str(), "/run", nullptr, MS_BIND, nullptr) != 0) {
+        mount(root.c_str(), "/run", nullptr, MS_BIND, nullptr) != 0) {
         return 77;
     }
-    if (MakeJournalLogSink() != nullptr) {
-        return 1;
-    }
-    mount(root.c_str(), "/run", nullptr, MS_BIND, nullptr);
     const auto sink = MakeJournalLogSink();
-    if (sink == nullptr || !sink->Write(Record("hello"))) {
-        return 2;
-    }
-    if (ReadAll(journal).find("MESSAGE=hello\nPRIORITY=3\nSYSLOG_IDENTIFIER=TAG\nTID=415\nKOLOG_TYPE=3\nKOLOG_LEVEL=6\n"
+    if (sink == nullptr || !sink->Write(Record("hello")) ||
+        ReadAll(journal).find("MESSAGE=hello\nPRIORITY=3\nSYSLOG_IDENTIFIER=TAG\nTID=415\nKOLOG_TYPE=3\nKOLOG_LEVEL=6\n"
                               "KOLOG_DOMAIN=0xD002E11\nKOLOG_FORMAT=%{public}s\n") == std::string::npos) {
-        return 3;
+        return 1;
     }
     for (int count = 0; count < 100000; ++count) {
         if (!sink->Write(Record("unread"))) {
             return 0;
         }
     }
-    return 4;
+    return 2;
 }
 
 TEST(JournalSinkTest, SendsAndDropsWhenTheJournalIsFull)

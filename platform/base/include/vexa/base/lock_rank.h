@@ -51,8 +51,7 @@
     RANK(ConnectionCounts, "the number of connections, for each user")                                             \
     RANK(WorkerTasks, "the tasks that wait for a worker")                                                          \
     RANK(ProcessLife, "the opening of descriptors, for one system call: no fork may come in between")              \
-    RANK(LogSlot, "the replacement of the log's sink; code logs under any of the above")                           \
-    RANK(LogSink, "the lines of a sink")
+    RANK(LogSink, "the lines of a sink; code logs under any of the above")
 
 namespace VEXA {
 
