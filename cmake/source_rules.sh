@@ -28,6 +28,8 @@ lines '^ *# *include +"' tools | grep -E '"vexa/testing/' |
     rule "A tool includes test doubles"
 lines '^ *# *include +"(.*/)?transport/' "${product[@]}" | grep -v '^platform/ipc/' |
     rule "Only platform/ipc includes the transport"
+lines 'KoLogPrint' "${product[@]}" | grep -vE '^platform/log/|: *//' |
+    rule "A log line whose format is not checked while compiling; use KoLogLine of checked_log.h"
 lines 'cJSON_(InitHooks|GetErrorPtr)' "${product[@]}" |
     rule "These change or read state of every user of cJSON in the process"
 find "${product[@]}" tests bench fuzz examples -name '*.h' -exec grep -L '^#pragma once' {} + 2>/dev/null |

@@ -22,7 +22,7 @@ void Format(bool showPrivate, const char* format, ...)
     const std::string_view text = out.View();
     constexpr std::string_view bad = "<bad format>";
     const bool endsBad = text.size() >= bad.size() && text.substr(text.size() - bad.size()) == bad;
-    if (text.size() > VEXA::LOG_MESSAGE_MAX || (!usable && !out.IsTruncated() && !endsBad)) {
+    if (text.size() > VEXA::kLogMessageBytes || (!usable && !out.IsTruncated() && !endsBad)) {
         std::abort();
     }
 }

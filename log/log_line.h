@@ -42,7 +42,7 @@ consteval const char* BaseName(const char* path)
 template <typename... Args>
 inline void LogLine(const LogSite& site, uint32_t level, LogFormat<std::type_identity_t<Args>...> format, Args... args)
 {
-    KoLogPrint(KITS_LABEL.type, level, KITS_LABEL.domain, KITS_LABEL.tag, format.Text(), site.file, site.line, args...);
+    KoLogLine(KITS_LABEL, level, format, site.file, site.line, args...);
 }
 
 }  // namespace VEXA::UpdateEngine

@@ -4,10 +4,12 @@
 #include <algorithm>
 #include <string_view>
 
+#include "checked_log.h"
+#include "update_log_limits.h"
+
 namespace VEXA::UpdateEngine {
 namespace {
 
-constexpr size_t PIECE_MAX = 900;
 constexpr std::string_view PLAIN = "%s";
 constexpr std::string_view PRIVATE = "%{private}s";
 constexpr std::string_view PUBLIC = "%{public}s";
@@ -28,7 +30,7 @@ uint32_t PlatformLevel(UpdateLogLevel level)
     }
 }
 
-const char* LineFormat(std::string_view placeholder)
+CheckedFormat<const char*, int, const char*> LineFormat(std::string_view placeholder)
 {
     if (placeholder == PUBLIC) {
         return "[%{public}s(%{public}d)]%{public}s";
@@ -36,7 +38,7 @@ const char* LineFormat(std::string_view placeholder)
     if (placeholder == PRIVATE) {
         return "[%{public}s(%{public}d)]%{private}s";
     }
-    return "[%{public}s(%{public}d)]%s";
+    return {"[%{public}s(%{public}d)]%s", log_format::Marker::OPTIONAL};
 }
 
 // What the lines of one print operation have in common.
@@ -48,16 +50,16 @@ struct LineSource {
 
     void Print(std::string_view placeholder, const char* text) const
     {
-        KoLogPrint(label.type, level, label.domain, label.tag, LineFormat(placeholder), fileName.c_str(), line, text);
+        KoLogLine(label, level, LineFormat(placeholder), fileName.c_str(), line, text);
     }
     // The length counts in 32 bits with a sign: there is nothing to print where that isn't positive.
     void PrintPieces(std::string_view placeholder, std::string_view text) const
     {
         const auto length = static_cast<int32_t>(text.size());
         text = text.substr(0, static_cast<size_t>(std::max(length, 0)));
-        char piece[PIECE_MAX + 1];
+        char piece[kUpdateLogPieceBytes + 1];
         while (!text.empty()) {
-            const size_t size = text.copy(piece, PIECE_MAX);
+            const size_t size = text.copy(piece, kUpdateLogPieceBytes);
             piece[size] = '\0';
             Print(placeholder, piece);
             text.remove_prefix(size);

@@ -45,7 +45,7 @@ public:
 
     // `args` as one line.
     static void PrintSingleLine(uint32_t subModule, const UpdateLogContent& content);
-    // `args` in lines of at most 900 bytes, cut wherever the 900th byte falls. Nothing when it is empty.
+    // `args` in lines of kUpdateLogPieceBytes (docs/logging.md), cut wherever they end. Nothing when it is empty.
     static void PrintLog(uint32_t subModule, const UpdateLogContent& content);
     // The text before the placeholder of `log`, then `args` under that placeholder's marker, then the text behind it,
     // each as by PrintLog and the fixed texts public. When `log` has no placeholder: all of it, then `args` as "%s".

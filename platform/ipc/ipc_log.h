@@ -2,8 +2,14 @@
 // The transport's own log lines.
 #pragma once
 
-#include "vexa/log/kolog.h"
+#include "checked_log.h"
 
-#define IPC_LOG(level, ...) ::VEXA::KoLogPrint(::VEXA::KOLOG_TYPE_CORE, level, 0xD001510, "VEXA_IPC", __VA_ARGS__)
+namespace VEXA {
+
+inline constexpr KoLogLabel IPC_LABEL{KOLOG_TYPE_CORE, 0xD001510, "VEXA_IPC"};
+
+}  // namespace VEXA
+
+#define IPC_LOG(level, ...) ::VEXA::KoLogLine(::VEXA::IPC_LABEL, level, __VA_ARGS__)
 #define IPC_LOGE(...) IPC_LOG(::VEXA::KOLOG_ERROR, __VA_ARGS__)
 #define IPC_LOGW(...) IPC_LOG(::VEXA::KOLOG_WARN, __VA_ARGS__)

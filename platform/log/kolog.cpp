@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 
 #include "log_formatter.h"
@@ -101,7 +102,7 @@ void Deliver(
     }
 }
 
-// Kept out of the entry points, so that an unwanted line doesn't pay for the buffer.
+// Kept out of the entry point, so that an unwanted line doesn't pay for the buffer.
 __attribute__((noinline)) int PrintWanted(
     uint32_t type, uint32_t level, uint32_t domain, const char* tag, const char* format, va_list arguments)
 {
@@ -131,11 +132,6 @@ int KoLogPrint(uint32_t type, uint32_t level, uint32_t domain, const char* tag, 
     const int printed = PrintWanted(type, level, domain, tag, format, arguments);
     va_end(arguments);
     return printed;
-}
-
-int KoLogPrintV(uint32_t type, uint32_t level, uint32_t domain, const char* tag, const char* format, va_list arguments)
-{
-    return KoLogIsLoggable(level) ? PrintWanted(type, level, domain, tag, format, arguments) : 0;
 }
 
 bool KoLogIsLoggable(uint32_t level)

@@ -6,17 +6,21 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <type_traits>
 #include <utility>
 
-#include "conversion.h"
+#include "log_conversion.h"
 
 namespace VEXA {
 namespace {
 
+using log_format::Conversion;
+using log_format::Length;
+
 constexpr std::string_view PRIVATE_TEXT = "<private>";
-constexpr int NUMBER_MAX = static_cast<int>(LOG_MESSAGE_MAX);
+constexpr int NUMBER_MAX = static_cast<int>(kLogMessageBytes);
 
 // The arguments that are left. A class, so that it can be handed on by reference, which va_list itself can't.
 class Arguments {
@@ -62,17 +66,19 @@ private:
 };
 
 // Puts the numbers that stand in the arguments into the conversion. A negative width aligns left, a negative precision
-// is none.
+// is none. No number is larger than a message, where more would only be cut off again.
 void FetchWidth(Arguments& arguments, Conversion& conversion)
 {
     if (conversion.width == Conversion::FROM_ARGUMENT) {
-        const int width = arguments.Next<int>();
+        const int width = std::max(arguments.Next<int>(), -NUMBER_MAX);
         conversion.leftAligned |= width < 0;
-        conversion.width = width < 0 ? -std::max(width, -NUMBER_MAX) : std::min(width, NUMBER_MAX);
+        conversion.width = std::abs(width);
     }
     if (conversion.precision == Conversion::FROM_ARGUMENT) {
-        conversion.precision = std::clamp(arguments.Next<int>(), Conversion::ABSENT, NUMBER_MAX);
+        conversion.precision = std::max(arguments.Next<int>(), Conversion::ABSENT);
     }
+    conversion.width = std::min(conversion.width, NUMBER_MAX);
+    conversion.precision = std::min(conversion.precision, NUMBER_MAX);
 }
 
 // Prints one value with the C library, under the conversion's flags.
@@ -82,10 +88,9 @@ void PrintValue(MessageBuffer& out, const Conversion& conversion, std::string_vi
     char format[16];
     char* end = format;
     *end++ = '%';
-    for (const auto& [set, flag] : {std::pair{conversion.leftAligned, '-'}, {conversion.plus, '+'},
-             {conversion.space, ' '}, {conversion.alternate, '#'}, {conversion.zeroFilled, '0'}}) {
-        if (set) {
-            *end++ = flag;
+    for (const auto& [letter, flag] : log_format::FLAGS) {
+        if (conversion.*flag) {
+            *end++ = letter;
         }
     }
     for (const char part : {'*', '.', '*'}) {
@@ -131,7 +136,7 @@ std::string_view BoundedText(const char* text, int precision)
     if (text == nullptr) {
         text = "(null)";
     }
-    const size_t limit = precision >= 0 ? static_cast<size_t>(precision) : LOG_MESSAGE_MAX + 1;
+    const size_t limit = precision >= 0 ? static_cast<size_t>(precision) : kLogMessageBytes + 1;
     return {text, strnlen(text, limit)};
 }
 

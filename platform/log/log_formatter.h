@@ -4,12 +4,12 @@
 
 #include <cstdarg>
 
+#include "log_limits.h"
 #include "text_buffer.h"
-#include "vexa/log/log_sink.h"
 
 namespace VEXA {
 
-using MessageBuffer = TextBuffer<LOG_MESSAGE_MAX>;
+using MessageBuffer = TextBuffer<kLogMessageBytes>;
 
 // Appends the formatted message to `out`. Returns false when a conversion is not one of those that KoLogPrint
 // documents; the text then ends in "<bad format>".

@@ -4,13 +4,14 @@
 
 #include <climits>
 
+#include "log_limits.h"
 #include "text_buffer.h"
 #include "vexa/log/log_sink.h"
 
 namespace VEXA {
 
-// As long as what a pipe takes in one piece, less the line feed.
-using LineBuffer = TextBuffer<PIPE_BUF - 1>;
+using LineBuffer = TextBuffer<kLogLineBytes>;
+static_assert(kLogLineBytes + 1 == PIPE_BUF);
 
 // Appends the line of ToLogLine. Uses no locale and no time zone, whose locks a child after fork may find taken.
 void ComposeLine(LineBuffer& out, const LogRecord& record);

@@ -5,14 +5,15 @@
 
 #include <algorithm>
 
+#include "log_limits.h"
+
 namespace VEXA {
 namespace {
 
 // Others hold the mutex for one copy. It may be held for ever only in a child that was forked meanwhile: then give up.
 bool LockSoon(Mutex& mutex) VEXA_TRY_ACQUIRE(true, mutex) VEXA_NO_THREAD_SAFETY_ANALYSIS
 {
-    constexpr int ATTEMPTS = 1000;
-    for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
+    for (int attempt = 0; attempt < kLogRingAttempts; ++attempt) {
         if (mutex.try_lock()) {
             return true;
         }
@@ -22,6 +23,8 @@ bool LockSoon(Mutex& mutex) VEXA_TRY_ACQUIRE(true, mutex) VEXA_NO_THREAD_SAFETY_
 }
 
 }  // namespace
+
+RingLogSink::RingLogSink() : RingLogSink(kLogRingLines) {}
 
 RingLogSink::RingLogSink(size_t capacity) : capacity_(std::max<size_t>(capacity, 1)) {}
 

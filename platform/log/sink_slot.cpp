@@ -4,6 +4,7 @@
 #include <chrono>
 #include <thread>
 
+#include "log_limits.h"
 #include "log_settings.h"
 
 namespace VEXA {
@@ -39,7 +40,7 @@ LogSink* SinkSlot::Replace(LogSink* sink)
 void SinkSlot::WaitForWriters()
 {
     const unsigned turned = current_.fetch_xor(1);
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    const auto deadline = std::chrono::steady_clock::now() + kLogReplaceWait;
     while (writers_[turned].load() != 0 && std::chrono::steady_clock::now() < deadline) {
         std::this_thread::yield();
     }

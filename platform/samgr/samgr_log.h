@@ -2,9 +2,15 @@
 // The manager's and its client's own log lines.
 #pragma once
 
-#include "vexa/log/kolog.h"
+#include "checked_log.h"
 
-#define SAMGR_LOG(level, ...) ::VEXA::KoLogPrint(::VEXA::KOLOG_TYPE_CORE, level, 0xD001511, "VEXA_SAMGR", __VA_ARGS__)
+namespace VEXA {
+
+inline constexpr KoLogLabel SAMGR_LABEL{KOLOG_TYPE_CORE, 0xD001511, "VEXA_SAMGR"};
+
+}  // namespace VEXA
+
+#define SAMGR_LOG(level, ...) ::VEXA::KoLogLine(::VEXA::SAMGR_LABEL, level, __VA_ARGS__)
 #define SAMGR_LOGE(...) SAMGR_LOG(::VEXA::KOLOG_ERROR, __VA_ARGS__)
 #define SAMGR_LOGW(...) SAMGR_LOG(::VEXA::KOLOG_WARN, __VA_ARGS__)
 #define SAMGR_LOGI(...) SAMGR_LOG(::VEXA::KOLOG_INFO, __VA_ARGS__)

@@ -3,6 +3,8 @@
 
 #include <cstdlib>
 
+#include "checked_log.h"
+
 namespace VEXA {
 namespace {
 
@@ -24,7 +26,7 @@ RecordingLogSink::RecordingLogSink(uint32_t level) : previousLevel_(KoLogGetLeve
 {
     previous_ = SetLogSink(this);
     // The next line would report what the sink before has dropped, which is not of this time.
-    KoLogPrint(KOLOG_TYPE_CORE, KOLOG_FATAL, 0, "", "a recording begins");
+    KoLogLine({KOLOG_TYPE_CORE, 0, ""}, KOLOG_FATAL, "a recording begins");
     Clear();
     KoLogSetLevel(level);
 }

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <string>
 
+#include "checked_log.h"
 #include "log_formatter.h"
 
 namespace VEXA {
@@ -91,18 +92,42 @@ TEST(LogFormatTest, EndsAtAConversionItDoesNotKnow)
     }
 }
 
+template <typename... Args>
+constexpr bool Fits(const char* format, log_format::Marker rule = log_format::Marker::REQUIRED)
+{
+    return log_format::FaultOf<Args...>(format, rule) == nullptr;
+}
+
+TEST(LogFormatTest, AFormatFitsItsArgumentsOrDoesNotCompile)
+{
+    using log_format::Marker;
+    enum Open : uint8_t {};
+    enum class Closed {};
+    static_assert(Fits<char[4], char*, const void*, float>("%{public}s %{private}-9.3s%% %{public}p%{public}.1f"));
+    static_assert(Fits<int, bool, Open, char>("%{public}d %{public}i %{public}d %{public}c"));
+    static_assert(Fits<unsigned, size_t, int64_t, long long>("%{public}08X %{public}zu %{public}ld %{public}lld"));
+    static_assert(Fits<int>("%d", Marker::OPTIONAL) && Fits<int>("%{public}d", Marker::PUBLIC));
+    static_assert(!Fits<int>("%d") && !Fits<int>("%{private}d", Marker::PUBLIC));
+    static_assert(!Fits<int>("%{public}n") && !Fits<int>("%{public}") && !Fits<>("% %"));
+    static_assert(!Fits<int>("%{public}s") && !Fits<const char*>("%{public}d") && !Fits<int*>("%{public}s"));
+    static_assert(!Fits<long>("%{public}d") && !Fits<int>("%{public}ld") && !Fits<long>("%{public}lld"));
+    static_assert(!Fits<unsigned>("%{public}d") && !Fits<int>("%{public}zu") && !Fits<short>("%{public}hd"));
+    static_assert(!Fits<Closed>("%{public}d") && !Fits<std::string>("%{public}s") && !Fits<int>("%{public}*d"));
+    static_assert(!Fits<>("%{public}d") && !Fits<int, int>("%{public}d"));
+}
+
 TEST(LogFormatTest, CutsLongMessagesAndMarksThem)
 {
-    const std::string exact(LOG_MESSAGE_MAX, 'x');
+    const std::string exact(3072, 'x');
     EXPECT_EQ(Format(false, "%{public}s", exact.c_str()).text, exact);
-    const std::string cut = exact.substr(0, LOG_MESSAGE_MAX - 11) + "<truncated>";
+    const std::string cut = exact.substr(0, 3072 - 11) + "<truncated>";
     EXPECT_EQ(Format(false, "%{public}s", (exact + "x").c_str()).text, cut);
     EXPECT_EQ(Format(false, (exact + "%{public}d").c_str(), 1).text, cut);
     // Widths that no line can hold are cut like the text, whatever their size.
-    EXPECT_EQ(Format(false, "%{public}99999999999d%{public}d", 1, 2).text.size(), LOG_MESSAGE_MAX);
-    EXPECT_EQ(Format(false, "%{public}.99999f", 1e300).text.size(), LOG_MESSAGE_MAX);
+    EXPECT_EQ(Format(false, "%{public}99999999999d%{public}d", 1, 2).text.size(), 3072);
+    EXPECT_EQ(Format(false, "%{public}.99999f", 1e300).text.size(), 3072);
     for (const int width : {INT_MAX, INT_MIN, INT_MIN + 1}) {
-        EXPECT_EQ(Format(false, "%{public}*d%{public}*s", width, 1, width, "x").text.size(), LOG_MESSAGE_MAX) << width;
+        EXPECT_EQ(Format(false, "%{public}*d%{public}*s", width, 1, width, "x").text.size(), 3072) << width;
         EXPECT_EQ(Format(false, "%{public}.*s", width, "abc").text, "abc") << width;
     }
 }

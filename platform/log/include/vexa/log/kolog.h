@@ -2,7 +2,6 @@
 // The platform's log call.
 #pragma once
 
-#include <cstdarg>
 #include <cstdint>
 
 #include "vexa/base/export.h"
@@ -32,13 +31,11 @@ struct KoLogLabel {
 // The conversions d i u o x X c s p f e g a (and the upper-case real ones) are known, with flags, width and precision,
 // either of them as `*`, and with the lengths hh h l ll z j t L; wide characters, %n and positions are not. A
 // conversion that is not known ends the line with "<bad format>", because the arguments behind it can't be told apart.
-// A line longer than LOG_MESSAGE_MAX of "vexa/log/log_sink.h" is cut and ends in "<truncated>".
+// A message longer than kLogMessageBytes (docs/logging.md) is cut and ends in "<truncated>".
 // May be called from any thread, and from a child after fork; leaves errno alone. Never blocks: a line that the sink
 // can't take at once is dropped, counted, and reported by a later line. Costs one comparison when `level` is below the
 // process's. Returns the bytes of the message, 0 when it was not wanted, -1 when the format is unusable.
 VEXA_EXPORT int KoLogPrint(uint32_t type, uint32_t level, uint32_t domain, const char* tag, const char* format, ...);
-VEXA_EXPORT int KoLogPrintV(
-    uint32_t type, uint32_t level, uint32_t domain, const char* tag, const char* format, va_list arguments);
 
 // The lowest level that is printed: KOLOG_LEVEL of the environment (debug, info, warn, error, fatal, or a number) as it
 // stands at the first line, else info.

@@ -15,9 +15,6 @@
 
 namespace VEXA {
 
-// The longest message in bytes. With its header a line then still fits what a pipe takes in one piece.
-inline constexpr size_t LOG_MESSAGE_MAX = 3072;
-
 // One line. The texts are good only while Write runs.
 struct LogRecord {
     uint32_t type;
@@ -43,8 +40,8 @@ public:
 // Makes `sink` the process's sink and returns the previous one; null stands for the sink that KOLOG_SINK chooses
 // ("stderr", "file:PATH", "journal" or "ring"; standard error when unset or unusable). The caller keeps the sink alive
 // until another has replaced it. When this returns, no thread is inside the previous sink any more and it may go; for
-// that the call waits for the writes that are under way. When one hangs it gives up, after at most 10 seconds. Not to
-// be called from inside a sink.
+// that the call waits for the writes that are under way. When one hangs it gives up after twice kLogReplaceWait
+// (docs/logging.md). Not to be called from inside a sink.
 VEXA_EXPORT LogSink* SetLogSink(LogSink* sink);
 
 // Lines on standard error, whatever descriptor 2 is at the time. The mode of the descriptor is not touched.

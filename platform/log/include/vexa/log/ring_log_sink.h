@@ -44,7 +44,8 @@ struct LogEntry {
 // other only as long as a copy takes.
 class VEXA_EXPORT RingLogSink : public LogSink {
 public:
-    explicit RingLogSink(size_t capacity = 1024);
+    RingLogSink();  // for kLogRingLines lines
+    explicit RingLogSink(size_t capacity);
 
     bool Write(const LogRecord& record) override;
     // The kept lines numbered above `number`, oldest first. A gap to `number` means that lines were overwritten.
