@@ -111,5 +111,5 @@ while IFS= read -r header; do
         printf '%s: no page of docs/ has its table\n' "$header"
         failed=1
     fi
-done < <(find include json ipc kits log platform sa_load service tools -name limits.h)
+done < <(find include json ipc kits log platform sa_load service tools -name '*limits.h')
 exit "$failed"
