@@ -8,7 +8,6 @@
 #include <limits>
 #include <new>
 
-#include "json_cursor.h"
 #include "json_store.h"
 #include "json_text.h"
 
@@ -125,46 +124,14 @@ void JsonContext::Free()
     JsonStore::Destroy(store_);
 }
 
-// What the next look-up will read, mostly.
-void JsonContext::Prefetch() const
-{
-    __builtin_prefetch(key_);
-    if (kind_ == STRING) {
-        __builtin_prefetch(held_.text);
-    }
-}
-
 const JsonContext* JsonContext::Find(std::string_view key) const
 {
     if (kind_ != OBJECT) {
         return nullptr;
     }
-    const JsonContext* const members = held_.children;
-    JsonCursor cursor(cursor_.load(std::memory_order_relaxed));
-    const size_t begin = cursor.Position();
-    size_t at = begin;
-    if (cursor.MayHavePassed(key)) {
-        if (members[begin - 1].Key() == key) {
-            return members + begin - 1;
-        }
-        at = 0;
-    }
-    while (at < size_ && members[at].Key() != key) {
-        ++at;
-    }
-    if (at == size_) {
-        return nullptr;
-    }
-    if (at >= begin && at < JsonCursor::LAST_POSITION) {
-        for (size_t passed = begin; passed <= at; ++passed) {
-            cursor.Pass(members[passed].Key());
-        }
-        cursor_.store(cursor.Word(), std::memory_order_relaxed);
-        if (at + 1 < size_) {
-            members[at + 1].Prefetch();
-        }
-    }
-    return members + at;
+    const JsonContext* const member =
+        std::find_if(begin(), end(), [key](const JsonContext& m) { return m.Key() == key; });
+    return member == end() ? nullptr : member;
 }
 
 const JsonContext& JsonContext::operator[](std::string_view key) const

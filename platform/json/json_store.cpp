@@ -3,11 +3,8 @@
 
 #include <algorithm>
 #include <new>
-#include <type_traits>
 
 namespace VEXA {
-
-static_assert(std::is_trivially_destructible_v<std::atomic<uint64_t>>);
 
 JsonStore* JsonStore::Create(cJSON* tree, size_t expected)
 {

@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
 
-#include <random>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "vexa/json/json_context.h"
@@ -63,38 +61,23 @@ TEST(JsonContextTest, HoldsEachKindInItsAlternative)
     EXPECT_FALSE(json["a"].IsContains(""));
 }
 
-TEST(JsonContextTest, AnyOrderOfLookUpsOnAnyThreadFindsTheFirstOfSeveral)
+TEST(JsonContextTest, FindsTheFirstOfSeveralMembers)
 {
     const JsonContext json(R"({"a":1,"b":2,"A":3,"a":4,"":5,"b":6,"c":7,"c":8})");
-    const std::vector<std::pair<std::string, double>> members = {{"a", 1}, {"b", 2}, {"A", 3}, {"", 5}, {"c", 7}};
-    std::vector<std::thread> threads;
-    for (unsigned seed = 0; seed < 4; ++seed) {
-        threads.emplace_back([&json, &members, random = std::minstd_rand(seed)]() mutable {
-            for (int i = 0; i < 20000; ++i) {
-                const auto& [key, number] = members[random() % members.size()];
-                ASSERT_EQ(Held<5>(json[key]), number) << key;
-                ASSERT_TRUE(json.IsContains(key));
-                ASSERT_FALSE(json.IsContains("B"));
-                ASSERT_FALSE(json.IsContains("a\0b"s));
-            }
-        });
+    const std::pair<std::string, double> members[] = {{"c", 7}, {"a", 1}, {"A", 3}, {"b", 2}, {"", 5}};
+    for (const auto& [key, number] : members) {
+        EXPECT_EQ(Held<5>(json[key]), number) << key;
     }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    EXPECT_FALSE(json.IsContains("B"));
+    EXPECT_FALSE(json.IsContains("a\0b"s));
 }
 
-TEST(JsonContextTest, LookUpsInALargeObjectAndALongArray)
+// More values than there is room for at first.
+TEST(JsonContextTest, HoldsALongArray)
 {
-    std::string object = "{";
     std::string array = "[";
     for (int i = 0; i < 2000; ++i) {
-        object += "\"k" + std::to_string(i) + "\":" + std::to_string(i) + ',';
         array += "[[]," + std::to_string(i) + "],";
-    }
-    const JsonContext json(object + "\"k7\":-1}");
-    for (int i : {1999, 0, 255, 254, 256, 7, 1999, 3, 253, 600, 7}) {
-        EXPECT_EQ(Held<5>(json["k" + std::to_string(i)]), i);
     }
     array.back() = ']';
     const JsonContext list(array);

@@ -2,7 +2,6 @@
 // A JSON text as an immutable tree of values.
 #pragma once
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -94,15 +93,12 @@ private:
 
     bool IsContainer() const { return kind_ == OBJECT || kind_ == ARRAY; }
     const JsonContext* Find(std::string_view key) const;
-    void Prefetch() const;
     void Free();
 
     Held held_;
     const char* key_ = "";
     JsonStore* store_ = nullptr;  // of the root only
-    // Of an object: where the next look-up begins and which keys stand before (see json_cursor.h).
-    mutable std::atomic<uint64_t> cursor_{0};
-    uint32_t size_ = 0;  // of a text or a container
+    uint32_t size_ = 0;           // of a text or a container
     uint32_t keySize_ = 0;
     Kind kind_ = ABSENT;
     bool discarded_ = false;
