@@ -96,11 +96,16 @@ int32_t MigrateServerKitsImpl::GetApkInfo(std::vector<std::string>& infos, Busin
 int32_t MigrateServerKitsImpl::On(const ProgressCallback& callback)
 {
     KITS_LOGI("RegisterProgressCallBack Start");
-    const sptr<IMigrateCallBack> stub(new MigrateCallBackStub(callback));
+    sptr<IMigrateCallBack> stub;
     bool isServiceDead = false;
     registrations_.Begin(RegistrationOverlap::By::CALLER);
-    const int32_t result = Call(LOG_SITE(), MigrateRequestCode::REGISTER_PROGRESS_CALLBACK, "RegisterProgressCallBack",
-        Args(stub->AsObject()), [&](const MigrateRequest& request) {
+    const int32_t result = Call(
+        LOG_SITE(), MigrateRequestCode::REGISTER_PROGRESS_CALLBACK, "RegisterProgressCallBack",
+        [&](MigrateRequest& request) {
+            stub = sptr<IMigrateCallBack>(new MigrateCallBackStub(callback));
+            request.Write(stub->AsObject());
+        },
+        [&](const MigrateRequest& request) {
             StoreCallback(stub);
             isServiceDead = request.IsServiceDead();
         });
@@ -116,14 +121,15 @@ int32_t MigrateServerKitsImpl::On(const ProgressCallback& callback)
 int32_t MigrateServerKitsImpl::Off()
 {
     KITS_LOGI("UnRegisterAllProgressCallBack");
-    bool sent = false;
     registrations_.Begin(RegistrationOverlap::By::CALLER);
-    const int32_t result = Call(
-        LOG_SITE(), MigrateRequestCode::UNREGISTER_PROGRESS_CALLBACK, "UnRegisterProgressCallBack",
-        [&](const MigrateRequest&) { sent = true; }, Replies());
-    if (sent) {
-        StoreCallback(nullptr);
-    }
+    MigrateRequest request(GetService());
+    const int32_t result = ExchangeRequest(
+        request, LOG_SITE(), REFUSAL_LINES, MigrateRequestCode::UNREGISTER_PROGRESS_CALLBACK, Args(),
+        [&](const MigrateRequest&) { StoreCallback(nullptr); },
+        [&](int32_t failure) {
+            StoreCallback(nullptr);
+            KITS_LOGE("%{public}s result is %{public}d", "UnRegisterProgressCallBack", failure);
+        });
     if (registrations_.End()) {
         SettleCallback();
     }
@@ -167,12 +173,15 @@ int32_t MigrateServerKitsImpl::GetModuleMigrationPolicy(const bool& flag, const 
     std::vector<ModuleMigrationPolicy>& policies, BusinessError& error)
 {
     KITS_LOGI("GetModuleMigrationPolicy");
-    std::string moduleText;
-    if (!JsonFromStruct().TraverseData(moduleText, modules)) {
-        moduleText.clear();
-    }
-    return Call(LOG_SITE(), MigrateRequestCode::GET_MODULE_MIGRATION_POLICY, "GetModuleMigrationPolicy",
-        Args(flag, moduleText), Replies(policies, error));
+    const auto fill = [&](MigrateRequest& request) {
+        std::string moduleText;
+        if (!JsonFromStruct().TraverseData(moduleText, modules)) {
+            moduleText.clear();
+        }
+        request.Write(flag, moduleText);
+    };
+    return Call(LOG_SITE(), MigrateRequestCode::GET_MODULE_MIGRATION_POLICY, "GetModuleMigrationPolicy", fill,
+        Replies(policies, error));
 }
 
 int32_t MigrateServerKitsImpl::ResumeMigration(BusinessError& error)

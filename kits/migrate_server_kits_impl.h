@@ -56,7 +56,7 @@ private:
     int32_t Call(const LogSite& site, MigrateRequestCode code, const char* name, const Fill& fill, const Take& take);
 
     void RegisterAgain(const sptr<IMigrateCallBack>& callback);
-    // Tells the service which callback is in force; once more when an On or Off at the same time may have come between.
+    // Tells the service which callback is in force, again as long as a call of On or Off overlapped with that.
     void SettleCallback();
     sptr<IMigrateCallBack> StoredCallback();
     void StoreCallback(sptr<IMigrateCallBack> callback);

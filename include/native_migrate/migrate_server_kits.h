@@ -17,12 +17,13 @@ namespace VEXA::UpdateEngine {
 
 // The client of the migration service. One object serves the whole process and is never destroyed.
 //
-// Every operation is one synchronous request; On and Off may add some. All of them may be called from any thread, also
-// at the same time, and none is repeated on failure.
+// Every operation is one synchronous request; a death of the service may add some to On and Off. All of them may be
+// called from any thread, also at the same time, and none is repeated on failure.
 //
 // Results of every operation:
 //     0      success, whatever the reply's texts hold
-//     104    the service can't be reached or started in time, or the request can't be begun, sent or answered in time
+//     104    the service can't be reached or started in time, or the request can't be begun, sent or answered in time:
+//            one that was sent may have been carried out
 //     other  what the service answered
 // The service's results, and the numbers in its records, stand in "native_migrate/migrate_results.h". Arguments go to
 // it unchanged and unchecked; what is said here of their meaning is what the reference service makes of them. A request
@@ -70,14 +71,15 @@ public:
     // Registers `callback` for progress events, in place of the one registered before. The callable is copied; it runs
     // on threads of the process's IPC pool, on several at once when events come at the same time. After a death of the
     // service it is registered with the next instance without the caller's doing. On failure the callback registered
-    // before stays. When the service dies as it answers, or other calls of On and Off or the registration after a death
-    // overlap with this one, it tells the service once more what is in force, as often as that happens, before it
-    // returns: each time blocks as an operation does, and changes nothing in the result.
+    // before stays. One request, except around a death of the service: when the service dies as it answers, or the
+    // registration after a death overlaps with calls of On and Off, the one of these that ends last tells the service
+    // once more what is in force before it returns. That blocks as an operation does, happens again when it overlaps
+    // with another one, and changes nothing in the result.
     virtual int32_t On(const ProgressCallback& callback) = 0;
 
     // Withdraws all progress callbacks. Once the request was sent, the library's own reference to the callback is gone,
     // also when the result is not 0; when the service can't be reached, the callback stays registered. An event that is
-    // under way may still arrive. Where it overlaps with others it blocks for more requests, as On does.
+    // under way may still arrive. One request, with the exception that On has.
     virtual int32_t Off() = 0;
 
     // Sets what happens when a package fails. Only `policy.policy` is sent: MIGRATE_POLICY_GO_ON or _STOP.

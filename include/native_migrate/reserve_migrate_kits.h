@@ -23,7 +23,8 @@ class ReserveMigrateSession;
 //
 // Results of every operation:
 //     0      success; `reply` is replaced, also by an empty text
-//     104    the service can't be reached or started in time, or the request can't be begun, sent or answered in time
+//     104    the service can't be reached or started in time, or the request can't be begun, sent or answered in time:
+//            one that was sent may have been carried out
 //     other  what the service answered
 // The service's results, and the numbers in its texts, stand in "native_migrate/migrate_results.h". What is said here
 // of the meaning of arguments is what the reference service makes of them. A request has room for 16 MiB: a text that

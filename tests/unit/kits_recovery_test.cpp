@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // The connection of the migration client: lookup, death of the service, callbacks across it.
-#include <atomic>
 #include <chrono>
 #include <thread>
 
@@ -60,6 +59,7 @@ TEST_F(KitsRecoveryTest, EveryGapOfALookupIsSurvived)
     kits_.DoReset();
     const UnreachableManager none;
     EXPECT_EQ(kits_.GetService(), nullptr);
+    CommonDeathRecipient(nullptr).OnRemoteDied(nullptr);
     EXPECT_EQ(log.Messages(), LOOKUP + CLIENT.Info({"MigrateServerKitsImpl::AddDeathRecipient ret=false"}) + LOOKUP +
                                   CLIENT.Error({"manager is nullptr"}));
 }
@@ -138,7 +138,9 @@ TEST_F(KitsRecoveryTest, OffForgetsTheCallbackOnceItIsSentAndADeathThenStartsNot
     EXPECT_EQ(manager_->Calls().size(), lookups) << "nobody needs the service";
     BusinessError error;
     EXPECT_EQ(kits_.StartMigrate(error), 0);
-    EXPECT_EQ(third->Requests().size(), 1U);
+    EXPECT_EQ(kits_.On({}) + kits_.Off(), 0);
+    kits_.ResumeRegisterCallback();
+    EXPECT_EQ(third->Requests().size(), 3U);
 }
 
 // The service answers On and dies before the client has stored the callback: the death handler finds nothing to
@@ -155,28 +157,47 @@ TEST_F(KitsRecoveryTest, DeathDuringOnIsNotMissed)
     EXPECT_EQ(Carried(second, 0), Carried(first, 0));
 }
 
-// The sanitizers judge, too.
-TEST_F(KitsRecoveryTest, CallbackChangesDuringDeaths)
+// Its copies and their ends show in the log.
+struct Traced {
+    Traced() = default;
+    Traced(const Traced& /*other*/) { KITS_LOGI("copied"); }
+    ~Traced() { KITS_LOGI("dropped"); }
+    void operator()(const MigrateStage&, const EventInfo&) const {}
+};
+
+TEST_F(KitsRecoveryTest, TheStubIsMadeForItsRequestAndDroppedBeforeTheResultOfOffIsLogged)
 {
-    std::atomic<bool> ended{false};
-    const auto change = [&] {
-        while (!ended) {
-            kits_.On({});
-            kits_.Off();
+    const ProgressCallback callback{Traced()};
+    const sptr<ScriptedRemoteObject> service = RunService();
+    kits_.GetService();
+    const LinesOf here{"kits_recovery_test.cpp"};
+    const Lines on = CLIENT.Info({"RegisterProgressCallBack Start", "GetService entry"});
+    const Lines off = CLIENT.Info({"UnRegisterAllProgressCallBack", "GetService entry"});
+    RecordingLogSink log;
+    EXPECT_EQ(kits_.On(callback), 0);
+    service->ClearRequests();
+    service->QueueAnswer(2004);
+    EXPECT_EQ(kits_.Off(), 4);
+    const RefusingParcels refusing;
+    EXPECT_EQ(kits_.On(callback), 104);
+    EXPECT_EQ(log.Messages(), on + here.Info({"copied"}) + ProxyLines(0) + off + ProxyLines(2004) +
+                                  here.Info({"dropped"}) + CLIENT.Error({"UnRegisterProgressCallBack result is 4"}) +
+                                  on + CLIENT.Error({"MigrateServerKitsImpl WriteInterfaceToken fail"}));
+}
+
+// C and R begin a caller's and a recovery's registration. 0 and 1 end one: 1 has to tell the service again.
+TEST(RegistrationOverlapTest, OnlyTheLastThatOverlappedWithARecoveryRepeats)
+{
+    for (const std::string steps : {"CC00", "CR01", "RC01", "CRC001", "CR0C01", "CCR001", "R0C0CC00", "CR01CC00"}) {
+        RegistrationOverlap overlap;
+        for (const char step : steps) {
+            if (step == 'C' || step == 'R') {
+                overlap.Begin(step == 'C' ? RegistrationOverlap::By::CALLER : RegistrationOverlap::By::RECOVERY);
+            } else {
+                EXPECT_EQ(overlap.End(), step == '1') << steps;
+            }
         }
-    };
-    std::thread callers[] = {std::thread(change), std::thread(change)};
-    for (int i = 0; i < 200; ++i) {
-        const sptr<ScriptedRemoteObject> dying = RunService();
-        kits_.GetService();
-        PrepareService();
-        dying->Die();
     }
-    ended = true;
-    for (std::thread& caller : callers) {
-        caller.join();
-    }
-    EXPECT_EQ(kits_.On({}), 0);
 }
 
 }  // namespace
