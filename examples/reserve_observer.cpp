@@ -6,29 +6,16 @@
 #include <cstdio>
 #include <mutex>
 #include <string>
+#include <vector>
 
+#include "native_migrate/json_parse.h"
 #include "native_migrate/migrate_records.h"
 #include "native_migrate/reserve_migrate_kits.h"
 #include "native_migrate/reserve_migrate_status_observer_stub.h"
-#include "vexa/json/json_context.h"
 
 using namespace VEXA::UpdateEngine;
 
 namespace {
-
-std::string TextOf(const VEXA::JsonContext& value)
-{
-    const VEXA::JsonValue held = value.Value();
-    const auto* const text = std::get_if<std::optional<std::string_view>>(&held);
-    return text != nullptr ? std::string(text->value_or("")) : std::string();
-}
-
-int NumberOf(const VEXA::JsonContext& value)
-{
-    const VEXA::JsonValue held = value.Value();
-    const auto* const number = std::get_if<std::optional<double>>(&held);
-    return number != nullptr ? static_cast<int>(number->value_or(0)) : 0;
-}
 
 class Observer : public ReserveMigrateStatusObserverStub {
 public:
@@ -37,15 +24,16 @@ public:
     // Runs on a thread of the library's pool; the service waits for the result.
     int32_t OnRestoreStatusChanged(const std::string& statusJsonString) override
     {
-        const VEXA::JsonContext events(statusJsonString);
-        for (const VEXA::JsonContext& event : events) {
-            const std::string package = TextOf(event["restoreAppInfo"]["packageName"]);
-            const auto status = static_cast<TaskStatus>(NumberOf(event["status"]));
-            printf("%s: status %d %s\n", package.c_str(), static_cast<int>(status),
-                TextOf(event["errorInfo"]["reason"]).c_str());
+        std::vector<RestoreEventInfo> events;
+        if (JsonParse::JsonStrToStruct(statusJsonString, events) != JsonError::SUCCESS) {
+            fprintf(stderr, "not understood: %s\n", statusJsonString.c_str());
+        }
+        for (const RestoreEventInfo& event : events) {
+            const std::string& package = event.restoreAppInfo.packageName;
+            printf("%s: status %d %s\n", package.c_str(), event.status, event.errorInfo.reason.c_str());
             if (package == package_) {
                 const std::lock_guard<std::mutex> lock(mutex_);
-                status_ = status;
+                status_ = static_cast<TaskStatus>(event.status);
                 changed_.notify_all();
             }
         }

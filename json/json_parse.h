@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Binds JSON texts to records, and reads single keys.
+// Defines what JsonParse does for the library itself: any JSON text into a record, and single keys.
 #pragma once
 
 #include <concepts>
-#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -11,40 +10,32 @@
 #include "json_from_struct.h"
 #include "json_to_struct.h"
 #include "log_line.h"
+#include "native_migrate/json_parse.h"
 #include "native_migrate/task_info.h"
 
 namespace VEXA::UpdateEngine {
 
-enum class JsonError : int32_t {
-    SUCCESS = 0,
-    DATA_ERROR = 1,         // an empty text, or a member that does not fit
-    MISSING_PROP = 2,       // the key is absent, or its value of another kind
-    TYPE_ERROR = 3,         // not JSON, or a value that does not hold what its kind says
-    NUMBER_EXTRA_LONG = 4,  // a number that a double can't hold exactly, or that does not fit the target
-};
-
-class JsonParse {
-public:
-    // Binds a whole text to `out`: a record, a vector of records or a vector of strings, which is appended to. SUCCESS;
-    // DATA_ERROR for an empty text; TYPE_ERROR for one that is not JSON; DATA_ERROR when a member does not fit, with
-    // what was bound before it kept.
-    template <typename T>
-    static JsonError JsonStrToStruct(const std::string& text, T& out)
-    {
-        if (text.empty()) {
-            return JsonError::DATA_ERROR;
-        }
-        const JsonContext root(text);
-        if (root.IsDiscarded()) {
-            return JsonError::TYPE_ERROR;
-        }
-        return JsonToStruct().AccessMember(root, out, "") ? JsonError::SUCCESS : JsonError::DATA_ERROR;
+// Binds a whole text to `out`: a record, a vector of records or a vector of strings, which is appended to. SUCCESS;
+// DATA_ERROR for an empty text; TYPE_ERROR for one that is not JSON; DATA_ERROR when a member does not fit, with
+// what was bound before it kept.
+template <typename T>
+JsonError JsonParse::JsonStrToStruct(const std::string& text, T& out)
+{
+    if (text.empty()) {
+        return JsonError::DATA_ERROR;
     }
+    const JsonContext root(text);
+    if (root.IsDiscarded()) {
+        return JsonError::TYPE_ERROR;
+    }
+    return JsonToStruct().AccessMember(root, out, "") ? JsonError::SUCCESS : JsonError::DATA_ERROR;
+}
 
-    // Reads one member that has to be there. Every failure but DATA_ERROR writes one error line with the key and leaves
-    // `target` as it was.
+// The kinds of what GetValueAndSetTo reads.
+class KeyReader {
+public:
     template <Number T>
-    static JsonError GetValueAndSetTo(const JsonContext& json, std::string_view key, T& target)
+    static JsonError Read(const JsonContext& json, std::string_view key, T& target)
     {
         const JsonContext& value = json[key];
         if (value.Type() != JsonContext::NUMBER) {
@@ -64,7 +55,7 @@ public:
     }
 
     template <std::same_as<std::string> T>
-    static JsonError GetValueAndSetTo(const JsonContext& json, std::string_view key, T& target)
+    static JsonError Read(const JsonContext& json, std::string_view key, T& target)
     {
         const JsonContext& value = json[key];
         if (value.Type() == JsonContext::ABSENT) {
@@ -81,7 +72,7 @@ public:
 
     // DATA_ERROR when a member of the record does not fit; those before it are set.
     template <Record T>
-    static JsonError GetValueAndSetTo(const JsonContext& json, std::string_view key, T& target)
+    static JsonError Read(const JsonContext& json, std::string_view key, T& target)
     {
         const JsonContext& value = json[key];
         if (value.Type() != JsonContext::OBJECT) {
@@ -98,5 +89,13 @@ private:
         return JsonError::TYPE_ERROR;
     }
 };
+
+// Reads one member that has to be there: a number, a string or a record. Every failure but a record's DATA_ERROR writes
+// one error line with the key and leaves `target` as it was.
+template <typename T>
+JsonError JsonParse::GetValueAndSetTo(const JsonContext& json, std::string_view key, T& target)
+{
+    return KeyReader::Read(json, key, target);
+}
 
 }  // namespace VEXA::UpdateEngine

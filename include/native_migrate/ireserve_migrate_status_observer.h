@@ -16,8 +16,8 @@ class NATIVE_MIGRATE_EXPORT IReserveMigrateStatusObserver : public IRemoteBroker
 public:
     DECLARE_INTERFACE_DESCRIPTOR(RESERVE_STATUS_OBSERVER_DESCRIPTOR)
 
-    // `statusJsonString`: the JSON text of a list of RestoreEventInfo, as the service sent it. The result goes back to
-    // the service as the request's result.
+    // `statusJsonString`: the JSON text of a list of RestoreEventInfo, as the service sent it; JsonParse reads it into
+    // records. The result goes back to the service as the request's result.
     virtual int32_t OnRestoreStatusChanged(const std::string& statusJsonString) = 0;
 };
 
