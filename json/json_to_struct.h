@@ -77,17 +77,6 @@ private:
         return held.has_value() && StoreNumber(*held, field);
     }
 
-    template <Enumeration T>
-    static bool Bind(const JsonContext& value, T& field)
-    {
-        std::underlying_type_t<T> number{};
-        const bool bound = Bind(value, number);
-        if (bound) {
-            field = static_cast<T>(number);
-        }
-        return bound;
-    }
-
     static bool Bind(const JsonContext& value, std::string& field)
     {
         const auto held = HeldValue<std::string_view>(value);
