@@ -6,10 +6,13 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <thread>
 
 #include "client_world.h"
 #include "native_migrate/migrate_server_kits.h"
+#include "native_migrate/reserve_migrate_kits.h"
+#include "native_migrate/reserve_migrate_status_observer_stub.h"
 
 using namespace std::chrono_literals;
 using namespace VEXA;
@@ -40,6 +43,20 @@ int32_t StartMigrate(BusinessError& error)
     return MigrateServerKits::GetKitsInstance().StartMigrate(error);
 }
 
+// Exit status of a child that runs it, and that is killed when that takes long.
+template <typename Run>
+int StatusOfChild(const Run& run)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(3);
+        _exit(run());
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    return status;
+}
+
 // The lock that its parent held for the lookup is nobody's there.
 TEST(ClientWait, AChildForkedDuringALookupIsRefusedAtOnce)
 {
@@ -47,17 +64,30 @@ TEST(ClientWait, AChildForkedDuringALookupIsRefusedAtOnce)
     BusinessError error;
     std::thread looking([&] { EXPECT_EQ(StartMigrate(error), 0); });
     EXPECT_TRUE(Eventually([&] { return CountLines(lines, "GetService recreate service instance") == 1; }));
-    const pid_t child = fork();
-    if (child == 0) {
-        alarm(3);
-        _exit(StartMigrate(error) == MIGRATE_UNREACHABLE ? 0 : 1);
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(StatusOfChild([&] { return StartMigrate(error) == MIGRATE_UNREACHABLE ? 0 : 1; }), 0);
     std::filesystem::remove(HoldFile(ClientWorld::Get()));
     looking.join();
     EXPECT_GT(error.errorNum, 0);
+}
+
+class Observer : public ReserveMigrateStatusObserverStub {
+    int32_t OnRestoreStatusChanged(const std::string& /*status*/) override { return 0; }
+};
+
+// There is no handler that its end could wait for.
+TEST(ClientWait, AChildForkedWhileObserversAreRegisteredAgainEndsItsClientAtOnce)
+{
+    std::optional<ReserveMigrateKits> kits(std::in_place);
+    std::string reply;
+    EXPECT_EQ(kits->RegisterCallback("caller", new Observer, reply), 0);
+    std::ofstream(HoldFile(ClientWorld::Get())).put('\n');
+    const pid_t pid = Peer().Ask(PEER_PID);
+    ASSERT_GT(pid, 0);
+    RecordingLogSink lines(KOLOG_INFO);
+    kill(pid, SIGKILL);
+    EXPECT_TRUE(Eventually([&] { return CountLines(lines, "GetService recreate service instance") == 1; }));
+    EXPECT_EQ(StatusOfChild([&] { return kits.reset(), 0; }), 0);
+    std::filesystem::remove(HoldFile(ClientWorld::Get()));
 }
 
 TEST(ClientWait, ASilentServiceCostsTheWaitTimeAndServesTheNextRequest)

@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The reserve client: its eight operations, its observers across deaths of the service, and its own end.
+#include <chrono>
+#include <functional>
 #include <optional>
 #include <thread>
 
@@ -7,6 +9,7 @@
 #include "native_migrate/imigrate_server.h"
 #include "native_migrate/reserve_migrate_kits.h"
 #include "native_migrate/reserve_migrate_status_observer_stub.h"
+#include "reserve_migrate_session.h"
 
 namespace VEXA::UpdateEngine {
 namespace {
@@ -112,6 +115,39 @@ protected:
         EXPECT_EQ(kits_->RegisterCallback(caller, observer, reply_), result);
     }
 
+    // Registers two observers and lets the service die. The next instance does this in its first answer; it is
+    // returned.
+    sptr<ScriptedRemoteObject> DieAndAnswer(const std::function<void()>& act)
+    {
+        const sptr<ScriptedRemoteObject> before = RunService();
+        Register("a", NewObserver());
+        Register("b", NewObserver());
+        const sptr<ScriptedRemoteObject> after = PrepareService();
+        after->SetHandler([&](uint32_t, MessageParcel&, MessageParcel&, MessageOption&) {
+            after->SetHandler(nullptr);
+            act();
+            return 0;
+        });
+        before->Die();
+        return after;
+    }
+    // The same, with an operation on another thread that has to wait for the answer.
+    sptr<ScriptedRemoteObject> DieAndAnswerAfter(const std::function<void()>& operation)
+    {
+        std::thread other;
+        std::atomic<bool> answered{false};
+        const auto after = DieAndAnswer([&] {
+            other = std::thread([&] {
+                operation();
+                EXPECT_TRUE(answered);
+            });
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            answered = true;
+        });
+        other.join();
+        return after;
+    }
+
     std::optional<ReserveMigrateKits> kits_{std::in_place};
     std::string reply_;
 };
@@ -170,15 +206,16 @@ TEST_F(ReserveObserversTest, EndWithdrawsTheWatchAndDropsTheObservers)
     const auto observer = NewObserver();
     const sptr<ScriptedRemoteObject> service = RunService();
     Register("a", observer);
-    // A watch without a proxy, from which nobody withdraws it.
-    ReserveMigrateKits* const unconnected = new ReserveMigrateKits;
-    const sptr<ScriptedRemoteObject> unproxied(new ScriptedRemoteObject);
-    unconnected->AddDeathRecipient(unproxied);
     RecordingLogSink log;
     kits_.reset();
-    delete unconnected;
+    // A watch without a proxy, which nobody withdraws, finds the session closed.
+    const sptr<ReserveMigrateSession> unconnected(new ReserveMigrateSession);
+    const sptr<ScriptedRemoteObject> unproxied(new ScriptedRemoteObject);
+    unconnected->Connection().AddDeathRecipient(LOG_SITE(), unproxied);
+    unconnected->Close();
+    log.Clear();
     unproxied->Die();
-    EXPECT_EQ(log.Messages(), CLIENT.Info({"~ReserveMigrateKits", "~ReserveMigrateKits"}));
+    EXPECT_TRUE(log.Messages().empty());
     EXPECT_EQ(service->RecipientCount(), 0U);
     EXPECT_EQ(service->Requests().size(), 1U);
     EXPECT_EQ(observer->GetSptrRefCount(), 2);  // this one, and the recorded request's
@@ -186,40 +223,37 @@ TEST_F(ReserveObserversTest, EndWithdrawsTheWatchAndDropsTheObservers)
 
 TEST_F(ReserveObserversTest, EndInsideTheHandlerEndsIt)
 {
-    const sptr<ScriptedRemoteObject> before = RunService();
-    Register("a", NewObserver());
-    Register("b", NewObserver());
-    const sptr<ScriptedRemoteObject> after = PrepareService();
-    after->SetHandler([&](uint32_t, MessageParcel&, MessageParcel&, MessageOption&) {
-        kits_.reset();
-        return 0;
-    });
-    before->Die();
+    const auto after = DieAndAnswer([&] { kits_.reset(); });
     EXPECT_EQ(after->Requests().size(), 1U);
     EXPECT_EQ(after->RecipientCount(), 0U);
 }
 
 TEST_F(ReserveObserversTest, EndWaitsForAHandlerOnAnotherThread)
 {
-    const sptr<ScriptedRemoteObject> before = RunService();
-    Register("a", NewObserver());
-    Register("b", NewObserver());
-    const sptr<ScriptedRemoteObject> after = PrepareService();
-    std::thread ending;
-    std::atomic<bool> handled{false};
-    after->SetHandler([&](uint32_t, MessageParcel&, MessageParcel&, MessageOption&) {
-        ending = std::thread([&] {
-            kits_.reset();
-            EXPECT_TRUE(handled);
-        });
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        handled = true;
-        return 0;
-    });
-    before->Die();
-    ending.join();
+    const auto after = DieAndAnswerAfter([&] { kits_.reset(); });
     EXPECT_EQ(after->Requests().size(), 1U);
     EXPECT_EQ(after->RecipientCount(), 0U);
+}
+
+TEST_F(ReserveObserversTest, RegistrationWaitsWhileObserversAreRegisteredAgain)
+{
+    const auto after = DieAndAnswerAfter([&] { Register("c", NewObserver()); });
+    EXPECT_EQ(Registered(after).size(), 3U);
+}
+
+TEST(HandlerGateTest, AClosedGateAdmitsNobodyAndOpensForTheClosingThreadAtOnce)
+{
+    HandlerGate gate;
+    std::optional<HandlerGate::Visit> visit(std::in_place, gate);
+    std::thread closing([&] { EXPECT_TRUE(gate.Close()); });
+    while (!gate.IsClosed()) {
+        std::this_thread::yield();
+    }
+    EXPECT_FALSE(HandlerGate::Visit(gate).IsAdmitted());
+    const auto left = std::chrono::steady_clock::now();
+    visit.reset();
+    closing.join();
+    EXPECT_LT(std::chrono::steady_clock::now() - left, std::chrono::seconds(5));
 }
 
 }  // namespace

@@ -132,6 +132,10 @@ TEST(WantTest, KeepsTheTypeOfAParameter)
     EXPECT_EQ(want.GetParam<std::string>("k", "none"), "none");
     EXPECT_FALSE(want.RemoveParam("k").HasParam("k"));
     EXPECT_EQ(want, Want());
+    EXPECT_NE(want, Want().SetParam("k", 1));
+    EXPECT_NE(want, Want().SetFlags(1));
+    EXPECT_EQ(want.SetAbilityName("a").GetAbilityName(), "a");
+    EXPECT_EQ(want.GetBundleName(), "");
 }
 
 }  // namespace
