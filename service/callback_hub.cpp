@@ -7,6 +7,7 @@
 #include "json_text.h"
 #include "native_migrate/ireserve_migrate_status_observer.h"
 #include "native_migrate/migrate_callback_proxy.h"
+#include "service_limits.h"
 #include "service_log.h"
 #include "vexa/ipc/ipc_errors.h"
 #include "vexa/ipc/message_option.h"
@@ -15,9 +16,6 @@
 namespace VEXA::UpdateEngine {
 
 namespace {
-
-// More than there are tasks or applications; as one text they still fit a parcel.
-constexpr size_t kMostItems = 65536;
 
 uint32_t KeyOf(const TaskProgress& task)
 {
@@ -46,7 +44,7 @@ void KeepLast(std::vector<Item>& items)
 template <typename Item>
 std::unique_ptr<Mailbox<Item>> MakeMailbox(typename Mailbox<Item>::Deliver deliver)
 {
-    const typename Mailbox<Item>::Limits limits{CallbackHub::INTERVAL, kMostItems};
+    const typename Mailbox<Item>::Limits limits{kReportInterval, kMostItems};
     return std::make_unique<Mailbox<Item>>(limits, std::move(deliver), &KeepLast<Item>);
 }
 
@@ -134,7 +132,7 @@ bool CallbackHub::Add(
         MutexLock lock(mutex_);
         ended = TakeEnded(receivers);
         replaced = TakeOut(receivers, key);
-        if (receivers.registered.size() < MOST_RECEIVERS) {
+        if (receivers.registered.size() < kMostReceivers) {
             for (Item& item : first) {
                 receiver.mailbox->Post(std::move(item));
             }

@@ -23,10 +23,6 @@ namespace VEXA::UpdateEngine {
 // dropped. All operations may be called from any thread.
 class CallbackHub : public EngineListener, public std::enable_shared_from_this<CallbackHub> {
 public:
-    // At most ten deliveries a second to one receiver; a delivery has every change since the last.
-    static constexpr std::chrono::milliseconds INTERVAL{100};
-    static constexpr size_t MOST_RECEIVERS = 256;
-
     // Progress as a whole, asked for at every delivery.
     using Progress = std::function<void(MigrateStage&, MigrateProgress&)>;
     explicit CallbackHub(Progress progress) : progress_(std::move(progress)) {}

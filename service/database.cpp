@@ -5,6 +5,7 @@
 
 #include <utility>
 
+#include "service_limits.h"
 #include "service_log.h"
 
 namespace VEXA::UpdateEngine {
@@ -77,8 +78,7 @@ std::unique_ptr<Database> Database::Open(const std::string& path, std::string& e
     const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
     const int result = sqlite3_open_v2(path.c_str(), &handle, flags, nullptr);
     std::unique_ptr<Database> database(new Database(handle));
-    constexpr int kWaitMilliseconds = 2000;
-    sqlite3_busy_timeout(handle, kWaitMilliseconds);
+    sqlite3_busy_timeout(handle, static_cast<int>(kDatabaseWait.count()));
     // Exclusive: a second service on the same state must not start. The lock dies with its process.
     if (result != SQLITE_OK ||
         !database->Execute("PRAGMA locking_mode = EXCLUSIVE; PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL;"

@@ -7,14 +7,12 @@
 
 #include "migration_engine.h"
 #include "move.h"
+#include "service_limits.h"
 #include "service_log.h"
 
 namespace VEXA::UpdateEngine {
 
 namespace {
-
-constexpr std::chrono::milliseconds kIdle(1000);
-constexpr std::chrono::milliseconds kReportInterval(100);
 
 bool HasSpace(int targetFd, int64_t bytes)
 {

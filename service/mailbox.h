@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "service_limits.h"
 #include "vexa/base/mutex.h"
 
 namespace VEXA::UpdateEngine {
@@ -68,8 +69,6 @@ public:
     }
 
 private:
-    static constexpr std::chrono::seconds kIdle{1};
-
     void Run()
     {
         MutexLock lock(mutex_);

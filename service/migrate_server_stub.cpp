@@ -7,17 +7,12 @@
 #include "json_parse.h"
 #include "native_migrate/set_backup_file_own_proxy.h"
 #include "request_fields.h"
+#include "service_limits.h"
 #include "service_log.h"
 #include "vexa/ipc/ipc_skeleton.h"
 #include "vexa/want/want.h"
 
 namespace VEXA::UpdateEngine {
-
-namespace {
-
-constexpr size_t kMostJobs = 64;
-
-}  // namespace
 
 MigrateServerStub::MigrateServerStub(std::shared_ptr<MigrationEngine> engine, std::shared_ptr<CallbackHub> hub)
     : engine_(std::move(engine)),

@@ -15,13 +15,13 @@
 #include "json_parse.h"
 #include "native_migrate/migrate_results.h"
 #include "plain_name.h"
+#include "service_limits.h"
 #include "vexa/base/unique_fd.h"
 
 namespace VEXA::UpdateEngine {
 
 namespace {
 
-constexpr size_t kMaxManifestBytes = size_t{1024} * 1024;
 constexpr char kManifest[] = "manifest.json";
 
 // 0, or the errno of what went wrong.

@@ -4,13 +4,12 @@
 
 #include "migrate_server_stub.h"
 #include "request_fields.h"
+#include "service_limits.h"
 #include "vexa/ipc/ipc_skeleton.h"
 
 namespace VEXA::UpdateEngine {
 
 namespace {
-
-constexpr size_t kLongestCaller = 1024;
 
 // A name that nothing bears is the result of a request, not only a word in its reply.
 int32_t ReplyTo(MessageParcel& reply, const BusinessError& error)

@@ -5,6 +5,8 @@
 #include <chrono>
 #include <cstdint>
 
+#include "service_limits.h"
+
 namespace VEXA::UpdateEngine {
 
 // Holds copying down to a rate. Belongs to one thread.
@@ -18,9 +20,8 @@ public:
     // The largest piece after which the wait is still short.
     size_t PieceBytes() const
     {
-        constexpr uint64_t kLargest = uint64_t{256} * 1024;
-        constexpr uint64_t kPiecesPerSecond = 40;
-        return static_cast<size_t>(rate_ == 0 ? kLargest : std::clamp<uint64_t>(rate_ / kPiecesPerSecond, 1, kLargest));
+        constexpr size_t kPiecesPerSecond = 40;
+        return rate_ == 0 ? kPieceBytes : std::clamp<size_t>(rate_ / kPiecesPerSecond, 1, kPieceBytes);
     }
 
     // Until when to wait after `bytes` more. Time that was not used is not saved up.

@@ -88,7 +88,7 @@ protected:
     // A target within the tree would be copied into itself.
     bool MayEnter(const struct stat& directory, int depth)
     {
-        if (depth > MAX_TREE_DEPTH) {
+        if (depth > kMaxTreeDepth) {
             return Fail(MIGRATE_ERROR_UNSUPPORTED, "directories are nested too deeply");
         }
         if (directory.st_dev == target_.st_dev && directory.st_ino == target_.st_ino) {
@@ -336,7 +336,7 @@ bool RemoveDirectory(int parentFd, const std::string& name, const std::function<
     if (directory == nullptr && errno == EACCES && fchmodat(parentFd, name.c_str(), kPrivate, 0) == 0) {
         directory = OpenDirectory(parentFd, name);
     }
-    if (directory == nullptr || depth > MAX_TREE_DEPTH + 1) {
+    if (directory == nullptr || depth > kMaxTreeDepth + 1) {
         return false;
     }
     fchmod(dirfd(directory.get()), kPrivate);

@@ -7,11 +7,9 @@
 #include <string>
 
 #include "native_migrate/reserve_records.h"
+#include "service_limits.h"
 
 namespace VEXA::UpdateEngine {
-
-// Deeper trees are refused: every level holds two descriptors while it is copied.
-inline constexpr int MAX_TREE_DEPTH = 200;
 
 struct TreeSize {
     uint64_t bytes = 0;  // of regular files
@@ -22,7 +20,7 @@ struct TreeSize {
 // false ends the copy.
 struct CopyControl {
     std::function<bool(uint64_t bytes)> advance;
-    size_t pieceBytes = size_t{256} * 1024;
+    size_t pieceBytes = kPieceBytes;
 };
 
 // What an errno means that writing to the target has ended with.

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "own_services.h"
 
-#include <chrono>
 #include <thread>
 #include <utility>
 
 #include "registration.h"
+#include "samgr_limits.h"
 #include "samgr_log.h"
 #include "samgr_protocol.h"
 #include "vexa/ipc/context_object.h"
@@ -14,23 +14,10 @@ namespace VEXA::samgr {
 
 namespace {
 
-// The word that a new manager is there may overtake the word that the old one has ended: the first attempts may still
-// go to the old one.
-constexpr int kAttempts = 20;
-constexpr std::chrono::milliseconds kBetweenAttempts(10);
-
 int32_t TellManager(int32_t systemAbilityId, const sptr<IRemoteObject>& object)
 {
-    int32_t result = IPC_DEAD_OBJECT;
-    for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        const sptr<IRemoteObject> manager = GetContextObject();
-        result = manager != nullptr ? Register(manager, systemAbilityId, object) : int32_t{IPC_DEAD_OBJECT};
-        if (result != IPC_DEAD_OBJECT && result != IPC_CONNECTION_LOST) {
-            break;
-        }
-        std::this_thread::sleep_for(kBetweenAttempts);
-    }
-    return result;
+    const sptr<IRemoteObject> manager = GetContextObject();
+    return manager != nullptr ? Register(manager, systemAbilityId, object) : int32_t{IPC_DEAD_OBJECT};
 }
 
 }  // namespace
@@ -72,15 +59,21 @@ void OwnServices::TellAll()
 {
     for (auto [systemAbilityId, served] : All()) {
         sptr<IRemoteObject> told;
+        int32_t result = SAMGR_OK;
+        int attempts = 0;
         do {
-            told = served;
-            const int32_t result = tell_(systemAbilityId, told);
-            if (result != SAMGR_OK) {
-                SAMGR_LOGW("the new manager was not told of service %{public}d: %{public}s", systemAbilityId,
-                    ResultText(result));
+            if (attempts > 0) {
+                std::this_thread::sleep_for(kTellPause);
             }
+            told = served;
+            result = tell_(systemAbilityId, told);
             served = Find(systemAbilityId);
-        } while (served != told);
+        } while (served != told ||
+                 ((result == IPC_DEAD_OBJECT || result == IPC_CONNECTION_LOST) && ++attempts < kTellAttempts));
+        if (result != SAMGR_OK) {
+            SAMGR_LOGW(
+                "the new manager was not told of service %{public}d: %{public}s", systemAbilityId, ResultText(result));
+        }
     }
 }
 

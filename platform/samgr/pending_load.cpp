@@ -2,7 +2,6 @@
 #include "pending_load.h"
 
 #include <algorithm>
-#include <iterator>
 #include <thread>
 #include <utility>
 
@@ -12,9 +11,6 @@ namespace {
 
 using std::chrono::steady_clock;
 
-// Pauses before the manager is asked again, in milliseconds; the last one repeats.
-constexpr int kPauses[] = {1, 2, 5, 10, 20};
-
 LoadOutcome Failure(int32_t systemAbilityId, int32_t error)
 {
     return {systemAbilityId, error, nullptr, ResultText(error)};
@@ -23,7 +19,7 @@ LoadOutcome Failure(int32_t systemAbilityId, int32_t error)
 int32_t WholeSecondsUntil(steady_clock::time_point deadline)
 {
     const auto left = std::chrono::ceil<std::chrono::seconds>(deadline - steady_clock::now()).count();
-    return static_cast<int32_t>(std::clamp<int64_t>(left, 1, MANAGER_WAIT_SECONDS));
+    return static_cast<int32_t>(std::clamp<int64_t>(left, 1, kManagerWaitSeconds));
 }
 
 }  // namespace
@@ -106,15 +102,14 @@ void PendingLoad::Take(LoadOutcome outcome)
 
 int32_t PendingLoad::AskAgain()
 {
-    size_t repeat = 0;
+    std::chrono::milliseconds pause{};
     {
         MutexLock lock(mutex_);
         if (done_ == nullptr) {
             return IPC_FAILED;  // nobody waits any more
         }
-        repeat = std::min(repeats_++, std::size(kPauses) - 1);
+        pause = std::exchange(pause_, std::min(2 * pause_, kLongestPause));
     }
-    const std::chrono::milliseconds pause(kPauses[repeat]);
     if (steady_clock::now() + pause >= deadline_) {
         return IPC_TIMED_OUT;
     }

@@ -6,6 +6,7 @@
 #include <functional>
 
 #include "load_outcome.h"
+#include "samgr_limits.h"
 #include "vexa/base/mutex.h"
 #include "vexa/ipc/iremote_stub.h"
 
@@ -44,7 +45,7 @@ private:
     Mutex mutex_{LockRank::PendingLoad};
     Done done_ VEXA_GUARDED_BY(mutex_);  // empty once finished
     sptr<IRemoteObject::DeathRecipient> recipient_ VEXA_GUARDED_BY(mutex_);
-    size_t repeats_ VEXA_GUARDED_BY(mutex_) = 0;
+    std::chrono::milliseconds pause_ VEXA_GUARDED_BY(mutex_) = kFirstPause;  // before the manager is asked again
 };
 
 }  // namespace VEXA::samgr

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "registration.h"
 
+#include "samgr_limits.h"
 #include "samgr_protocol.h"
 #include "vexa/ipc/message_option.h"
 
@@ -10,7 +11,7 @@ int32_t Register(const sptr<IRemoteObject>& manager, int32_t systemAbilityId, co
 {
     MessageParcel data;
     MessageParcel reply;
-    MessageOption option(MessageOption::TF_SYNC, MANAGER_WAIT_SECONDS);
+    MessageOption option(MessageOption::TF_SYNC, kManagerWaitSeconds);
     if (!WriteHead(data, systemAbilityId) || (object != nullptr && !data.WriteRemoteObject(object))) {
         return IPC_FAILED;
     }

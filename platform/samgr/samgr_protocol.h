@@ -31,9 +31,6 @@ enum LoadCallbackRequest : uint32_t {
     LOADED_FROM_DEVICE = 3,  // string device id, int32 id, object
 };
 
-// The longest wait for the manager's answer to a request, in seconds. Its requests wait for no program.
-inline constexpr int32_t MANAGER_WAIT_SECONDS = 8;
-
 // What a result of the manager's operations means, for logs and for callers that are people.
 inline const char* ResultText(int32_t result)
 {

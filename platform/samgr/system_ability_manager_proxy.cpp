@@ -9,6 +9,7 @@
 #include "own_services.h"
 #include "pending_load.h"
 #include "registration.h"
+#include "samgr_limits.h"
 #include "samgr_log.h"
 #include "vexa/base/mutex.h"
 #include "vexa/ipc/worker_wait.h"
@@ -20,9 +21,6 @@ namespace {
 using samgr::LoadOutcome;
 using samgr::PendingLoad;
 using std::chrono::steady_clock;
-
-// How long an asynchronous load asks again for a manager that does not know of a death yet.
-constexpr std::chrono::seconds kAsyncRepeatLimit(5);
 
 // Where the thread of a synchronous load waits.
 class LoadWait {
@@ -38,11 +36,10 @@ public:
     // than watched: the waiting thread may be the very one that brings notices of death.
     bool Wait(steady_clock::time_point deadline, const sptr<IRemoteObject>& manager, LoadOutcome& outcome)
     {
-        constexpr std::chrono::milliseconds kSlice(50);
         const WorkerWait wait;  // the outcome comes as a request
         MutexLock lock(mutex_);
-        while (
-            !ready_.WaitUntil(mutex_, std::min(deadline, steady_clock::now() + kSlice), [this] { return IsSet(); })) {
+        while (!ready_.WaitUntil(mutex_, std::min(deadline, steady_clock::now() + samgr::kLoadSlice),
+            [this]() VEXA_REQUIRES(mutex_) { return outcome_.has_value(); })) {
             if (steady_clock::now() >= deadline || manager->IsObjectDead()) {
                 return false;
             }
@@ -52,8 +49,6 @@ public:
     }
 
 private:
-    bool IsSet() const VEXA_NO_THREAD_SAFETY_ANALYSIS { return outcome_.has_value(); }
-
     Mutex mutex_{LockRank::LoadOutcome};
     CondVar ready_;
     std::optional<LoadOutcome> outcome_ VEXA_GUARDED_BY(mutex_);
@@ -88,7 +83,7 @@ sptr<IRemoteObject> SystemAbilityManagerProxy::CheckSystemAbility(int32_t system
 {
     MessageParcel data;
     MessageParcel reply;
-    MessageOption option(MessageOption::TF_SYNC, samgr::MANAGER_WAIT_SECONDS);
+    MessageOption option(MessageOption::TF_SYNC, samgr::kManagerWaitSeconds);
     const int32_t result = samgr::WriteHead(data, systemAbilityId)
                                ? Remote()->SendRequest(samgr::CHECK_SYSTEM_ABILITY, data, reply, option)
                                : int32_t{IPC_FAILED};
@@ -130,7 +125,7 @@ int32_t SystemAbilityManagerProxy::LoadSystemAbility(
         callback->OnLoadSystemAbilityFail(outcome.systemAbilityId);
     };
     const sptr<PendingLoad> load(
-        new PendingLoad(Remote(), systemAbilityId, steady_clock::now() + kAsyncRepeatLimit, report));
+        new PendingLoad(Remote(), systemAbilityId, steady_clock::now() + samgr::kAsyncLoadTime, report));
     const int32_t result = load->Ask();
     if (result == SAMGR_OK) {
         load->FailWithManager();

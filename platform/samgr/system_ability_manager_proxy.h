@@ -6,7 +6,7 @@
 
 namespace VEXA {
 
-// The manager as other processes see it. No operation blocks for longer than MANAGER_WAIT_SECONDS, except the
+// The manager as other processes see it. No operation blocks for longer than kManagerWaitSeconds, except the
 // synchronous load, which blocks for its own time-out.
 class SystemAbilityManagerProxy : public IRemoteProxy<ISystemAbilityManager> {
 public:

@@ -46,11 +46,6 @@ void ScriptedManager::HoldCallbacks(bool hold)
     hold_ = hold;
 }
 
-void ScriptedManager::ReleaseCallbacks()
-{
-    Deliver(TakeHeld());
-}
-
 std::vector<ScriptedManager::PendingLoad> ScriptedManager::TakeHeld()
 {
     MutexLock lock(mutex_);

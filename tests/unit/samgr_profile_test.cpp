@@ -83,12 +83,11 @@ TEST(SamgrOutput, LinesAreBoundedAndCanNotForgeOthers)
 {
     std::vector<std::string> lines;
     OutputLines output([&lines](const std::string& line) { lines.push_back(line); });
-    const std::string text = "one\n\ntw\x1b[31mo\r\n" + std::string(OutputLines::kMaxLine + 1, 'x') + "\nla";
+    const std::string text = "one\n\ntw\x1b[31mo\r\n" + std::string(1001, 'x') + "\nla";
     output.Take(text.data(), text.size());
     output.Take("st", 2);
     output.Flush();
-    EXPECT_EQ(
-        lines, (std::vector<std::string>{"one", "tw?[31mo?", std::string(OutputLines::kMaxLine, 'x'), "x", "last"}));
+    EXPECT_EQ(lines, (std::vector<std::string>{"one", "tw?[31mo?", std::string(1000, 'x'), "x", "last"}));
 }
 
 }  // namespace

@@ -17,6 +17,7 @@
 #include "daemon/manager_stub.h"
 #include "daemon/program_runner.h"
 #include "daemon/service_table.h"
+#include "samgr_limits.h"
 #include "samgr_log.h"
 #include "vexa/base/unique_fd.h"
 #include "vexa/ipc/context_object.h"
@@ -26,12 +27,6 @@ namespace VEXA::samgr {
 namespace {
 
 using std::chrono::steady_clock;
-
-// How long programs may take to end after SIGTERM, and after SIGKILL.
-constexpr std::chrono::milliseconds kStopTime(2000);
-constexpr std::chrono::milliseconds kKillTime(1000);
-// How long services of a former manager have to register before the same ones are started anew.
-constexpr std::chrono::milliseconds kReturnTime(200);
 
 uint64_t Microseconds(steady_clock::time_point time)
 {
@@ -129,9 +124,13 @@ private:
         SAMGR_LOGI("the manager stops");
         table_->Stop();
         runner_->SignalAll(SIGTERM);
-        AddStopTimer(kStopTime, &Daemon::OnStopTimeOut);
-        AddStopTimer(kStopTime + kKillTime, &Daemon::OnKillTimeOut);
-        EndLoopAfterReaping();
+        AddStopTimer(kStopTime, [](auto*, uint64_t, void* data) {
+            static_cast<Daemon*>(data)->runner_->SignalAll(SIGKILL);
+            return 0;
+        });
+        AddStopTimer(kStopTime + kKillTime,
+            [](auto*, uint64_t, void* data) { return sd_event_exit(static_cast<Daemon*>(data)->loop_, 0); });
+        EndLoopWhenStopped();
     }
 
     void AddStopTimer(std::chrono::milliseconds after, sd_event_time_handler_t handler)
@@ -140,17 +139,11 @@ private:
             loop_, nullptr, CLOCK_MONOTONIC, Microseconds(steady_clock::now() + after), 1000, handler, this);
     }
 
-    // The runner still lists the program whose end it reports.
+    // Later, as the runner still lists the program whose end it reports.
     void EndLoopWhenStopped()
     {
-        if (stopping_) {
-            EndLoopAfterReaping();
-        }
-    }
-    void EndLoopAfterReaping()
-    {
         sd_event_source* check = nullptr;
-        if (sd_event_add_defer(loop_, &check, &Daemon::OnReaped, this) >= 0) {
+        if (stopping_ && sd_event_add_defer(loop_, &check, &Daemon::OnReaped, this) >= 0) {
             sd_event_source_set_floating(check, 1);
             sd_event_source_unref(check);
         }
@@ -183,15 +176,6 @@ private:
             daemon->Stop();
         }
         return 0;
-    }
-    static int OnStopTimeOut(sd_event_source*, uint64_t, void* data)
-    {
-        static_cast<Daemon*>(data)->runner_->SignalAll(SIGKILL);
-        return 0;
-    }
-    static int OnKillTimeOut(sd_event_source*, uint64_t, void* data)
-    {
-        return sd_event_exit(static_cast<Daemon*>(data)->loop_, 0);
     }
 
     const std::vector<std::string> profileDirectories_;

@@ -6,12 +6,12 @@
 #include <functional>
 #include <string>
 
+#include "samgr_limits.h"
+
 namespace VEXA::samgr {
 
 class OutputLines {
 public:
-    static constexpr size_t kMaxLine = 1000;  // bytes; a longer line comes in pieces
-
     explicit OutputLines(std::function<void(const std::string&)> onLine) : onLine_(std::move(onLine)) {}
 
     void Take(const char* bytes, size_t count)
@@ -24,7 +24,7 @@ public:
             // Control characters could forge lines of the log, or command a terminal.
             const auto value = static_cast<unsigned char>(*byte);
             line_ += (value < ' ' && value != '\t') || value == 0x7f ? '?' : *byte;
-            if (line_.size() == kMaxLine) {
+            if (line_.size() == kMaxOutputLine) {
                 Flush();
             }
         }

@@ -20,9 +20,6 @@ namespace VEXA::samgr {
 
 namespace {
 
-constexpr size_t kMaxProfileBytes = size_t{64} * 1024;
-constexpr double kMaxStartSeconds = 300;
-
 using JsonRoot = std::unique_ptr<cJSON, decltype(&cJSON_Delete)>;
 
 // Reads the fields of one profile; the first fault is kept.
@@ -60,6 +57,21 @@ private:
         }
     }
 
+    // Has `take` read each child of a list or object, if the key is there; false is a fault.
+    template <typename Take>
+    void ReadChildren(const char* key, cJSON_bool (*isRightKind)(const cJSON*), const char* kind, const Take& take)
+    {
+        const cJSON* parent = Item(key);
+        bool isRight = parent == nullptr || isRightKind(parent) != 0;
+        for (const cJSON* item = parent != nullptr ? parent->child : nullptr; isRight && item != nullptr;
+             item = item->next) {
+            isRight = take(item);
+        }
+        if (!isRight) {
+            Fault("\"" + std::string(key) + "\" must be " + kind);
+        }
+    }
+
     void CheckKeys()
     {
         static const std::set<std::string> known = {
@@ -94,35 +106,20 @@ private:
 
     void ReadArguments(std::vector<std::string>& arguments)
     {
-        const cJSON* list = Item("arguments");
-        if (list != nullptr && !cJSON_IsArray(list)) {
-            Fault("\"arguments\" must be a list of texts");
-            return;
-        }
-        for (const cJSON* item = list != nullptr ? list->child : nullptr; item != nullptr; item = item->next) {
-            if (!cJSON_IsString(item)) {
-                Fault("\"arguments\" must be a list of texts");
-                return;
-            }
-            arguments.emplace_back(item->valuestring);
-        }
+        ReadChildren("arguments", &cJSON_IsArray, "a list of texts", [&arguments](const cJSON* item) {
+            arguments.emplace_back(cJSON_IsString(item) ? item->valuestring : "");
+            return cJSON_IsString(item) != 0;
+        });
     }
 
     void ReadEnvironment(std::map<std::string, std::string>& environment)
     {
-        const cJSON* object = Item("environment");
-        if (object != nullptr && !cJSON_IsObject(object)) {
-            Fault("\"environment\" must be an object of texts");
-            return;
-        }
-        for (const cJSON* item = object != nullptr ? object->child : nullptr; item != nullptr; item = item->next) {
+        const auto take = [&environment](const cJSON* item) {
             const std::string name = item->string;
-            if (!cJSON_IsString(item) || name.empty() || name.find('=') != std::string::npos) {
-                Fault("\"environment\" must be an object of texts, its keys names of variables");
-                return;
-            }
-            environment[name] = item->valuestring;
-        }
+            environment[name] = cJSON_IsString(item) ? item->valuestring : "";
+            return cJSON_IsString(item) && !name.empty() && name.find('=') == std::string::npos;
+        };
+        ReadChildren("environment", &cJSON_IsObject, "an object of texts, its keys names of variables", take);
     }
 
     void ReadStartTimeout(std::chrono::milliseconds& timeout)
@@ -131,12 +128,13 @@ private:
         if (item == nullptr) {
             return;
         }
-        const double seconds = cJSON_IsNumber(item) ? item->valuedouble : 0;
-        if (!(seconds >= 0.001 && seconds <= kMaxStartSeconds)) {
-            Fault("\"startTimeout\" must be a number of seconds up to 300");
+        using Milliseconds = std::chrono::duration<double, std::milli>;
+        const Milliseconds value(cJSON_IsNumber(item) ? item->valuedouble * 1000 : 0);
+        if (!(value >= std::chrono::milliseconds(1) && value <= kMaxStartTimeout)) {
+            Fault("\"startTimeout\" must be a number of seconds up to " + std::to_string(kMaxStartTimeout.count()));
             return;
         }
-        timeout = std::chrono::milliseconds(static_cast<int64_t>(seconds * 1000));
+        timeout = std::chrono::duration_cast<std::chrono::milliseconds>(value);
     }
 
     // A service that registers again with the next manager is not that one's child: it must be allowed as a user.
@@ -157,17 +155,11 @@ private:
 
     void ReadUsers(const char* key, UserList& users)
     {
-        const cJSON* list = Item(key);
-        if (list != nullptr && !cJSON_IsArray(list)) {
-            Fault("\"" + std::string(key) + "\" must be a list of users");
-            return;
-        }
-        for (const cJSON* item = list != nullptr ? list->child : nullptr; item != nullptr; item = item->next) {
-            ReadUser(key, item, users);
-        }
+        ReadChildren(key, &cJSON_IsArray, "a list of users that are known",
+            [&users](const cJSON* item) { return ReadUser(item, users); });
     }
 
-    void ReadUser(const char* key, const cJSON* item, UserList& users)
+    static bool ReadUser(const cJSON* item, UserList& users)
     {
         uid_t uid = 0;
         if (cJSON_IsString(item) && std::string(item->valuestring) == "*") {
@@ -178,8 +170,9 @@ private:
         } else if (cJSON_IsString(item) && FindUid(item->valuestring, uid)) {
             users.uids.push_back(uid);
         } else {
-            Fault("\"" + std::string(key) + "\" names a user that is not known");
+            return false;
         }
+        return true;
     }
 
     const cJSON* root_;
@@ -204,7 +197,7 @@ bool ReadText(const std::filesystem::path& path, std::string& text, std::string&
     while ((count = read(file.Get(), chunk.data(), chunk.size())) > 0) {
         text.append(chunk.data(), static_cast<size_t>(count));
         if (text.size() > kMaxProfileBytes) {
-            error = "is larger than 64 KiB";
+            error = "is larger than " + std::to_string(kMaxProfileBytes) + " bytes";
             return false;
         }
     }

@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "samgr_limits.h"
+
 namespace VEXA::samgr {
 
 // The users that may do something.
@@ -30,7 +32,7 @@ struct Profile {
     std::string user;       // empty: the manager's own
     std::string directory;  // empty: /
     std::map<std::string, std::string> environment;
-    std::chrono::milliseconds startTimeout{5000};
+    std::chrono::milliseconds startTimeout = kStartTimeout;
     UserList registrars;
     UserList lookup;
 };

@@ -10,14 +10,12 @@
 
 #include "daemon/output_lines.h"
 #include "daemon/spawn.h"
+#include "samgr_limits.h"
 #include "samgr_log.h"
 
 namespace VEXA::samgr {
 
 namespace {
-
-// The most that is read of a program that has ended: what it starts may hold its pipe, and write on.
-constexpr int kLastReads = 16;
 
 void LogLine(const std::string& name, pid_t pid, const std::string& line)
 {

@@ -3,6 +3,8 @@
 
 #include <algorithm>
 
+#include "samgr_limits.h"
+
 namespace VEXA::samgr {
 
 void RestartThrottle::Note(const Death& death)
@@ -15,18 +17,20 @@ void RestartThrottle::Note(const Death& death)
         deaths_ = 0;
         return;
     }
-    deaths_ = death.end - last_ < kForget ? deaths_ + 1 : 1;
+    deaths_ = death.end - last_ < kForgetDeaths ? deaths_ + 1 : 1;
     last_ = death.end;
 }
 
 RestartThrottle::TimePoint RestartThrottle::EarliestStart(TimePoint now) const
 {
-    if (deaths_ < kFreeDeaths || now - last_ >= kForget) {
+    if (deaths_ < kFreeDeaths || now - last_ >= kForgetDeaths) {
         return now;
     }
-    constexpr size_t kDoublings = 5;
-    const auto factor = 1 << std::min(deaths_ - kFreeDeaths, kDoublings);
-    return std::max(now, last_ + std::min(kFirstDelay * factor, kMaxDelay));
+    auto delay = kFirstDelay;
+    for (size_t deaths = kFreeDeaths; deaths < deaths_ && delay < kMaxDelay; ++deaths) {
+        delay *= 2;
+    }
+    return std::max(now, last_ + std::min(delay, kMaxDelay));
 }
 
 }  // namespace VEXA::samgr

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <utility>
 
+#include "samgr_limits.h"
 #include "samgr_log.h"
 
 namespace VEXA::samgr {

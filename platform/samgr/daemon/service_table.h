@@ -32,8 +32,6 @@ public:
     using TimePoint = std::chrono::steady_clock::time_point;
     using LoadDone = std::function<void(const LoadOutcome&)>;
 
-    static constexpr size_t kMaxWaitingLoads = 1024;  // of one service
-
     struct Setting {
         ProgramStarter* starter = nullptr;
         std::function<TimePoint()> now;

@@ -23,8 +23,9 @@ enum SamgrError : int32_t {
     SAMGR_BUSY = 8,  // too many loads wait for it, or the manager is stopping; try again later
 };
 
-// Every operation is a request that the manager answers at once; one that hangs is waited for, at most 8 s. The
-// synchronous load waits for its own time-out instead. All may be called from any thread.
+// Every operation is a request that the manager answers at once; one that hangs is waited for, at most
+// kManagerWaitSeconds (docs/manager.md). The synchronous load waits for its own time-out instead. All may be called from
+// any thread.
 class VEXA_EXPORT ISystemAbilityManager : public IRemoteBroker {
 public:
     DECLARE_INTERFACE_DESCRIPTOR(u"VEXA.ISystemAbilityManager")

@@ -48,11 +48,8 @@ public:
 
     // What the asynchronous load returns: other than SAMGR_OK, no callback follows.
     void SetAsyncResult(int32_t result);
-    // While held, accepted asynchronous loads wait for ReleaseCallbacks or TakeHeld. Otherwise the callback runs on
-    // another thread at once.
+    // While held, accepted asynchronous loads wait for TakeHeld. Otherwise the callback runs on another thread at once.
     void HoldCallbacks(bool hold);
-    // Runs the held ones on another thread, in order.
-    void ReleaseCallbacks();
     // Hands the held ones over; their callbacks are the caller's business.
     std::vector<PendingLoad> TakeHeld();
     // Waits until all callbacks that were started have returned.

@@ -1,0 +1,32 @@
+// SPDX-License-Identifier: Apache-2.0
+// The limits of the migration service.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+
+namespace VEXA::UpdateEngine {
+
+// Bytes of a manifest. A package with a larger one can't be migrated.
+inline constexpr size_t kMaxManifestBytes = 1024 * 1024;
+// Levels of directories in a package: every level holds two descriptors while it is copied.
+inline constexpr int kMaxTreeDepth = 200;
+// Bytes copied at once, so that a copy can be stopped and its progress be told.
+inline constexpr size_t kPieceBytes = 256 * 1024;
+// The longest sleep of a worker or a receiver's thread that has nothing to do.
+inline constexpr std::chrono::milliseconds kIdle = std::chrono::seconds(1);
+// How long the start waits for another process that uses the state.
+inline constexpr std::chrono::milliseconds kDatabaseWait = std::chrono::seconds(2);
+
+// Callbacks, and as many observers, that can be registered. Each costs a thread.
+inline constexpr size_t kMostReceivers = 256;
+// Time between two deliveries to one receiver, so that quick changes come together.
+inline constexpr std::chrono::milliseconds kReportInterval = std::chrono::milliseconds(100);
+// Entries that wait for a receiver until only the last of each task is kept. As one text they still fit a parcel.
+inline constexpr size_t kMostItems = 64 * 1024;
+// Bytes of the name that a caller registers an observer under, to bound the service's memory.
+inline constexpr size_t kLongestCaller = 1024;
+// SetBackupFileOwn requests that wait. One more is refused with MIGRATE_TOO_MANY.
+inline constexpr size_t kMostJobs = 64;
+
+}  // namespace VEXA::UpdateEngine
