@@ -23,7 +23,7 @@ inline constexpr size_t kMostReceivers = 256;
 // Time between two deliveries to one receiver, so that quick changes come together.
 inline constexpr std::chrono::milliseconds kReportInterval = std::chrono::milliseconds(100);
 // Entries that wait for a receiver until only the last of each task is kept. As one text they still fit a parcel.
-inline constexpr size_t kMostItems = 64 * 1024;
+inline constexpr size_t kMostItems = 65536;
 // Bytes of the name that a caller registers an observer under, to bound the service's memory.
 inline constexpr size_t kLongestCaller = 1024;
 // SetBackupFileOwn requests that wait. One more is refused with MIGRATE_TOO_MANY.

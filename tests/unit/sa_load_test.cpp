@@ -68,10 +68,18 @@ TEST_F(LoadSaServiceTest, WaitsForTheWordOfTheManager)
             Line(4, "found OnLoad result: failed"), CHECK_FAILED));
 
     // The outcomes before don't count.
+    manager_->TakeHeld();
     log_.Clear();
     EXPECT_FALSE(loader_->TryLoadSa(7));
     EXPECT_EQ(loader_->pauses, 102);
     EXPECT_THAT(log_.Messages(), ElementsAre(WAITING, Line(6, "CheckSaLoaded didn't get OnLoad result"), CHECK_FAILED));
+
+    log_.Clear();
+    manager_->TakeHeld().at(0).callback->OnLoadSystemAbilityFail(9);
+    manager_->SetAsyncResult(SAMGR_NO_PROFILE);
+    EXPECT_FALSE(loader_->TryLoadSa(7));
+    EXPECT_THAT(log_.Messages(), ElementsAre(Line(6, "SystemAbility Load fail the systemAbilityId is: 9"),
+                                     Line(6, "systemAbilityId: 7, load failed, result code: 2")));
 
     log_.Clear();
     const UnreachableManager none;

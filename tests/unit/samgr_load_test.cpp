@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include "pending_load.h"
+#include "registration.h"
+#include "system_ability_manager_proxy.h"
+#include "vexa/samgr/system_ability_load_callback_stub.h"
 #include "vexa/testing/scripted_remote_object.h"
 
 namespace VEXA::samgr {
@@ -28,12 +31,13 @@ protected:
     {
         corpse_->Die();
         manager_->SetHandler([this](uint32_t code, MessageParcel& data, MessageParcel&, MessageOption&) {
-            EXPECT_EQ(code, LOAD_SYSTEM_ABILITY);
             EXPECT_EQ(data.ReadInterfaceToken(), ISystemAbilityManager::GetDescriptor());
             EXPECT_EQ(data.ReadInt32(), kId);
             callback_ = data.ReadRemoteObject();
             const bool isDead = corpses_-- > 0;
-            return answers_ ? Report(callback_, {kId, SAMGR_OK, isDead ? corpse_ : living_, {}}) : int32_t{SAMGR_OK};
+            return code == LOAD_SYSTEM_ABILITY && answers_
+                       ? Report(callback_, {kId, SAMGR_OK, isDead ? corpse_ : living_, {}})
+                       : int32_t{SAMGR_OK};
         });
     }
     ~SamgrLoad() override { manager_->ClearRequests(); }
@@ -56,14 +60,17 @@ protected:
 
 TEST_F(SamgrLoad, AnObjectKnownToBeDeadIsAskedForAgainUntilTheDeadline)
 {
-    corpses_ = 3;
+    corpses_ = 12;
+    auto start = steady_clock::now();
     Ask();
+    EXPECT_GE(steady_clock::now() - start, 171ms);  // pauses of 1, 2, 4, 8, 16, and then 20 ms
+    EXPECT_LT(steady_clock::now() - start, 900ms);
     ASSERT_EQ(outcomes_.size(), 1U);
     EXPECT_TRUE(outcomes_[0].object == living_);
-    EXPECT_EQ(manager_->Requests().size(), 4U);
+    EXPECT_EQ(manager_->Requests().size(), 13U);
 
     corpses_ = 1000;  // a manager that never notices
-    const auto start = steady_clock::now();
+    start = steady_clock::now();
     Ask(60ms);
     EXPECT_LT(steady_clock::now() - start, 1s);
     ASSERT_EQ(outcomes_.size(), 2U);
@@ -95,6 +102,42 @@ TEST_F(SamgrLoad, ThereIsOneOutcomeAndNoneForTheAbandoned)
     ASSERT_EQ(outcomes_.size(), 2U);
     EXPECT_EQ(outcomes_[0].reason, "slow");
     EXPECT_EQ(outcomes_[1].error, IPC_DEAD_OBJECT);
+}
+
+TEST_F(SamgrLoad, NothingIsWaitedForLongerThanItsLimit)
+{
+    class Callback : public SystemAbilityLoadCallbackStub {
+        void OnLoadSystemAbilitySuccess(int32_t, const sptr<IRemoteObject>&) override {}
+        void OnLoadSystemAbilityFail(int32_t) override {}
+    };
+    SystemAbilityManagerProxy manager(manager_);
+    EXPECT_EQ(manager.CheckSystemAbility(kId), nullptr);
+    EXPECT_EQ(Register(manager_, kId, living_), SAMGR_OK);
+    EXPECT_EQ(Register(manager_, kId, nullptr), SAMGR_OK);
+    EXPECT_TRUE(manager.LoadSystemAbility(kId, 20, nullptr) == living_);
+    EXPECT_EQ(manager.LoadSystemAbility(kId, sptr<ISystemAbilityLoadCallback>(new Callback)), SAMGR_OK);
+    answers_ = false;
+    std::string reason;
+    auto start = steady_clock::now();
+    EXPECT_EQ(manager.LoadSystemAbility(kId, 0, &reason), nullptr);
+    EXPECT_GE(steady_clock::now() - start, 1s);
+    EXPECT_LT(steady_clock::now() - start, 2s);
+    EXPECT_EQ(reason, "not there within 1 s");
+    std::vector<std::pair<uint32_t, int32_t>> waits;  // seconds, by request
+    for (const auto& request : manager_->Requests()) {
+        waits.emplace_back(request.code, request.waitTime);
+    }
+    EXPECT_EQ(waits, (decltype(waits){{CHECK_SYSTEM_ABILITY, 8}, {ADD_SYSTEM_ABILITY, 8}, {REMOVE_SYSTEM_ABILITY, 8},
+                         {LOAD_SYSTEM_ABILITY, 8}, {LOAD_SYSTEM_ABILITY, 5}, {LOAD_SYSTEM_ABILITY, 1}}));
+
+    manager_->SetHandler([this](uint32_t, MessageParcel&, MessageParcel&, MessageOption&) {
+        manager_->Die();
+        return SAMGR_OK;
+    });
+    start = steady_clock::now();
+    EXPECT_EQ(manager.LoadSystemAbility(kId, 20, &reason), nullptr);
+    EXPECT_LT(steady_clock::now() - start, 400ms);
+    EXPECT_EQ(reason, "the manager has ended");
 }
 
 }  // namespace

@@ -28,6 +28,8 @@ TEST(SamgrProfile, NumbersAndUsersAreReadAndHaveDefaults)
     EXPECT_FALSE(profile.lookup.everyone);
 
     // Without more, everyone may look it up and the manager's user register it.
+    ASSERT_TRUE(ParseProfile(R"({"id": 2147483647, "program": "p", "startTimeout": 300})", profile, error)) << error;
+    EXPECT_EQ(profile.startTimeout, std::chrono::seconds(300));
     ASSERT_TRUE(ParseProfile(R"({"id": 1, "program": "p"})", profile, error)) << error;
     EXPECT_EQ(profile.startTimeout, std::chrono::seconds(5));
     EXPECT_TRUE(profile.registrars.Allows(geteuid()));
@@ -43,13 +45,15 @@ TEST(SamgrProfile, FaultsAreNamed)
         {R"({"id": 1, "program": "p"} x)", "JSON"},
         {std::string(R"({"id": 1, "program": "p"})") + '\0', "JSON"},
         {R"({"program": "p"})", "id"},
+        {R"({"id": 0, "program": "p"})", "id"},
         {R"({"id": 1.5, "program": "p"})", "id"},
         {R"({"id": 2147483648, "program": "p"})", "id"},
         {R"({"id": 1, "program": ""})", "program"},
         {R"({"id": 1, "program": "p", "arguements": []})", "arguements"},
         {R"({"id": 1, "program": "p", "arguments": [1]})", "arguments"},
         {R"({"id": 1, "program": "p", "environment": {"A=B": "c"}})", "environment"},
-        {R"({"id": 1, "program": "p", "startTimeout": 301})", "startTimeout"},
+        {R"({"id": 1, "program": "p", "startTimeout": 0})", "startTimeout"},
+        {R"({"id": 1, "program": "p", "startTimeout": 300.1})", "startTimeout"},
         {R"({"id": 1, "program": "p", "user": "no such user"})", "no such user"},
         {R"({"id": 1, "program": "p", "register": [4294967295]})", "register"},
         {R"({"id": 1, "program": "p", "lookup": "root"})", "lookup"},
@@ -69,14 +73,16 @@ TEST(SamgrProfile, DirectoriesAreReadInOrderAndTheFirstOfAnIdentifierWins)
     const auto write = [&](const char* name, const std::string& text) { std::ofstream(folder + "/" + name) << text; };
     write("b.json", R"({"id": 1, "program": "second"})");
     write("a.json", R"({"id": 1, "program": "first"})");
-    write("c.json", R"({"id": 2, "program": "big"})" + std::string(64 * 1024, ' '));
+    const std::string large = R"({"id": 2, "program": "large"})";
+    write("c.json", large + std::string(65536 - large.size() + 1, ' '));
+    write("c2.json", large + std::string(65536 - large.size(), '\n'));
     write("d.json", "not a profile");
     write("e.txt", R"({"id": 3, "program": "other"})");
     std::filesystem::create_directory(folder + "/f.json");
     const auto profiles = ReadProfiles({folder + "/absent", folder});
     std::filesystem::remove_all(folder);
-    ASSERT_EQ(profiles.size(), 1U);
-    EXPECT_EQ(profiles[0]->program, "first");
+    ASSERT_EQ(profiles.size(), 2U);
+    EXPECT_EQ(profiles[0]->program + profiles[1]->program, "firstlarge");
 }
 
 TEST(SamgrOutput, LinesAreBoundedAndCanNotForgeOthers)

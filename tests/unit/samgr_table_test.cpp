@@ -1,9 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <csignal>
 
+#include "daemon/manager_stub.h"
 #include "daemon/service_table.h"
+#include "registration.h"
+#include "system_ability_manager_proxy.h"
 #include "vexa/testing/scripted_remote_object.h"
 
 namespace VEXA::samgr {
@@ -214,13 +218,60 @@ TEST_F(SamgrTable, CrashLoopIsSlowedUntilAProgramLivesAndKilledProgramsAreNot)
         if (pid % 2 == 0) {
             Register(pid);
         }
+        now_ += 999ms;
         End(pid, SIGABRT);
     }
+    const auto crash = [this] { End(999 + starter_.starts, SIGABRT); };
     expectWait(3200ms);
+    now_ += 6799ms;  // 9,999 ms after the last death: not yet forgotten
+    crash();
+    expectWait(3200ms);
+    now_ += 6800ms;
+    for (int death = 1; death < 5; ++death) {
+        crash();
+        expectWait(0ms);
+    }
+    crash();
+    expectWait(100ms);
     Register(999 + starter_.starts);
     now_ += 1s;
-    End(999 + starter_.starts, SIGABRT);
+    crash();
     expectWait(0ms);
+}
+
+// As clients reach it.
+TEST_F(SamgrTable, RequestsReachTheTableAndItsAnswersTheirCallers)
+{
+    const sptr<IRemoteObject> manager(new ManagerStub(table_));
+    const sptr<IRemoteObject> object(new Proxy);
+    const auto load = [&](const sptr<IRemoteObject>& callback) {
+        MessageParcel data;
+        MessageParcel reply;
+        MessageOption option;
+        EXPECT_TRUE(WriteHead(data, kId) && (callback == nullptr || data.WriteRemoteObject(callback)));
+        return manager->SendRequest(LOAD_SYSTEM_ABILITY, data, reply, option);
+    };
+    EXPECT_EQ(samgr::Register(manager, kId, object), SAMGR_NOT_ALLOWED);
+    EXPECT_EQ(samgr::Register(manager, kId + 1, object), SAMGR_NO_PROFILE);
+    EXPECT_EQ(table_->Add(kId, {getpid(), kServiceUser}, object), SAMGR_OK);
+    EXPECT_EQ(samgr::Register(manager, kId, object), SAMGR_NOT_ALLOWED);  // the process, but another user
+    EXPECT_TRUE(SystemAbilityManagerProxy(manager).CheckSystemAbility(kId) == object);
+    EXPECT_EQ(load(nullptr), SAMGR_BAD_REQUEST);
+    EXPECT_EQ(load(manager), SAMGR_BAD_REQUEST) << "it is in the manager's own process";
+    const sptr<ScriptedRemoteObject> callback(new ScriptedRemoteObject);
+    callback->QueueAnswer(IPC_FAILED);
+    EXPECT_EQ(load(callback), SAMGR_OK);
+    std::vector<sptr<IRemoteObject>> handed;
+    for (const auto& request : callback->Requests()) {
+        EXPECT_EQ(request.code, LOAD_SUCCEEDED);
+        EXPECT_EQ(request.flags, MessageOption::TF_ASYNC);
+        request.data->ReadInterfaceToken();
+        request.data->ReadInt32();
+        handed.push_back(request.data->ReadRemoteObject());
+    }
+    EXPECT_EQ(handed, (decltype(handed){object, nullptr})) << "what can't be handed over is to be asked for again";
+    EXPECT_EQ(samgr::Register(manager, kId, nullptr), SAMGR_OK);
+    EXPECT_EQ(table_->Check(kId, kClient), nullptr);
 }
 
 }  // namespace

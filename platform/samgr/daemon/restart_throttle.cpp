@@ -23,7 +23,7 @@ void RestartThrottle::Note(const Death& death)
 
 RestartThrottle::TimePoint RestartThrottle::EarliestStart(TimePoint now) const
 {
-    if (deaths_ < kFreeDeaths || now - last_ >= kForgetDeaths) {
+    if (deaths_ < kFreeDeaths) {
         return now;
     }
     auto delay = kFirstDelay;
