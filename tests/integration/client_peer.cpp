@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-//   client_peer ID [FILE]   serves ID until its manager has gone; appends a line with ID to FILE when it starts
+//   client_peer ID   serves ID until its manager has gone
 //
 // A migration service without a migration. The error number of StartMigrate's answer is the process id, and each
 // StartMigrate sends one event to the callback that is registered.
@@ -7,8 +7,6 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <fstream>
-#include <map>
 #include <string>
 #include <thread>
 
@@ -45,11 +43,6 @@ public:
             case uint32_t(MigrateRequestCode::UNREGISTER_PROGRESS_CALLBACK):
                 callback_ = nullptr;
                 return 0;
-            case uint32_t(MigrateRequestCode::REGISTER_RESERVE_OBSERVER): {
-                const std::string caller = data.ReadString();
-                observers_[caller] = data.ReadRemoteObject();
-                return 0;
-            }
             case PEER_PID:
                 return reply.WriteInt32(getpid()) ? 0 : 1;
             default:
@@ -79,7 +72,6 @@ private:
 
     Mutex mutex_{LockRank::Program};
     sptr<IRemoteObject> callback_ VEXA_GUARDED_BY(mutex_);
-    std::map<std::string, sptr<IRemoteObject>> observers_ VEXA_GUARDED_BY(mutex_);
 };
 
 }  // namespace
@@ -89,9 +81,6 @@ int main(int argc, char** argv)
     const pid_t parent = getppid();
     if (argc < 2) {
         return 1;
-    }
-    if (argc > 2) {
-        std::ofstream(argv[2], std::ios::app) << argv[1] << std::endl;
     }
     // On a machine under load the manager may take its time.
     sptr<ISystemAbilityManager> manager;

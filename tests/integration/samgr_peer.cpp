@@ -60,13 +60,6 @@ int Serve(sptr<ISystemAbilityManager> manager, int32_t id)
     return 1;
 }
 
-int Load(ISystemAbilityManager& manager, int32_t id)
-{
-    const int32_t pid = LoadedPid(manager, id);
-    printf("%d\n", pid);
-    return pid > 0 ? 0 : 1;
-}
-
 }  // namespace
 
 int main(int argc, char** argv)
@@ -75,5 +68,10 @@ int main(int argc, char** argv)
     if (argc < 3 || manager == nullptr) {
         return 2;
     }
-    return argv[1] == std::string("serve") ? Serve(manager, atoi(argv[2])) : Load(*manager, atoi(argv[2]));
+    if (argv[1] == std::string("serve")) {
+        return Serve(manager, atoi(argv[2]));
+    }
+    const int32_t pid = LoadedPid(*manager, atoi(argv[2]));
+    printf("%d\n", pid);
+    return pid > 0 ? 0 : 1;
 }

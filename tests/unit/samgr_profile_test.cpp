@@ -40,24 +40,16 @@ TEST(SamgrProfile, NumbersAndUsersAreReadAndHaveDefaults)
 
 TEST(SamgrProfile, FaultsAreNamed)
 {
-    const std::pair<std::string, const char*> cases[] = {
-        {R"([{"id": 1, "program": "p"}])", "JSON"},
-        {R"({"id": 1, "program": "p"} x)", "JSON"},
-        {std::string(R"({"id": 1, "program": "p"})") + '\0', "JSON"},
-        {R"({"program": "p"})", "id"},
-        {R"({"id": 0, "program": "p"})", "id"},
-        {R"({"id": 1.5, "program": "p"})", "id"},
-        {R"({"id": 2147483648, "program": "p"})", "id"},
-        {R"({"id": 1, "program": ""})", "program"},
-        {R"({"id": 1, "program": "p", "arguements": []})", "arguements"},
-        {R"({"id": 1, "program": "p", "arguments": [1]})", "arguments"},
-        {R"({"id": 1, "program": "p", "environment": {"A=B": "c"}})", "environment"},
-        {R"({"id": 1, "program": "p", "startTimeout": 0})", "startTimeout"},
-        {R"({"id": 1, "program": "p", "startTimeout": 300.1})", "startTimeout"},
-        {R"({"id": 1, "program": "p", "user": "no such user"})", "no such user"},
-        {R"({"id": 1, "program": "p", "register": [4294967295]})", "register"},
-        {R"({"id": 1, "program": "p", "lookup": "root"})", "lookup"},
-    };
+    const std::string sound = R"({"id": 1, "program": "p"})";
+    std::vector<std::pair<std::string, std::string>> cases{{"[" + sound + "]", "JSON"}, {sound + " x", "JSON"},
+        {sound + '\0', "JSON"}, {R"({"program": "p"})", "id"}, {R"({"id": 1})", "program"}};
+    // The first member of a name counts, and each fault names it.
+    for (const std::string member : {R"("id": 0)", R"("id": 1.5)", R"("id": 2147483648)", R"("program": "")",
+             R"("arguements": [])", R"("arguments": [1])", R"("arguments": {})", R"("environment": {"A=B": "c"})",
+             R"("environment": ["a"])", R"("startTimeout": 0)", R"("startTimeout": 300.1)", R"("user": "no such user")",
+             R"("register": [4294967295])", R"("register": [-1])", R"("lookup": ["12x"])", R"("lookup": "root")"}) {
+        cases.emplace_back("{" + member + ", " + sound.substr(1), member.substr(1, member.find('"', 1) - 1));
+    }
     for (const auto& [text, fault] : cases) {
         Profile profile;
         std::string error;
@@ -89,11 +81,11 @@ TEST(SamgrOutput, LinesAreBoundedAndCanNotForgeOthers)
 {
     std::vector<std::string> lines;
     OutputLines output([&lines](const std::string& line) { lines.push_back(line); });
-    const std::string text = "one\n\ntw\x1b[31mo\r\n" + std::string(1001, 'x') + "\nla";
+    const std::string text = "one\n\ntw\x1b[31mo\r\x7f\t\n" + std::string(1001, 'x') + "\nla";
     output.Take(text.data(), text.size());
     output.Take("st", 2);
     output.Flush();
-    EXPECT_EQ(lines, (std::vector<std::string>{"one", "tw?[31mo?", std::string(1000, 'x'), "x", "last"}));
+    EXPECT_EQ(lines, (std::vector<std::string>{"one", "tw?[31mo??\t", std::string(1000, 'x'), "x", "last"}));
 }
 
 }  // namespace

@@ -168,6 +168,9 @@ TEST_F(ServiceCallbacks, ThereIsAnEndToHowManyAreKept)
     EXPECT_EQ(
         Ask(Code::REGISTER_PROGRESS_CALLBACK, sptr<IRemoteObject>(object)), MIGRATE_RESULT_OFFSET + MIGRATE_TOO_MANY);
     EXPECT_TRUE(hub->AddProgress(1, object, nullptr));  // in place of its own
+    const std::string caller(1025, 'c');
+    EXPECT_NE(Ask(Code::REGISTER_RESERVE_OBSERVER, caller.c_str(), sptr<IRemoteObject>(object)), 0);
+    EXPECT_EQ(Ask(Code::REGISTER_RESERVE_OBSERVER, caller.c_str() + 1, sptr<IRemoteObject>(object)), 0);
 }
 
 TEST_F(ServiceCallbacks, AnObserverHearsOfEveryRestorationUntilItIsWithdrawn)

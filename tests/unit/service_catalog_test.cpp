@@ -53,7 +53,7 @@ TEST_F(ServiceCatalog, BadManifestsAndNamesAreFaults)
         folders_.AddPackage("p", 1, manifest);
         return ReadAll().at(0).fault.code;
     };
-    const std::string large = "{\"bundleName\":\"" + std::string(1100000, 'x') + "\"}";
+    const std::string large = "{}" + std::string(1048576 - 1, ' ');
     for (const std::string& manifest : {std::string("{"), std::string(R"({"user":"root"})"), large}) {
         EXPECT_EQ(faultOf(manifest), MIGRATE_ERROR_MANIFEST) << manifest.substr(0, 60);
     }
@@ -61,6 +61,7 @@ TEST_F(ServiceCatalog, BadManifestsAndNamesAreFaults)
         EXPECT_EQ(faultOf("{\"target\":\"" + name + "\"}"), MIGRATE_ERROR_NAME) << name;
     }
     EXPECT_EQ(faultOf(R"({"target":"..fine"})"), 0);
+    EXPECT_EQ(faultOf(large.substr(0, 1048576)), 0);
     // A manifest that leads elsewhere is not read.
     fs::remove(folders_.Source() / "p" / "manifest.json");
     Folders::Write(folders_.Root() / "secret", "{}");

@@ -88,11 +88,12 @@ TEST_F(ServiceTree, EverythingOfATreeArrivesAndCanBeRemoved)
 TEST_F(ServiceTree, WhatCanNotBeCopiedIsNamed)
 {
     folders_.AddUnsupported("pipe");
-    fs::path deep = folders_.Source() / "deep";
-    for (int i = 0; i <= 200 + 1; ++i) {
-        deep /= "d";
+    std::string levels;
+    for (int i = 0; i < 200; ++i) {
+        levels += "/d";
     }
-    fs::create_directories(deep);
+    fs::create_directories(folders_.Source().string() + "/fits" + levels);
+    fs::create_directories(folders_.Source().string() + "/deep" + levels + "/d");
     fs::create_directories(folders_.Source() / "taken");
     fs::create_directory_symlink("/etc", folders_.Source() / "link");
     const auto expectFault = [this](const char* name, int32_t code, const char* reason) {
@@ -102,6 +103,7 @@ TEST_F(ServiceTree, WhatCanNotBeCopiedIsNamed)
         EXPECT_TRUE(Remove()) << name;
     };
     expectFault("pipe", MIGRATE_ERROR_UNSUPPORTED, "pipe: is no file");
+    expectFault("fits", 0, "");
     expectFault("deep", MIGRATE_ERROR_UNSUPPORTED, "nested too deeply");
     expectFault("absent", MIGRATE_ERROR_UNREADABLE, "No such");
     expectFault("link", MIGRATE_ERROR_UNREADABLE, "");
