@@ -24,8 +24,8 @@ enum SamgrError : int32_t {
 };
 
 // Every operation is a request that the manager answers at once; one that hangs is waited for, at most
-// kManagerWaitSeconds (docs/manager.md). The synchronous load waits for its own time-out instead. All may be called from
-// any thread.
+// kManagerWaitSeconds (docs/manager.md). The synchronous load waits for its own time-out instead. All may be called
+// from any thread.
 class VEXA_EXPORT ISystemAbilityManager : public IRemoteBroker {
 public:
     DECLARE_INTERFACE_DESCRIPTOR(u"VEXA.ISystemAbilityManager")
