@@ -20,8 +20,9 @@ public:
     // The types of a parameter. Their order is their number on the wire: new ones go to the end.
     using Value = std::variant<bool, int32_t, int64_t, double, std::string, std::vector<std::string>>;
 
-    // Most parameters, and most texts in one list, that a want can travel with.
+    // Most parameters that a want can travel with.
     static constexpr uint32_t MAX_PARAMS = 1024;
+    // Most strings in one of its lists.
     static constexpr uint32_t MAX_LIST = 16384;
 
     Want& SetAction(const std::string& action);
