@@ -69,7 +69,8 @@ table() {
     [[ -f "$1" ]] || die "$1: there is no such header"
     if grep -q '^ *RANK(' "$1"; then
         printf '| | rank | guards |\n|--:|---|---|\n'
-        sed -nE 's/^ *RANK\(([A-Za-z]+), "(.*)"\).*/\1\t\2/p' "$1" |
+        sed -z 's/ *\\\n */ /g' "$1" | grep -oE 'RANK\([A-Za-z]+, "[^"]*"\)' |
+            sed -E 's/^RANK\(([A-Za-z]+), "(.*)"\)$/\1\t\2/' |
             awk -F '\t' '{ printf "| %d | `%s` | %s |\n", NR, $1, $2 }'
         return
     fi
