@@ -43,6 +43,8 @@ public:
             case uint32_t(MigrateRequestCode::UNREGISTER_PROGRESS_CALLBACK):
                 callback_ = nullptr;
                 return 0;
+            case uint32_t(MigrateRequestCode::REGISTER_RESERVE_OBSERVER):
+                return 0;
             case PEER_PID:
                 return reply.WriteInt32(getpid()) ? 0 : 1;
             default:
