@@ -2,7 +2,7 @@
 # The transport between real processes. The programs hold the transport's objects, so that its tables can be asked.
 nm_test_program(ipc_peer SOURCES ipc_peer.cpp USES vexa_ipc)
 set_target_properties(ipc_peer PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/tests/bin")
-foreach(area requests objects bad_peers)
+foreach(area requests objects)
     nm_test(ipc_${area}_test SOURCES ipc_${area}_test.cpp USES vexa_ipc PROGRAMS ipc_peer LABELS integration)
 endforeach()
 

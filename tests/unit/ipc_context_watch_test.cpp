@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The word that a context object has been published anew, whatever becomes of the runtime directory.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/inotify.h>
 #include <sys/syscall.h>
 
@@ -12,6 +14,7 @@
 
 #include "support/processes.h"
 #include "vexa/ipc/context_object.h"
+#include "vexa/ipc/ipc_object_stub.h"
 
 namespace {
 
@@ -77,6 +80,13 @@ TEST(ContextWatch, HearsOfAnotherContextObjectAlsoInADirectoryMadeAnew)
     fs::create_directories(directory);
     expectNews("removed, and watched at its first or second look");
     EXPECT_EQ(published, expected);
+
+    const int another = open((directory / "samgr.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    ASSERT_EQ(flock(another, LOCK_EX), 0);
+    EXPECT_FALSE(PublishContextObject(new IPCObjectStub)) << "another has the directory";
+    close(another);
+    EXPECT_TRUE(PublishContextObject(new IPCObjectStub));
+    EXPECT_FALSE(PublishContextObject(new IPCObjectStub));
 }
 
 }  // namespace

@@ -1,0 +1,153 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the tests of the transport's layers share: sockets whose other end is the test's, and a Transport whose work is
+// done step by step, on the test's thread.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "runtime_paths.h"
+#include "support/processes.h"
+#include "transport.h"
+#include "vexa/ipc/ipc_object_stub.h"
+
+namespace VEXA::ipc {
+
+using namespace std::chrono_literals;
+using test::Eventually;
+
+inline Deadline Now()
+{
+    return std::chrono::steady_clock::now();
+}
+
+// In place of StartThread: the test does the work.
+inline bool StartNone(const char*, const std::function<void()>&)
+{
+    return true;
+}
+
+struct SocketPair {
+    explicit SocketPair(int type = SOCK_STREAM)
+    {
+        int ends[2] = {-1, -1};
+        EXPECT_EQ(socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, ends), 0);
+        near = UniqueFd::Make([&] { return ends[0]; });
+        far = UniqueFd::Make([&] { return ends[1]; });
+    }
+    UniqueFd near;
+    UniqueFd far;
+};
+
+template <typename T>
+std::string Bytes(const T& value)
+{
+    return std::string(reinterpret_cast<const char*>(&value), sizeof(value));
+}
+
+inline std::string FrameOf(FrameHeader header, size_t dataBytes = 0)
+{
+    header.bytes = static_cast<uint32_t>(dataBytes);
+    std::string frame = Bytes(header);
+    for (size_t i = 0; i < dataBytes; ++i) {
+        frame.push_back(static_cast<char>(i * 31));
+    }
+    return frame;
+}
+inline std::string FrameOf(FrameKind kind, size_t dataBytes = 0)
+{
+    return FrameOf(MakeHeader(kind), dataBytes);
+}
+
+inline std::string Times(size_t count, const std::string& bytes)
+{
+    std::string all;
+    for (; count > 0; --count) {
+        all += bytes;
+    }
+    return all;
+}
+
+inline void Write(const UniqueFd& fd, const std::string& bytes)
+{
+    EXPECT_EQ(SendAll(fd.Get(), bytes.data(), bytes.size(), Now()), Transfer::DONE);
+}
+
+// Reads all that has come; true when the other end has closed the connection.
+inline bool HasEnded(const UniqueFd& fd, std::string* bytes = nullptr)
+{
+    std::string piece(65536, '\0');
+    for (size_t moved = 0;;) {
+        const Transfer result = ReceiveNow(fd.Get(), piece.data(), piece.size(), moved);
+        if (result != Transfer::DONE) {
+            return result != Transfer::WOULD_BLOCK;
+        }
+        if (bytes != nullptr) {
+            bytes->append(piece, 0, moved);
+        }
+    }
+}
+
+// Another process, as far as the transport can tell, whose frames the test writes.
+struct Stranger {
+    EndpointId id = RandomNumber();
+    UniqueFd listener = ListenAt(EndpointPath(id));
+    UniqueFd link;     // on which it has greeted
+    ChannelKey key{};  // that the transport has issued to it
+};
+
+class TransportTest : public testing::Test {
+protected:
+    TransportTest() { EXPECT_TRUE(CreateRuntimeDirectory() && transport_.Start()); }
+    ~TransportTest() override
+    {
+        transport_.Loop().CutAll();
+        Deal();
+    }
+
+    // Does what the reactor's thread does with all that has arrived.
+    void Deal()
+    {
+        for (int turn = 0; turn < 100; ++turn) {
+            transport_.Loop().Turn(false);
+        }
+    }
+    // A connection to the transport on which these bytes have arrived.
+    UniqueFd Say(const std::string& bytes)
+    {
+        UniqueFd fd = ConnectTo(EndpointPath(transport_.Id()));
+        Write(fd, bytes);
+        Deal();
+        return fd;
+    }
+    // One that has greeted and, unless it is `mute`, has answered the transport's greeting: it is known to live.
+    Stranger Meet(bool mute = false)
+    {
+        Stranger stranger;
+        stranger.link = Say(Bytes(MakeHello(FrameKind::HELLO, ConnectionUse::LINK, stranger.id)));
+        if (!mute) {
+            Write(stranger.link, Bytes(MakeHello(FrameKind::KEY, ConnectionUse::LINK, stranger.id)));
+            Deal();
+        }
+        HelloFrame answer{};
+        EXPECT_EQ(recv(stranger.link.Get(), &answer, sizeof(answer), MSG_DONTWAIT), ssize_t{sizeof(answer)});
+        stranger.key = answer.body.key;
+        return stranger;
+    }
+
+    // A transport is never destroyed.
+    static Transport& Make()
+    {
+        static const test::TestRuntime runtime;
+        static auto& all = *new std::vector<std::unique_ptr<Transport>>;
+        return *all.emplace_back(std::make_unique<Transport>(&StartNone));
+    }
+    Transport& transport_ = Make();
+    PeerDirectory& peers_ = transport_.Peers();
+};
+
+}  // namespace VEXA::ipc

@@ -1,0 +1,303 @@
+// SPDX-License-Identifier: Apache-2.0
+// What another process may say, and what is done with what it says: greetings, sessions, objects on their way, deaths.
+#include <sys/wait.h>
+
+#include "ipc_fixture.h"
+#include "object_transfer.h"
+#include "vexa/ipc/message_option.h"
+
+namespace VEXA::ipc {
+namespace {
+
+using enum FrameKind;
+constexpr ConnectionUse LINK = ConnectionUse::LINK;
+constexpr ConnectionUse CHANNEL = ConnectionUse::CHANNEL;
+
+class CountingStub : public IPCObjectStub {
+public:
+    int calls = 0;
+    int32_t OnRemoteRequest(uint32_t, MessageParcel&, MessageParcel&, MessageOption&) override { return calls++; }
+};
+
+std::string Frame(FrameKind kind, ObjectId target = 0, uint64_t extra = 0)
+{
+    return Bytes(MakeHeader(kind, target, extra));
+}
+
+std::string Hello(EndpointId sender, ConnectionUse use = LINK, ChannelKey key = {}, FrameKind kind = HELLO)
+{
+    return Bytes(MakeHello(kind, use, sender, key));
+}
+
+std::string OneWay(ObjectId target, const std::vector<ObjectEntry>& objects)
+{
+    FrameHeader header = MakeHeader(ONE_WAY, target);
+    header.objects = static_cast<uint16_t>(objects.size());
+    std::string frame = Bytes(header);
+    for (const ObjectEntry& entry : objects) {
+        frame += Bytes(entry);
+    }
+    return frame;
+}
+
+class IpcPeers : public TransportTest {
+protected:
+    // A process of another number, which runs this; and its outcome.
+    static pid_t Elsewhere(const std::function<bool()>& run)
+    {
+        const pid_t child = fork();
+        if (child == 0) {
+            _exit(run() ? 0 : 1);
+        }
+        return child;
+    }
+    bool Succeeds(pid_t child)
+    {
+        int status = -1;
+        const auto ends = [&] { return Deal(), waitpid(child, &status, WNOHANG) == child; };
+        return Eventually(ends) && status == 0;
+    }
+    static bool HearsNothing(const UniqueFd& fd)
+    {
+        char said;
+        return recv(fd.Get(), &said, 1, 0) == 0;
+    }
+    bool RefusesFromElsewhere(const std::string& bytes)
+    {
+        return Succeeds(Elsewhere([&] {
+            const UniqueFd fd = ConnectTo(EndpointPath(transport_.Id()));
+            Write(fd, bytes);
+            return HearsNothing(fd);
+        }));
+    }
+    // Listens there as that user, for one connection.
+    static pid_t ListenElsewhere(const std::string& path, uid_t user)
+    {
+        const SocketPair ready;
+        const pid_t child = Elsewhere([&] {
+            const UniqueFd listener = setuid(user) == 0 ? ListenAt(path) : UniqueFd();
+            Write(ready.far, "1");
+            return WaitReadable(listener.Get(), 20s) && HearsNothing(AcceptFrom(listener));
+        });
+        EXPECT_TRUE(WaitReadable(ready.near.Get(), 20s));
+        return child;
+    }
+    static int32_t Send(const sptr<IRemoteObject>& to, const std::vector<sptr<IRemoteObject>>& objects)
+    {
+        MessageParcel data;
+        MessageParcel reply;
+        MessageOption option(MessageOption::TF_SYNC, 1);
+        for (const sptr<IRemoteObject>& object : objects) {
+            data.WriteRemoteObject(object);
+        }
+        return to->SendRequest(1, data, reply, option);
+    }
+};
+
+TEST_F(IpcPeers, AConnectionIsTakenByItsFirstFrame)
+{
+    const Stranger known = Meet();
+    const Stranger unknown;
+    HelloFrame newer = MakeHello(HELLO, LINK, known.id);
+    newer.body.version = 2;
+    const std::tuple<const char*, std::string, bool> rows[] = {
+        {"a link", Hello(unknown.id), true},
+        {"a channel", Hello(known.id, CHANNEL, known.key), true},
+        {"half a greeting", Hello(unknown.id).substr(0, 50), true},
+        {"an endpoint that nobody has", Hello(0x1234), false},
+        {"the transport's own endpoint", Hello(transport_.Id()), false},
+        {"a channel with another key", Hello(known.id, CHANNEL, {known.key.high, known.key.low + 1}), false},
+        {"a channel of an unknown process", Hello(0x1234, CHANNEL, known.key), false},
+        {"an unknown use", Hello(known.id, ConnectionUse(7)), false},
+        {"another version", Bytes(newer), false},
+        {"an answer that was not asked for", Hello(known.id, LINK, {}, HELLO_REPLY), false},
+        {"a key before any greeting", Hello(known.id, LINK, {}, KEY), false},
+        {"a request before any greeting", Frame(REQUEST), false},
+        {"a release before any greeting", Frame(RELEASE), false},
+        {"no frame", std::string(64, 'x'), false},
+    };
+    for (const auto& [name, bytes, isTaken] : rows) {
+        EXPECT_EQ(HasEnded(Say(bytes)), !isTaken) << name;
+    }
+    const Stranger living;
+    EXPECT_TRUE(RefusesFromElsewhere(Hello(living.id)));
+    EXPECT_TRUE(RefusesFromElsewhere(Hello(known.id, CHANNEL, known.key)));
+    // The name of a process that is leaving is free before the process has gone.
+    unlink(EndpointPath(known.id).c_str());
+    EXPECT_TRUE(RefusesFromElsewhere(Hello(known.id)));
+    EXPECT_FALSE(HasEnded(Say(Hello(known.id)))) << "its own second link";
+}
+
+TEST_F(IpcPeers, AGreetingIsAnsweredByWhomItIsFor)
+{
+    const Stranger other;
+    for (const auto& [kind, sender] : {std::pair(HELLO_REPLY, EndpointId{0}), {HELLO_REPLY, other.id}, {HELLO, 0}}) {
+        const bool isTaken = kind == HELLO_REPLY && sender == 0;
+        const Stranger asked;
+        const sptr<Peer> peer = peers_.PeerAt(asked.id);
+        const UniqueFd link = AcceptFrom(asked.listener);
+        Write(link, Hello(sender != 0 ? sender : asked.id, LINK, {1, 2}, kind));
+        Deal();
+        ChannelKey key;
+        EXPECT_EQ(peer->WaitForKey(Now(), key) && key == (ChannelKey{1, 2}), isTaken);
+        std::string said;
+        EXPECT_EQ(HasEnded(link, &said), !isTaken);
+        EXPECT_EQ(said.ends_with(Bytes(peer->IssuedKey())), isTaken) << "its own key";
+    }
+}
+
+TEST_F(IpcPeers, ASessionBearsSoMuch)
+{
+    const sptr<CountingStub> object(new CountingStub);
+    const Stranger third = Meet();
+    const ObjectId id = peers_.AddHolder(object, third.id);
+    const ObjectId others = peers_.AddHolder(new IPCObjectStub, third.id);
+    const EndpointId dead[] = {Meet().id, Meet().id, Meet().id, Meet().id, Meet().id};
+    const std::string largest = FrameOf(MakeHeader(ONE_WAY, id), 16777216).substr(0, 32);
+    // How often a frame is borne, and how often it is not; 0 is not tried.
+    const std::tuple<const char*, size_t, size_t, std::string> rows[] = {
+        {"calls of what it does not hold", 64, 80, Frame(ONE_WAY, others)},
+        {"grants of what it does not hold", 64, 80, Frame(GRANT, others, third.id)},
+        {"the receiver's objects that it does not hold", 64, 80, OneWay(id, {{transport_.Id(), others}})},
+        {"objects out of reach", 64, 80, OneWay(id, {{1, 1}, {2, 1}, {3, 1}, {4, 1}, {5, 1}})},
+        {"fewer of them", 80, 0, OneWay(id, {{1, 1}, {2, 1}, {3, 1}, {4, 1}})},
+        {"of known dead", 80, 0, OneWay(id, {{dead[0], 1}, {dead[1], 1}, {dead[2], 1}, {dead[3], 1}, {dead[4], 1}})},
+        {"grants of what it holds", 80, 0, Frame(GRANT, id, third.id)},
+        {"grants to nobody", 80, 0, Frame(GRANT, id, 0x1234)},
+        {"grants to the owner", 80, 0, Frame(GRANT, id, transport_.Id())},
+        {"taking back what was not granted", 80, 0, Frame(UNGRANT, others, third.id)},
+        {"one-way requests", 1024, 1025, Frame(ONE_WAY, id)},
+        {"the largest one, announced", 1, 0, largest},
+        {"the same behind another", 0, 1, FrameOf(MakeHeader(ONE_WAY, id), 4) + largest},
+        {"releases of what it does not hold", 80, 0, Frame(RELEASE, others, 4294967295)},
+        {"a larger one", 0, 1, Frame(RELEASE, others, 4294967296)},
+        {"a release with data", 0, 1, FrameOf(RELEASE, 4)},
+        {"an acknowledgement of what was not sent", 0, 1, Frame(ONE_WAY_ACK, 1, 0)},
+        {"of bytes", 0, 1, Frame(ONE_WAY_ACK, 0, 4)},
+        {"a second greeting", 0, 1, Hello(third.id)},
+        {"a request", 0, 1, Frame(REQUEST, id)},
+    };
+    for (const auto& [name, borne, notBorne, frame] : rows) {
+        for (const size_t times : {borne, notBorne}) {
+            const Stranger peer = Meet();
+            peers_.AddHolder(object, peer.id);
+            Write(peer.link, Times(times, frame));
+            Deal();
+            EXPECT_EQ(HasEnded(peer.link), times == notBorne && times > 0) << name << ", " << times;
+        }
+    }
+    transport_.Workers().RunTasks();
+    EXPECT_GT(object->calls, 2048);
+    EXPECT_EQ(transport_.Objects().Find(id, transport_.Id()), nullptr);
+    // It was granted by those only that do not hold it, and is taken back by none of them.
+    EXPECT_NE(transport_.Objects().Find(others, third.id), nullptr);
+    Write(third.link, Frame(RELEASE, others, 1));
+    Deal();
+    EXPECT_EQ(transport_.Objects().Find(others, third.id), nullptr);
+}
+
+TEST_F(IpcPeers, AGrantIsTakenBackByItsGiverWhileItIsAmongTheLast1024)
+{
+    const sptr<IRemoteObject> object(new IPCObjectStub);
+    const Stranger holder = Meet();
+    const Stranger giver = Meet();
+    const Stranger other = Meet();
+    const ObjectId id = peers_.AddHolder(object, giver.id);
+    peers_.AddHolder(object, other.id);
+    const std::string grant = Frame(GRANT, id, holder.id);
+    const std::string another = Frame(GRANT, id, other.id);
+    const std::string back = Frame(UNGRANT, id, holder.id);
+    const std::tuple<const Stranger&, std::string, bool> rows[] = {{giver, grant, true}, {other, back, true},
+        {giver, back + back, false}, {giver, grant, true}, {giver, Times(1023, another) + back, false},
+        {giver, grant + Times(1024, another) + back, true}};
+    for (const auto& [who, frames, holds] : rows) {
+        Write(who.link, frames);
+        Deal();
+        EXPECT_EQ(transport_.Objects().Find(id, holder.id) != nullptr, holds) << frames.size();
+    }
+}
+
+// By how far a request has come on a channel, the references that travel with it are the receiver's or not.
+TEST_F(IpcPeers, AFailedRequestTakesBackWhatHasNotLeft)
+{
+    const Stranger stranger = Meet();
+    const Stranger owner = Meet();
+    const sptr<Peer> peer = peers_.KnownPeer(stranger.id);
+    const sptr<IRemoteObject> passed = peers_.KnownPeer(owner.id)->Object(8);
+    const sptr<IRemoteObject> own(new IPCObjectStub);
+    const std::string grant = Frame(GRANT, 8, stranger.id);
+    const std::string back = Frame(UNGRANT, 8, stranger.id);
+    // What the other end has said before it ended its sending, or "closed".
+    for (const auto& [said, isKept] : {std::pair("closed", false), {"", false}, {"VXF1", true}}) {
+        SocketPair ends;
+        ClientChannel channel = peer->Channels().Open(std::move(ends.near), transport_.Id(), {});
+        Write(ends.far, said);
+        shutdown(ends.far.Get(), std::string(said) == "closed" ? SHUT_RDWR : SHUT_WR);
+        peer->Channels().Return(std::move(channel));
+        EXPECT_EQ(Send(peer->Object(7), {own, passed}), IPC_CONNECTION_LOST) << said;
+        EXPECT_EQ(transport_.Objects().Size(), isKept ? 1U : 0U) << said;
+        std::string heard;
+        EXPECT_FALSE(HasEnded(owner.link, &heard));
+        EXPECT_EQ(heard, isKept ? grant : grant + back) << said;
+    }
+}
+
+// A process that has taken over the name of another gets neither the key nor the request.
+TEST_F(IpcPeers, AChannelIsOpenedToTheProcessThatGreeted)
+{
+    const Stranger stranger = Meet();
+    const sptr<IRemoteObject> object = peers_.KnownPeer(stranger.id)->Object(7);
+    const pid_t child = ListenElsewhere(EndpointPath(stranger.id), geteuid());
+    EXPECT_EQ(Send(object, {}), IPC_CONNECTION_LOST);
+    EXPECT_TRUE(Succeeds(child));
+    Send(object, {});
+    Deal();
+    EXPECT_TRUE(object->IsObjectDead()) << "nobody has the name: it is leaving";
+}
+
+TEST_F(IpcPeers, ADeathEndsWhatLivedOffTheProcess)
+{
+    Stranger stranger = Meet();
+    Stranger mute = Meet(true);
+    const sptr<Peer> peer = peers_.KnownPeer(stranger.id);
+    const UniqueFd second = Say(Hello(stranger.id));
+    const sptr<CountingStub> held(new CountingStub);
+    const ObjectId id = peers_.AddHolder(held, stranger.id);
+    SocketPair ends;
+    const ClientChannel channel = peer->Channels().Open(std::move(ends.near), transport_.Id(), {});
+
+    // The end of one link is read before what was said on the other.
+    stranger.link.Reset();
+    mute.link.Reset();
+    Write(second, Frame(ONE_WAY, id));
+    Deal();
+    transport_.Workers().RunTasks();
+    EXPECT_EQ(held->calls, 1);
+    EXPECT_TRUE(HasEnded(second));
+    EXPECT_TRUE(HasEnded(ends.far)) << "callers in a request are woken";
+
+    EXPECT_TRUE(HasEnded(Say(Hello(stranger.id)))) << "it stays dead";
+    EXPECT_TRUE(peers_.PeerAt(stranger.id)->Dead());
+    peers_.AddHolder(held, stranger.id);
+    EXPECT_EQ(transport_.Objects().Size(), 0U);
+    EXPECT_FALSE(peers_.PeerAt(mute.id)->Dead()) << "one that has never answered may be tried again";
+}
+
+TEST_F(IpcPeers, ThePublisherClearsAwayTheSocketsOfTheDead)
+{
+    for (const bool publishes : {false, true}) {
+        ASSERT_TRUE(!publishes || transport_.Publish(new IPCObjectStub));
+        for (const bool listens : {true, false}) {
+            Stranger stranger = Meet();
+            stranger.link.Reset();
+            if (!listens) {
+                stranger.listener.Reset();
+            }
+            Deal();
+            EXPECT_EQ(access(EndpointPath(stranger.id).c_str(), F_OK) == 0, listens || !publishes);
+        }
+    }
+}
+
+}  // namespace
+}  // namespace VEXA::ipc
