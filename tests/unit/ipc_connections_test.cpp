@@ -1,0 +1,228 @@
+// SPDX-License-Identifier: Apache-2.0
+// Connections as bytes in and out: frames however they arrive, links, both ends of a channel, and accepting.
+#include <sys/epoll.h>
+
+#include "ipc_fixture.h"
+#include "parcel_access.h"
+
+namespace VEXA::ipc {
+namespace {
+
+using enum FrameKind;
+using Result = FrameReader::Result;
+using Reached = ClientChannel::Reached;
+
+// The worked example of docs/wire-format.md.
+const std::string GOLDEN_REQUEST(
+    "VXF1\x03\0\0\0\x0C\0\0\0\x05\0\0\0"
+    "\x01\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0"
+    "\x01\0\0\0T\0\0\0\x07\0\0\0",
+    44);
+
+class FrameStream : public testing::Test {
+protected:
+    Result Read()
+    {
+        MessageParcel scratch;
+        MessageParcel* frame = nullptr;
+        const Result result = reader_.Read(ends_.near.Get(), scratch, frame);
+        if (result == Result::FRAME) {
+            const FrameHeader header = HeaderOf(*frame);
+            frame_ = std::string(reinterpret_cast<char*>(ParcelAccess::Storage(*frame)), kHeaderBytes + header.bytes);
+            reader_.Done();
+        }
+        return result;
+    }
+
+    SocketPair ends_;
+    FrameReader reader_;
+    std::string frame_;  // that was read last
+};
+
+TEST_F(FrameStream, BytesAreThoseOfTheDocument)
+{
+    MessageParcel parcel;
+    parcel.WriteInterfaceToken(u"T");
+    parcel.WriteInt32(7);
+    FrameHeader header = MakeHeader(REQUEST, 1);
+    header.code = 5;
+    header.bytes = static_cast<uint32_t>(parcel.GetDataSize());
+    SetHeader(parcel, header);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(ParcelAccess::Storage(parcel)), 44), GOLDEN_REQUEST);
+}
+
+TEST_F(FrameStream, FramesComeTogetherFromAnyPieces)
+{
+    for (const size_t dataBytes : std::vector<size_t>{0, 4, 476, 480, 484, 5000}) {
+        const std::string frame = FrameOf(ONE_WAY, dataBytes);
+        for (size_t cut = 1; cut<frame.size(); cut += dataBytes> 1000 ? 97 : 1) {
+            Write(ends_.far, frame.substr(0, cut));
+            ASSERT_EQ(Read(), Result::PARTIAL) << dataBytes << " cut at " << cut;
+            Write(ends_.far, frame.substr(cut) + frame + GOLDEN_REQUEST);
+            for (const std::string& expected : {frame, frame, GOLDEN_REQUEST}) {
+                ASSERT_EQ(Read(), Result::FRAME) << dataBytes << " cut at " << cut;
+                ASSERT_EQ(frame_, expected);
+            }
+            ASSERT_EQ(Read(), Result::PARTIAL);
+        }
+    }
+    ends_.far.Reset();
+    EXPECT_EQ(Read(), Result::END);
+}
+
+TEST_F(FrameStream, HeadersAreBelievedWithinTheLimits)
+{
+    // Magic, kind, objects, bytes; and whether that is a header.
+    const std::tuple<uint32_t, uint16_t, uint16_t, uint32_t, bool> rows[] = {{kMagic, 11, 256, 16777216, true},
+        {kMagic, 1, 0, 4, true}, {0, 1, 0, 4, false}, {kMagic, 0, 0, 4, false}, {kMagic, 12, 0, 4, false},
+        {kMagic, 1, 257, 4, false}, {kMagic, 1, 0, 16777220, false}, {kMagic, 1, 0, 6, false}};
+    for (const auto& [magic, kind, objects, bytes, isSound] : rows) {
+        reader_.Reset();
+        Write(ends_.far, Bytes(FrameHeader{magic, FrameKind(kind), objects, bytes, 0, 0, 0}));
+        EXPECT_EQ(Read(), isSound ? Result::PARTIAL : Result::MALFORMED) << magic << ' ' << kind << ' ' << objects;
+        // Nothing is allocated for what is announced, but for as much again as has come.
+        EXPECT_TRUE(!isSound || ParcelAccess::Capacity(*reader_.TakeOwn()) <= 4096);
+    }
+}
+
+class TestLink : public Link {
+public:
+    using Link::Link;
+    size_t frames = 0;
+    int ends = 0;
+
+protected:
+    bool Admit(const FrameHeader& header) override { return header.kind == ONE_WAY; }
+    Verdict Handle(const FrameHeader&, MessageParcel&) override { return ++frames, Verdict::GO_ON; }
+    void OnEnd() override { ++ends; }
+};
+
+class LinkTest : public testing::Test {
+protected:
+    LinkTest() { EXPECT_TRUE(reactor_.Open() && reactor_.Add(link_, EPOLLIN | EPOLLRDHUP)); }
+
+    SocketPair ends_;
+    ConnectionCounts counts_{[] { return 2; }};  // one for a user
+    Reactor reactor_{&StartNone};
+    const sptr<TestLink> link_{new TestLink({std::move(ends_.near), {1, 7}, counts_.Take(7)}, reactor_)};
+    const std::string frame_ = FrameOf(ONE_WAY, (1 << 20) - kHeaderBytes);
+};
+
+TEST_F(LinkTest, ReadsInTurnUntilItEndsAndIsCountedNoLonger)
+{
+    Write(ends_.far, Times(65, FrameOf(ONE_WAY)));
+    for (const size_t frames : std::vector<size_t>{64, 65}) {
+        reactor_.Turn(false);
+        EXPECT_EQ(link_->frames, frames);
+    }
+    EXPECT_EQ(counts_.Take(7), nullptr);
+    Write(ends_.far, FrameOf(RELEASE, 4).substr(0, 32));  // refused by its header
+    reactor_.Turn(false);
+    EXPECT_EQ(link_->ends, 1);
+    EXPECT_TRUE(HasEnded(ends_.far));
+    EXPECT_FALSE(link_->Send(frame_.data(), 32));
+    EXPECT_NE(counts_.Take(7), nullptr);
+}
+
+int32_t Exchange(ClientChannel& channel, std::chrono::milliseconds limit, Reached& reached)
+{
+    MessageParcel request;
+    MessageParcel reply;
+    SetHeader(request, MakeHeader(REQUEST, 1));
+    return channel.Exchange(request, kHeaderBytes, reply, Now() + limit, reached);
+}
+
+TEST(ClientChannelTest, BelievesWholeRepliesOnly)
+{
+    const std::string reply = FrameOf(REPLY, 8);
+    const std::string large = FrameOf(REPLY, 8000);
+    const std::tuple<const char*, std::string, int32_t, Reached> rows[] = {
+        {"a reply", reply, IPC_OK, Reached::SENT},
+        {"a large one", large, IPC_OK, Reached::SENT},
+        {"bytes behind it", reply + "1234", IPC_CONNECTION_LOST, Reached::SENT},
+        {"another kind", FrameOf(REQUEST, 8), IPC_CONNECTION_LOST, Reached::SENT},
+        {"too large", FrameOf(REPLY, 16777220).substr(0, 32), IPC_CONNECTION_LOST, Reached::SENT},
+        {"half of a header", reply.substr(0, 16), IPC_CONNECTION_LOST, Reached::SENT},
+        {"half of the data", large.substr(0, 4000), IPC_CONNECTION_LOST, Reached::SENT},
+        {"the end", "", IPC_CONNECTION_LOST, Reached::TURNED_AWAY},
+    };
+    for (const auto& [name, bytes, result, expected] : rows) {
+        SocketPair ends;
+        ClientChannel channel(std::move(ends.near));
+        Write(ends.far, bytes);
+        shutdown(ends.far.Get(), SHUT_WR);
+        Reached reached{};
+        EXPECT_EQ(Exchange(channel, 20s, reached), result) << name;
+        EXPECT_EQ(reached, expected) << name;
+        Exchange(channel, 20s, reached);
+        EXPECT_EQ(reached == Reached::TURNED_AWAY, bytes.size() < kHeaderBytes) << name << ": used before";
+    }
+}
+
+// Replies with as many bytes as the request's code says; serves no code below 4.
+class Sized : public RequestHandler {
+public:
+    explicit Sized(int& frames) : frames_(frames) {}
+    void OnLastReplyRead() override { ++frames_; }
+    bool Answer(MessageParcel&, const FrameHeader& header, MessageParcel& reply) override
+    {
+        FrameHeader answer = MakeHeader(REPLY);
+        answer.bytes = header.code;
+        SetHeader(reply, answer);
+        return ParcelAccess::ReserveTotal(reply, answer.bytes) && answer.bytes >= 4;
+    }
+
+private:
+    int& frames_;
+};
+
+TEST(ServerChannelTest, ServesUntilAFrameIsNoneOrIsWaitedForTooLong)
+{
+    FrameHeader request = MakeHeader(REQUEST);
+    request.code = 8;
+    const std::string small = Bytes(request);
+    request.code = 4'000'000;
+    const std::string ack = FrameOf(REPLY_ACK);
+    // What comes, how many frames are taken, how many of them answered; and when it ends.
+    enum End { AT_ONCE, AFTER_8S, NEVER };
+    const std::tuple<const char*, std::string, int, size_t, End> rows[] = {
+        {"requests", small + small, 2, 2, NEVER},
+        {"an acknowledgement between them", small + ack + small, 3, 2, NEVER},
+        {"an acknowledgement with data", small + FrameOf(REPLY_ACK, 4) + small, 2, 1, AT_ONCE},
+        {"a reply", FrameOf(REPLY), 1, 0, AT_ONCE},
+        {"one that is served no more", FrameOf(REQUEST), 1, 0, AT_ONCE},
+        {"no frame", std::string(64, 'x'), 0, 0, AT_ONCE},
+        {"the end behind an acknowledgement", small + ack, 2, 1, AT_ONCE},
+        {"half of a request", small + small.substr(1), 1, 1, AFTER_8S},
+        {"a reply that is not read", Bytes(request), 1, 0, AFTER_8S},
+    };
+    for (const auto& [name, bytes, frames, replies, end] : rows) {
+        SocketPair ends;
+        ConnectionCounts counts([] { return 2; });  // one for a user
+        WorkerPool workers(&StartNone);
+        Reactor reactor(&StartNone);
+        ServerChannels channels(workers, reactor);
+        ASSERT_TRUE(workers.Open() && reactor.Open());
+        int taken = 0;
+        const Deadline before = Now();
+        channels.Adopt({std::move(ends.near), {1, 7}, counts.Take(7)}, std::make_unique<Sized>(taken), FrameReader());
+        Write(ends.far, bytes);
+        if (std::string(name).starts_with("the end")) {
+            shutdown(ends.far.Get(), SHUT_WR);
+        }
+        workers.RunTasks();
+        const auto hasEnded = [&] { return counts.Take(7) != nullptr; };
+        EXPECT_EQ(taken, frames) << name;
+        EXPECT_EQ(hasEnded(), end == AT_ONCE) << name;
+        channels.CloseStalled(before + 8s);
+        EXPECT_EQ(hasEnded(), end == AT_ONCE) << name;
+        channels.CloseStalled(Now() + 8001ms);
+        EXPECT_EQ(hasEnded(), end != NEVER) << name;
+        std::string replied;
+        EXPECT_EQ(HasEnded(ends.far, &replied), end != NEVER) << name;
+        EXPECT_TRUE(replied.size() == replies * 40 || taken == 1) << name;
+    }
+}
+
+}  // namespace
+}  // namespace VEXA::ipc
