@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <map>
@@ -37,12 +36,9 @@ enum Code : uint32_t {
     MAKE_NEW,     // -> a new object
     TABLE_SIZE,   // -> int32: objects that other processes hold
     THROW,
-    WHO_CALLS,  // -> int32 pid, int32 uid
-    NOTE,       // int32, one-way: waits for the gate and notes the number
-    NOTES,      // -> the numbers noted: int32 count, int32 each
-    SHUT_GATE,
-    OPEN_GATE,
-    ENTERED,     // -> int32: how many NOTEs have begun
+    WHO_CALLS,   // -> int32 pid, int32 uid
+    NOTE,        // int32, one-way: notes the number
+    NOTES,       // -> the numbers noted: int32 count, int32 each
     PASS,        // string name, object: puts it under that name (hub)
     FETCH,       // string name -> object (hub)
     FETCH_KEPT,  // string name: keeps what the hub has under the name
@@ -161,9 +157,6 @@ private:
                 kept_ = Call(GetContextObject(), FETCH).Text(data.ReadString()).AnswerObject();
                 return 0;
             case NOTE:
-                ++entered_;
-                opened_.WaitFor(
-                    mutex_, std::chrono::seconds(60), [this]() VEXA_NO_THREAD_SAFETY_ANALYSIS { return gateOpen_; });
                 notes_.push_back(data.ReadInt32());
                 return 0;
             case NOTES:
@@ -172,13 +165,6 @@ private:
                     reply.WriteInt32(note);
                 }
                 return 0;
-            case SHUT_GATE:
-            case OPEN_GATE:
-                gateOpen_ = code == OPEN_GATE;
-                opened_.NotifyAll();
-                return 0;
-            case ENTERED:
-                return reply.WriteInt32(entered_) ? 0 : 1;
             case PASS: {
                 const std::string name = data.ReadString();
                 hub_[name] = data.ReadRemoteObject();
@@ -208,12 +194,9 @@ private:
     }
 
     Mutex mutex_{LockRank::Program};
-    CondVar opened_;
     sptr<IRemoteObject> kept_ VEXA_GUARDED_BY(mutex_);
     std::map<std::string, sptr<IRemoteObject>> hub_ VEXA_GUARDED_BY(mutex_);
     std::vector<int32_t> notes_ VEXA_GUARDED_BY(mutex_);
-    int32_t entered_ VEXA_GUARDED_BY(mutex_) = 0;
-    bool gateOpen_ VEXA_GUARDED_BY(mutex_) = true;
 };
 
 class CountingRecipient : public IRemoteObject::DeathRecipient {
