@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // What a process counts: holders of objects, one-way requests under way, what a peer gets wrong, connections; and the
 // notices of deaths.
+#include <latch>
+
 #include "ipc_fixture.h"
 #include "vexa/ipc/message_option.h"
 
@@ -43,10 +45,36 @@ TEST(ObjectTableTest, LivesByItsHoldersAndNotByTheirDebts)
     EXPECT_EQ(table.Find(0, 4), object) << "everybody's";
 }
 
+TEST(ConnectionCountsTest, HalfOrThreeQuartersOfTheDescriptorsAnd1024ForOneUser)
+{
+    size_t descriptors = 0;
+    ConnectionCounts counts([&] { return descriptors; });
+    const auto take = [&](uid_t user, std::vector<ConnectionCounts::Slot>& slots) {
+        while (ConnectionCounts::Slot slot = counts.Take(user)) {
+            slots.push_back(std::move(slot));
+        }
+        return slots.size();
+    };
+    // How many descriptors there are; what one user gets, then another, and then again when one of the first has ended.
+    const std::tuple<size_t, size_t, size_t, size_t> rows[] = {
+        {2, 1, 0, 1}, {10, 5, 2, 3}, {301, 150, 75, 76}, {3000, 1024, 1024, 1024}, {SIZE_MAX, 1024, 1024, 1024}};
+    for (const auto& [limit, one, another, anotherThen] : rows) {
+        descriptors = limit;
+        std::vector<ConnectionCounts::Slot> first;
+        std::vector<ConnectionCounts::Slot> second;
+        EXPECT_EQ(take(1, first), one) << limit;
+        EXPECT_EQ(take(2, second), another) << limit;
+        first.pop_back();
+        EXPECT_EQ(take(2, second), anotherThen) << limit;
+        EXPECT_EQ(take(1, first), one - (anotherThen - another)) << limit;
+    }
+}
+
 TEST(MessageOptionTest, WaitsEightSecondsUnlessItIsTold)
 {
     EXPECT_EQ(MessageOption().GetWaitTime(), 8);
     EXPECT_EQ(MessageOption(0, 0).GetWaitTime(), 8);
+    EXPECT_EQ(MessageOption(0, 1).GetWaitTime(), 1);
 }
 
 // Notes when it begins and ends, and meanwhile has the notifier tell what it may, as its other threads would. Uses it
@@ -85,6 +113,34 @@ TEST(DeathNotifierTest, TellsOfOneProcessInOrderAndNoRecipientTwiceAtATime)
     }
     EXPECT_EQ(notes, "abd)~)b))~c)~");
     EXPECT_FALSE(notifier.Cancel(nullptr, twice));
+}
+
+class Slow : public IRemoteObject::DeathRecipient {
+public:
+    std::latch begun{1};
+    std::latch over{1};
+    void OnRemoteDied(const wptr<IRemoteObject>&) override
+    {
+        begun.count_down();
+        over.wait();
+    }
+};
+
+TEST(DeathNotifierTest, EightThatTakeLongHoldUpTheRest)
+{
+    // Its threads outlive the test.
+    static DeathNotifier& notifier = *new DeathNotifier(&StartThread);
+    std::vector<sptr<Slow>> slow;
+    for (EndpointId process = 1; process <= 9; ++process) {
+        notifier.Post(process, nullptr, slow.emplace_back(new Slow));
+    }
+    for (size_t i = 0; i < 9; ++i) {
+        EXPECT_EQ(Eventually([&] { return slow[i]->begun.try_wait(); }, i < 8 ? 20s : 100ms), i < 8) << i;
+    }
+    for (const sptr<Slow>& recipient : slow) {
+        recipient->over.count_down();
+    }
+    EXPECT_TRUE(Eventually([&] { return slow[8]->begun.try_wait(); }));
 }
 
 }  // namespace

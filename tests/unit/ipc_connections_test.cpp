@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // Connections as bytes in and out: frames however they arrive, links, both ends of a channel, and accepting.
 #include <sys/epoll.h>
+#include <sys/time.h>
+
+#include <csignal>
 
 #include "ipc_fixture.h"
 #include "parcel_access.h"
@@ -132,31 +135,48 @@ int32_t Exchange(ClientChannel& channel, std::chrono::milliseconds limit, Reache
     return channel.Exchange(request, kHeaderBytes, reply, Now() + limit, reached);
 }
 
-TEST(ClientChannelTest, BelievesWholeRepliesOnly)
+TEST(ClientChannelTest, BelievesWholeRepliesThatComeInTime)
 {
     const std::string reply = FrameOf(REPLY, 8);
     const std::string large = FrameOf(REPLY, 8000);
-    const std::tuple<const char*, std::string, int32_t, Reached> rows[] = {
-        {"a reply", reply, IPC_OK, Reached::SENT},
-        {"a large one", large, IPC_OK, Reached::SENT},
-        {"bytes behind it", reply + "1234", IPC_CONNECTION_LOST, Reached::SENT},
-        {"another kind", FrameOf(REQUEST, 8), IPC_CONNECTION_LOST, Reached::SENT},
-        {"too large", FrameOf(REPLY, 16777220).substr(0, 32), IPC_CONNECTION_LOST, Reached::SENT},
-        {"half of a header", reply.substr(0, 16), IPC_CONNECTION_LOST, Reached::SENT},
-        {"half of the data", large.substr(0, 4000), IPC_CONNECTION_LOST, Reached::SENT},
-        {"the end", "", IPC_CONNECTION_LOST, Reached::TURNED_AWAY},
+    // What the other end says, and ends or, where there is a limit, waits; signals come while nothing does.
+    const std::tuple<const char*, std::string, std::chrono::milliseconds, int32_t, Reached> rows[] = {
+        {"a reply", reply, 0ms, IPC_OK, Reached::SENT},
+        {"a large one", large, 0ms, IPC_OK, Reached::SENT},
+        {"bytes behind it", reply + "1234", 0ms, IPC_CONNECTION_LOST, Reached::SENT},
+        {"another kind", FrameOf(REQUEST, 8), 0ms, IPC_CONNECTION_LOST, Reached::SENT},
+        {"too large", FrameOf(REPLY, 16777220).substr(0, 32), 0ms, IPC_CONNECTION_LOST, Reached::SENT},
+        {"half of a header", reply.substr(0, 16), 0ms, IPC_CONNECTION_LOST, Reached::SENT},
+        {"half of the data", large.substr(0, 4000), 0ms, IPC_CONNECTION_LOST, Reached::SENT},
+        {"the end", "", 0ms, IPC_CONNECTION_LOST, Reached::TURNED_AWAY},
+        {"a reply, and nothing more", reply, 20s, IPC_OK, Reached::SENT},
+        {"nothing", "", 250ms, IPC_TIMED_OUT, Reached::SENT},
+        {"half of the data, and waits", large.substr(0, 4000), 250ms, IPC_TIMED_OUT, Reached::SENT},
+        {"nothing by a time that is past", "", -10ms, IPC_TIMED_OUT, Reached::SENT},
+        {"a reply by a time that is past", reply, -10ms, IPC_OK, Reached::SENT},
     };
-    for (const auto& [name, bytes, result, expected] : rows) {
+    signal(SIGALRM, [](int) {});
+    const itimerval often{{0, 100'000}, {0, 100'000}};
+    const itimerval never{};
+    for (const auto& [name, bytes, limit, result, expected] : rows) {
         SocketPair ends;
         ClientChannel channel(std::move(ends.near));
         Write(ends.far, bytes);
-        shutdown(ends.far.Get(), SHUT_WR);
+        if (limit == 0ms) {
+            shutdown(ends.far.Get(), SHUT_WR);
+        }
         Reached reached{};
-        EXPECT_EQ(Exchange(channel, 20s, reached), result) << name;
+        const Deadline start = Now();
+        setitimer(ITIMER_REAL, limit == 250ms ? &often : &never, nullptr);
+        EXPECT_EQ(Exchange(channel, limit == 0ms ? 20s : limit, reached), result) << name;
         EXPECT_EQ(reached, expected) << name;
-        Exchange(channel, 20s, reached);
-        EXPECT_EQ(reached == Reached::TURNED_AWAY, bytes.size() < kHeaderBytes) << name << ": used before";
+        // The limit is that of the request, not of the one before it.
+        Exchange(channel, 100ms, reached);
+        EXPECT_EQ(reached == Reached::TURNED_AWAY, limit == 0ms && bytes.size() < kHeaderBytes) << name;
+        EXPECT_LT(Now() - start, 5s) << name;
     }
+    setitimer(ITIMER_REAL, &never, nullptr);
+    signal(SIGALRM, SIG_DFL);
 }
 
 // Replies with as many bytes as the request's code says; serves no code below 4.

@@ -4,6 +4,7 @@
 
 #include "ipc_fixture.h"
 #include "object_transfer.h"
+#include "vexa/ipc/context_object.h"
 #include "vexa/ipc/message_option.h"
 
 namespace VEXA::ipc {
@@ -128,6 +129,26 @@ TEST_F(IpcPeers, AConnectionIsTakenByItsFirstFrame)
     EXPECT_FALSE(HasEnded(Say(Hello(known.id)))) << "its own second link";
 }
 
+TEST_F(IpcPeers, AGreetingIsWaitedForFiveSeconds)
+{
+    OneWayQueues oneWays(transport_.Workers());
+    const Session::Parts parts{peers_, oneWays, nullptr};
+    const Stranger stranger;
+    for (const size_t bytes : std::vector<size_t>{40, 64}) {
+        SocketPair ends;
+        const Deadline before = Now();
+        const sptr<Session> session(new Session(parts, {std::move(ends.near), CredentialsOf(ends.far), nullptr}));
+        Write(ends.far, Hello(stranger.id).substr(0, bytes));
+        session->OnEvents(1);
+        session->OnTick(before + 5s);
+        EXPECT_FALSE(HasEnded(ends.far));
+        session->OnTick(Now() + 5001ms);
+        EXPECT_EQ(HasEnded(ends.far), bytes < 64);
+        session->Shutdown();
+        session->OnEvents(1);
+    }
+}
+
 TEST_F(IpcPeers, AGreetingIsAnsweredByWhomItIsFor)
 {
     const Stranger other;
@@ -217,6 +238,31 @@ TEST_F(IpcPeers, AGrantIsTakenBackByItsGiverWhileItIsAmongTheLast1024)
     }
 }
 
+TEST_F(IpcPeers, AnObjectTravelsOnOnlyWhenItsOwnerHasBeenTold)
+{
+    const Stranger owner = Meet();
+    const Stranger receiver = Meet();
+    const sptr<Peer> peer = peers_.KnownPeer(owner.id);
+    const sptr<IRemoteObject> object = peer->Object(7);
+    const std::string much = FrameOf(ONE_WAY, 1'000'000);
+    ASSERT_TRUE(peer->SendOnLink(much.data(), much.size()));
+    const auto pack = [&] {
+        ObjectTransfer transfer(peers_);
+        MessageParcel parcel;
+        parcel.WriteRemoteObject(object);
+        FrameHeader header = MakeHeader(REQUEST);
+        return transfer.Pack(parcel, *peers_.KnownPeer(receiver.id), header);
+    };
+    EXPECT_FALSE(pack()) << "it reads nothing";
+    std::string heard;
+    const auto hasHeard = [&] {
+        Deal();
+        return !HasEnded(owner.link, &heard) && heard.ends_with(Frame(UNGRANT, 7, receiver.id));
+    };
+    EXPECT_TRUE(Eventually(hasHeard));
+    EXPECT_TRUE(pack());
+}
+
 // By how far a request has come on a channel, the references that travel with it are the receiver's or not.
 TEST_F(IpcPeers, AFailedRequestTakesBackWhatHasNotLeft)
 {
@@ -253,6 +299,18 @@ TEST_F(IpcPeers, AChannelIsOpenedToTheProcessThatGreeted)
     Send(object, {});
     Deal();
     EXPECT_TRUE(object->IsObjectDead()) << "nobody has the name: it is leaving";
+}
+
+TEST_F(IpcPeers, NobodysContextObjectIsTaken)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root can become another user";
+    }
+    constexpr uid_t NOBODY = 65534;
+    std::filesystem::permissions(RuntimeDirectory(), std::filesystem::perms::all);
+    const pid_t child = ListenElsewhere(ContextSocketPath(), NOBODY);
+    EXPECT_EQ(transport_.Context().Reach(), nullptr);
+    EXPECT_TRUE(Succeeds(child));
 }
 
 TEST_F(IpcPeers, ADeathEndsWhatLivedOffTheProcess)
