@@ -45,6 +45,66 @@ TEST(ObjectTableTest, LivesByItsHoldersAndNotByTheirDebts)
     EXPECT_EQ(table.Find(0, 4), object) << "everybody's";
 }
 
+// The sender's count, then the receiver's: 1,024 requests, and 16 MiB.
+TEST(OneWayTest, AProcessSendsSoMuchAhead)
+{
+    OneWayCredit credit;
+    OneWayDebt frames;
+    for (int i = 0; i < 1024; ++i) {
+        EXPECT_TRUE(credit.Take(16380) && frames.Arrive(16384)) << i;
+    }
+    EXPECT_FALSE(credit.Take(0) || frames.Arrive(0));
+    EXPECT_FALSE(credit.GiveBack(1025, 0) || credit.GiveBack(0, 1024 * 16380 + 1));
+    EXPECT_TRUE(credit.GiveBack(1024, 1024 * 16380));
+    EXPECT_FALSE(credit.GiveBack(1, 0) || credit.GiveBack(0, 1));
+    OneWayDebt bytes;
+    EXPECT_TRUE(credit.Take(16777216) && credit.Take(0) && bytes.Arrive(16777216) && bytes.Arrive(0));
+    EXPECT_FALSE(credit.Take(1) || bytes.Arrive(1));
+}
+
+// The sender is told at the first of these.
+TEST(OneWayTest, WhatHasLeftTheQueueIsGathered)
+{
+    // Frames in the queue, the bytes of each, and after how many it is told.
+    const std::tuple<const char*, uint64_t, uint64_t, std::vector<uint64_t>> rows[] = {
+        {"the queue is empty", 3, 4, {3}},
+        {"64 are gathered", 150, 4, {64, 64, 22}},
+        {"1 MiB is gathered", 30, 131072, {8, 8, 8, 6}},
+        {"less than 64 more may come", 961, 0, {1, 1, 64}},
+        {"half of the bytes are waiting", 10, 1000000, {1, 1, 2, 2, 2, 2}},
+    };
+    for (const auto& [name, frames, bytes, told] : rows) {
+        OneWayDebt debt;
+        for (uint64_t i = 0; i < frames; ++i) {
+            EXPECT_TRUE(debt.Arrive(bytes)) << name;
+        }
+        std::vector<uint64_t> gathered;
+        for (uint64_t left = 0; left < frames && gathered.size() < told.size(); ++left) {
+            uint64_t some = 0;
+            uint64_t their = 0;
+            if (debt.Leave(bytes, some, their)) {
+                gathered.push_back(some);
+                EXPECT_EQ(their, some * bytes) << name;
+            }
+        }
+        EXPECT_EQ(gathered, told) << name;
+    }
+}
+
+TEST(RefusalBudgetTest, Bears64ThingsAndOneASecond)
+{
+    RefusalBudget budget;
+    Deadline now = Now();
+    for (const auto& [passed, borne] : {std::pair(0ms, 64), {999ms, 0}, {1ms, 0}, {3000ms, 2}, {64s, 64}, {100h, 64}}) {
+        now += passed;
+        int taken = 0;
+        while (taken < 100 && budget.Take(now)) {
+            ++taken;
+        }
+        EXPECT_EQ(taken, borne) << passed.count();
+    }
+}
+
 TEST(ConnectionCountsTest, HalfOrThreeQuartersOfTheDescriptorsAnd1024ForOneUser)
 {
     size_t descriptors = 0;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Connections as bytes in and out: frames however they arrive, links, both ends of a channel, and accepting.
 #include <sys/epoll.h>
+#include <sys/resource.h>
 #include <sys/time.h>
 
 #include <csignal>
@@ -127,6 +128,30 @@ TEST_F(LinkTest, ReadsInTurnUntilItEndsAndIsCountedNoLonger)
     EXPECT_NE(counts_.Take(7), nullptr);
 }
 
+TEST_F(LinkTest, KeepsUpTo32MebibytesThatAreNotRead)
+{
+    size_t mebibytes = 0;
+    const auto fill = [&](size_t most) {
+        while (mebibytes < most && link_->Send(frame_.data(), frame_.size())) {
+            ++mebibytes;
+        }
+    };
+    fill(31);
+    EXPECT_EQ(mebibytes, 31U);
+    std::string all;
+    EXPECT_TRUE(Eventually([&] {
+        reactor_.Turn(false);
+        return !HasEnded(ends_.far, &all) && link_->WaitFlushed(Now());
+    }));
+    HasEnded(ends_.far, &all);
+    EXPECT_TRUE(all == Times(31, frame_));
+    mebibytes = 0;
+    fill(100);
+    EXPECT_TRUE(mebibytes == 32 || mebibytes == 33) << mebibytes << ": the kernel holds a part of one";
+    reactor_.Turn(false);
+    EXPECT_EQ(link_->ends, 1);
+}
+
 int32_t Exchange(ClientChannel& channel, std::chrono::milliseconds limit, Reached& reached)
 {
     MessageParcel request;
@@ -177,6 +202,29 @@ TEST(ClientChannelTest, BelievesWholeRepliesThatComeInTime)
     }
     setitimer(ITIMER_REAL, &never, nullptr);
     signal(SIGALRM, SIG_DFL);
+}
+
+TEST(ClientChannelsTest, KeepsSixteenAndEndsAllWhenThePeerDies)
+{
+    ClientChannels channels;
+    std::vector<SocketPair> pairs(20);
+    std::vector<ClientChannel> used;
+    for (SocketPair& ends : pairs) {
+        used.push_back(channels.Open(std::move(ends.near), 1, {}));
+    }
+    for (size_t i = 0; i < 17; ++i) {
+        channels.Return(std::move(used[i]));
+    }
+    channels.Lose(used[17]);
+    for (const bool hasDied : {false, true}) {
+        for (size_t i = 0; i < 20; ++i) {
+            EXPECT_EQ(HasEnded(pairs[i].far), i == 16 || (hasDied && i != 17)) << i;
+        }
+        channels.Close();
+    }
+    EXPECT_FALSE(channels.Open(SocketPair().near, 1, {}));
+    channels.Return(std::move(used[18]));
+    EXPECT_FALSE(channels.TakeIdle());
 }
 
 // Replies with as many bytes as the request's code says; serves no code below 4.
@@ -241,6 +289,34 @@ TEST(ServerChannelTest, ServesUntilAFrameIsNoneOrIsWaitedForTooLong)
         std::string replied;
         EXPECT_EQ(HasEnded(ends.far, &replied), end != NEVER) << name;
         EXPECT_TRUE(replied.size() == replies * 40 || taken == 1) << name;
+    }
+}
+
+TEST(ConnectionListenerTest, AcceptsWhatItHasDescriptorsFor)
+{
+    ConnectionCounts counts([] { return SIZE_MAX; });
+    std::vector<Connection> taken;
+    Reactor reactor(&StartNone);
+    const test::TempDir folder;
+    const std::string path = folder.Path() + "/socket";
+    const sptr<ConnectionListener> listener(new ConnectionListener(
+        ListenAt(path), reactor, counts, [&](Connection connection) { taken.push_back(std::move(connection)); }));
+    ASSERT_TRUE(reactor.Open() && reactor.Add(listener, EPOLLIN));
+    rlimit usual{};
+    getrlimit(RLIMIT_NOFILE, &usual);
+    // No descriptor is free but the listener's spare one; then not that either.
+    for (const bool hasSpare : {true, false}) {
+        const UniqueFd made = ConnectTo(path);
+        rlimit few = usual;
+        few.rlim_cur = hasSpare ? static_cast<rlim_t>(made.Get()) + 1 : 1;
+        setrlimit(RLIMIT_NOFILE, &few);
+        reactor.Turn(false);
+        EXPECT_EQ(HasEnded(made), hasSpare);
+        setrlimit(RLIMIT_NOFILE, &usual);
+        EXPECT_TRUE(taken.empty());
+        listener->OnTick(Now());
+        reactor.Turn(false);
+        EXPECT_EQ(taken.size(), hasSpare ? 0U : 1U);
     }
 }
 
