@@ -49,14 +49,6 @@ std::vector<sptr<Link>> Peer::Links()
     return links_;
 }
 
-void Peer::DrainLinks()
-{
-    for (const sptr<Link>& link : Links()) {
-        link->TakeStock();
-        link->Drain();
-    }
-}
-
 void Peer::ShutdownLinks()
 {
     for (const sptr<Link>& link : Links()) {

@@ -65,8 +65,6 @@ public:
     bool WaitLinkFlushed(Deadline deadline);
     // Makes the reactor see the end of all links, which is the process's death for this one.
     void ShutdownLinks();
-    // On the reactor's thread: reads what has arrived on all links.
-    void DrainLinks();
 
     // The key for channels has come: the process has answered.
     void SetKey(const ChannelKey& key);

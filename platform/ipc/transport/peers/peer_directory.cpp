@@ -141,8 +141,10 @@ bool PeerDirectory::Remove(const sptr<Peer>& peer)
 
 void PeerDirectory::Bury(const sptr<Peer>& peer)
 {
-    // What the process still said on another link counts.
-    peer->DrainLinks();
+    // What the process still said on another link counts, also where that is not accepted yet.
+    if (!parts_.reactor.Settling()) {
+        parts_.reactor.Settle(kSettleWait);
+    }
     // The endpoint is known as dead before anyone is told, so that whoever looks again finds it dead.
     if (!Remove(peer)) {
         return;
