@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Objects between real processes: identity, lifetime, passing on, death.
+// Objects between real processes: memory, refusals, death. Whose they are and how long they live, the simulation shows.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -18,34 +18,6 @@ using Clock = std::chrono::steady_clock;
 class IpcObjects : public PeerTest {};
 
 constexpr int64_t kSlackBytes = int64_t{SLACK_MEBIBYTES} << 20;
-
-TEST_F(IpcObjects, IdentityHoldsAcrossProcesses)
-{
-    const sptr<IRemoteObject> mine(new TestObject);
-    ASSERT_EQ(Call(hub_, KEEP).Object(mine).Send(), 0);
-    EXPECT_EQ(Call(hub_, GIVE).AnswerObject(), mine) << "what comes home is the original";
-    EXPECT_EQ(Call(hub_, CALL_KEPT).Int(4).Answer(), 5);
-    ChildProcess process;
-    const sptr<IRemoteObject> node = Start("node", process);
-    EXPECT_TRUE(node->IsProxyObject());
-    EXPECT_EQ(Fetch("node"), node) << "one proxy an object, as long as anyone holds it";
-    EXPECT_EQ(Call(hub_, GIVE).AnswerObject(), mine);
-}
-
-TEST_F(IpcObjects, ObjectLivesAsLongAsItsLastHolder)
-{
-    const int before = TestObject::Alive();
-    ASSERT_EQ(Call(hub_, KEEP).Object(new TestObject).Send(), 0);
-    EXPECT_EQ(Call(hub_, CALL_KEPT).Int(4).Answer(), 5);
-    ASSERT_EQ(Call(hub_, KEEP).Object(nullptr).Send(), 0);
-    EXPECT_TRUE(Eventually([&] { return TestObject::Alive() == before; })) << "the last holder has let go";
-
-    ChildProcess process;
-    const sptr<IRemoteObject> node = Start("node", process);
-    ASSERT_EQ(Call(node, KEEP).Object(new TestObject).Send(), 0);
-    process.Kill();
-    EXPECT_TRUE(Eventually([&] { return TestObject::Alive() == before; })) << "the last holder has died";
-}
 
 // It has connections to accept and grants to read by which the calls are rightful, in an order of its own.
 TEST_F(IpcObjects, AnOwnerThatWasStoppedTakesEveryCallOfANewHolder)
@@ -74,43 +46,6 @@ TEST_F(IpcObjects, AnOwnerThatWasStoppedTakesEveryCallOfANewHolder)
     EXPECT_TRUE(Eventually([&] { return Call(object, NOTES).Answer() == 1; }, std::chrono::seconds(3)));
 }
 
-// What a passed-on object needs is only its owner and its holder: the process in between may be gone.
-TEST_F(IpcObjects, ObjectPassedThroughAThirdProcessIsCallable)
-{
-    ChildProcess first;
-    ChildProcess second;
-    const sptr<IRemoteObject> a = Start("a", first);
-    const sptr<IRemoteObject> b = Start("b", second);
-    for (int i = 0; i < 200; ++i) {
-        // b keeps an object of a's that nobody else holds any more, and that travelled through this process.
-        ASSERT_EQ(Call(b, KEEP).Object(Call(a, MAKE_NEW).AnswerObject()).Send(), 0);
-        ASSERT_EQ(Call(b, CALL_KEPT).Int(i).Answer(), i + 1);
-    }
-    const sptr<IRemoteObject> made = Call(b, GIVE).AnswerObject();
-    second.Kill();
-    EXPECT_EQ(Call(made, ADD_ONE).Int(1).Answer(), 2);
-    first.Kill();
-    EXPECT_EQ(Call(made, ADD_ONE).Int(1).Send(), IPC_DEAD_OBJECT);
-}
-
-// The owner reads the hub's grant before the one by which the hub itself became a holder: it used to ignore it then.
-TEST_F(IpcObjects, GrantsAreTakenInWhateverOrderTheyAreRead)
-{
-    ChildProcess owner;
-    ChildProcess receiver;
-    const sptr<IRemoteObject> a = Start("a", owner);
-    const sptr<IRemoteObject> b = Start("b", receiver);
-    const sptr<IRemoteObject> made = Call(a, MAKE_NEW).AnswerObject();
-    ASSERT_TRUE(owner.Stop());
-    for (int i = 0; i < 200; ++i) {
-        ASSERT_EQ(Call(a, NOTE).Int(i).OneWay().Send(), 0);
-    }
-    ASSERT_EQ(Call(hub_, PASS).Text("made").Object(made).Send(), 0);
-    ASSERT_EQ(Call(b, FETCH_KEPT).Text("made").Send(), 0);
-    owner.Signal(SIGCONT);
-    EXPECT_EQ(Call(b, CALL_KEPT).Int(1).Answer(), 2);
-}
-
 TEST_F(IpcObjects, PassesLeaveNothingBehind)
 {
     ChildProcess process;
@@ -122,17 +57,12 @@ TEST_F(IpcObjects, PassesLeaveNothingBehind)
             ASSERT_EQ(Call(node, GIVE).AnswerObject(), mine);
             ASSERT_EQ(Call(hub_, KEEP).Object(Call(node, MAKE_NEW).AnswerObject()).Send(), 0);
         }
-        ASSERT_EQ(Call(node, KEEP).Object(nullptr).Send(), 0);
-        ASSERT_EQ(Call(hub_, KEEP).Object(nullptr).Send(), 0);
     };
     passes(2000);
-    ASSERT_TRUE(TableSettlesAt(node, 1)) << "the hub holds the node's own object";
     const int64_t nodeBefore = ResidentBytes(process.Pid());
     const int64_t hubBefore = ResidentBytes(hubProcess_.Pid());
     const int64_t ownBefore = ResidentBytes(getpid());
     passes(25'000);  // four passes of an object each
-    EXPECT_TRUE(TableSettlesAt(node, 1));
-    EXPECT_TRUE(Eventually([] { return ipc::IpcProcess::Get().Start()->Objects().Size() == 0; }));
     EXPECT_LT(ResidentBytes(process.Pid()), nodeBefore + kSlackBytes);
     EXPECT_LT(ResidentBytes(hubProcess_.Pid()), hubBefore + kSlackBytes);
     EXPECT_LT(ResidentBytes(getpid()), ownBefore + kSlackBytes);

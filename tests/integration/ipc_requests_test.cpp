@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Requests between real processes: right answers under load, nesting, limits, time-outs, one-way order.
+// Requests between real processes: right answers under load, nesting, limits, time-outs.
 #include <gtest/gtest.h>
 
 #include <latch>
@@ -88,22 +88,6 @@ TEST_F(IpcRequests, AStoppedProcessCostsTheWaitTimeOnly)
     EXPECT_LT(Clock::now() - start, std::chrono::seconds(3));
     hubProcess_.Signal(SIGCONT);
     EXPECT_EQ(Call(hub_, ADD_ONE).Int(6).Answer(), 7) << "the late answer to the first is nobody's";
-}
-
-TEST_F(IpcRequests, OneWaysStayInOrder)
-{
-    // More than may be under way at once.
-    constexpr int32_t COUNT = 3000;
-    for (int32_t i = 0; i < COUNT; ++i) {
-        ASSERT_TRUE(Eventually([&] { return Call(hub_, NOTE).Int(i).OneWay().Send() == 0; }));
-    }
-    ASSERT_TRUE(Eventually([&] { return Call(hub_, NOTES).Answer() == COUNT; }));
-    Call notes(hub_, NOTES);
-    ASSERT_EQ(notes.Send(), 0);
-    ASSERT_EQ(notes.Reply().ReadInt32(), COUNT);
-    for (int32_t i = 0; i < COUNT; ++i) {
-        ASSERT_EQ(notes.Reply().ReadInt32(), i);
-    }
 }
 
 TEST_F(IpcRequests, ForkedChildIsRefused)
