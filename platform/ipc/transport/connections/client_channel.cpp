@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "frame_reader.h"
 #include "ipc_log.h"
@@ -13,23 +14,9 @@
 namespace VEXA::ipc {
 namespace {
 
-// Brings in the rest of a reply of which `have` bytes have arrived.
-int32_t ReceiveRest(int fd, MessageParcel& reply, const FrameHeader& header, size_t have, Deadline deadline)
+int32_t ErrorOf(Transfer failed)
 {
-    const size_t total = kHeaderBytes + BodyBytes(header);
-    if (have < total) {
-        if (!ParcelAccess::ReserveTotal(reply, total - kHeaderBytes)) {
-            return IPC_FAILED;
-        }
-        size_t moved = 0;
-        const size_t missing = total - have;
-        const Transfer result = ReceiveMore(fd, ParcelAccess::Storage(reply) + have, missing, missing, deadline, moved);
-        if (result != Transfer::DONE) {
-            return result == Transfer::WOULD_BLOCK ? IPC_TIMED_OUT : IPC_CONNECTION_LOST;
-        }
-    }
-    ParcelAccess::SetSize(reply, header.bytes);
-    return IPC_OK;
+    return failed == Transfer::WOULD_BLOCK ? IPC_TIMED_OUT : IPC_CONNECTION_LOST;
 }
 
 }  // namespace
@@ -41,7 +28,7 @@ void ClientChannel::LimitReceive(Deadline deadline)
     const auto left = std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now());
     if (receiveTimeout_ == milliseconds(0) || receiveTimeout_ < left || receiveTimeout_ > left + kReceiveSlack) {
         receiveTimeout_ = std::max(left, milliseconds(1));
-        SetReceiveTimeout(fd_.Get(), receiveTimeout_);
+        SetTimeout(Fd(), SO_RCVTIMEO, receiveTimeout_);
     }
 }
 
@@ -49,28 +36,38 @@ int32_t ClientChannel::Exchange(
     MessageParcel& frame, size_t frameBytes, MessageParcel& reply, Deadline deadline, Reached& reached)
 {
     reached = Reached::NOTHING;
-    Transfer result = SendAll(fd_.Get(), ParcelAccess::Storage(frame), frameBytes, deadline);
+    const bool isUsed = std::exchange(state_, State::BROKEN) == State::USED;
+    Transfer result = SendAll(Fd(), ParcelAccess::Storage(frame), frameBytes, deadline);
     if (result != Transfer::DONE) {
-        return result == Transfer::WOULD_BLOCK ? IPC_TIMED_OUT : IPC_CONNECTION_LOST;
+        return ErrorOf(result);
     }
     reached = Reached::SENT;
     ParcelAccess::Clear(reply);
     LimitReceive(deadline);
     size_t have = 0;
-    result = ReceiveAtLeast(fd_.Get(), ParcelAccess::Storage(reply), kHeaderBytes, kFirstRead, deadline, have);
+    result = ReceiveAtLeast(Fd(), ParcelAccess::Storage(reply), kHeaderBytes, kFirstRead, deadline, have);
     if (result != Transfer::DONE) {
-        if (result != Transfer::WOULD_BLOCK && have == 0 && !used_) {
+        if (result != Transfer::WOULD_BLOCK && have == 0 && !isUsed) {
             reached = Reached::TURNED_AWAY;
         }
-        return result == Transfer::WOULD_BLOCK ? IPC_TIMED_OUT : IPC_CONNECTION_LOST;
+        return ErrorOf(result);
     }
-    used_ = true;
     const FrameHeader header = HeaderOf(reply);
-    if (!IsSound(header) || header.kind != FrameKind::REPLY || have > kHeaderBytes + BodyBytes(header)) {
+    const size_t total = kHeaderBytes + BodyBytes(header);
+    if (!IsSound(header) || header.kind != FrameKind::REPLY || have > total) {
         IPC_LOGE("malformed reply, connection closed");
         return IPC_CONNECTION_LOST;
     }
-    return ReceiveRest(fd_.Get(), reply, header, have, deadline);
+    if (!ParcelAccess::ReserveTotal(reply, total - kHeaderBytes)) {
+        return IPC_FAILED;
+    }
+    result = have < total ? ReceiveMore(Fd(), ParcelAccess::Storage(reply), total, total, deadline, have) : result;
+    if (result != Transfer::DONE) {
+        return ErrorOf(result);
+    }
+    ParcelAccess::SetSize(reply, header.bytes);
+    state_ = State::USED;
+    return IPC_OK;
 }
 
 void ClientChannel::AcknowledgeObjects()
@@ -86,9 +83,7 @@ ClientChannel ClientChannels::TakeIdle()
     if (idle_.empty()) {
         return ClientChannel();
     }
-    const std::thread::id self = std::this_thread::get_id();
-    const auto own =
-        std::find_if(idle_.rbegin(), idle_.rend(), [&](const ClientChannel& idle) { return idle.user_ == self; });
+    const auto own = std::ranges::find(idle_.rbegin(), idle_.rend(), std::this_thread::get_id(), &ClientChannel::user_);
     if (own != idle_.rend()) {
         std::swap(*own, idle_.back());
     }
@@ -123,16 +118,10 @@ ClientChannel ClientChannels::Open(UniqueFd fd, EndpointId self, const ChannelKe
 void ClientChannels::Return(ClientChannel channel)
 {
     MutexLock lock(mutex_);
-    inUse_.erase(std::remove(inUse_.begin(), inUse_.end(), channel.Fd()), inUse_.end());
-    if (!closed_ && idle_.size() < kMostIdle) {
+    std::erase(inUse_, channel.Fd());
+    if (!closed_ && channel.state_ != ClientChannel::State::BROKEN && idle_.size() < kMostIdle) {
         idle_.push_back(std::move(channel));
     }
-}
-
-void ClientChannels::Lose(const ClientChannel& channel)
-{
-    MutexLock lock(mutex_);
-    inUse_.erase(std::remove(inUse_.begin(), inUse_.end(), channel.Fd()), inUse_.end());
 }
 
 void ClientChannels::Close()
@@ -141,7 +130,7 @@ void ClientChannels::Close()
     MutexLock lock(mutex_);
     closed_ = true;
     idle.swap(idle_);
-    // Whoever waits on one is woken by its end; that thread closes it.
+    // The end of a channel wakes the thread that waits on it, which then closes it.
     for (const int fd : inUse_) {
         shutdown(fd, SHUT_RDWR);
     }

@@ -3,7 +3,7 @@
 // one or opens another, so requests of several threads are under way at once and no reply waits behind another's.
 #pragma once
 
-#include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <thread>
 #include <vector>
@@ -23,14 +23,14 @@ public:
     explicit operator bool() const { return static_cast<bool>(fd_); }
     int Fd() const { return fd_.Get(); }
 
-    // How far an exchange that failed has come.
+    // Says how far an exchange that failed has come.
     enum class Reached {
         NOTHING,      // the frame has not left whole
-        SENT,         // it has left, and the other process will read it if it lives
-        TURNED_AWAY,  // it has left on a connection that the other process closed without having used it
+        SENT,         // the frame has left, and the other process will read it if it lives
+        TURNED_AWAY,  // the frame has left on a connection that the other process closed without having used it
     };
     // Sends a frame whose header lies in the parcel's headroom, and receives the reply's frame into `reply`, until the
-    // deadline. 0, or an IpcError.
+    // deadline. Returns 0, or an IpcError: the channel can't serve again then.
     int32_t Exchange(
         MessageParcel& frame, size_t frameBytes, MessageParcel& reply, Deadline deadline, Reached& reached);
     void AcknowledgeObjects();
@@ -38,25 +38,26 @@ public:
 private:
     friend class ClientChannels;
 
+    enum class State { FRESH, USED, BROKEN };
+
     void LimitReceive(Deadline deadline);
 
     UniqueFd fd_;
-    std::thread::id user_;                         // that took it last
-    std::chrono::milliseconds receiveTimeout_{0};  // what the socket is set to
-    bool used_ = false;                            // has brought a reply
+    std::thread::id user_;                         // the thread that took the channel last
+    std::chrono::milliseconds receiveTimeout_{0};  // SO_RCVTIMEO as it is set
+    State state_ = State::FRESH;  // USED: has brought a reply; BROKEN: in an exchange, or after a failed one
 };
 
 class ClientChannels {
 public:
-    // Makes a channel of a new connection to the process that has issued the key to `self`; without a value when it
-    // takes no greeting, or these channels are closed.
+    // Makes a channel of a new connection to the process that has issued the key to `self`; without a value when that
+    // process takes no greeting, or these channels are closed.
     ClientChannel Open(UniqueFd fd, EndpointId self, const ChannelKey& key);
-    // One that is free already, if there is: the one that this thread used last, where the other process has kept a
-    // thread waiting for it and the scheduler has brought the two together.
+    // Takes a channel that is free; without a value when there is none. The one that this thread used last comes first:
+    // the other process keeps a thread waiting for it, and the scheduler has brought the two together.
     ClientChannel TakeIdle();
-    // Brings back a channel that can serve again. One that can't is reported as lost before it is closed.
+    // Brings a channel back after its use. It is kept for the next request where it can serve again, else closed.
     void Return(ClientChannel channel);
-    void Lose(const ClientChannel& channel);
     // Ends all channels, those in use too, and lets no new ones be kept.
     void Close();
 

@@ -4,7 +4,7 @@
 #include <pthread.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <utility>
 
 namespace VEXA::ipc {
 
@@ -18,55 +18,30 @@ void ProcessLife::Watch()
 {
     ProcessLife& life = Get();
     MutexLock lock(life.mutex_);
-    if (!life.watching_) {
-        life.watching_ = true;
-        pthread_atfork(&BeforeFork, &InParent, &InChild);
+    if (std::exchange(life.watching_, true)) {
+        return;
     }
-}
-
-void ProcessLife::Enter(int fd)
-{
-    const size_t index = static_cast<size_t>(fd);
-    isOpen_.resize(std::max(isOpen_.size(), index + 1));
-    isOpen_[index] = true;
+    const auto beforeFork = []() VEXA_NO_THREAD_SAFETY_ANALYSIS { Get().mutex_.lock(); };
+    const auto inParent = []() VEXA_NO_THREAD_SAFETY_ANALYSIS { Get().mutex_.unlock(); };
+    // Runs between fork and whatever the child does: system calls only.
+    const auto inChild = []() VEXA_NO_THREAD_SAFETY_ANALYSIS {
+        // A child of the child finds its parent's descriptors closed already, and their numbers in other use.
+        if (!forked_.exchange(true)) {
+            for (const int fd : Get().open_) {
+                close(fd);
+            }
+        }
+        Get().mutex_.unlock();
+    };
+    pthread_atfork(beforeFork, inParent, inChild);
 }
 
 void ProcessLife::CloseFd(int fd)
 {
-    const size_t index = static_cast<size_t>(fd);
     ProcessLife& life = Get();
     MutexLock lock(life.mutex_);
-    life.isOpen_[index] = false;
+    life.open_.erase(fd);
     close(fd);
-}
-
-void ProcessLife::BeforeFork() VEXA_NO_THREAD_SAFETY_ANALYSIS
-{
-    Get().mutex_.lock();
-}
-
-void ProcessLife::InParent() VEXA_NO_THREAD_SAFETY_ANALYSIS
-{
-    Get().mutex_.unlock();
-}
-
-void ProcessLife::InChild() VEXA_NO_THREAD_SAFETY_ANALYSIS
-{
-    ProcessLife& life = Get();
-    forked_.store(true, std::memory_order_relaxed);
-    life.CloseAllInChild();
-    life.mutex_.unlock();
-}
-
-// Runs between fork and whatever the child does: system calls only.
-void ProcessLife::CloseAllInChild()
-{
-    for (size_t fd = 0; fd < isOpen_.size(); ++fd) {
-        if (isOpen_[fd]) {
-            close(static_cast<int>(fd));
-            isOpen_[fd] = false;
-        }
-    }
 }
 
 }  // namespace VEXA::ipc

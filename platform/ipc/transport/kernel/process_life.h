@@ -4,8 +4,7 @@
 #pragma once
 
 #include <atomic>
-#include <cstddef>
-#include <vector>
+#include <set>
 
 #include "vexa/base/mutex.h"
 
@@ -14,7 +13,7 @@ namespace VEXA::ipc {
 // One state for the whole process.
 class ProcessLife {
 public:
-    // Installs the fork handler. Idempotent.
+    // Installs the fork handlers. Idempotent.
     static void Watch();
 
     // True in a child of fork that has inherited a running transport. Such a process must not take any lock of the
@@ -23,8 +22,8 @@ public:
     static bool Exiting() { return exiting_.load(std::memory_order_relaxed); }
     static void SetExiting() { exiting_.store(true, std::memory_order_relaxed); }
 
-    // The descriptors that a forked child closes, so that the kernel's word on a socket is about this process only.
-    // They are made and closed here, so that no fork falls between a call and its entry.
+    // The transport's descriptors are made and closed here, so that no fork falls between a call and its entry. A
+    // forked child closes them: the end of a socket then means the end of this process only.
     template <typename Open>
     static int OpenFd(const Open& open)
     {
@@ -32,7 +31,7 @@ public:
         MutexLock lock(life.mutex_);
         const int fd = open();
         if (fd >= 0) {
-            life.Enter(fd);
+            life.open_.insert(fd);
         }
         return fd;
     }
@@ -41,17 +40,12 @@ public:
 private:
     ProcessLife() = default;
     static ProcessLife& Get();
-    void Enter(int fd) VEXA_REQUIRES(mutex_);
-    void CloseAllInChild() VEXA_REQUIRES(mutex_);
-    static void BeforeFork();
-    static void InParent();
-    static void InChild();
 
     static inline std::atomic<bool> forked_{false};
     static inline std::atomic<bool> exiting_{false};
     Mutex mutex_{LockRank::ProcessLife};
     bool watching_ VEXA_GUARDED_BY(mutex_) = false;
-    std::vector<bool> isOpen_ VEXA_GUARDED_BY(mutex_);  // by descriptor
+    std::set<int> open_ VEXA_GUARDED_BY(mutex_);
 };
 
 }  // namespace VEXA::ipc

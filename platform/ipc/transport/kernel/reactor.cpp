@@ -5,11 +5,9 @@
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <utility>
 
 #include "transport/limits.h"
 
@@ -18,7 +16,7 @@ namespace VEXA::ipc {
 Reactor::Ticks Reactor::NeedTicks()
 {
     if (ticksNeeded_.fetch_add(1) == 0 && !IsOwnThread()) {
-        Wake();
+        eventfd_write(wake_.Get(), 1);
     }
     return Ticks(this);
 }
@@ -59,21 +57,10 @@ void Reactor::Change(int fd, uint32_t events)
 
 void Reactor::Remove(int fd)
 {
-    sptr<EventHandler> removed;  // its last reference, if it is that, goes after the lock
+    decltype(handlers_)::node_type removed;  // may be the last reference to the handler: it goes after the lock
     MutexLock lock(mutex_);
     epoll_ctl(epoll_.Get(), EPOLL_CTL_DEL, fd, nullptr);
-    const auto found = handlers_.find(fd);
-    if (found != handlers_.end()) {
-        removed = std::move(found->second);
-        handlers_.erase(found);
-    }
-}
-
-void Reactor::Wake()
-{
-    const uint64_t one = 1;
-    // A full counter means that the reactor has been woken already.
-    [[maybe_unused]] const ssize_t written = write(wake_.Get(), &one, sizeof(one));
+    removed = handlers_.extract(fd);
 }
 
 bool Reactor::Settle(std::chrono::milliseconds limit)
@@ -86,7 +73,7 @@ bool Reactor::Settle(std::chrono::milliseconds limit)
     }
     MutexLock lock(mutex_);
     const uint64_t mine = ++settleAsked_;
-    Wake();
+    eventfd_write(wake_.Get(), 1);
     return settled_.WaitFor(mutex_, limit, [&]() VEXA_NO_THREAD_SAFETY_ANALYSIS { return settleDone_ >= mine; });
 }
 
@@ -114,22 +101,12 @@ void Reactor::DrainAll()
     // Links are read in rounds, because a frame on one link can be the grant that a frame on another link waits for.
     // The rounds end: each reads only bytes that had arrived when it began.
     bool hasMoved = true;
-    while (hasMoved) {
-        hasMoved = false;
+    while (std::exchange(hasMoved, false)) {
         for (const sptr<EventHandler>& handler : handlers) {
             hasMoved = handler->Drain() || hasMoved;
         }
     }
     settling_ = false;
-}
-
-void Reactor::ResumeAll()
-{
-    if (std::exchange(resumeLater_, false)) {
-        for (const sptr<EventHandler>& handler : Handlers()) {
-            handler->Resume();
-        }
-    }
 }
 
 bool Reactor::Turn(bool mayWait, int most)
@@ -145,7 +122,11 @@ bool Reactor::Turn(bool mayWait, int most)
         Dispatch(events[i].data.fd, events[i].events);
     }
     SettleWaiters();
-    ResumeAll();
+    if (std::exchange(resumeLater_, false)) {
+        for (const sptr<EventHandler>& handler : Handlers()) {
+            handler->Resume();
+        }
+    }
     Tick();
     return true;
 }
@@ -160,8 +141,8 @@ void Reactor::CutAll()
 void Reactor::Dispatch(int fd, uint32_t events)
 {
     if (fd == wake_.Get()) {
-        uint64_t ignored;
-        [[maybe_unused]] const ssize_t cleared = read(fd, &ignored, sizeof(ignored));
+        eventfd_t ignored;
+        eventfd_read(fd, &ignored);
         return;
     }
     sptr<EventHandler> handler;

@@ -19,20 +19,20 @@
 
 namespace VEXA::ipc {
 
-// What the reactor watches. Called on its thread only.
+// Owns a descriptor that the reactor watches. The reactor calls it, on its own thread only.
 class EventHandler : public RefBase {
 public:
     explicit EventHandler(UniqueFd fd) : fd_(std::move(fd)) {}
 
     virtual void OnEvents(uint32_t events) = 0;
-    // About once in a kTickPeriod while anything needs ticks.
+    // Is called about once in a kTickPeriod while anything needs ticks.
     virtual void OnTick(Deadline now) { (void)now; }
-    // What has arrived so far, for Reactor::Settle: takes in connections; notes how much there is to read; reads up to
-    // that, and says whether anything was dealt with.
+    // Three steps of Reactor::Settle, which deals with what has arrived so far: accept all connections; note how much
+    // there is to read; read up to that, and return true when anything was dealt with.
     virtual void AcceptAll() {}
     virtual void TakeStock() {}
     virtual bool Drain() { return false; }
-    // Goes on with what waited for the end of a Settle.
+    // Goes on with a frame that waited for the end of a Settle.
     virtual void Resume() {}
 
     int Fd() const { return fd_.Get(); }
@@ -54,38 +54,36 @@ public:
 
     // Makes the descriptors; false when the kernel refuses.
     bool Open();
-    // Starts the thread that turns for ever.
+    // Starts the thread, which turns for ever.
     bool Start();
-    // Deals with up to `most` events and, with `mayWait`, waits for them, no longer than until the next tick; false
-    // when that is over for good. The calling thread is the reactor's thread.
+    // Deals with up to `most` events and, with `mayWait`, waits for them, no longer than until the next tick. The
+    // calling thread becomes the reactor's thread. False when epoll fails.
     static constexpr int kBatch = 64;
     bool Turn(bool mayWait = true, int most = kBatch);
-    // Ends every connection, as the kernel does when a process ends. For tests without processes.
+    // Ends every connection, as the kernel does when a process ends. Tests use it.
     void CutAll();
 
     bool Add(const sptr<EventHandler>& handler, uint32_t events);
     void Change(int fd, uint32_t events);
-    // The handler is called no more (from the reactor's own thread: at once; it lives until its call returns).
+    // Ends the watch: on the reactor's own thread at once, else after a call that is under way. The handler outlives
+    // it.
     void Remove(int fd);
 
-    // Returns once everything that had reached this process's links when it was called, those included that were not
-    // accepted yet, has been dealt with; false when that took longer than the limit. On the reactor's own thread it
-    // does the work itself, for all links whose frames are not being read already. Frames that then turn out to need
-    // another one, which may be on a link that is being read, wait: their links resume when the settling is over.
+    // Returns once everything has been dealt with that had reached this process's links when it was called, those not
+    // accepted yet included; false when that took longer than the limit. On the reactor's own thread it does the work
+    // itself, except for a link that is being read already. A frame that needs another one, which may be on that link,
+    // waits: its own link resumes when the settling is over.
     bool Settle(std::chrono::milliseconds limit);
-    // For handlers, while they are called: whether a Settle is under way, and that the handler has something waiting
-    // for its end.
+    // For handlers, while they are called: true while a Settle is under way; asks for Resume at its end.
     bool Settling() const { return settling_; }
     void ResumeLater() { resumeLater_ = true; }
 
-    // Called at each tick, on the reactor's thread. Set before Start.
+    // Sets what is called at each tick, on the reactor's thread. Before Start only.
     void SetTickAction(std::function<void(Deadline)> action) { tickAction_ = std::move(action); }
 
 private:
     bool IsOwnThread() const { return pthread_equal(pthread_self(), thread_.load(std::memory_order_relaxed)) != 0; }
-    void Wake();
     void DrainAll();
-    void ResumeAll();
     void SettleWaiters();
     void Dispatch(int fd, uint32_t events);
     void Tick();

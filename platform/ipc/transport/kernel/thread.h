@@ -5,11 +5,11 @@
 
 namespace VEXA::ipc {
 
-// Starts a detached thread with all signals blocked, so that the host's handlers run on the host's threads. `name` is a
-// literal of at most 15 characters. False when the kernel refuses.
+// Starts a detached thread with all signals blocked, so that the program's handlers run on the program's own threads.
+// `name` is a literal of at most 15 characters. False when the kernel refuses.
 bool StartThread(const char* name, std::function<void()> body);
 
-// That function, or what a test has in its place to do the work of the threads step by step.
+// StartThread, or a test's function in its place, which leaves the work of the threads to the test.
 using ThreadStarter = std::function<bool(const char* name, std::function<void()> body)>;
 
 }  // namespace VEXA::ipc

@@ -3,7 +3,6 @@
 
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <utility>
@@ -18,7 +17,7 @@ thread_local ipc::WorkerPool* currentPool = nullptr;
 
 }  // namespace
 
-// A wait within a wait counts no second time.
+// A wait within a wait is not counted again.
 WorkerWait::WorkerWait() : pool_(std::exchange(currentPool, nullptr))
 {
     if (pool_ != nullptr) {
@@ -51,15 +50,8 @@ void WorkerPool::Post(std::function<void()> task)
         MutexLock lock(mutex_);
         tasks_.push_back(std::move(task));
     }
-    WakeForTask();
+    eventfd_write(taskEvent_.Get(), 1);
     KeepOneWaiting();
-}
-
-// Each write is an edge; the counter is never read. Edges that no worker has waited for yet are one.
-void WorkerPool::WakeForTask()
-{
-    const uint64_t one = 1;
-    [[maybe_unused]] const ssize_t written = write(taskEvent_.Get(), &one, sizeof(one));
 }
 
 bool WorkerPool::Watch(int fd, bool hasOutput, Served& served)
@@ -78,13 +70,13 @@ void WorkerPool::KeepOneWaiting()
 {
     size_t threads = threads_.load();
     do {
-        // Blocked workers may all go on at once, so at least one thread beyond them is what counts.
+        // Blocked workers may all go on at once, so the threads beyond them are what counts.
         if (waiting_.load() > 0 || threads >= limit_.load(std::memory_order_relaxed) + blocked_.load() ||
             threads >= kMostThreads) {
             return;
         }
     } while (!threads_.compare_exchange_weak(threads, threads + 1));
-    // Counted as waiting from its creation on, so that no second one is started for the same want.
+    // The new worker counts as waiting at once, so that no second one is started for the same want.
     waiting_.fetch_add(1);
     if (!startThread_("vexa-worker", [this] { Run(); })) {
         waiting_.fetch_sub(1);
@@ -141,7 +133,7 @@ void WorkerPool::RunTasks()
         }
         // The task may take long, so another worker sees to the rest.
         if (more) {
-            WakeForTask();
+            eventfd_write(taskEvent_.Get(), 1);
         }
         task();
     }

@@ -16,7 +16,7 @@
 
 namespace VEXA::ipc {
 
-// What workers watch: one of them calls it when something has arrived.
+// Is watched by the workers, one of which calls it when something has arrived.
 class Served {
 public:
     virtual ~Served() = default;
@@ -24,9 +24,9 @@ public:
 };
 
 // Workers wait on one epoll set; the one that wakes reads the request, runs it and writes the reply, without a
-// hand-over. There is always one worker waiting as long as the limit allows, so a request never waits for a thread to
-// be started. A worker that waits for a request of its own does not count against the limit: a chain of nested calls
-// between two processes always finds a thread. Any thread.
+// hand-over. One worker is always waiting as long as the limit allows, so a request never waits for a thread to be
+// started. A worker that waits for a request of its own does not count against the limit: a chain of nested calls
+// between two processes always finds a thread. All operations may be called from any thread.
 class WorkerPool {
 public:
     explicit WorkerPool(ThreadStarter startThread) : startThread_(std::move(startThread)) {}
@@ -35,24 +35,22 @@ public:
     bool Open();
     void SetLimit(size_t threads) { limit_.store(threads == 0 ? 1 : threads, std::memory_order_relaxed); }
 
-    // Runs `task` on a worker: code that the transport does not know, and whatever may wait, is nothing for the
-    // reactor.
+    // Runs `task` on a worker. Code that the transport does not know, and whatever may wait, would hold up the reactor.
     void Post(std::function<void()> task);
     // Runs the tasks that have been posted, on the calling thread.
     void RunTasks();
 
-    // Tells the workers from now on, at each edge, when something arrives at the descriptor or, if it has output, when
-    // there is room for it. `served` lives as long as the pool.
+    // Tells a worker, at each edge, when something arrives at the descriptor or, where it has output, when there is
+    // room for that. `served` lives as long as the pool.
     bool Watch(int fd, bool hasOutput, Served& served);
     void Unwatch(int fd);
-    // True while there are workers for the other descriptors, so that one worker may wait for a descriptor of its own.
+    // True while workers wait for all descriptors, so that this one may wait for a descriptor of its own.
     bool OthersWait() const { return waiting_.load(std::memory_order_relaxed) > 0; }
 
 private:
     friend class ::VEXA::WorkerWait;
 
     void Run();
-    void WakeForTask();
     // Starts another worker unless one is waiting, or as many as may are running.
     void KeepOneWaiting();
 
@@ -63,7 +61,7 @@ private:
 
     const ThreadStarter startThread_;
     UniqueFd epoll_;
-    UniqueFd taskEvent_;
+    UniqueFd taskEvent_;  // each write is an edge, which wakes one worker; the counter is never read
 
     Mutex mutex_{LockRank::WorkerTasks};
     std::deque<std::function<void()>> tasks_ VEXA_GUARDED_BY(mutex_);

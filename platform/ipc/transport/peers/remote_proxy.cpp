@@ -97,18 +97,14 @@ int32_t RemoteProxy::SendSync(uint32_t code, MessageParcel& data, MessageParcel&
     }
     ClientChannel::Reached reached{};
     error = channel.Exchange(data, size, reply, deadline, reached);
-    if (error != IPC_OK) {
-        Process().Channels().Lose(channel);
-        if (error == IPC_CONNECTION_LOST && Process().WaitUntilDead(kDeathLag)) {
-            error = IPC_DEAD_OBJECT;
-        }
-        if (reached == ClientChannel::Reached::SENT) {
-            transfer.Commit();
-        }
-        ParcelAccess::Clear(reply);
-        return error;
+    if (error == IPC_OK || reached == ClientChannel::Reached::SENT) {
+        transfer.Commit();
     }
-    transfer.Commit();
+    if (error != IPC_OK) {
+        Process().Channels().Return(std::move(channel));
+        ParcelAccess::Clear(reply);
+        return error == IPC_CONNECTION_LOST && Process().WaitUntilDead(kDeathLag) ? IPC_DEAD_OBJECT : error;
+    }
     const FrameHeader header = HeaderOf(reply);
     if (header.objects > 0) {
         AwaitGrants(peers_, reply, header, Process());
