@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// How many connections each user has with this process, and all users together.
+// Counts the connections that each user has with this process, and those of all users together.
 #pragma once
 
 #include <sys/types.h>
 
-#include <cstddef>
 #include <functional>
 #include <memory>
 #include <unordered_map>
@@ -15,10 +14,10 @@
 
 namespace VEXA::ipc {
 
-// Any thread. Outlives its slots.
+// Outlives its slots. All operations may be called from any thread.
 class ConnectionCounts {
 public:
-    // One counted connection. It travels with the connection's descriptor, and ends its count with it.
+    // Stands for one counted connection: it travels with the connection's descriptor, and its end is uncounted.
     struct Uncount {
         uid_t user;
         void operator()(ConnectionCounts* counts) const { counts->Free(user); }
@@ -28,7 +27,7 @@ public:
     // `descriptors` tells how many this process may have now.
     explicit ConnectionCounts(std::function<size_t()> descriptors) : descriptors_(std::move(descriptors)) {}
 
-    // Null when it would be one too many of the user, or of all.
+    // Counts one more; null when it would be one too many of the user, or of all.
     Slot Take(uid_t user);
 
 private:
@@ -37,7 +36,7 @@ private:
     const std::function<size_t()> descriptors_;
     Mutex mutex_{LockRank::ConnectionCounts};
     size_t all_ VEXA_GUARDED_BY(mutex_) = 0;
-    bool isRefusing_ VEXA_GUARDED_BY(mutex_) = false;  // logged once, until one is taken again
+    bool isRefusing_ VEXA_GUARDED_BY(mutex_) = false;  // since the last log line of it; a success ends that
     std::unordered_map<uid_t, size_t> of_ VEXA_GUARDED_BY(mutex_);
 };
 

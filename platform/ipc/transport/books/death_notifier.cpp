@@ -22,7 +22,7 @@ bool DeathNotifier::Cancel(const IRemoteObject* object, const sptr<Recipient>& r
 {
     Notice cancelled;  // its references go after the lock
     MutexLock lock(mutex_);
-    const auto found = std::find_if(notices_.begin(), notices_.end(),
+    const auto found = std::ranges::find_if(notices_,
         [&](const Notice& notice) { return notice.object.GetRefPtr() == object && notice.recipient == recipient; });
     if (found == notices_.end()) {
         return false;
@@ -47,27 +47,19 @@ void DeathNotifier::KeepOneIdle()
 std::deque<DeathNotifier::Notice>::iterator DeathNotifier::Next()
 {
     const auto isFree = [this](const Notice& notice) VEXA_NO_THREAD_SAFETY_ANALYSIS {
-        return std::none_of(running_.begin(), running_.end(), [&](const Running& running) {
+        return std::ranges::none_of(running_, [&](const Running& running) {
             return running.process == notice.process || running.recipient == notice.recipient.GetRefPtr();
         });
     };
-    return std::find_if(notices_.begin(), notices_.end(), isFree);
-}
-
-DeathNotifier::Clock::time_point DeathNotifier::PatienceEnds()
-{
-    auto end = Clock::time_point::min();
-    for (const Running& running : running_) {
-        end = std::max(end, running.since + kPatience);
-    }
-    return end;
+    return std::ranges::find_if(notices_, isFree);
 }
 
 void DeathNotifier::Run()
 {
+    const auto isDue = [this]() VEXA_NO_THREAD_SAFETY_ANALYSIS { return Next() != notices_.end(); };
+    const auto noneRuns = [this]() VEXA_NO_THREAD_SAFETY_ANALYSIS { return running_.empty(); };
     MutexLock lock(mutex_);
     while (!ProcessLife::Exiting()) {
-        const auto isDue = [this]() VEXA_NO_THREAD_SAFETY_ANALYSIS { return Next() != notices_.end(); };
         if (!changed_.WaitFor(mutex_, kDeathThreadIdle, isDue)) {
             if (threads_ - running_.size() > 1) {
                 --threads_;
@@ -75,10 +67,9 @@ void DeathNotifier::Run()
             }
             continue;
         }
-        const auto patienceEnds = PatienceEnds();
-        if (Clock::now() < patienceEnds) {
-            changed_.WaitUntil(
-                mutex_, patienceEnds, [this]() VEXA_NO_THREAD_SAFETY_ANALYSIS { return running_.empty(); });
+        // Those that run are in the order in which they began.
+        if (!running_.empty() && Clock::now() < running_.back().since + kPatience) {
+            changed_.WaitUntil(mutex_, running_.back().since + kPatience, noneRuns);
             continue;
         }
         TellNext();
@@ -88,16 +79,15 @@ void DeathNotifier::Run()
 bool DeathNotifier::TellOne()
 {
     MutexLock lock(mutex_);
-    if (Next() == notices_.end()) {
-        return false;
-    }
-    TellNext();
-    return true;
+    return TellNext();
 }
 
-void DeathNotifier::TellNext()
+bool DeathNotifier::TellNext()
 {
     const auto next = Next();
+    if (next == notices_.end()) {
+        return false;
+    }
     Notice notice = std::move(*next);
     notices_.erase(next);
     const Recipient* const recipient = notice.recipient.GetRefPtr();
@@ -110,9 +100,9 @@ void DeathNotifier::TellNext()
     // A recipient that goes with its last holder may call back here.
     notice = Notice();
     mutex_.lock();
-    running_.erase(std::find_if(
-        running_.begin(), running_.end(), [&](const Running& running) { return running.recipient == recipient; }));
+    std::erase_if(running_, [&](const Running& running) { return running.recipient == recipient; });
     changed_.NotifyAll();
+    return true;
 }
 
 }  // namespace VEXA::ipc

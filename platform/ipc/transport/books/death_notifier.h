@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// The deaths that are still to be told, and telling them.
+// Tells death recipients that a process has died.
 #pragma once
 
 #include <chrono>
-#include <cstddef>
 #include <deque>
 #include <utility>
 #include <vector>
@@ -15,24 +14,24 @@
 
 namespace VEXA::ipc {
 
-// Runs recipients one after the other, each once for a notice, in the order in which they were posted. Past one that
-// takes longer than kPatience (it looks the service up again, say) another thread goes on with the deaths of other
-// processes, so that no death waits for what a stranger's recipient waits for. Those of one process always run one
-// after the other, and the same recipient never runs twice at the same time. Its first thread starts with the first
-// post. Any thread.
+// Runs recipients one after the other, each once for a notice, in the order in which the notices were posted. When one
+// takes longer than kPatience (it looks the service up again, say), another thread goes on with the deaths of other
+// processes, so that no death waits for what a stranger's recipient waits for. The recipients of one process always run
+// one after the other, and the same recipient never runs twice at the same time. The first thread starts with the first
+// notice. All operations may be called from any thread.
 class DeathNotifier {
 public:
     using Recipient = IRemoteObject::DeathRecipient;
 
     explicit DeathNotifier(ThreadStarter startThread) : startThread_(std::move(startThread)) {}
 
-    // `process` has died, and `object` with it.
+    // Posts the notice that `process` has died, and `object` with it.
     void Post(EndpointId process, const sptr<IRemoteObject>& object, sptr<Recipient> recipient);
-    // Takes back one notice that has not begun; false when there is none.
+    // Takes back one notice that no thread has begun to tell; false when there is none.
     bool Cancel(const IRemoteObject* object, const sptr<Recipient>& recipient);
 
-    // Tells the next notice on the calling thread, if there is one that may be told now: what its threads do, and a
-    // test without threads.
+    // Tells the next notice that may be told now on the calling thread; false when there is none. For tests without
+    // threads.
     bool TellOne() VEXA_EXCLUDES(mutex_);
 
 private:
@@ -50,14 +49,12 @@ private:
     };
 
     void Run();
-    // Runs the recipient of the next notice, with the lock let go.
-    void TellNext() VEXA_REQUIRES(mutex_);
-    // Sees to it that a thread is left for the notices when all others run recipients.
+    // Does the same, and lets the mutex go while the recipient runs.
+    bool TellNext() VEXA_REQUIRES(mutex_);
+    // Starts a thread when all others run recipients, so that one is left for the notices that wait.
     void KeepOneIdle() VEXA_REQUIRES(mutex_);
-    // The first notice that none of those that run stands in the way of.
+    // Finds the first notice that need not wait for a recipient that runs.
     std::deque<Notice>::iterator Next() VEXA_REQUIRES(mutex_);
-    // When those that run have had their time: in the past when none runs.
-    Clock::time_point PatienceEnds() VEXA_REQUIRES(mutex_);
 
     const ThreadStarter startThread_;
     Mutex mutex_{LockRank::DeathNotices};

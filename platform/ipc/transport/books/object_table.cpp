@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "object_table.h"
 
+#include <algorithm>
+#include <utility>
+
 namespace VEXA::ipc {
 
 ObjectId ObjectTable::AddHolder(const sptr<IRemoteObject>& object, EndpointId holder)
@@ -9,44 +12,37 @@ ObjectId ObjectTable::AddHolder(const sptr<IRemoteObject>& object, EndpointId ho
     const auto [known, isNew] = ids_.try_emplace(object.GetRefPtr(), nextId_);
     const ObjectId id = known->second;
     if (isNew) {
-        ++nextId_;
-        exports_[id].object = object;
+        exports_[nextId_++].object = object;
     }
     // A count that goes up drops nothing.
-    AdjustLocked(id, exports_[id], holder, 1);
+    AdjustLocked(exports_.find(id), holder, 1);
     return id;
 }
 
 sptr<IRemoteObject> ObjectTable::Adjust(ObjectId id, EndpointId holder, int64_t difference)
 {
     MutexLock lock(mutex_);
-    const auto found = exports_.find(id);
-    return found != exports_.end() ? AdjustLocked(id, found->second, holder, difference) : nullptr;
+    return AdjustLocked(exports_.find(id), holder, difference);
 }
 
-sptr<IRemoteObject> ObjectTable::AdjustLocked(ObjectId id, Export& exported, EndpointId holder, int64_t difference)
+sptr<IRemoteObject> ObjectTable::AdjustLocked(Exports::iterator exported, EndpointId holder, int64_t difference)
 {
-    int64_t& count = exported.counts[holder];
-    const bool held = count > 0;
+    if (exported == exports_.end()) {
+        return nullptr;
+    }
+    auto& [object, counts] = exported->second;
+    int64_t& count = counts[holder];
     count += difference;
-    const bool holds = count > 0;
     if (count == 0) {
-        exported.counts.erase(holder);
+        counts.erase(holder);
     }
-    if (holds && !held) {
-        ++exported.holders;
-    } else if (held && !holds && --exported.holders == 0) {
-        return DropLocked(id, exported);
+    if (std::ranges::any_of(counts, [](const auto& entry) { return entry.second > 0; })) {
+        return nullptr;
     }
-    return nullptr;
-}
-
-sptr<IRemoteObject> ObjectTable::DropLocked(ObjectId id, Export& exported)
-{
-    sptr<IRemoteObject> object = std::move(exported.object);
-    ids_.erase(object.GetRefPtr());
-    exports_.erase(id);
-    return object;
+    sptr<IRemoteObject> dropped = std::move(object);
+    ids_.erase(dropped.GetRefPtr());
+    exports_.erase(exported);
+    return dropped;
 }
 
 sptr<IRemoteObject> ObjectTable::Find(ObjectId id, EndpointId holder)
@@ -68,14 +64,13 @@ std::vector<sptr<IRemoteObject>> ObjectTable::DropHolder(EndpointId holder)
     std::vector<sptr<IRemoteObject>> dropped;
     MutexLock lock(mutex_);
     for (auto next = exports_.begin(); next != exports_.end();) {
-        auto& [id, exported] = *next++;
-        const auto count = exported.counts.find(holder);
-        const bool held = count != exported.counts.end() && count->second > 0;
-        if (count != exported.counts.end()) {
-            exported.counts.erase(count);
+        const auto exported = next++;
+        const auto count = exported->second.counts.find(holder);
+        if (count == exported->second.counts.end()) {
+            continue;
         }
-        if (held && --exported.holders == 0) {
-            dropped.push_back(DropLocked(id, exported));
+        if (sptr<IRemoteObject> object = AdjustLocked(exported, holder, -count->second)) {
+            dropped.push_back(std::move(object));
         }
     }
     return dropped;

@@ -13,18 +13,18 @@
 
 namespace VEXA::ipc {
 
-// An object stays in the table, and so alive, while a process has a count above 0 for it; only such a process may call
-// it. Counts travel on links of different processes, so a holder's RELEASE can overtake the GRANT by which another
-// process made it one; a count below 0 is that debt, and keeps nothing alive: the granting process still does. One
-// table in a process; all operations may be called from any thread.
+// A process holds an object while its count for that object is above 0. An object stays in the table, and so alive, as
+// long as anyone holds it, and only holders may call it. Counts travel on links of different processes, so a holder's
+// RELEASE can overtake the GRANT by which another process made it one; a count below 0 is that debt. It keeps nothing
+// alive: the granting process still does. All operations may be called from any thread.
 class ObjectTable {
 public:
-    // Counts one more reference of `holder` to the object, which enters the table if it is new; its number.
+    // Counts one more reference of `holder` to the object, which enters the table if it is new. Returns its number.
     ObjectId AddHolder(const sptr<IRemoteObject>& object, EndpointId holder);
     // Changes `holder`'s count for an object that is in the table; others are ignored. Returns the object when nobody
     // holds it any more: its last reference may go with the result.
     [[nodiscard]] sptr<IRemoteObject> Adjust(ObjectId id, EndpointId holder, int64_t difference);
-    // The object, if `holder` holds it.
+    // Returns the object if `holder` holds it, else null.
     sptr<IRemoteObject> Find(ObjectId id, EndpointId holder);
     // Forgets all that a process held. Returns the objects that nobody holds any more: their last references go when
     // the caller drops them, outside the table's lock.
@@ -37,16 +37,15 @@ private:
     struct Export {
         sptr<IRemoteObject> object;
         std::unordered_map<EndpointId, int64_t> counts;  // other than 0
-        size_t holders = 0;                              // with a count above 0
     };
+    using Exports = std::unordered_map<ObjectId, Export>;
 
-    sptr<IRemoteObject> AdjustLocked(ObjectId id, Export& exported, EndpointId holder, int64_t difference)
+    sptr<IRemoteObject> AdjustLocked(Exports::iterator exported, EndpointId holder, int64_t difference)
         VEXA_REQUIRES(mutex_);
-    sptr<IRemoteObject> DropLocked(ObjectId id, Export& exported) VEXA_REQUIRES(mutex_);
 
     Mutex mutex_{LockRank::ObjectTable};
     ObjectId nextId_ VEXA_GUARDED_BY(mutex_) = kContextObject + 1;
-    std::unordered_map<ObjectId, Export> exports_ VEXA_GUARDED_BY(mutex_);
+    Exports exports_ VEXA_GUARDED_BY(mutex_);
     std::unordered_map<const IRemoteObject*, ObjectId> ids_ VEXA_GUARDED_BY(mutex_);
     sptr<IRemoteObject> context_ VEXA_GUARDED_BY(mutex_);
 };

@@ -4,13 +4,14 @@
 #pragma once
 
 #include <cstdint>
+#include <utility>
 
 #include "transport/limits.h"
 #include "vexa/base/mutex.h"
 
 namespace VEXA::ipc {
 
-// The sender's side: what it may still send. Its mutex is held from taking credit to handing the frame to the link, so
+// The sender's side counts what is under way. SendOrder is held from taking credit to handing the frame to the link, so
 // that frames leave in the order in which credit was taken.
 class OneWayCredit {
 public:
@@ -26,7 +27,7 @@ public:
         bytes_ += bytes;
         return true;
     }
-    // False when the receiver acknowledges what was never sent.
+    // Counts an acknowledgement; false when it is of something that was never sent.
     bool GiveBack(uint64_t frames, uint64_t bytes)
     {
         MutexLock lock(mutex_);
@@ -45,10 +46,10 @@ private:
     uint64_t bytes_ VEXA_GUARDED_BY(mutex_) = 0;
 };
 
-// The receiver's side: what waits in its queues, and what has left them without the sender having been told.
+// The receiver's side counts what waits in its queues, and what has left them without the sender having been told.
 class OneWayDebt {
 public:
-    // False when the sender has exceeded the bound.
+    // Counts a frame that has arrived; false when its sender has exceeded the bound.
     bool Arrive(uint64_t bytes)
     {
         MutexLock lock(mutex_);
@@ -57,7 +58,7 @@ public:
         return queuedFrames_ + doneFrames_ <= kMaxQueuedOneWayFrames &&
                queuedBytes_ + doneBytes_ <= kMaxQueuedOneWayBytes;
     }
-    // A frame has left the queue. True when it is time to tell the sender of `frames` and `bytes`: acknowledgements are
+    // Counts a frame that has left the queue. True when it is time to acknowledge `frames` with `allBytes`, which are
     // gathered while there is plenty of room, and never held back when the queue is empty or nearly full.
     bool Leave(uint64_t bytes, uint64_t& frames, uint64_t& allBytes)
     {
@@ -71,10 +72,8 @@ public:
             queuedBytes_ + doneBytes_ < kMaxQueuedOneWayBytes / 2) {
             return false;
         }
-        frames = doneFrames_;
-        allBytes = doneBytes_;
-        doneFrames_ = 0;
-        doneBytes_ = 0;
+        frames = std::exchange(doneFrames_, 0);
+        allBytes = std::exchange(doneBytes_, 0);
         return true;
     }
 

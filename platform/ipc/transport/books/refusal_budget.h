@@ -9,9 +9,10 @@
 
 namespace VEXA::ipc {
 
-// How much a peer may get wrong: kMostRefusals things at once, and one a second in the long run.
+// Counts what a peer gets wrong: it may be kMostRefusals things at once, and one a second in the long run.
 class RefusalBudget {
 public:
+    // False when the peer has got too much wrong.
     bool Take(Deadline now)
     {
         // After so long the budget is full again, so longer idle times need no arithmetic.

@@ -10,13 +10,6 @@
 namespace VEXA::ipc {
 namespace {
 
-// A frame of more data than the parcel may hold now; false when there is no memory for it.
-bool MakeRoom(Parcel& parcel, size_t frameBytes)
-{
-    const size_t body = frameBytes > kHeaderBytes ? frameBytes - kHeaderBytes : 0;
-    return ParcelAccess::Capacity(parcel) >= body || ParcelAccess::ReserveTotal(parcel, body);
-}
-
 FrameReader::Result ResultOf(Transfer failed)
 {
     return failed == Transfer::WOULD_BLOCK ? FrameReader::Result::PARTIAL
@@ -57,11 +50,8 @@ FrameReader::Result FrameReader::Read(int fd, MessageParcel& scratch, MessagePar
     }
     if (have >= kHeaderBytes) {
         const FrameHeader header = HeaderOf(scratch);
-        if (!IsSound(header)) {
-            return Result::MALFORMED;
-        }
         const size_t total = kHeaderBytes + BodyBytes(header);
-        if (have >= total) {
+        if (IsSound(header) && have >= total) {
             aheadBytes_ = have - total;
             std::memcpy(ahead_, storage + total, aheadBytes_);
             ParcelAccess::SetSize(scratch, header.bytes);
@@ -91,9 +81,9 @@ FrameReader::Result FrameReader::Collect(int fd, MessageParcel*& frame)
                 return Result::FRAME;
             }
         }
-        // Room for what the header announces, but never for more than as much again as has come so far.
+        // Makes room for what the header announces, but never for more than as much again as has come so far.
         const size_t room = std::min(total, std::max(2 * have_, kGrowthStep));
-        if (!MakeRoom(*collected_, room)) {
+        if (!ParcelAccess::ReserveTotal(*collected_, room - kHeaderBytes)) {
             return Result::MALFORMED;
         }
         size_t moved = 0;
@@ -115,28 +105,10 @@ bool FrameReader::HasHeader(FrameHeader& header) const
     return true;
 }
 
-void FrameReader::Done()
-{
-    collected_.reset();
-    have_ = 0;
-}
-
-std::unique_ptr<MessageParcel> FrameReader::TakeOwn()
-{
-    have_ = 0;
-    return std::move(collected_);
-}
-
 void FrameReader::TakeAheadOf(const FrameReader& other)
 {
     aheadBytes_ = other.aheadBytes_;
     std::memcpy(ahead_, other.ahead_, aheadBytes_);
-}
-
-void FrameReader::Reset()
-{
-    Done();
-    aheadBytes_ = 0;
 }
 
 }  // namespace VEXA::ipc

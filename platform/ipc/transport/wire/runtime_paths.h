@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Where sockets stand in the runtime directory.
+// The places of sockets in the runtime directory.
 #pragma once
 
 #include <sys/types.h>
@@ -17,14 +17,14 @@ std::string EndpointPath(EndpointId id);
 
 // Makes the runtime directory and its folder of endpoints; false, with a log line, when they can't be used.
 bool CreateRuntimeDirectory();
-// Removes the socket of a process that has ended without doing so; of all such processes.
+// Remove the socket, or the sockets of all endpoints, of processes that have ended without doing so.
 void RemoveIfStale(const std::string& path);
 void RemoveStaleEndpoints();
 
-// Tells which file something is. The time of its last change tells files apart that have had the same number.
+// Says which file a path leads to. The time of its last change tells files apart that have had the same number.
 struct FileId {
     dev_t device = 0;
-    ino_t number = 0;  // 0: there is none
+    ino_t number = 0;  // 0: there is no file
     timespec changed{};
 
     bool Exists() const { return number != 0; }

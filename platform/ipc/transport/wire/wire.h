@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What travels between two processes, byte by byte. docs/wire-format.md explains it; this header is the only place
-// where the layouts stand.
+// The layout of all that travels between two processes, byte by byte. docs/wire-format.md explains it.
 #pragma once
 
 #include <bit>
@@ -19,7 +18,7 @@ using EndpointId = uint64_t;
 // Names an object within its own process.
 using ObjectId = uint64_t;
 
-// The object that may be called without having been handed out.
+// The object that every process may call without having been handed it: the manager's.
 inline constexpr ObjectId kContextObject = 0;
 
 enum class FrameKind : uint16_t {
@@ -42,20 +41,20 @@ struct FrameHeader {
     uint16_t objects;  // entries of the object table that follows the data
     uint32_t bytes;    // of data, without header and object table
     uint32_t code;     // REQUEST and ONE_WAY: the request code; REPLY: the result
-    uint64_t target;   // the object that is meant
+    uint64_t target;   // the object that the frame is about
     uint64_t extra;
 };
 inline constexpr size_t kHeaderBytes = 32;
 static_assert(sizeof(FrameHeader) == kHeaderBytes && std::is_trivially_copyable_v<FrameHeader>);
 
-// One remote object of a parcel.
+// Names one remote object of a parcel.
 struct ObjectEntry {
     EndpointId owner;
     ObjectId id;
 };
 static_assert(sizeof(ObjectEntry) == 16);
 
-// A secret that one process hands another over a link; shown by the other when it opens channels.
+// A secret that one process hands another over a link. The other shows it when it opens a channel.
 struct ChannelKey {
     uint64_t high = 0;
     uint64_t low = 0;
@@ -69,8 +68,8 @@ struct HelloBody {
     uint32_t version;
     ConnectionUse use;
     EndpointId sender;
-    // On a channel: the key that the receiver has issued to the sender. In HELLO_REPLY and KEY: the one that the sender
-    // issues to the receiver. In the HELLO of a link: none.
+    // HELLO of a channel: the key that the receiver has issued to the sender. HELLO of a link: none. HELLO_REPLY and
+    // KEY: the key that the sender issues to the receiver.
     ChannelKey key;
 };
 static_assert(sizeof(HelloBody) == 32);
@@ -83,7 +82,7 @@ inline FrameHeader MakeHeader(FrameKind kind, ObjectId target = 0, uint64_t extr
     return FrameHeader{kMagic, kind, 0, 0, 0, target, extra};
 }
 
-// A whole frame that introduces `sender`: HELLO, HELLO_REPLY or KEY.
+// A whole frame by which `sender` introduces itself: HELLO, HELLO_REPLY or KEY.
 struct HelloFrame {
     FrameHeader header;
     HelloBody body;
@@ -95,7 +94,7 @@ inline HelloFrame MakeHello(FrameKind kind, ConnectionUse use, EndpointId sender
     return hello;
 }
 
-// True when a header may be believed: nothing else of a frame is looked at, or allocated for, before this holds.
+// True when a header may be believed. Before that nothing else of a frame is looked at, or allocated for.
 inline bool IsSound(const FrameHeader& header)
 {
     return header.magic == kMagic && header.kind >= FrameKind::HELLO && header.kind <= FrameKind::KEY &&
