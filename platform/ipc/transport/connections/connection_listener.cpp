@@ -2,7 +2,6 @@
 #include "connection_listener.h"
 
 #include <fcntl.h>
-#include <sys/epoll.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -61,7 +60,7 @@ void ConnectionListener::OnTick(Deadline)
 {
     if (paused_) {
         paused_.reset();
-        reactor_.Change(Fd(), EPOLLIN);
+        reactor_.Change(Fd(), Reactor::kReadEvents);
     }
 }
 

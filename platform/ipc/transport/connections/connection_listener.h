@@ -11,7 +11,7 @@ namespace VEXA::ipc {
 
 class ConnectionListener : public EventHandler {
 public:
-    // What is done with a connection that has been accepted and counted, on the reactor's thread.
+    // Is given each connection that has been accepted and counted, on the reactor's thread.
     using Take = std::function<void(Connection connection)>;
 
     ConnectionListener(UniqueFd listener, Reactor& reactor, ConnectionCounts& counts, Take take);
@@ -20,16 +20,16 @@ public:
     void AcceptAll() override;
 
 private:
-    // False when there is none, or none can be taken in.
+    // Takes the next connection in, or turns it away; false when there is none, or not even that can be done.
     bool Accept();
     bool TurnAway();
 
     Reactor& reactor_;
     ConnectionCounts& counts_;
     const Take take_;
-    // Given up for a moment when the process has run out of descriptors, to turn the newest connection away with.
+    // Is closed for a moment when the process has run out of descriptors, so that a connection can be turned away.
     UniqueFd spare_;
-    Reactor::Ticks paused_;  // nothing can be accepted now; tried again with the next tick
+    Reactor::Ticks paused_;  // until the next tick, as nothing can be accepted
 };
 
 }  // namespace VEXA::ipc

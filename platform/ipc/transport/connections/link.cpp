@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "link.h"
 
-#include <sys/epoll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
@@ -11,17 +10,9 @@
 #include "transport/limits.h"
 
 namespace VEXA::ipc {
-namespace {
-
-constexpr uint32_t kReadEvents = EPOLLIN | EPOLLRDHUP;
-
-}  // namespace
 
 Link::Link(Connection connection, Reactor& reactor)
-    : EventHandler(std::move(connection.fd)),
-      reactor_(reactor),
-      connection_(std::move(connection)),
-      scratch_(std::make_unique<MessageParcel>())
+    : EventHandler(std::move(connection.fd)), reactor_(reactor), connection_(std::move(connection))
 {}
 
 bool Link::Send(const void* frame, size_t size)
@@ -42,7 +33,7 @@ bool Link::Send(const void* frame, size_t size)
         if (result == Transfer::END || result == Transfer::FAILED) {
             return false;
         }
-        reactor_.Change(Fd(), kReadEvents | EPOLLOUT);
+        reactor_.Change(Fd(), Reactor::kReadEvents | EPOLLOUT);
     } else if (out_.size() - outSent_ + size > kMostUnread) {
         IPC_LOGE("process %{public}d reads nothing any more, link closed", Who().pid);
         EndLocked();
@@ -60,13 +51,13 @@ bool Link::Send(const void* frame, size_t size)
 bool Link::WaitFlushed(Deadline deadline)
 {
     MutexLock lock(outMutex_);
-    flushed_.WaitUntil(
+    return flushed_.WaitUntil(
         outMutex_, deadline, [this]() VEXA_NO_THREAD_SAFETY_ANALYSIS { return out_.empty() || outClosed_; });
-    return out_.empty() || outClosed_;
 }
 
-void Link::FlushLocked()
+void Link::Flush()
 {
+    MutexLock lock(outMutex_);
     size_t sent = 0;
     Transfer result = Transfer::DONE;
     while (outSent_ < out_.size() && result == Transfer::DONE) {
@@ -76,7 +67,7 @@ void Link::FlushLocked()
     if (outSent_ == out_.size()) {
         std::vector<uint8_t>().swap(out_);
         outSent_ = 0;
-        reactor_.Change(Fd(), kReadEvents);
+        reactor_.Change(Fd(), Reactor::kReadEvents);
         flushed_.NotifyAll();
     }
     if (result == Transfer::END) {
@@ -84,7 +75,7 @@ void Link::FlushLocked()
     }
 }
 
-// The reactor reads the end then, also of a peer that has shut down only what it receives.
+// Makes the reactor read the end, also where the peer has shut down only what it receives.
 void Link::EndLocked()
 {
     outClosed_ = true;
@@ -101,10 +92,7 @@ void Link::Shutdown()
 void Link::OnEvents(uint32_t events)
 {
     if ((events & EPOLLOUT) != 0 && !closed_) {
-        MutexLock lock(outMutex_);
-        if (!out_.empty()) {
-            FlushLocked();
-        }
+        Flush();
     }
     if ((events & ~static_cast<uint32_t>(EPOLLOUT)) != 0) {
         ReadFrames(kFairShare, UINT64_MAX);
@@ -162,11 +150,10 @@ bool Link::ReadFrames(size_t frames, uint64_t bytes)
             break;
         }
         hasMoved = true;
-        if (verdict == Verdict::HANDED_OVER) {
-            break;
-        }
         if (verdict == Verdict::CLOSE) {
             Close(true);
+        }
+        if (verdict != Verdict::GO_ON) {
             break;
         }
         admitted_ = false;
@@ -209,11 +196,10 @@ void Link::Close(bool malformed)
         MutexLock lock(outMutex_);
         outClosed_ = true;
         flushed_.NotifyAll();
+        fd_.Reset();
     }
     connection_.slot.reset();
     OnEnd();
-    MutexLock lock(outMutex_);
-    fd_.Reset();
 }
 
 }  // namespace VEXA::ipc

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A link: the lasting connection between two processes, as bytes in and out. What its frames mean, the session on it
-// knows.
+// A link: the lasting connection between two processes, as bytes in and out. The session, which is made of it, knows
+// what its frames mean.
 #pragma once
 
 #include <cstdint>
@@ -19,17 +19,17 @@ class Link : public EventHandler {
 public:
     Link(Connection connection, Reactor& reactor);
 
-    // Queues a frame and returns; false when the link is closed or its peer takes nothing any more. Any thread, as the
-    // next two.
+    // For any thread:
+    // Queues a frame and returns; false when the link is closed or its peer takes nothing any more.
     bool Send(const void* frame, size_t size);
     // Waits until everything queued has reached the kernel, or the link has ended.
     bool WaitFlushed(Deadline deadline);
-    // Makes the reactor see the end of this connection.
+    // Ends the connection, which the reactor then sees.
     void Shutdown();
 
     const Credentials& Who() const { return connection_.who; }
 
-    // On the reactor's thread:
+    // For the reactor's thread:
     void OnEvents(uint32_t events) override;
     void TakeStock() override;
     bool Drain() override;
@@ -40,15 +40,15 @@ protected:
 
     // Decides by its header whether a frame is accepted, before its body is read. Called once for each frame.
     virtual bool Admit(const FrameHeader& header) = 0;
-    // Deals with a whole frame. WAIT: it is brought again when the settling that is under way has ended.
+    // Deals with a whole frame. WAIT: the frame is brought again when the settling that is under way has ended.
     virtual Verdict Handle(const FrameHeader& header, MessageParcel& frame) = 0;
-    // The connection has ended, and is not watched any more. Called once.
+    // Is called once, when the connection has ended and is not watched any more.
     virtual void OnEnd() = 0;
 
-    // For Handle: takes the frame that it was called with out of the link.
+    // For Handle: takes the frame that Handle was called with out of the link.
     std::unique_ptr<MessageParcel> TakeFrame(MessageParcel& frame);
-    // For Handle: gives the connection away; what has been read of it beyond the frame is with Reader(). HANDED_OVER
-    // has to follow.
+    // For Handle: gives the connection away; Reader() has what was read of it beyond the frame. HANDED_OVER has to
+    // follow.
     Connection GiveUp();
     const FrameReader& Reader() const { return reader_; }
     void Close(bool malformed);
@@ -56,20 +56,19 @@ protected:
     Reactor& reactor_;
 
 private:
-    // Reads until so many frames were dealt with, or so many bytes have been received in all; true when any was.
+    // Reads until so many frames were dealt with, or so many bytes have been received in all; true when any frame was.
     bool ReadFrames(size_t frames, uint64_t bytes);
     bool AdmitOnce(const FrameHeader& header);
-    void FlushLocked() VEXA_REQUIRES(outMutex_);
+    void Flush();
     void EndLocked() VEXA_REQUIRES(outMutex_);
 
-    // Without its descriptor, which the event handler has.
-    Connection connection_;
+    Connection connection_;  // without its descriptor, which the event handler has
     // The reactor's thread only:
     FrameReader reader_;
-    std::unique_ptr<MessageParcel> scratch_;
-    uint64_t due_ = 0;                 // what Drain reads up to
-    MessageParcel* parked_ = nullptr;  // the frame that waits for the end of a Settle
-    bool admitted_ = false;            // the frame that is arriving
+    std::unique_ptr<MessageParcel> scratch_ = std::make_unique<MessageParcel>();
+    uint64_t due_ = 0;                 // the count of bytes up to which Drain reads
+    MessageParcel* parked_ = nullptr;  // a frame that waits for the end of a Settle
+    bool admitted_ = false;            // by Admit: the frame that is arriving
     bool reading_ = false;
     bool closed_ = false;
 

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "local_endpoint.h"
 
-#include <sys/epoll.h>
 #include <unistd.h>
 
 #include <utility>
@@ -14,7 +13,7 @@ namespace VEXA::ipc {
 sptr<EventHandler> LocalEndpoint::Listen(UniqueFd listener)
 {
     const sptr<EventHandler> handler(new ConnectionListener(std::move(listener), reactor_, counts_, take_));
-    return reactor_.Add(handler, EPOLLIN) ? handler : nullptr;
+    return reactor_.Add(handler) ? handler : nullptr;
 }
 
 bool LocalEndpoint::Provide()
@@ -28,7 +27,7 @@ bool LocalEndpoint::Provide()
     if (fresh == nullptr) {
         return false;
     }
-    // The exit handler may have removed the endpoint before this one was made.
+    // The exit handler may have run before the socket was made.
     if (ProcessLife::Exiting()) {
         Remove();
     }

@@ -11,21 +11,22 @@
 
 namespace VEXA::ipc {
 
-// Any thread.
+// All operations may be called from any thread.
 class LocalEndpoint {
 public:
     LocalEndpoint(EndpointId id, Reactor& reactor, ConnectionCounts& counts, ConnectionListener::Take take)
         : id_(id), reactor_(reactor), counts_(counts), take_(std::move(take))
     {}
 
-    // Watches a socket that listens; null when the reactor can't.
+    // Has the reactor watch a socket that listens, and returns its handler; null when that can't be done.
     sptr<EventHandler> Listen(UniqueFd listener);
-    // The socket stands in the runtime directory, also where that was made anew since this process started.
+    // Makes the socket unless it stands in the runtime directory, which may have been made anew since this process
+    // started. False when that can't be done.
     bool Provide() VEXA_EXCLUDES(mutex_);
-    // The process leaves.
+    // Removes the socket, because the process leaves.
     void Remove();
 
-    // True when an endpoint that is not there has been removed by its process, which is leaving.
+    // True while a missing endpoint of another process means that the process has removed it, because it leaves.
     bool MissingMeansExit() const;
 
 private:
@@ -33,7 +34,7 @@ private:
     Reactor& reactor_;
     ConnectionCounts& counts_;
     const ConnectionListener::Take take_;
-    // A process that was there before the runtime directory was made anew may be about to make its endpoint again.
+    // The runtime directory was made anew: other processes may be about to make their endpoints again.
     std::atomic<bool> isRenewed_{false};
     Mutex mutex_{LockRank::LocalEndpoint};
     sptr<EventHandler> listener_ VEXA_GUARDED_BY(mutex_);

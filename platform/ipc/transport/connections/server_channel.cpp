@@ -13,21 +13,20 @@ namespace VEXA::ipc {
 bool ServerChannel::Enter()
 {
     uint32_t state = state_.load(std::memory_order_relaxed);
-    for (;;) {
+    uint32_t next;
+    do {
         if (state == FREE || state == BUSY_AGAIN) {
             return false;
         }
-        const uint32_t next = state == IDLE ? BUSY : BUSY_AGAIN;
-        if (state_.compare_exchange_weak(state, next, std::memory_order_acq_rel, std::memory_order_relaxed)) {
-            return next == BUSY;
-        }
-    }
+        next = state == IDLE ? BUSY : BUSY_AGAIN;
+    } while (!state_.compare_exchange_weak(state, next, std::memory_order_acq_rel, std::memory_order_relaxed));
+    return next == BUSY;
 }
 
 void ServerChannel::Leave()
 {
     for (;;) {
-        // Not only after serving: whoever looked for a stall may have been told of the first request meanwhile.
+        // Not only after Serve: CloseIfStalled may have kept out the worker that came for the first request.
         if (IsOpen() && !watched_) {
             WatchAgain();
         }
@@ -46,30 +45,26 @@ void ServerChannel::Leave()
 
 void ServerChannel::Serve()
 {
-    if (Enter()) {
-        ServeArrived();
-        ServeFollowing();
-        Leave();
+    if (!Enter()) {
+        return;
     }
-}
-
-void ServerChannel::ServeFollowing()
-{
+    ServeArrived();
     WorkerPool& workers = home_->workers_;
-    while (IsBetweenRequests() && workers.OthersWait()) {
+    while (IsOpen() && !stalled_ && output_.empty() && workers.OthersWait()) {
         if (std::exchange(watched_, false)) {
             workers.Unwatch(Fd());
         }
-        // Whatever another worker was told of, this one is about to see.
+        // This worker is about to see whatever another one was told of.
         state_.store(BUSY, std::memory_order_relaxed);
         if (!WaitReadable(Fd(), kFollowLimit) || ProcessLife::Exiting()) {
             break;
         }
         ServeArrived();
     }
+    Leave();
 }
 
-// What has arrived meanwhile is an edge for the workers.
+// Something that has arrived meanwhile is an edge for the workers too.
 void ServerChannel::WatchAgain()
 {
     watched_ = home_->workers_.Watch(Fd(), !output_.empty(), *this);
@@ -89,28 +84,22 @@ void ServerChannel::ServeArrived()
     do {
         MessageParcel scratch;
         MessageParcel* frame = nullptr;
-        switch (reader_.Read(Fd(), scratch, frame)) {
-            case FrameReader::Result::FRAME:
-                SetStalled(false);
-                goOn = AnswerFrame(*frame);
-                reader_.Done();
-                break;
-            case FrameReader::Result::PARTIAL:
-                SetStalled(reader_.InFrame());
-                return;
-            case FrameReader::Result::END:
-                Close(false);
-                return;
-            case FrameReader::Result::MALFORMED:
-                Close(true);
-                return;
+        const FrameReader::Result result = reader_.Read(Fd(), scratch, frame);
+        if (result == FrameReader::Result::END || result == FrameReader::Result::MALFORMED) {
+            Close(result == FrameReader::Result::MALFORMED);
+            return;
         }
+        SetStalled(result == FrameReader::Result::PARTIAL && reader_.InFrame());
+        if (result == FrameReader::Result::PARTIAL) {
+            return;
+        }
+        goOn = AnswerFrame(*frame);
+        reader_.Done();
         // A request that came whole has emptied the socket: its sender waits for the reply, and whatever comes next
         // wakes a worker. An acknowledgement may have something right behind it.
     } while (goOn && (readOn_ || reader_.HasAhead() || state_.load(std::memory_order_relaxed) == BUSY_AGAIN));
 }
 
-// True when the reply has gone whole, so that the next request may be read.
 bool ServerChannel::AnswerFrame(MessageParcel& frame)
 {
     const FrameHeader header = HeaderOf(frame);
@@ -126,29 +115,19 @@ bool ServerChannel::AnswerFrame(MessageParcel& frame)
         Close(!isRequest);
         return false;
     }
-    return SendReply(reply);
-}
-
-bool ServerChannel::SendReply(MessageParcel& reply)
-{
     const uint8_t* const bytes = ParcelAccess::Storage(reply);
     const size_t size = kHeaderBytes + BodyBytes(HeaderOf(reply));
     size_t sent = 0;
-    const Transfer outcome = SendNow(Fd(), bytes, size, sent);
-    if (outcome == Transfer::END || outcome == Transfer::FAILED) {
-        Close(false);
-        return false;
+    SendNow(Fd(), bytes, size, sent);
+    if (sent == size) {
+        return true;
     }
-    if (sent < size) {
-        output_.assign(bytes + sent, bytes + size);
-        outputSent_ = 0;
-        WatchAgain();
-        return IsOpen() && FlushOutput();
-    }
-    return true;
+    output_.assign(bytes + sent, bytes + size);
+    outputSent_ = 0;
+    WatchAgain();
+    return IsOpen() && FlushOutput();
 }
 
-// True when all of the output has gone.
 bool ServerChannel::FlushOutput()
 {
     size_t sent = 0;
@@ -212,24 +191,19 @@ void ServerChannel::Close(bool malformed)
 
 void ServerChannels::Adopt(Connection connection, std::unique_ptr<RequestHandler> handler, const FrameReader& reader)
 {
-    ServerChannel* const channel = Take();
+    MutexLock lock(mutex_);
+    if (free_.empty()) {
+        channels_.emplace_back().home_ = this;
+        free_.push_back(&channels_.back());
+    }
+    ServerChannel* const channel = free_.back();
+    free_.pop_back();
+    lock.Unlock();
     channel->connection_ = std::move(connection);
     channel->handler_ = std::move(handler);
     channel->reader_.TakeAheadOf(reader);
     channel->state_.store(ServerChannel::IDLE, std::memory_order_release);
     workers_.Post([channel] { channel->Serve(); });
-}
-
-ServerChannel* ServerChannels::Take()
-{
-    MutexLock lock(mutex_);
-    if (free_.empty()) {
-        channels_.emplace_back().home_ = this;
-        return &channels_.back();
-    }
-    ServerChannel* const channel = free_.back();
-    free_.pop_back();
-    return channel;
 }
 
 void ServerChannels::Recycle(ServerChannel* channel)

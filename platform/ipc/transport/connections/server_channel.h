@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The serving end of a channel: requests of one other process, one at a time, as bytes in and replies out.
+// The serving end of a channel: brings in the requests of one other process, one at a time, and sends the replies.
 #pragma once
 
 #include <atomic>
@@ -21,18 +21,18 @@ class ServerChannels;
 class RequestHandler {
 public:
     virtual ~RequestHandler() = default;
-    // The peer has sent a frame, so it has read the last reply.
+    // Is told that the peer has sent a frame, and so has read the last reply.
     virtual void OnLastReplyRead() = 0;
-    // Carries out the request and leaves the reply in `reply`, with its header; false when the peer is to be served no
+    // Carries out the request and leaves the reply, with its header, in `reply`; false when the peer is to be served no
     // more.
     virtual bool Answer(MessageParcel& request, const FrameHeader& header, MessageParcel& reply) = 0;
 };
 
-// Watched edge-triggered by all workers at once, so two may be told of it at the same time: the first to take the
-// channel serves it, and goes round again for each of the others. The worker that has served it waits for its next
-// request by itself for a while: the threads of a caller and of its worker, woken by each other only, end up on one
-// processor, which is many times cheaper than waking an idle one. A channel is never freed but used again for a later
-// connection, so that a worker that comes late finds at worst nothing to do.
+// All workers watch a channel, edge-triggered, so two may be told of it at the same time: the first to take the channel
+// serves it, and goes round again for each of the others. It then waits by itself for the next request, for a while:
+// the threads of a caller and of its worker, woken by each other only, end up on one processor, which is many times
+// cheaper than waking an idle one. A channel is never freed but used again for a later connection, so that a worker
+// that comes late finds at worst nothing to do.
 class ServerChannel : public Served {
 public:
     // Reads and answers all requests that have arrived, and those that follow them closely.
@@ -47,13 +47,11 @@ private:
     bool Enter();
     void Leave();
     void ServeArrived();
-    void ServeFollowing();
     int Fd() const { return connection_.fd.Get(); }
     bool IsOpen() const { return static_cast<bool>(connection_.fd); }
-    bool IsBetweenRequests() const { return IsOpen() && !stalled_ && output_.empty(); }
     void WatchAgain();
+    // Both return true when all output has gone, so that the next request may be read.
     bool AnswerFrame(MessageParcel& frame);
-    bool SendReply(MessageParcel& reply);
     bool FlushOutput();
     void SetStalled(bool stalled);
     void Close(bool malformed);
@@ -66,7 +64,7 @@ private:
     std::vector<uint8_t> output_;
     size_t outputSent_ = 0;
     bool watched_ = false;    // by all workers
-    bool readOn_ = false;     // there may be more to read without a further edge
+    bool readOn_ = false;     // more may be there to read, without a further edge
     Reactor::Ticks stalled_;  // inside a frame, or with a reply that is not read
     Deadline stalledSince_{};
     ServerChannels* home_ = nullptr;
@@ -77,13 +75,12 @@ class ServerChannels {
 public:
     ServerChannels(WorkerPool& workers, Reactor& reactor) : workers_(workers), reactor_(reactor) {}
 
-    // Serves an accepted channel from now on; what the reader holds already is served at once.
+    // Serves an accepted channel from now on, beginning with what the reader holds already.
     void Adopt(Connection connection, std::unique_ptr<RequestHandler> handler, const FrameReader& reader);
     void CloseStalled(Deadline now);
 
 private:
     friend class ServerChannel;
-    ServerChannel* Take();
     void Recycle(ServerChannel* channel);
 
     WorkerPool& workers_;

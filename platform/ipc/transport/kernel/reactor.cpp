@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "reactor.h"
 
-#include <pthread.h>
-#include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 

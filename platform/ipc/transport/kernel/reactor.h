@@ -3,6 +3,7 @@
 #pragma once
 
 #include <pthread.h>
+#include <sys/epoll.h>
 
 #include <atomic>
 #include <cstdint>
@@ -63,7 +64,8 @@ public:
     // Ends every connection, as the kernel does when a process ends. Tests use it.
     void CutAll();
 
-    bool Add(const sptr<EventHandler>& handler, uint32_t events);
+    static constexpr uint32_t kReadEvents = EPOLLIN | EPOLLRDHUP;
+    bool Add(const sptr<EventHandler>& handler, uint32_t events = kReadEvents);
     void Change(int fd, uint32_t events);
     // Ends the watch: on the reactor's own thread at once, else after a call that is under way. The handler outlives
     // it.

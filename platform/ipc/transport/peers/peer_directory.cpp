@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "peer_directory.h"
 
-#include <sys/epoll.h>
-
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -44,7 +42,7 @@ sptr<Peer> PeerDirectory::PeerAt(EndpointId id)
     if (slot) {
         const sptr<Link> link = parts_.openSession({std::move(fd), credentials, std::move(slot)}, peer);
         peer->AttachLink(link);
-        if (parts_.reactor.Add(link, EPOLLIN | EPOLLRDHUP)) {
+        if (parts_.reactor.Add(link)) {
             peers_[id] = peer;
             return peer;
         }

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "context_watch.h"
 
-#include <sys/epoll.h>
 #include <sys/inotify.h>
 #include <unistd.h>
 
@@ -103,7 +102,7 @@ void ContextWatch::WatchDirectory()
         return;
     }
     const sptr<Events> events(new Events(std::move(fd), *this));
-    if (reactor_.Add(events, EPOLLIN)) {
+    if (reactor_.Add(events)) {
         events_ = events;
         directory_ = now;
     }

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "transport.h"
 
-#include <sys/epoll.h>
 #include <sys/resource.h>
 
 #include <memory>
@@ -33,7 +32,7 @@ Transport::Transport(const ThreadStarter& startThread)
       endpoint_(id_, reactor_, connections_,
           [this](Connection connection) {
               const sptr<Link> link(new Session(sessions_, std::move(connection)));
-              reactor_.Add(link, EPOLLIN | EPOLLRDHUP);
+              reactor_.Add(link);
           }),
       peers_(DirectoryParts()),
       sessions_{peers_, oneWays_,
@@ -43,7 +42,7 @@ Transport::Transport(const ThreadStarter& startThread)
       contextLink_(endpoint_,
           [this](Connection connection, const std::shared_ptr<Greeting>& greeting) -> sptr<Link> {
               const sptr<Link> link(new Session(sessions_, std::move(connection), greeting));
-              return reactor_.Add(link, EPOLLIN | EPOLLRDHUP) ? link : nullptr;
+              return reactor_.Add(link) ? link : nullptr;
           }),
       contextWatch_(reactor_, workers_, contextLink_)
 {
