@@ -19,12 +19,11 @@ ObjectEntry EntryOf(Parcel& frame, const FrameHeader& header, size_t index)
 
 }  // namespace
 
-bool ObjectTransfer::PackOne(const sptr<IRemoteObject>& object, Peer& receiver, Item& item)
+bool ObjectTransfer::PackOne(const sptr<IRemoteObject>& object, Item& item)
 {
     item.object = object;
-    item.receiver = receiver.Id();
     if (!object->IsProxyObject()) {
-        item.entry = {peers_.Self(), peers_.AddHolder(object, receiver.Id())};
+        item.entry = {peers_.Self(), peers_.AddHolder(object, receiver_)};
         return true;
     }
     const PeerObject* const proxy = dynamic_cast<const PeerObject*>(object.GetRefPtr());
@@ -34,13 +33,13 @@ bool ObjectTransfer::PackOne(const sptr<IRemoteObject>& object, Peer& receiver, 
     }
     item.entry = {proxy->Owner()->Id(), proxy->Id()};
     item.owner = proxy->Owner();
-    if (item.entry.owner == receiver.Id() || item.owner->Dead()) {
+    if (item.entry.owner == receiver_ || item.owner->Dead()) {
         return true;
     }
-    // The owner hears of its new holder from this process, which holds the object, and before the holder can speak: the
-    // grant is with the kernel before the frame leaves. An owner that can't be told any more is ending, and the
+    // The owner hears of the new holder from this process, which holds the object, and before the new holder can speak:
+    // the grant is with the kernel before the frame leaves. An owner that can't be told any more is ending, and the
     // receiver finds it dead.
-    const FrameHeader grant = MakeHeader(FrameKind::GRANT, proxy->Id(), receiver.Id());
+    const FrameHeader grant = MakeHeader(FrameKind::GRANT, proxy->Id(), receiver_);
     return !item.owner->SendOnLink(&grant, sizeof(grant)) ||
            item.owner->WaitLinkFlushed(std::chrono::steady_clock::now() + kFlushWait);
 }
@@ -52,12 +51,12 @@ bool ObjectTransfer::Pack(MessageParcel& parcel, Peer& receiver, FrameHeader& he
     if (table == nullptr) {
         return false;
     }
+    receiver_ = receiver.Id();
     items_.reserve(objects.size());
     for (const sptr<IRemoteObject>& object : objects) {
-        Item item;
-        const bool packed = PackOne(object, receiver, item);
-        std::memcpy(table + items_.size() * sizeof(ObjectEntry), &item.entry, sizeof(ObjectEntry));
-        items_.push_back(std::move(item));
+        Item& item = items_.emplace_back();
+        const bool packed = PackOne(object, item);
+        std::memcpy(table + (items_.size() - 1) * sizeof(ObjectEntry), &item.entry, sizeof(ObjectEntry));
         if (!packed) {
             Undo();
             return false;
@@ -71,9 +70,9 @@ void ObjectTransfer::Undo()
 {
     for (const Item& item : items_) {
         if (item.owner == nullptr) {
-            peers_.AdjustHolder(item.entry.id, item.receiver, -1);
-        } else if (item.entry.owner != item.receiver) {
-            const FrameHeader back = MakeHeader(FrameKind::UNGRANT, item.entry.id, item.receiver);
+            peers_.AdjustHolder(item.entry.id, receiver_, -1);
+        } else if (item.entry.owner != receiver_) {
+            const FrameHeader back = MakeHeader(FrameKind::UNGRANT, item.entry.id, receiver_);
             item.owner->SendOnLink(&back, sizeof(back));
         }
     }
@@ -128,7 +127,7 @@ Unpacked UnpackObjects(PeerDirectory& peers, MessageParcel& parcel, const FrameH
 
 bool GrantTo(PeerDirectory& peers, ObjectId id, const Peer& giver, EndpointId holder)
 {
-    // Connecting to the new holder is what tells of its death, should it never come to use the object.
+    // The new holder is connected to, so that this process hears of its death even if it never uses the object.
     if (holder == 0 || holder == peers.Self() || peers.Objects().Find(id, giver.Id()) == nullptr ||
         peers.PeerAt(holder)->Dead()) {
         return false;

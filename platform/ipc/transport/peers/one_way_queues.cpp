@@ -34,20 +34,15 @@ void OneWayQueues::RunQueue(const IRemoteObject* object)
             request = std::move(queue->second.front());
             queue->second.pop_front();
         }
-        Acknowledge(*request.sender, request.data->GetDataSize());
+        uint64_t frames = 0;
+        uint64_t bytes = 0;
+        if (request.sender->Debt().Leave(request.data->GetDataSize(), frames, bytes) && !request.sender->Dead()) {
+            const FrameHeader ack = MakeHeader(FrameKind::ONE_WAY_ACK, frames, bytes);
+            request.sender->SendOnLink(&ack, sizeof(ack));
+        }
         MessageParcel reply;
         MessageOption option(MessageOption::TF_ASYNC);
         CarryOut(*request.object, request.code, *request.data, reply, option, request.sender->Who());
-    }
-}
-
-void OneWayQueues::Acknowledge(Peer& sender, uint64_t bytes)
-{
-    uint64_t frames = 0;
-    uint64_t allBytes = 0;
-    if (sender.Debt().Leave(bytes, frames, allBytes) && !sender.Dead()) {
-        const FrameHeader ack = MakeHeader(FrameKind::ONE_WAY_ACK, frames, allBytes);
-        sender.SendOnLink(&ack, sizeof(ack));
     }
 }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// One-way requests that have arrived, queued for each object so that they run in order and one at a time.
+// Queues the one-way requests that have arrived, for each object, so that they run in order and one at a time.
 #pragma once
 
 #include <deque>
@@ -24,19 +24,16 @@ public:
         std::unique_ptr<MessageParcel> data;
     };
 
-    // Queues a request whose sender's debt counts it already.
+    // Queues a request, which its sender's debt counts already.
     void Add(Request request);
 
 private:
-    using Queue = std::deque<Request>;
-
     void RunQueue(const IRemoteObject* object);
-    static void Acknowledge(Peer& sender, uint64_t bytes);
 
     WorkerPool& workers_;
     Mutex mutex_{LockRank::OneWayQueues};
     // An object has a queue here while one of its requests runs or waits.
-    std::unordered_map<const IRemoteObject*, Queue> queues_ VEXA_GUARDED_BY(mutex_);
+    std::unordered_map<const IRemoteObject*, std::deque<Request>> queues_ VEXA_GUARDED_BY(mutex_);
 };
 
 }  // namespace VEXA::ipc

@@ -8,16 +8,9 @@
 
 namespace VEXA::ipc {
 
-void PeerObject::GiveBack()
-{
-    owner_->Forget(this, id_, references_.load(std::memory_order_relaxed));
-}
-
 Peer::Peer(EndpointId id, const Credentials& credentials, MakeObject makeObject)
     : id_(id), credentials_(credentials), issuedKey_{RandomNumber(), RandomNumber()}, makeObject_(std::move(makeObject))
 {}
-
-Peer::~Peer() = default;
 
 void Peer::AttachLink(const sptr<Link>& link)
 {
@@ -60,22 +53,21 @@ void Peer::SetKey(const ChannelKey& key)
 {
     MutexLock lock(mutex_);
     key_ = key;
-    answered_ = true;
     changed_.NotifyAll();
 }
 
 bool Peer::WaitForKey(Deadline deadline, ChannelKey& key)
 {
     MutexLock lock(mutex_);
-    changed_.WaitUntil(mutex_, deadline, [this]() VEXA_NO_THREAD_SAFETY_ANALYSIS { return answered_ || Dead(); });
-    key = key_;
-    return answered_ && !Dead();
+    changed_.WaitUntil(mutex_, deadline, [this]() VEXA_NO_THREAD_SAFETY_ANALYSIS { return key_ || Dead(); });
+    key = key_.value_or(ChannelKey());
+    return key_ && !Dead();
 }
 
 bool Peer::HasAnswered()
 {
     MutexLock lock(mutex_);
-    return answered_;
+    return key_.has_value();
 }
 
 bool Peer::WaitUntilDead(std::chrono::milliseconds limit)
@@ -100,18 +92,19 @@ sptr<IRemoteObject> Peer::Object(ObjectId id)
     return object;
 }
 
-void Peer::Forget(const PeerObject* object, ObjectId id, uint64_t references)
+void Peer::Forget(const PeerObject& object)
 {
     {
         MutexLock lock(objectsMutex_);
-        const auto found = objects_.find(id);
-        if (found != objects_.end() && found->second == object) {
+        const auto found = objects_.find(object.Id());
+        if (found != objects_.end() && found->second == &object) {
             objects_.erase(found);
         }
     }
-    while (id != kContextObject && !Dead() && references > 0) {
-        const uint64_t part = std::min<uint64_t>(references, kMostReleased);
-        const FrameHeader release = MakeHeader(FrameKind::RELEASE, id, part);
+    uint64_t references = object.Id() != kContextObject ? object.References() : 0;
+    while (!Dead() && references > 0) {
+        const uint64_t part = std::min(references, kMostReleased);
+        const FrameHeader release = MakeHeader(FrameKind::RELEASE, object.Id(), part);
         SendOnLink(&release, sizeof(release));
         references -= part;
     }

@@ -31,13 +31,10 @@ sptr<Peer> PeerDirectory::PeerAt(EndpointId id)
     if (found != peers_.end()) {
         return found->second;
     }
-    UniqueFd fd;
-    if (!dead_.contains(id)) {
-        fd = ConnectAtOnce(EndpointPath(id));
-    }
+    UniqueFd fd = dead_.contains(id) ? UniqueFd() : ConnectAtOnce(EndpointPath(id));
     const Credentials credentials = fd ? CredentialsOf(fd) : Credentials();
     sptr<Peer> peer(new Peer(id, credentials, parts_.makeObject));
-    // Who it is connected to is often a peer's choice, so these connections count like those that peers make.
+    // To whom this process connects is often a peer's choice, so these connections count like those that peers make.
     ConnectionCounts::Slot slot = fd ? parts_.connections.Take(credentials.uid) : nullptr;
     if (slot) {
         const sptr<Link> link = parts_.openSession({std::move(fd), credentials, std::move(slot)}, peer);
@@ -53,7 +50,7 @@ sptr<Peer> PeerDirectory::PeerAt(EndpointId id)
 
 bool PeerDirectory::IsEndpointOf(EndpointId claimed, const Credentials& credentials) const
 {
-    // The kernel tells who listens at the claimed endpoint: it has to be who is speaking.
+    // The kernel tells which process listens at the claimed endpoint: it has to be the one that is speaking.
     const UniqueFd probe = ConnectAtOnce(EndpointPath(claimed));
     if (!probe) {
         IPC_LOGE("the endpoint that process %{public}d claims can't be reached: %{public}s", credentials.pid,
@@ -70,8 +67,8 @@ bool PeerDirectory::IsEndpointOf(EndpointId claimed, const Credentials& credenti
 sptr<Peer> PeerDirectory::Greet(EndpointId claimed, const sptr<Link>& link, FrameKind answer)
 {
     const Credentials& who = link->Who();
-    // Who a known process is was found out before; since then its endpoint may have gone, as it does first when a
-    // process leaves. None is forgotten meanwhile: that is this thread's work.
+    // Of a known process this was found out before, and its endpoint may have gone since then, as it does first when a
+    // process leaves. No process is forgotten meanwhile: that is this thread's work.
     if (KnownPeer(claimed) == nullptr && !IsEndpointOf(claimed, who)) {
         return nullptr;
     }
@@ -112,40 +109,33 @@ void PeerDirectory::AdjustHolder(ObjectId id, EndpointId holder, int64_t differe
 
 void PeerDirectory::DropIfDead(EndpointId holder)
 {
-    if (KnownPeer(holder) != nullptr) {
-        return;
+    if (KnownPeer(holder) == nullptr) {
+        DropOnWorker(parts_.objects.DropHolder(holder));
     }
-    DropOnWorker(parts_.objects.DropHolder(holder));
-}
-
-bool PeerDirectory::Remove(const sptr<Peer>& peer)
-{
-    MutexLock lock(mutex_);
-    const auto found = peers_.find(peer->Id());
-    if (found == peers_.end() || found->second != peer) {
-        return false;
-    }
-    peers_.erase(found);
-    // One that never answered may have been busy only, and may be tried again.
-    if (peer->HasAnswered() && dead_.insert(peer->Id()).second) {
-        deadOrder_.push_back(peer->Id());
-        if (deadOrder_.size() > kMostDead) {
-            dead_.erase(deadOrder_.front());
-            deadOrder_.pop_front();
-        }
-    }
-    return true;
 }
 
 void PeerDirectory::Bury(const sptr<Peer>& peer)
 {
-    // What the process still said on another link counts, also where that is not accepted yet.
+    // All that the process still said on another link counts, also where that link is not accepted yet.
     if (!parts_.reactor.Settling()) {
         parts_.reactor.Settle(kSettleWait);
     }
-    // The endpoint is known as dead before anyone is told, so that whoever looks again finds it dead.
-    if (!Remove(peer)) {
-        return;
+    {
+        // The endpoint is known as dead before anyone is told, so that whoever looks again finds it dead.
+        MutexLock lock(mutex_);
+        const auto found = peers_.find(peer->Id());
+        if (found == peers_.end() || found->second != peer) {
+            return;
+        }
+        peers_.erase(found);
+        // A process that never answered may have been busy only, and may be tried again.
+        if (peer->HasAnswered() && dead_.insert(peer->Id()).second) {
+            deadOrder_.push_back(peer->Id());
+        }
+        if (deadOrder_.size() > kMostDead) {
+            dead_.erase(deadOrder_.front());
+            deadOrder_.pop_front();
+        }
     }
     DropOnWorker(peer->Bury());
     DropOnWorker(parts_.objects.DropHolder(peer->Id()));

@@ -19,10 +19,10 @@
 
 namespace VEXA::ipc {
 
-// Any thread, unless said otherwise. Outlives its peers.
+// Outlives its peers. All operations may be called from any thread, unless said otherwise.
 class PeerDirectory {
 public:
-    // What this process has in one piece.
+    // The parts of a transport that a directory works with.
     struct Parts {
         EndpointId self;
         ObjectTable& objects;
@@ -32,7 +32,7 @@ public:
         DeathNotifier& deaths;
         LocalEndpoint& endpoint;
         Peer::MakeObject makeObject;
-        // A session on a new connection to that peer, which greets.
+        // Makes a session, which greets, on a new connection to that peer.
         std::function<sptr<Link>(Connection connection, const sptr<Peer>& peer)> openSession;
         // Called on the reactor's thread when a process has died and all that lived off it has been told.
         std::function<void(EndpointId dead)> onDeath;
@@ -45,28 +45,29 @@ public:
     DeathNotifier& Deaths() const { return parts_.deaths; }
     LocalEndpoint& Endpoint() const { return parts_.endpoint; }
 
-    // The process with that endpoint, connected to now if it was not before. Where it can't be reached, or is known to
-    // have died, a peer that is dead. Never waits.
+    // Returns the process with that endpoint, and connects to it if need be; a peer that is dead where the process
+    // can't be reached, or is known to have died. Never waits.
     sptr<Peer> PeerAt(EndpointId id);
-    // The same, null instead of connecting.
+    // Does the same without connecting: null when the process is not known.
     sptr<Peer> KnownPeer(EndpointId id);
     // True when the process with that endpoint is among those that are remembered as dead.
     bool HasDied(EndpointId id);
 
-    // Counts one more reference of a process to an object of this process, which the caller keeps alive; its number.
+    // Counts one more reference of a process to an object of this process, which the caller keeps alive. Returns the
+    // object's number.
     ObjectId AddHolder(const sptr<IRemoteObject>& object, EndpointId holder);
     // Changes a process's count for an object of this process. An object that ends by it ends on a worker.
     void AdjustHolder(ObjectId id, EndpointId holder, int64_t difference);
 
     // For the reactor's thread:
-    // The process that introduces itself on a link, which is answered with a frame of that kind; null when it is not
-    // who it says.
+    // Returns the process that introduces itself on a link, and answers it with a frame of that kind; null when it is
+    // not the one that it claims to be.
     sptr<Peer> Greet(EndpointId claimed, const sptr<Link>& link, FrameKind answer);
-    // A link of the process has ended.
+    // Is called when a link of the process has ended.
     void Bury(const sptr<Peer>& peer);
 
 private:
-    // Drops what may be the last references to objects, whose code must not hold up the reactor.
+    // Drops references to objects on a worker: where they are the last, the objects' code must not hold up the reactor.
     template <typename Object>
     void DropOnWorker(std::vector<sptr<Object>> objects)
     {
@@ -74,17 +75,15 @@ private:
             parts_.workers.Post([objects = std::move(objects)] {});
         }
     }
-    // A holder that has died meanwhile was cleared from the table perhaps before it was counted there.
+    // Clears a holder from the table again, where it died, and was cleared, before it was counted there.
     void DropIfDead(EndpointId holder);
     // True when the process that claims the endpoint listens there.
     bool IsEndpointOf(EndpointId claimed, const Credentials& credentials) const;
-    // Takes the peer out; false when it is not known any more.
-    bool Remove(const sptr<Peer>& peer);
 
     const Parts parts_;
     Mutex mutex_{LockRank::PeerDirectory};
     std::unordered_map<EndpointId, sptr<Peer>> peers_ VEXA_GUARDED_BY(mutex_);
-    // Endpoints that have died, the latest last: what still arrives of them is dead from the start.
+    // Endpoints that have died, in deadOrder_ the latest last: a peer that is made for one is dead from the start.
     std::unordered_set<EndpointId> dead_ VEXA_GUARDED_BY(mutex_);
     std::deque<EndpointId> deadOrder_ VEXA_GUARDED_BY(mutex_);
 };

@@ -21,8 +21,8 @@ private:
 
     PeerDirectory& peers_;
     const sptr<Peer> peer_;
-    ObjectTransfer inFlight_;  // the objects of the last reply, until it is known to have arrived
-    bool hasRefused_ = false;  // logged once a connection
+    ObjectTransfer inFlight_;  // the objects of the last reply, until the reply is known to have arrived
+    bool hasRefused_ = false;  // which is logged once for a connection
 };
 
 }  // namespace VEXA::ipc

@@ -17,7 +17,7 @@
 namespace VEXA::ipc {
 namespace {
 
-// Lays the request's header and object table around the data. The size of the frame, 0 when it can't be sent.
+// Lays the request's header and object table around the data. Returns the size of the frame, 0 when it can't be sent.
 size_t Frame(
     FrameKind kind, uint32_t code, ObjectId target, MessageParcel& data, Peer& receiver, ObjectTransfer& transfer)
 {
@@ -36,7 +36,7 @@ size_t Frame(
 RemoteProxy::~RemoteProxy()
 {
     if (!ProcessLife::Forked()) {
-        GiveBack();
+        Owner()->Forget(*this);
     }
 }
 
@@ -125,14 +125,12 @@ int32_t RemoteProxy::SendOneWay(uint32_t code, MessageParcel& data)
     }
     MutexLock order(Process().Credit().SendOrder());
     if (!Process().Credit().Take(data.GetDataSize())) {
-        order.Unlock();
         return IPC_QUEUE_FULL;
     }
-    const bool queued = Process().SendOnLink(ParcelAccess::Storage(data), size);
-    order.Unlock();
-    if (!queued) {
+    if (!Process().SendOnLink(ParcelAccess::Storage(data), size)) {
         return IPC_DEAD_OBJECT;
     }
+    order.Unlock();
     transfer.Commit();
     return IPC_OK;
 }
@@ -146,8 +144,7 @@ bool RemoteProxy::AddDeathRecipient(const sptr<DeathRecipient>& recipient)
         MutexLock lock(mutex_);
         recipients_.push_back(recipient);
     }
-    // Whoever marks the peer dead collects the recipients afterwards; one that came too late for that is collected
-    // here.
+    // The recipients are collected after the peer is marked dead; one that came too late for that is collected here.
     if (Process().Dead()) {
         NotifyDeath();
     }
@@ -159,9 +156,9 @@ bool RemoteProxy::RemoveDeathRecipient(const sptr<DeathRecipient>& recipient)
     if (ProcessLife::Forked()) {
         return false;
     }
-    sptr<DeathRecipient> removed;  // so that its last reference, if it is that, goes after the lock
+    sptr<DeathRecipient> removed;  // may be the last reference to it, which goes after the lock
     MutexLock lock(mutex_);
-    const auto found = std::find(recipients_.begin(), recipients_.end(), recipient);
+    const auto found = std::ranges::find(recipients_, recipient);
     if (found != recipients_.end()) {
         removed = std::move(*found);
         recipients_.erase(found);
@@ -172,11 +169,9 @@ bool RemoteProxy::RemoveDeathRecipient(const sptr<DeathRecipient>& recipient)
 
 void RemoteProxy::NotifyDeath()
 {
-    // Under the lock, so that RemoveDeathRecipient finds a recipient either here or with the notifier.
+    // The mutex is held, so that RemoveDeathRecipient finds a recipient either here or with the notifier.
     MutexLock lock(mutex_);
-    std::vector<sptr<DeathRecipient>> due;
-    due.swap(recipients_);
-    for (sptr<DeathRecipient>& recipient : due) {
+    for (sptr<DeathRecipient>& recipient : std::exchange(recipients_, {})) {
         peers_.Deaths().Post(Process().Id(), sptr<IRemoteObject>(this), std::move(recipient));
     }
 }

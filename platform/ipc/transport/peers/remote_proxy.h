@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// An object of another process.
+// Calls an object of another process.
 #pragma once
 
 #include <vector>

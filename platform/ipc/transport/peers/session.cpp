@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <iterator>
 #include <utility>
 
 #include "ipc_log.h"
@@ -32,19 +31,12 @@ Session::Session(const Parts& parts, Connection connection)
     awaiting_ = reactor_.NeedTicks();
 }
 
-Session::Session(const Parts& parts, Connection connection, const sptr<Peer>& peer)
-    : Link(std::move(connection), parts.peers.Loop()), parts_(parts), accepted_(false), peer_(peer)
-{
-    Greet();
-}
-
-Session::Session(const Parts& parts, Connection connection, std::shared_ptr<Greeting> greeting)
-    : Link(std::move(connection), parts.peers.Loop()), parts_(parts), accepted_(false), greeting_(std::move(greeting))
-{
-    Greet();
-}
-
-void Session::Greet()
+Session::Session(const Parts& parts, Connection connection, const sptr<Peer>& peer, std::shared_ptr<Greeting> greeting)
+    : Link(std::move(connection), parts.peers.Loop()),
+      parts_(parts),
+      accepted_(false),
+      peer_(peer),
+      greeting_(std::move(greeting))
 {
     const HelloFrame hello = MakeHello(FrameKind::HELLO, ConnectionUse::LINK, parts_.peers.Self());
     Send(&hello, sizeof(hello));
@@ -106,11 +98,15 @@ Link::Verdict Session::Handle(const FrameHeader& header, MessageParcel& frame)
                 }
             }
             return Verdict::GO_ON;
-        case FrameKind::UNGRANT:
-            if (TakeBackGrant({header.extra, header.target})) {
+        case FrameKind::UNGRANT: {
+            // A peer can take back only what it has granted itself.
+            const auto grant = std::ranges::find(grants_, ObjectEntry{header.extra, header.target});
+            if (grant != grants_.end()) {
+                grants_.erase(grant);
                 peers.AdjustHolder(header.target, header.extra, -1);
             }
             return Verdict::GO_ON;
+        }
         default:
             return Verdict::CLOSE;
     }
@@ -127,18 +123,6 @@ Link::Verdict Session::HandleUnheld(const FrameHeader& header, MessageParcel& fr
     return AwaitGrants(parts_.peers, frame, header, *peer_) || peer_->TakeRefusal(std::chrono::steady_clock::now())
                ? Verdict::GO_ON
                : Verdict::CLOSE;
-}
-
-// Only what this peer has granted itself can it take back.
-bool Session::TakeBackGrant(const ObjectEntry& grant)
-{
-    const auto found = std::find_if(grants_.rbegin(), grants_.rend(),
-        [&](const ObjectEntry& entry) { return entry.owner == grant.owner && entry.id == grant.id; });
-    if (found == grants_.rend()) {
-        return false;
-    }
-    grants_.erase(std::next(found).base());
-    return true;
 }
 
 Link::Verdict Session::HandleHello(Parcel& frame, FrameKind kind)
@@ -191,7 +175,7 @@ Link::Verdict Session::HandleOneWay(const FrameHeader& header, MessageParcel& fr
     if (const Verdict verdict = HandleUnheld(header, frame); verdict != Verdict::GO_ON) {
         return verdict;
     }
-    // One or another may have died before this process has known it. Trying to reach many takes this thread's time.
+    // A few may have died before this process has known them. Trying to reach many takes this thread's time.
     if (header.objects > 0 && UnpackObjects(parts_.peers, frame, header, peer_).unreachable > kMostUnreachable &&
         !peer_->TakeRefusal(std::chrono::steady_clock::now())) {
         return Verdict::CLOSE;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The protocol on a link: the greeting, one-way requests, and the book-keeping of references. The end of the link is
-// the other process's death.
+// The protocol on a link: the greeting, one-way requests, and the book-keeping of references. The end of a session is
+// the death of the other process.
 #pragma once
 
 #include <atomic>
@@ -17,7 +17,7 @@
 
 namespace VEXA::ipc {
 
-// What the process that opened a link to whoever publishes the context object waits for.
+// Brings the answer of the process that publishes the context object to the thread that waits for it.
 struct Greeting {
     std::promise<sptr<Peer>> peer;     // null when the link has ended
     std::atomic<bool> isTaken{false};  // by the answer or by the end of the wait, whichever is first
@@ -25,7 +25,7 @@ struct Greeting {
 
 class Session : public Link {
 public:
-    // What sessions work with.
+    // The parts of a transport that sessions work with.
     struct Parts {
         PeerDirectory& peers;
         OneWayQueues& oneWays;
@@ -33,12 +33,11 @@ public:
         std::function<void(Connection connection, const sptr<Peer>& peer, const FrameReader& reader)> adoptChannel;
     };
 
-    // On a connection that was accepted; what it is for, its first frame tells.
+    // On a connection that was accepted. Its first frame tells whether it is a link or a channel.
     Session(const Parts& parts, Connection connection);
-    // To a process that is known by its endpoint.
-    Session(const Parts& parts, Connection connection, const sptr<Peer>& peer);
-    // To whoever publishes the context object.
-    Session(const Parts& parts, Connection connection, std::shared_ptr<Greeting> greeting);
+    // On a connection that this process has made: to a peer or, with `greeting`, to a process that is not known yet.
+    Session(const Parts& parts, Connection connection, const sptr<Peer>& peer,
+        std::shared_ptr<Greeting> greeting = nullptr);
 
     void OnTick(Deadline now) override;
 
@@ -48,18 +47,16 @@ protected:
     void OnEnd() override;
 
 private:
-    void Greet();
     Verdict HandleHello(Parcel& frame, FrameKind kind);
     Verdict HandleChannel(const HelloBody& body);
     Verdict HandleOneWay(const FrameHeader& header, MessageParcel& frame);
-    // The frame names something that its sender does not hold; WAIT: as far as is known now.
+    // Sees to a frame that names something that its sender does not hold. WAIT: a grant may be on its way.
     Verdict HandleUnheld(const FrameHeader& header, MessageParcel& frame);
-    bool TakeBackGrant(const ObjectEntry& grant);
 
     const Parts& parts_;
     const bool accepted_;
-    const Deadline greetBy_{};  // of an accepted connection; no timer says that another process is dead
-    Reactor::Ticks awaiting_;   // the greeting on it
+    const Deadline greetBy_{};  // for an accepted connection only: no timer says that another process is dead
+    Reactor::Ticks awaiting_;   // a greeting on an accepted connection
     sptr<Peer> peer_;
     std::shared_ptr<Greeting> greeting_;
     bool greeted_ = false;

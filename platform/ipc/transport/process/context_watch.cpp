@@ -28,7 +28,7 @@ void ContextWatch::Events::OnEvents(uint32_t)
         inotify_event event;
         std::memcpy(&event, events + at, sizeof(event));
         const std::string name = event.len > 0 ? events + at + sizeof(event) : "";
-        // What has no name is about the directory itself, or says that events were lost.
+        // An event without a name is about the directory itself, or says that events were lost.
         hasCause = hasCause || name.empty() || ContextSocketPath().ends_with("/" + name);
         haveEnded_ = haveEnded_ || (event.mask & IN_IGNORED) != 0;
         at += static_cast<ssize_t>(sizeof(event) + event.len);
@@ -66,17 +66,6 @@ void ContextWatch::Look()
     if (action) {
         RunForeign("the action for a new context object", action);
     }
-}
-
-void ContextWatch::OnTick()
-{
-    {
-        MutexLock lock(mutex_);
-        if (!looking_) {
-            return;
-        }
-    }
-    Look();
 }
 
 void ContextWatch::WatchDirectory()

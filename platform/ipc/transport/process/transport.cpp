@@ -41,7 +41,7 @@ Transport::Transport(const ThreadStarter& startThread)
           }},
       contextLink_(endpoint_,
           [this](Connection connection, const std::shared_ptr<Greeting>& greeting) -> sptr<Link> {
-              const sptr<Link> link(new Session(sessions_, std::move(connection), greeting));
+              const sptr<Link> link(new Session(sessions_, std::move(connection), nullptr, greeting));
               return reactor_.Add(link) ? link : nullptr;
           }),
       contextWatch_(reactor_, workers_, contextLink_)
@@ -50,7 +50,7 @@ Transport::Transport(const ThreadStarter& startThread)
     reactor_.SetTickAction([this](Deadline now) {
         workers_.Post([this, now] {
             channels_.CloseStalled(now);
-            contextWatch_.OnTick();
+            contextWatch_.Look();
         });
     });
 }

@@ -51,6 +51,7 @@ static_assert(sizeof(FrameHeader) == kHeaderBytes && std::is_trivially_copyable_
 struct ObjectEntry {
     EndpointId owner;
     ObjectId id;
+    bool operator==(const ObjectEntry&) const = default;
 };
 static_assert(sizeof(ObjectEntry) == 16);
 
