@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "call_context.h"
 
+#include <utility>
+
 #include "foreign_code.h"
 #include "parcel_access.h"
 
@@ -8,17 +10,6 @@ namespace VEXA::ipc {
 namespace {
 
 thread_local const Credentials* currentCaller = nullptr;
-
-class CallerScope {
-public:
-    explicit CallerScope(const Credentials& caller) : outer_(currentCaller) { currentCaller = &caller; }
-    ~CallerScope() { currentCaller = outer_; }
-    CallerScope(const CallerScope&) = delete;
-    CallerScope& operator=(const CallerScope&) = delete;
-
-private:
-    const Credentials* const outer_;
-};
 
 }  // namespace
 
@@ -30,13 +21,14 @@ const Credentials* CurrentCaller()
 int32_t CarryOut(IRemoteObject& object, uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option,
     const Credentials& caller)
 {
-    const CallerScope scope(caller);
+    const Credentials* const outer = std::exchange(currentCaller, &caller);
     int32_t result = IPC_OK;
-    if (RunForeign("a request's handler", [&] { result = object.SendRequest(code, data, reply, option); })) {
-        return result;
+    if (!RunForeign("a request's handler", [&] { result = object.SendRequest(code, data, reply, option); })) {
+        ParcelAccess::Clear(reply);
+        result = IPC_HANDLER_THREW;
     }
-    ParcelAccess::Clear(reply);
-    return IPC_HANDLER_THREW;
+    currentCaller = outer;
+    return result;
 }
 
 }  // namespace VEXA::ipc

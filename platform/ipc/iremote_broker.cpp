@@ -30,16 +30,14 @@ sptr<IRemoteBroker> BrokerRegistration::NewInstance(const std::u16string& descri
     if (object == nullptr) {
         return nullptr;
     }
-    // A copy, called without the mutex: a creator may well come back here.
-    Creator creator;
-    {
-        MutexLock lock(mutex_);
-        const auto found = creators_.find(descriptor);
-        if (found == creators_.end()) {
-            return nullptr;
-        }
-        creator = found->second;
+    MutexLock lock(mutex_);
+    const auto found = creators_.find(descriptor);
+    if (found == creators_.end()) {
+        return nullptr;
     }
+    // A copy is called, without the mutex, because a creator may come back here.
+    const Creator creator = found->second;
+    lock.Unlock();
     return creator(object);
 }
 

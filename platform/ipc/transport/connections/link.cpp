@@ -192,12 +192,11 @@ void Link::Close(bool malformed)
     }
     const sptr<Link> self(this);
     reactor_.Remove(Fd());
-    {
-        MutexLock lock(outMutex_);
-        outClosed_ = true;
-        flushed_.NotifyAll();
-        fd_.Reset();
-    }
+    MutexLock lock(outMutex_);
+    outClosed_ = true;
+    flushed_.NotifyAll();
+    fd_.Reset();
+    lock.Unlock();
     connection_.slot.reset();
     OnEnd();
 }

@@ -216,12 +216,11 @@ void ServerChannels::Recycle(ServerChannel* channel)
 void ServerChannels::CloseStalled(Deadline now)
 {
     std::vector<ServerChannel*> all;
-    {
-        MutexLock lock(mutex_);
-        for (ServerChannel& channel : channels_) {
-            all.push_back(&channel);
-        }
+    MutexLock lock(mutex_);
+    for (ServerChannel& channel : channels_) {
+        all.push_back(&channel);
     }
+    lock.Unlock();
     for (ServerChannel* channel : all) {
         channel->CloseIfStalled(now);
     }

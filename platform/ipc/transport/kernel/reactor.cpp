@@ -143,14 +143,10 @@ void Reactor::Dispatch(int fd, uint32_t events)
         eventfd_read(fd, &ignored);
         return;
     }
-    sptr<EventHandler> handler;
-    {
-        MutexLock lock(mutex_);
-        const auto found = handlers_.find(fd);
-        if (found != handlers_.end()) {
-            handler = found->second;
-        }
-    }
+    MutexLock lock(mutex_);
+    const auto found = handlers_.find(fd);
+    const sptr<EventHandler> handler = found != handlers_.end() ? found->second : nullptr;
+    lock.Unlock();
     if (handler != nullptr) {
         handler->OnEvents(events);
     }
@@ -158,16 +154,14 @@ void Reactor::Dispatch(int fd, uint32_t events)
 
 void Reactor::SettleWaiters()
 {
-    uint64_t asked;
-    {
-        MutexLock lock(mutex_);
-        asked = settleAsked_;
-        if (asked == settleDone_) {
-            return;
-        }
-    }
-    DrainAll();
     MutexLock lock(mutex_);
+    const uint64_t asked = settleAsked_;
+    if (asked == settleDone_) {
+        return;
+    }
+    lock.Unlock();
+    DrainAll();
+    lock.Lock();
     settleDone_ = asked;
     settled_.NotifyAll();
 }
@@ -182,9 +176,7 @@ void Reactor::Tick()
     for (const sptr<EventHandler>& handler : Handlers()) {
         handler->OnTick(now);
     }
-    if (tickAction_) {
-        tickAction_(now);
-    }
+    tickAction_(now);
 }
 
 }  // namespace VEXA::ipc

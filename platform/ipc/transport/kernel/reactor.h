@@ -95,7 +95,7 @@ private:
     UniqueFd epoll_;
     UniqueFd wake_;
     std::atomic<pthread_t> thread_{};
-    std::function<void(Deadline)> tickAction_;
+    std::function<void(Deadline)> tickAction_ = [](Deadline) {};
     std::atomic<uint32_t> ticksNeeded_{0};
     Deadline nextTick_{};
     // The reactor's thread only:

@@ -46,10 +46,9 @@ bool WorkerPool::Open()
 
 void WorkerPool::Post(std::function<void()> task)
 {
-    {
-        MutexLock lock(mutex_);
-        tasks_.push_back(std::move(task));
-    }
+    MutexLock lock(mutex_);
+    tasks_.push_back(std::move(task));
+    lock.Unlock();
     eventfd_write(taskEvent_.Get(), 1);
     KeepOneWaiting();
 }
@@ -120,19 +119,16 @@ void WorkerPool::Run()
 void WorkerPool::RunTasks()
 {
     for (;;) {
-        std::function<void()> task;
-        bool more;
-        {
-            MutexLock lock(mutex_);
-            if (tasks_.empty()) {
-                return;
-            }
-            task = std::move(tasks_.front());
-            tasks_.pop_front();
-            more = !tasks_.empty();
+        MutexLock lock(mutex_);
+        if (tasks_.empty()) {
+            return;
         }
+        const std::function<void()> task = std::move(tasks_.front());
+        tasks_.pop_front();
+        const bool hasMore = !tasks_.empty();
+        lock.Unlock();
         // The task may take long, so another worker sees to the rest.
-        if (more) {
+        if (hasMore) {
             eventfd_write(taskEvent_.Get(), 1);
         }
         task();

@@ -9,31 +9,27 @@ namespace VEXA::ipc {
 void OneWayQueues::Add(Request request)
 {
     const IRemoteObject* const object = request.object.GetRefPtr();
-    {
-        MutexLock lock(mutex_);
-        const auto [queue, isNew] = queues_.try_emplace(object);
-        queue->second.push_back(std::move(request));
-        if (!isNew) {
-            return;
-        }
+    MutexLock lock(mutex_);
+    const auto [queue, isNew] = queues_.try_emplace(object);
+    queue->second.push_back(std::move(request));
+    lock.Unlock();
+    if (isNew) {
+        workers_.Post([this, object] { RunQueue(object); });
     }
-    workers_.Post([this, object] { RunQueue(object); });
 }
 
 void OneWayQueues::RunQueue(const IRemoteObject* object)
 {
     while (!ProcessLife::Exiting()) {
-        Request request;
-        {
-            MutexLock lock(mutex_);
-            const auto queue = queues_.find(object);
-            if (queue->second.empty()) {
-                queues_.erase(queue);
-                return;
-            }
-            request = std::move(queue->second.front());
-            queue->second.pop_front();
+        MutexLock lock(mutex_);
+        const auto queue = queues_.find(object);
+        if (queue->second.empty()) {
+            queues_.erase(queue);
+            return;
         }
+        const Request request = std::move(queue->second.front());
+        queue->second.pop_front();
+        lock.Unlock();
         uint64_t frames = 0;
         uint64_t bytes = 0;
         if (request.sender->Debt().Leave(request.data->GetDataSize(), frames, bytes) && !request.sender->Dead()) {

@@ -94,13 +94,12 @@ sptr<IRemoteObject> Peer::Object(ObjectId id)
 
 void Peer::Forget(const PeerObject& object)
 {
-    {
-        MutexLock lock(objectsMutex_);
-        const auto found = objects_.find(object.Id());
-        if (found != objects_.end() && found->second == &object) {
-            objects_.erase(found);
-        }
+    MutexLock lock(objectsMutex_);
+    const auto found = objects_.find(object.Id());
+    if (found != objects_.end() && found->second == &object) {
+        objects_.erase(found);
     }
+    lock.Unlock();
     uint64_t references = object.Id() != kContextObject ? object.References() : 0;
     while (!Dead() && references > 0) {
         const uint64_t part = std::min(references, kMostReleased);
@@ -112,26 +111,23 @@ void Peer::Forget(const PeerObject& object)
 
 std::vector<sptr<PeerObject>> Peer::Bury()
 {
-    std::vector<sptr<Link>> links;
-    {
-        MutexLock lock(mutex_);
-        dead_.store(true, std::memory_order_release);
-        links.swap(links_);
-        changed_.NotifyAll();
-    }
+    MutexLock lock(mutex_);
+    dead_.store(true, std::memory_order_release);
+    const std::vector<sptr<Link>> links = std::exchange(links_, {});
+    changed_.NotifyAll();
+    lock.Unlock();
     channels_.Close();
     for (const sptr<Link>& link : links) {
         link->Shutdown();
     }
     std::vector<sptr<PeerObject>> objects;
-    {
-        MutexLock lock(objectsMutex_);
-        for (const auto& [id, object] : objects_) {
-            if (object->GetRefCounter()->TryIncStrong()) {
-                objects.push_back(sptr<PeerObject>::Adopt(object));
-            }
+    MutexLock objectsLock(objectsMutex_);
+    for (const auto& [id, object] : objects_) {
+        if (object->GetRefCounter()->TryIncStrong()) {
+            objects.push_back(sptr<PeerObject>::Adopt(object));
         }
     }
+    objectsLock.Unlock();
     for (const sptr<PeerObject>& object : objects) {
         object->NotifyDeath();
     }

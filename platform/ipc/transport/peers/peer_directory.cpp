@@ -120,23 +120,22 @@ void PeerDirectory::Bury(const sptr<Peer>& peer)
     if (!parts_.reactor.Settling()) {
         parts_.reactor.Settle(kSettleWait);
     }
-    {
-        // The endpoint is known as dead before anyone is told, so that whoever looks again finds it dead.
-        MutexLock lock(mutex_);
-        const auto found = peers_.find(peer->Id());
-        if (found == peers_.end() || found->second != peer) {
-            return;
-        }
-        peers_.erase(found);
-        // A process that never answered may have been busy only, and may be tried again.
-        if (peer->HasAnswered() && dead_.insert(peer->Id()).second) {
-            deadOrder_.push_back(peer->Id());
-        }
-        if (deadOrder_.size() > kMostDead) {
-            dead_.erase(deadOrder_.front());
-            deadOrder_.pop_front();
-        }
+    MutexLock lock(mutex_);
+    const auto found = peers_.find(peer->Id());
+    if (found == peers_.end() || found->second != peer) {
+        return;
     }
+    peers_.erase(found);
+    // A process that never answered may have been busy only, and may be tried again.
+    if (peer->HasAnswered() && dead_.insert(peer->Id()).second) {
+        deadOrder_.push_back(peer->Id());
+    }
+    if (deadOrder_.size() > kMostDead) {
+        dead_.erase(deadOrder_.front());
+        deadOrder_.pop_front();
+    }
+    lock.Unlock();
+    // From here on whoever looks for the endpoint finds it dead.
     DropOnWorker(peer->Bury());
     DropOnWorker(parts_.objects.DropHolder(peer->Id()));
     parts_.onDeath(peer->Id());

@@ -140,10 +140,9 @@ bool RemoteProxy::AddDeathRecipient(const sptr<DeathRecipient>& recipient)
     if (recipient == nullptr || ProcessLife::Forked()) {
         return false;
     }
-    {
-        MutexLock lock(mutex_);
-        recipients_.push_back(recipient);
-    }
+    MutexLock lock(mutex_);
+    recipients_.push_back(recipient);
+    lock.Unlock();
     // The recipients are collected after the peer is marked dead; one that came too late for that is collected here.
     if (Process().Dead()) {
         NotifyDeath();

@@ -49,21 +49,20 @@ void ContextWatch::Start(std::function<void()> action)
 
 void ContextWatch::Look()
 {
-    std::function<void()> action;
-    {
-        MutexLock lock(mutex_);
-        if (!action_) {
-            return;
-        }
-        WatchDirectory();
-        const FileId found = IdOf(ContextSocketPath());
-        if (found.Exists() && !(found == socket_)) {
-            socket_ = found;
-            action = action_;
-        }
-        SetLooking();
+    MutexLock lock(mutex_);
+    if (!action_) {
+        return;
     }
-    if (action) {
+    WatchDirectory();
+    const FileId found = IdOf(ContextSocketPath());
+    const bool isNew = found.Exists() && found != socket_;
+    if (isNew) {
+        socket_ = found;
+    }
+    SetLooking();
+    const std::function<void()> action = action_;
+    lock.Unlock();
+    if (isNew) {
         RunForeign("the action for a new context object", action);
     }
 }
