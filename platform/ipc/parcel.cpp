@@ -23,14 +23,6 @@ constexpr N Padded(N bytes)
     return (bytes + (kAlignment - 1)) & ~N{kAlignment - 1};
 }
 
-template <typename T>
-T ValueOrZero(Parcel& parcel, bool (Parcel::*read)(T&))
-{
-    T value{};
-    (parcel.*read)(value);
-    return value;
-}
-
 }  // namespace
 
 size_t SetThreadParcelLimit(size_t bytes)
@@ -248,46 +240,6 @@ bool Parcel::ReadString(std::string& value)
 bool Parcel::ReadString16(std::u16string& value)
 {
     return ReadText(value);
-}
-
-bool Parcel::ReadBool()
-{
-    return ValueOrZero<bool>(*this, &Parcel::ReadBool);
-}
-
-int32_t Parcel::ReadInt32()
-{
-    return ValueOrZero<int32_t>(*this, &Parcel::ReadInt32);
-}
-
-uint32_t Parcel::ReadUint32()
-{
-    return ValueOrZero<uint32_t>(*this, &Parcel::ReadUint32);
-}
-
-int64_t Parcel::ReadInt64()
-{
-    return ValueOrZero<int64_t>(*this, &Parcel::ReadInt64);
-}
-
-uint64_t Parcel::ReadUint64()
-{
-    return ValueOrZero<uint64_t>(*this, &Parcel::ReadUint64);
-}
-
-double Parcel::ReadDouble()
-{
-    return ValueOrZero<double>(*this, &Parcel::ReadDouble);
-}
-
-std::string Parcel::ReadString()
-{
-    return ValueOrZero<std::string>(*this, &Parcel::ReadString);
-}
-
-std::u16string Parcel::ReadString16()
-{
-    return ValueOrZero<std::u16string>(*this, &Parcel::ReadString16);
 }
 
 void ParcelAccess::Clear(Parcel& parcel)

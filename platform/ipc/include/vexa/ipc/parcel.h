@@ -45,14 +45,14 @@ public:
     // Writes a presence mark and the value; a null pointer is written as absent.
     bool WriteParcelable(const Parcelable* value);
 
-    bool ReadBool();
-    int32_t ReadInt32();
-    uint32_t ReadUint32();
-    int64_t ReadInt64();
-    uint64_t ReadUint64();
-    double ReadDouble();
-    std::string ReadString();
-    std::u16string ReadString16();
+    bool ReadBool() { return ValueOrZero<bool>(&Parcel::ReadBool); }
+    int32_t ReadInt32() { return ValueOrZero<int32_t>(&Parcel::ReadInt32); }
+    uint32_t ReadUint32() { return ValueOrZero<uint32_t>(&Parcel::ReadUint32); }
+    int64_t ReadInt64() { return ValueOrZero<int64_t>(&Parcel::ReadInt64); }
+    uint64_t ReadUint64() { return ValueOrZero<uint64_t>(&Parcel::ReadUint64); }
+    double ReadDouble() { return ValueOrZero<double>(&Parcel::ReadDouble); }
+    std::string ReadString() { return ValueOrZero<std::string>(&Parcel::ReadString); }
+    std::u16string ReadString16() { return ValueOrZero<std::u16string>(&Parcel::ReadString16); }
 
     // The same, telling a value from its absence: false, and `value` untouched, where the reader above would return
     // zero for want of a value.
@@ -86,6 +86,13 @@ private:
     static constexpr size_t kHeadroom = 32;
     static constexpr size_t kInlineBytes = 480;
 
+    template <typename T>
+    T ValueOrZero(bool (Parcel::*read)(T&))
+    {
+        T value{};
+        (this->*read)(value);
+        return value;
+    }
     bool Reserve(size_t bytes);
     uint8_t* Append(size_t bytes);
     const uint8_t* Take(size_t bytes);
