@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Carrying out one incoming request on an object.
+// Carries out one incoming request on an object.
 #pragma once
 
 #include "credentials.h"
@@ -14,7 +14,7 @@ namespace VEXA::ipc {
 int32_t CarryOut(IRemoteObject& object, uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option,
     const Credentials& caller);
 
-// The process on whose behalf this thread is calling an object; null outside a request.
+// Returns the process on whose behalf this thread is calling an object; null outside a request.
 const Credentials* CurrentCaller();
 
 }  // namespace VEXA::ipc

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the transport may do with a parcel: fill its storage from a socket and send straight out of it.
+// Lets the transport fill a parcel's storage from a socket, and send straight out of it.
 #pragma once
 
 #include <cstddef>
@@ -13,10 +13,10 @@ namespace VEXA {
 
 class ParcelAccess {
 public:
-    // Bytes in front of the data.
+    // The number of bytes kept in front of the data.
     static constexpr size_t kHeadroom = Parcel::kHeadroom;
 
-    // Where the headroom starts; the data follow it. Any growth of the parcel moves it.
+    // Points to the headroom, which the data follow. Any growth of the parcel moves it.
     static uint8_t* Storage(Parcel& parcel) { return parcel.storage_; }
     static uint8_t* Data(Parcel& parcel) { return parcel.storage_ + Parcel::kHeadroom; }
     static const uint8_t* Data(const Parcel& parcel) { return parcel.storage_ + Parcel::kHeadroom; }
@@ -34,7 +34,7 @@ public:
         parcel.size_ = bytes;
         parcel.position_ = 0;
     }
-    // The next value read is the one at `position`, a value returned by GetReadPosition.
+    // Goes on reading at `position`, a value returned by GetReadPosition.
     static void SetReadPosition(Parcel& parcel, size_t position) { parcel.position_ = position; }
     // Makes the parcel empty. Storage beyond kKeptBytes is given back.
     static void Clear(Parcel& parcel);
@@ -42,7 +42,7 @@ public:
 
     static std::vector<sptr<IRemoteObject>>& Objects(MessageParcel& parcel) { return parcel.objects_; }
 
-    // Room for `bytes` right behind the data, whose size stays as it is; null when memory is short.
+    // Makes room for `bytes` right behind the data, whose size stays as it is; null when memory is short.
     static uint8_t* AppendRaw(Parcel& parcel, size_t bytes)
     {
         return ReserveTotal(parcel, parcel.size_ + bytes) ? Data(parcel) + parcel.size_ : nullptr;

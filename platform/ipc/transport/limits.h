@@ -31,7 +31,7 @@ inline constexpr size_t kMaxConnectionsPerUser = 1024;
 inline constexpr size_t kConnectionShare = 75;
 // Percent of this process's descriptors that the connections of one user may take: the other users keep some.
 inline constexpr size_t kUserShare = 50;
-// An accepted connection that has not greeted by then is closed.
+// An accepted connection that has not greeted for so long is closed.
 inline constexpr std::chrono::milliseconds kGreetLimit = std::chrono::seconds(5);
 // Bytes that a peer may leave unread on a link before it is given up. One-way requests are bounded by themselves, so
 // this is room for them and for as much book-keeping.
@@ -70,7 +70,7 @@ inline constexpr std::chrono::milliseconds kClaimLimit = std::chrono::seconds(10
 
 // Threads that carry out requests, unless the process sets another number.
 inline constexpr size_t kDefaultThreads = 16;
-// Those threads and the ones that stand in for threads that wait, together.
+// All threads that carry out requests, with the ones that stand in for threads that wait.
 inline constexpr size_t kMostThreads = 256;
 // The reactor looks at time limits so often while anything may run out.
 inline constexpr std::chrono::milliseconds kTickPeriod = std::chrono::milliseconds(1000);

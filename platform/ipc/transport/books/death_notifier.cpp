@@ -67,7 +67,7 @@ void DeathNotifier::Run()
             }
             continue;
         }
-        // Those that run are in the order in which they began.
+        // The last of running_ began last.
         if (!running_.empty() && Clock::now() < running_.back().since + kPatience) {
             changed_.WaitUntil(mutex_, running_.back().since + kPatience, noneRuns);
             continue;

@@ -21,7 +21,7 @@ int32_t ErrorOf(Transfer failed)
 
 }  // namespace
 
-// Whatever came before, opening the channel and sending included, has taken its part of the time.
+// Opening the channel and sending have taken their part of the time.
 void ClientChannel::LimitReceive(Deadline deadline)
 {
     using std::chrono::milliseconds;

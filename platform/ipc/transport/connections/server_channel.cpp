@@ -26,7 +26,7 @@ bool ServerChannel::Enter()
 void ServerChannel::Leave()
 {
     for (;;) {
-        // Not only after Serve: CloseIfStalled may have kept out the worker that came for the first request.
+        // CloseIfStalled may have kept out the worker that came for the first request, so it too comes here unwatched.
         if (IsOpen() && !watched_) {
             WatchAgain();
         }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What fork and exit mean for the transport: a child of fork owns none of its parent's connections, and a process that
-// is leaving carries out no more requests.
+// Tells the transport of fork and exit: a child of fork owns none of its parent's connections, and a process that is
+// leaving carries out no more requests.
 #pragma once
 
 #include <atomic>
@@ -10,7 +10,7 @@
 
 namespace VEXA::ipc {
 
-// One state for the whole process.
+// A process has one.
 class ProcessLife {
 public:
     // Installs the fork handlers. Idempotent.

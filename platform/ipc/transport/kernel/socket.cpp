@@ -108,7 +108,7 @@ UniqueFd ListenAt(const std::string& path)
         return fd;
     }
     unlink(fresh.c_str());
-    // Who may reach the socket is decided by the directory; who may call what, by the table of holders.
+    // The directory decides who may reach the socket, and the table of holders who may call what.
     if (bind(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
         chmod(fresh.c_str(), 0666) != 0 || listen(fd.Get(), SOMAXCONN) != 0 ||
         rename(fresh.c_str(), path.c_str()) != 0) {
@@ -187,7 +187,7 @@ Transfer ReceiveAtLeast(int fd, void* bytes, size_t least, size_t most, Deadline
 Transfer ReceiveMore(int fd, void* bytes, size_t least, size_t most, Deadline deadline, size_t& have)
 {
     for (;;) {
-        // What has come by the deadline counts, however late it is looked at: this process may have been stopped.
+        // Bytes that have come by the deadline count, however late they are read: this process may have been stopped.
         const bool isLast = std::chrono::steady_clock::now() > deadline;
         size_t moved = 0;
         const Transfer result = ReceiveNow(fd, static_cast<uint8_t*>(bytes) + have, most - have, moved);

@@ -67,8 +67,8 @@ bool PeerDirectory::IsEndpointOf(EndpointId claimed, const Credentials& credenti
 sptr<Peer> PeerDirectory::Greet(EndpointId claimed, const sptr<Link>& link, FrameKind answer)
 {
     const Credentials& who = link->Who();
-    // Of a known process this was found out before, and its endpoint may have gone since then, as it does first when a
-    // process leaves. No process is forgotten meanwhile: that is this thread's work.
+    // For a known process this was found out before, and its endpoint may have gone since then, as it does first when
+    // a process leaves. No process is forgotten meanwhile: that is this thread's work.
     if (KnownPeer(claimed) == nullptr && !IsEndpointOf(claimed, who)) {
         return nullptr;
     }

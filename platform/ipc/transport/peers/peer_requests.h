@@ -22,7 +22,7 @@ private:
     PeerDirectory& peers_;
     const sptr<Peer> peer_;
     ObjectTransfer inFlight_;  // the objects of the last reply, until the reply is known to have arrived
-    bool hasRefused_ = false;  // which is logged once for a connection
+    bool hasRefused_ = false;  // a refusal is logged once for a connection
 };
 
 }  // namespace VEXA::ipc

@@ -12,7 +12,7 @@
 namespace VEXA::ipc {
 namespace {
 
-// Whoever publishes the context object is trusted with everything, so it has to be root, this user, or the owner of the
+// The publisher of the context object is trusted with everything, so it has to be root, this user, or the owner of the
 // runtime directory.
 bool IsTrusted(uid_t user)
 {
@@ -31,7 +31,7 @@ sptr<Peer> ContextLink::Reach()
     if (peer_ != nullptr && !peer_->Dead()) {
         return peer_;
     }
-    // Whoever waited while another thread tried in vain shares its result.
+    // A thread that waited while another one tried in vain shares the result.
     if (failures_.load() != failures) {
         return nullptr;
     }
@@ -71,7 +71,7 @@ sptr<Peer> ContextLink::Greet(Deadline deadline)
         return nullptr;
     }
     publisher_ = peer->Id();
-    // It may have been buried before it was known for the publisher.
+    // The process may have been buried before it was known for the publisher.
     if (peer->Dead()) {
         Lose(peer->Id());
     }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The way to the process that publishes the context object.
+// Leads to the process that publishes the context object, the manager.
 #pragma once
 
 #include <atomic>
@@ -11,19 +11,19 @@
 
 namespace VEXA::ipc {
 
-// Any thread.
+// All operations may be called from any thread.
 class ContextLink {
 public:
-    // Makes a session that greets, and answers the greeting; null when the reactor can't watch it.
+    // Makes a session that greets, and passes the answer to `greeting`; null when the reactor can't watch it.
     using Open = std::function<sptr<Link>(Connection connection, const std::shared_ptr<Greeting>& greeting)>;
 
     ContextLink(LocalEndpoint& endpoint, Open open) : endpoint_(endpoint), open_(std::move(open)) {}
 
-    // The publisher, null when there is none. Waits for its greeting, at most for kGreetingWait.
+    // Returns the publisher, null when there is none. Waits for its greeting, at most for kGreetingWait.
     sptr<Peer> Reach();
     // True while the publisher that was reached last lives.
     bool HasPublisher() const { return publisher_.load() != 0; }
-    // A process has died; true when it was the publisher that was reached last.
+    // Is told that a process has died; true when that was the publisher that was reached last.
     bool Lose(EndpointId dead) { return publisher_.compare_exchange_strong(dead, 0); }
 
 private:

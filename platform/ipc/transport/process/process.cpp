@@ -45,7 +45,7 @@ Transport* IpcProcess::StartLocked()
         hasWarned_ = true;
         return nullptr;
     }
-    // Without room for the handler only the socket's file stays, which whoever publishes the context object removes.
+    // Without room for the handler only the socket's file stays, which the publisher of the context object removes.
     (void)std::atexit(&AtExit);
     running_ = transport.release();
     Running()->Workers().SetLimit(maxWorkThreads_);
@@ -101,7 +101,7 @@ bool IpcProcess::PublishContext(const sptr<IRemoteObject>& object)
 
 void IpcProcess::SetMaxWorkThreads(size_t count)
 {
-    // Takes no lock: a child of fork may call it too. Whichever of this and the start comes later sees the other.
+    // A child of fork may call this too, so it takes no lock. Of this and the start, the later one sees the other.
     maxWorkThreads_ = count;
     if (Transport* const running = Running()) {
         running->Workers().SetLimit(count);

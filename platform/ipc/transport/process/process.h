@@ -10,18 +10,18 @@
 
 namespace VEXA::ipc {
 
-// One in a process. Any thread.
+// A process has one. All operations may be called from any thread.
 class IpcProcess {
 public:
     static IpcProcess& Get();
 
-    // The transport, started by its first use; null, with a log line the first time, when that can't be done. A child
-    // of fork that starts it gets its own, unless its parent had one.
+    // Returns the transport, which its first use starts; null, with a log line the first time, when that can't be done.
+    // A child of fork that starts it gets its own, unless its parent had one.
     Transport* Start();
-    // The transport where it has been started, else null.
+    // Returns the transport where it has been started, else null.
     Transport* Running() const { return running_; }
 
-    // The publisher of the context object, null when there is none. Starts nothing for want of one.
+    // Returns the publisher of the context object, null when there is none. Then it does not start the transport.
     sptr<Peer> ContextPeer();
     bool PublishContext(const sptr<IRemoteObject>& object);
     void SetMaxWorkThreads(size_t count);

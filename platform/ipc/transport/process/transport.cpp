@@ -46,7 +46,7 @@ Transport::Transport(const ThreadStarter& startThread)
           }),
       contextWatch_(reactor_, workers_, contextLink_)
 {
-    // Closing a channel can end objects, whose code is nothing for the reactor.
+    // Closing a channel can end objects, whose code must not hold up the reactor.
     reactor_.SetTickAction([this](Deadline now) {
         workers_.Post([this, now] {
             channels_.CloseStalled(now);
@@ -92,7 +92,7 @@ void Transport::OnDeath(EndpointId dead)
     if (contextLink_.Lose(dead)) {
         workers_.Post([this] { contextWatch_.Look(); });
     }
-    // Whoever publishes the context object clears away what a killed process has left.
+    // The publisher of the context object clears away the socket that a killed process has left.
     if (isPublishing_) {
         RemoveIfStale(EndpointPath(dead));
     }

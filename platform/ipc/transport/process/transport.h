@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The parts of a transport, put together.
+// Puts the parts of a process's transport together.
 #pragma once
 
 #include <atomic>
@@ -20,16 +20,16 @@
 
 namespace VEXA::ipc {
 
-// Each part gets what it needs from the others here, and here only. Never destroyed once it has started, as its threads
-// may outlive main. Any thread.
+// Each part gets what it needs from the others here, and here only. A transport is never destroyed once it has started,
+// as its threads may outlive main. All operations may be called from any thread.
 class Transport {
 public:
-    // Its threads are started by `startThread`.
+    // `startThread` starts the transport's threads.
     explicit Transport(const ThreadStarter& startThread);
 
     // Makes the endpoint and starts the reactor. False, with errno, when that can't be done.
     bool Start();
-    // The exit handler's: takes the endpoint along.
+    // For the exit handler: takes the endpoint along.
     void Leave() { endpoint_.Remove(); }
     // Lets other processes call the object without having been handed it; false, with errno, when nothing can listen at
     // the context's socket.

@@ -12,12 +12,12 @@
 
 namespace VEXA {
 
-// The directory of this process's sockets: VEXA_RUNTIME_DIR, else $XDG_RUNTIME_DIR/vexa, else /run/vexa for root; empty
-// when none of them applies. Read once; a relative name is one in the working directory of that moment.
+// Returns the directory of this process's sockets: VEXA_RUNTIME_DIR, else $XDG_RUNTIME_DIR/vexa, else /run/vexa for
+// root; empty when none of them applies. It is decided once; a relative name is one in the working directory of then.
 VEXA_EXPORT const std::string& RuntimeDirectory();
 
-// The context object, null when no process publishes one now. Blocks for the connection only, at most a second.
-// After the publisher's death the next call connects to the one that has taken its place.
+// Returns the context object, null when no process publishes one now. Blocks for the connection only, at most a second.
+// After the publisher's death the next call connects to the process that has taken its place.
 VEXA_EXPORT sptr<IRemoteObject> GetContextObject();
 
 // Publishes an object of this process as the context object until the process ends. False when a living process
@@ -26,7 +26,7 @@ VEXA_EXPORT bool PublishContextObject(const sptr<IRemoteObject>& object);
 
 // Runs `action` on a pool thread whenever a context object has been published anew, from now until the process ends: at
 // once as a rule; within about a second where the runtime directory was removed meanwhile or the kernel can't watch it.
-// It may run without cause, so `action` looks for itself. One action in a process; a later one replaces it.
+// It may run without cause, so `action` looks for itself. A process has one action; a later one replaces it.
 VEXA_EXPORT void OnContextObjectPublished(std::function<void()> action);
 
 }  // namespace VEXA

@@ -36,7 +36,7 @@ inline constexpr uint32_t IPC_MAX_PARCEL_BYTES = 16U * 1024 * 1024;
 // Most remote objects in one parcel.
 inline constexpr uint32_t IPC_MAX_PARCEL_OBJECTS = 256;
 
-// What IPCObjectStub::OnRemoteRequest answers to a request code that the object does not know.
+// The answer of IPCObjectStub::OnRemoteRequest to a request code that the object does not know.
 inline constexpr int32_t IPC_UNKNOWN_REQUEST = 400;
 
 }  // namespace VEXA

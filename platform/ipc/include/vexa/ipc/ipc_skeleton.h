@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a process can ask and tell the IPC runtime about itself.
+// Lets a process ask the IPC runtime about itself, and set its limits.
 #pragma once
 
 #include <sys/types.h>
@@ -12,17 +12,18 @@ namespace VEXA {
 
 class VEXA_EXPORT IPCSkeleton {
 public:
-    // Who sent the request that this thread is carrying out, as the kernel said when the sender connected; this process
-    // itself outside a request. -1 where the kernel did not say: unknown is never 0, which is root.
+    // Return the process and the user that sent the request which this thread is carrying out, as the kernel said when
+    // the sender connected; this process itself outside a request. -1 where the kernel did not say: unknown is never 0,
+    // which is root.
     static pid_t GetCallingPid();
     static uid_t GetCallingUid();
 
-    // Whether this process is a child that was forked with the runtime at work. Its calls fail, and locks that are held
-    // across a call may be held for ever here, by a thread that only the parent has.
+    // True when this process is a child that was forked with the runtime at work. Its calls fail, and locks that are
+    // held across a call may be held for ever here, by a thread that only the parent has.
     static bool IsForkedChild();
 
-    // The most threads that carry out incoming requests at the same time (16 unless set). Threads that are waiting for
-    // a request of their own don't count.
+    // Sets how many threads may carry out incoming requests at the same time (16 unless set). Threads that are waiting
+    // for a request of their own don't count.
     static void SetMaxWorkThreads(size_t count);
 };
 

@@ -17,7 +17,7 @@ namespace VEXA {
 class VEXA_EXPORT IRemoteBroker : public virtual RefBase {
 public:
     ~IRemoteBroker() override = default;
-    // The remote object behind the interface.
+    // Returns the remote object behind the interface.
     virtual sptr<IRemoteObject> AsObject() = 0;
 };
 
@@ -30,7 +30,8 @@ public:
         return descriptor;                                                         \
     }
 
-// Descriptor -> creator of the proxy class. One in a process; all operations may be called from any thread.
+// Knows the creator of the proxy class for each descriptor. A process has one; all operations may be called from any
+// thread.
 class VEXA_EXPORT BrokerRegistration {
 public:
     using Creator = std::function<sptr<IRemoteBroker>(const sptr<IRemoteObject>&)>;
@@ -40,7 +41,7 @@ public:
     // False when the descriptor has a creator already, or is empty.
     bool Register(const std::u16string& descriptor, const Creator& creator);
     void Unregister(const std::u16string& descriptor);
-    // A new proxy around the object; null for a null object, an unknown descriptor, or when the creator made none.
+    // Makes a proxy around the object; null for a null object, an unknown descriptor, or when the creator makes none.
     sptr<IRemoteBroker> NewInstance(const std::u16string& descriptor, const sptr<IRemoteObject>& object);
 
 private:
@@ -72,8 +73,8 @@ private:
     bool registered_ = false;
 };
 
-// The interface INTERFACE of a remote object: the original itself where the object is at home and offers it, a new
-// proxy elsewhere; null when neither is to be had.
+// Returns the interface INTERFACE of a remote object: the original itself where the object is at home and offers it, a
+// new proxy elsewhere; null when neither is to be had.
 template <typename INTERFACE>
 sptr<INTERFACE> iface_cast(const sptr<IRemoteObject>& object)
 {

@@ -17,14 +17,14 @@ class MessageParcel;
 // All operations may be called from any thread.
 class VEXA_EXPORT IRemoteObject : public virtual RefBase {
 public:
-    // Told of the death of the process that an object lives in.
+    // Is told of the death of the process that an object lives in.
     class VEXA_EXPORT DeathRecipient : public virtual RefBase {
     public:
-        // Runs once for each registration, on a notification thread of the process, one recipient after the other. One
-        // that takes longer than 50 ms no longer holds up those that are told of another process's death, which may
-        // then run beside it; with eight held up the rest waits. The recipients of one process's death run in the order
-        // in which it was watched, and one recipient never runs twice at the same time. The runtime keeps the recipient
-        // alive while it runs.
+        // Runs once for each registration, on a notification thread of the process, one recipient after the other. A
+        // recipient that takes longer than 50 ms no longer holds up those that are told of another process's death,
+        // which may then run beside it; with eight held up the rest waits. The recipients of one process's death run in
+        // the order in which it was watched, and one recipient never runs twice at the same time. The runtime keeps the
+        // recipient alive while it runs.
         virtual void OnRemoteDied(const wptr<IRemoteObject>& object) = 0;
     };
 
@@ -32,7 +32,7 @@ public:
     ~IRemoteObject() override;
 
     // Sends a request and, unless it is one-way, waits for the reply, at most the option's wait time. To that may come
-    // 1 s for a connection or for the word to the owner of an object that is passed on, and 0.5 s to learn whether the
+    // 1 s for a connection, or for telling the owner of an object that it is passed on, and 0.5 s to learn whether the
     // process has died. 0 is success, a negative value an IpcError, any other value what the object's OnRemoteRequest
     // returned. On the original object this is a plain call of OnRemoteRequest.
     virtual int32_t SendRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option) = 0;
@@ -46,9 +46,9 @@ public:
 
     virtual bool IsProxyObject() const = 0;
     virtual bool IsObjectDead() const = 0;
-    // The interface behind the object: its own on an original; on a proxy null, see iface_cast.
+    // Returns the interface behind the object: its own on an original; null on a proxy, see iface_cast.
     virtual sptr<IRemoteBroker> AsInterface();
-    // The interface descriptor; empty on a proxy, whose interface only its user knows.
+    // Returns the interface descriptor; empty on a proxy, whose interface only its user knows.
     const std::u16string& GetObjectDescriptor() const { return descriptor_; }
 
 private:

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// How a request is sent.
+// Says how a request is sent.
 #pragma once
 
 #include <cstdint>

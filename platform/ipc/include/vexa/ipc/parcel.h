@@ -54,8 +54,7 @@ public:
     std::string ReadString() { return ValueOrZero<std::string>(&Parcel::ReadString); }
     std::u16string ReadString16() { return ValueOrZero<std::u16string>(&Parcel::ReadString16); }
 
-    // The same, telling a value from its absence: false, and `value` untouched, where the reader above would return
-    // zero for want of a value.
+    // Tell a value from its absence: false, and `value` untouched, where the readers above return zero for want of one.
     bool ReadBool(bool& value);
     bool ReadInt32(int32_t& value);
     bool ReadUint32(uint32_t& value);
