@@ -11,7 +11,7 @@ namespace VEXA::ipc {
 // One-way requests under way from one process to another: sent, and not known to have left the receiver's queue.
 inline constexpr uint32_t kMaxQueuedOneWayFrames = 1024;
 // Bytes of data in those requests: one of the largest possible size fits.
-inline constexpr uint64_t kMaxQueuedOneWayBytes = 16 * 1024 * 1024;
+inline constexpr uint64_t kMaxQueuedOneWayBytes = uint64_t{16} * 1024 * 1024;
 // Requests that have left the receiver's queue before it tells the sender, unless the queue is empty or nearly full.
 inline constexpr uint64_t kGatheredOneWayAcks = 64;
 // References given back by one RELEASE; a proxy that has more sends several.
@@ -35,7 +35,7 @@ inline constexpr size_t kUserShare = 50;
 inline constexpr std::chrono::milliseconds kGreetLimit = std::chrono::seconds(5);
 // Bytes that a peer may leave unread on a link before it is given up. One-way requests are bounded by themselves, so
 // this is room for them and for as much book-keeping.
-inline constexpr size_t kMostUnread = 32 * 1024 * 1024;
+inline constexpr size_t kMostUnread = size_t{32} * 1024 * 1024;
 // Frames read from one link before the others have their turn.
 inline constexpr size_t kFairShare = 64;
 // Bytes asked of the kernel for a new frame. Most frames are smaller, and come whole.

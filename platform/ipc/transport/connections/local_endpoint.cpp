@@ -39,7 +39,7 @@ bool LocalEndpoint::Provide()
     return true;
 }
 
-void LocalEndpoint::Remove()
+void LocalEndpoint::Remove() const
 {
     unlink(EndpointPath(id_).c_str());
 }

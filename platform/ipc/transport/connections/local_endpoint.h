@@ -24,7 +24,7 @@ public:
     // started. False when that can't be done.
     bool Provide() VEXA_EXCLUDES(mutex_);
     // Removes the socket, because the process leaves.
-    void Remove();
+    void Remove() const;
 
     // True while a missing endpoint of another process means that the process has removed it, because it leaves.
     bool MissingMeansExit() const;
