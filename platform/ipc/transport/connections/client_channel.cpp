@@ -4,7 +4,6 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <utility>
 
 #include "frame_reader.h"
 #include "ipc_log.h"
@@ -36,7 +35,6 @@ int32_t ClientChannel::Exchange(
     MessageParcel& frame, size_t frameBytes, MessageParcel& reply, Deadline deadline, Reached& reached)
 {
     reached = Reached::NOTHING;
-    const bool isUsed = std::exchange(state_, State::BROKEN) == State::USED;
     Transfer result = SendAll(Fd(), ParcelAccess::Storage(frame), frameBytes, deadline);
     if (result != Transfer::DONE) {
         return ErrorOf(result);
@@ -47,11 +45,12 @@ int32_t ClientChannel::Exchange(
     size_t have = 0;
     result = ReceiveAtLeast(Fd(), ParcelAccess::Storage(reply), kHeaderBytes, kFirstRead, deadline, have);
     if (result != Transfer::DONE) {
-        if (result != Transfer::WOULD_BLOCK && have == 0 && !isUsed) {
+        if (result != Transfer::WOULD_BLOCK && have == 0 && !used_) {
             reached = Reached::TURNED_AWAY;
         }
         return ErrorOf(result);
     }
+    used_ = true;
     const FrameHeader header = HeaderOf(reply);
     const size_t total = kHeaderBytes + BodyBytes(header);
     if (!IsSound(header) || header.kind != FrameKind::REPLY || have > total) {
@@ -66,7 +65,6 @@ int32_t ClientChannel::Exchange(
         return ErrorOf(result);
     }
     ParcelAccess::SetSize(reply, header.bytes);
-    state_ = State::USED;
     return IPC_OK;
 }
 
@@ -119,9 +117,15 @@ void ClientChannels::Return(ClientChannel channel)
 {
     MutexLock lock(mutex_);
     std::erase(inUse_, channel.Fd());
-    if (!closed_ && channel.state_ != ClientChannel::State::BROKEN && idle_.size() < kMostIdle) {
+    if (!closed_ && idle_.size() < kMostIdle) {
         idle_.push_back(std::move(channel));
     }
+}
+
+void ClientChannels::Lose(const ClientChannel& channel)
+{
+    MutexLock lock(mutex_);
+    std::erase(inUse_, channel.Fd());
 }
 
 void ClientChannels::Close()

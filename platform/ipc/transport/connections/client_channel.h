@@ -38,14 +38,12 @@ public:
 private:
     friend class ClientChannels;
 
-    enum class State { FRESH, USED, BROKEN };
-
     void LimitReceive(Deadline deadline);
 
     UniqueFd fd_;
     std::thread::id user_;                         // the thread that took the channel last
     std::chrono::milliseconds receiveTimeout_{0};  // SO_RCVTIMEO as it is set
-    State state_ = State::FRESH;  // USED: has brought a reply; BROKEN: in an exchange, or after a failed one
+    bool used_ = false;                            // has brought a reply
 };
 
 class ClientChannels {
@@ -56,8 +54,9 @@ public:
     // Takes a channel that is free; without a value when there is none. The one that this thread used last comes first:
     // the other process keeps a thread waiting for it, and the scheduler has brought the two together.
     ClientChannel TakeIdle();
-    // Brings a channel back after its use. It is kept for the next request where it can serve again, else closed.
+    // Brings back a channel that can serve again. A channel that can't is reported as lost before it is closed.
     void Return(ClientChannel channel);
+    void Lose(const ClientChannel& channel);
     // Ends all channels, those in use too, and lets no new ones be kept.
     void Close();
 

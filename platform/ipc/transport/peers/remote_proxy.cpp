@@ -101,7 +101,7 @@ int32_t RemoteProxy::SendSync(uint32_t code, MessageParcel& data, MessageParcel&
         transfer.Commit();
     }
     if (error != IPC_OK) {
-        Process().Channels().Return(std::move(channel));
+        Process().Channels().Lose(channel);
         ParcelAccess::Clear(reply);
         return error == IPC_CONNECTION_LOST && Process().WaitUntilDead(kDeathLag) ? IPC_DEAD_OBJECT : error;
     }
