@@ -4,6 +4,8 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <utility>
 
 #include "transport/limits.h"
@@ -49,18 +51,35 @@ private:
 // The receiver's side counts what waits in its queues, and what has left them without the sender having been told.
 class OneWayDebt {
 public:
-    // Counts a frame that has arrived; false when its sender has exceeded the bound.
-    bool Arrive(uint64_t bytes)
+    // Tells the sender that `frames` requests with `bytes` of data have left the queue.
+    using Acknowledge = std::function<void(uint64_t frames, uint64_t bytes)>;
+
+    explicit OneWayDebt(Acknowledge acknowledge) : acknowledge_(std::move(acknowledge)) {}
+
+    // One request, counted from the arrival of its header until it leaves the queue.
+    struct Leave {
+        uint64_t bytes;
+        void operator()(OneWayDebt* debt) const { debt->Discharge(bytes); }
+    };
+    using Charge = std::unique_ptr<OneWayDebt, Leave>;
+
+    // Null when the sender has exceeded the bound.
+    Charge Arrive(uint64_t bytes)
     {
         MutexLock lock(mutex_);
+        if (queuedFrames_ + doneFrames_ >= kMaxQueuedOneWayFrames ||
+            queuedBytes_ + doneBytes_ + bytes > kMaxQueuedOneWayBytes) {
+            return nullptr;
+        }
         ++queuedFrames_;
         queuedBytes_ += bytes;
-        return queuedFrames_ + doneFrames_ <= kMaxQueuedOneWayFrames &&
-               queuedBytes_ + doneBytes_ <= kMaxQueuedOneWayBytes;
+        return Charge(this, {bytes});
     }
-    // Counts a frame that has left the queue. True when it is time to acknowledge `frames` with `allBytes`, which are
-    // gathered while there is plenty of room, and never held back when the queue is empty or nearly full.
-    bool Leave(uint64_t bytes, uint64_t& frames, uint64_t& allBytes)
+
+private:
+    // Acknowledgements are gathered while there is plenty of room, and never held back when the queue is empty or
+    // nearly full.
+    void Discharge(uint64_t bytes)
     {
         MutexLock lock(mutex_);
         --queuedFrames_;
@@ -70,14 +89,15 @@ public:
         if (queuedFrames_ > 0 && doneFrames_ < kGatheredOneWayAcks && doneBytes_ < kMaxQueuedOneWayBytes / 16 &&
             queuedFrames_ + doneFrames_ + kGatheredOneWayAcks < kMaxQueuedOneWayFrames &&
             queuedBytes_ + doneBytes_ < kMaxQueuedOneWayBytes / 2) {
-            return false;
+            return;
         }
-        frames = std::exchange(doneFrames_, 0);
-        allBytes = std::exchange(doneBytes_, 0);
-        return true;
+        const uint64_t frames = std::exchange(doneFrames_, 0);
+        const uint64_t allBytes = std::exchange(doneBytes_, 0);
+        lock.Unlock();
+        acknowledge_(frames, allBytes);
     }
 
-private:
+    const Acknowledge acknowledge_;
     Mutex mutex_{LockRank::OneWayDebt};
     uint64_t queuedFrames_ VEXA_GUARDED_BY(mutex_) = 0;
     uint64_t queuedBytes_ VEXA_GUARDED_BY(mutex_) = 0;

@@ -27,15 +27,10 @@ void OneWayQueues::RunQueue(const IRemoteObject* object)
             queues_.erase(queue);
             return;
         }
-        const Request request = std::move(queue->second.front());
+        Request request = std::move(queue->second.front());
         queue->second.pop_front();
         lock.Unlock();
-        uint64_t frames = 0;
-        uint64_t bytes = 0;
-        if (request.sender->Debt().Leave(request.data->GetDataSize(), frames, bytes) && !request.sender->Dead()) {
-            const FrameHeader ack = MakeHeader(FrameKind::ONE_WAY_ACK, frames, bytes);
-            request.sender->SendOnLink(&ack, sizeof(ack));
-        }
+        request.charge.reset();
         MessageParcel reply;
         MessageOption option(MessageOption::TF_ASYNC);
         CarryOut(*request.object, request.code, *request.data, reply, option, request.sender->Who());

@@ -20,11 +20,11 @@ public:
     struct Request {
         sptr<IRemoteObject> object;
         sptr<Peer> sender;
+        OneWayDebt::Charge charge;  // of the sender's debt, until the request leaves the queue
         uint32_t code;
         std::unique_ptr<MessageParcel> data;
     };
 
-    // Queues a request, which its sender's debt counts already.
     void Add(Request request);
 
 private:

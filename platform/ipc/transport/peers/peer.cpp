@@ -9,7 +9,14 @@
 namespace VEXA::ipc {
 
 Peer::Peer(EndpointId id, const Credentials& credentials, MakeObject makeObject)
-    : id_(id), credentials_(credentials), issuedKey_{RandomNumber(), RandomNumber()}, makeObject_(std::move(makeObject))
+    : id_(id),
+      credentials_(credentials),
+      issuedKey_{RandomNumber(), RandomNumber()},
+      makeObject_(std::move(makeObject)),
+      debt_([this](uint64_t frames, uint64_t bytes) {
+          const FrameHeader ack = MakeHeader(FrameKind::ONE_WAY_ACK, frames, bytes);
+          SendOnLink(&ack, sizeof(ack));
+      })
 {}
 
 void Peer::AttachLink(const sptr<Link>& link)

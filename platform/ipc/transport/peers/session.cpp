@@ -56,7 +56,8 @@ bool Session::Admit(const FrameHeader& header)
         return false;
     }
     if (header.kind == FrameKind::ONE_WAY) {
-        return peer_->Debt().Arrive(header.bytes);
+        arriving_ = peer_->Debt().Arrive(header.bytes);
+        return arriving_ != nullptr;
     }
     const size_t bytes = isHello || header.kind == FrameKind::KEY ? sizeof(HelloBody) : 0;
     return header.bytes == bytes && header.objects == 0;
@@ -185,7 +186,7 @@ Link::Verdict Session::HandleOneWay(const FrameHeader& header, MessageParcel& fr
         IPC_LOGE("process %{public}d called an object that it does not hold", Who().pid);
         object = new IPCObjectStub;  // takes the request and answers nobody
     }
-    parts_.oneWays.Add({std::move(object), peer_, header.code, TakeFrame(frame)});
+    parts_.oneWays.Add({std::move(object), peer_, std::move(arriving_), header.code, TakeFrame(frame)});
     return Verdict::GO_ON;
 }
 

@@ -58,6 +58,7 @@ private:
     const Deadline greetBy_{};  // for an accepted connection only: no timer says that another process is dead
     Reactor::Ticks awaiting_;   // a greeting on an accepted connection
     sptr<Peer> peer_;
+    OneWayDebt::Charge arriving_;  // of the one-way request whose frame has begun to arrive
     std::shared_ptr<Greeting> greeting_;
     bool greeted_ = false;
     // Grants that the peer may still take back, the latest last.
