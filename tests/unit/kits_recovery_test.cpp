@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // The connection of the migration client: lookup, death of the service, callbacks across it.
 #include <chrono>
+#include <future>
 #include <thread>
 
 #include "kits_fixture.h"
+#include "lookup_lock.h"
 #include "migrate_server_kits_impl.h"
+#include "worker_pool.h"
 
 namespace VEXA::UpdateEngine {
 namespace {
@@ -183,6 +186,23 @@ TEST_F(KitsRecoveryTest, TheStubIsMadeForItsRequestAndDroppedBeforeTheResultOfOf
     EXPECT_EQ(log.Messages(), on + here.Info({"copied"}) + ProxyLines(0) + off + ProxyLines(2004) +
                                   here.Info({"dropped"}) + CLIENT.Error({"UnRegisterProgressCallBack result is 4"}) +
                                   on + CLIENT.Error({"MigrateServerKitsImpl WriteInterfaceToken fail"}));
+}
+
+// The outcome of a lookup comes as a request, for which a worker is left however few there are.
+TEST(LookupLockTest, AWorkerThatWaitsForALookupIsReplaced)
+{
+    static auto& workers = *new ipc::WorkerPool([](const char*, const std::function<void()>& body) {
+        std::thread(body).detach();
+        return true;
+    });
+    static Mutex mutex(LockRank::KitsService);
+    static std::promise<void> outcome;
+    EXPECT_TRUE(workers.Open());
+    workers.SetLimit(1);
+    MutexLock lookup(mutex);
+    workers.Post([] { const LookupLock lock(mutex); });
+    workers.Post([] { outcome.set_value(); });
+    EXPECT_EQ(outcome.get_future().wait_for(std::chrono::seconds(5)), std::future_status::ready);
 }
 
 // C and R begin a caller's and a recovery's registration. 0 and 1 end one: 1 has to tell the service again.

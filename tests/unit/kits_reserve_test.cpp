@@ -221,18 +221,15 @@ TEST_F(ReserveObserversTest, EndWithdrawsTheWatchAndDropsTheObservers)
     EXPECT_EQ(observer->GetSptrRefCount(), 2);  // this one, and the recorded request's
 }
 
-TEST_F(ReserveObserversTest, EndInsideTheHandlerEndsIt)
+TEST_F(ReserveObserversTest, EndInsideTheHandlerEndsItAndWaitsForOneOnAnotherThread)
 {
-    const auto after = DieAndAnswer([&] { kits_.reset(); });
-    EXPECT_EQ(after->Requests().size(), 1U);
-    EXPECT_EQ(after->RecipientCount(), 0U);
-}
-
-TEST_F(ReserveObserversTest, EndWaitsForAHandlerOnAnotherThread)
-{
-    const auto after = DieAndAnswerAfter([&] { kits_.reset(); });
-    EXPECT_EQ(after->Requests().size(), 1U);
-    EXPECT_EQ(after->RecipientCount(), 0U);
+    for (const bool isInside : {true, false}) {
+        kits_.emplace();
+        const auto end = [&] { kits_.reset(); };
+        const auto after = isInside ? DieAndAnswer(end) : DieAndAnswerAfter(end);
+        EXPECT_EQ(after->Requests().size(), 1U);
+        EXPECT_EQ(after->RecipientCount(), 0U);
+    }
 }
 
 TEST_F(ReserveObserversTest, RegistrationWaitsWhileObserversAreRegisteredAgain)
