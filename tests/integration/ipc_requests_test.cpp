@@ -42,7 +42,9 @@ TEST_F(IpcRequests, ResultsAndIdentityComeThrough)
         EXPECT_EQ(Call(hub_, RESULT).Int(result).Send(), result);
     }
     EXPECT_EQ(Call(hub_, 9999).Send(), IPC_UNKNOWN_REQUEST);
-    EXPECT_EQ(Call(hub_, THROW).Send(), IPC_HANDLER_THREW);
+    Call threw(hub_, THROW);
+    EXPECT_EQ(threw.Send(), IPC_HANDLER_THREW);
+    EXPECT_EQ(threw.Reply().GetDataSize(), 0U) << "half a reply";
     Call who(hub_, WHO_CALLS);
     ASSERT_EQ(who.Send(), 0);
     EXPECT_EQ(who.Reply().ReadInt32(), getpid());

@@ -43,6 +43,8 @@ TEST(InterfaceCast, GivesTheOriginalAtHomeAndAProxyElsewhere)
     EXPECT_EQ(iface_cast<IEcho>(object).GetRefPtr(), static_cast<IEcho*>(stub.GetRefPtr()));
     EXPECT_EQ(iface_cast<IOther>(object), nullptr);
     EXPECT_EQ(iface_cast<IEcho>(nullptr), nullptr);
+    const wptr<IRemoteObject> ended(sptr<IRemoteObject>(new EchoStub));
+    EXPECT_EQ(ended.Promote(), nullptr);
 
     const sptr<IRemoteObject> remote(new ScriptedRemoteObject);
     const auto proxy = iface_cast<IEcho>(remote);

@@ -197,6 +197,7 @@ TEST(MessageParcelTest, CarriesObjectsInSlots)
         EXPECT_EQ(each->ReadRemoteObject(), nullptr) << "a slot beyond the objects";
         EXPECT_EQ(each->GetReadableBytes(), 4u);
     }
+    EXPECT_TRUE(parcel.CopyFrom(parcel) && parcel.ReadInterfaceToken() == u"T");
     EXPECT_EQ(first->GetSptrRefCount(), 3);
     ParcelAccess::Clear(copy);
     const RefusingParcels refusing;

@@ -130,6 +130,7 @@ public:
             case TABLE_SIZE:
                 return reply.WriteInt32(static_cast<int32_t>(ipc::IpcProcess::Get().Start()->Objects().Size())) ? 0 : 1;
             case THROW:
+                reply.WriteInt32(1);
                 throw std::runtime_error("on request");
             case WHO_CALLS:
                 reply.WriteInt32(IPCSkeleton::GetCallingPid());
