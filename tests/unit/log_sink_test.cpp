@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -164,13 +165,23 @@ TEST(SinkSlotTest, AReplacementWaitsForAllWritersAndInAForkedChildForNone)
     SetLogSink(previous);
 }
 
-TEST(FileSinkTest, ClosesItsFileAndWaitsForNobody)
+TEST(FileSinkTest, AppendsWholeLinesClosesItsFileAndWaitsForNobody)
 {
     const std::string path = ::testing::TempDir() + "log" + std::to_string(getpid());
     const auto countFiles = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
     const auto before = countFiles();
+    const int next = dup(STDOUT_FILENO);
+    close(next);
     umask(0);
-    EXPECT_TRUE(MakeFileLogSink(path)->Write(Record("x")));
+    {
+        const auto sink = MakeFileLogSink(path);
+        EXPECT_EQ(fcntl(next, F_GETFD), FD_CLOEXEC);
+        EXPECT_TRUE(MakeFileLogSink(path)->Write(Record("x")) && sink->Write(Record("y")));
+        const rlim_t size = 2 * (ToLogLine(Record("x")).size() + 1);
+        EXPECT_EQ(std::filesystem::file_size(path), size);
+        const rlimit almostFull{size + 9, size + 9};
+        EXPECT_EQ(InChild([&] { return setrlimit(RLIMIT_FSIZE, &almostFull) != 0 || sink->Write(Record("z")); }), 0);
+    }
     EXPECT_EQ(static_cast<int>(std::filesystem::status(path).permissions()), 0640);
     EXPECT_EQ(unlink(path.c_str()) + mkfifo(path.c_str(), 0600), 0);
     EXPECT_EQ(MakeFileLogSink(path), nullptr);  // nobody reads
@@ -289,9 +300,11 @@ int WriteToOwnJournal(const std::string& root, int journal)
                               "KOLOG_DOMAIN=0xD002E11\nKOLOG_FORMAT=%{public}s\n") == std::string::npos) {
         return 1;
     }
+    const int next = dup(journal);
+    close(next);
     for (int count = 0; count < 100000; ++count) {
         if (!sink->Write(Record("unread"))) {
-            return 0;
+            return dup(journal) == next ? 0 : 3;  // no descriptor is lost
         }
     }
     return 2;

@@ -46,7 +46,6 @@ TEST(LogLineTest, NamesThePlaceUnderTheLabelOfTheKits)
     const LogEntry entry = log.Entries()[1];
     EXPECT_EQ(entry.level, KOLOG_DEBUG);
     EXPECT_EQ(entry.message, "[log_update_test.cpp(" + line + ")]On result is 104");
-    EXPECT_EQ(entry.format, "[%{public}s(%{public}d)]%{public}s result is %{public}d");
     EXPECT_EQ(entry.tag, "MIGRATE_KITS");
 }
 
