@@ -62,7 +62,9 @@ public:
         setenv("PEER_DIRECTORY", "/usr", 1);
         setenv("NOTIFY_SOCKET", "/nowhere", 1);
         AddProfile(kService, SAMGR_PEER, R"(, "arguments": ["serve", "1"])");
-        AddProfile(kHangs, "/bin/sh", R"(, "arguments": ["-c", "trap '' TERM; exec sleep 9"], "startTimeout": 60)");
+        AddProfile(kHangs, "/bin/sh",
+            R"(, "arguments": ["-c", "trap '' TERM; exec >&- 2>&-; sleep 9 & echo $$! >$$VEXA_RUNTIME_DIR.child; wait"])"
+            R"(, "startTimeout": 60)");
         AddProfile(kStartsSlowly, "/bin/sh",
             R"(, "arguments": ["-c", "sleep 0.3; exec \"$$0\" serve 5", ")" SAMGR_PEER R"("], "register": [])");
         AddProfile(kDescribes, "/bin/sh",
@@ -207,14 +209,19 @@ TEST_F(Samgr, AnOrderlyStopEndsTheProgramsAndASecondManagerIsRefused)
     EXPECT_NE(FileText(output).find("another manager serves"), std::string::npos) << FileText(output);
     EXPECT_TRUE(IsRunning(service));
 
+    std::filesystem::remove(RuntimeDirectory() + ".child");
     const sptr<LoadCallback> callback(new LoadCallback);
     EXPECT_EQ(manager_->LoadSystemAbility(kHangs, callback), SAMGR_OK);
     pid_t stubborn = -1;
-    EXPECT_TRUE(Eventually([&] { return (stubborn = PidOfProgram(World(), "sleep")) > 0; }));
+    EXPECT_TRUE(
+        Eventually([&] { return std::ifstream(RuntimeDirectory() + ".child") >> stubborn && IsRunning(stubborn); }));
     const auto start = steady_clock::now();
     World().Manager().Signal(SIGTERM);
     EXPECT_TRUE(Eventually([&] { return callback->failures == 1 && !IsRunning(service); }, 1500ms));
-    EXPECT_TRUE(Eventually([&] { return !IsRunning(stubborn); }));
+    // The closed output of a program does not keep it busy.
+    const std::string stat = "/proc/" + std::to_string(World().Manager().Pid()) + "/stat";
+    EXPECT_TRUE(Eventually([&] { return FileText(stat).find(") S ") != std::string::npos; }));
+    EXPECT_TRUE(Eventually([&] { return !IsRunning(stubborn); }, 4s));
     const auto killed = steady_clock::now();
     EXPECT_GE(killed - start, 2s);
     EXPECT_EQ(World().EndManager(SIGTERM), 0);
@@ -225,13 +232,17 @@ TEST_F(Samgr, AnOrderlyStopEndsTheProgramsAndASecondManagerIsRefused)
 TEST_F(Samgr, ARuntimeDirectoryMayBeRelative)
 {
     const std::string& folder = World().Folder();
-    ChildProcess manager =
-        StartLogged({"env", "-C", folder, SAMGRD, "--profiles", World().Profiles(), "--runtime-dir", "relative"},
-            World().LogFile());
+    std::filesystem::create_directory(folder + "/relative");
+    ChildProcess manager = StartLogged({"sh", "-c", "cd \"$0\" && exec \"$@\" 2>&-", folder, SAMGRD, "--profiles",
+                                           World().Profiles(), "--runtime-dir", "relative/vexa"},
+        World().LogFile());
     EXPECT_TRUE(Eventually([&] {
-        ChildProcess client({"env", "-C", folder, "VEXA_RUNTIME_DIR=relative", SAMGR_PEER, "load", "1"});
+        ChildProcess client(
+            {"env", "-C", folder, "VEXA_RUNTIME_DIR=", "XDG_RUNTIME_DIR=relative", SAMGR_PEER, "load", "1"});
         return ExitStatus(client) == 0;
     }));
+    const std::string output = "/proc/" + std::to_string(manager.Pid()) + "/fd/2";
+    EXPECT_EQ(std::filesystem::read_symlink(output), "/dev/null") << "a socket would get what is printed";
     manager.Signal(SIGTERM);
     EXPECT_EQ(ExitStatus(manager), 0);
 }

@@ -121,6 +121,11 @@ TEST_F(SamgrTable, FailedStartsLeaveNothingStarting)
     table_->RunDue();
     expectOutcome(SAMGR_PROGRAM_SLOW);
     EXPECT_EQ(starter_.killed, std::vector<pid_t>{slow});
+    Load();
+    table_->SetProfiles({});
+    table_->RunDue();
+    expectOutcome(SAMGR_NO_PROFILE);
+    UseProfile(Profile());
     LoadAndStart();
     table_->Stop();
     expectOutcome(SAMGR_BUSY);
