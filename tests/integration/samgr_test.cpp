@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The manager among real processes: this one is the client.
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -31,11 +32,14 @@ constexpr int32_t kHangs = 3;
 constexpr int32_t kDescribes = 4;
 constexpr int32_t kStartsSlowly = 5;  // only its own program may register it
 constexpr int32_t kFirstFailure = 10;
+constexpr gid_t kForeignGroup = 54321;
+const bool kIsRoot = geteuid() == 0;
 
 // What a program was started with, on its output. The last descriptor is the one that lists them.
 constexpr char kDescription[] = R"sh(
     echo "$0 $1; $PEER_VARIABLE; ${NOTIFY_SOCKET-none}; $PWD; ${VEXA_RUNTIME_DIR##*/}"
     echo "session $(($(cut -d ' ' -f 6 /proc/$$/stat) - $$)), $(grep -c '^SigBlk:.0*$' /proc/$$/status)"
+    echo "user $(id -u) $(id -G) $HOME $USER ${XDG_RUNTIME_DIR-none}"
     echo /proc/self/fd/*
     printf "limit $(ulimit -Sn)"
 )sh";
@@ -58,6 +62,7 @@ public:
         getrlimit(RLIMIT_NOFILE, &descriptors);
         descriptors.rlim_cur = 500;
         setrlimit(RLIMIT_NOFILE, &descriptors);
+        setgroups(1, &kForeignGroup);  // as root; no program of another user keeps it
         setenv("PEER_SCRIPT", kDescription, 1);
         setenv("PEER_DIRECTORY", "/usr", 1);
         setenv("NOTIFY_SOCKET", "/nowhere", 1);
@@ -69,7 +74,8 @@ public:
             R"(, "arguments": ["-c", "sleep 0.3; exec \"$$0\" serve 5", ")" SAMGR_PEER R"("], "register": [])");
         AddProfile(kDescribes, "/bin/sh",
             R"(, "arguments": ["-c", "${PEER_SCRIPT}", "5$", "a${PEER_DIRECTORY}b${PEER_DIRECTORY}$${x}"],)"
-            R"( "directory": "${PEER_DIRECTORY}", "environment": {"PEER_VARIABLE": "a b", "VEXA_RUNTIME_DIR": "/"})");
+            R"( "directory": "${PEER_DIRECTORY}", "environment": {"PEER_VARIABLE": "a b", "VEXA_RUNTIME_DIR": "/"})" +
+                std::string(kIsRoot ? R"(, "user": "daemon")" : ""));
         int32_t id = kFirstFailure;
         for (const auto& [profile, reason] : kFailures) {
             AddProfile(id++, "/bin/sh", profile);
@@ -131,6 +137,7 @@ TEST_F(Samgr, ProgramsGetWhatTheirProfileSaysAndNothingOfTheManagers)
 {
     EXPECT_EQ(manager_->LoadSystemAbility(kDescribes, 5), nullptr);
     for (const char* line : {"5$ a/usrb/usr${x}; a b; none; /usr; run", "session 0, 1",
+             kIsRoot ? "user 1 1 /usr/sbin daemon none" : "session 0, 1",
              "/proc/self/fd/0 /proc/self/fd/1 /proc/self/fd/2 /proc/self/fd/3", "limit 500"}) {
         const std::string logged = "]: " + std::string(line) + "\n";
         EXPECT_TRUE(Eventually([&] { return FileText(World().LogFile()).find(logged) != std::string::npos; })) << line;
