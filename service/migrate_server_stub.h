@@ -4,13 +4,15 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
-#include <string>
+#include <tuple>
 
 #include "callback_hub.h"
 #include "mailbox.h"
 #include "migration_engine.h"
 #include "native_migrate/imigrate_server.h"
+#include "request_fields.h"
 #include "vexa/ipc/iremote_stub.h"
 
 namespace VEXA::UpdateEngine {
@@ -29,42 +31,31 @@ public:
     int32_t SendRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply) override;
 
 private:
-    // Returns the service's result.
-    using Handler = int32_t (MigrateServerStub::*)(MessageParcel& data, MessageParcel& reply);
-    static Handler FindHandler(uint32_t code);
+    // Answers a request behind its token; returns the service's result.
+    using Handler = std::function<int32_t(MessageParcel& data, MessageParcel& reply)>;
 
-    int32_t GetMigrateStatus(MessageParcel& data, MessageParcel& reply);
-    int32_t GetMigrateInfo(MessageParcel& data, MessageParcel& reply);
-    int32_t GetPakMigrateInfo(MessageParcel& data, MessageParcel& reply);
-    int32_t GetApkInfo(MessageParcel& data, MessageParcel& reply);
-    int32_t StartMigrate(MessageParcel& data, MessageParcel& reply);
-    int32_t StartPakMigrate(MessageParcel& data, MessageParcel& reply);
-    int32_t RemoveMigrate(MessageParcel& data, MessageParcel& reply);
-    int32_t RemovePakMigrate(MessageParcel& data, MessageParcel& reply);
-    int32_t RegisterProgress(MessageParcel& data, MessageParcel& reply);
-    int32_t UnregisterProgress(MessageParcel& data, MessageParcel& reply);
-    int32_t SetMigratePolicy(MessageParcel& data, MessageParcel& reply);
-    int32_t CheckAppRestore(MessageParcel& data, MessageParcel& reply);
-    int32_t PresetData(MessageParcel& data, MessageParcel& reply);
-    int32_t GetMigrateResult(MessageParcel& data, MessageParcel& reply);
-    int32_t GetMigrationUsers(MessageParcel& data, MessageParcel& reply);
-    int32_t GetModuleMigrationPolicy(MessageParcel& data, MessageParcel& reply);
-    int32_t ResumeMigration(MessageParcel& data, MessageParcel& reply);
-    int32_t NotifyEmporionCoreEvent(MessageParcel& data, MessageParcel& reply);
-    int32_t StartPakMigration(MessageParcel& data, MessageParcel& reply);
-    int32_t GetPakMigrationTaskStatus(MessageParcel& data, MessageParcel& reply);
-    int32_t GetMigrationDataSize(MessageParcel& data, MessageParcel& reply);
-    int32_t SetBackupFileOwn(MessageParcel& data, MessageParcel& reply);
+    // Adds a request with fields of these types. `act` gets the reply and the fields, and returns the service's result.
+    template <typename... Fields, typename Act>
+    void On(MigrateRequestCode code, Act act)
+    {
+        handlers_[code] = [act](MessageParcel& data, MessageParcel& reply) {
+            std::tuple<Fields...> fields{};
+            return std::apply(
+                [&](auto&... field) {
+                    return ReadFields(data, field...) ? act(reply, field...) : MIGRATE_BAD_ARGUMENT;
+                },
+                fields);
+        };
+    }
+    // Adds a request without fields that is answered with what `query` finds, and its error.
+    template <typename Found>
+    void OnQuery(MigrateRequestCode code, BusinessError (MigrationEngine::*query)(Found&) const);
+    void AddQueries();
+    void AddCommands();
+    void AddCallbacks();
+    void AddReserveRequests();
 
-    int32_t GetRestoreAppInfos(MessageParcel& data, MessageParcel& reply);
-    int32_t RestoreApp(MessageParcel& data, MessageParcel& reply);
-    int32_t RegisterObserver(MessageParcel& data, MessageParcel& reply);
-    int32_t UnregisterObserver(MessageParcel& data, MessageParcel& reply);
-    int32_t ClearApp(MessageParcel& data, MessageParcel& reply);
-    int32_t ClearAllVirtualData(MessageParcel& data, MessageParcel& reply);
-    int32_t GetRestoreAppStatus(MessageParcel& data, MessageParcel& reply);
-    int32_t AdjustAppPriority(MessageParcel& data, MessageParcel& reply);
-
+    std::map<MigrateRequestCode, Handler> handlers_;  // complete when the constructor ends
     const std::shared_ptr<MigrationEngine> engine_;
     const std::shared_ptr<CallbackHub> hub_;
     // What takes longer than a request may.

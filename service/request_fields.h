@@ -2,8 +2,10 @@
 // The fields of requests and replies.
 #pragma once
 
+#include <memory>
 #include <string>
 
+#include "json_parse.h"
 #include "json_text.h"
 #include "native_migrate/migrate_results.h"
 #include "native_migrate/migrate_stage.h"
@@ -32,13 +34,6 @@ inline bool ReadField(MessageParcel& data, MigrateStage& value)
     return isRead;
 }
 
-// False when one of the fields, in their order, is not there.
-template <typename... Fields>
-bool ReadFields(MessageParcel& data, Fields&... fields)
-{
-    return (ReadField(data, fields) && ...);
-}
-
 // A text that must say something.
 struct Name {
     std::string text;
@@ -46,6 +41,38 @@ struct Name {
 inline bool ReadField(MessageParcel& data, Name& name)
 {
     return data.ReadString(name.text) && !name.text.empty();
+}
+
+// A text that is empty or the JSON of a record or a list.
+template <typename T>
+struct JsonText {
+    T value;
+};
+template <typename T>
+bool ReadField(MessageParcel& data, JsonText<T>& field)
+{
+    std::string text;
+    return data.ReadString(text) &&
+           (text.empty() || JsonParse::JsonStrToStruct(text, field.value) == JsonError::SUCCESS);
+}
+
+inline bool ReadField(MessageParcel& data, sptr<IRemoteObject>& object)
+{
+    object = data.ReadRemoteObject();
+    return object != nullptr;
+}
+template <typename T>
+bool ReadField(MessageParcel& data, std::unique_ptr<T>& parcelable)
+{
+    parcelable = data.ReadParcelable<T>();
+    return parcelable != nullptr;
+}
+
+// False when one of the fields, in their order, is not there.
+template <typename... Fields>
+bool ReadFields(MessageParcel& data, Fields&... fields)
+{
+    return (ReadField(data, fields) && ...);
 }
 
 inline bool WriteField(MessageParcel& reply, const std::string& text)
