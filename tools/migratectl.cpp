@@ -34,11 +34,10 @@ int Monitor(const std::vector<std::string>& command)
 
 int Run(std::vector<std::string> arguments)
 {
-    Options options;
-    Action action;
+    CommandLine line;
     bool isVerbose = false;
     CLI::App app("Controls the migration service.", "migratectl");
-    app.add_flag("--json", options.json, "One JSON object a reply or event, for scripts");
+    app.add_flag("--json", line.options.json, "One JSON object a reply or event, for scripts");
     app.add_flag("-v,--verbose", isVerbose, "Log the library's progress lines, not only its errors");
     app.set_version_flag("--version", "migratectl " VEXA_VERSION);
     app.require_subcommand(1);
@@ -46,8 +45,8 @@ int Run(std::vector<std::string> arguments)
     app.footer(
         "Exit status: 0 done, 1 refused by the service, 2 wrong arguments, 3 ended with something not moved,\n"
         "4 the service can't be reached, 5 done, but the output can't be written.");
-    AddMigrationCommands(app, options, action);
-    AddReserveCommands(app, options, action);
+    AddMigrationCommands(app, line);
+    AddReserveCommands(app, line);
     // For the help only: what follows is another command line, and none of the parser's business.
     app.add_subcommand("monitor", "Runs the command that follows, and then shows the library's log lines");
     const auto word = std::find_if(
@@ -63,12 +62,12 @@ int Run(std::vector<std::string> arguments)
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? EXIT_DONE : EXIT_USAGE;
     }
-    if (!action) {
+    if (!line.action) {
         fprintf(stderr, "migratectl: monitor: no command is given\n");
         return EXIT_USAGE;
     }
     VEXA::KoLogSetLevel(isVerbose ? VEXA::KOLOG_INFO : VEXA::KOLOG_ERROR);
-    return action();
+    return line.action();
 }
 
 }  // namespace

@@ -5,8 +5,8 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <memory>
-#include <thread>
+#include <functional>
+#include <map>
 
 #include "migratectl_watch.h"
 #include "native_migrate/load_sa_service.h"
@@ -27,64 +27,66 @@ MigrateServerKits& Kits()
     return MigrateServerKits::GetKitsInstance();
 }
 
-// One request: asks, prints and judges.
-template <typename Reply, typename Ask, typename Print>
-int Request(const Options& options, const char* name, Reply reply, const Ask& ask, const Print& print)
+void Print(int64_t number)
 {
+    printf("%lld\n", static_cast<long long>(number));
+}
+
+void Print(const std::vector<std::string>& names)
+{
+    for (const std::string& name : names) {
+        printf("%s\n", Printable(name).c_str());
+    }
+}
+
+template <typename Record>
+void Print(const Record& record)
+{
+    PrintFields(ToFields(record));
+}
+
+template <typename Record>
+void Print(const std::vector<Record>& list)
+{
+    std::vector<Fields> rows;
+    for (const Record& record : list) {
+        rows.push_back(ToFields(record));
+    }
+    PrintTable(rows);
+}
+
+void Print(const MigrateInfo& info)
+{
+    Print(info.migrateProgress);
+    std::vector<Fields> rows;
+    for (const TaskInfo& task : info.taskInfos) {
+        rows.push_back({{"id", std::to_string(task.id)}, {"status", StatusName(static_cast<int64_t>(task.status))},
+            {"done", std::to_string(task.progress) + "%"}, {"left", ShowBytes(task.requiredTraffic)},
+            {"user", std::to_string(task.userId)}, {"source", task.source}, {"target", task.target}});
+    }
+    PrintTable(rows);
+}
+
+// A request that is answered with a value and an error.
+template <typename Reply, typename Ask>
+int Request(const Options& options, const char* name, const Ask& ask)
+{
+    Reply reply{};
     BusinessError error;
-    const int32_t result = ask(reply, error);
-    if (options.json) {
-        PrintJson(result, error, reply);
-    } else if (result == MIGRATE_SUCCESS) {
-        print(reply);
+    const int32_t result = std::invoke(ask, Kits(), reply, error);
+    if (!options.json && result == MIGRATE_SUCCESS) {
+        Print(reply);
     }
-    return Judge(options, name, result, error);
+    return Finish(options, name, result, error, reply);
 }
 
-// A request that is answered with an error record only.
-template <typename Ask>
-int Command(const Options& options, const char* name, const Ask& ask, BusinessError& error)
-{
-    const int32_t result = ask(error);
-    if (options.json) {
-        PrintJson(result, error, RawJson{"null"});
-    }
-    return Judge(options, name, result, error);
-}
-
+// A request that is answered with an error only.
 template <typename Ask>
 int Command(const Options& options, const char* name, const Ask& ask)
 {
     BusinessError error;
-    return Command(options, name, ask, error);
-}
-
-template <typename Record>
-void PrintList(const std::vector<Record>& list)
-{
-    std::vector<std::string> header;
-    std::vector<std::vector<std::string>> rows;
-    for (const Record& record : list) {
-        header.clear();
-        rows.emplace_back();
-        for (auto& [name, value] : ToFields(record)) {
-            header.push_back(name);
-            rows.back().push_back(value);
-        }
-    }
-    PrintTable(header, rows);
-}
-
-void PrintInfo(const MigrateInfo& info)
-{
-    PrintFields(ToFields(info.migrateProgress));
-    std::vector<std::vector<std::string>> rows;
-    for (const TaskInfo& task : info.taskInfos) {
-        rows.push_back({std::to_string(task.id), StatusName(static_cast<int64_t>(task.status)),
-            std::to_string(task.progress) + "%", ShowBytes(task.requiredTraffic), std::to_string(task.userId),
-            task.source, task.target});
-    }
-    PrintTable({"id", "status", "done", "left", "user", "source", "target"}, rows);
+    const int32_t result = std::invoke(ask, Kits(), error);
+    return Finish(options, name, result, error, NO_REPLY);
 }
 
 // Waits for the notice of SetBackupFileOwn.
@@ -123,10 +125,7 @@ int OwnBackups(const Options& options)
         return EXIT_REFUSED;
     }
     error.message = error.errorNum != 0 ? "the backup files can't be owned" : "";
-    if (options.json) {
-        PrintJson(result, error, RawJson{"null"});
-    }
-    return Judge(options, "own", result, error);
+    return Finish(options, "own", result, error, NO_REPLY);
 }
 
 // "TYPE:ID".
@@ -145,268 +144,189 @@ std::vector<ModuleInfo> ParseModules(const std::vector<std::string>& texts)
     return modules;
 }
 
-void AddStageCommands(CLI::App& app, const Options& options, Action& action)
+void AddStageCommands(CLI::App& app, CommandLine& line)
 {
     static const std::map<std::string, MigrateStage> stages{{"all", MigrateStage::NONE},
         {"prepare", MigrateStage::PREPARE}, {"download", MigrateStage::DOWNLOAD}, {"install", MigrateStage::INSTALL},
         {"restore", MigrateStage::RESTORE}, {"finish", MigrateStage::FINISH}};
-    const auto stage = std::make_shared<MigrateStage>(MigrateStage::NONE);
-    const auto addStage = [stage](CLI::App* command) {
-        command->add_option("--stage", *stage, "all, prepare, download, install, restore or finish")
+    auto* const status = AddCommand(app, line, "status", "The state of the migration", [&line] {
+        return Request<MigrateStatus>(line.options, "status",
+            [&line](auto& kits, auto& reply, auto& error) { return kits.GetMigrateStatus(line.stage, reply, error); });
+    });
+    auto* const info = AddCommand(app, line, "info", "Progress and tasks", [&line] {
+        return Request<MigrateInfo>(line.options, "info",
+            [&line](auto& kits, auto& reply, auto& error) { return kits.GetMigrateInfo(line.stage, reply, error); });
+    });
+    for (CLI::App* const command : {status, info}) {
+        command->add_option("--stage", line.stage, "all, prepare, download, install, restore or finish")
             ->transform(CLI::CheckedTransformer(stages));
-        return command;
-    };
-    addStage(app.add_subcommand("status", "The state of the migration"))->callback([&options, &action, stage] {
-        action = [&options, stage] {
-            return Request(
-                options, "status", MigrateStatus(),
-                [&](MigrateStatus& reply, BusinessError& error) {
-                    return Kits().GetMigrateStatus(*stage, reply, error);
-                },
-                [](const MigrateStatus& reply) { PrintFields(ToFields(reply)); });
-        };
-    });
-    addStage(app.add_subcommand("info", "Progress and tasks"))->callback([&options, &action, stage] {
-        action = [&options, stage] {
-            return Request(
-                options, "info", MigrateInfo(),
-                [&](MigrateInfo& reply, BusinessError& error) { return Kits().GetMigrateInfo(*stage, reply, error); },
-                PrintInfo);
-        };
-    });
+    }
 }
 
-void AddQueryCommands(CLI::App& app, const Options& options, Action& action)
+void AddQueryCommands(CLI::App& app, CommandLine& line)
 {
-    app.add_subcommand("packages", "The packages of the source")->callback([&] {
-        action = [&options] {
-            return Request(
-                options, "packages", std::vector<PakMigrateInfo>(),
-                [](auto& reply, BusinessError& error) { return Kits().GetPakMigrateInfo(reply, error); },
-                [](const auto& reply) { PrintList(reply); });
-        };
+    AddCommand(app, line, "packages", "The packages of the source", [&line] {
+        return Request<std::vector<PakMigrateInfo>>(line.options, "packages", &MigrateServerKits::GetPakMigrateInfo);
     });
-    app.add_subcommand("apk", "The applications of the source")->callback([&] {
-        action = [&options] {
-            return Request(
-                options, "apk", std::vector<std::string>(),
-                [](auto& reply, BusinessError& error) { return Kits().GetApkInfo(reply, error); },
-                [](const auto& reply) {
-                    for (const std::string& name : reply) {
-                        printf("%s\n", Printable(name).c_str());
-                    }
-                });
-        };
+    AddCommand(app, line, "apk", "The applications of the source",
+        [&line] { return Request<std::vector<std::string>>(line.options, "apk", &MigrateServerKits::GetApkInfo); });
+    AddCommand(app, line, "users", "The users of the source, and where they go", [&line] {
+        return Request<std::vector<MigrationUser>>(line.options, "users", &MigrateServerKits::GetMigrationUsers);
     });
-    app.add_subcommand("users", "The users of the source, and where they go")->callback([&] {
-        action = [&options] {
-            return Request(
-                options, "users", std::vector<MigrationUser>(),
-                [](auto& reply, BusinessError& error) { return Kits().GetMigrationUsers(reply, error); },
-                [](const auto& reply) { PrintList(reply); });
-        };
+    AddCommand(app, line, "size", "The bytes that are to be migrated",
+        [&line] { return Request<int64_t>(line.options, "size", &MigrateServerKits::GetMigrationDataSize); });
+    AddCommand(app, line, "result", "What has become of the migration", [&line] { return PrintResult(line.options); });
+    auto* const modules = AddCommand(app, line, "modules", "What becomes of modules", [&line] {
+        return Request<std::vector<ModuleMigrationPolicy>>(
+            line.options, "modules", [&line](auto& kits, auto& reply, auto& error) {
+                return kits.GetModuleMigrationPolicy(line.isPlaced, line.modules, reply, error);
+            });
     });
-    app.add_subcommand("size", "The bytes that are to be migrated")->callback([&] {
-        action = [&options] {
-            return Request(
-                options, "size", int64_t{0},
-                [](int64_t& reply, BusinessError& error) { return Kits().GetMigrationDataSize(reply, error); },
-                [](int64_t reply) { printf("%lld\n", static_cast<long long>(reply)); });
-        };
-    });
-    app.add_subcommand("result", "What has become of the migration")->callback([&] {
-        action = [&options] { return PrintResult(options); };
-    });
-    auto* const modules = app.add_subcommand("modules", "What becomes of modules");
-    const auto isPlaced = std::make_shared<bool>(false);
-    const auto texts = std::make_shared<std::vector<std::string>>();
-    modules->add_flag("--placed", *isPlaced, "Only what is in the target already");
-    modules->add_option("modules", *texts, "TYPE:ID; all when none is given");
-    modules->callback([&options, &action, isPlaced, texts] {
-        action = [&options, isPlaced, asked = ParseModules(*texts)] {
-            return Request(
-                options, "modules", std::vector<ModuleMigrationPolicy>(),
-                [&](auto& reply, BusinessError& error) {
-                    return Kits().GetModuleMigrationPolicy(*isPlaced, asked, reply, error);
-                },
-                [](const auto& reply) { PrintList(reply); });
-        };
-    });
+    modules->add_flag("--placed", line.isPlaced, "Only what is in the target already");
+    modules->add_option_function<std::vector<std::string>>(
+        "modules", [&line](const auto& texts) { line.modules = ParseModules(texts); },
+        "TYPE:ID; all when none is given");
 }
 
-struct StartChoice {
-    std::string package;
-    std::string target;
-    int32_t priority = 0;
-    bool watch = false;
-};
+int32_t AskToStart(const CommandLine& line, BusinessError& error)
+{
+    if (line.name.empty()) {
+        return Kits().StartMigrate(error);
+    }
+    if (line.target.empty() && line.priority == 0) {
+        return Kits().StartPakMigrate(line.name, error);
+    }
+    const std::string parameters = "{\"priority\":" + std::to_string(line.priority) + "}";
+    return Kits().StartPakMigration(line.name, line.target, parameters, error);
+}
 
-StartOutcome Start(const Options& options, const StartChoice& choice)
+StartOutcome Start(const CommandLine& line)
 {
     BusinessError error;
-    const auto ask = [&choice](BusinessError& answer) {
-        if (choice.package.empty()) {
-            return Kits().StartMigrate(answer);
-        }
-        if (choice.target.empty() && choice.priority == 0) {
-            return Kits().StartPakMigrate(choice.package, answer);
-        }
-        const std::string parameters = "{\"priority\":" + std::to_string(choice.priority) + "}";
-        return Kits().StartPakMigration(choice.package, choice.target, parameters, answer);
-    };
-    const int status = Command(options, "start", ask, error);
+    const int32_t result = AskToStart(line, error);
+    const int status = Finish(line.options, "start", result, error, NO_REPLY);
     const bool isBusy = error.errorNum == MIGRATE_ERROR_SOME_PACKAGES || error.errorNum == MIGRATE_ERROR_BUSY;
     return {status, status == EXIT_DONE || isBusy};
 }
 
-void AddStart(CLI::App& app, const Options& options, Action& action)
+void AddStart(CLI::App& app, CommandLine& line)
 {
-    const auto choice = std::make_shared<StartChoice>();
-    auto* const start = app.add_subcommand("start", "Migrates everything, or one package");
-    auto* const package = start->add_option("package", choice->package, "Only this package")->check(IS_NAME);
-    start->add_option("--as", choice->target, "Its name in the target")->needs(package)->check(IS_NAME);
-    start->add_option("--priority", choice->priority, "Higher goes first")->needs(package);
-    start->add_flag("--watch", choice->watch, "Show the progress until the end");
-    start->callback([&options, &action, choice] {
-        action = [&options, choice] {
-            const auto begin = [&] { return Start(options, *choice); };
-            return choice->watch ? StartAndWatch(options, begin) : begin().exitStatus;
-        };
+    auto* const start = AddCommand(app, line, "start", "Migrates everything, or one package", [&line] {
+        const auto begin = [&line] { return Start(line); };
+        return line.watch ? StartAndWatch(line.options, begin) : begin().exitStatus;
     });
+    auto* const package = start->add_option("package", line.name, "Only this package")->check(IS_NAME);
+    start->add_option("--as", line.target, "Its name in the target")->needs(package)->check(IS_NAME);
+    start->add_option("--priority", line.priority, "Higher goes first")->needs(package);
+    start->add_flag("--watch", line.watch, "Show the progress until the end");
 }
 
-// Commands that are answered with an error record only.
-void AddControlCommands(CLI::App& app, const Options& options, Action& action)
+// Commands that are answered with an error only.
+void AddControlCommands(CLI::App& app, CommandLine& line)
 {
-    const auto user = std::make_shared<int32_t>(MIGRATE_ALL_USERS);
-    const auto text = std::make_shared<std::string>();
-    auto* const stop = app.add_subcommand("stop", "Drops the tasks of the migration");
-    auto* const package = stop->add_option("package", *text, "Only that of this package")->check(IS_NAME);
-    stop->add_option("--user", *user, "Only those of this user")->excludes(package);
-    stop->callback([&options, &action, user, text] {
-        action = [&options, user, text] {
-            return Command(options, "stop", [&](BusinessError& error) {
-                return text->empty() ? Kits().RemoveMigrate(*user, error) : Kits().RemovePakMigrate(*text, error);
-            });
-        };
+    auto* const stop = AddCommand(app, line, "stop", "Drops the tasks of the migration", [&line] {
+        return Command(line.options, "stop", [&line](auto& kits, auto& error) {
+            return line.name.empty() ? kits.RemoveMigrate(line.user, error) : kits.RemovePakMigrate(line.name, error);
+        });
     });
-    app.add_subcommand("pause", "Suspends the migration")->callback([&] {
-        action = [&options] {
-            return Command(options, "pause", [](BusinessError& error) {
-                AAFwk::Want want;
-                want.SetAction(MIGRATE_EVENT_PAUSE);
-                return Kits().NotifyEmporionCoreEvent(want, error);
-            });
-        };
+    auto* const package = stop->add_option("package", line.name, "Only that of this package")->check(IS_NAME);
+    stop->add_option("--user", line.user, "Only those of this user")->excludes(package);
+    AddCommand(app, line, "pause", "Suspends the migration", [&line] {
+        return Command(line.options, "pause", [](auto& kits, auto& error) {
+            AAFwk::Want want;
+            want.SetAction(MIGRATE_EVENT_PAUSE);
+            return kits.NotifyEmporionCoreEvent(want, error);
+        });
     });
-    app.add_subcommand("resume", "Goes on with a suspended migration")->callback([&] {
-        action = [&options] {
-            return Command(options, "resume", [](BusinessError& error) { return Kits().ResumeMigration(error); });
-        };
+    AddCommand(app, line, "resume", "Goes on with a suspended migration",
+        [&line] { return Command(line.options, "resume", &MigrateServerKits::ResumeMigration); });
+    auto* const policy = AddCommand(app, line, "policy", "What happens when a package has failed", [&line] {
+        return Command(line.options, "policy", [&line](auto& kits, auto& error) {
+            MigratePolicy chosen;
+            chosen.policy = line.text == "stop" ? MIGRATE_POLICY_STOP : MIGRATE_POLICY_GO_ON;
+            return kits.SetMigratePolicy(chosen, error);
+        });
     });
-    auto* const policy = app.add_subcommand("policy", "What happens when a package has failed");
-    policy->add_option("policy", *text, "go-on or stop")->required()->check(CLI::IsMember({"go-on", "stop"}));
-    policy->callback([&options, &action, text] {
-        action = [&options, text] {
-            return Command(options, "policy", [&](BusinessError& error) {
-                MigratePolicy chosen;
-                chosen.policy = *text == "stop" ? MIGRATE_POLICY_STOP : MIGRATE_POLICY_GO_ON;
-                return Kits().SetMigratePolicy(chosen, error);
-            });
-        };
+    policy->add_option("policy", line.text, "go-on or stop")->required()->check(CLI::IsMember({"go-on", "stop"}));
+    auto* const preset = AddCommand(app, line, "preset", "Choices for the starts that follow", [&line] {
+        return Command(
+            line.options, "preset", [&line](auto& kits, auto& error) { return kits.PresetData(line.text, error); });
     });
-    auto* const preset = app.add_subcommand("preset", "Choices for the starts that follow");
-    preset->add_option("choices", *text, "A JSON object with the lists \"exclude\" and \"users\"; \"\" for none")
+    preset->add_option("choices", line.text, "A JSON object with the lists \"exclude\" and \"users\"; \"\" for none")
         ->required();
-    preset->callback([&options, &action, text] {
-        action = [&options, text] {
-            return Command(options, "preset", [&](BusinessError& error) { return Kits().PresetData(*text, error); });
-        };
-    });
-    app.add_subcommand("own", "Makes what was migrated the caller's backup files")->callback([&] {
-        action = [&options] { return OwnBackups(options); };
-    });
+    AddCommand(app, line, "own", "Makes what was migrated the caller's backup files",
+        [&line] { return OwnBackups(line.options); });
 }
 
-void AddTaskCommand(CLI::App& app, const Options& options, Action& action)
+void AddTaskCommand(CLI::App& app, CommandLine& line)
 {
-    const auto name = std::make_shared<std::string>();
-    auto* const task = app.add_subcommand("task", "The state of one package");
-    task->add_option("package", *name)->required()->check(IS_NAME);
-    task->callback([&options, &action, name] {
-        action = [&options, name] {
-            return Request(
-                options, "task", ReserveMigrationStatus(),
-                [&](auto& reply, BusinessError& error) {
-                    return Kits().GetPakMigrationTaskStatus(*name, reply, error);
-                },
-                [](const auto& reply) { PrintFields(ToFields(reply)); });
-        };
+    auto* const task = AddCommand(app, line, "task", "The state of one package", [&line] {
+        return Request<ReserveMigrationStatus>(line.options, "task", [&line](auto& kits, auto& reply, auto& error) {
+            return kits.GetPakMigrationTaskStatus(line.name, reply, error);
+        });
     });
+    task->add_option("package", line.name)->required()->check(IS_NAME);
 }
 
-void AddLoad(CLI::App& app, Action& action)
+void AddLoad(CLI::App& app, CommandLine& line)
 {
-    const auto id = std::make_shared<int32_t>(0);
-    auto* const load = app.add_subcommand("load", "Starts any system service by its number");
-    load->add_option("id", *id)->required();
-    load->callback([&action, id] {
-        action = [id] {
-            const bool isLoaded = LoadSaService::GetInstance()->TryLoadSa(*id);
-            if (!isLoaded) {
-                fprintf(stderr, "migratectl: load: service %d does not run\n", *id);
-            }
-            return isLoaded ? EXIT_DONE : EXIT_REFUSED;
-        };
+    auto* const load = AddCommand(app, line, "load", "Starts any system service by its number", [&line] {
+        const bool isLoaded = LoadSaService::GetInstance()->TryLoadSa(line.number);
+        if (!isLoaded) {
+            fprintf(stderr, "migratectl: load: service %d does not run\n", line.number);
+        }
+        return isLoaded ? EXIT_DONE : EXIT_REFUSED;
     });
+    load->add_option("id", line.number)->required();
 }
 
-void PrintPackages(const JsonContext& packages)
+// The members of an object as rows, without its lists.
+Fields FieldsOf(const JsonContext& object)
 {
-    std::vector<std::string> header;
-    std::vector<std::vector<std::string>> rows;
-    for (const JsonContext& package : packages) {
-        header.clear();
-        rows.emplace_back();
-        for (const JsonContext& field : package) {
-            header.emplace_back(field.Key());
-            rows.back().push_back(ShowJson(field));
+    Fields fields;
+    for (const JsonContext& field : object) {
+        if (field.Type() != JsonContext::ARRAY) {
+            fields.emplace_back(field.Key(), ShowJson(field));
         }
     }
-    PrintTable(header, rows);
+    return fields;
 }
 
 }  // namespace
+
+CLI::App* AddCommand(
+    CLI::App& app, CommandLine& line, const char* name, const char* description, const std::function<int()>& action)
+{
+    auto* const command = app.add_subcommand(name, description);
+    command->callback([&line, action] { line.action = action; });
+    return command;
+}
 
 int PrintResult(const Options& options)
 {
     std::string text;
     BusinessError error;
     const int32_t result = Kits().GetMigrateResult(text, error);
-    if (options.json) {
-        PrintJson(result, error, AsRawJson(text));
-    } else if (result == MIGRATE_SUCCESS) {
+    if (!options.json && result == MIGRATE_SUCCESS) {
         const JsonContext root(text);
-        Fields fields;
-        for (const JsonContext& field : root) {
-            if (field.Type() != JsonContext::ARRAY) {
-                fields.emplace_back(field.Key(), ShowJson(field));
-            }
+        PrintFields(FieldsOf(root));
+        std::vector<Fields> packages;
+        for (const JsonContext& package : root["packages"]) {
+            packages.push_back(FieldsOf(package));
         }
-        PrintFields(fields);
-        PrintPackages(root["packages"]);
+        PrintTable(packages);
     }
-    return Judge(options, "result", result, error);
+    return Finish(options, "result", result, error, AsRawJson(text));
 }
 
-void AddMigrationCommands(CLI::App& app, const Options& options, Action& action)
+void AddMigrationCommands(CLI::App& app, CommandLine& line)
 {
-    AddStageCommands(app, options, action);
-    AddQueryCommands(app, options, action);
-    AddStart(app, options, action);
-    AddControlCommands(app, options, action);
-    AddTaskCommand(app, options, action);
-    AddLoad(app, action);
+    AddStageCommands(app, line);
+    AddQueryCommands(app, line);
+    AddStart(app, line);
+    AddControlCommands(app, line);
+    AddTaskCommand(app, line);
+    AddLoad(app, line);
 }
 
 }  // namespace migratectl

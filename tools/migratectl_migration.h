@@ -4,6 +4,7 @@
 #include <CLI/CLI.hpp>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "migratectl_output.h"
 
@@ -14,11 +15,31 @@ namespace migratectl {
 inline const CLI::Validator IS_NAME(
     [](const std::string& text) { return text.empty() ? "a name must not be empty" : ""; }, "", "name");
 
-// What the chosen command does; returns the exit status.
-using Action = std::function<int()>;
+// What a command line says. Each command reads what belongs to it.
+struct CommandLine {
+    Options options;
+    std::function<int()> action;  // what the chosen command does; returns the exit status
 
-// Adds the commands of the migration, and of reserved applications, to `app`; the one that is chosen sets `action`.
-void AddMigrationCommands(CLI::App& app, const Options& options, Action& action);
-void AddReserveCommands(CLI::App& app, const Options& options, Action& action);
+    std::string name;  // of a package or a reserved application
+    std::string target;
+    std::string scene;
+    std::string text;
+    std::vector<VEXA::UpdateEngine::ModuleInfo> modules;
+    VEXA::UpdateEngine::MigrateStage stage = VEXA::UpdateEngine::MigrateStage::NONE;
+    int32_t user = VEXA::UpdateEngine::MIGRATE_ALL_USERS;
+    int32_t priority = 0;
+    int32_t number = -1;
+    bool isPlaced = false;
+    bool watch = false;
+    bool wait = false;
+};
+
+// Adds a command that does what `action` does.
+CLI::App* AddCommand(
+    CLI::App& app, CommandLine& line, const char* name, const char* description, const std::function<int()>& action);
+
+// Add the commands of the migration, and of reserved applications, to `app`. `line` must outlive it.
+void AddMigrationCommands(CLI::App& app, CommandLine& line);
+void AddReserveCommands(CLI::App& app, CommandLine& line);
 
 }  // namespace migratectl

@@ -37,9 +37,9 @@ const char* StatusName(int64_t status)
     return status >= 0 && status < static_cast<int64_t>(names.size()) ? names[static_cast<size_t>(status)] : "unknown";
 }
 
-bool HasEnded(int32_t status)
+bool HasEnded(int64_t status)
 {
-    return status == static_cast<int32_t>(TaskStatus::FINISHED) || status == static_cast<int32_t>(TaskStatus::FAILED);
+    return status == static_cast<int64_t>(TaskStatus::FINISHED) || status == static_cast<int64_t>(TaskStatus::FAILED);
 }
 
 std::string ShowValue(const std::string& key, int64_t value)
@@ -74,25 +74,29 @@ std::string Printable(const std::string& text)
     return shown;
 }
 
-void PrintTable(const std::vector<std::string>& header, const std::vector<std::vector<std::string>>& rows)
+void PrintTable(const std::vector<Fields>& rows)
 {
     if (rows.empty()) {
         return;
     }
-    std::vector<std::vector<std::string>> lines{header};
+    std::vector<Fields> lines(1);
+    for (const auto& [name, value] : rows.back()) {
+        lines.front().emplace_back(name, name);
+    }
     lines.insert(lines.end(), rows.begin(), rows.end());
-    std::vector<size_t> widths(header.size(), 0);
-    for (auto& line : lines) {
+    std::vector<size_t> widths;
+    for (Fields& line : lines) {
+        widths.resize(std::max(widths.size(), line.size()));
         for (size_t i = 0; i < line.size(); ++i) {
-            line[i] = Printable(line[i]);
-            widths[i] = std::max(widths[i], line[i].size());
+            line[i].second = Printable(line[i].second);
+            widths[i] = std::max(widths[i], line[i].second.size());
         }
     }
-    for (const auto& line : lines) {
-        for (size_t i = 0; i + 1 < line.size(); ++i) {
-            printf("%-*s  ", static_cast<int>(widths[i]), line[i].c_str());
+    for (const Fields& line : lines) {
+        for (size_t i = 0; i < line.size(); ++i) {
+            const bool isLast = i + 1 == line.size();
+            printf("%-*s%s", isLast ? 0 : static_cast<int>(widths[i]), line[i].second.c_str(), isLast ? "\n" : "  ");
         }
-        printf("%s\n", line.back().c_str());
     }
 }
 
@@ -166,7 +170,7 @@ int64_t NumberOf(const VEXA::JsonContext& value)
 {
     const VEXA::JsonValue held = value.Value();
     const auto* const number = std::get_if<std::optional<double>>(&held);
-    // Of what the service counts nothing is larger.
+    // Large enough for every count that the service reports.
     constexpr double kLargest = 9007199254740991.0;
     return number != nullptr ? static_cast<int64_t>(std::clamp(number->value_or(0), -kLargest, kLargest)) : 0;
 }

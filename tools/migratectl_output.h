@@ -31,14 +31,14 @@ struct Options {
 };
 
 const char* StatusName(int64_t status);
-bool HasEnded(int32_t status);
+bool HasEnded(int64_t status);
 // "12.3 MB".
 std::string ShowBytes(int64_t bytes);
 // The text with control characters made visible, for a terminal.
 std::string Printable(const std::string& text);
 
-// Columns as wide as their longest value; no header for an empty table.
-void PrintTable(const std::vector<std::string>& header, const std::vector<std::vector<std::string>>& rows);
+// A row's names are the header. Columns are as wide as their longest value; an empty table has no header.
+void PrintTable(const std::vector<Fields>& rows);
 void PrintFields(const Fields& fields);
 
 // The exit status for a request's outcome. Says on standard error what went wrong, unless it is all well or --json is
@@ -46,17 +46,24 @@ void PrintFields(const Fields& fields);
 int Judge(const Options& options, const std::string& what, int32_t result,
     const VEXA::UpdateEngine::BusinessError& error = {});
 
-// With --json one line: {"result":..,"error":..,"reply":..}.
+// The reply of a request that is answered with an error only.
+inline const RawJson NO_REPLY{"null"};
+
+// Ends a request: prints with --json one line {"result":..,"error":..,"reply":..}, and judges the outcome.
 template <typename Reply>
-void PrintJson(int32_t result, const VEXA::UpdateEngine::BusinessError& error, const Reply& reply)
+int Finish(const Options& options, const std::string& what, int32_t result,
+    const VEXA::UpdateEngine::BusinessError& error, const Reply& reply)
 {
-    std::string text = "{\"result\":";
-    AppendJson(text, result);
-    text += ",\"error\":";
-    AppendJson(text, error);
-    text += ",\"reply\":";
-    AppendJson(text, reply);
-    printf("%s}\n", text.c_str());
+    if (options.json) {
+        std::string text = "{\"result\":";
+        AppendJson(text, result);
+        text += ",\"error\":";
+        AppendJson(text, error);
+        text += ",\"reply\":";
+        AppendJson(text, reply);
+        printf("%s}\n", text.c_str());
+    }
+    return Judge(options, what, result, error);
 }
 
 // A JSON value as people read it: a status by its name, a text without quotes; nothing for an absent one.
@@ -64,7 +71,7 @@ std::string ShowJson(const VEXA::JsonContext& value);
 // 0 for what is no number.
 int64_t NumberOf(const VEXA::JsonContext& value);
 
-// A text of the service for PrintJson: as it is when it is JSON, else as a JSON string.
+// A text of the service for Finish: as it is when it is JSON, else as a JSON string.
 RawJson AsRawJson(const std::string& text);
 
 }  // namespace migratectl

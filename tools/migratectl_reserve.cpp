@@ -3,7 +3,8 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <memory>
+#include <functional>
+#include <optional>
 
 #include "migratectl_migration.h"
 #include "native_migrate/migrate_server_kits.h"
@@ -21,6 +22,13 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// The one client of this process. Not destroyed: its threads may outlive main.
+ReserveMigrateKits& Kits()
+{
+    static auto* const kits = new ReserveMigrateKits;
+    return *kits;
+}
+
 const char* StatusOf(const JsonContext& event)
 {
     return StatusName(NumberOf(event["status"]));
@@ -28,23 +36,25 @@ const char* StatusOf(const JsonContext& event)
 
 void PrintEvents(const JsonContext& events)
 {
-    std::vector<std::vector<std::string>> rows;
+    std::vector<Fields> rows;
     for (const JsonContext& event : events) {
         const JsonContext& app = event["restoreAppInfo"];
-        rows.push_back({StatusOf(event), ShowJson(app["packageName"]), ShowJson(app["versionName"]),
-            ShowJson(app["restoreScene"]), ShowJson(event["errorInfo"]["reason"])});
+        rows.push_back({{"status", StatusOf(event)}, {"package", ShowJson(app["packageName"])},
+            {"version", ShowJson(app["versionName"])}, {"scene", ShowJson(app["restoreScene"])},
+            {"error", ShowJson(event["errorInfo"]["reason"])}});
     }
-    PrintTable({"status", "package", "version", "scene", "error"}, rows);
+    PrintTable(rows);
 }
 
 void PrintApps(const JsonContext& apps)
 {
-    std::vector<std::vector<std::string>> rows;
+    std::vector<Fields> rows;
     for (const JsonContext& app : apps) {
-        rows.push_back({ShowJson(app["packageName"]), ShowJson(app["versionName"]), ShowJson(app["versionCode"]),
-            ShowJson(app["restoreScene"]), ShowJson(app["scanSourceDir"])});
+        rows.push_back({{"package", ShowJson(app["packageName"])}, {"version", ShowJson(app["versionName"])},
+            {"code", ShowJson(app["versionCode"])}, {"scene", ShowJson(app["restoreScene"])},
+            {"directory", ShowJson(app["scanSourceDir"])}});
     }
-    PrintTable({"package", "version", "code", "scene", "directory"}, rows);
+    PrintTable(rows);
 }
 
 // A reply that is a BusinessError.
@@ -57,13 +67,26 @@ BusinessError AsError(const std::string& text)
     return error;
 }
 
-int Finish(const Options& options, const char* name, int32_t result, const std::string& reply, bool isError)
+// A request that is answered with a list.
+template <typename Ask, typename... Arguments>
+int List(const Options& options, const char* name, void (*print)(const JsonContext&), const Ask& ask,
+    const Arguments&... arguments)
 {
-    const BusinessError error = isError && result == MIGRATE_SUCCESS ? AsError(reply) : BusinessError();
-    if (options.json) {
-        PrintJson(result, error, isError ? RawJson{"null"} : AsRawJson(reply));
+    std::string reply;
+    const int32_t result = std::invoke(ask, Kits(), arguments..., reply);
+    if (!options.json && result == MIGRATE_SUCCESS) {
+        print(JsonContext(reply));
     }
-    return Judge(options, name, result, error);
+    return Finish(options, name, result, BusinessError(), AsRawJson(reply));
+}
+
+// A request that is answered with an error only.
+template <typename Ask, typename... Arguments>
+int Change(const Options& options, const char* name, const Ask& ask, const Arguments&... arguments)
+{
+    std::string reply;
+    const int32_t result = std::invoke(ask, Kits(), arguments..., reply);
+    return Finish(options, name, result, result == MIGRATE_SUCCESS ? AsError(reply) : BusinessError(), NO_REPLY);
 }
 
 // Prints every event, and lets others wait for the next.
@@ -104,24 +127,23 @@ private:
     uint64_t count_ VEXA_GUARDED_BY(mutex_) = 0;
 };
 
-// A client with an observer for its time.
+// Has an observer registered as long as it lives.
 class Observation {
 public:
     Observation(const Options& options, bool isSilent)
         : observer(new Observer(options, isSilent)), caller_("migratectl-" + std::to_string(getpid()))
     {
-        result = kits.RegisterCallback(caller_, sptr<IReserveMigrateStatusObserver>(observer), reply);
+        result = Kits().RegisterCallback(caller_, sptr<IReserveMigrateStatusObserver>(observer), reply);
     }
     ~Observation()
     {
         if (result == MIGRATE_SUCCESS) {
-            kits.UnRegisterCallback(caller_, reply);
+            Kits().UnRegisterCallback(caller_, reply);
         }
     }
     Observation(const Observation&) = delete;
     Observation& operator=(const Observation&) = delete;
 
-    ReserveMigrateKits kits;
     const sptr<Observer> observer;
     std::string reply;
     int32_t result = 0;
@@ -150,7 +172,7 @@ int WaitForRestore(const Options& options, Observation& observation, const std::
     auto lastAnswer = Clock::now();
     for (uint64_t count = 0;;) {
         std::string text;
-        const int32_t result = observation.kits.GetRestoreAppStatus(name, "", text);
+        const int32_t result = Kits().GetRestoreAppStatus(name, "", text);
         const auto now = Clock::now();
         if (result == MIGRATE_SUCCESS) {
             lastAnswer = now;
@@ -158,145 +180,91 @@ int WaitForRestore(const Options& options, Observation& observation, const std::
             return Judge(options, "restore", result);
         }
         const JsonContext events(text);
-        const std::string status = events.size() > 0 ? StatusOf(*events.begin()) : "";
-        if (status == StatusName(static_cast<int64_t>(TaskStatus::FINISHED)) ||
-            status == StatusName(static_cast<int64_t>(TaskStatus::FAILED)) ||
-            status == StatusName(static_cast<int64_t>(TaskStatus::IDLE))) {
+        const int64_t status = events.size() > 0 ? NumberOf((*events.begin())["status"]) : -1;
+        if (HasEnded(status) || status == static_cast<int64_t>(TaskStatus::IDLE)) {
             if (!options.json) {
                 PrintEvents(events);
             }
-            return status == StatusName(static_cast<int64_t>(TaskStatus::FINISHED)) ? EXIT_DONE : EXIT_INCOMPLETE;
+            return status == static_cast<int64_t>(TaskStatus::FINISHED) ? EXIT_DONE : EXIT_INCOMPLETE;
         }
         count = observation.observer->Wait(count, std::chrono::milliseconds(500));
     }
 }
 
-int Restore(const Options& options, const std::string& name, const std::string& scene, bool wait)
+int Restore(const CommandLine& line)
 {
-    std::string reply;
-    if (!wait) {
-        const int32_t result = ReserveMigrateKits().RestoreApp(name, scene, reply);
-        return Finish(options, "restore", result, reply, true);
+    std::optional<Observation> observation;
+    if (line.wait) {
+        observation.emplace(line.options, true);
+        if (const int status = Judge(line.options, "restore", observation->result); status != EXIT_DONE) {
+            return status;
+        }
     }
-    Observation observation(options, true);
-    if (const int status = Judge(options, "restore", observation.result); status != EXIT_DONE) {
-        return status;
-    }
-    const int32_t result = observation.kits.RestoreApp(name, scene, reply);
-    const int status = Finish(options, "restore", result, reply, true);
-    return status == EXIT_DONE ? WaitForRestore(options, observation, name) : status;
+    const int status = Change(line.options, "restore", &ReserveMigrateKits::RestoreApp, line.name, line.scene);
+    return status == EXIT_DONE && observation ? WaitForRestore(line.options, *observation, line.name) : status;
 }
 
-struct Arguments {
-    std::string name;
-    std::string scene;
-    int32_t number = -1;
-    bool wait = false;
-};
-
-using ArgumentsPtr = std::shared_ptr<Arguments>;
-
-void AddLists(CLI::App& reserve, const Options& options, Action& action, const ArgumentsPtr& arguments)
+void AddLists(CLI::App& reserve, CommandLine& line)
 {
-    auto* const list = reserve.add_subcommand("list", "The applications that are set aside, first those of priority");
-    list->add_option("name", arguments->name, "Only this one")->check(IS_NAME);
-    list->add_option("--most", arguments->number, "At most so many");
-    list->callback([&options, &action, arguments] {
-        action = [&options, arguments] {
-            std::string reply;
-            const int32_t result = ReserveMigrateKits().GetRestoreAppInfos(arguments->name, arguments->number, reply);
-            if (!options.json && result == MIGRATE_SUCCESS) {
-                PrintApps(JsonContext(reply));
-            }
-            return Finish(options, "list", result, reply, false);
-        };
+    auto* const list =
+        AddCommand(reserve, line, "list", "The applications that are set aside, first those of priority", [&line] {
+            return List(
+                line.options, "list", &PrintApps, &ReserveMigrateKits::GetRestoreAppInfos, line.name, line.number);
+        });
+    list->add_option("name", line.name, "Only this one")->check(IS_NAME);
+    list->add_option("--most", line.number, "At most so many");
+    auto* const status = AddCommand(reserve, line, "status", "How their restorations stand", [&line] {
+        return List(
+            line.options, "status", &PrintEvents, &ReserveMigrateKits::GetRestoreAppStatus, line.name, line.scene);
     });
-    auto* const status = reserve.add_subcommand("status", "How their restorations stand");
-    status->add_option("name", arguments->name, "Only this one")->check(IS_NAME);
-    status->add_option("--scene", arguments->scene, "Only those of this scene");
-    status->callback([&options, &action, arguments] {
-        action = [&options, arguments] {
-            std::string reply;
-            const int32_t result = ReserveMigrateKits().GetRestoreAppStatus(arguments->name, arguments->scene, reply);
-            if (!options.json && result == MIGRATE_SUCCESS) {
-                PrintEvents(JsonContext(reply));
-            }
-            return Finish(options, "status", result, reply, false);
-        };
-    });
-    auto* const check = reserve.add_subcommand("check", "Whether one can be restored");
-    check->add_option("name", arguments->name)->required()->check(IS_NAME);
-    check->callback([&options, &action, arguments] {
-        action = [&options, arguments] {
-            std::string text;
-            BusinessError error;
-            const int32_t result = MigrateServerKits::GetKitsInstance().CheckAppRestore(arguments->name, text, error);
+    status->add_option("name", line.name, "Only this one")->check(IS_NAME);
+    status->add_option("--scene", line.scene, "Only those of this scene");
+    auto* const check = AddCommand(reserve, line, "check", "Whether one can be restored", [&line] {
+        std::string text;
+        BusinessError error;
+        const int32_t result = MigrateServerKits::GetKitsInstance().CheckAppRestore(line.name, text, error);
+        if (!line.options.json && result == MIGRATE_SUCCESS) {
             const JsonContext reply(text);
-            if (options.json) {
-                PrintJson(result, error, AsRawJson(text));
-            } else if (result == MIGRATE_SUCCESS) {
-                printf("%s %s\n", ShowJson(reply["canRestore"]).c_str(), ShowJson(reply["reason"]).c_str());
-            }
-            return Judge(options, "check", result, error);
-        };
+            printf("%s %s\n", ShowJson(reply["canRestore"]).c_str(), ShowJson(reply["reason"]).c_str());
+        }
+        return Finish(line.options, "check", result, error, AsRawJson(text));
     });
+    check->add_option("name", line.name)->required()->check(IS_NAME);
 }
 
-void AddChanges(CLI::App& reserve, const Options& options, Action& action, const ArgumentsPtr& arguments)
+void AddChanges(CLI::App& reserve, CommandLine& line)
 {
-    auto* const restore = reserve.add_subcommand("restore", "Restores one to the target");
-    restore->add_option("name", arguments->name)->required()->check(IS_NAME);
-    restore->add_option("--scene", arguments->scene, "What it is restored for");
-    restore->add_flag("--wait", arguments->wait, "Until it is restored");
-    restore->callback([&options, &action, arguments] {
-        action = [&options, arguments] { return Restore(options, arguments->name, arguments->scene, arguments->wait); };
+    auto* const restore =
+        AddCommand(reserve, line, "restore", "Restores one to the target", [&line] { return Restore(line); });
+    restore->add_option("name", line.name)->required()->check(IS_NAME);
+    restore->add_option("--scene", line.scene, "What it is restored for");
+    restore->add_flag("--wait", line.wait, "Until it is restored");
+    auto* const clear = AddCommand(reserve, line, "clear", "Takes away what was restored of one",
+        [&line] { return Change(line.options, "clear", &ReserveMigrateKits::ClearApp, line.name, line.scene); });
+    clear->add_option("name", line.name)->required()->check(IS_NAME);
+    clear->add_option("--scene", line.scene, "Only if it is of this scene");
+    auto* const clearAll = AddCommand(reserve, line, "clear-all", "Takes away everything that was restored",
+        [&line] { return Change(line.options, "clear-all", &ReserveMigrateKits::ClearAllVirtualData, line.scene); });
+    clearAll->add_option("--scene", line.scene, "Only what is of this scene");
+    auto* const priority = AddCommand(reserve, line, "priority", "Which are restored first", [&line] {
+        return Change(
+            line.options, "priority", &ReserveMigrateKits::AdjustAppPriority, line.name, std::to_string(line.number));
     });
-    auto* const clear = reserve.add_subcommand("clear", "Takes away what was restored of one");
-    clear->add_option("name", arguments->name)->required()->check(IS_NAME);
-    clear->add_option("--scene", arguments->scene, "Only if it is of this scene");
-    clear->callback([&options, &action, arguments] {
-        action = [&options, arguments] {
-            std::string reply;
-            const int32_t result = ReserveMigrateKits().ClearApp(arguments->name, arguments->scene, reply);
-            return Finish(options, "clear", result, reply, true);
-        };
-    });
-    auto* const clearAll = reserve.add_subcommand("clear-all", "Takes away everything that was restored");
-    clearAll->add_option("--scene", arguments->scene, "Only what is of this scene");
-    clearAll->callback([&options, &action, arguments] {
-        action = [&options, arguments] {
-            std::string reply;
-            const int32_t result = ReserveMigrateKits().ClearAllVirtualData(arguments->scene, reply);
-            return Finish(options, "clear-all", result, reply, true);
-        };
-    });
-    auto* const priority = reserve.add_subcommand("priority", "Which are restored first");
-    priority->add_option("name", arguments->name)->required()->check(IS_NAME);
-    priority->add_option("priority", arguments->number, "Higher goes first; 0 unless set")->required();
-    priority->callback([&options, &action, arguments] {
-        action = [&options, arguments] {
-            std::string reply;
-            const int32_t result =
-                ReserveMigrateKits().AdjustAppPriority(arguments->name, std::to_string(arguments->number), reply);
-            return Finish(options, "priority", result, reply, true);
-        };
-    });
+    priority->add_option("name", line.name)->required()->check(IS_NAME);
+    priority->add_option("priority", line.number, "Higher goes first; 0 unless set")->required();
 }
 
 }  // namespace
 
-void AddReserveCommands(CLI::App& app, const Options& options, Action& action)
+void AddReserveCommands(CLI::App& app, CommandLine& line)
 {
     auto* const reserve = app.add_subcommand("reserve", "Reserved applications");
     reserve->require_subcommand(1);
-    const auto arguments = std::make_shared<Arguments>();
-    AddLists(*reserve, options, action, arguments);
-    AddChanges(*reserve, options, action, arguments);
-    auto* const watch = reserve->add_subcommand("watch", "Shows every change of their status");
-    watch->add_option("--seconds", arguments->number, "For so long; else until interrupted");
-    watch->callback([&options, &action, arguments] {
-        action = [&options, arguments] { return Watch(options, arguments->number); };
-    });
+    AddLists(*reserve, line);
+    AddChanges(*reserve, line);
+    auto* const watch = AddCommand(*reserve, line, "watch", "Shows every change of their status",
+        [&line] { return Watch(line.options, line.number); });
+    watch->add_option("--seconds", line.number, "For so long; else until interrupted");
 }
 
 }  // namespace migratectl
