@@ -3,14 +3,12 @@
 
 #include <sqlite3.h>
 
-#include <utility>
-
 #include "service_limits.h"
 #include "service_log.h"
 
 namespace VEXA::UpdateEngine {
 
-Statement::Statement(Database& database, const char* sql) : database_(&database)
+Statement::Statement(Database& database, const char* sql) : database_(database)
 {
     if (sqlite3_prepare_v2(database.handle_, sql, -1, &statement_, nullptr) != SQLITE_OK) {
         database.Fail();
@@ -22,25 +20,15 @@ Statement::~Statement()
     sqlite3_finalize(statement_);
 }
 
-Statement::Statement(Statement&& other) noexcept
-    : database_(other.database_),
-      statement_(std::exchange(other.statement_, nullptr)),
-      bound_(other.bound_),
-      next_(other.next_),
-      result_(other.result_)
-{}
-
-Statement& Statement::Bind(int64_t value)
+void Statement::BindNumber(int64_t value)
 {
     sqlite3_bind_int64(statement_, ++bound_, value);
-    return *this;
 }
 
 // As bytes: names of files need not be UTF-8.
-Statement& Statement::Bind(const std::string& value)
+void Statement::BindNext(const std::string& value)
 {
     sqlite3_bind_blob64(statement_, ++bound_, value.data(), value.size(), SQLITE_TRANSIENT);
-    return *this;
 }
 
 bool Statement::Step()
@@ -52,24 +40,24 @@ bool Statement::Step()
 
 bool Statement::Run()
 {
-    if (database_->isBroken_) {
+    if (database_.isBroken_) {
         return false;
     }
     while (Step()) {
     }
-    return result_ == SQLITE_DONE || database_->Fail();
+    return result_ == SQLITE_DONE || database_.Fail();
 }
 
-int64_t Statement::Int(int column)
+int64_t Statement::NextNumber()
 {
-    return sqlite3_column_int64(statement_, column);
+    return sqlite3_column_int64(statement_, next_++);
 }
 
-std::string Statement::Text(int column)
+void Statement::ReadNext(std::string& value)
 {
-    const auto* const text = static_cast<const char*>(sqlite3_column_blob(statement_, column));
-    const int bytes = sqlite3_column_bytes(statement_, column);
-    return text != nullptr ? std::string(text, static_cast<size_t>(bytes)) : std::string();
+    const auto* const text = static_cast<const char*>(sqlite3_column_blob(statement_, next_));
+    const int bytes = sqlite3_column_bytes(statement_, next_++);
+    value = text != nullptr ? std::string(text, static_cast<size_t>(bytes)) : std::string();
 }
 
 std::unique_ptr<Database> Database::Open(const std::string& path, std::string& error)

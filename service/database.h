@@ -13,32 +13,47 @@ namespace VEXA::UpdateEngine {
 
 class Database;
 
-// One statement. Values are numbered from 1, columns from 0.
+// One statement. Numbers, enumerators and texts are given to it, and read from a row, in their order.
 class Statement {
 public:
     ~Statement();
-    Statement(Statement&& other) noexcept;
     Statement(const Statement&) = delete;
     Statement& operator=(const Statement&) = delete;
-    Statement& operator=(Statement&&) = delete;
 
-    Statement& Bind(int64_t value);
-    Statement& Bind(const std::string& value);
+    template <typename... Values>
+    void Bind(const Values&... values)
+    {
+        (BindNext(values), ...);
+    }
     // True when there is a row to read.
     bool Step();
+    template <typename... Values>
+    void Read(Values&... values)
+    {
+        (ReadNext(values), ...);
+    }
     // Runs to the end; false, with a line in the log, when that fails.
     bool Run();
-
-    int64_t Int() { return Int(next_++); }
-    std::string Text() { return Text(next_++); }
 
 private:
     friend class Database;
     Statement(Database& database, const char* sql);
-    int64_t Int(int column);
-    std::string Text(int column);
+    void BindNext(const std::string& value);
+    template <typename Number>
+    void BindNext(Number value)
+    {
+        BindNumber(static_cast<int64_t>(value));
+    }
+    void BindNumber(int64_t value);
+    int64_t NextNumber();
+    void ReadNext(std::string& value);
+    template <typename Number>
+    void ReadNext(Number& value)
+    {
+        value = static_cast<Number>(NextNumber());
+    }
 
-    Database* database_;
+    Database& database_;
     sqlite3_stmt* statement_ = nullptr;
     int bound_ = 0;
     int next_ = 0;

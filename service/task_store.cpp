@@ -23,11 +23,6 @@ constexpr char kTables[] =
     "PRAGMA user_version = 1;"
     "COMMIT;";
 
-int64_t Wide(TaskKind value)
-{
-    return static_cast<int64_t>(value);
-}
-
 }  // namespace
 
 std::unique_ptr<TaskStore> TaskStore::Open(const std::string& path, std::string& error)
@@ -44,10 +39,23 @@ std::unique_ptr<TaskStore> TaskStore::Open(const std::string& path, std::string&
     return store;
 }
 
+template <typename... Values>
+bool TaskStore::Write(const char* sql, const Values&... values)
+{
+    auto statement = database_->Prepare(sql);
+    statement.Bind(values...);
+    const bool done = statement.Run();
+    isBehind_ = isBehind_ || !done;
+    return done;
+}
+
 bool TaskStore::Load()
 {
     auto version = database_->Prepare("PRAGMA user_version");
-    const int64_t found = version.Step() ? version.Int() : -1;
+    int64_t found = -1;
+    if (version.Step()) {
+        version.Read(found);
+    }
     version.Run();
     // Not again in a file that has them: that would be a write, for which there may be no room.
     if (found != kVersion && (found != 0 || !database_->Execute(kTables))) {
@@ -56,27 +64,28 @@ bool TaskStore::Load()
     LoadTasks();
     auto placed = database_->Prepare("SELECT target, source, bundle_name, device, inode, birth, owner FROM placed");
     while (placed.Step()) {
-        const std::string target = placed.Text();
+        std::string target;
+        placed.Read(target);
         Placed& record = contents_.placed[target];
-        record.source = placed.Text();
-        record.bundleName = placed.Text();
-        record.id.device = placed.Int();
-        record.id.inode = placed.Int();
-        record.id.birth = placed.Int();
-        record.owner = placed.Int();
+        FileId& id = record.id;
+        placed.Read(record.source, record.bundleName, id.device, id.inode, id.birth, record.owner);
     }
     auto values = database_->Prepare("SELECT key, value FROM value");
     while (values.Step()) {
-        const int64_t key = values.Int();
-        contents_.values[key] = values.Int();
+        int64_t key = 0;
+        values.Read(key);
+        values.Read(contents_.values[key]);
     }
     auto priorities = database_->Prepare("SELECT source, value FROM priority");
     while (priorities.Step()) {
-        const std::string source = priorities.Text();
-        contents_.priorities[source] = static_cast<int32_t>(priorities.Int());
+        std::string source;
+        priorities.Read(source);
+        priorities.Read(contents_.priorities[source]);
     }
     auto preset = database_->Prepare("SELECT text FROM preset");
-    contents_.preset = preset.Step() ? preset.Text() : std::string();
+    if (preset.Step()) {
+        preset.Read(contents_.preset);
+    }
     return true;
 }
 
@@ -87,24 +96,11 @@ void TaskStore::LoadTasks()
         " total_bytes, done_bytes, files, priority, device, inode, birth FROM task");
     while (rows.Step()) {
         Task task;
-        task.id = static_cast<uint32_t>(rows.Int());
-        task.kind = static_cast<TaskKind>(rows.Int());
-        task.source = rows.Text();
-        task.target = rows.Text();
-        JsonParse::JsonStrToStruct(rows.Text(), task.app);
-        task.user = static_cast<int32_t>(rows.Int());
-        task.status = static_cast<TaskStatus>(rows.Int());
-        task.subStatus = static_cast<uint32_t>(rows.Int());
-        task.error.code = static_cast<int32_t>(rows.Int());
-        task.error.reason = rows.Text();
-        task.error.canRetry = rows.Int() != 0;
-        task.totalBytes = rows.Int();
-        task.doneBytes = rows.Int();
-        task.files = rows.Int();
-        task.priority = static_cast<int32_t>(rows.Int());
-        task.staged.device = rows.Int();
-        task.staged.inode = rows.Int();
-        task.staged.birth = rows.Int();
+        std::string app;
+        rows.Read(task.id, task.kind, task.source, task.target, app, task.user, task.status, task.subStatus,
+            task.error.code, task.error.reason, task.error.canRetry, task.totalBytes, task.doneBytes, task.files,
+            task.priority, task.staged.device, task.staged.inode, task.staged.birth);
+        JsonParse::JsonStrToStruct(app, task.app);
         contents_.tasks[task.id] = task;
     }
 }
@@ -129,20 +125,20 @@ Task& TaskStore::Add(Task task)
 {
     task.id = static_cast<uint32_t>(Get(StateValue::NEXT_ID) + 1);
     Set(StateValue::NEXT_ID, task.id);
-    Write(task);
+    WriteTask(task);
     return contents_.tasks[task.id] = std::move(task);
 }
 
 bool TaskStore::Save(const Task& task)
 {
     contents_.tasks[task.id] = task;
-    return Write(task);
+    return WriteTask(task);
 }
 
 void TaskStore::Erase(uint32_t id)
 {
     contents_.tasks.erase(id);
-    Write(std::move(database_->Prepare("DELETE FROM task WHERE id = ?").Bind(id)));
+    Write("DELETE FROM task WHERE id = ?", id);
 }
 
 const Placed* TaskStore::FindPlaced(const std::string& target) const
@@ -154,13 +150,13 @@ const Placed* TaskStore::FindPlaced(const std::string& target) const
 bool TaskStore::SavePlaced(const std::string& target, const Placed& placed)
 {
     contents_.placed[target] = placed;
-    return Write(target, placed);
+    return WritePlaced(target, placed);
 }
 
 void TaskStore::ErasePlaced(const std::string& target)
 {
     contents_.placed.erase(target);
-    Write(std::move(database_->Prepare("DELETE FROM placed WHERE target = ?").Bind(target)));
+    Write("DELETE FROM placed WHERE target = ?", target);
 }
 
 int64_t TaskStore::Get(StateValue key) const
@@ -196,68 +192,36 @@ bool TaskStore::SetPriority(const std::string& source, int32_t priority)
 void TaskStore::ClearPriorities()
 {
     contents_.priorities.clear();
-    Write(database_->Prepare("DELETE FROM priority"));
+    Write("DELETE FROM priority");
 }
 
-bool TaskStore::Write(Statement&& statement)
+bool TaskStore::WriteTask(const Task& task)
 {
-    const bool done = statement.Run();
-    isBehind_ = isBehind_ || !done;
-    return done;
+    return Write("INSERT OR REPLACE INTO task VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)", task.id,
+        task.kind, task.source, task.target, ToJson(task.app), task.user, task.status, task.subStatus, task.error.code,
+        task.error.reason, task.error.canRetry, task.totalBytes, task.doneBytes, task.files, task.priority,
+        task.staged.device, task.staged.inode, task.staged.birth);
 }
 
-bool TaskStore::Write(const Task& task)
+bool TaskStore::WritePlaced(const std::string& target, const Placed& placed)
 {
-    auto statement =
-        database_->Prepare("INSERT OR REPLACE INTO task VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
-    statement.Bind(task.id)
-        .Bind(Wide(task.kind))
-        .Bind(task.source)
-        .Bind(task.target)
-        .Bind(ToJson(task.app))
-        .Bind(task.user)
-        .Bind(static_cast<int64_t>(task.status))
-        .Bind(task.subStatus)
-        .Bind(task.error.code)
-        .Bind(task.error.reason)
-        .Bind(task.error.canRetry ? 1 : 0)
-        .Bind(task.totalBytes)
-        .Bind(task.doneBytes)
-        .Bind(task.files)
-        .Bind(task.priority)
-        .Bind(task.staged.device)
-        .Bind(task.staged.inode)
-        .Bind(task.staged.birth);
-    return Write(std::move(statement));
-}
-
-bool TaskStore::Write(const std::string& target, const Placed& placed)
-{
-    auto statement = database_->Prepare("INSERT OR REPLACE INTO placed VALUES (?, ?, ?, ?, ?, ?, ?)");
-    statement.Bind(target)
-        .Bind(placed.source)
-        .Bind(placed.bundleName)
-        .Bind(placed.id.device)
-        .Bind(placed.id.inode)
-        .Bind(placed.id.birth)
-        .Bind(placed.owner);
-    return Write(std::move(statement));
+    return Write("INSERT OR REPLACE INTO placed VALUES (?, ?, ?, ?, ?, ?, ?)", target, placed.source, placed.bundleName,
+        placed.id.device, placed.id.inode, placed.id.birth, placed.owner);
 }
 
 bool TaskStore::WriteValue(int64_t key, int64_t value)
 {
-    return Write(std::move(database_->Prepare("INSERT OR REPLACE INTO value VALUES (?, ?)").Bind(key).Bind(value)));
+    return Write("INSERT OR REPLACE INTO value VALUES (?, ?)", key, value);
 }
 
 bool TaskStore::WritePriority(const std::string& source, int32_t priority)
 {
-    return Write(
-        std::move(database_->Prepare("INSERT OR REPLACE INTO priority VALUES (?, ?)").Bind(source).Bind(priority)));
+    return Write("INSERT OR REPLACE INTO priority VALUES (?, ?)", source, priority);
 }
 
 bool TaskStore::WritePreset()
 {
-    return Write(std::move(database_->Prepare("INSERT OR REPLACE INTO preset VALUES (1, ?)").Bind(contents_.preset)));
+    return Write("INSERT OR REPLACE INTO preset VALUES (1, ?)", contents_.preset);
 }
 
 void TaskStore::WriteEverything()
@@ -265,10 +229,10 @@ void TaskStore::WriteEverything()
     database_->Execute(
         "DELETE FROM task; DELETE FROM placed; DELETE FROM value; DELETE FROM priority; DELETE FROM preset;");
     for (const auto& [id, task] : contents_.tasks) {
-        Write(task);
+        WriteTask(task);
     }
     for (const auto& [target, placed] : contents_.placed) {
-        Write(target, placed);
+        WritePlaced(target, placed);
     }
     for (const auto& [key, value] : contents_.values) {
         WriteValue(key, value);

@@ -69,9 +69,10 @@ private:
     explicit TaskStore(std::unique_ptr<Database> database) : database_(std::move(database)) {}
     bool Load();
     void LoadTasks();
-    bool Write(Statement&& statement);
-    bool Write(const Task& task);
-    bool Write(const std::string& target, const Placed& placed);
+    template <typename... Values>
+    bool Write(const char* sql, const Values&... values);
+    bool WriteTask(const Task& task);
+    bool WritePlaced(const std::string& target, const Placed& placed);
     bool WriteValue(int64_t key, int64_t value);
     bool WritePriority(const std::string& source, int32_t priority);
     bool WritePreset();
