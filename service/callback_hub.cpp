@@ -83,15 +83,6 @@ CallbackHub::~CallbackHub()
     Close();
 }
 
-sptr<IRemoteObject::DeathRecipient> CallbackHub::Watch(const std::function<void(CallbackHub&)>& forget)
-{
-    return sptr<IRemoteObject::DeathRecipient>(new DeathWatch([hub = weak_from_this(), forget] {
-        if (const auto alive = hub.lock()) {
-            forget(*alive);
-        }
-    }));
-}
-
 template <typename Item>
 CallbackHub::Receiver<Item> CallbackHub::TakeOut(Receivers<Item>& receivers, const Key& key)
 {
@@ -119,11 +110,18 @@ CallbackHub::Mailboxes<Item> CallbackHub::TakeEnded(Receivers<Item>& receivers)
 }
 
 template <typename Item>
-bool CallbackHub::Add(
-    Receivers<Item>& receivers, const Key& key, Receiver<Item> receiver, const Introduce<Item>& introduce)
+bool CallbackHub::Add(Receivers<Item> CallbackHub::*receiversMember, const Key& key, const sptr<IRemoteObject>& object,
+    typename Mailbox<Item>::Deliver deliver, const Introduce<Item>& introduce)
 {
-    const sptr<IRemoteObject> object = receiver.object;
-    const sptr<IRemoteObject::DeathRecipient> watch = receiver.watch;
+    // Not counted: the object holds its watch, which must not hold the object.
+    const IRemoteObject* const it = object.GetRefPtr();
+    const sptr<IRemoteObject::DeathRecipient> watch(new DeathWatch([hub = weak_from_this(), receiversMember, key, it] {
+        if (const auto alive = hub.lock()) {
+            alive->Remove((*alive).*receiversMember, key, it);
+        }
+    }));
+    Receivers<Item>& receivers = this->*receiversMember;
+    Receiver<Item> receiver{object, watch, MakeMailbox<Item>(std::move(deliver))};
     Receiver<Item> replaced;
     Mailboxes<Item> ended;
     bool isAdded = false;
@@ -179,14 +177,9 @@ bool CallbackHub::Remove(Receivers<Item>& receivers, const Key& key, const IRemo
 bool CallbackHub::AddProgress(
     pid_t process, const sptr<IRemoteObject>& object, const Introduce<TaskProgress>& introduce)
 {
-    const Key key(process, "");
-    // Not counted: the object holds its watch, which must not hold the object.
-    const IRemoteObject* const it = object.GetRefPtr();
-    Receiver<TaskProgress> receiver{object,
-        Watch([key, it](CallbackHub& hub) { hub.Remove(hub.progressReceivers_, key, it); }),
-        MakeMailbox<TaskProgress>(
-            [this, object](std::vector<TaskProgress> tasks) { return DeliverProgress(object, std::move(tasks)); })};
-    return Add(progressReceivers_, key, std::move(receiver), introduce);
+    const auto deliver = [this, object](
+                             std::vector<TaskProgress> tasks) { return DeliverProgress(object, std::move(tasks)); };
+    return Add(&CallbackHub::progressReceivers_, Key(process, ""), object, deliver, introduce);
 }
 
 bool CallbackHub::DeliverProgress(const sptr<IRemoteObject>& object, std::vector<TaskProgress> tasks) const
@@ -211,13 +204,9 @@ void CallbackHub::RemoveProgress(pid_t process)
 bool CallbackHub::AddObserver(pid_t process, const std::string& caller, const sptr<IRemoteObject>& object,
     const Introduce<RestoreEventInfo>& introduce)
 {
-    const Key key(process, caller);
-    const IRemoteObject* const it = object.GetRefPtr();
-    Receiver<RestoreEventInfo> receiver{object,
-        Watch([key, it](CallbackHub& hub) { hub.Remove(hub.observers_, key, it); }),
-        MakeMailbox<RestoreEventInfo>(
-            [object](const std::vector<RestoreEventInfo>& events) { return DeliverRestores(object, events); })};
-    return Add(observers_, key, std::move(receiver), introduce);
+    const auto deliver = [object](
+                             const std::vector<RestoreEventInfo>& events) { return DeliverRestores(object, events); };
+    return Add(&CallbackHub::observers_, Key(process, caller), object, deliver, introduce);
 }
 
 bool CallbackHub::RemoveObserver(pid_t process, const std::string& caller)

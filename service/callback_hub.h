@@ -67,7 +67,8 @@ private:
     };
 
     template <typename Item>
-    bool Add(Receivers<Item>& receivers, const Key& key, Receiver<Item> receiver, const Introduce<Item>& introduce);
+    bool Add(Receivers<Item> CallbackHub::*receiversMember, const Key& key, const sptr<IRemoteObject>& object,
+        typename Mailbox<Item>::Deliver deliver, const Introduce<Item>& introduce);
     template <typename Item>
     bool Remove(Receivers<Item>& receivers, const Key& key, const IRemoteObject* object);
     // Takes a receiver out and ends its deliveries; the caller drops what it gets without a lock.
@@ -76,7 +77,6 @@ private:
     // Takes out the withdrawn mailboxes whose end will not have to wait.
     template <typename Item>
     static Mailboxes<Item> TakeEnded(Receivers<Item>& receivers);
-    sptr<IRemoteObject::DeathRecipient> Watch(const std::function<void(CallbackHub&)>& forget);
     bool DeliverProgress(const sptr<IRemoteObject>& object, std::vector<TaskProgress> tasks) const;
 
     const Progress progress_;

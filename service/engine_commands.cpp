@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the engine is told to do with the migration.
-#include <algorithm>
-
 #include "engine_errors.h"
 #include "json_parse.h"
 #include "migration_engine.h"
@@ -38,9 +36,7 @@ BusinessError MigrationEngine::StartAll()
     RemoveTasks([](const Task&) { return true; });
     BeginRun();
     for (const Package& package : packages) {
-        const bool isExcluded = std::any_of(choices.exclude.begin(), choices.exclude.end(),
-            [&](const std::string& name) { return package.IsCalled(name); });
-        if (package.manifest.reserved || isExcluded) {
+        if (package.manifest.reserved || package.IsOneOf(choices.exclude)) {
             continue;
         }
         const Task& task = store_->Add(MakeTask(TaskKind::MIGRATE, package));
@@ -97,29 +93,33 @@ BusinessError MigrationEngine::StartPackage(const std::string& name, const std::
         return error;
     }
     task.priority = priority;
+    return AddTask(task);
+}
+
+BusinessError MigrationEngine::AddTask(const Task& task)
+{
+    const Task* const earlier = store_->Find(task.kind, task.source);
     auto transaction = store_->Begin(IfNotWritten::TAKE_BACK);
     if (earlier != nullptr) {
         store_->Erase(earlier->id);
     }
-    BeginRun();
+    if (task.kind == TaskKind::MIGRATE) {
+        BeginRun();
+    }
     const Task& added = store_->Add(task);
     if (!transaction.Commit()) {
         return StateError();
     }
     Report(added);
     Wake();
-    return {};
+    return added.error.code != 0 ? MakeError(added.error.code, added.error.reason) : BusinessError();
 }
 
 // Also of ended ones, whose memory goes with them. A worker that has one of them in hand finds it gone.
 size_t MigrationEngine::RemoveTasks(const std::function<bool(const Task&)>& isMeant)
 {
-    std::vector<uint32_t> removed;
-    for (const auto& [id, task] : store_->Tasks()) {
-        if (task.kind == TaskKind::MIGRATE && isMeant(task)) {
-            removed.push_back(id);
-        }
-    }
+    const auto removed =
+        store_->Select([&isMeant](const Task& task) { return task.kind == TaskKind::MIGRATE && isMeant(task); });
     for (const uint32_t id : removed) {
         store_->Erase(id);
     }
@@ -182,12 +182,8 @@ BusinessError MigrationEngine::Resume()
 
 BusinessError MigrationEngine::Switch(TaskStatus from, TaskStatus to, TaskPauseReason reason)
 {
-    std::vector<uint32_t> affected;
-    for (const auto& [id, task] : store_->Tasks()) {
-        if (task.kind == TaskKind::MIGRATE && task.status == from) {
-            affected.push_back(id);
-        }
-    }
+    const auto affected =
+        store_->Select([from](const Task& task) { return task.kind == TaskKind::MIGRATE && task.status == from; });
     auto transaction = store_->Begin(IfNotWritten::TAKE_BACK);
     SetState(to);
     store_->Set(StateValue::PAUSE_REASON, static_cast<int64_t>(reason));

@@ -41,12 +41,6 @@ int32_t TargetUser(const Package& package, const PresetChoices& choices)
     return package.manifest.targetUser;
 }
 
-bool IsExcluded(const Package& package, const PresetChoices& choices)
-{
-    return std::any_of(choices.exclude.begin(), choices.exclude.end(),
-        [&](const std::string& name) { return package.IsCalled(name); });
-}
-
 }  // namespace
 
 MigrateStage MigrationEngine::CurrentStage() const
@@ -276,7 +270,7 @@ BusinessError MigrationEngine::GetDataSize(int64_t& bytes) const
     BusinessError error;
     TreeSize size;
     for (const Package& package : found) {
-        if (package.manifest.reserved || package.fault.code != 0 || IsExcluded(package, choices)) {
+        if (package.manifest.reserved || package.fault.code != 0 || package.IsOneOf(choices.exclude)) {
             continue;
         }
         const ErrorInfo fault = MeasureTree(

@@ -30,9 +30,7 @@ bool MigrationEngine::ReadReserved(std::vector<Package>& packages) const
     if (!catalog_.Read(packages)) {
         return false;
     }
-    packages.erase(std::remove_if(packages.begin(), packages.end(),
-                       [](const Package& package) { return !package.manifest.reserved; }),
-        packages.end());
+    std::erase_if(packages, [](const Package& package) { return !package.manifest.reserved; });
     MutexLock lock(mutex_);
     std::stable_sort(packages.begin(), packages.end(),
         [this](const Package& a, const Package& b)
@@ -137,17 +135,7 @@ BusinessError MigrationEngine::Restore(const std::string& name, const std::strin
         task.app.restoreScene = scene;
     }
     task.priority = store_->Priority(package.directory);
-    auto transaction = store_->Begin(IfNotWritten::TAKE_BACK);
-    if (earlier != nullptr) {
-        store_->Erase(earlier->id);
-    }
-    const Task& added = store_->Add(task);
-    if (!transaction.Commit()) {
-        return StateError();
-    }
-    Report(added);
-    Wake();
-    return added.error.code != 0 ? MakeError(added.error.code, added.error.reason) : BusinessError();
+    return AddTask(task);
 }
 
 // A restoration under way ends without a trace.
@@ -259,7 +247,6 @@ int32_t MigrationEngine::OwnBackups(uint32_t uid)
     for (const std::string& target : targets) {
         TreeSize size;
         const ErrorInfo fault = MeasureTree(
-
             target_.Get(), target, target_.Get(), [this] { return !IsStopping(); }, size);
         if (fault.code != 0) {
             return fault.code;

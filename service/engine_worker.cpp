@@ -279,12 +279,8 @@ void MigrationEngine::EndTask(Task& task, const ErrorInfo& fault)
 
 void MigrationEngine::StopTheRest()
 {
-    std::vector<uint32_t> waiting;
-    for (const auto& [id, task] : store_->Tasks()) {
-        if (task.kind == TaskKind::MIGRATE && task.status == TaskStatus::IDLE) {
-            waiting.push_back(id);
-        }
-    }
+    const auto waiting = store_->Select(
+        [](const Task& task) { return task.kind == TaskKind::MIGRATE && task.status == TaskStatus::IDLE; });
     for (const uint32_t id : waiting) {
         Task& task = *store_->Find(id);
         task.status = TaskStatus::FAILED;

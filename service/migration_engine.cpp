@@ -37,6 +37,15 @@ bool IsStagingName(std::string_view name)
     return !name.empty() && name.find_first_not_of("0123456789") == name.npos;
 }
 
+UniqueFd OpenDirectory(const std::string& path, const std::string& purpose, std::string& error)
+{
+    UniqueFd directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!directory) {
+        error = purpose + ": " + strerror(errno);
+    }
+    return directory;
+}
+
 }  // namespace
 
 BusinessError MakeError(int32_t number, const std::string& message)
@@ -47,15 +56,9 @@ BusinessError MakeError(int32_t number, const std::string& message)
 std::unique_ptr<MigrationEngine> MigrationEngine::Open(
     const EngineOptions& options, EngineListener& listener, std::string& error)
 {
-    constexpr int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
-    UniqueFd source(open(options.source.c_str(), flags));
-    if (!source) {
-        error = options.source + ": " + strerror(errno);
-        return nullptr;
-    }
-    UniqueFd target(open(options.target.c_str(), flags));
+    UniqueFd source = OpenDirectory(options.source, options.source, error);
+    UniqueFd target = source ? OpenDirectory(options.target, options.target, error) : UniqueFd();
     if (!target) {
-        error = options.target + ": " + strerror(errno);
         return nullptr;
     }
     const std::string file = options.stateFile.empty() ? options.target + "/.migrate-state.db" : options.stateFile;
@@ -65,9 +68,8 @@ std::unique_ptr<MigrationEngine> MigrationEngine::Open(
     }
     UniqueFd stateDirectory;
     if (!options.stateFile.empty()) {
-        stateDirectory = UniqueFd(open((std::filesystem::path(file).parent_path() / ".").c_str(), flags));
+        stateDirectory = OpenDirectory(std::filesystem::path(file).parent_path() / ".", file, error);
         if (!stateDirectory) {
-            error = file + ": " + strerror(errno);
             return nullptr;
         }
     }
@@ -96,15 +98,10 @@ MigrationEngine::~MigrationEngine()
 void MigrationEngine::Recover()
 {
     MutexLock lock(mutex_);
-    std::vector<Task> open;
-    for (const auto& [id, task] : store_->Tasks()) {
-        if (!task.IsEnded()) {
-            open.push_back(task);
-        }
-    }
+    const auto open = store_->Select([](const Task& task) { return !task.IsEnded(); });
     auto transaction = store_->Begin(IfNotWritten::KEEP);
-    for (const Task& before : open) {
-        Task& task = *store_->Find(before.id);
+    for (const uint32_t id : open) {
+        Task& task = *store_->Find(id);
         // The rename may have happened, and only its note been lost.
         if (task.subStatus == MIGRATE_SUB_PLACING && IdOf(task.target) == task.staged) {
             NotePlaced(task);

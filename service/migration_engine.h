@@ -165,6 +165,8 @@ private:
     bool IsInStage(const Task& task, MigrateStage stage) const VEXA_REQUIRES(mutex_);
     void BeginRun() VEXA_REQUIRES(mutex_);
     Task MakeTask(TaskKind kind, const Package& package) const VEXA_REQUIRES(mutex_);
+    // In place of the ended one of its kind and source. Returns the task's own error when it has one.
+    BusinessError AddTask(const Task& task) VEXA_REQUIRES(mutex_);
     size_t RemoveTasks(const std::function<bool(const Task&)>& isMeant) VEXA_REQUIRES(mutex_);
     BusinessError Remove(const std::function<bool(const Task&)>& isMeant) VEXA_EXCLUDES(mutex_);
     // Between running and paused.

@@ -97,6 +97,11 @@ void FindClashes(std::vector<Package>& packages)
 
 }  // namespace
 
+bool Package::IsOneOf(const std::vector<std::string>& names) const
+{
+    return std::any_of(names.begin(), names.end(), [this](const std::string& name) { return IsCalled(name); });
+}
+
 RestoreAppInfo Package::AsRestoreApp() const
 {
     RestoreAppInfo info;

@@ -48,6 +48,7 @@ struct Package {
     ErrorInfo fault;           // why it can't be migrated; code 0: it can, as far as is known
 
     bool IsCalled(const std::string& name) const { return directory == name || manifest.bundleName == name; }
+    bool IsOneOf(const std::vector<std::string>& names) const;
     RestoreAppInfo AsRestoreApp() const;
 };
 

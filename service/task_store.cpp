@@ -121,6 +121,17 @@ Task* TaskStore::Find(TaskKind kind, const std::string& source)
     return nullptr;
 }
 
+std::vector<uint32_t> TaskStore::Select(const std::function<bool(const Task&)>& isMeant) const
+{
+    std::vector<uint32_t> ids;
+    for (const auto& [id, task] : contents_.tasks) {
+        if (isMeant(task)) {
+            ids.push_back(id);
+        }
+    }
+    return ids;
+}
+
 Task& TaskStore::Add(Task task)
 {
     task.id = static_cast<uint32_t>(Get(StateValue::NEXT_ID) + 1);

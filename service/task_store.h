@@ -3,10 +3,12 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "database.h"
 #include "task.h"
@@ -33,6 +35,8 @@ public:
     Task* Find(uint32_t id);
     // The task of that kind for the source directory.
     Task* Find(TaskKind kind, const std::string& source);
+    // The ids of all that are meant.
+    std::vector<uint32_t> Select(const std::function<bool(const Task&)>& isMeant) const;
     // Gives it the next id. The ids of tasks that are gone are not used again.
     Task& Add(Task task);
     bool Save(const Task& task);

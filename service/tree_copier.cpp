@@ -52,7 +52,7 @@ std::string NextName(const Directory& directory)
 // What a walk through a tree has met: the path to where it is, and the first fault.
 class Walk {
 public:
-    explicit Walk(int targetFd) { fstat(targetFd, &target_); }
+    Walk(int targetFd, std::function<bool()> goOn) : goOn_(std::move(goOn)) { fstat(targetFd, &target_); }
 
     ErrorInfo Fault() && { return std::move(fault_); }
 
@@ -85,19 +85,44 @@ protected:
     bool FailReading() { return Fail(MIGRATE_ERROR_UNREADABLE, strerror(errno)); }
     bool FailWriting() { return Fail(WriteFault(errno)); }
     bool FailStopped() { return Fail(MIGRATE_ERROR_STOPPED, "stopped", true); }
-    // A target within the tree would be copied into itself.
-    bool MayEnter(const struct stat& directory, int depth)
+
+    // Opens a directory of the tree; null when it can't be. A target within the tree would be copied into itself.
+    Directory Enter(int parentFd, const std::string& name, int depth, struct stat& status)
     {
-        if (depth > kMaxTreeDepth) {
-            return Fail(MIGRATE_ERROR_UNSUPPORTED, "directories are nested too deeply");
+        Directory directory = OpenDirectory(parentFd, name);
+        if (directory == nullptr || fstat(dirfd(directory.get()), &status) != 0) {
+            FailReading();
+        } else if (depth > kMaxTreeDepth) {
+            Fail(MIGRATE_ERROR_UNSUPPORTED, "directories are nested too deeply");
+        } else if (status.st_dev == target_.st_dev && status.st_ino == target_.st_ino) {
+            Fail(MIGRATE_ERROR_UNSUPPORTED, "holds the target");
+        } else {
+            return directory;
         }
-        if (directory.st_dev == target_.st_dev && directory.st_ino == target_.st_ino) {
-            return Fail(MIGRATE_ERROR_UNSUPPORTED, "holds the target");
+        return {nullptr, &closedir};
+    }
+    // Hands each entry's name and status to `visit`, until that returns false.
+    template <typename Visit>
+    bool ForEachEntry(const Directory& directory, const Visit& visit)
+    {
+        for (std::string entry = NextName(directory); !entry.empty(); entry = NextName(directory)) {
+            const Step step(*this, entry);
+            struct stat status = {};
+            if (fstatat(dirfd(directory.get()), entry.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+                return FailReading();
+            }
+            if (!goOn_()) {
+                return FailStopped();
+            }
+            if (!visit(entry, status)) {
+                return false;
+            }
         }
-        return true;
+        return errno == 0 || FailReading();
     }
 
 private:
+    const std::function<bool()> goOn_;
     struct stat target_ = {};
     ErrorInfo fault_;
     std::string path_;
@@ -106,30 +131,26 @@ private:
 class Copier : public Walk {
 public:
     Copier(int targetFd, const CopyControl& control, TreeSize& copied)
-        : Walk(targetFd), control_(control), copied_(copied), buffer_(control.pieceBytes)
+        : Walk(targetFd, [&control] { return control.advance(0); }),
+          control_(control),
+          copied_(copied),
+          buffer_(control.pieceBytes)
     {}
 
     bool CopyDirectory(int sourceFd, const std::string& name, int targetFd, const std::string& newName, int depth)
     {
-        const Directory source = OpenDirectory(sourceFd, name);
         struct stat status = {};
-        if (source == nullptr || fstat(dirfd(source.get()), &status) != 0) {
-            return FailReading();
-        }
-        if (!MayEnter(status, depth)) {
+        const Directory source = Enter(sourceFd, name, depth, status);
+        if (source == nullptr) {
             return false;
         }
         const UniqueFd target(MakeDirectory(targetFd, newName));
         if (!target) {
             return FailWriting();
         }
-        for (std::string entry = NextName(source); !entry.empty(); entry = NextName(source)) {
-            const Step step(*this, entry);
-            if (!CopyEntry(dirfd(source.get()), entry, target.Get(), depth)) {
-                return false;
-            }
-        }
-        return errno == 0 ? TakeOver(status, target.Get()) : FailReading();
+        return ForEachEntry(source, [&](const std::string& entry, const struct stat& entryStatus) {
+            return CopyEntry(dirfd(source.get()), entry, entryStatus, target.Get(), depth);
+        }) && TakeOver(status, target.Get());
     }
 
 private:
@@ -139,15 +160,8 @@ private:
         return mkdirat(parentFd, name.c_str(), kPrivate) == 0 ? openat(parentFd, name.c_str(), kOpenDirectory) : -1;
     }
 
-    bool CopyEntry(int sourceFd, const std::string& name, int targetFd, int depth)
+    bool CopyEntry(int sourceFd, const std::string& name, const struct stat& status, int targetFd, int depth)
     {
-        struct stat status = {};
-        if (fstatat(sourceFd, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-            return FailReading();
-        }
-        if (!control_.advance(0)) {
-            return FailStopped();
-        }
         if (S_ISDIR(status.st_mode)) {
             return CopyDirectory(sourceFd, name, targetFd, name, depth + 1);
         }
@@ -285,47 +299,24 @@ private:
 
 class Measurer : public Walk {
 public:
-    Measurer(int targetFd, const std::function<bool()>& goOn, TreeSize& size) : Walk(targetFd), goOn_(goOn), size_(size)
-    {}
+    Measurer(int targetFd, const std::function<bool()>& goOn, TreeSize& size) : Walk(targetFd, goOn), size_(size) {}
 
     bool MeasureDirectory(int parentFd, const std::string& name, int depth)
     {
-        const Directory directory = OpenDirectory(parentFd, name);
-        struct stat status = {};
-        if (directory == nullptr || fstat(dirfd(directory.get()), &status) != 0) {
-            return FailReading();
-        }
-        if (!MayEnter(status, depth)) {
-            return false;
-        }
-        for (std::string entry = NextName(directory); !entry.empty(); entry = NextName(directory)) {
-            const Step step(*this, entry);
-            if (!MeasureEntry(dirfd(directory.get()), entry, depth)) {
-                return false;
-            }
-        }
-        return errno == 0 || FailReading();
+        struct stat directoryStatus = {};
+        const Directory directory = Enter(parentFd, name, depth, directoryStatus);
+        return directory != nullptr &&
+               ForEachEntry(directory, [&](const std::string& entry, const struct stat& status) {
+                   if (S_ISDIR(status.st_mode)) {
+                       return MeasureDirectory(dirfd(directory.get()), entry, depth + 1);
+                   }
+                   size_.files++;
+                   size_.bytes += S_ISREG(status.st_mode) ? static_cast<uint64_t>(status.st_size) : 0;
+                   return true;
+               });
     }
 
 private:
-    bool MeasureEntry(int directoryFd, const std::string& name, int depth)
-    {
-        struct stat status = {};
-        if (fstatat(directoryFd, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-            return FailReading();
-        }
-        if (!goOn_()) {
-            return FailStopped();
-        }
-        if (S_ISDIR(status.st_mode)) {
-            return MeasureDirectory(directoryFd, name, depth + 1);
-        }
-        size_.files++;
-        size_.bytes += S_ISREG(status.st_mode) ? static_cast<uint64_t>(status.st_size) : 0;
-        return true;
-    }
-
-    const std::function<bool()>& goOn_;
     TreeSize& size_;
 };
 
