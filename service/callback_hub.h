@@ -4,7 +4,6 @@
 
 #include <sys/types.h>
 
-#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>

@@ -53,7 +53,7 @@ BusinessError MigrationEngine::StartAll()
             Report(task);
         }
     }
-    Wake();
+    changed_.NotifyAll();
     if (!error.data.empty()) {
         error.errorNum = MIGRATE_ERROR_SOME_PACKAGES;
         error.message = "some packages can't be migrated";
@@ -111,7 +111,7 @@ BusinessError MigrationEngine::AddTask(const Task& task)
         return StateError();
     }
     Report(added);
-    Wake();
+    changed_.NotifyAll();
     return added.error.code != 0 ? MakeError(added.error.code, added.error.reason) : BusinessError();
 }
 
@@ -158,7 +158,7 @@ BusinessError MigrationEngine::Remove(const std::function<bool(const Task&)>& is
         task.subStatus = MIGRATE_SUB_NONE;
         Report(task);
     }
-    Wake();
+    changed_.NotifyAll();
     return {};
 }
 
@@ -198,7 +198,7 @@ BusinessError MigrationEngine::Switch(TaskStatus from, TaskStatus to, TaskPauseR
     for (const uint32_t id : affected) {
         Report(*store_->Find(id));
     }
-    Wake();
+    changed_.NotifyAll();
     return {};
 }
 

@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Reserved applications: the packages of the source that their manifests set aside.
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 
 #include "engine_errors.h"
 #include "migration_engine.h"
@@ -172,7 +170,7 @@ BusinessError MigrationEngine::ClearPackage(const Package& package)
     event.status = static_cast<int32_t>(TaskStatus::IDLE);
     event.errorInfo = {};
     listener_.OnRestore(event);
-    Wake();
+    changed_.NotifyAll();
     return {};
 }
 

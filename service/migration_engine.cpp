@@ -184,17 +184,12 @@ void MigrationEngine::Stop()
     {
         MutexLock lock(mutex_);
         stopping_ = true;
-        Wake();
+        changed_.NotifyAll();
     }
     for (std::thread& worker : workers_) {
         worker.join();
     }
     workers_.clear();
-}
-
-void MigrationEngine::Wake()
-{
-    changed_.NotifyAll();
 }
 
 TaskStatus MigrationEngine::State() const

@@ -3,7 +3,6 @@
 // what it has done. Knows nothing of IPC.
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -155,7 +154,6 @@ private:
     // False when it can't be written.
     bool Changed(const Task& task) VEXA_REQUIRES(mutex_);
     void Report(const Task& task) VEXA_REQUIRES(mutex_);
-    void Wake() VEXA_REQUIRES(mutex_);
 
     TaskStatus State() const VEXA_REQUIRES(mutex_);
     void SetState(TaskStatus state) VEXA_REQUIRES(mutex_);

@@ -10,7 +10,6 @@
 #include <cstring>
 #include <memory>
 #include <set>
-#include <utility>
 
 #include "json_parse.h"
 #include "native_migrate/migrate_results.h"
@@ -104,19 +103,17 @@ bool Package::IsOneOf(const std::vector<std::string>& names) const
 
 RestoreAppInfo Package::AsRestoreApp() const
 {
-    RestoreAppInfo info;
-    info.packageName = manifest.bundleName;
-    info.versionName = manifest.versionName;
-    info.versionCode = manifest.versionCode;
-    info.signature = manifest.signature;
-    info.scanSourceDir = directory;
-    info.restoreScene = manifest.restoreScene;
-    info.isRestoreData = manifest.isRestoreData;
-    info.abiType = manifest.abiType;
-    info.isTwinApp = manifest.isTwinApp;
-    info.appName = manifest.appName;
-    info.appType = manifest.appType;
-    return info;
+    return {.packageName = manifest.bundleName,
+        .versionName = manifest.versionName,
+        .versionCode = manifest.versionCode,
+        .signature = manifest.signature,
+        .scanSourceDir = directory,
+        .restoreScene = manifest.restoreScene,
+        .isRestoreData = manifest.isRestoreData,
+        .abiType = manifest.abiType,
+        .isTwinApp = manifest.isTwinApp,
+        .appName = manifest.appName,
+        .appType = manifest.appType};
 }
 
 Package ReadPackage(int sourceFd, const std::string& directory)

@@ -2,8 +2,6 @@
 // The commands of the migration client.
 #include "migratectl_migration.h"
 
-#include <unistd.h>
-
 #include <chrono>
 #include <functional>
 #include <map>

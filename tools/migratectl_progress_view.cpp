@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <set>
 
 #include "migratectl_output.h"
 
@@ -60,9 +61,7 @@ void ProgressView::Refresh(const MigrateInfo& info)
         rows_[task.id].name = Printable(task.source);
         Apply(task.id, static_cast<int32_t>(task.status), task.progress, task.requiredTraffic);
     }
-    for (auto row = rows_.begin(); row != rows_.end();) {
-        row = known.count(row->first) != 0 ? std::next(row) : rows_.erase(row);
-    }
+    std::erase_if(rows_, [&known](const auto& row) { return !known.contains(row.first); });
     Draw();
 }
 

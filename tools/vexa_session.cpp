@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // vexa-session: runs a command with a manager of its own, in a runtime directory of its own, and leaves nothing behind.
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/prctl.h>
 #include <sys/signalfd.h>

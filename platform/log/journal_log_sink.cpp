@@ -19,18 +19,8 @@ namespace {
 
 int JournalPriority(uint32_t level)
 {
-    switch (level) {
-        case KOLOG_FATAL:
-            return LOG_CRIT;
-        case KOLOG_ERROR:
-            return LOG_ERR;
-        case KOLOG_WARN:
-            return LOG_WARNING;
-        case KOLOG_INFO:
-            return LOG_INFO;
-        default:
-            return LOG_DEBUG;
-    }
+    constexpr int priorities[] = {LOG_DEBUG, LOG_INFO, LOG_WARNING, LOG_ERR, LOG_CRIT};
+    return level >= KOLOG_DEBUG && level <= KOLOG_FATAL ? priorities[level - KOLOG_DEBUG] : LOG_DEBUG;
 }
 
 // libsystemd's send waits while the journal's queue is full, so ask the queue first. A socket of its own each time

@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <type_traits>
-#include <utility>
 
 #include "log_conversion.h"
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <utility>
 
 #include "vexa/ipc/ipc_errors.h"
 #include "vexa/ipc/message_parcel.h"
@@ -34,32 +35,25 @@ enum LoadCallbackRequest : uint32_t {
 // What a result of the manager's operations means, for logs and for callers that are people.
 inline const char* ResultText(int32_t result)
 {
-    switch (result) {
-        case SAMGR_OK:
-            return "success";
-        case SAMGR_NOT_ALLOWED:
-            return "its profile does not let this user do that";
-        case SAMGR_NO_PROFILE:
-            return "no profile names it";
-        case SAMGR_ALREADY_REGISTERED:
-            return "a living process serves it already";
-        case SAMGR_PROGRAM_MISSING:
-            return "its program can't be started";
-        case SAMGR_PROGRAM_EXITED:
-            return "its program ended before it registered";
-        case SAMGR_PROGRAM_SLOW:
-            return "its program did not register in time";
-        case SAMGR_BAD_REQUEST:
-            return "the request makes no sense";
-        case SAMGR_BUSY:
-            return "the manager takes no more loads of it now";
-        case IPC_DEAD_OBJECT:
-            return "the manager has ended";
-        case IPC_TIMED_OUT:
-            return "the manager did not answer in time";
-        default:
-            return "the manager could not be asked";
+    static constexpr std::pair<int32_t, const char*> texts[] = {
+        {SAMGR_OK, "success"},
+        {SAMGR_NOT_ALLOWED, "its profile does not let this user do that"},
+        {SAMGR_NO_PROFILE, "no profile names it"},
+        {SAMGR_ALREADY_REGISTERED, "a living process serves it already"},
+        {SAMGR_PROGRAM_MISSING, "its program can't be started"},
+        {SAMGR_PROGRAM_EXITED, "its program ended before it registered"},
+        {SAMGR_PROGRAM_SLOW, "its program did not register in time"},
+        {SAMGR_BAD_REQUEST, "the request makes no sense"},
+        {SAMGR_BUSY, "the manager takes no more loads of it now"},
+        {IPC_DEAD_OBJECT, "the manager has ended"},
+        {IPC_TIMED_OUT, "the manager did not answer in time"},
+    };
+    for (const auto& [number, text] : texts) {
+        if (number == result) {
+            return text;
+        }
     }
+    return "the manager could not be asked";
 }
 
 }  // namespace VEXA::samgr

@@ -37,13 +37,10 @@ public:
         ReadArguments(profile.arguments);
         ReadEnvironment(profile.environment);
         ReadStartTimeout(profile.startTimeout);
-        CheckUser(profile);
+        ReadOwnUser(profile);
         profile.lookup.everyone = Item("lookup") == nullptr;
         ReadUsers("register", profile.registrars);
         ReadUsers("lookup", profile.lookup);
-        if (Item("register") == nullptr) {
-            profile.registrars.uids.push_back(geteuid());
-        }
         return error_.empty();
     }
 
@@ -138,18 +135,14 @@ private:
     }
 
     // A service that registers again with the next manager is not that one's child: it must be allowed as a user.
-    void CheckUser(Profile& profile)
+    void ReadOwnUser(Profile& profile)
     {
-        uid_t uid = 0;
-        if (profile.user.empty()) {
-            return;
-        }
-        if (!FindUid(profile.user, uid)) {
+        uid_t uid = geteuid();
+        if (!profile.user.empty() && !FindUid(profile.user, uid)) {
             Fault("user \"" + profile.user + "\" is not known");
-            return;
         }
         if (Item("register") == nullptr) {
-            profile.registrars.uids.push_back(uid);
+            profile.registrars.uids = {geteuid(), uid};
         }
     }
 
@@ -161,17 +154,18 @@ private:
 
     static bool ReadUser(const cJSON* item, UserList& users)
     {
-        uid_t uid = 0;
         if (cJSON_IsString(item) && std::string(item->valuestring) == "*") {
             users.everyone = true;
-        } else if (cJSON_IsNumber(item) && item->valuedouble >= 0 && item->valuedouble < UINT32_MAX &&
-                   item->valuedouble == std::floor(item->valuedouble)) {
-            users.uids.push_back(static_cast<uid_t>(item->valuedouble));
-        } else if (cJSON_IsString(item) && FindUid(item->valuestring, uid)) {
-            users.uids.push_back(uid);
-        } else {
+            return true;
+        }
+        uid_t uid = 0;
+        const double number = cJSON_IsNumber(item) ? item->valuedouble : -1;
+        if (number >= 0 && number < UINT32_MAX && number == std::floor(number)) {
+            uid = static_cast<uid_t>(number);
+        } else if (!cJSON_IsString(item) || !FindUid(item->valuestring, uid)) {
             return false;
         }
+        users.uids.push_back(uid);
         return true;
     }
 
