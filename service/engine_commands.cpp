@@ -115,7 +115,7 @@ BusinessError MigrationEngine::AddTask(const Task& task)
     return added.error.code != 0 ? MakeError(added.error.code, added.error.reason) : BusinessError();
 }
 
-// Also of ended ones, whose memory goes with them. A worker that has one of them in hand finds it gone.
+// Removes ended tasks too, and with them what is remembered of them. A worker that has one in hand finds it gone.
 size_t MigrationEngine::RemoveTasks(const std::function<bool(const Task&)>& isMeant)
 {
     const auto removed =

@@ -61,7 +61,7 @@ public:
         items_.clear();
         changed_.NotifyAll();
     }
-    // Whether the end of this object will not have to wait.
+    // True when the destructor will not have to wait.
     bool HasEnded() const
     {
         MutexLock lock(mutex_);

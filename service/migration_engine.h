@@ -177,7 +177,7 @@ private:
     BusinessError ClearPackage(const Package& package) VEXA_REQUIRES(mutex_);
     std::optional<FileId> IdOf(const std::string& targetName) const;
     int32_t RecordOwner(const std::vector<std::string>& targets, uint32_t uid);
-    // Of the applications that are set aside: all, or the one of that name (errorNum 0) or why there is none.
+    // Find all applications that are set aside, or the one of that name; its errorNum says why there is none.
     bool ReadReserved(std::vector<Package>& packages) const;
     BusinessError FindReserved(const std::string& name, Package& package) const;
     PresetChoices Choices() const VEXA_REQUIRES(mutex_);

@@ -83,7 +83,7 @@ void FillIn(Package& package)
     }
 }
 
-// Of several packages that would go to the same place only the first can.
+// When several packages would go to the same place, only the first may.
 void FindClashes(std::vector<Package>& packages)
 {
     std::set<std::string> targets;

@@ -15,10 +15,10 @@ namespace migratectl {
 inline const CLI::Validator IS_NAME(
     [](const std::string& text) { return text.empty() ? "a name must not be empty" : ""; }, "", "name");
 
-// What a command line says. Each command reads what belongs to it.
+// The values of a command line. Each command reads its own ones.
 struct CommandLine {
     Options options;
-    std::function<int()> action;  // what the chosen command does; returns the exit status
+    std::function<int()> action;  // of the chosen command; returns the exit status
 
     std::string name;  // of a package or a reserved application
     std::string target;

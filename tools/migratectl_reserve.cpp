@@ -111,7 +111,7 @@ public:
         changed_.NotifyAll();
         return 0;
     }
-    // Until there have been more than `count`; returns how many there have been.
+    // Waits until there have been more than `count` events; returns how many there have been.
     uint64_t Wait(uint64_t count, std::chrono::milliseconds limit)
     {
         MutexLock lock(mutex_);

@@ -51,18 +51,13 @@ int ExitStatus(int waitStatus)
     return WIFSIGNALED(waitStatus) ? 128 + WTERMSIG(waitStatus) : WEXITSTATUS(waitStatus);
 }
 
-std::string OwnFolder()
-{
-    std::error_code error;
-    return std::filesystem::read_symlink("/proc/self/exe", error).parent_path();
-}
-
 std::string FindManager(const std::string& wanted)
 {
     if (!wanted.empty()) {
         return wanted;
     }
-    const auto folder = std::filesystem::path(OwnFolder());
+    std::error_code error;
+    const auto folder = std::filesystem::read_symlink("/proc/self/exe", error).parent_path();
     const std::string beside = folder / "samgrd";
     return access(beside.c_str(), X_OK) == 0 ? beside : std::string(folder.parent_path() / "libexec" / "samgrd");
 }

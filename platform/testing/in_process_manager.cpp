@@ -7,7 +7,7 @@
 
 namespace VEXA {
 
-// What these two replace ends after the mutex is free: its end may run a test's code.
+// The object that either replaces is destroyed after the mutex is free, because its destructor may run a test's code.
 void ScriptedManager::SetRunning(int32_t id, const sptr<IRemoteObject>& object)
 {
     sptr<IRemoteObject> swapped = object;
@@ -102,17 +102,21 @@ sptr<IRemoteObject> ScriptedManager::LoadSystemAbility(int32_t systemAbilityId, 
 int32_t ScriptedManager::LoadSystemAbility(int32_t systemAbilityId, const sptr<ISystemAbilityLoadCallback>& callback)
 {
     Record({Operation::LOAD_ASYNC, systemAbilityId, 0});
-    {
-        MutexLock lock(mutex_);
-        if (asyncResult_ != SAMGR_OK) {
-            return asyncResult_;
-        }
-        if (hold_) {
-            held_.push_back({systemAbilityId, callback});
-            return SAMGR_OK;
-        }
+    MutexLock lock(mutex_);
+    if (asyncResult_ != SAMGR_OK) {
+        return asyncResult_;
     }
-    Deliver({{systemAbilityId, callback}});
+    if (hold_) {
+        held_.push_back({systemAbilityId, callback});
+        return SAMGR_OK;
+    }
+    deliveries_.emplace_back([this, systemAbilityId, callback] {
+        if (const auto object = Start(systemAbilityId); object != nullptr) {
+            callback->OnLoadSystemAbilitySuccess(systemAbilityId, object);
+        } else {
+            callback->OnLoadSystemAbilityFail(systemAbilityId);
+        }
+    });
     return SAMGR_OK;
 }
 
@@ -155,20 +159,6 @@ void ScriptedManager::Record(const Call& call)
 {
     MutexLock lock(mutex_);
     calls_.push_back(call);
-}
-
-void ScriptedManager::Deliver(std::vector<PendingLoad> loads)
-{
-    MutexLock lock(mutex_);
-    deliveries_.emplace_back([this, loads = std::move(loads)] {
-        for (const auto& load : loads) {
-            if (const auto object = Start(load.id); object != nullptr) {
-                load.callback->OnLoadSystemAbilitySuccess(load.id, object);
-            } else {
-                load.callback->OnLoadSystemAbilityFail(load.id);
-            }
-        }
-    });
 }
 
 InProcessManager::InProcessManager() : manager_(sptr<ScriptedManager>::MakeSptr())

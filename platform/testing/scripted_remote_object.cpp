@@ -38,7 +38,13 @@ void ScriptedRemoteObject::SetHandler(Handler handler)
 void ScriptedRemoteObject::QueueAnswer(int32_t result, std::vector<std::string> texts)
 {
     MutexLock lock(mutex_);
-    answers_.push_back({result, std::move(texts)});
+    answers_.push_back(
+        [result, texts = std::move(texts)](uint32_t, MessageParcel&, MessageParcel& reply, MessageOption&) {
+            for (const auto& text : texts) {
+                reply.WriteString(text);
+            }
+            return result;
+        });
 }
 
 std::vector<ScriptedRemoteObject::Request> ScriptedRemoteObject::Requests() const
@@ -100,14 +106,9 @@ ScriptedRemoteObject::Handler ScriptedRemoteObject::NextHandler()
     if (answers_.empty()) {
         return handler_;
     }
-    Answer answer = std::move(answers_.front());
+    Handler answer = std::move(answers_.front());
     answers_.pop_front();
-    return [answer = std::move(answer)](uint32_t, MessageParcel&, MessageParcel& reply, MessageOption&) {
-        for (const auto& text : answer.texts) {
-            reply.WriteString(text);
-        }
-        return answer.result;
-    };
+    return answer;
 }
 
 int32_t ScriptedRemoteObject::SendRequest(

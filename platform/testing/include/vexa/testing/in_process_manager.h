@@ -72,7 +72,6 @@ private:
     // The running object, else the loadable one, which is running from now on.
     sptr<IRemoteObject> Start(int32_t id);
     void Record(const Call& call);
-    void Deliver(std::vector<PendingLoad> loads);
 
     mutable Mutex mutex_{LockRank::TestManager};
     Objects running_ VEXA_GUARDED_BY(mutex_);

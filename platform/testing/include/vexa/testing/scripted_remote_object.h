@@ -65,17 +65,12 @@ public:
     bool IsObjectDead() const override;
 
 private:
-    struct Answer {
-        int32_t result;
-        std::vector<std::string> texts;
-    };
-
     // The handler of the next request: a queued answer, the set handler, or one that refuses for the dead.
     Handler NextHandler() VEXA_REQUIRES(mutex_);
 
     mutable Mutex mutex_{LockRank::TestObject};
     Handler handler_ VEXA_GUARDED_BY(mutex_);
-    std::deque<Answer> answers_ VEXA_GUARDED_BY(mutex_);
+    std::deque<Handler> answers_ VEXA_GUARDED_BY(mutex_);
     std::vector<Request> requests_ VEXA_GUARDED_BY(mutex_);
     std::vector<sptr<DeathRecipient>> recipients_ VEXA_GUARDED_BY(mutex_);
     std::vector<std::thread> lateNotices_ VEXA_GUARDED_BY(mutex_);
