@@ -47,6 +47,7 @@ template <typename Record>
 void Print(const std::vector<Record>& list)
 {
     std::vector<Fields> rows;
+    rows.reserve(list.size());
     for (const Record& record : list) {
         rows.push_back(ToFields(record));
     }
