@@ -177,8 +177,7 @@ bool CallbackHub::Remove(Receivers<Item>& receivers, const Key& key, const IRemo
 bool CallbackHub::AddProgress(
     pid_t process, const sptr<IRemoteObject>& object, const Introduce<TaskProgress>& introduce)
 {
-    const auto deliver = [this, object](
-                             std::vector<TaskProgress> tasks) { return DeliverProgress(object, std::move(tasks)); };
+    const auto deliver = [this, object](auto tasks) { return DeliverProgress(object, std::move(tasks)); };
     return Add(&CallbackHub::progressReceivers_, Key(process, ""), object, deliver, introduce);
 }
 
@@ -204,8 +203,7 @@ void CallbackHub::RemoveProgress(pid_t process)
 bool CallbackHub::AddObserver(pid_t process, const std::string& caller, const sptr<IRemoteObject>& object,
     const Introduce<RestoreEventInfo>& introduce)
 {
-    const auto deliver = [object](
-                             const std::vector<RestoreEventInfo>& events) { return DeliverRestores(object, events); };
+    const auto deliver = [object](const auto& events) { return DeliverRestores(object, events); };
     return Add(&CallbackHub::observers_, Key(process, caller), object, deliver, introduce);
 }
 

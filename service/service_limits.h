@@ -8,11 +8,11 @@
 namespace VEXA::UpdateEngine {
 
 // Bytes of a manifest. A package with a larger one can't be migrated.
-inline constexpr size_t kMaxManifestBytes = 1024 * 1024;
+inline constexpr size_t kMaxManifestBytes = size_t{1024} * 1024;
 // Levels of directories in a package: every level holds two descriptors while it is copied.
 inline constexpr int kMaxTreeDepth = 200;
 // Bytes copied at once, so that a copy can be stopped and its progress be told.
-inline constexpr size_t kPieceBytes = 256 * 1024;
+inline constexpr size_t kPieceBytes = size_t{256} * 1024;
 // The longest sleep of a worker or a receiver's thread that has nothing to do.
 inline constexpr std::chrono::milliseconds kIdle = std::chrono::seconds(1);
 // How long the start waits for another process that uses the state.

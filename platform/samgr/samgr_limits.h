@@ -43,7 +43,7 @@ inline constexpr std::chrono::milliseconds kMaxDelay = std::chrono::milliseconds
 inline constexpr std::chrono::milliseconds kForgetDeaths = std::chrono::seconds(10);
 
 // Bytes of a profile. A larger file is left out.
-inline constexpr size_t kMaxProfileBytes = 64 * 1024;
+inline constexpr size_t kMaxProfileBytes = size_t{64} * 1024;
 // How long a program may take to register, unless its profile says otherwise.
 inline constexpr std::chrono::milliseconds kStartTimeout = std::chrono::seconds(5);
 // The longest time that a profile may say, because its callers must hear of a program that hangs.
