@@ -7,10 +7,10 @@
 
 #include "native_migrate/migrate_protocol.h"
 #include "support/processes.h"
-#include "wire.h"
 #include "vexa/ipc/ipc_object_stub.h"
 #include "vexa/ipc/message_parcel.h"
 #include "vexa/samgr/system_ability_manager_client.h"
+#include "wire.h"
 
 namespace VEXA::bench {
 namespace {

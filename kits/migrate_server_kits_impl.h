@@ -63,7 +63,8 @@ private:
 
     RegistrationOverlap registrations_;
     sptr<IMigrateCallBack> progressCallback_ VEXA_GUARDED_BY(callbackMutex_);
-    Mutex callbackMutex_{LockRank::KitsCallback};  // never held across a request, or while the reference to a callback is dropped
+    Mutex callbackMutex_{
+        LockRank::KitsCallback};  // never held across a request, or while the reference to a callback is dropped
     // The last member: it withdraws the watch over the service before the callback goes.
     MigrateServiceConnection connection_;
 };
