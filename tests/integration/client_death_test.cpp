@@ -46,11 +46,10 @@ TEST(ClientDeath, ARequestInTheInstantOfADeathReachesTheNextInstance)
         const Peer peer;
         const sptr<CallAtDeath> watch(new CallAtDeath);
         ASSERT_TRUE(peer.Object() != nullptr && peer.Object()->AddDeathRecipient(watch)) << round;
-        kill(pid, SIGKILL);
+        ASSERT_TRUE(pid > 0 && kill(pid, SIGKILL) == 0) << round;
         ASSERT_TRUE(Eventually([&] { return watch->next != 0; })) << round;
         pid = watch->next;
-        ASSERT_GT(pid, 0) << round;
-        ASSERT_TRUE(instances.insert(pid).second) << round;
+        ASSERT_TRUE(pid > 0 && instances.insert(pid).second) << round;
     }
 }
 
@@ -64,7 +63,8 @@ TEST(ClientDeath, OnAndOffWhileTheServiceComesBackAreTheLastWord)
         ASSERT_EQ(Kits().On(CountInto(earlier)), 0);
         const Peer before;
         lines.Clear();
-        kill(before.Ask(PEER_PID), SIGKILL);
+        const pid_t pid = before.Ask(PEER_PID);
+        ASSERT_TRUE(pid > 0 && kill(pid, SIGKILL) == 0);
         ASSERT_TRUE(Eventually([&] { return CountLines(lines, "GetService recreate service instance") == 1; }));
         const bool isOn = round % 2 == 0;
         ASSERT_EQ(isOn ? Kits().On(CountInto(later)) : Kits().Off(), 0);

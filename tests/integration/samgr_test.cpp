@@ -204,7 +204,7 @@ TEST_F(Samgr, ServicesOutliveAKilledManagerAndRegisterWithTheNext)
     callers.clear();  // waits for them
     SetUp();
     EXPECT_TRUE(Eventually([&] { return PidOf(manager_->CheckSystemAbility(kService)) == service; }));
-    kill(service, SIGKILL);
+    EXPECT_TRUE(service > 0 && kill(service, SIGKILL) == 0);
 }
 
 TEST_F(Samgr, AnOrderlyStopEndsTheProgramsAndASecondManagerIsRefused)
