@@ -319,6 +319,7 @@ TEST_F(IpcPeers, ADeathEndsWhatLivedOffTheProcess)
     Stranger mute = Meet(true);
     const sptr<Peer> peer = peers_.KnownPeer(stranger.id);
     const UniqueFd second = Say(Hello(stranger.id));
+    const UniqueFd half = Say(Hello(0x1234).substr(0, 50));
     const sptr<CountingStub> held(new CountingStub);
     const ObjectId id = peers_.AddHolder(held, stranger.id);
     SocketPair ends;
