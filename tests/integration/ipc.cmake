@@ -2,9 +2,7 @@
 # The transport between real processes. The programs hold the transport's objects, so that its tables can be asked.
 nm_test_program(ipc_peer SOURCES ipc_peer.cpp USES vexa_ipc)
 set_target_properties(ipc_peer PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/tests/bin")
-foreach(area requests objects)
-    nm_test(ipc_${area}_test SOURCES ipc_${area}_test.cpp USES vexa_ipc PROGRAMS ipc_peer LABELS integration)
-endforeach()
+nm_test(ipc_processes_test SOURCES ipc_processes_test.cpp USES vexa_ipc PROGRAMS ipc_peer LABELS integration)
 
 # By how much a process may grow over many passes. AddressSanitizer keeps up to 256 MiB of freed memory from being used
 # again, and ThreadSanitizer's own books grow with each new object; without them it is for the allocator's arenas.
@@ -12,4 +10,4 @@ set(slack_mebibytes 4)
 if(NM_SANITIZE)
     set(slack_mebibytes 256)
 endif()
-target_compile_definitions(ipc_objects_test PRIVATE SLACK_MEBIBYTES=${slack_mebibytes})
+target_compile_definitions(ipc_processes_test PRIVATE SLACK_MEBIBYTES=${slack_mebibytes})

@@ -20,10 +20,9 @@ int main(int argc, char** argv)
             return 1;
         }
     } else if (!Eventually([] { return GetContextObject() != nullptr; }) ||
-               Call(GetContextObject(), PASS).Text(argv[1]).Object(object).Send() != 0) {
+               Call(GetContextObject(), KEEP, argv[1], object).Send() != 0) {
         return 1;
     }
-    for (;;) {
-        pause();
+    for (;; pause()) {
     }
 }

@@ -55,9 +55,12 @@ public:
         }
     }
 
-    // Everybody lets go of everything, and dies.
+    // Everybody lets go of everything, and dies. After a failure nothing is certain, so nothing is done.
     void End()
     {
+        if (!failure_.empty()) {
+            return;
+        }
         Quiet(*now_[0]);
         for (Life* life : now_) {
             Objects().swap(life->held);
@@ -202,6 +205,9 @@ private:
     }
     void Free(size_t object)
     {
+        if (!failure_.empty()) {
+            return;
+        }
         Home(object).stubs.erase(object);
         bool isHeld = false;
         for (const Life* life : now_) {

@@ -1,0 +1,264 @@
+// SPDX-License-Identifier: Apache-2.0
+// What only real processes show of the transport: death, exit, fork and stops, memory, nesting, many threads at once.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <fstream>
+#include <latch>
+#include <thread>
+
+#include "remote_proxy.h"
+#include "runtime_paths.h"
+#include "support/processes.h"
+#include "support/test_object.h"
+
+namespace VEXA::test {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+class CountingRecipient : public IRemoteObject::DeathRecipient {
+public:
+    std::atomic<int> count{0};
+    std::atomic<const IRemoteObject*> of{nullptr};
+    void OnRemoteDied(const wptr<IRemoteObject>& object) override
+    {
+        of = object.Promote().GetRefPtr();
+        ++count;
+    }
+};
+
+struct Node {
+    ChildProcess process;
+    sptr<IRemoteObject> object;
+};
+
+// A hub process, and as many more as a test asks for.
+class IpcProcesses : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        static const TestRuntime runtime;
+        hubProcess_ = ChildProcess({BesideMe("ipc_peer"), "hub"});
+        ASSERT_TRUE(Eventually([this] {
+            hub_ = GetContextObject();
+            return hub_ != nullptr && Call(hub_, ADD_ONE, 1).Answer() == 2;
+        }));
+    }
+    Node Start(const std::string& name)
+    {
+        Node node{ChildProcess({BesideMe("ipc_peer"), name}), nullptr};
+        EXPECT_TRUE(Eventually([&] {
+            node.object = Call(hub_, GIVE, name).AnswerObject();
+            return node.object != nullptr && !node.object->IsObjectDead();
+        }));
+        return node;
+    }
+
+    ChildProcess hubProcess_;
+    sptr<IRemoteObject> hub_;
+    const sptr<IRemoteObject> mine_{new TestObject};
+};
+
+// It has connections to accept and grants to read by which the calls are rightful, in an order of its own.
+TEST_F(IpcProcesses, AnOwnerThatWasStoppedTakesEveryCallOfANewHolder)
+{
+    Node owner = Start("owner");
+    const Node giver = Start("giver");
+    ASSERT_EQ(Call(giver.object, KEEP, "owner", owner.object).Send(), 0);
+    const std::string path = ipc::EndpointPath(static_cast<ipc::RemoteProxy&>(*owner.object).Owner()->Id());
+    ASSERT_TRUE(owner.process.Stop());
+    owner.object = nullptr;
+    const std::array others{ipc::ConnectTo(path), ipc::ConnectTo(path), ipc::ConnectTo(path)};
+    const sptr<IRemoteObject> object = Call(giver.object, GIVE, "owner").AnswerObject();
+    ASSERT_NE(object, nullptr);
+    EXPECT_EQ(Call(object, KEEP, "mine", mine_).Send(MessageOption(MessageOption::TF_ASYNC)), 0);
+    int32_t answer = 0;
+    std::thread calling([&] { answer = Call(object, ADD_ONE, 1).Answer(); });
+    owner.process.Signal(SIGCONT);
+    calling.join();
+    EXPECT_EQ(answer, 2);
+    EXPECT_TRUE(Eventually([&] { return Call(object, GIVE, "mine").AnswerObject() == mine_; }));
+}
+
+TEST_F(IpcProcesses, PassesLeaveNothingBehind)
+{
+    constexpr int64_t kSlackBytes = int64_t{SLACK_MEBIBYTES} << 20;
+    const Node node = Start("node");
+    const std::array pids{node.process.Pid(), hubProcess_.Pid(), getpid()};
+    std::array<int64_t, 3> before{};
+    for (const int count : {2000, 25'000}) {
+        for (int i = 0; i < count; ++i) {
+            ASSERT_EQ(Call(node.object, KEEP, "", mine_).Send(), 0);
+            ASSERT_EQ(Call(node.object, GIVE, "").AnswerObject(), mine_);
+            ASSERT_EQ(Call(hub_, KEEP, "", Call(node.object, MAKE_NEW).AnswerObject()).Send(), 0);
+        }
+        for (size_t i = 0; i < pids.size(); ++i) {
+            int64_t all = 0;
+            int64_t resident = 0;
+            std::ifstream("/proc/" + std::to_string(pids[i]) + "/statm") >> all >> resident;
+            resident *= sysconf(_SC_PAGESIZE);
+            EXPECT_TRUE(before[i] == 0 || resident < before[i] + kSlackBytes) << resident - before[i] << " in " << i;
+            before[i] = resident;
+        }
+    }
+}
+
+TEST_F(IpcProcesses, RequestsEndAtOnceWithTheProcess)
+{
+    std::vector<std::chrono::duration<double>> waits;
+    for (const int how : {SIGABRT, 0, SIGKILL, SIGKILL, SIGKILL, SIGKILL, SIGKILL}) {
+        const Node dying = Start("node");
+        const sptr<IRemoteObject>& node = dying.object;
+        const sptr<CountingRecipient> recipient(new CountingRecipient);
+        ASSERT_TRUE(node->AddDeathRecipient(recipient));
+        std::thread hanging([&] { EXPECT_EQ(Call(node, HANG).Send(), IPC_DEAD_OBJECT); });
+        const auto start = Clock::now();
+        EXPECT_EQ(Call(node, DIE, how).Send(), IPC_DEAD_OBJECT);
+        hanging.join();
+        EXPECT_TRUE(Eventually([&] { return recipient->count == 1; }));
+        waits.emplace_back(Clock::now() - start);
+        EXPECT_EQ(recipient->of, node.GetRefPtr());
+        EXPECT_TRUE(node->IsObjectDead());
+        EXPECT_EQ(Call(node, ADD_ONE, 1).Send(), IPC_DEAD_OBJECT);
+    }
+    std::sort(waits.begin(), waits.end());
+    EXPECT_LT(waits[waits.size() / 2].count(), 0.1) << "the median, since the machine may be busy with other tests";
+    EXPECT_LT(waits.back().count(), 2);
+    EXPECT_FALSE(mine_->AddDeathRecipient(new CountingRecipient));
+}
+
+// A watch and its withdrawal race with the death: the recipient runs once or, if it was withdrawn, never.
+TEST_F(IpcProcesses, WatchesRaceWithDeath)
+{
+    for (int round = 0; round < 10; ++round) {
+        Node node = Start("node");
+        std::atomic<bool> stop{false};
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; ++t) {
+            threads.emplace_back([&] {
+                while (!stop) {
+                    const sptr<CountingRecipient> recipient(new CountingRecipient);
+                    node.object->AddDeathRecipient(recipient);
+                    const int runs = node.object->RemoveDeathRecipient(recipient) ? 0 : 1;
+                    EXPECT_TRUE(Eventually([&] { return recipient->count == runs; })) << runs;
+                }
+            });
+        }
+        node.process.Kill();
+        ASSERT_TRUE(Eventually([&] { return node.object->IsObjectDead(); }));
+        stop = true;
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+    }
+}
+
+// A thread stays with a caller only while another is left for the rest.
+TEST_F(IpcProcesses, BusyCallersGetTheirOwnAnswersAndDoNotKeepTheLastThread)
+{
+    ASSERT_EQ(Call(hub_, LIMIT, 2).Send(), 0);
+    std::latch served(8);
+    std::vector<std::thread> callers;
+    for (int caller = 0; caller < 8; ++caller) {
+        callers.emplace_back([&, number = caller * 10000] {
+            for (int i = 0; i < 2000 || !served.try_wait(); ++i) {
+                EXPECT_EQ(
+                    Call(hub_, ADD_ONE, number + i).Answer(MessageOption(MessageOption::TF_SYNC, 2)), number + i + 1);
+                served.count_down(i == 0 ? 1 : 0);
+            }
+        });
+    }
+    for (std::thread& thread : callers) {
+        thread.join();
+    }
+}
+
+TEST_F(IpcProcesses, ResultsIdentityAndSizesComeThrough)
+{
+    for (const int32_t result : {0, 1, 1999, 2000, 2001, 2003, -1, INT32_MIN, INT32_MAX}) {
+        EXPECT_EQ(Call(hub_, RESULT, result).Send(), result);
+    }
+    EXPECT_EQ(Call(hub_, Code(9999)).Send(), IPC_UNKNOWN_REQUEST);
+    Call threw(hub_, THROW);
+    EXPECT_EQ(threw.Send(), IPC_HANDLER_THREW);
+    EXPECT_EQ(threw.Reply().GetDataSize(), 0U) << "half a reply";
+    Call who(hub_, WHO_CALLS);
+    EXPECT_EQ(who.Answer(), getpid());
+    EXPECT_EQ(who.Reply().ReadInt32(), static_cast<int32_t>(geteuid()));
+    // A string's length and its terminator take 8 bytes of the 16 MiB.
+    for (const size_t size : {0, 400, 500, 5000, 300'000, 16777216 - 8}) {
+        Call echo(hub_, ECHO, std::string(size, 'e'));
+        EXPECT_EQ(echo.Send(), 0) << size;
+        EXPECT_EQ(echo.Reply().ReadString().size(), size);
+    }
+}
+
+TEST_F(IpcProcesses, NestedCallsDoNotDeadlock)
+{
+    // Deeper than either pool's limit: those that wait don't count.
+    EXPECT_EQ(Call(hub_, NEST, 60, mine_).Answer(), 60);
+}
+
+TEST_F(IpcProcesses, AStoppedProcessCostsTheWaitTimeOnly)
+{
+    ASSERT_TRUE(hubProcess_.Stop());
+    const auto start = Clock::now();
+    EXPECT_EQ(Call(hub_, ADD_ONE, 1).Send(MessageOption(MessageOption::TF_SYNC, 1)), IPC_TIMED_OUT);
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(3));
+    hubProcess_.Signal(SIGCONT);
+    EXPECT_EQ(Call(hub_, ADD_ONE, 6).Answer(), 7) << "the late answer to the first is nobody's";
+}
+
+TEST_F(IpcProcesses, ForkedChildIsRefused)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        // Reports what went wrong by its exit code.
+        int code = Call(hub_, ADD_ONE, 1).Send() == IPC_FORKED ? 0 : 1;
+        code += GetContextObject() == nullptr ? 0 : 2;
+        code += hub_->AddDeathRecipient(new CountingRecipient) ? 4 : 0;
+        hub_.clear();
+        _exit(code);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(Call(hub_, ADD_ONE, 1).Answer(), 2);
+}
+
+TEST_F(IpcProcesses, LeavingWithRequestsUnderWayEndsQuickly)
+{
+    const auto start = Clock::now();
+    ChildProcess leaving({"/proc/self/exe", "--gtest_filter=LeavingProcess.*", "--gtest_also_run_disabled_tests"});
+    const int status = leaving.Wait();
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 33) << status;
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(20));
+}
+
+// Run by the test above, in a process that it starts.
+TEST(LeavingProcess, DISABLED_ExitsFromAnotherThread)
+{
+    // Runs after the transport's own handler, which takes the socket along.
+    std::atexit([] {
+        if (access(ipc::EndpointPath(ipc::IpcProcess::Get().Start()->Id()).c_str(), F_OK) == 0) {
+            _exit(34);
+        }
+    });
+    const sptr<IRemoteObject> hub = GetContextObject();
+    ASSERT_NE(hub, nullptr);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&] { Call(hub, HANG).Send(); });
+        threads.emplace_back([&] {
+            while (Call(hub, ADD_ONE, 1).Send() == 0) {
+            }
+        });
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    std::thread([] { std::exit(33); }).join();
+}
+
+}  // namespace
+}  // namespace VEXA::test
