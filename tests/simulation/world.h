@@ -40,10 +40,10 @@ public:
     void Step()
     {
         // Weights of a thousand. Whatever else may happen between two steps gets a line here.
-        static constexpr std::pair<size_t, void (World::*)(Life&)> kActs[] = {{390, &World::Deliver},
-            {150, &World::RunTasks}, {20, &World::TellDeath}, {130, &World::SendOneWay}, {60, &World::Drop},
-            {70, &World::BeginCall}, {104, &World::GoOnWithCall}, {24, &World::Meet}, {30, &World::WatchOrNot},
-            {10, &World::Stop}, {8, &World::Kill}, {4, &World::Quiet}};
+        static constexpr std::pair<size_t, void (World::*)(Life&)> kActs[] = {{350, &World::Deliver},
+            {130, &World::RunTasks}, {20, &World::TellDeath}, {260, &World::SendRequest}, {60, &World::Drop},
+            {104, &World::GoOnWithCall}, {24, &World::Meet}, {30, &World::WatchOrNot}, {10, &World::Stop},
+            {8, &World::Kill}, {4, &World::Quiet}};
         size_t left = draw_(1000);
         Life& at = *now_[draw_(3)];
         const auto* next = kActs;
@@ -55,17 +55,15 @@ public:
         }
     }
 
-    // Everybody lets go of everything, and dies. After a failure nothing is certain, so nothing is done.
+    // Everybody lets go of everything, and dies; after a failure at once.
     void End()
     {
-        if (!failure_.empty()) {
-            return;
+        for (int round = 0; round < 2 && failure_.empty(); ++round) {
+            Quiet(*now_[0]);
+            for (Life* life : now_) {
+                Objects().swap(life->held);
+            }
         }
-        Quiet(*now_[0]);
-        for (Life* life : now_) {
-            Objects().swap(life->held);
-        }
-        Quiet(*now_[0]);
         for (Life* life : now_) {
             Kill(*life);
         }
@@ -79,13 +77,13 @@ private:
     // One process from its start to its death, after which it has no transport.
     struct Life {
         size_t place;
-        std::unique_ptr<ipc::Transport> transport;
         ipc::EndpointId id;
+        std::map<size_t, Stub*> stubs{};  // those of its own objects that are not freed
+        std::unique_ptr<ipc::Transport> transport;
         Objects held{};                   // its own objects and others'
         std::set<size_t> leftBehind{};    // counted as held: a process died that had said so and was yet to give it
-        std::map<size_t, Stub*> stubs{};  // those of its own objects that are not freed
         std::set<const Life*> granted{};  // the processes that it may have told of new holders
-        std::vector<sptr<Watcher>> watchers{};
+        std::map<size_t, sptr<Watcher>> watchers{};  // of those that it holds
         uint64_t stoppedUntil = 0;
 
         ipc::PeerDirectory& Peers() const { return transport->Peers(); }
@@ -94,7 +92,7 @@ private:
     };
     struct Stub : IPCObjectStub {
         Stub(World& itsWorld, size_t itsNumber) : world(itsWorld), number(itsNumber) {}
-        ~Stub() override { world.Free(number); }
+        ~Stub() override { world.Home(number).stubs.erase(number); }
         int32_t OnRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& how) override
         {
             world.Arrive(number, code, data, how.IsOneWay() ? nullptr : &reply);
@@ -118,12 +116,12 @@ private:
     struct Sending {
         Life* from;
         Life* to;
-        size_t target;    // of a one-way request
-        uint32_t number;  // of a one-way request; later ones have larger numbers
-        std::vector<size_t> cargo{};
-        std::unique_ptr<MessageParcel> frame{};  // on a channel
+        std::unique_ptr<MessageParcel> frame = std::make_unique<MessageParcel>();  // on a channel, else null
         ipc::FrameHeader header{};
         std::function<void()> hasArrived{};  // tells the sender; holds what the sender does until then
+        std::vector<size_t> cargo{};
+        size_t target = 0;    // of a one-way request
+        uint32_t number = 0;  // of a one-way request; later ones have larger numbers
     };
 
     void Check(bool holds, const char* what)
@@ -136,10 +134,9 @@ private:
     void Begin(size_t place)
     {
         auto transport = std::make_unique<ipc::Transport>([](const char*, std::function<void()>) { return true; });
-        const ipc::EndpointId id = transport->Id();
         Check(transport->Start(), "a process can't start");
         transport->Loop().Turn(false);  // this thread is the reactor's
-        now_[place] = &lives_.emplace_back(Life{place, std::move(transport), id});
+        now_[place] = &lives_.emplace_back(Life{place, transport->Id(), {}, std::move(transport)});
     }
     void Stop(Life& at) { at.stoppedUntil = step_ + draw_(150); }
     void Deliver(Life& at) { at.transport->Loop().Turn(false, 1); }
@@ -152,27 +149,30 @@ private:
             const sptr<ipc::Peer> peer = at.Knows(*other);
             // What only this process has yet is not known here. And a process that never knew it does not believe it:
             // an object of that one's that it has passed on is then not the new holder's.
-            if ((peer && !peer->WaitLinkFlushed({})) ||
-                (other != &at && !other->Knows(at) && at.granted.contains(other))) {
+            if ((peer && !peer->WaitLinkFlushed({})) || (at.granted.contains(other) && !other->Knows(at))) {
                 return;
             }
         }
         // Its connections end, and it reaches nobody: what it would still say is not heard.
         const std::unique_ptr<ipc::Transport> transport = std::move(at.transport);
         const std::string directory = ipc::EndpointDirectory();
-        rename(directory.c_str(), (directory + "-").c_str());
+        const std::string away = directory + "-";
+        rename(directory.c_str(), away.c_str());
         for (int turn = 0; turn < 24; ++turn) {
             transport->Loop().CutAll();
             transport->Loop().Turn(false);
         }
-        rename((directory + "-").c_str(), directory.c_str());
+        rename(away.c_str(), directory.c_str());
         unlink(ipc::EndpointPath(at.id).c_str());
         std::erase_if(underWay_, [&](Sending& sending) {
-            if (sending.from == &at) {
-                sending.hasArrived = nullptr;
-            }
             const bool isLost = sending.to == &at || (sending.from == &at && !sending.to->Knows(at));
-            return isLost && (Lose(sending), true);
+            if (sending.from == &at) {
+                sending.hasArrived = [] {};
+            }
+            if (isLost) {
+                Lose(sending);
+            }
+            return isLost;
         });
         at.held.clear();
         at.watchers.clear();
@@ -196,27 +196,13 @@ private:
     Objects::value_type AnyOwn(Life& at)
     {
         if (at.stubs.empty() || draw_(2) == 0) {
-            const size_t number = homes_.size();
             homes_.push_back(&at);
-            at.held[number] = at.stubs[number] = new Stub(*this, number);
+            const sptr<Stub> made(new Stub(*this, homes_.size() - 1));
+            at.stubs[made->number] = made.GetRefPtr();
+            return {made->number, made};
         }
         const auto any = Any(at.stubs);
         return {any->first, sptr<IRemoteObject>(any->second)};
-    }
-    void Free(size_t object)
-    {
-        if (!failure_.empty()) {
-            return;
-        }
-        Home(object).stubs.erase(object);
-        bool isHeld = false;
-        for (const Life* life : now_) {
-            isHeld = isHeld || life->held.contains(object);
-        }
-        for (const Sending& sending : underWay_) {
-            isHeld = isHeld || (sending.from->transport && std::ranges::count(sending.cargo, object) > 0);
-        }
-        Check(!isHeld || !Home(object).transport, "an object that is held is freed");
     }
 
     // Another process is handed an object without a frame. Both connect.
@@ -239,7 +225,7 @@ private:
     void Drop(Life& at)
     {
         if (const auto any = Any(at.held); any != at.held.end()) {
-            std::erase_if(at.watchers, [&](const auto& watcher) { return watcher->object == any->first; });
+            at.watchers.erase(any->first);
             at.held.extract(any);
         }
     }
@@ -252,7 +238,7 @@ private:
             const auto* const held = draw_(3) > 0 ? AnyOfOthers(at) : nullptr;
             if (held == nullptr || Proxy(held->second).Owner()->WaitLinkFlushed({})) {
                 const auto [number, object] = held != nullptr ? *held : AnyOwn(at);
-                at.granted.insert(&Home(number));
+                at.granted.insert(held != nullptr ? &Home(number) : nullptr);
                 cargo.push_back(number);
                 parcel.WriteUint64(number);
                 parcel.WriteRemoteObject(object);
@@ -277,18 +263,34 @@ private:
         }
     }
 
-    void SendOneWay(Life& at)
+    void SendRequest(Life& at)
     {
-        if (const auto* const target = AnyOfOthers(at)) {
-            MessageParcel data;
-            MessageParcel reply;
-            MessageOption option(MessageOption::TF_ASYNC);
-            Sending sending{&at, &Home(target->first), target->first, ++number_, Load(at, data)};
-            const int32_t result = target->second->SendRequest(number_, data, reply, option);
-            if (sending.to->transport) {
-                Check(result == IPC_OK, "a living process can't be reached");
-                underWay_.push_back(std::move(sending));
-            }
+        const auto* const target = AnyOfOthers(at);
+        if (target == nullptr) {
+            return;
+        }
+        const auto& [number, object] = *target;
+        Sending sending{&at, &Home(number)};
+        // A channel needs a key, for which its caller waits.
+        const bool isCall = sending.to->transport && Proxy(object).Owner()->HasAnswered() && draw_(3) == 0;
+        sending.cargo = Load(at, *sending.frame);
+        if (isCall) {
+            const auto transfer = std::make_shared<ipc::ObjectTransfer>(at.Peers());
+            sending.header = ipc::MakeHeader(ipc::FrameKind::REQUEST, Proxy(object).Id());
+            sending.header.bytes = static_cast<uint32_t>(sending.frame->GetDataSize());
+            Check(transfer->Pack(*sending.frame, *Proxy(object).Owner(), sending.header), "a request can't be sent");
+            sending.hasArrived = [transfer, kept = object] { transfer->Commit(); };
+            return SendFrame(std::move(sending));
+        }
+        MessageParcel reply;
+        MessageOption option(MessageOption::TF_ASYNC);
+        const int32_t result = object->SendRequest(++number_, *sending.frame, reply, option);
+        Check(result == IPC_OK || !sending.to->transport, "a living process can't be reached");
+        if (sending.to->transport) {
+            sending.frame.reset();
+            sending.target = number;
+            sending.number = number_;
+            underWay_.push_back(std::move(sending));
         }
     }
     void Arrive(size_t object, uint32_t number, MessageParcel& data, MessageParcel* reply)
@@ -299,30 +301,16 @@ private:
             return;
         }
         const auto sent = std::ranges::find(underWay_, number, &Sending::number);
-        Check(sent != underWay_.end(), "a request arrives twice");
-        for (const Sending& other : underWay_) {
-            const bool isOfOne = other.from == sent->from && other.target == object && !other.frame;
-            Check(!isOfOne || other.number >= number, "a request arrives out of order");
+        if (sent == underWay_.end()) {
+            return Check(false, "a request arrives twice");
         }
+        const bool isNext = std::ranges::none_of(underWay_, [&](const Sending& other) {
+            return other.from == sent->from && other.target == object && !other.frame && other.number < number;
+        });
+        Check(isNext, "a request arrives out of order");
         underWay_.erase(sent);
     }
 
-    void BeginCall(Life& at)
-    {
-        const auto* const target = AnyOfOthers(at);
-        const sptr<ipc::Peer> peer = target != nullptr ? Proxy(target->second).Owner() : nullptr;
-        // A channel needs a key, for which its caller waits.
-        if (peer != nullptr && Home(target->first).transport && peer->HasAnswered()) {
-            const auto transfer = std::make_shared<ipc::ObjectTransfer>(at.Peers());
-            auto frame = std::make_unique<MessageParcel>();
-            ipc::FrameHeader header = ipc::MakeHeader(ipc::FrameKind::REQUEST, Proxy(target->second).Id());
-            std::vector<size_t> cargo = Load(at, *frame);
-            header.bytes = static_cast<uint32_t>(frame->GetDataSize());
-            Check(transfer->Pack(*frame, *peer, header), "a request can't be sent");
-            SendFrame({&at, &Home(target->first), 0, 0, std::move(cargo), std::move(frame), header,
-                [transfer, target = target->second] { transfer->Commit(); }});
-        }
-    }
     void SendFrame(Sending sending)
     {
         // Bytes travel, not objects.
@@ -348,41 +336,40 @@ private:
         if (!sender || !arrives) {
             return Lose(sending);
         }
-        const auto serving = std::make_shared<ipc::PeerRequests>(to.Peers(), sender);
-        Sending reply{&to, sending.from, 0, 0, {}, std::make_unique<MessageParcel>()};
-        const bool isRequest = sending.header.kind == ipc::FrameKind::REQUEST;
-        if (isRequest) {
-            Check(serving->Answer(*sending.frame, sending.header, *reply.frame), "a request is not answered");
-            reply.header = ipc::HeaderOf(*reply.frame);
-            Check(reply.header.code == 0, "a holder is refused");
-            reply.cargo = std::move(replyCargo_);
-            reply.hasArrived = [serving] { serving->OnLastReplyRead(); };
-        } else {
+        if (sending.header.kind == ipc::FrameKind::REPLY) {
             AwaitGrants(to.Peers(), *sending.frame, sending.header, *sender);
             Check(UnpackObjects(to.Peers(), *sending.frame, sending.header, sender).isSound, "a reply is refused");
             Unload(to, *sending.frame);
+            return sending.hasArrived();
         }
-        // Nobody hears the reply to a dead process.
-        if (sending.hasArrived) {
-            sending.hasArrived();
-            if (isRequest) {
-                SendFrame(std::move(reply));
-            }
+        const auto serving = std::make_shared<ipc::PeerRequests>(to.Peers(), sender);
+        Sending reply{&to, sending.from};
+        Check(serving->Answer(*sending.frame, sending.header, *reply.frame), "a request is not answered");
+        reply.header = ipc::HeaderOf(*reply.frame);
+        Check(reply.header.code == 0, "a holder is refused");
+        reply.cargo = std::move(replyCargo_);
+        reply.hasArrived = [serving] { serving->OnLastReplyRead(); };
+        sending.hasArrived();
+        if (sending.from->transport) {
+            SendFrame(std::move(reply));
         }
     }
 
     void WatchOrNot(Life& at)
     {
-        const auto* const object = draw_(3) > 0 ? AnyOfOthers(at) : nullptr;
-        if (object != nullptr) {
-            at.watchers.push_back(sptr<Watcher>(new Watcher(*this, object->first)));
-            Check(object->second->AddDeathRecipient(at.watchers.back()), "a recipient is refused");
-        } else if (const auto any = Any(at.watchers); any != at.watchers.end()) {
-            const sptr<Watcher> watcher = *any;
-            at.watchers.erase(any);
-            const bool isRemoved = at.held[watcher->object]->RemoveDeathRecipient(watcher);
+        const auto* const held = AnyOfOthers(at);
+        if (held == nullptr) {
+            return;
+        }
+        sptr<Watcher>& watcher = at.watchers[held->first];
+        if (watcher == nullptr) {
+            watcher = new Watcher(*this, held->first);
+            Check(held->second->AddDeathRecipient(watcher), "a recipient is refused");
+        } else {
+            const bool isRemoved = held->second->RemoveDeathRecipient(watcher);
             Check(isRemoved == (watcher->told == 0), "a recipient that waits can't be removed");
             watcher->told = 1;
+            watcher = nullptr;
         }
     }
 
@@ -435,25 +422,24 @@ private:
             Check(!peer || (peer->Credit().Take(kAll) && peer->Credit().GiveBack(1, kAll)), "credit is lost");
         }
         for (const auto& [number, object] : at.held) {
-            if (!Home(number).transport) {
-                ipc::Peer& owner = *Proxy(object).Owner();
-                const bool isKnown = owner.Dead() && (!owner.HasAnswered() || at.Peers().HasDied(owner.Id()));
-                Check(isKnown, "a dead process is not known as dead");
-            }
+            const bool isAlive = Home(number).transport != nullptr;
+            Check(!isAlive || Home(number).stubs.contains(number), "an object that is held is freed");
+            const sptr<Watcher>& watcher = at.watchers[number];
+            Check(!watcher || watcher->told == (isAlive ? 0 : 1), "a recipient is not told");
+            const sptr<ipc::Peer> owner = isAlive ? nullptr : Proxy(object).Owner();
+            const bool isKnown =
+                !owner || (owner->Dead() && (!owner->HasAnswered() || at.Peers().HasDied(owner->Id())));
+            Check(isKnown, "a dead process is not known as dead");
         }
-        std::erase_if(at.watchers, [&](const auto& watcher) {
-            Check(watcher->told == (Home(watcher->object).transport ? 0 : 1), "a recipient is not told");
-            return watcher->told > 0;
-        });
     }
 
     const std::function<size_t(size_t)> draw_;
     std::string failure_;
     uint64_t step_ = 0;
     uint32_t number_ = 0;
-    std::deque<Life> lives_;
     std::array<Life*, 3> now_{};
     std::vector<Life*> homes_;  // by objects
+    std::deque<Life> lives_;
     std::vector<Sending> underWay_;
     std::vector<size_t> replyCargo_;
 };

@@ -11,35 +11,28 @@ namespace {
 
 TEST(ObjectTableTest, LivesByItsHoldersAndNotByTheirDebts)
 {
-    constexpr EndpointId GIVER = 1;
-    constexpr EndpointId TAKER = 2;
     ObjectTable table;
     sptr<IRemoteObject> object(new IPCObjectStub);
-    const ObjectId id = table.AddHolder(object, GIVER);
-    EXPECT_EQ(table.AddHolder(object, GIVER), id);
-    EXPECT_EQ(table.Find(id, TAKER), nullptr);
-
-    // A release overtakes the grant that it answers.
-    for (const int32_t count : {-1, 1, 1}) {
-        EXPECT_EQ(table.Find(id, TAKER), nullptr);
-        EXPECT_EQ(table.Adjust(id, TAKER, count), nullptr);
+    const ObjectId id = table.AddHolder(object, 1);
+    EXPECT_EQ(table.AddHolder(object, 1), id);
+    // Whose count changes by how much, and who then holds the object. The second's release overtakes a grant; the
+    // third's debt keeps nothing alive, and goes with the object.
+    const std::tuple<EndpointId, int64_t, std::string> rows[] = {
+        {2, -1, "1"}, {2, 1, "1"}, {2, 1, "12"}, {1, -1, "12"}, {1, -1, "2"}, {3, -1, "2"}, {2, -1, ""}};
+    for (const auto& [holder, difference, holders] : rows) {
+        EXPECT_EQ(table.Adjust(id, holder, difference), holders.empty() ? object : nullptr) << holder << holders;
+        std::string found;
+        for (const EndpointId each : {1, 2, 3}) {
+            found += table.Find(id, each) == object ? std::to_string(each) : "";
+        }
+        EXPECT_EQ(found, holders);
     }
-    EXPECT_EQ(table.Find(id, TAKER), object);
-
-    EXPECT_EQ(table.Adjust(id, GIVER, -1), nullptr);
-    EXPECT_EQ(table.Find(id, GIVER), object) << "it has been handed the object twice";
-    EXPECT_EQ(table.Adjust(id, GIVER, -1), nullptr);
-    EXPECT_EQ(table.Find(id, TAKER), object);
-    // A debt of a third keeps nothing alive, and goes with the object.
-    EXPECT_EQ(table.Adjust(id, 3, -1), nullptr);
-    EXPECT_EQ(table.Adjust(id, TAKER, -1), object);
     EXPECT_EQ(table.Size(), 0U);
     EXPECT_TRUE(table.DropHolder(3).empty());
 
-    const ObjectId again = table.AddHolder(object, TAKER);
-    EXPECT_NE(again, id) << "a number is never used again";
-    EXPECT_EQ(table.Adjust(id, TAKER, -1), nullptr) << "nor is it another's";
-    EXPECT_EQ(table.DropHolder(TAKER), std::vector<sptr<IRemoteObject>>{object});
+    EXPECT_NE(table.AddHolder(object, 2), id) << "a number is never used again";
+    EXPECT_EQ(table.Adjust(id, 2, -1), nullptr) << "nor is it another's";
+    EXPECT_EQ(table.DropHolder(2), std::vector<sptr<IRemoteObject>>{object});
     EXPECT_EQ(table.Size(), 0U);
     table.SetContextObject(object);
     EXPECT_EQ(table.Find(0, 4), object) << "everybody's";
@@ -183,11 +176,11 @@ TEST(DeathNotifierTest, TellsOfOneProcessInOrderAndNoRecipientTwiceAtATime)
 
 class Slow : public IRemoteObject::DeathRecipient {
 public:
-    std::latch begun{1};
-    std::latch over{1};
+    static inline std::atomic<int> begun{0};
+    static inline std::latch over{1};
     void OnRemoteDied(const wptr<IRemoteObject>&) override
     {
-        begun.count_down();
+        ++begun;
         over.wait();
     }
 };
@@ -196,17 +189,13 @@ TEST(DeathNotifierTest, EightThatTakeLongHoldUpTheRest)
 {
     // Its threads outlive the test.
     static DeathNotifier& notifier = *new DeathNotifier(&StartThread);
-    std::vector<sptr<Slow>> slow;
     for (EndpointId process = 1; process <= 9; ++process) {
-        notifier.Post(process, nullptr, slow.emplace_back(new Slow));
+        notifier.Post(process, nullptr, new Slow);
     }
-    for (size_t i = 0; i < 9; ++i) {
-        EXPECT_EQ(Eventually([&] { return slow[i]->begun.try_wait(); }, i < 8 ? 20s : 100ms), i < 8) << i;
-    }
-    for (const sptr<Slow>& recipient : slow) {
-        recipient->over.count_down();
-    }
-    EXPECT_TRUE(Eventually([&] { return slow[8]->begun.try_wait(); }));
+    EXPECT_TRUE(Eventually([] { return Slow::begun == 8; }));
+    EXPECT_FALSE(Eventually([] { return Slow::begun != 8; }, 100ms));
+    Slow::over.count_down();
+    EXPECT_TRUE(Eventually([] { return Slow::begun == 9; }));
 }
 
 }  // namespace

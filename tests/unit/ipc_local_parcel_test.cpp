@@ -21,7 +21,7 @@ std::string Bytes(const Parcel& parcel)
     return {reinterpret_cast<const char*>(ParcelAccess::Data(parcel)), parcel.GetDataSize()};
 }
 
-// Puts all of `bytes` into the storage but declares `size` of them: a reader that goes beyond finds true bytes there.
+// Puts all of `bytes` into the storage but declares `size` of them.
 void Fill(Parcel& parcel, const std::string& bytes, size_t size)
 {
     ASSERT_TRUE(ParcelAccess::ReserveTotal(parcel, bytes.size()));
@@ -29,15 +29,14 @@ void Fill(Parcel& parcel, const std::string& bytes, size_t size)
     ParcelAccess::SetSize(parcel, size);
 }
 
-struct Pair : Parcelable {
-    int32_t a = 0;
-    std::string b;
+struct Text : Parcelable {
+    std::string text;
 
-    bool Marshalling(Parcel& parcel) const override { return parcel.WriteInt32(a) && parcel.WriteString(b); }
-    static Pair* Unmarshalling(Parcel& parcel)
+    bool Marshalling(Parcel& parcel) const override { return parcel.WriteString(text); }
+    static Text* Unmarshalling(Parcel& parcel)
     {
-        auto pair = std::make_unique<Pair>();
-        return parcel.ReadInt32(pair->a) && parcel.ReadString(pair->b) ? pair.release() : nullptr;
+        auto made = std::make_unique<Text>();
+        return parcel.ReadString(made->text) ? made.release() : nullptr;
     }
 };
 
@@ -60,20 +59,6 @@ Golden Value(const char* name, const std::string& bytes, bool (Parcel::*write)(A
         }};
 }
 
-bool WritePair(Parcel& parcel)
-{
-    Pair pair;
-    pair.a = 7;
-    pair.b = "x";
-    return parcel.WriteParcelable(&pair);
-}
-
-bool ReadPair(Parcel& parcel)
-{
-    const auto pair = parcel.ReadParcelable<Pair>();
-    return pair != nullptr && pair->a == 7 && pair->b == "x";
-}
-
 const Golden GOLDENS[] = {
     Value("bool", "\1\0\0\0"s, &Parcel::WriteBool, &Parcel::ReadBool, true),
     Value("int32", "\xFE\xFF\xFF\xFF"s, &Parcel::WriteInt32, &Parcel::ReadInt32, -2),
@@ -88,49 +73,43 @@ const Golden GOLDENS[] = {
     Value("zero inside", "\3\0\0\0a\0b\0"s, &Parcel::WriteString, &Parcel::ReadString, "a\0b"s),
     Value("1 unit", "\1\0\0\0\xAC\x20\0\0"s, &Parcel::WriteString16, &Parcel::ReadString16, u"\u20AC"s),
     Value("2 units", "\2\0\0\0H\0i\0\0\0\0\0"s, &Parcel::WriteString16, &Parcel::ReadString16, u"Hi"s),
-    {"parcelable", "\1\0\0\0\7\0\0\0\1\0\0\0x\0\0\0"s, &WritePair, &ReadPair},
+    {"parcelable", "\1\0\0\0\1\0\0\0x\0\0\0"s,
+        [](Parcel& parcel) {
+            Text text;
+            text.text = "x";
+            return parcel.WriteParcelable(&text);
+        },
+        [](Parcel& parcel) {
+            const auto text = parcel.ReadParcelable<Text>();
+            return text != nullptr && text->text == "x";
+        }},
     {"no parcelable", "\0\0\0\0"s, [](Parcel& parcel) { return parcel.WriteParcelable(nullptr); },
-        [](Parcel& parcel) { return parcel.GetReadableBytes() == 4 && parcel.ReadParcelable<Pair>() == nullptr; }},
+        [](Parcel& parcel) { return parcel.GetReadableBytes() == 4 && parcel.ReadParcelable<Text>() == nullptr; }},
     {"any truth", "\0\1\0\0"s, [](Parcel& parcel) { return parcel.WriteUint32(0x100); },
         [](Parcel& parcel) { return parcel.ReadBool(); }},
 };
 
-TEST(ParcelValues, HaveTheirBytesAndReadBack)
+// Each behind another value, with room for one byte more each time; read from as many of its bytes.
+TEST(Parcel, ValuesAreWrittenAndReadWholeOrNotAtAll)
 {
-    for (const Golden& golden : GOLDENS) {
-        SCOPED_TRACE(golden.name);
-        Parcel parcel;
-        ASSERT_TRUE(golden.write(parcel));
-        EXPECT_EQ(Bytes(parcel), golden.bytes);
-        EXPECT_TRUE(golden.read(parcel));
-        EXPECT_EQ(parcel.GetReadableBytes(), 0u);
-        parcel.RewindRead();
-        EXPECT_TRUE(golden.read(parcel));
-    }
-}
-
-TEST(ParcelValues, AreNoneWhenCutAnywhere)
-{
-    for (const Golden& golden : GOLDENS) {
-        for (size_t size = 0; size < golden.bytes.size(); ++size) {
+    for (const auto& [name, bytes, write, read] : GOLDENS) {
+        for (size_t size = 0; size <= bytes.size(); ++size) {
+            SCOPED_TRACE(name + std::to_string(size));
+            const bool isWhole = size == bytes.size();
+            const RefusingParcels refusing(4 + size);
+            Parcel written;
+            ASSERT_TRUE(written.WriteUint32(5));
+            EXPECT_EQ(write(written), isWhole);
+            EXPECT_EQ(Bytes(written), "\5\0\0\0"s + (isWhole ? bytes : ""));
+            // A reader that goes beyond the end finds true bytes there.
             Parcel parcel;
-            Fill(parcel, golden.bytes, size);
-            EXPECT_FALSE(golden.read(parcel)) << golden.name << size;
-            EXPECT_LE(parcel.GetReadPosition(), golden.name == "parcelable"s ? size : 0) << golden.name << size;
-        }
-    }
-}
-
-TEST(ParcelValues, AreWrittenWholeOrNotAtAll)
-{
-    for (const Golden& golden : GOLDENS) {
-        const size_t whole = golden.bytes.size() + 4;
-        for (size_t limit = 4; limit <= whole; ++limit) {
-            const RefusingParcels refusing(limit);
-            Parcel parcel;
-            ASSERT_TRUE(parcel.WriteUint32(5));
-            EXPECT_EQ(golden.write(parcel), limit == whole) << golden.name << limit;
-            EXPECT_EQ(parcel.GetDataSize(), limit == whole ? whole : 4u) << golden.name << limit;
+            Fill(parcel, bytes, size);
+            for (int times = 0; times < 2; ++times) {
+                EXPECT_EQ(read(parcel), isWhole);
+                EXPECT_TRUE(isWhole ? parcel.GetReadableBytes() == 0
+                                    : parcel.GetReadPosition() <= (name == "parcelable"s ? size : 0));
+                parcel.RewindRead();
+            }
         }
     }
 }
@@ -151,11 +130,8 @@ TEST(Parcel, RefusesTextsThatLieAboutThemselves)
         Fill(parcel, lie, lie.size());
         std::string text = "kept";
         std::u16string text16 = u"kept";
-        EXPECT_FALSE(parcel.ReadString(text));
-        EXPECT_FALSE(parcel.ReadString16(text16));
-        EXPECT_EQ(text, "kept");
-        EXPECT_EQ(text16, u"kept");
-        EXPECT_EQ(parcel.GetReadPosition(), 0u);
+        EXPECT_FALSE(parcel.ReadString(text) || parcel.ReadString16(text16)) << &lie - lies;
+        EXPECT_TRUE(text == "kept" && text16 == u"kept" && parcel.GetReadPosition() == 0) << &lie - lies;
     }
 }
 
@@ -191,18 +167,20 @@ TEST(MessageParcelTest, CarriesObjectsInSlots)
     ASSERT_TRUE(copy.WriteInt32(1) && copy.CopyFrom(parcel));
     for (auto* each : {&parcel, &copy}) {
         EXPECT_EQ(each->ReadInterfaceToken(), u"T");
-        EXPECT_EQ(each->ReadRemoteObject(), first);
-        EXPECT_EQ(each->ReadRemoteObject(), nullptr);
-        EXPECT_EQ(each->ReadRemoteObject(), second);
+        for (const sptr<IRemoteObject>& expected : {first, sptr<IRemoteObject>(), second}) {
+            EXPECT_EQ(each->ReadRemoteObject(), expected);
+        }
         EXPECT_EQ(each->ReadRemoteObject(), nullptr) << "a slot beyond the objects";
         EXPECT_EQ(each->GetReadableBytes(), 4u);
     }
     EXPECT_TRUE(parcel.CopyFrom(parcel) && parcel.ReadInterfaceToken() == u"T");
     EXPECT_EQ(first->GetSptrRefCount(), 3);
     ParcelAccess::Clear(copy);
+    for (size_t objects = 2; objects <= 256; ++objects) {
+        EXPECT_EQ(parcel.WriteRemoteObject(second), objects < 256) << objects;
+    }
     const RefusingParcels refusing;
-    MessageParcel refused;
-    EXPECT_FALSE(refused.WriteRemoteObject(first));
+    EXPECT_FALSE(MessageParcel().WriteRemoteObject(first));
     EXPECT_EQ(first->GetSptrRefCount(), 2);
 }
 

@@ -4,6 +4,7 @@
 
 #include "ipc_fixture.h"
 #include "object_transfer.h"
+#include "peer_requests.h"
 #include "vexa/ipc/context_object.h"
 #include "vexa/ipc/message_option.h"
 
@@ -210,6 +211,12 @@ TEST_F(IpcPeers, ASessionBearsSoMuch)
     transport_.Workers().RunTasks();
     EXPECT_GT(object->calls, 2048);
     EXPECT_EQ(transport_.Objects().Find(id, transport_.Id()), nullptr);
+    const Stranger other = Meet();
+    PeerRequests requests(peers_, peers_.KnownPeer(other.id));
+    MessageParcel data;
+    MessageParcel reply;
+    EXPECT_TRUE(requests.Answer(data, MakeHeader(REQUEST, others), reply));
+    EXPECT_EQ(static_cast<int32_t>(HeaderOf(reply).code), IPC_REFUSED);
     // It was granted by those only that do not hold it, and is taken back by none of them.
     EXPECT_NE(transport_.Objects().Find(others, third.id), nullptr);
     Write(third.link, Frame(RELEASE, others, 1));
