@@ -25,13 +25,10 @@ class EchoStub : public IRemoteStub<IEcho> {};
 class EchoProxy : public IRemoteProxy<IEcho> {
 public:
     using IRemoteProxy::IRemoteProxy;
-
-private:
-    // Outlives main: its end finds the registry intact.
-    static BrokerDelegator<EchoProxy> delegator_;
 };
 
-BrokerDelegator<EchoProxy> EchoProxy::delegator_;
+// Outlives main: its end finds the registry intact.
+const BrokerDelegator<EchoProxy> DELEGATOR;
 
 TEST(InterfaceCast, GivesTheOriginalAtHomeAndAProxyElsewhere)
 {

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // What another process may say, and what is done with what it says: greetings, sessions, objects on their way, deaths.
+#include <sys/un.h>
 #include <sys/wait.h>
 
 #include "ipc_fixture.h"
@@ -44,45 +45,40 @@ std::string OneWay(ObjectId target, const std::vector<ObjectEntry>& objects)
 
 class IpcPeers : public TransportTest {
 protected:
-    // A process of another number, which runs this; and its outcome.
-    static pid_t Elsewhere(const std::function<bool()>& run)
+    // Runs this in another process, for which the kernel then takes the sockets that are connected or listen there.
+    static void Elsewhere(const std::function<bool()>& run)
     {
         const pid_t child = fork();
         if (child == 0) {
             _exit(run() ? 0 : 1);
         }
-        return child;
-    }
-    bool Succeeds(pid_t child)
-    {
         int status = -1;
-        const auto ends = [&] { return Deal(), waitpid(child, &status, WNOHANG) == child; };
-        return Eventually(ends) && status == 0;
-    }
-    static bool HearsNothing(const UniqueFd& fd)
-    {
-        char said;
-        return recv(fd.Get(), &said, 1, 0) == 0;
+        EXPECT_TRUE(waitpid(child, &status, 0) == child && status == 0);
     }
     bool RefusesFromElsewhere(const std::string& bytes)
     {
-        return Succeeds(Elsewhere([&] {
-            const UniqueFd fd = ConnectTo(EndpointPath(transport_.Id()));
-            Write(fd, bytes);
-            return HearsNothing(fd);
-        }));
+        sockaddr_un address{AF_UNIX, {}};
+        EndpointPath(transport_.Id()).copy(address.sun_path, sizeof(address.sun_path) - 1);
+        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        Elsewhere([&] { return connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0; });
+        const UniqueFd connection = UniqueFd::Make([&] { return fd; });
+        Write(connection, bytes);
+        Deal();
+        return HasEnded(connection);
     }
-    // Listens there as that user, for one connection.
-    static pid_t ListenElsewhere(const std::string& path, uid_t user)
+    static UniqueFd ListenElsewhere(const std::string& path, uid_t user)
     {
-        const SocketPair ready;
-        const pid_t child = Elsewhere([&] {
-            const UniqueFd listener = setuid(user) == 0 ? ListenAt(path) : UniqueFd();
-            Write(ready.far, "1");
-            return WaitReadable(listener.Get(), 20s) && HearsNothing(AcceptFrom(listener));
-        });
-        EXPECT_TRUE(WaitReadable(ready.near.Get(), 20s));
-        return child;
+        UniqueFd listener = ListenAt(path);
+        const int shared = dup(listener.Get());  // a child closes those that the transport knows
+        Elsewhere([&] { return setuid(user) == 0 && listen(shared, 1) == 0; });
+        close(shared);
+        return listener;
+    }
+    static bool IsConnectedToAndHearsNothing(const UniqueFd& listener)
+    {
+        const UniqueFd connection = AcceptFrom(listener);
+        std::string heard;
+        return connection && HasEnded(connection, &heard) && heard.empty();
     }
     static int32_t Send(const sptr<IRemoteObject>& to, const std::vector<sptr<IRemoteObject>>& objects)
     {
@@ -300,9 +296,10 @@ TEST_F(IpcPeers, AChannelIsOpenedToTheProcessThatGreeted)
 {
     const Stranger stranger = Meet();
     const sptr<IRemoteObject> object = peers_.KnownPeer(stranger.id)->Object(7);
-    const pid_t child = ListenElsewhere(EndpointPath(stranger.id), geteuid());
+    UniqueFd listener = ListenElsewhere(EndpointPath(stranger.id), geteuid());
     EXPECT_EQ(Send(object, {}), IPC_CONNECTION_LOST);
-    EXPECT_TRUE(Succeeds(child));
+    EXPECT_TRUE(IsConnectedToAndHearsNothing(listener));
+    listener.Reset();
     Send(object, {});
     Deal();
     EXPECT_TRUE(object->IsObjectDead()) << "nobody has the name: it is leaving";
@@ -313,11 +310,10 @@ TEST_F(IpcPeers, NobodysContextObjectIsTaken)
     if (geteuid() != 0) {
         GTEST_SKIP() << "only root can become another user";
     }
-    constexpr uid_t NOBODY = 65534;
     std::filesystem::permissions(RuntimeDirectory(), std::filesystem::perms::all);
-    const pid_t child = ListenElsewhere(ContextSocketPath(), NOBODY);
+    const UniqueFd listener = ListenElsewhere(ContextSocketPath(), 65534);
     EXPECT_EQ(transport_.Context().Reach(), nullptr);
-    EXPECT_TRUE(Succeeds(child));
+    EXPECT_TRUE(IsConnectedToAndHearsNothing(listener));
 }
 
 TEST_F(IpcPeers, ADeathEndsWhatLivedOffTheProcess)
