@@ -16,11 +16,7 @@
 #include "vexa/ipc/context_object.h"
 #include "vexa/ipc/ipc_object_stub.h"
 
-namespace {
-
-std::atomic<bool> g_hasWatches{true};
-
-}  // namespace
+static std::atomic<bool> g_hasWatches{true};
 
 // In place of the C library's.
 extern "C" int inotify_init1(int flags) noexcept

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the tests of the transport's layers share: sockets whose other end is the test's, and a Transport whose work is
-// done step by step, on the test's thread.
+// What the tests of the transport's layers share: sockets whose other end is the test's.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -91,63 +90,5 @@ inline bool HasEnded(const UniqueFd& fd, std::string* bytes = nullptr)
         }
     }
 }
-
-// Another process, as far as the transport can tell, whose frames the test writes.
-struct Stranger {
-    EndpointId id = RandomNumber();
-    UniqueFd listener = ListenAt(EndpointPath(id));
-    UniqueFd link;     // on which it has greeted
-    ChannelKey key{};  // that the transport has issued to it
-};
-
-class TransportTest : public testing::Test {
-protected:
-    TransportTest() { EXPECT_TRUE(CreateRuntimeDirectory() && transport_.Start()); }
-    ~TransportTest() override
-    {
-        transport_.Loop().CutAll();
-        Deal();
-    }
-
-    // Does what the reactor's thread does with all that has arrived.
-    void Deal()
-    {
-        for (int turn = 0; turn < 100; ++turn) {
-            transport_.Loop().Turn(false);
-        }
-    }
-    // A connection to the transport on which these bytes have arrived.
-    UniqueFd Say(const std::string& bytes)
-    {
-        UniqueFd fd = ConnectTo(EndpointPath(transport_.Id()));
-        Write(fd, bytes);
-        Deal();
-        return fd;
-    }
-    // One that has greeted and, unless it is `mute`, has answered the transport's greeting: it is known to live.
-    Stranger Meet(bool mute = false)
-    {
-        Stranger stranger;
-        stranger.link = Say(Bytes(MakeHello(FrameKind::HELLO, ConnectionUse::LINK, stranger.id)));
-        if (!mute) {
-            Write(stranger.link, Bytes(MakeHello(FrameKind::KEY, ConnectionUse::LINK, stranger.id)));
-            Deal();
-        }
-        HelloFrame answer{};
-        EXPECT_EQ(recv(stranger.link.Get(), &answer, sizeof(answer), MSG_DONTWAIT), ssize_t{sizeof(answer)});
-        stranger.key = answer.body.key;
-        return stranger;
-    }
-
-    // A transport is never destroyed.
-    static Transport& Make()
-    {
-        static const test::TestRuntime runtime;
-        static auto& all = *new std::vector<std::unique_ptr<Transport>>;
-        return *all.emplace_back(std::make_unique<Transport>(&StartNone));
-    }
-    Transport& transport_ = Make();
-    PeerDirectory& peers_ = transport_.Peers();
-};
 
 }  // namespace VEXA::ipc
