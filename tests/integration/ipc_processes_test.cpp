@@ -188,7 +188,7 @@ TEST_F(IpcProcesses, ResultsIdentityAndSizesComeThrough)
     EXPECT_EQ(who.Answer(), getpid());
     EXPECT_EQ(who.Reply().ReadInt32(), static_cast<int32_t>(geteuid()));
     // A string's length and its terminator take 8 bytes of the 16 MiB.
-    for (const size_t size : {0, 400, 500, 5000, 300'000, 16777216 - 8}) {
+    for (const size_t size : std::vector<size_t>{0, 400, 500, 5000, 300'000, 16777216 - 8}) {
         Call echo(hub_, ECHO, std::string(size, 'e'));
         EXPECT_EQ(echo.Send(), 0) << size;
         EXPECT_EQ(echo.Reply().ReadString().size(), size);

@@ -22,7 +22,7 @@ TEST(ObjectTableTest, LivesByItsHoldersAndNotByTheirDebts)
     for (const auto& [holder, difference, holders] : rows) {
         EXPECT_EQ(table.Adjust(id, holder, difference), holders.empty() ? object : nullptr) << holder << holders;
         std::string found;
-        for (const EndpointId each : {1, 2, 3}) {
+        for (const EndpointId each : std::vector<EndpointId>{1, 2, 3}) {
             found += table.Find(id, each) == object ? std::to_string(each) : "";
         }
         EXPECT_EQ(found, holders);
@@ -75,9 +75,9 @@ TEST(OneWayTest, WhatHasLeftTheQueueIsGathered)
     };
     for (const auto& [name, frames, bytes, told] : rows) {
         std::vector<uint64_t> gathered;
-        OneWayDebt debt([&](uint64_t some, uint64_t their) {
+        OneWayDebt debt([&, each = bytes](uint64_t some, uint64_t their) {
             gathered.push_back(some);
-            EXPECT_EQ(their, some * bytes) << name;
+            EXPECT_EQ(their, some * each) << each;
         });
         std::deque<OneWayDebt::Charge> charges;
         for (uint64_t i = 0; i < frames; ++i) {
