@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "simulation/world.h"
+#include "transport_world.h"
 #include "support/processes.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)

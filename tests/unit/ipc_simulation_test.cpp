@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <random>
 
-#include "simulation/world.h"
+#include "transport_world.h"
 #include "support/processes.h"
 
 namespace VEXA::test {
