@@ -18,12 +18,6 @@ if(NM_SANITIZE)
 endif()
 target_compile_definitions(client_death_test PRIVATE INSTANT_DEATHS=${instant_deaths})
 
-nm_test(client_wait_test
-    SOURCES client_wait_test.cpp
-    USES native_migrate vexa_platform vexa_testing vexa_samgr vexa_want
-    PROGRAMS samgrd client_peer
-    LABELS integration)
-
 nm_test(client_migration_test
     SOURCES client_migration_test.cpp
     USES native_migrate vexa_platform vexa_testing vexa_samgr vexa_want
@@ -42,7 +36,7 @@ foreach(piece vexa_base vexa_ipc vexa_want)
     target_include_directories(client_unload_test PRIVATE $<TARGET_PROPERTY:${piece},INTERFACE_INCLUDE_DIRECTORIES>)
 endforeach()
 
-foreach(area death wait unload migration)
+foreach(area death unload migration)
     target_compile_definitions(client_${area}_test PRIVATE
         SAMGRD="$<TARGET_FILE:samgrd>" CLIENT_PEER="$<TARGET_FILE:client_peer>")
 endforeach()

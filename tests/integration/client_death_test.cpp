@@ -12,7 +12,8 @@ using namespace VEXA::UpdateEngine;
 
 namespace {
 
-[[maybe_unused]] const auto* const environment = testing::AddGlobalTestEnvironment(new ClientWorld(&AddPeerProfile));
+[[maybe_unused]] const auto* const environment = testing::AddGlobalTestEnvironment(new ClientWorld(
+    [](const SamgrWorld& world) { world.AddProfile(MIGRATE_SERVICE_ID, CLIENT_PEER, R"(, "arguments": ["65792"])"); }));
 
 MigrateServerKits& Kits()
 {
@@ -43,9 +44,9 @@ TEST(ClientDeath, ARequestInTheInstantOfADeathReachesTheNextInstance)
     pid_t pid = StartedBy();
     std::set<pid_t> instances{pid};
     for (int round = 0; round < INSTANT_DEATHS; ++round) {
-        const Peer peer;
+        const sptr<IRemoteObject> service = Manager()->CheckSystemAbility(MIGRATE_SERVICE_ID);
         const sptr<CallAtDeath> watch(new CallAtDeath);
-        ASSERT_TRUE(peer.Object() != nullptr && peer.Object()->AddDeathRecipient(watch)) << round;
+        ASSERT_TRUE(service != nullptr && service->AddDeathRecipient(watch)) << round;
         ASSERT_TRUE(pid > 0 && kill(pid, SIGKILL) == 0) << round;
         ASSERT_TRUE(Eventually([&] { return watch->next != 0; })) << round;
         pid = watch->next;
@@ -55,24 +56,24 @@ TEST(ClientDeath, ARequestInTheInstantOfADeathReachesTheNextInstance)
 
 TEST(ClientDeath, OnAndOffWhileTheServiceComesBackAreTheLastWord)
 {
+    pid_t pid = StartedBy();
     RecordingLogSink lines(KOLOG_INFO);
     for (int round = 0; round < 40; ++round) {
         SCOPED_TRACE(round);
         std::atomic<int> earlier{0};
         std::atomic<int> later{0};
         ASSERT_EQ(Kits().On(CountInto(earlier)), 0);
-        const Peer before;
+        const sptr<IRemoteObject> before = Manager()->CheckSystemAbility(MIGRATE_SERVICE_ID);
         lines.Clear();
-        const pid_t pid = before.Ask(PEER_PID);
         ASSERT_TRUE(pid > 0 && kill(pid, SIGKILL) == 0);
         ASSERT_TRUE(Eventually([&] { return CountLines(lines, "GetService recreate service instance") == 1; }));
         const bool isOn = round % 2 == 0;
         ASSERT_EQ(isOn ? Kits().On(CountInto(later)) : Kits().Off(), 0);
         // Its notice comes when the library's handler has ended.
         const sptr<CallAtDeath> watch(new CallAtDeath);
-        ASSERT_TRUE(before.Object()->AddDeathRecipient(watch));
+        ASSERT_TRUE(before->AddDeathRecipient(watch));
         ASSERT_TRUE(Eventually([&] { return watch->next > 0; }));
-        ASSERT_EQ(Peer().Ask(PEER_PID), watch->next);
+        pid = watch->next;
         ASSERT_EQ(earlier, 0);
         ASSERT_EQ(later, isOn ? 1 : 0);
         ASSERT_EQ(Kits().Off(), 0);

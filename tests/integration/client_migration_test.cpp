@@ -2,7 +2,9 @@
 // A migration and restorations, watched to their ends while their service is killed again and again.
 #include <algorithm>
 #include <atomic>
+#include <set>
 
+#include "native_migrate/json_parse.h"
 #include "native_migrate/migrate_server_kits.h"
 #include "native_migrate/reserve_migrate_kits.h"
 #include "native_migrate/reserve_migrate_status_observer_stub.h"
@@ -52,28 +54,25 @@ class Observer : public ReserveMigrateStatusObserverStub {
 public:
     int32_t OnRestoreStatusChanged(const std::string& text) override
     {
+        std::vector<RestoreEventInfo> events;
+        EXPECT_EQ(JsonParse::JsonStrToStruct(text, events), JsonError::SUCCESS) << text;
         MutexLock lock(mutex_);
-        heard_ += text;
-        return 0;
-    }
-    // Whether it has been told that the application is restored.
-    bool HasHeardOf(const std::string& app)
-    {
-        const std::string name = "\"packageName\":\"" + app + "\"";
-        const std::string state = "\"status\":" + std::to_string(static_cast<int32_t>(TaskStatus::FINISHED));
-        MutexLock lock(mutex_);
-        for (size_t at = heard_.find(name); at != heard_.npos; at = heard_.find(name, at + 1)) {
-            const size_t next = heard_.find("\"packageName\"", at + 1);
-            if (heard_.substr(at, next - at).find(state) != heard_.npos) {
-                return true;
+        for (const RestoreEventInfo& event : events) {
+            if (event.status == static_cast<int32_t>(TaskStatus::FINISHED)) {
+                restored_.insert(event.restoreAppInfo.packageName);
             }
         }
-        return false;
+        return 0;
+    }
+    bool HasHeardOf(const std::string& app)
+    {
+        MutexLock lock(mutex_);
+        return restored_.count(app) > 0;
     }
 
 private:
     Mutex mutex_{LockRank::Program};
-    std::string heard_ VEXA_GUARDED_BY(mutex_);
+    std::set<std::string> restored_ VEXA_GUARDED_BY(mutex_);
 };
 
 TEST(ClientMigration, AllThatIsWatchedGoesOnAcrossTenDeathsOfTheService)

@@ -10,7 +10,6 @@
 #include <string>
 #include <thread>
 
-#include "client_peer.h"
 #include "native_migrate/migrate_protocol.h"
 #include "vexa/base/mutex.h"
 #include "vexa/ipc/ipc_object_stub.h"
@@ -29,7 +28,7 @@ public:
 
     int32_t OnRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option) override
     {
-        if (code < PEER_PID && data.ReadInterfaceToken() != MIGRATE_SERVER_DESCRIPTOR) {
+        if (data.ReadInterfaceToken() != MIGRATE_SERVER_DESCRIPTOR) {
             return MIGRATE_UNREACHABLE;
         }
         if (code == uint32_t(MigrateRequestCode::START_MIGRATE)) {
@@ -43,10 +42,6 @@ public:
             case uint32_t(MigrateRequestCode::UNREGISTER_PROGRESS_CALLBACK):
                 callback_ = nullptr;
                 return 0;
-            case uint32_t(MigrateRequestCode::REGISTER_RESERVE_OBSERVER):
-                return 0;
-            case PEER_PID:
-                return reply.WriteInt32(getpid()) ? 0 : 1;
             default:
                 return IPCObjectStub::OnRemoteRequest(code, data, reply, option);
         }

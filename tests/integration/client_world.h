@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A manager for the length of the test program, and what the clients' tests ask of the service behind it.
+// A manager for the length of the test program.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -7,14 +7,10 @@
 #include <algorithm>
 #include <csignal>
 #include <string>
-#include <vector>
 
-#include "client_peer.h"
 #include "client_programs.h"
 #include "native_migrate/migrate_protocol.h"
 #include "samgr_world.h"
-#include "vexa/ipc/message_option.h"
-#include "vexa/ipc/message_parcel.h"
 #include "vexa/samgr/system_ability_manager_client.h"
 #include "vexa/testing/recording_log_sink.h"
 
@@ -51,32 +47,6 @@ public:
 private:
     const AddProfiles addProfiles_;
     static inline SamgrWorld* world_ = nullptr;
-};
-
-inline void AddPeerProfile(const SamgrWorld& world)
-{
-    world.AddProfile(UpdateEngine::MIGRATE_SERVICE_ID, CLIENT_PEER, R"(, "arguments": ["65792"])");
-}
-
-// A client_peer, asked past the library.
-class Peer {
-public:
-    explicit Peer(sptr<IRemoteObject> object = Manager()->CheckSystemAbility(UpdateEngine::MIGRATE_SERVICE_ID))
-        : object_(std::move(object))
-    {}
-
-    // -1 when it does not answer.
-    int32_t Ask(uint32_t code) const
-    {
-        MessageParcel data;
-        MessageParcel reply;
-        MessageOption option;
-        return object_ != nullptr && object_->SendRequest(code, data, reply, option) == 0 ? reply.ReadInt32() : -1;
-    }
-    const sptr<IRemoteObject>& Object() const { return object_; }
-
-private:
-    const sptr<IRemoteObject> object_;
 };
 
 inline int64_t CountLines(const RecordingLogSink& sink, const std::string& text)

@@ -3,13 +3,17 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <string>
+#include <thread>
 #include <variant>
 #include <vector>
 
 #include "native_migrate/migrate_protocol.h"
 #include "parcel_access.h"
+#include "process_life.h"
 #include "vexa/ipc/ipc_object_stub.h"
 #include "vexa/testing/in_process_manager.h"
 #include "vexa/testing/recording_log_sink.h"
@@ -110,6 +114,23 @@ struct Outcome {
 };
 inline constexpr Outcome OUTCOMES[] = {
     {0, 0}, {2000, 0}, {2001, 1}, {2003, 3}, {-1, 104}, {1, 104}, {1999, 104}, {INT32_MIN, 104}};
+
+// Exit status of a child that another thread forks now and that runs this. It is killed when that takes long.
+template <typename Run>
+int StatusOfChild(const Run& run)
+{
+    ipc::ProcessLife::Watch();
+    int status = -1;
+    std::thread([&] {
+        const pid_t child = fork();
+        if (child == 0) {
+            alarm(3);
+            _exit(run());
+        }
+        waitpid(child, &status, 0);
+    }).join();
+    return status;
+}
 
 class KitsTest : public testing::Test {
 protected:

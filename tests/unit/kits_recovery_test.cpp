@@ -85,6 +85,18 @@ TEST_F(KitsRecoveryTest, ConcurrentFirstRequestsShareOneLookup)
     service->Die();
 }
 
+// The lock that its parent holds for the lookup is nobody's there.
+TEST_F(KitsRecoveryTest, AChildForkedDuringALookupIsRefusedAtOnce)
+{
+    int status = -1;
+    manager_->OnCheck([&](int32_t) {
+        status = StatusOfChild([&] { return kits_.On({}) == 104 ? 0 : 1; });
+        return nullptr;
+    });
+    EXPECT_EQ(kits_.GetService(), nullptr);
+    EXPECT_EQ(status, 0);
+}
+
 TEST_F(KitsRecoveryTest, DeathRegistersTheLastCallbackWithTheNextInstance)
 {
     const sptr<ScriptedRemoteObject> first = RunService();

@@ -232,6 +232,12 @@ TEST_F(ReserveObserversTest, EndInsideTheHandlerEndsItAndWaitsForOneOnAnotherThr
     }
 }
 
+// There is no handler in it that its end could wait for.
+TEST_F(ReserveObserversTest, EndInAForkedChildWaitsForNobody)
+{
+    DieAndAnswer([&] { EXPECT_EQ(StatusOfChild([&] { return kits_.reset(), 0; }), 0); });
+}
+
 TEST_F(ReserveObserversTest, RegistrationWaitsWhileObserversAreRegisteredAgain)
 {
     const auto after = DieAndAnswerAfter([&] { Register("c", NewObserver()); });

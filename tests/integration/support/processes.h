@@ -35,25 +35,6 @@ inline bool Eventually(
     return true;
 }
 
-// Stops the process; whether all its threads have stopped, which for another's child takes a moment after the signal.
-inline bool StopProcess(pid_t pid)
-{
-    const auto stopped = [&] {
-        std::error_code gone;
-        for (const auto& thread : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", gone)) {
-            std::string stat;
-            std::getline(std::ifstream(thread.path() / "stat"), stat);
-            // The state follows the name, which may hold anything but is in parentheses.
-            const size_t name = stat.rfind(") ");
-            if (name == std::string::npos || stat[name + 2] != 'T') {
-                return false;
-            }
-        }
-        return !gone;
-    };
-    return kill(pid, SIGSTOP) == 0 && Eventually(stopped);
-}
-
 // A folder under the system's for temporary files, or under /tmp where that is too long for the sockets in it; removed
 // with everything in it.
 class TempDir {
@@ -117,7 +98,25 @@ public:
 
     pid_t Pid() const { return pid_; }
     void Signal(int signal) const { kill(pid_, signal); }
-    bool Stop() const { return StopProcess(pid_); }
+    // Stops it; whether all its threads have stopped, which takes a moment after the signal.
+    bool Stop() const
+    {
+        const auto stopped = [this] {
+            std::error_code gone;
+            for (const auto& thread :
+                std::filesystem::directory_iterator("/proc/" + std::to_string(pid_) + "/task", gone)) {
+                std::string stat;
+                std::getline(std::ifstream(thread.path() / "stat"), stat);
+                // The state follows the name, which may hold anything but is in parentheses.
+                const size_t name = stat.rfind(") ");
+                if (name == std::string::npos || stat[name + 2] != 'T') {
+                    return false;
+                }
+            }
+            return !gone;
+        };
+        return kill(pid_, SIGSTOP) == 0 && Eventually(stopped);
+    }
     // Ends it at once, and returns when it is gone.
     void Kill()
     {
