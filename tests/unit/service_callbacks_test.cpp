@@ -35,25 +35,22 @@ public:
     // The statuses of all requests.
     std::string Restores() const
     {
-        std::string text;
+        std::vector<RestoreEventInfo> events;  // each text is appended to them
         for (const auto& request : object->Requests()) {
             EXPECT_EQ(request.code, RESERVE_STATUS_CODE);
             request.data->RewindRead();
             EXPECT_EQ(request.data->ReadInterfaceToken(), RESERVE_STATUS_OBSERVER_DESCRIPTOR);
-            std::vector<RestoreEventInfo> events;
             EXPECT_EQ(JsonParse::JsonStrToStruct(request.data->ReadString(), events), JsonError::SUCCESS);
-            text += Statuses(events);
         }
-        return text;
+        return Statuses(events);
     }
     // How many ends of tasks it has heard of.
     size_t Finished() const
     {
         size_t count = 0;
         for (const Event& event : Progress()) {
-            for (const TaskProgress& task : event.info.taskProgresses) {
-                count += task.status == static_cast<int32_t>(TaskStatus::FINISHED) ? 1 : 0;
-            }
+            const auto& tasks = event.info.taskProgresses;
+            count += std::count_if(tasks.begin(), tasks.end(), [](const auto& task) { return task.status == 3; });
         }
         return count;
     }

@@ -28,17 +28,12 @@ TEST_F(ServiceCatalog, AManifestTellsAndADirectoryWithoutOneIsCalledAfterItself)
     fs::create_directory_symlink("a", folders_.Source() / "link");
     const auto packages = ReadAll();
     ASSERT_EQ(packages.size(), 3U);
-    EXPECT_EQ(packages[0].manifest.bundleName, "a");
-    EXPECT_EQ(packages[0].manifest.target, "a");
-    EXPECT_EQ(packages[0].manifest.targetUser, 0);
-    EXPECT_FALSE(packages[0].manifest.reserved);
+    const PackageManifest& a = packages[0].manifest;
+    EXPECT_EQ(std::tuple(a.bundleName, a.target, a.targetUser, a.reserved), std::tuple("a", "a", 0, false));
     const PackageManifest& b = packages[1].manifest;
     EXPECT_EQ(b.bundleName + b.versionName + b.versionCode + b.target, "com.b1.27other");
-    EXPECT_EQ(b.user, 3);
-    EXPECT_EQ(b.targetUser, 100);
-    EXPECT_EQ(b.modules.at(1).id, "n");
-    EXPECT_FALSE(packages[1].AsRestoreApp().isRestoreData);
-    EXPECT_EQ(packages[1].fault.code, 0);
+    EXPECT_EQ(std::tuple(b.user, b.targetUser, b.modules.at(1).id), std::tuple(3, 100, "n"));
+    EXPECT_FALSE(packages[1].AsRestoreApp().isRestoreData || packages[1].fault.code != 0);
     EXPECT_EQ(packages[2].fault.code, MIGRATE_ERROR_TARGET);           // the place of "a"
     EXPECT_EQ(PackageCatalog::Find(packages, "com.b"), &packages[2]);  // directories before bundles
     EXPECT_EQ(PackageCatalog::Find({packages[1]}, "com.b")->directory, "b");

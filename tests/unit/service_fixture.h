@@ -124,18 +124,18 @@ protected:
     static constexpr uint64_t kSlow = 4000000;  // half a second for the above
 
     virtual EngineListener& Listener() { return listener; }
-    // Ends the engine before, if there is one, as a restart of the service does.
+    // Ends the engine before, as a restart of the service does.
     void Open(uint64_t bytesPerSecond = 0, bool sync = false)
     {
         engine.reset();
         std::string error;
-        engine =
-            MigrationEngine::Open({folders.Source(), folders.Target(), "", bytesPerSecond, sync}, Listener(), error);
+        const EngineOptions options{folders.Source(), folders.Target(), "", bytesPerSecond, sync};
+        engine = MigrationEngine::Open(options, Listener(), error);
         ASSERT_NE(engine, nullptr) << error;
     }
-    void Run(uint64_t bytesPerSecond = 0)
+    void Run(uint64_t bytesPerSecond = 0, bool sync = false)
     {
-        Open(bytesPerSecond);
+        Open(bytesPerSecond, sync);
         engine->Start();
     }
     TaskStatus State() const { return static_cast<TaskStatus>(engine->GetStatus(MigrateStage::NONE).status); }
@@ -148,11 +148,19 @@ protected:
     std::string Results() const
     {
         std::string text;
-        for (const PackageResult& package : engine->GetResult().packages) {
-            text +=
-                package.source + ":" + std::to_string(package.status) + "/" + std::to_string(package.errorCode) + " ";
+        for (const PackageResult& one : engine->GetResult().packages) {
+            text += one.source + ":" + std::to_string(one.status) + "/" + std::to_string(one.errorCode) + " ";
         }
         return text;
+    }
+
+    // Waits for the end of the migration; Results() then.
+    std::string Outcome() const { return Ends() ? Results() : "no end of " + Results(); }
+    // Starts everything and waits for its end. A refusal of the start stands before the outcome.
+    std::string MoveAll() const
+    {
+        const int32_t error = engine->StartAll().errorNum;
+        return (error == 0 ? "" : "error " + std::to_string(error) + ": ") + Outcome();
     }
 
     Folders folders;

@@ -45,16 +45,11 @@ TEST_F(ServiceStore, EverythingThatIsCommittedIsThereAfterAReopen)
     auto store = Open();
     ASSERT_NE(store, nullptr) << error_;
     ASSERT_EQ(store->Tasks().size(), 1U);
-    const Task& read = *store->Find(id);
-    EXPECT_EQ(read.source, task.source);
-    EXPECT_EQ(read.app.packageName, task.app.packageName);
-    EXPECT_EQ(read.user, -5);
-    EXPECT_EQ(read.status, TaskStatus::FAILED);
-    EXPECT_EQ(read.error.reason, "why");
-    EXPECT_TRUE(read.error.canRetry);
-    EXPECT_EQ(read.totalBytes, task.totalBytes);
-    EXPECT_EQ(read.priority, -3);
-    EXPECT_EQ(read.staged, task.staged);
+    const auto fields = [](const Task& one) {
+        return std::tuple(one.source, one.app.packageName, one.user, one.status, one.error.reason, one.error.canRetry,
+            one.totalBytes, one.priority, one.staged);
+    };
+    EXPECT_EQ(fields(*store->Find(id)), fields(task));
     ASSERT_EQ(store->AllPlaced().size(), 1U);
     EXPECT_EQ(store->FindPlaced("t")->owner, 77);
     EXPECT_EQ(store->FindPlaced("t")->id, (FileId{1, 2, 3}));

@@ -22,17 +22,16 @@ protected:
         return RemoveTree(target_.Get(), "copy", [goOn] { return goOn; });
     }
     // What is to be kept of every entry.
-    static std::map<std::string, std::string> Describe(const fs::path& root)
+    using Entries = std::map<std::string, std::tuple<mode_t, time_t, long, std::string, std::string>>;
+    static Entries Describe(const fs::path& root)
     {
-        std::map<std::string, std::string> entries;
+        Entries entries;
         const auto add = [&](const fs::path& path) {
             struct stat status = {};
             EXPECT_EQ(lstat(path.c_str(), &status), 0);
-            std::string text = std::to_string(status.st_mode) + " " + std::to_string(status.st_mtim.tv_sec) + "." +
-                               std::to_string(status.st_mtim.tv_nsec);
-            text += S_ISLNK(status.st_mode) ? " " + fs::read_symlink(path).string() : "";
-            text += S_ISREG(status.st_mode) ? " " + Folders::Read(path) : "";
-            entries[path.lexically_relative(root)] = text;
+            entries[path.lexically_relative(root)] = {status.st_mode, status.st_mtim.tv_sec, status.st_mtim.tv_nsec,
+                S_ISLNK(status.st_mode) ? fs::read_symlink(path).string() : "",
+                S_ISREG(status.st_mode) ? Folders::Read(path) : ""};
         };
         add(root);
         for (const auto& entry : fs::recursive_directory_iterator(root)) {
@@ -116,10 +115,9 @@ TEST_F(ServiceTree, ATreeThatHoldsTheTargetIsNeitherMeasuredNorCopied)
     folders_.AddPackage("p", 10);
     const UniqueFd within(open((folders_.Source() / "p" / "data").c_str(), O_RDONLY | O_DIRECTORY));
     TreeSize size;
-    const ErrorInfo faults[] = {MeasureTree(
-                                    source_.Get(), "p", within.Get(), [] { return true; }, size),
-        CopyTree(source_.Get(), "p", within.Get(), "copy", {[](uint64_t) { return true; }}, size)};
-    for (const ErrorInfo& fault : faults) {
+    const auto goOn = [](auto...) { return true; };
+    for (const ErrorInfo& fault : {MeasureTree(source_.Get(), "p", within.Get(), goOn, size),
+             CopyTree(source_.Get(), "p", within.Get(), "copy", {goOn}, size)}) {
         EXPECT_EQ(fault.code, MIGRATE_ERROR_UNSUPPORTED);
         EXPECT_EQ(fault.reason, "data: holds the target");
     }
