@@ -1,13 +1,12 @@
 # SPDX-License-Identifier: Apache-2.0
-# The migration client across processes. A service that does what a test tells it, and the reference service.
-nm_test_program(client_peer SOURCES client_peer.cpp USES vexa_platform vexa_samgr)
+# The migration client across processes, with the manager's peer or the reference service behind it.
 
 # Its requests have the five seconds in which the library wants a service started, hundreds of times in a row, so it
 # doesn't share the machine with other tests.
 nm_test(client_death_test
     SOURCES client_death_test.cpp
     USES native_migrate vexa_platform vexa_testing vexa_samgr vexa_want
-    PROGRAMS samgrd client_peer
+    PROGRAMS samgrd samgr_peer
     LABELS integration
     SERIAL)
 
@@ -29,7 +28,7 @@ target_compile_definitions(client_migration_test PRIVATE MIGRATE_SERVICED="$<TAR
 nm_test(client_unload_test
     SOURCES client_unload_test.cpp
     LINKS ${CMAKE_DL_LIBS}
-    PROGRAMS samgrd client_peer native_migrate
+    PROGRAMS samgrd samgr_peer native_migrate
     LABELS integration)
 target_compile_definitions(client_unload_test PRIVATE NATIVE_MIGRATE="$<TARGET_FILE:native_migrate>")
 foreach(piece vexa_base vexa_ipc vexa_want)
@@ -38,5 +37,5 @@ endforeach()
 
 foreach(area death unload migration)
     target_compile_definitions(client_${area}_test PRIVATE
-        SAMGRD="$<TARGET_FILE:samgrd>" CLIENT_PEER="$<TARGET_FILE:client_peer>")
+        SAMGRD="$<TARGET_FILE:samgrd>" SAMGR_PEER="$<TARGET_FILE:samgr_peer>")
 endforeach()

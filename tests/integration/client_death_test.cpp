@@ -12,8 +12,10 @@ using namespace VEXA::UpdateEngine;
 
 namespace {
 
-[[maybe_unused]] const auto* const environment = testing::AddGlobalTestEnvironment(new ClientWorld(
-    [](const SamgrWorld& world) { world.AddProfile(MIGRATE_SERVICE_ID, CLIENT_PEER, R"(, "arguments": ["65792"])"); }));
+[[maybe_unused]] const auto* const environment =
+    testing::AddGlobalTestEnvironment(new ClientWorld([](const SamgrWorld& world) {
+        world.AddProfile(MIGRATE_SERVICE_ID, SAMGR_PEER, R"(, "arguments": ["migrate", "65792"])");
+    }));
 
 MigrateServerKits& Kits()
 {

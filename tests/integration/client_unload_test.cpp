@@ -6,8 +6,8 @@
 #include <atomic>
 #include <csignal>
 
-#include "client_programs.h"
 #include "native_migrate/migrate_server_kits.h"
+#include "samgr_world.h"
 
 using namespace VEXA::test;
 using namespace VEXA::UpdateEngine;
@@ -41,7 +41,7 @@ private:
 TEST(ClientUnload, TheServicesDeathAfterTheLastUnloadHarmsNobody)
 {
     SamgrWorld world;
-    world.AddProfile(65792, CLIENT_PEER, R"(, "arguments": ["65792"])");
+    world.AddProfile(65792, SAMGR_PEER, R"(, "arguments": ["migrate", "65792"])");
     world.StartManager();
     pid_t service = -1;
     ASSERT_TRUE(Eventually([&] { return (service = LoadedLibrary().StartedBy()) > 0; }));
@@ -57,7 +57,7 @@ TEST(ClientUnload, TheServicesDeathAfterTheLastUnloadHarmsNobody)
     kill(service, SIGKILL);
     pid_t next = -1;
     EXPECT_TRUE(Eventually([&] {
-        next = PidOfProgram(world, "client_peer");
+        next = PidOfProgram(world, "samgr_peer");
         return next > 0 && next != service;
     }));
     const LoadedLibrary library;

@@ -8,7 +8,6 @@
 #include <csignal>
 #include <string>
 
-#include "client_programs.h"
 #include "native_migrate/migrate_protocol.h"
 #include "samgr_world.h"
 #include "vexa/samgr/system_ability_manager_client.h"

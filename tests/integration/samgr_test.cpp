@@ -12,7 +12,6 @@
 #include <thread>
 #include <vector>
 
-#include "client_programs.h"
 #include "samgr_world.h"
 #include "vexa/ipc/context_object.h"
 #include "vexa/ipc/message_option.h"

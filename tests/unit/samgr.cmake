@@ -1,4 +1,4 @@
 # SPDX-License-Identifier: Apache-2.0
 nm_test(samgr_test
-    SOURCES samgr_table_test.cpp samgr_profile_test.cpp samgr_load_test.cpp samgr_own_services_test.cpp
+    SOURCES samgr_table_test.cpp samgr_profile_test.cpp samgr_load_test.cpp
     USES samgrd_core vexa_testing vexa_samgr vexa_ipc vexa_log vexa_base)

@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-// The client's side of a load, against a manager that is a script in this process.
+// The client's side: its loads, and its services with a next manager. The manager is a script in this process.
 #include <gtest/gtest.h>
+
+#include <array>
 
 #include "own_services.h"
 #include "pending_load.h"
 #include "system_ability_manager_proxy.h"
+#include "vexa/ipc/ipc_object_stub.h"
 #include "vexa/samgr/system_ability_load_callback_stub.h"
 #include "vexa/testing/scripted_remote_object.h"
 
@@ -137,6 +140,49 @@ TEST_F(SamgrLoad, NothingIsWaitedForLongerThanItsLimit)
     EXPECT_EQ(manager.LoadSystemAbility(kId, 20, &reason), nullptr);
     EXPECT_LT(steady_clock::now() - start, 400ms);
     EXPECT_EQ(reason, "the manager has ended");
+}
+
+// Otherwise a new manager would keep what the service has just withdrawn from it.
+TEST(OwnServicesTest, WhatChangesWhileAManagerIsToldIsToldAgain)
+{
+    const sptr<IRemoteObject> first(new IPCObjectStub);
+    const sptr<IRemoteObject> second(new IPCObjectStub);
+    std::vector<std::pair<int32_t, sptr<IRemoteObject>>> told;
+    OwnServices* own = nullptr;
+    OwnServices services([&](int32_t id, const sptr<IRemoteObject>& object) {
+        told.emplace_back(id, object);
+        if (object == first) {
+            own->Replace(id, id == 1 ? nullptr : second);
+        }
+        return SAMGR_OK;
+    });
+    own = &services;
+    EXPECT_EQ(services.Replace(1, first), nullptr);
+    services.Replace(2, first);
+    services.Replace(3, second);
+    services.TellAll();
+    const decltype(told) expected{{1, first}, {1, nullptr}, {2, first}, {2, second}, {3, second}};
+    EXPECT_EQ(told, expected);
+    EXPECT_EQ(services.Replace(1, nullptr), nullptr) << "it was withdrawn for good";
+}
+
+// The first attempts may reach the old manager, whose end is not known yet.
+TEST(OwnServicesTest, AManagerThatCanNotBeReachedIsToldAgainButNotForEver)
+{
+    const std::array<int32_t, 3> cases[] = {// error, how often, attempts
+        {IPC_DEAD_OBJECT, 10, 11}, {IPC_CONNECTION_LOST, 10, 11}, {IPC_DEAD_OBJECT, 99, 20}, {SAMGR_BUSY, 99, 1}};
+    for (const auto& [error, failures, expected] : cases) {
+        int told = 0;
+        OwnServices services([&told, error = error, failures = failures](int32_t, const sptr<IRemoteObject>&) {
+            return ++told <= failures ? error : int32_t{SAMGR_OK};
+        });
+        services.Replace(1, sptr<IRemoteObject>(new IPCObjectStub));
+        const auto start = steady_clock::now();
+        services.TellAll();
+        const auto took = steady_clock::now() - start;
+        EXPECT_EQ(told, expected) << error;
+        EXPECT_TRUE(took >= (expected - 1) * 10ms && took < 1s);
+    }
 }
 
 }  // namespace
