@@ -35,7 +35,7 @@ protected:
     }
 };
 
-TEST_F(LockRankTest, AThreadMayTakeMutexesFromTheOutermostInwards)
+TEST_F(LockRankTest, AThreadTakesMutexesFromTheOutermostInwardsOrEndsTheProcess)
 {
     MutexLock outer(g_outer);
     MutexLock inner(g_inner);
@@ -43,19 +43,13 @@ TEST_F(LockRankTest, AThreadMayTakeMutexesFromTheOutermostInwards)
     // What has been released counts no more; a wait holds its mutex again afterwards.
     MutexLock middle(g_middle);
     Wait(g_middle);
+    EXPECT_DEATH(Take(g_middle), "CallbackHub is taken while CallbackHub is held");
     inner.Lock();
     outer.Unlock();  // in whatever order
     EXPECT_DEATH(Take(g_outer), "Engine is taken while Mailbox is held");
-}
-
-TEST_F(LockRankTest, TakingOneOutOfOrderEndsTheProcessAndNamesBoth)
-{
-    MutexLock middle(g_middle);
+    EXPECT_DEATH(Wait(g_middle), "CallbackHub is taken while Mailbox is held");  // again, at its end
+    inner.Unlock();
     EXPECT_DEATH(Take(g_outer), "Engine is taken while CallbackHub is held");
-    EXPECT_DEATH(Take(g_middle), "CallbackHub is taken while CallbackHub is held");
-    MutexLock inner(g_inner);
-    // The wait would take the outer mutex again while the inner one is held.
-    EXPECT_DEATH(Wait(g_middle), "CallbackHub is taken while Mailbox is held");
 }
 
 TEST_F(LockRankTest, AMutexTakenWithoutWaitingMayComeInAnyOrderAndCounts)

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -12,8 +11,6 @@
 
 namespace VEXA::UpdateEngine {
 namespace {
-
-using testing::ElementsAre;
 
 // Counts its waits instead of waiting; the manager's word comes during the wait that is asked for.
 class TestLoader : public LoadSaService {
@@ -30,61 +27,56 @@ public:
     int pauses = 0;
 };
 
+RecordedMessage Line(uint32_t level, const char* text)
+{
+    return {level, "load_sa_service.cpp", text};
+}
+
 class LoadSaServiceTest : public testing::Test {
 protected:
     LoadSaServiceTest() { manager_->HoldCallbacks(true); }
     ~LoadSaServiceTest() override { manager_->TakeHeld(); }
+    // `lines` are those since the load before.
+    void ExpectLoad(bool result, int pauses, const std::vector<RecordedMessage>& lines)
+    {
+        loader_->pauses = 0;
+        EXPECT_EQ(loader_->TryLoadSa(7), result);
+        EXPECT_EQ(loader_->pauses, pauses);
+        EXPECT_EQ(log_.Messages(), lines);
+        log_.Clear();
+    }
 
     InProcessManager manager_;
     const sptr<TestLoader> loader_{new TestLoader};
     RecordingLogSink log_;
 };
 
-RecordedMessage Line(uint32_t level, const char* text)
-{
-    return {level, "load_sa_service.cpp", text};
-}
-
-const RecordedMessage WAITING = Line(4, "Waiting for CheckSaLoaded");
-const RecordedMessage CHECK_FAILED = Line(6, "systemAbilityId: 7, CheckSaLoaded failed");
-
 TEST_F(LoadSaServiceTest, WaitsForTheWordOfTheManager)
 {
+    const RecordedMessage waiting = Line(4, "Waiting for CheckSaLoaded");
+    const RecordedMessage checkFailed = Line(6, "systemAbilityId: 7, CheckSaLoaded failed");
     loader_->reportAt = 101;
     loader_->report = new IPCObjectStub;
-    EXPECT_TRUE(loader_->TryLoadSa(7));
-    EXPECT_THAT(log_.Messages(),
-        ElementsAre(WAITING, Line(4, "SystemAbility load Success systemAbilityId: 9, IRemoteObject result: succeed"),
-            Line(4, "found OnLoad result: succeed"), Line(4, "systemAbilityId: 7, load succeed")));
-
-    log_.Clear();
-    loader_->pauses = 0;
+    ExpectLoad(true, 101,
+        {waiting, Line(4, "SystemAbility load Success systemAbilityId: 9, IRemoteObject result: succeed"),
+            Line(4, "found OnLoad result: succeed"), Line(4, "systemAbilityId: 7, load succeed")});
     loader_->reportAt = 1;
     loader_->report = nullptr;
-    EXPECT_FALSE(loader_->TryLoadSa(7));
-    EXPECT_EQ(loader_->pauses, 1);
-    EXPECT_THAT(log_.Messages(),
-        ElementsAre(WAITING, Line(4, "SystemAbility load Success systemAbilityId: 9, IRemoteObject result: failed"),
-            Line(4, "found OnLoad result: failed"), CHECK_FAILED));
-
+    ExpectLoad(false, 1,
+        {waiting, Line(4, "SystemAbility load Success systemAbilityId: 9, IRemoteObject result: failed"),
+            Line(4, "found OnLoad result: failed"), checkFailed});
     // The outcomes before don't count.
     manager_->TakeHeld();
-    log_.Clear();
-    EXPECT_FALSE(loader_->TryLoadSa(7));
-    EXPECT_EQ(loader_->pauses, 102);
-    EXPECT_THAT(log_.Messages(), ElementsAre(WAITING, Line(6, "CheckSaLoaded didn't get OnLoad result"), CHECK_FAILED));
+    loader_->reportAt = 0;
+    ExpectLoad(false, 101, {waiting, Line(6, "CheckSaLoaded didn't get OnLoad result"), checkFailed});
 
-    log_.Clear();
     manager_->TakeHeld().at(0).callback->OnLoadSystemAbilityFail(9);
     manager_->SetAsyncResult(SAMGR_NO_PROFILE);
-    EXPECT_FALSE(loader_->TryLoadSa(7));
-    EXPECT_THAT(log_.Messages(), ElementsAre(Line(6, "SystemAbility Load fail the systemAbilityId is: 9"),
-                                     Line(6, "systemAbilityId: 7, load failed, result code: 2")));
-
-    log_.Clear();
+    ExpectLoad(false, 0,
+        {Line(6, "SystemAbility Load fail the systemAbilityId is: 9"),
+            Line(6, "systemAbilityId: 7, load failed, result code: 2")});
     const UnreachableManager none;
-    EXPECT_FALSE(loader_->TryLoadSa(7));
-    EXPECT_THAT(log_.Messages(), ElementsAre(Line(6, "samgr object null!")));
+    ExpectLoad(false, 0, {Line(6, "samgr object null!")});
 }
 
 TEST_F(LoadSaServiceTest, SilentManagerCostsTheSharedInstanceFiveSeconds)

@@ -12,6 +12,8 @@
 namespace VEXA::samgr {
 namespace {
 
+using namespace std::chrono_literals;
+
 TEST(SamgrProfile, NumbersAndUsersAreReadAndHaveDefaults)
 {
     Profile profile;
@@ -20,18 +22,16 @@ TEST(SamgrProfile, NumbersAndUsersAreReadAndHaveDefaults)
         "register": ["root", 12], "lookup": [7, "8"]})",
         profile, error))
         << error;
-    EXPECT_EQ(profile.id, 65792);
-    EXPECT_EQ(profile.user, "root");
-    EXPECT_EQ(profile.startTimeout, std::chrono::milliseconds(250));
+    EXPECT_EQ(std::tuple(profile.id, profile.user, profile.startTimeout), std::tuple(65792, "root", 250ms));
     EXPECT_EQ(profile.registrars.uids, (std::vector<uid_t>{0, 12}));
     EXPECT_EQ(profile.lookup.uids, (std::vector<uid_t>{7, 8}));
     EXPECT_FALSE(profile.lookup.everyone);
 
     // Without more, everyone may look it up and the manager's user register it.
     ASSERT_TRUE(ParseProfile(R"({"id": 2147483647, "program": "p", "startTimeout": 300})", profile, error)) << error;
-    EXPECT_EQ(profile.startTimeout, std::chrono::seconds(300));
+    EXPECT_EQ(profile.startTimeout, 300s);
     ASSERT_TRUE(ParseProfile(R"({"id": 1, "program": "p"})", profile, error)) << error;
-    EXPECT_EQ(profile.startTimeout, std::chrono::seconds(5));
+    EXPECT_EQ(profile.startTimeout, 5s);
     EXPECT_TRUE(profile.registrars.Allows(geteuid()));
     EXPECT_FALSE(profile.registrars.Allows(geteuid() + 1));
     EXPECT_FALSE(profile.registrars.Allows(static_cast<uid_t>(-1)));
