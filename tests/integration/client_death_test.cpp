@@ -1,10 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 // The migration client while its service is killed.
+#include <algorithm>
 #include <atomic>
+#include <optional>
 #include <set>
 
-#include "client_world.h"
+#include "native_migrate/migrate_protocol.h"
 #include "native_migrate/migrate_server_kits.h"
+#include "samgr_world.h"
+#include "vexa/samgr/system_ability_manager_client.h"
+#include "vexa/testing/recording_log_sink.h"
 
 using namespace VEXA;
 using namespace VEXA::test;
@@ -12,10 +17,28 @@ using namespace VEXA::UpdateEngine;
 
 namespace {
 
-[[maybe_unused]] const auto* const environment =
-    testing::AddGlobalTestEnvironment(new ClientWorld([](const SamgrWorld& world) {
-        world.AddProfile(MIGRATE_SERVICE_ID, SAMGR_PEER, R"(, "arguments": ["migrate", "65792"])");
-    }));
+sptr<ISystemAbilityManager> Manager()
+{
+    return SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
+}
+
+class ClientDeath : public testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        world_.emplace().AddProfile(MIGRATE_SERVICE_ID, SAMGR_PEER, R"(, "arguments": ["migrate", "65792"])");
+        world_->StartManager();
+        ASSERT_TRUE(Eventually([] { return Manager() != nullptr; }));
+    }
+    static void TearDownTestSuite()
+    {
+        EXPECT_EQ(world_->EndManager(SIGTERM), 0);
+        world_.reset();
+    }
+
+private:
+    static inline std::optional<SamgrWorld> world_;
+};
 
 MigrateServerKits& Kits()
 {
@@ -29,6 +52,8 @@ pid_t StartedBy()
     return Kits().StartMigrate(error) == 0 ? error.errorNum : -1;
 }
 
+const RecordedMessage LOOKUP{KOLOG_INFO, "migrate_server_kits_impl.cpp", "GetService recreate service instance"};
+
 ProgressCallback CountInto(std::atomic<int>& count)
 {
     return {[&count](const MigrateStage&, const EventInfo&) { ++count; }};
@@ -41,7 +66,7 @@ public:
     std::atomic<pid_t> next{0};
 };
 
-TEST(ClientDeath, ARequestInTheInstantOfADeathReachesTheNextInstance)
+TEST_F(ClientDeath, ARequestInTheInstantOfADeathReachesTheNextInstance)
 {
     pid_t pid = StartedBy();
     std::set<pid_t> instances{pid};
@@ -56,7 +81,7 @@ TEST(ClientDeath, ARequestInTheInstantOfADeathReachesTheNextInstance)
     }
 }
 
-TEST(ClientDeath, OnAndOffWhileTheServiceComesBackAreTheLastWord)
+TEST_F(ClientDeath, OnAndOffWhileTheServiceComesBackAreTheLastWord)
 {
     pid_t pid = StartedBy();
     RecordingLogSink lines(KOLOG_INFO);
@@ -68,7 +93,7 @@ TEST(ClientDeath, OnAndOffWhileTheServiceComesBackAreTheLastWord)
         const sptr<IRemoteObject> before = Manager()->CheckSystemAbility(MIGRATE_SERVICE_ID);
         lines.Clear();
         ASSERT_TRUE(pid > 0 && kill(pid, SIGKILL) == 0);
-        ASSERT_TRUE(Eventually([&] { return CountLines(lines, "GetService recreate service instance") == 1; }));
+        ASSERT_TRUE(Eventually([&] { return std::ranges::count(lines.Messages(), LOOKUP) == 1; }));
         const bool isOn = round % 2 == 0;
         ASSERT_EQ(isOn ? Kits().On(CountInto(later)) : Kits().Off(), 0);
         // Its notice comes when the library's handler has ended.

@@ -4,13 +4,16 @@
 #include <atomic>
 #include <set>
 
-#include "client_world.h"
 #include "native_migrate/json_parse.h"
+#include "native_migrate/migrate_protocol.h"
 #include "native_migrate/migrate_server_kits.h"
 #include "native_migrate/reserve_migrate_kits.h"
 #include "native_migrate/reserve_migrate_status_observer_stub.h"
 #include "native_migrate/task_info.h"
+#include "samgr_world.h"
 #include "vexa/base/mutex.h"
+#include "vexa/samgr/system_ability_manager_client.h"
+#include "vexa/testing/recording_log_sink.h"
 
 using namespace VEXA;
 using namespace VEXA::test;
@@ -51,14 +54,12 @@ void AddProfiles(const SamgrWorld& world)
 }
 
 // Ends the service at once, and returns true when the manager runs the next instance.
-bool KillService()
+bool KillService(const SamgrWorld& world)
 {
-    const auto running = [] { return PidOfProgram(ClientWorld::Get(), "migrate_serviced"); };
+    const auto running = [&] { return PidOfProgram(world, "migrate_serviced"); };
     const pid_t killed = running();
     return killed > 0 && kill(killed, SIGKILL) == 0 && Eventually([&] { return running() > 0 && running() != killed; });
 }
-
-[[maybe_unused]] const auto* const environment = testing::AddGlobalTestEnvironment(new ClientWorld(&AddProfiles));
 
 std::atomic<int> midway{0};  // events with a package that is partly copied
 std::atomic<uint32_t> percent{0};
@@ -99,6 +100,11 @@ private:
 
 TEST(ClientMigration, AllThatIsWatchedGoesOnAcrossTenDeathsOfTheService)
 {
+    SamgrWorld world;
+    AddProfiles(world);
+    world.StartManager();
+    ASSERT_TRUE(
+        Eventually([] { return SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager() != nullptr; }));
     RecordingLogSink lines(KOLOG_INFO);
     MigrateServerKits& kits = MigrateServerKits::GetKitsInstance();
     // The callback stays registered: the program ends while the library is looking for a next instance.
@@ -107,19 +113,19 @@ TEST(ClientMigration, AllThatIsWatchedGoesOnAcrossTenDeathsOfTheService)
     ReserveMigrateKits second;
     const std::pair<ReserveMigrateKits&, std::string> callers[] = {
         {first, "beta"}, {first, "alpha"}, {second, "gamma"}};
-    std::vector<std::string> resumptions{"MigrateServerKitsImpl::ResumeRegisterCallback result=0"};
+    std::vector<RecordedMessage> resumptions{
+        {KOLOG_INFO, "migrate_server_kits_impl.cpp", "MigrateServerKitsImpl::ResumeRegisterCallback result=0"}};
     std::vector<sptr<Observer>> observers;
     std::string reply;
     for (const auto& [client, caller] : callers) {
         observers.emplace_back(new Observer);
         ASSERT_EQ(client.RegisterCallback(caller, observers.back(), reply), 0);
-        resumptions.push_back("register caller=" + caller + " callback result=0");
+        resumptions.push_back(
+            {KOLOG_INFO, "reserve_migrate_kits.cpp", "register caller=" + caller + " callback result=0"});
     }
     const auto allHearOf = [&](int app) {
-        return Eventually([&] {
-            return std::all_of(observers.begin(), observers.end(),
-                [app](const sptr<Observer>& observer) { return observer->HasHeardOf(NameOf(app)); });
-        });
+        const auto hears = [app](const sptr<Observer>& observer) { return observer->HasHeardOf(NameOf(app)); };
+        return Eventually([&] { return std::all_of(observers.begin(), observers.end(), hears); });
     };
     BusinessError error;
     ASSERT_EQ(kits.StartMigrate(error), 0);
@@ -127,7 +133,7 @@ TEST(ClientMigration, AllThatIsWatchedGoesOnAcrossTenDeathsOfTheService)
     for (int app = 0; app < kApps; ++app) {
         ASSERT_EQ((app % 2 == 0 ? first : second).RestoreApp(NameOf(app), "", reply), 0) << app;
     }
-    const std::string& folder = ClientWorld::Get().Folder();
+    const std::string& folder = world.Folder();
     // Packages and applications come one after the other, so the last ones are still to come at every death.
     for (int death = 1; death <= kDeaths; ++death) {
         midway = 0;
@@ -136,9 +142,10 @@ TEST(ClientMigration, AllThatIsWatchedGoesOnAcrossTenDeathsOfTheService)
         for (const int last : {kApps - 1, kPackages - 1}) {
             ASSERT_FALSE(std::filesystem::exists(folder + "/target/" + NameOf(last))) << death;
         }
-        ASSERT_TRUE(KillService()) << death;
-        for (const std::string& line : resumptions) {
-            ASSERT_TRUE(Eventually([&] { return CountLines(lines, line) == death; })) << line << ' ' << death;
+        ASSERT_TRUE(KillService(world)) << death;
+        for (const RecordedMessage& line : resumptions) {
+            ASSERT_TRUE(Eventually([&] { return std::ranges::count(lines.Messages(), line) == death; }))
+                << line << ' ' << death;
         }
     }
     for (int app = 0; app < kApps; ++app) {
@@ -151,6 +158,7 @@ TEST(ClientMigration, AllThatIsWatchedGoesOnAcrossTenDeathsOfTheService)
     }));
     EXPECT_TRUE(Eventually([] { return percent == 100; }));
     EXPECT_EQ(std::system(("diff -r '" + folder + "/source' '" + folder + "/target'").c_str()), 0);
+    EXPECT_EQ(world.EndManager(SIGTERM), 0);
 }
 
 }  // namespace

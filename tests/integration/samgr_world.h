@@ -2,6 +2,8 @@
 // The processes and files of the manager's tests: a runtime directory, profiles, and the manager in it.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <fstream>
 #include <optional>
 #include <sstream>
@@ -58,7 +60,11 @@ public:
     int EndManager(int signal)
     {
         manager_.Signal(signal);
-        return ExitStatus(manager_);
+        const int status = ExitStatus(manager_);
+        if (testing::UnitTest::GetInstance()->Failed()) {
+            fputs(FileText(LogFile()).c_str(), stderr);
+        }
+        return status;
     }
 
     const ChildProcess& Manager() const { return manager_; }
