@@ -96,43 +96,31 @@ TEST(CallbackStubs, CheckTheTokenThenTheCodeThenDeliver)
     }
 }
 
-void ExpectSent(const sptr<ScriptedRemoteObject>& object, int32_t flags, const std::string& bytes)
-{
-    ASSERT_EQ(object->Requests().size(), 1U);
-    const auto request = object->Requests()[0];
-    EXPECT_EQ(request.code, 1U);
-    EXPECT_EQ(request.flags, flags);
-    EXPECT_EQ(request.waitTime, 8);
-    EXPECT_EQ(Bytes(*request.data), bytes);
-}
-
-TEST(CallbackProxies, ForwardProgressAsItIs)
+TEST(CallbackProxies, ForwardProgressAsItIsAndSendTheEndOfOwnershipOneWay)
 {
     const sptr<ScriptedRemoteObject> object(new ScriptedRemoteObject);
     object->QueueAnswer(2104, {"answer"});
+    object->QueueAnswer(-6);
     MessageParcel data;
     MessageParcel reply;
     data.WriteInterfaceToken(u"any");
     EXPECT_EQ(iface_cast<IMigrateCallBack>(object)->OnMigrateProgress(data, reply), 2104);
     EXPECT_EQ(reply.ReadString(), "answer");
-    ExpectSent(object, 0, RequestBytes(u"any", {}));
-}
-
-TEST(CallbackProxies, SendTheEndOfOwnershipOneWay)
-{
-    const sptr<ScriptedRemoteObject> object(new ScriptedRemoteObject);
-    const auto proxy = iface_cast<ISetBackupFileOwnInterface>(object);
-    object->QueueAnswer(-6);
+    const auto owner = iface_cast<ISetBackupFileOwnInterface>(object);
     RecordingLogSink log;
-    proxy->OnSetBackupFileOwnFinished(-5);
+    owner->OnSetBackupFileOwnFinished(-5);
     {
         const RefusingParcels refusing;
-        proxy->OnSetBackupFileOwnFinished(1);
+        owner->OnSetBackupFileOwnFinished(1);
     }
     const LinesOf file{"set_backup_file_own_proxy.cpp"};
     EXPECT_EQ(log.Messages(), file.Info({"SetBackupFileOwnProxy, OnSetBackupFileOwnFinished ret=-6"}) +
                                   file.Error({"SetBackupFileOwnProxy, WriteInterfaceToken fail"}));
-    ExpectSent(object, 1, RequestBytes(OWN, {-5}));
+    std::vector<std::tuple<uint32_t, int32_t, int32_t, std::string>> sent;
+    for (const auto& [code, flags, waitTime, parcel] : object->Requests()) {
+        sent.emplace_back(code, flags, waitTime, Bytes(*parcel));
+    }
+    EXPECT_EQ(sent, (decltype(sent){{1, 0, 8, RequestBytes(u"any", {})}, {1, 1, 8, RequestBytes(OWN, {-5})}}));
 }
 
 TEST(Proxies, SendNothingWithoutARemoteObject)

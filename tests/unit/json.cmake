@@ -1,7 +1,4 @@
 # SPDX-License-Identifier: Apache-2.0
-nm_test(json_context_test
-    SOURCES json_context_test.cpp
-    USES vexa_json)
-nm_test(json_bind_test
-    SOURCES json_bind_test.cpp
+nm_test(json_test
+    SOURCES json_bind_test.cpp json_context_test.cpp
     USES vexa_testing nm_json nm_log vexa_json vexa_log)

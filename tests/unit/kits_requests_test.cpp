@@ -120,6 +120,9 @@ protected:
 
 TEST_F(KitsRequestsTest, EveryOperationSendsBindsMapsAndLogs)
 {
+    RunCase({31, IMPL "SetBackupFileOwn", nullptr, CALL(SetBackupFileOwn(nullptr)), {}}, 104,
+        CLIENT.Error({"SetBackupFileOwn callback is null"}));
+    EXPECT_TRUE(manager_->Calls().empty());  // it is refused before any lookup
     const Lines entry = CLIENT.Info({"GetService entry"});
     for (const OperationCase& operation : OPERATION_CASES) {
         SCOPED_TRACE(operation.startLine);
@@ -164,15 +167,6 @@ TEST_F(KitsRequestsTest, AnObjectThatNoProxyIsMadeForIsNoService)
     brokers.Unregister(MIGRATE_SERVER_DESCRIPTOR);
     brokers.Register(MIGRATE_SERVER_DESCRIPTOR,
         [](const sptr<IRemoteObject>& object) { return sptr<IRemoteBroker>(new MigrateServiceProxy(object)); });
-}
-
-TEST_F(KitsRequestsTest, NullBackupFileOwnerIsRefusedBeforeAnyLookup)
-{
-    RecordingLogSink log;
-    EXPECT_EQ(kits_.SetBackupFileOwn(nullptr), 104);
-    EXPECT_EQ(
-        log.Messages(), CLIENT.Info({IMPL "SetBackupFileOwn"}) + CLIENT.Error({"SetBackupFileOwn callback is null"}));
-    EXPECT_TRUE(manager_->Calls().empty());
 }
 
 }  // namespace

@@ -3,10 +3,8 @@
 #include <chrono>
 #include <functional>
 #include <optional>
-#include <thread>
 
 #include "kits_fixture.h"
-#include "native_migrate/imigrate_server.h"
 #include "native_migrate/reserve_migrate_kits.h"
 #include "native_migrate/reserve_migrate_status_observer_stub.h"
 #include "reserve_migrate_session.h"

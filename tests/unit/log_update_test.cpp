@@ -20,7 +20,7 @@ UpdateLogContent Content(std::string log, std::string args, int32_t level = UPDA
     return {{}, static_cast<UpdateLogLevel>(level), std::move(log), std::move(args), "dir/file.cpp", 12};
 }
 
-// The format and the text of every line, both without the place.
+// The level, the format and the text of every line, both without the place.
 std::vector<std::string> Lines(const RecordingLogSink& log)
 {
     constexpr std::string_view format = "[%{public}s(%{public}d)]";
@@ -29,7 +29,8 @@ std::vector<std::string> Lines(const RecordingLogSink& log)
     for (const LogEntry& entry : log.Entries()) {
         EXPECT_EQ(entry.format.rfind(format, 0), 0U) << entry.format;
         EXPECT_EQ(entry.message.rfind(place, 0), 0U) << entry.message;
-        lines.push_back(entry.format.substr(format.size()) + "|" + entry.message.substr(place.size()));
+        lines.push_back(std::to_string(entry.level) + entry.format.substr(format.size()) + "|" +
+                        entry.message.substr(place.size()));
     }
     return lines;
 }
@@ -44,9 +45,9 @@ TEST(LogLineTest, NamesThePlaceUnderTheLabelOfTheKits)
     const std::string line = std::to_string(__LINE__ - 1);
     EXPECT_EQ(log.Entries()[0].message, "[log_update_test.cpp(" + std::to_string(caller.line) + ")]Service is null");
     const LogEntry entry = log.Entries()[1];
-    EXPECT_EQ(entry.level, KOLOG_DEBUG);
     EXPECT_EQ(entry.message, "[log_update_test.cpp(" + line + ")]On result is 104");
-    EXPECT_EQ(entry.tag, "MIGRATE_KITS");
+    EXPECT_EQ(entry.format, "[%{public}s(%{public}d)]%{public}s result is %{public}d");
+    EXPECT_EQ(std::tuple(entry.level, entry.tag), std::tuple(KOLOG_DEBUG, "MIGRATE_KITS"));
 }
 
 const UpdateLogLevel INITIAL_LEVEL = UpdateLog::GetLogLevel();
@@ -58,19 +59,16 @@ TEST(UpdateLogTest, LabelsAndLevels)
         {0x10, "MIGRATE_SA"}, {0x11, "MIGRATE_KITS"}, {0x12, "MIGRATE_PLUGIN"}, {0x15, "DEVICE_ACTIVATE_SERVICE"},
         {0x16, "FILE_URI_SERVICE"}, {0x00, "UPDATE_DH"}};
     RecordingLogSink log;
-    std::vector<std::string> tags;
+    uint32_t index = 0;
     for (const auto& [module, tag] : labels) {
-        UpdateLog::PrintSingleLine(static_cast<uint32_t>(tags.size()), Content("%{public}s", "x"));
-        tags.emplace_back(tag);
-        ASSERT_EQ(log.Entries().size(), tags.size());
-        EXPECT_EQ(log.Entries().back().tag, tag);
-        EXPECT_EQ(log.Entries().back().domain, 0xD002E00 + module) << tag;
-        EXPECT_EQ(log.Entries().back().type, 3U) << tag;
+        UpdateLog::PrintSingleLine(index++, Content("%{public}s", "x"));
+        ASSERT_EQ(log.Entries().size(), index);
+        const LogEntry entry = log.Entries().back();
+        EXPECT_EQ(std::tuple(entry.tag, entry.domain, entry.type), std::tuple(tag, 0xD002E00 + module, 3U));
     }
-    EXPECT_EQ(UPDATE_LABEL.size(), tags.size());
+    EXPECT_EQ(UPDATE_LABEL.size(), index);
 
-    EXPECT_EQ(INITIAL_LEVEL, 1);
-    EXPECT_EQ(UpdateLogContent().level, 1);
+    EXPECT_TRUE(INITIAL_LEVEL == 1 && UpdateLogContent().level == 1);
     UpdateLog::GetLogLevel() = UPDATE_DEBUG;
     EXPECT_TRUE(UpdateLog::JudgeLevel(UPDATE_DEBUG));
     UpdateLog::SetLogLevel(UPDATE_ERROR);
@@ -86,13 +84,7 @@ TEST(UpdateLogTest, SingleLineMapsLevelLabelAndPrivacy)
     UpdateLog::PrintSingleLine(11, Content("%s", "100% text", UPDATE_ERROR));
     UpdateLog::PrintSingleLine(2, Content("%{public}s ", "100% text", UPDATE_INFO));
     EXPECT_THAT(
-        Lines(log), ElementsAre("%{public}s|100% text", "%{private}s|<private>", "%s|<private>", "%s|<private>"));
-    std::string levels;
-    for (const LogEntry& entry : log.Entries()) {
-        levels += std::to_string(entry.level);
-    }
-    EXPECT_EQ(levels, "3464");
-
+        Lines(log), ElementsAre("3%{public}s|100% text", "4%{private}s|<private>", "6%s|<private>", "4%s|<private>"));
     log.Clear();
     // No such level, no such label.
     const std::pair<uint32_t, int32_t> silent[] = {{7, 2}, {7, -1}, {12, 1}, {UINT32_MAX, 3}};
@@ -117,7 +109,7 @@ TEST(UpdateLogTest, LogIsCutIntoPiecesOf900Bytes)
         UpdateLog::PrintLog(MIGRATE_KITS, Content("%{public}s", text.substr(0, length)));
         std::vector<std::string> pieces;
         for (size_t at = 0; at < length; at += 900) {
-            pieces.push_back("%{public}s|" + text.substr(at, std::min<size_t>(900, length - at)));
+            pieces.push_back("4%{public}s|" + text.substr(at, std::min<size_t>(900, length - at)));
         }
         EXPECT_EQ(Lines(log), pieces);
     }
@@ -129,13 +121,13 @@ TEST(UpdateLogTest, LongLogPrintsThreeRuns)
         const char* log;
         std::vector<std::string> lines;
     } cases[] = {
-        {"copy %{private}s done", {"%{public}s|copy ", "%{private}s|/data/a", "%{public}s| done"}},
-        {"%{public}s", {"%{public}s|/data/a"}},
-        {"got %s", {"%{public}s|got ", "%s|/data/a"}},
-        {"no placeholder", {"%{public}s|no placeholder", "%s|/data/a"}},
-        {"%s and %s", {"%{public}s|%s and %s", "%s|/data/a"}},
-        {"100%% %s", {"%{public}s|100%% %s", "%s|/data/a"}},
-        {"", {"%s|/data/a"}},
+        {"copy %{private}s done", {"4%{public}s|copy ", "4%{private}s|/data/a", "4%{public}s| done"}},
+        {"%{public}s", {"4%{public}s|/data/a"}},
+        {"got %s", {"4%{public}s|got ", "4%s|/data/a"}},
+        {"no placeholder", {"4%{public}s|no placeholder", "4%s|/data/a"}},
+        {"%s and %s", {"4%{public}s|%s and %s", "4%s|/data/a"}},
+        {"100%% %s", {"4%{public}s|100%% %s", "4%s|/data/a"}},
+        {"", {"4%s|/data/a"}},
     };
     KoLogSetPrivateShown(true);
     for (const auto& one : cases) {

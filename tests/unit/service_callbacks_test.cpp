@@ -14,10 +14,7 @@ using ServiceCallbacks = RequestsTest;
 // The object of a client's callback.
 class Receiver {
 public:
-    struct Event {
-        MigrateStage stage = MigrateStage::NONE;
-        EventInfo info;
-    };
+    using Event = std::pair<MigrateStage, EventInfo>;
     std::vector<Event> Progress() const
     {
         std::vector<Event> events;
@@ -25,10 +22,9 @@ public:
             EXPECT_EQ(request.code, MIGRATE_PROGRESS_CODE);
             request.data->RewindRead();
             EXPECT_EQ(request.data->ReadInterfaceToken(), MIGRATE_CALLBACK_DESCRIPTOR);
-            Event event;
-            event.stage = static_cast<MigrateStage>(request.data->ReadUint32());
-            EXPECT_EQ(JsonParse::JsonStrToStruct(request.data->ReadString(), event.info), JsonError::SUCCESS);
-            events.push_back(event);
+            auto& [stage, info] = events.emplace_back();
+            stage = static_cast<MigrateStage>(request.data->ReadUint32());
+            EXPECT_EQ(JsonParse::JsonStrToStruct(request.data->ReadString(), info), JsonError::SUCCESS);
         }
         return events;
     }
@@ -48,9 +44,8 @@ public:
     size_t Finished() const
     {
         size_t count = 0;
-        for (const Event& event : Progress()) {
-            const auto& tasks = event.info.taskProgresses;
-            count += std::count_if(tasks.begin(), tasks.end(), [](const auto& task) { return task.status == 3; });
+        for (const auto& [stage, info] : Progress()) {
+            count += std::ranges::count(info.taskProgresses, kFinished, &TaskProgress::status);
         }
         return count;
     }
@@ -78,13 +73,13 @@ TEST_F(ServiceCallbacks, ProgressIsThatOfTheBytesAndArrivesAtMostTenTimesASecond
     const auto total = static_cast<double>(kLarge + 4 * 10);
     std::map<uint32_t, std::string> statuses;
     uint32_t percent = 0;
-    for (const auto& event : events) {
-        EXPECT_GE(event.info.progress.percent, percent);
-        percent = event.info.progress.percent;
+    for (const auto& [stage, info] : events) {
+        EXPECT_GE(info.progress.percent, percent);
+        percent = info.progress.percent;
         if (percent > 0) {
-            EXPECT_NEAR(percent, 100.0 - 100.0 * static_cast<double>(event.info.progress.requiredTraffic) / total, 1.0);
+            EXPECT_NEAR(percent, 100.0 - 100.0 * static_cast<double>(info.progress.requiredTraffic) / total, 1.0);
         }
-        for (const TaskProgress& task : event.info.taskProgresses) {
+        for (const TaskProgress& task : info.taskProgresses) {
             std::string& text = statuses[task.id];
             const std::string status = std::to_string(task.status);
             text += text.empty() || text.substr(text.size() - 1) != status ? status : "";
@@ -93,7 +88,7 @@ TEST_F(ServiceCallbacks, ProgressIsThatOfTheBytesAndArrivesAtMostTenTimesASecond
     // Every change of every task, however quick.
     EXPECT_EQ(statuses, (std::map<uint32_t, std::string>{{1, "013"}, {2, "013"}, {3, "013"}, {4, "013"}, {5, "013"}}));
     EXPECT_EQ(percent, 100U);
-    EXPECT_EQ(events.back().stage, MigrateStage::FINISH);
+    EXPECT_EQ(events.back().first, MigrateStage::FINISH);
 }
 
 TEST_F(ServiceCallbacks, ASlowClientHoldsUpNobodyAndGetsTheLastWord)
@@ -147,7 +142,7 @@ TEST_F(ServiceCallbacks, OnReplacesAndOffEndsAndTheDeadAreForgotten)
     Receiver late;
     EXPECT_EQ(Ask(Code::REGISTER_PROGRESS_CALLBACK, sptr<IRemoteObject>(late.object)), 0);
     ASSERT_TRUE(Eventually([&] { return late.Finished() == 1; }));
-    EXPECT_EQ(late.Progress()[0].stage, MigrateStage::FINISH);
+    EXPECT_EQ(late.Progress()[0].first, MigrateStage::FINISH);
     Ask(Code::START_MIGRATE);
     ASSERT_TRUE(Eventually([&] { return late.Finished() == 2; }));
     EXPECT_EQ(second.object->Requests().size(), heard);

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <fstream>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -68,40 +69,40 @@ public:
         fs::create_directories(Source() / package);
         ASSERT_EQ(mkfifo((Source() / package / "pipe").c_str(), 0600), 0);
     }
-    // The names in the target, those of the service's own state left out.
-    std::vector<std::string> TargetNames() const
+    // "a b ", the names in the target, those of the service's own state left out.
+    std::string TargetNames() const
     {
-        std::vector<std::string> names;
+        std::set<std::string> names;
         for (const auto& entry : fs::directory_iterator(Target())) {
-            const std::string name = entry.path().filename();
-            if (name.rfind(".migrate-state", 0) != 0) {
-                names.push_back(name);
-            }
+            names.insert(entry.path().filename());
         }
-        std::sort(names.begin(), names.end());
-        return names;
+        std::string text;
+        for (const std::string& name : names) {
+            text += name.rfind(".migrate-state", 0) == 0 ? "" : name + " ";
+        }
+        return text;
     }
 
 private:
     const VEXA::test::TempDir root_;
 };
 
+inline constexpr auto kFinished = static_cast<int32_t>(TaskStatus::FINISHED);
+
 class RecordingListener : public EngineListener {
 public:
     void OnTask(const TaskProgress& task) override
     {
         MutexLock lock(mutex_);
-        if (task.status == static_cast<int32_t>(TaskStatus::FINISHED)) {
-            finished_.push_back(task.id);
-        }
+        finished_ += task.status == kFinished ? std::to_string(task.id) + " " : "";
     }
     void OnRestore(const RestoreEventInfo& event) override
     {
         MutexLock lock(mutex_);
-        restores_.push_back(event);
+        restores_ += Statuses({event});
     }
     // The numbers of the tasks that have finished, in order.
-    std::vector<uint32_t> Finished() const
+    std::string Finished() const
     {
         MutexLock lock(mutex_);
         return finished_;
@@ -109,13 +110,13 @@ public:
     std::string Restores() const
     {
         MutexLock lock(mutex_);
-        return Statuses(restores_);
+        return restores_;
     }
 
 private:
     mutable Mutex mutex_{LockRank::CallbackHub};  // whose place it takes
-    std::vector<uint32_t> finished_ VEXA_GUARDED_BY(mutex_);
-    std::vector<RestoreEventInfo> restores_ VEXA_GUARDED_BY(mutex_);
+    std::string finished_ VEXA_GUARDED_BY(mutex_);
+    std::string restores_ VEXA_GUARDED_BY(mutex_);
 };
 
 class EngineTest : public testing::Test {

@@ -10,13 +10,6 @@ namespace {
 
 using ServiceRequests = RequestsTest;
 
-AAFwk::Want Event(const char* action)
-{
-    AAFwk::Want want;
-    want.SetAction(action);
-    return want;
-}
-
 class OwnNotice : public SetBackupFileOwnStub {
 public:
     void OnSetBackupFileOwnFinished(int32_t errorCode) override { code = errorCode; }
@@ -78,9 +71,10 @@ TEST_F(ServiceRequests, EveryRequestOfTheMigrationIsAnsweredWithItsFields)
     EXPECT_EQ(Ask(Code::SET_MIGRATE_POLICY, MIGRATE_POLICY_GO_ON), 0);
     EXPECT_EQ(Ask(Code::PRESET_DATA, ""), 0);
     for (const char* action : {"pause", "resume", "stop"}) {
-        EXPECT_EQ(ErrorOf(Code::NOTIFY_EMPORION_CORE_EVENT, Event(action)), MIGRATE_ERROR_NOTHING) << action;
+        EXPECT_EQ(ErrorOf(Code::NOTIFY_EMPORION_CORE_EVENT, AAFwk::Want().SetAction(action)), MIGRATE_ERROR_NOTHING)
+            << action;
     }
-    EXPECT_EQ(ErrorOf(Code::NOTIFY_EMPORION_CORE_EVENT, Event("dance")), MIGRATE_ERROR_EVENT);
+    EXPECT_EQ(ErrorOf(Code::NOTIFY_EMPORION_CORE_EVENT, AAFwk::Want().SetAction("dance")), MIGRATE_ERROR_EVENT);
     EXPECT_EQ(ErrorOf(Code::RESUME_MIGRATION), MIGRATE_ERROR_NOTHING);
 
     EXPECT_EQ(ErrorOf(Code::START_MIGRATE), 0);

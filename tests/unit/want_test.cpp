@@ -5,8 +5,6 @@
 
 #include <cstring>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "parcel_access.h"
 #include "vexa/ipc/parcel.h"
