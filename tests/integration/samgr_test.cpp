@@ -7,10 +7,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
-#include <filesystem>
-#include <thread>
-#include <vector>
 
 #include "samgr_world.h"
 #include "vexa/ipc/context_object.h"

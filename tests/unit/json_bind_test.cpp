@@ -32,7 +32,7 @@ struct BindCase {
 };
 
 template <typename T>
-void Check(const std::vector<BindCase>& cases, const T& start = {})
+void Check(const T& start, const std::vector<BindCase>& cases)
 {
     RecordingLogSink log;
     for (const BindCase& c : cases) {
@@ -46,7 +46,7 @@ void Check(const std::vector<BindCase>& cases, const T& start = {})
 TEST(JsonBindTest, WholeTexts)
 {
     const char* untouched = R"({"isTaskExist":true,"status":7})";
-    Check<MigrateStatus>(
+    Check(MigrateStatus{true, 7},
         {
             {"", DATA_ERROR, untouched},
             {"{", TYPE_ERROR, untouched},
@@ -59,8 +59,7 @@ TEST(JsonBindTest, WholeTexts)
             {R"({"isTaskExist":1,"status":2})", DATA_ERROR, untouched},
             {R"({"isTaskExist":null})", DATA_ERROR, untouched},
             {R"({"isTaskExist":false,"status":"2"})", DATA_ERROR, R"({"isTaskExist":false,"status":7})"},
-        },
-        {true, 7});
+        });
 }
 
 TEST(JsonBindTest, NumbersAreTruncatedAndMustFit)
@@ -100,7 +99,7 @@ TEST(JsonBindTest, VectorsAreAppendedToUpToTheFirstMisfit)
 {
     const std::string empty = R"({"message":"","errorNum":0,"data":[{"errorCode":9,"errorMessage":"old"})";
     const std::string named = R"({"message":"m","errorNum":0,"data":[{"errorCode":9,"errorMessage":"old"})";
-    Check<BusinessError>(
+    Check(BusinessError{"", 0, {{9, "old"}}},
         {
             {R"({"message":"m","data":[{"errorCode":2,"errorMessage":"x"},{}]})", SUCCESS,
                 named + R"(,{"errorCode":2,"errorMessage":"x"},{"errorCode":0,"errorMessage":""}]})"},
@@ -109,17 +108,17 @@ TEST(JsonBindTest, VectorsAreAppendedToUpToTheFirstMisfit)
             {R"({"message":"m","errorNum":"1","data":[{}]})", DATA_ERROR, named + "]}"},
             {R"({"data":[{"errorCode":1},{"errorCode":"2"},{"errorCode":3}]})", DATA_ERROR,
                 empty + R"(,{"errorCode":1,"errorMessage":""}]})"},
-        },
-        {"", 0, {{9, "old"}}});
-    Check<std::vector<std::string>>({
-        {R"(["a","","\u00e9\n\u0001\"\\\/"])", SUCCESS, "[\"a\",\"\",\"\u00e9\\n\\u0001\\\"\\\\/\"]"},
-        {R"(["a",1,"b"])", DATA_ERROR, R"(["a"])"},
-        {R"({"a":"b"})", DATA_ERROR, "[]"},
-        {"null", SUCCESS, "[]"},
-        {"7", DATA_ERROR, "[]"},
-    });
-    Check<std::vector<MigrationUser>>({{R"([{"sourceUser":1,"targetUser":2},{}])", SUCCESS,
-        R"([{"sourceUser":1,"targetUser":2},{"sourceUser":-1,"targetUser":-1}])"}});
+        });
+    Check(std::vector<std::string>(),
+        {
+            {R"(["a","","\u00e9\n\u0001\"\\\/"])", SUCCESS, "[\"a\",\"\",\"\u00e9\\n\\u0001\\\"\\\\/\"]"},
+            {R"(["a",1,"b"])", DATA_ERROR, R"(["a"])"},
+            {R"({"a":"b"})", DATA_ERROR, "[]"},
+            {"null", SUCCESS, "[]"},
+            {"7", DATA_ERROR, "[]"},
+        });
+    Check(std::vector<MigrationUser>(), {{R"([{"sourceUser":1,"targetUser":2},{}])", SUCCESS,
+                                            R"([{"sourceUser":1,"targetUser":2},{"sourceUser":-1,"targetUser":-1}])"}});
     std::vector<RestoreEventInfo> events;
     ASSERT_EQ(JsonParse::JsonStrToStruct(R"([{"restoreAppInfo":{"appName":"n"}}])", events), SUCCESS);
     const RestoreAppInfo& app = events[0].restoreAppInfo;

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <string>
@@ -115,21 +114,12 @@ struct Outcome {
 inline constexpr Outcome OUTCOMES[] = {
     {0, 0}, {2000, 0}, {2001, 1}, {2003, 3}, {-1, 104}, {1, 104}, {1999, 104}, {INT32_MIN, 104}};
 
-// Exit status of a child that another thread forks now and that runs this. It is killed when that takes long.
-template <typename Run>
-int StatusOfChild(const Run& run)
+// In a child that another thread forks now, this is true, and soon.
+template <typename Condition>
+void ExpectInForkedChild(const Condition& condition)
 {
     ipc::ProcessLife::Watch();
-    int status = -1;
-    std::thread([&] {
-        const pid_t child = fork();
-        if (child == 0) {
-            alarm(3);
-            _exit(run());
-        }
-        waitpid(child, &status, 0);
-    }).join();
-    return status;
+    std::thread([&] { EXPECT_EXIT((alarm(3), _exit(condition() ? 0 : 1)), testing::ExitedWithCode(0), ""); }).join();
 }
 
 class KitsTest : public testing::Test {

@@ -235,7 +235,7 @@ TEST_F(ReserveObserversTest, EndInsideTheHandlerEndsItAndWaitsForOneOnAnotherThr
 // There is no handler in it that its end could wait for.
 TEST_F(ReserveObserversTest, EndInAForkedChildWaitsForNobody)
 {
-    DieAndAnswer([&] { EXPECT_EQ(StatusOfChild([&] { return kits_.reset(), 0; }), 0); });
+    DieAndAnswer([&] { ExpectInForkedChild([&] { return kits_.reset(), true; }); });
 }
 
 TEST_F(ReserveObserversTest, RegistrationWaitsWhileObserversAreRegisteredAgain)
