@@ -67,33 +67,20 @@ TEST_F(KitsRecoveryTest, EveryGapOfALookupIsSurvived)
                                   CLIENT.Error({"manager is nullptr"}));
 }
 
-TEST_F(KitsRecoveryTest, ConcurrentFirstRequestsShareOneLookup)
+// The lock of the lookup is nobody's in a child that is forked meanwhile.
+TEST_F(KitsRecoveryTest, ConcurrentFirstRequestsShareOneLookupAndAForkedChildIsRefusedAtOnce)
 {
     const sptr<ScriptedRemoteObject> service(new ScriptedRemoteObject);
+    std::thread other;
     manager_->OnCheck([&](int32_t) {
+        ExpectInForkedChild([&] { return kits_.On({}) == 104; });
+        other = std::thread([&] { EXPECT_EQ(kits_.On({}), 0); });
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
         return service;
     });
-    const auto request = [] {
-        BusinessError error;
-        EXPECT_EQ(MigrateServerKits::GetKitsInstance().StartMigrate(error), 0);
-    };
-    std::thread other(request);
-    request();
+    EXPECT_EQ(kits_.On({}), 0);
     other.join();
     EXPECT_EQ(manager_->Calls(), ManagerCalls{CHECK});
-    service->Die();
-}
-
-// The lock that its parent holds for the lookup is nobody's there.
-TEST_F(KitsRecoveryTest, AChildForkedDuringALookupIsRefusedAtOnce)
-{
-    manager_->OnCheck([&](int32_t) {
-        ExpectInForkedChild([&] { return kits_.On({}) == 104; });
-        return nullptr;
-    });
-    EXPECT_EQ(kits_.GetService(), nullptr);
-    EXPECT_FALSE(manager_->Calls().empty());
 }
 
 TEST_F(KitsRecoveryTest, DeathRegistersTheLastCallbackWithTheNextInstance)

