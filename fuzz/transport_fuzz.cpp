@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "transport_world.h"
 #include "support/processes.h"
+#include "transport_world.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
 {

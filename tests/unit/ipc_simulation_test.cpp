@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <random>
 
-#include "transport_world.h"
 #include "support/processes.h"
+#include "transport_world.h"
 
 namespace VEXA::test {
 namespace {
