@@ -54,11 +54,6 @@ pid_t StartedBy()
 
 const RecordedMessage LOOKUP{KOLOG_INFO, "migrate_server_kits_impl.cpp", "GetService recreate service instance"};
 
-ProgressCallback CountInto(std::atomic<int>& count)
-{
-    return {[&count](const MigrateStage&, const EventInfo&) { ++count; }};
-}
-
 // Its notice comes right after the library's own.
 class CallAtDeath : public IRemoteObject::DeathRecipient {
 public:
@@ -89,13 +84,13 @@ TEST_F(ClientDeath, OnAndOffWhileTheServiceComesBackAreTheLastWord)
         SCOPED_TRACE(round);
         std::atomic<int> earlier{0};
         std::atomic<int> later{0};
-        ASSERT_EQ(Kits().On(CountInto(earlier)), 0);
+        ASSERT_EQ(Kits().On({[&](auto&&...) { ++earlier; }}), 0);
         const sptr<IRemoteObject> before = Manager()->CheckSystemAbility(MIGRATE_SERVICE_ID);
         lines.Clear();
         ASSERT_TRUE(pid > 0 && kill(pid, SIGKILL) == 0);
         ASSERT_TRUE(Eventually([&] { return std::ranges::count(lines.Messages(), LOOKUP) == 1; }));
         const bool isOn = round % 2 == 0;
-        ASSERT_EQ(isOn ? Kits().On(CountInto(later)) : Kits().Off(), 0);
+        ASSERT_EQ(isOn ? Kits().On({[&](auto&&...) { ++later; }}) : Kits().Off(), 0);
         // Its notice comes when the library's handler has ended.
         const sptr<CallAtDeath> watch(new CallAtDeath);
         ASSERT_TRUE(before->AddDeathRecipient(watch));

@@ -9,7 +9,6 @@
 #include "native_migrate/migrate_server_kits.h"
 #include "native_migrate/reserve_migrate_kits.h"
 #include "native_migrate/reserve_migrate_status_observer_stub.h"
-#include "native_migrate/task_info.h"
 #include "samgr_world.h"
 #include "vexa/samgr/system_ability_manager_client.h"
 #include "vexa/testing/recording_log_sink.h"

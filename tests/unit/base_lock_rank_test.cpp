@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
 
-#include <chrono>
-
 #include "vexa/base/mutex.h"
 
 namespace VEXA {

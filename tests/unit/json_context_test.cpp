@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
 
-#include <vector>
-
 #include "vexa/json/json_context.h"
 
 namespace VEXA {

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The reserve client: its eight operations, its observers across deaths of the service, and its own end.
 #include <chrono>
-#include <functional>
 #include <optional>
 
 #include "kits_fixture.h"
@@ -16,11 +15,6 @@ class Observer : public ReserveMigrateStatusObserverStub {
 public:
     int32_t OnRestoreStatusChanged(const std::string&) override { return 0; }
 };
-
-sptr<IReserveMigrateStatusObserver> NewObserver()
-{
-    return new Observer;
-}
 
 const LinesOf CLIENT{"reserve_migrate_kits.cpp"};
 const Lines LOOKUP = CLIENT.Info({"GetService entry", "GetService recreate service instance"});
@@ -43,7 +37,7 @@ struct ReserveCase {
 const ReserveCase RESERVE_CASES[] = {
     {18, CALL(GetRestoreAppInfos, "t", -1), {"t", -1}, "eroor", "GetRestoreAppInfos"},
     {19, CALL(RestoreApp, "a", "b"), {"a", "b"}, "eroor", "RestoreApp"},
-    {20, CALL(RegisterCallback, "c", NewObserver()), {"c", AN_OBJECT}, "eroor", "RegisterCallback"},
+    {20, CALL(RegisterCallback, "c", new Observer), {"c", AN_OBJECT}, "eroor", "RegisterCallback"},
     {21, CALL(UnRegisterCallback, "c"), {"c"}, "eroor", "RegisterCallback", " WriteInterfaceToken error"},
     {22, CALL(ClearApp, "a", "b"), {"a", "b"}, "error", "ClearApp"},
     {23, CALL(ClearAllVirtualData, "t"), {"t"}, "error", "ClearAllVirtualData"},
@@ -118,8 +112,8 @@ protected:
     sptr<ScriptedRemoteObject> DieAndAnswer(const std::function<void()>& act)
     {
         const sptr<ScriptedRemoteObject> before = RunService();
-        Register("a", NewObserver());
-        Register("b", NewObserver());
+        Register("a", new Observer);
+        Register("b", new Observer);
         const sptr<ScriptedRemoteObject> after = PrepareService();
         after->SetHandler([&](uint32_t, MessageParcel&, MessageParcel&, MessageOption&) {
             after->SetHandler(nullptr);
@@ -154,10 +148,10 @@ protected:
 
 TEST_F(ReserveObserversTest, DeathRegistersEveryObserverInTheOrderOfNames)
 {
-    const auto first = NewObserver();
-    const auto last = NewObserver();
+    const sptr<Observer> first(new Observer);
+    const sptr<Observer> last(new Observer);
     const sptr<ScriptedRemoteObject> before = RunService();
-    Register("beta", NewObserver());
+    Register("beta", new Observer);
     before->QueueAnswer(2006);  // rejected, and kept all the same
     Register("beta", last, 6);
     Register("alpha", first);
@@ -175,7 +169,7 @@ TEST_F(ReserveObserversTest, DeathRegistersEveryObserverInTheOrderOfNames)
 TEST_F(ReserveObserversTest, OnlyASentUnregistrationForgetsTheObserver)
 {
     const sptr<ScriptedRemoteObject> first = RunService();
-    Register("a", NewObserver());
+    Register("a", new Observer);
     const Lines dead = CLIENT.Info({"migrate_server is dead", "resume migrate broker callbacks"});
     RecordingLogSink log;
     Register("b", nullptr, 104);
@@ -203,7 +197,7 @@ TEST_F(ReserveObserversTest, OnlyASentUnregistrationForgetsTheObserver)
 
 TEST_F(ReserveObserversTest, EndWithdrawsTheWatchAndDropsTheObservers)
 {
-    const auto observer = NewObserver();
+    const sptr<Observer> observer(new Observer);
     const sptr<ScriptedRemoteObject> service = RunService();
     Register("a", observer);
     RecordingLogSink log;
@@ -216,31 +210,29 @@ TEST_F(ReserveObserversTest, EndWithdrawsTheWatchAndDropsTheObservers)
     log.Clear();
     unproxied->Die();
     EXPECT_TRUE(log.Messages().empty());
-    EXPECT_EQ(service->RecipientCount(), 0U);
-    EXPECT_EQ(service->Requests().size(), 1U);
+    EXPECT_TRUE(service->RecipientCount() == 0 && service->Requests().size() == 1);
     EXPECT_EQ(observer->GetSptrRefCount(), 2);  // this one, and the recorded request's
 }
 
+// In a forked child there is no handler that its end could wait for.
 TEST_F(ReserveObserversTest, EndInsideTheHandlerEndsItAndWaitsForOneOnAnotherThread)
 {
-    for (const bool isInside : {true, false}) {
+    const auto end = [&] { kits_.reset(); };
+    const auto endInChildFirst = [&] {
+        ExpectInForkedChild([&] { return kits_.reset(), true; });
+        end();
+    };
+    for (const bool isOnAnother : {false, true}) {
+        SCOPED_TRACE(isOnAnother);
+        const auto after = isOnAnother ? DieAndAnswerAfter(end) : DieAndAnswer(endInChildFirst);
+        EXPECT_TRUE(after->RecipientCount() == 0 && after->Requests().size() == 1);
         kits_.emplace();
-        const auto end = [&] { kits_.reset(); };
-        const auto after = isInside ? DieAndAnswer(end) : DieAndAnswerAfter(end);
-        EXPECT_EQ(after->Requests().size(), 1U);
-        EXPECT_EQ(after->RecipientCount(), 0U);
     }
-}
-
-// There is no handler in it that its end could wait for.
-TEST_F(ReserveObserversTest, EndInAForkedChildWaitsForNobody)
-{
-    DieAndAnswer([&] { ExpectInForkedChild([&] { return kits_.reset(), true; }); });
 }
 
 TEST_F(ReserveObserversTest, RegistrationWaitsWhileObserversAreRegisteredAgain)
 {
-    const auto after = DieAndAnswerAfter([&] { Register("c", NewObserver()); });
+    const auto after = DieAndAnswerAfter([&] { Register("c", new Observer); });
     EXPECT_EQ(Registered(after).size(), 3U);
 }
 

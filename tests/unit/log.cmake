@@ -1,7 +1,4 @@
 # SPDX-License-Identifier: Apache-2.0
-nm_test(log_platform_test
-    SOURCES log_format_test.cpp log_sink_test.cpp
-    USES vexa_testing vexa_log)
-nm_test(log_line_test
-    SOURCES log_update_test.cpp
+nm_test(log_test
+    SOURCES log_format_test.cpp log_sink_test.cpp log_update_test.cpp
     USES vexa_testing nm_log vexa_log)

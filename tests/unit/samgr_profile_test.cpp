@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 
@@ -32,10 +31,9 @@ TEST(SamgrProfile, NumbersAndUsersAreReadAndHaveDefaults)
     EXPECT_EQ(profile.startTimeout, 300s);
     ASSERT_TRUE(ParseProfile(R"({"id": 1, "program": "p"})", profile, error)) << error;
     EXPECT_EQ(profile.startTimeout, 5s);
-    EXPECT_TRUE(profile.registrars.Allows(geteuid()));
-    EXPECT_FALSE(profile.registrars.Allows(geteuid() + 1));
-    EXPECT_FALSE(profile.registrars.Allows(static_cast<uid_t>(-1)));
-    EXPECT_TRUE(profile.lookup.Allows(static_cast<uid_t>(-1)));
+    constexpr auto kUnknown = static_cast<uid_t>(-1);
+    EXPECT_TRUE(profile.registrars.Allows(geteuid()) && profile.lookup.Allows(kUnknown));
+    EXPECT_FALSE(profile.registrars.Allows(geteuid() + 1) || profile.registrars.Allows(kUnknown));
 }
 
 TEST(SamgrProfile, FaultsAreNamed)

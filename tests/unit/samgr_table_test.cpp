@@ -185,8 +185,7 @@ TEST_F(SamgrTable, StartsWaitForServicesOfAFormerManager)
     EXPECT_EQ(table_->Add(kId, {60, kServiceUser}, sptr<Proxy>(new Proxy)), SAMGR_OK);
     now_ += 1s;
     EXPECT_EQ(table_->RunDue(), TimePoint::max());
-    EXPECT_EQ(starter_.starts, 0);
-    EXPECT_EQ(outcomes_.size(), 1U);
+    EXPECT_TRUE(starter_.starts == 0 && outcomes_.size() == 1);
 }
 
 TEST_F(SamgrTable, CrashLoopIsSlowedUntilAProgramLivesAndKilledProgramsAreNot)

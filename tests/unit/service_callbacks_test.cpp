@@ -45,7 +45,7 @@ public:
     {
         size_t count = 0;
         for (const auto& [stage, info] : Progress()) {
-            count += std::ranges::count(info.taskProgresses, kFinished, &TaskProgress::status);
+            count += static_cast<size_t>(std::ranges::count(info.taskProgresses, kFinished, &TaskProgress::status));
         }
         return count;
     }
@@ -146,8 +146,7 @@ TEST_F(ServiceCallbacks, OnReplacesAndOffEndsAndTheDeadAreForgotten)
     Ask(Code::START_MIGRATE);
     ASSERT_TRUE(Eventually([&] { return late.Finished() == 2; }));
     EXPECT_EQ(second.object->Requests().size(), heard);
-    EXPECT_TRUE(first.object->Requests().empty());
-    EXPECT_TRUE(dead.object->Requests().empty());
+    EXPECT_TRUE(first.object->Requests().empty() && dead.object->Requests().empty());
 }
 
 TEST_F(ServiceCallbacks, ThereIsAnEndToHowManyAreKept)

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "native_migrate/migrate_results.h"
 #include "package_catalog.h"
 #include "service_fixture.h"
 

@@ -94,29 +94,23 @@ public:
     void OnTask(const TaskProgress& task) override
     {
         MutexLock lock(mutex_);
-        finished_ += task.status == kFinished ? std::to_string(task.id) + " " : "";
+        heard_ += task.status == kFinished ? std::to_string(task.id) + " " : "";
     }
     void OnRestore(const RestoreEventInfo& event) override
     {
         MutexLock lock(mutex_);
-        restores_ += Statuses({event});
+        heard_ += Statuses({event});
     }
-    // The numbers of the tasks that have finished, in order.
-    std::string Finished() const
+    // The numbers of the migration's tasks that have finished, and the status of every restoration's event, in order.
+    std::string Heard() const
     {
         MutexLock lock(mutex_);
-        return finished_;
-    }
-    std::string Restores() const
-    {
-        MutexLock lock(mutex_);
-        return restores_;
+        return heard_;
     }
 
 private:
     mutable Mutex mutex_{LockRank::CallbackHub};  // whose place it takes
-    std::string finished_ VEXA_GUARDED_BY(mutex_);
-    std::string restores_ VEXA_GUARDED_BY(mutex_);
+    std::string heard_ VEXA_GUARDED_BY(mutex_);
 };
 
 class EngineTest : public testing::Test {

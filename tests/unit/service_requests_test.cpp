@@ -3,7 +3,6 @@
 
 #include "native_migrate/set_backup_file_own_stub.h"
 #include "service_requests_fixture.h"
-#include "vexa/ipc/ipc_errors.h"
 
 namespace VEXA::UpdateEngine::test {
 namespace {

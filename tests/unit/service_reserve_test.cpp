@@ -35,7 +35,7 @@ TEST_F(ServiceReserve, IsRestoredAndClearedAndRemembered)
     EXPECT_TRUE(engine->CheckRestore("com.r1").canRestore);
     EXPECT_EQ(engine->Restore("com.r1", "evening").errorNum, 0);
     ASSERT_TRUE(Becomes("r1:3 r2:0 r3:0 "));
-    EXPECT_EQ(listener.Restores(), "r1:0 r1:1 r1:1 r1:3 ");
+    EXPECT_EQ(listener.Heard(), "r1:0 r1:1 r1:1 r1:3 ");
     EXPECT_EQ(folders.TargetNames(), "r1 ");
     EXPECT_EQ(State(), TaskStatus::IDLE);  // the migration is another matter
 
@@ -69,7 +69,7 @@ TEST_F(ServiceReserve, GoesInTheOrderOfPrioritiesWhichLast)
     engine->Restore("r2", "");
     engine->AdjustPriority("r1", 9);  // while it waits
     ASSERT_TRUE(Becomes("r1:3 r2:3 r3:3 "));
-    const std::string events = listener.Restores();
+    const std::string events = listener.Heard();
     EXPECT_LT(events.find("r1:3"), events.find("r2:3"));
     EXPECT_EQ(engine->ClearAllReserved("night").errorNum, 0);
     EXPECT_EQ(All(), "r1:3 r2:0 r3:3 ");

@@ -53,9 +53,8 @@ TEST_F(ServiceStore, EverythingThatIsCommittedIsThereAfterAReopen)
     ASSERT_EQ(store->AllPlaced().size(), 1U);
     EXPECT_EQ(store->FindPlaced("t")->owner, 77);
     EXPECT_EQ(store->FindPlaced("t")->id, (FileId{1, 2, 3}));
-    EXPECT_EQ(store->Get(StateValue::START_TIME), 5);
-    EXPECT_EQ(store->Priority("s"), 9);
-    EXPECT_EQ(store->Preset(), "{}");
+    EXPECT_EQ(
+        std::tuple(store->Get(StateValue::START_TIME), store->Priority("s"), store->Preset()), std::tuple(5, 9, "{}"));
     EXPECT_GT(store->Add(task).id, id + 1);  // the erased task's number stays its own
 }
 

@@ -3,7 +3,6 @@
 
 #include <map>
 
-#include "native_migrate/migrate_results.h"
 #include "service_fixture.h"
 #include "tree_copier.h"
 #include "vexa/base/unique_fd.h"
