@@ -162,11 +162,12 @@ TEST(DeathNotifierTest, TellsOfOneProcessInOrderAndNoRecipientTwiceAtATime)
     std::string notes;
     const sptr<Noted> twice(new Noted('b', notes, notifier));
     notifier.Post(1, nullptr, new Noted('a', notes, notifier));
-    for (const EndpointId process : std::vector<EndpointId>{1, 2, 2}) {
+    for (const EndpointId process : std::vector<EndpointId>{1, 2, 4}) {
         notifier.Post(process, nullptr, twice);
     }
     notifier.Post(1, nullptr, new Noted('c', notes, notifier));
     notifier.Post(3, nullptr, new Noted('d', notes, notifier));
+    EXPECT_FALSE(notifier.Cancel(sptr<IRemoteObject>(new IPCObjectStub).GetRefPtr(), twice)) << "another object's";
     EXPECT_TRUE(notifier.Cancel(nullptr, twice)) << "one of three";
     while (notifier.TellOne()) {
     }

@@ -5,7 +5,6 @@
 
 #include "ipc_fixture.h"
 #include "object_transfer.h"
-#include "peer_requests.h"
 #include "vexa/ipc/context_object.h"
 #include "vexa/ipc/message_option.h"
 
@@ -32,9 +31,9 @@ std::string Hello(EndpointId sender, ConnectionUse use = LINK, ChannelKey key = 
     return Bytes(MakeHello(kind, use, sender, key));
 }
 
-std::string OneWay(ObjectId target, const std::vector<ObjectEntry>& objects)
+std::string OneWay(ObjectId target, const std::vector<ObjectEntry>& objects, FrameKind kind = ONE_WAY)
 {
-    FrameHeader header = MakeHeader(ONE_WAY, target);
+    FrameHeader header = MakeHeader(kind, target);
     header.objects = static_cast<uint16_t>(objects.size());
     std::string frame = Bytes(header);
     for (const ObjectEntry& entry : objects) {
@@ -262,13 +261,16 @@ TEST_F(IpcPeers, ASessionBearsSoMuch)
     }
     transport_.Workers().RunTasks();
     EXPECT_GT(object->calls, 2048);
+    const Stranger asking = Meet();
+    peers_.AddHolder(object, asking.id);
+    const std::string notHeld = Frame(REQUEST, others) + OneWay(id, {{transport_.Id(), others}}, REQUEST);
+    const UniqueFd channel = Say(Hello(asking.id, CHANNEL, asking.key) + notHeld + Frame(REQUEST, id));
+    transport_.Workers().RunTasks();
+    FrameHeader refused = MakeHeader(REPLY);
+    refused.code = static_cast<uint32_t>(IPC_REFUSED);
+    std::string replies;
+    EXPECT_TRUE(!HasEnded(channel, &replies) && replies.starts_with(Times(2, Bytes(refused))));
     EXPECT_EQ(transport_.Objects().Find(id, transport_.Id()), nullptr);
-    const Stranger other = Meet();
-    PeerRequests requests(peers_, peers_.KnownPeer(other.id));
-    MessageParcel data;
-    MessageParcel reply;
-    EXPECT_TRUE(requests.Answer(data, MakeHeader(REQUEST, others), reply));
-    EXPECT_EQ(static_cast<int32_t>(HeaderOf(reply).code), IPC_REFUSED);
     // It was granted by those only that do not hold it, and is taken back by none of them.
     EXPECT_NE(transport_.Objects().Find(others, third.id), nullptr);
     Write(third.link, Frame(RELEASE, others, 1));
@@ -332,19 +334,26 @@ TEST_F(IpcPeers, AFailedRequestTakesBackWhatHasNotLeft)
     const sptr<IRemoteObject> own(new IPCObjectStub);
     const std::string grant = Frame(GRANT, 8, stranger.id);
     const std::string back = Frame(UNGRANT, 8, stranger.id);
+    const std::string reply = OneWay(0, {{stranger.id, 9}}, REPLY);
     // What the other end has said before it ended its sending, or "closed".
-    for (const auto& [said, isKept] : {std::pair("closed", false), {"", false}, {"VXF1", true}}) {
+    for (const auto& [said, isKept] :
+        {std::pair(std::string("closed"), false), {"", false}, {reply, true}, {"VXF1", true}}) {
         SocketPair ends;
         ClientChannel channel = peer->Channels().Open(std::move(ends.near), transport_.Id(), {});
         Write(ends.far, said);
-        shutdown(ends.far.Get(), std::string(said) == "closed" ? SHUT_RDWR : SHUT_WR);
+        shutdown(ends.far.Get(), said == "closed" ? SHUT_RDWR : SHUT_WR);
         peer->Channels().Return(std::move(channel));
-        EXPECT_EQ(Send(peer->Object(7), {own, passed}), IPC_CONNECTION_LOST) << said;
+        EXPECT_EQ(Send(peer->Object(7), {own, passed}), said == reply ? IPC_OK : IPC_CONNECTION_LOST) << said;
         EXPECT_EQ(transport_.Objects().Size(), isKept ? 1U : 0U) << said;
         std::string heard;
         EXPECT_FALSE(HasEnded(owner.link, &heard));
         EXPECT_EQ(heard, isKept ? grant : grant + back) << said;
+        HasEnded(ends.far, &heard);
+        EXPECT_EQ(heard.ends_with(Frame(REPLY_ACK)), said == reply) << "its objects have arrived";
     }
+    const SocketPair another;  // has the number of the channel that was lost last
+    peer->Bury();
+    EXPECT_FALSE(HasEnded(another.near));
 }
 
 // A process that has taken over the name of another gets neither the key nor the request.
@@ -400,6 +409,7 @@ TEST_F(IpcPeers, ThePublisherClearsAwayTheSocketsOfTheDead)
         for (const bool listens : {true, false}) {
             Stranger stranger = Meet();
             stranger.link.Reset();
+            listen(stranger.listener.Get(), 0);  // its backlog is full: nobody has accepted the transport's probe
             if (!listens) {
                 stranger.listener.Reset();
             }
