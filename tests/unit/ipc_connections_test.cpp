@@ -93,6 +93,8 @@ public:
     using Link::Link;
     size_t frames = 0;
     int ends = 0;
+    int calls = 0;
+    void OnEvents(uint32_t events) override { ++calls, Link::OnEvents(events); }
 
 protected:
     bool Admit(const FrameHeader& header) override { return header.kind == ONE_WAY; }
@@ -142,6 +144,9 @@ TEST_F(LinkTest, KeepsUpTo32MebibytesThatAreNotRead)
         return !HasEnded(ends_.far, &all) && all.size() == 32 * frame_.size() && isFlushed;
     }));
     EXPECT_TRUE(all == Times(32, frame_));
+    link_->calls = 0;
+    reactor_.Turn(false);
+    EXPECT_EQ(link_->calls, 0) << "there is nothing left to do";
     int mebibytes = 0;
     while (mebibytes < 100 && link_->Send(frame_.data(), frame_.size())) {
         ++mebibytes;
@@ -245,6 +250,7 @@ TEST(ServerChannelTest, ServesUntilAFrameIsNoneOrIsWaitedForTooLong)
     // What comes, how many frames are taken, how many of them answered; and when it ends.
     enum End { AT_ONCE, AFTER_8S, NEVER };
     const std::tuple<const char*, std::string, int, size_t, End> rows[] = {
+        {"nothing", "", 0, 0, NEVER},
         {"requests", small + small, 2, 2, NEVER},
         {"an acknowledgement between them", small + ack + small, 3, 2, NEVER},
         {"an acknowledgement with data", small + FrameOf(REPLY_ACK, 4) + small, 2, 1, AT_ONCE},
