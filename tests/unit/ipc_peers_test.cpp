@@ -4,7 +4,7 @@
 #include <sys/wait.h>
 
 #include "ipc_fixture.h"
-#include "object_transfer.h"
+#include "peer_requests.h"
 #include "vexa/ipc/context_object.h"
 #include "vexa/ipc/message_option.h"
 
@@ -18,7 +18,11 @@ constexpr ConnectionUse CHANNEL = ConnectionUse::CHANNEL;
 class CountingStub : public IPCObjectStub {
 public:
     int calls = 0;
-    int32_t OnRemoteRequest(uint32_t, MessageParcel&, MessageParcel&, MessageOption&) override { return calls++; }
+    sptr<IRemoteObject> gives;
+    int32_t OnRemoteRequest(uint32_t, MessageParcel&, MessageParcel& reply, MessageOption&) override
+    {
+        return reply.WriteRemoteObject(gives), calls++;
+    }
 };
 
 std::string Frame(FrameKind kind, ObjectId target = 0, uint64_t extra = 0)
@@ -304,24 +308,25 @@ TEST_F(IpcPeers, AnObjectTravelsOnOnlyWhenItsOwnerHasBeenTold)
     const Stranger owner = Meet();
     const Stranger receiver = Meet();
     const sptr<Peer> peer = peers_.KnownPeer(owner.id);
-    const sptr<IRemoteObject> object = peer->Object(7);
+    const sptr<CountingStub> giver(new CountingStub);
+    giver->gives = peer->Object(7);
+    const ObjectId id = peers_.AddHolder(giver, receiver.id);
     const std::string much = FrameOf(ONE_WAY, 1'000'000);
     ASSERT_TRUE(peer->SendOnLink(much.data(), much.size()));
-    const auto pack = [&] {
-        ObjectTransfer transfer(peers_);
-        MessageParcel parcel;
-        parcel.WriteRemoteObject(object);
-        FrameHeader header = MakeHeader(REQUEST);
-        return transfer.Pack(parcel, *peers_.KnownPeer(receiver.id), header);
+    const auto answer = [&] {
+        MessageParcel request;
+        MessageParcel reply;
+        PeerRequests(peers_, peers_.KnownPeer(receiver.id)).Answer(request, MakeHeader(REQUEST, id), reply);
+        return static_cast<int32_t>(HeaderOf(reply).code);
     };
-    EXPECT_FALSE(pack()) << "it reads nothing";
+    EXPECT_EQ(answer(), IPC_FAILED) << "it reads nothing";
     std::string heard;
     const auto hasHeard = [&] {
         Deal();
         return !HasEnded(owner.link, &heard) && heard.ends_with(Frame(UNGRANT, 7, receiver.id));
     };
     EXPECT_TRUE(Eventually(hasHeard));
-    EXPECT_TRUE(pack());
+    EXPECT_EQ(answer(), 1);
 }
 
 // By how far a request has come on a channel, the references that travel with it are the receiver's or not.
@@ -360,6 +365,7 @@ TEST_F(IpcPeers, AFailedRequestTakesBackWhatHasNotLeft)
 TEST_F(IpcPeers, AChannelIsOpenedToTheProcessThatGreeted)
 {
     const Stranger stranger = Meet();
+    const Stranger other = Meet();
     const sptr<IRemoteObject> object = peers_.KnownPeer(stranger.id)->Object(7);
     UniqueFd listener = ListenElsewhere(EndpointPath(stranger.id), geteuid());
     EXPECT_EQ(Send(object, {}), IPC_CONNECTION_LOST);
@@ -368,6 +374,24 @@ TEST_F(IpcPeers, AChannelIsOpenedToTheProcessThatGreeted)
     Send(object, {});
     Deal();
     EXPECT_TRUE(object->IsObjectDead()) << "nobody has the name: it is leaving";
+    transport_.Leave();
+    EXPECT_TRUE(peers_.Endpoint().Provide() && unlink(EndpointPath(other.id).c_str()) == 0);
+    EXPECT_EQ(Send(peers_.KnownPeer(other.id)->Object(7), {}), IPC_CONNECTION_LOST);
+    Deal();
+    EXPECT_NE(peers_.KnownPeer(other.id), nullptr) << "or is about to have it in a directory made anew";
+}
+
+// The backlog has room for one connection.
+TEST_F(IpcPeers, AMuteContextObjectIsWaitedForOnceByAll)
+{
+    const UniqueFd mute = ListenAt(ContextSocketPath());
+    listen(mute.Get(), 0);
+    const Deadline start = Now();
+    std::thread another([&] { EXPECT_EQ(transport_.Context().Reach(), nullptr); });
+    EXPECT_EQ(transport_.Context().Reach(), nullptr);
+    another.join();
+    EXPECT_TRUE(Now() - start >= 950ms && Now() - start < 1900ms);
+    EXPECT_TRUE(HasEnded(AcceptFrom(mute)));
 }
 
 TEST_F(IpcPeers, NobodysContextObjectIsTaken)
