@@ -32,7 +32,6 @@ void Record(const MigrateStage& stage, const EventInfo& event)
 }
 
 const sptr<IPCObjectStub> PROGRESS_STUB(new MigrateCallBackStub({Record}));
-const sptr<IPCObjectStub> EMPTY_STUB(new MigrateCallBackStub({nullptr}));
 const sptr<IPCObjectStub> OWN_STUB(new OwnStub);
 const sptr<IPCObjectStub> OBSERVER_STUB(new ObserverStub);
 
@@ -50,7 +49,7 @@ Lines OwnLines(const std::string& code, const std::string& error)
 }
 
 struct StubCase {
-    const sptr<IPCObjectStub>& stub;
+    sptr<IPCObjectStub> stub;
     std::u16string token;
     uint32_t code;
     Fields arguments;
@@ -59,14 +58,13 @@ struct StubCase {
     Lines lines;
 };
 
-// clang-format off
 const StubCase STUB_CASES[] = {
     {PROGRESS_STUB, PROGRESS, 1, {3U, R"({"progress":{"percent":40}})"}, 0, {"3 40"}, {}},
     {PROGRESS_STUB, PROGRESS, 1, {4000000000U}, 0, {"4000000000 0"}, {}},
     {PROGRESS_STUB, PROGRESS, 2, {3U, "{}"}, IPC_UNKNOWN_REQUEST, {}, {}},
     {PROGRESS_STUB, PROGRESS + u"s", 2, {}, 104, {},
         LinesOf{"migrate_callback_stub.cpp"}.Error({"MigrateCallBack::ReadInterfaceToken fail"})},
-    {EMPTY_STUB, PROGRESS, 1, {3U, "{}"}, 0, {}, {}},
+    {new MigrateCallBackStub({nullptr}), PROGRESS, 1, {3U, "{}"}, 0, {}, {}},
     {OWN_STUB, OWN, 1, {-5}, 0, {"-5"}, OwnLines("1", "OnSetBackupFileOwnFinished errorCode = -5")},
     {OWN_STUB, OWN, 4294967295U, {0}, 801, {}, OWN_FILE.Info({"SetBackupFileOwnStub func code 4294967295"})},
     {OWN_STUB, PROGRESS, 1, {3}, 100, {"100"}, OwnLines("1", "ReadInterfaceToken fail")},
@@ -76,7 +74,6 @@ const StubCase STUB_CASES[] = {
     {OBSERVER_STUB, OBSERVER, 1, {"x"}, 100, {}, {}},
     {OBSERVER_STUB, OBSERVER.substr(1), 1, {"x"}, 104, {}, OBSERVER_FILE.Error({"ReadInterfaceToken is error"})},
 };
-// clang-format on
 
 TEST(CallbackStubs, CheckTheTokenThenTheCodeThenDeliver)
 {

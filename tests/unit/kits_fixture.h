@@ -106,12 +106,8 @@ inline Lines ProxyLines(int32_t transport)
            (failed ? proxy.Error({"Transact error"}) : Lines());
 }
 
-// What a caller gets for a result of the transport.
-struct Outcome {
-    int32_t transport;
-    int32_t result;
-};
-inline constexpr Outcome OUTCOMES[] = {
+// Results of the transport, and what a caller gets for each.
+inline constexpr std::pair<int32_t, int32_t> OUTCOMES[] = {
     {0, 0}, {2000, 0}, {2001, 1}, {2003, 3}, {-1, 104}, {1, 104}, {1999, 104}, {INT32_MIN, 104}};
 
 // In a child that another thread forks now, this is true, and soon.

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The connection of the migration client: lookup, death of the service, callbacks across it.
-#include <chrono>
 #include <future>
-#include <thread>
 
 #include "kits_fixture.h"
 #include "lookup_lock.h"

@@ -55,7 +55,6 @@ struct OperationCase {
 const sptr<IRemoteObject> A_PROXY(new ScriptedRemoteObject);
 constexpr MigrateStage STAGE = static_cast<MigrateStage>(3);
 
-// clang-format off
 const OperationCase OPERATION_CASES[] = {
     {1, "GetMigrateStatus start", IMPL "GetMigrateStatus", CALL(GetMigrateStatus(STAGE, out.status, out.error)), {3U},
         {R"({"status":2})", ERROR}, "before -1 2 0  0 7m"},
@@ -63,8 +62,8 @@ const OperationCase OPERATION_CASES[] = {
         {R"({"migrateProgress":{"percent":40}})", ERROR}, "before -1 0 40  0 7m"},
     {3, IMPL "getPakMigrateInfo start", IMPL "getPakMigrateInfo", CALL(GetPakMigrateInfo(out.paks, out.error)), {},
         {R"([{"source":"p"}])", ERROR}, "before -1 0 0 p 0 7m"},
-    {4, IMPL "GetApkInfo start", IMPL "GetApkInfo", CALL(GetApkInfo(out.apks, out.error)), {},
-        {R"(["x"])", ERROR}, "before -1 0 0 x 0 7m"},
+    {4, IMPL "GetApkInfo start", IMPL "GetApkInfo", CALL(GetApkInfo(out.apks, out.error)), {}, {R"(["x"])", ERROR},
+        "before -1 0 0 x 0 7m"},
     {5, IMPL "startMigrate start", IMPL "StartMigrate", CALL(StartMigrate(out.error)), {}},
     {6, IMPL "startPakMigrate", IMPL "StartPakMigrate", CALL(StartPakMigrate("p", out.error)), {"p"}},
     {7, IMPL "RemoveMigrate start", IMPL "RemoveMigrate", CALL(RemoveMigrate(-9, out.error)), {-9}},
@@ -75,8 +74,8 @@ const OperationCase OPERATION_CASES[] = {
     {12, "CheckAppRestore, bundleName b", "CheckAppRestore", CALL(CheckAppRestore("b", out.text, out.error)), {"b"},
         {"no { json", ERROR}, "no { json -1 0 0  0 7m"},
     {13, "PresetData", "PresetData", CALL(PresetData("d", out.error)), {"d"}},
-    {14, "GetMigrateResult", "GetMigrateResult", CALL(GetMigrateResult(out.text, out.error)), {},
-        {"", ERROR}, " -1 0 0  0 7m"},
+    {14, "GetMigrateResult", "GetMigrateResult", CALL(GetMigrateResult(out.text, out.error)), {}, {"", ERROR},
+        " -1 0 0  0 7m"},
     {15, "GetMigrationUsers", "GetMigrationUsers", CALL(GetMigrationUsers(out.users, out.error)), {},
         {R"([{"targetUser":5},{}])", ERROR}, "before -1 0 0 -1 0 7m"},
     {16, "GetModuleMigrationPolicy", "GetModuleMigrationPolicy",
@@ -85,22 +84,20 @@ const OperationCase OPERATION_CASES[] = {
         "before -1 0 0 s 0 7m"},
     {16, "GetModuleMigrationPolicy", "GetModuleMigrationPolicy",
         CALL(GetModuleMigrationPolicy(false, {}, out.policies, out.error)), {false, "[]"}, {"no json", ERROR}},
-    {17, IMPL "resumeMigration start", IMPL "ResumeMigration", CALL(ResumeMigration(out.error)), {},
-        {"no json"}, UNTOUCHED},
+    {17, IMPL "resumeMigration start", IMPL "ResumeMigration", CALL(ResumeMigration(out.error)), {}, {"no json"},
+        UNTOUCHED},
     {25, IMPL "notifyEmporionCoreEvent start", IMPL "NotifyEmporionCoreEvent",
-        CALL(NotifyEmporionCoreEvent(AAFwk::Want().SetAction("event"), out.error)),
-        {AAFwk::Want().SetAction("event")}},
+        CALL(NotifyEmporionCoreEvent(AAFwk::Want().SetAction("event"), out.error)), {AAFwk::Want().SetAction("event")}},
     {26, "StartPakMigration, packageName:p, bundleName:b", IMPL "START_PAK_MIGRATION",
         CALL(StartPakMigration("p", "b", "x", out.error)), {"p", "b", "x"}},
     {27, IMPL "GetPakMigrationTaskStatus start, bundleName:b", IMPL "GetPakMigrationTaskStatus",
-        CALL(GetPakMigrationTaskStatus("b", out.reserve, out.error)), {"b"},
-        {R"({"errorInfo":{"code":4}})", ERROR}, "before -1 0 0  4 7m"},
+        CALL(GetPakMigrationTaskStatus("b", out.reserve, out.error)), {"b"}, {R"({"errorInfo":{"code":4}})", ERROR},
+        "before -1 0 0  4 7m"},
     {28, IMPL "GetMigrationDataSize", IMPL "GetMigrationDataSize", CALL(GetMigrationDataSize(out.size, out.error)), {},
         {int64_t{1} << 40, ERROR}, "before 1099511627776 0 0  0 7m"},
     {31, IMPL "SetBackupFileOwn", nullptr, CALL(SetBackupFileOwn(iface_cast<ISetBackupFileOwnInterface>(A_PROXY))),
         {AN_OBJECT}, {}, UNTOUCHED},
 };
-// clang-format on
 
 const LinesOf CLIENT{"migrate_server_kits_impl.cpp"};
 

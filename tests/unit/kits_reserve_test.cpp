@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // The reserve client: its eight operations, its observers across deaths of the service, and its own end.
-#include <chrono>
 #include <optional>
 
 #include "kits_fixture.h"
@@ -12,13 +11,11 @@ namespace VEXA::UpdateEngine {
 namespace {
 
 class Observer : public ReserveMigrateStatusObserverStub {
-public:
     int32_t OnRestoreStatusChanged(const std::string&) override { return 0; }
 };
 
 const LinesOf CLIENT{"reserve_migrate_kits.cpp"};
 const Lines LOOKUP = CLIENT.Info({"GetService entry", "GetService recreate service instance"});
-const Lines WATCHED = CLIENT.Info({"ReserveMigrateKits::AddDeathRecipient ret=true"});
 
 struct ReserveCase {
     uint32_t code;
@@ -33,7 +30,6 @@ struct ReserveCase {
 #define CALL(name, ...) \
 #name, [](ReserveMigrateKits & kits, std::string & reply) { return kits.name(__VA_ARGS__, reply); }
 
-// clang-format off
 const ReserveCase RESERVE_CASES[] = {
     {18, CALL(GetRestoreAppInfos, "t", -1), {"t", -1}, "eroor", "GetRestoreAppInfos"},
     {19, CALL(RestoreApp, "a", "b"), {"a", "b"}, "eroor", "RestoreApp"},
@@ -44,7 +40,6 @@ const ReserveCase RESERVE_CASES[] = {
     {24, CALL(GetRestoreAppStatus, "a", ""), {"a", ""}, "error", "GetRestoreAppStatus"},
     {29, CALL(AdjustAppPriority, "a", "b"), {"a", "b"}, "eroor", "AdjustAppPriority"},
 };
-// clang-format on
 
 class ReserveRequestsTest : public KitsTest {
 protected:
@@ -107,8 +102,7 @@ protected:
         EXPECT_EQ(kits_->RegisterCallback(caller, observer, reply_), result);
     }
 
-    // Registers two observers and lets the service die. The next instance does this in its first answer; it is
-    // returned.
+    // Registers two observers, lets the service die, and returns the next instance, whose first answer does `act`.
     sptr<ScriptedRemoteObject> DieAndAnswer(const std::function<void()>& act)
     {
         const sptr<ScriptedRemoteObject> before = RunService();
@@ -160,7 +154,7 @@ TEST_F(ReserveObserversTest, DeathRegistersEveryObserverInTheOrderOfNames)
     RecordingLogSink log;
     before->Die();
     EXPECT_EQ(log.Messages(), CLIENT.Info({"migrate_server is dead", "resume migrate broker callbacks"}) + LOOKUP +
-                                  WATCHED + ProxyLines(2003) +
+                                  CLIENT.Info({"ReserveMigrateKits::AddDeathRecipient ret=true"}) + ProxyLines(2003) +
                                   CLIENT.Info({"register caller=alpha callback result=3"}) + ProxyLines(0) +
                                   CLIENT.Info({"register caller=beta callback result=0"}));
     EXPECT_EQ(Registered(after), (Registrations{{"alpha", first->AsObject()}, {"beta", last->AsObject()}}));

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <random>
@@ -10,8 +9,6 @@
 
 namespace VEXA::UpdateEngine {
 namespace {
-
-using ::testing::ElementsAre;
 
 constexpr uint32_t MIGRATE_KITS = 7;
 
@@ -83,8 +80,9 @@ TEST(UpdateLogTest, SingleLineMapsLevelLabelAndPrivacy)
     UpdateLog::PrintSingleLine(0, Content("%{private}s", "100% text", UPDATE_INFO));
     UpdateLog::PrintSingleLine(11, Content("%s", "100% text", UPDATE_ERROR));
     UpdateLog::PrintSingleLine(2, Content("%{public}s ", "100% text", UPDATE_INFO));
-    EXPECT_THAT(
-        Lines(log), ElementsAre("3%{public}s|100% text", "4%{private}s|<private>", "6%s|<private>", "4%s|<private>"));
+    const std::vector<std::string> lines{
+        "3%{public}s|100% text", "4%{private}s|<private>", "6%s|<private>", "4%s|<private>"};
+    EXPECT_EQ(Lines(log), lines);
     log.Clear();
     // No such level, no such label.
     const std::pair<uint32_t, int32_t> silent[] = {{7, 2}, {7, -1}, {12, 1}, {UINT32_MAX, 3}};
@@ -117,23 +115,17 @@ TEST(UpdateLogTest, LogIsCutIntoPiecesOf900Bytes)
 
 TEST(UpdateLogTest, LongLogPrintsThreeRuns)
 {
-    const struct {
-        const char* log;
-        std::vector<std::string> lines;
-    } cases[] = {
+    const std::pair<const char*, std::vector<std::string>> cases[] = {
         {"copy %{private}s done", {"4%{public}s|copy ", "4%{private}s|/data/a", "4%{public}s| done"}},
-        {"%{public}s", {"4%{public}s|/data/a"}},
-        {"got %s", {"4%{public}s|got ", "4%s|/data/a"}},
+        {"%{public}s", {"4%{public}s|/data/a"}}, {"got %s", {"4%{public}s|got ", "4%s|/data/a"}},
         {"no placeholder", {"4%{public}s|no placeholder", "4%s|/data/a"}},
-        {"%s and %s", {"4%{public}s|%s and %s", "4%s|/data/a"}},
-        {"100%% %s", {"4%{public}s|100%% %s", "4%s|/data/a"}},
-        {"", {"4%s|/data/a"}},
-    };
+        {"%s and %s", {"4%{public}s|%s and %s", "4%s|/data/a"}}, {"100%% %s", {"4%{public}s|100%% %s", "4%s|/data/a"}},
+        {"", {"4%s|/data/a"}}};
     KoLogSetPrivateShown(true);
-    for (const auto& one : cases) {
+    for (const auto& [text, lines] : cases) {
         RecordingLogSink log;
-        UpdateLog::PrintLongLog(MIGRATE_KITS, Content(one.log, "/data/a"));
-        EXPECT_EQ(Lines(log), one.lines) << one.log;
+        UpdateLog::PrintLongLog(MIGRATE_KITS, Content(text, "/data/a"));
+        EXPECT_EQ(Lines(log), lines) << text;
     }
     KoLogSetPrivateShown(false);
 }

@@ -47,12 +47,12 @@ std::string Bytes(const Want& want)
     return {reinterpret_cast<const char*>(ParcelAccess::Data(parcel)), parcel.GetDataSize()};
 }
 
-std::unique_ptr<Want> FromBytes(const std::string& bytes, size_t size)
+std::unique_ptr<Want> FromBytes(const std::string& bytes, size_t size = std::string::npos)
 {
     Parcel parcel;
     EXPECT_TRUE(ParcelAccess::ReserveTotal(parcel, bytes.size()));
     std::memcpy(ParcelAccess::Data(parcel), bytes.data(), bytes.size());
-    ParcelAccess::SetSize(parcel, size);
+    ParcelAccess::SetSize(parcel, size < bytes.size() ? size : bytes.size());
     return std::unique_ptr<Want>(Want::Unmarshalling(parcel));
 }
 
@@ -64,15 +64,14 @@ std::string Word(uint32_t value)
 // A want of one parameter-to-be: empty texts, no flags, then `count` and `params`.
 std::unique_ptr<Want> FromParams(uint32_t count, const std::string& params)
 {
-    const std::string bytes = std::string(4 * 8 + 4, '\0') + Word(count) + params;
-    return FromBytes(bytes, bytes.size());
+    return FromBytes(std::string(4 * 8 + 4, '\0') + Word(count) + params);
 }
 
 TEST(WantTest, TravelsInItsBytes)
 {
     const Want want = Sample();
     EXPECT_EQ(Bytes(want), kSampleBytes);
-    const auto read = FromBytes(kSampleBytes, kSampleBytes.size());
+    const auto read = FromBytes(kSampleBytes);
     ASSERT_NE(read, nullptr);
     EXPECT_EQ(*read, want);
     EXPECT_EQ(read->GetParam<Texts>("v"), (Texts{"x", ""}));
@@ -113,8 +112,7 @@ TEST(WantTest, DoesNotTravelBeyondItsLimits)
     for (uint32_t i = 0; i < Want::MAX_PARAMS; ++i) {
         many.SetParam(std::to_string(i), static_cast<int32_t>(i));
     }
-    const std::string bytes = Bytes(many);
-    EXPECT_NE(FromBytes(bytes, bytes.size()), nullptr);
+    EXPECT_NE(FromBytes(Bytes(many)), nullptr);
     EXPECT_FALSE(many.SetParam("one more", 1).Marshalling(parcel));
 }
 
