@@ -2,9 +2,7 @@
 // The manager among real processes: this one is the client.
 #include <grp.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <atomic>
 
@@ -44,10 +42,8 @@ const std::pair<const char*, const char*> kFailures[] = {
     {R"(, "arguments": ["-c", "exit 3"])", "ended with status 3 before"},
     {R"(, "arguments": ["-c", "kill -SEGV $$$$"])", "ended by signal 11"},
     {R"(, "arguments": ["-c", "sleep 60 & echo $$! >$$VEXA_RUNTIME_DIR.child; wait"], "startTimeout": 0.3)", "in time"},
-    {R"(, "arguments": ["${NOT_SET}"])", "NOT_SET"},
-    {R"(, "arguments": ["${HOME"])", "not closed"},
-    {R"(, "directory": "/no/such")", "changing to its directory: No such file"},
-};
+    {R"(, "arguments": ["${NOT_SET}"])", "NOT_SET"}, {R"(, "arguments": ["${HOME"])", "not closed"},
+    {R"(, "directory": "/no/such")", "changing to its directory: No such file"}};
 
 class TestWorld : public SamgrWorld {
 public:
@@ -114,12 +110,7 @@ protected:
     }
     void TearDown() override
     {
-        if (HasFailure()) {
-            fputs(FileText(World().LogFile()).c_str(), stderr);
-        }
-        if (World().Manager().Pid() > 0) {
-            World().EndManager(SIGTERM);
-        }
+        World().EndManager(SIGTERM);
         // The next test must not take the dead one for its own.
         EXPECT_TRUE(
             Eventually([] { return SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager() == nullptr; }));
@@ -259,21 +250,17 @@ TEST_F(Samgr, ProfilesAreReadAgainOnRequest)
 
 TEST_F(Samgr, ASessionEndsEverythingHoweverItEnds)
 {
-    struct Case {
-        const char* end;  // of the command
-        int signal;       // to the session, once it is ready; 0: none
-        int status;
-    };
-    const Case cases[] = {{"sleep 600 & exit 7", 0, 7}, {"kill -9 $$", 0, 137}, {"exec sleep 600", SIGTERM, 143},
-        {"exec sleep 600", SIGKILL, 137}};
+    // The end of the command, the signal to the ready session (0: none), and its status.
+    const std::tuple<const char*, int, int> cases[] = {{"sleep 600 & exit 7", 0, 7}, {"kill -9 $$", 0, 137},
+        {"exec sleep 600", SIGTERM, 143}, {"exec sleep 600", SIGKILL, 137}};
     const std::string output = World().Folder() + "/session";
     const std::string ready = World().Folder() + "/ready";
-    for (const Case& way : cases) {
-        SCOPED_TRACE(std::string(way.end) + " " + std::to_string(way.signal));
+    for (const auto& [end, signal, status] : cases) {
+        SCOPED_TRACE(std::string(end) + " " + std::to_string(signal));
         // The command loads the service, writes its process id and the session's runtime directory, and ends.
         const std::string command = R"(echo "$("$0" load 1) \"$VEXA_RUNTIME_DIR\"" >"$1.new" && mv "$1.new" "$1"; )";
         ChildProcess session = StartLogged(
-            {VEXA_SESSION, "--profiles", World().Profiles(), "--", "sh", "-c", command + way.end, SAMGR_PEER, ready},
+            {VEXA_SESSION, "--profiles", World().Profiles(), "--", "sh", "-c", command + end, SAMGR_PEER, ready},
             output);
         ASSERT_TRUE(Eventually([&] { return std::filesystem::exists(ready); })) << FileText(output);
         pid_t service = -1;
@@ -281,8 +268,8 @@ TEST_F(Samgr, ASessionEndsEverythingHoweverItEnds)
         std::ifstream(ready) >> service >> directory;
         std::filesystem::remove(ready);
         ASSERT_TRUE(service > 0 && !directory.empty()) << FileText(output);
-        session.Signal(way.signal);
-        EXPECT_EQ(ExitStatus(session), way.status);
+        session.Signal(signal);
+        EXPECT_EQ(ExitStatus(session), status);
         EXPECT_TRUE(Eventually([&] { return !IsRunning(service); }));
         EXPECT_TRUE(Eventually([&] { return !std::filesystem::exists(directory.parent_path()); }));
     }

@@ -4,27 +4,16 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <optional>
-#include <sstream>
+#include <regex>
 
 #include "support/processes.h"
 
 namespace VEXA::test {
 
-inline std::string FileText(const std::string& path)
-{
-    std::ostringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-}
-
 // A zombie does not run.
 inline bool IsRunning(pid_t pid)
 {
-    const std::string text = FileText("/proc/" + std::to_string(pid) + "/stat");
-    const size_t bracket = text.rfind(") ");
-    return bracket != std::string::npos && text.compare(bracket + 2, 1, "Z") != 0;
+    return std::regex_search(FileText("/proc/" + std::to_string(pid) + "/stat"), std::regex("\\) [^Z] \\d"));
 }
 
 // A program with its output appended to a file.
@@ -81,14 +70,10 @@ private:
 inline pid_t PidOfProgram(const SamgrWorld& world, const std::string& program)
 {
     constexpr size_t kLongestName = 15;  // the kernel cuts the others
-    const std::string name = program.substr(0, kLongestName);
-    const std::string parent = std::to_string(world.Manager().Pid()) + " ";
+    const std::string parent = std::to_string(world.Manager().Pid());
+    const std::regex wanted("\\(" + program.substr(0, kLongestName) + "\\) [^Z] " + parent + " ");
     for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-        const std::string stat = FileText(entry.path().string() + "/stat");
-        const size_t open = stat.find('(');
-        const size_t close = stat.rfind(") ");
-        if (close != std::string::npos && stat.compare(open + 1, close - open - 1, name) == 0 &&
-            stat[close + 2] != 'Z' && stat.compare(close + 4, parent.size(), parent) == 0) {
+        if (std::regex_search(FileText(entry.path() / "stat"), wanted)) {
             return std::stoi(entry.path().filename());
         }
     }

@@ -235,7 +235,6 @@ TEST_F(SamgrTable, CrashLoopIsSlowedUntilAProgramLivesAndKilledProgramsAreNot)
     expectWait(0ms);
 }
 
-// As clients reach it.
 TEST_F(SamgrTable, RequestsReachTheTableAndItsAnswersTheirCallers)
 {
     const sptr<IRemoteObject> manager(new ManagerStub(table_));

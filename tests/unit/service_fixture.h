@@ -6,10 +6,8 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <fstream>
 #include <memory>
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -21,6 +19,7 @@ namespace VEXA::UpdateEngine::test {
 
 namespace fs = std::filesystem;
 using VEXA::test::Eventually;
+using VEXA::test::FileText;
 
 // "r1:0 r1:1 r1:3 ", the status of every event.
 inline std::string Statuses(const std::vector<RestoreEventInfo>& events)
@@ -48,12 +47,6 @@ public:
     {
         fs::create_directories(file.parent_path());
         std::ofstream(file, std::ios::binary) << text;
-    }
-    static std::string Read(const fs::path& file)
-    {
-        std::ostringstream text;
-        text << std::ifstream(file, std::ios::binary).rdbuf();
-        return text.str();
     }
     // A package with one file of so many bytes.
     void AddPackage(const std::string& name, size_t bytes, const std::string& manifest = "") const

@@ -51,7 +51,7 @@ TEST_F(ServiceReserve, IsRestoredAndClearedAndRemembered)
     EXPECT_FALSE(engine->CheckRestore("r2").canRestore);
     EXPECT_EQ(engine->Restore("r2", "").errorNum, MIGRATE_ERROR_TARGET);
     EXPECT_EQ(engine->ClearAllReserved("").errorNum, 0);
-    EXPECT_EQ(Folders::Read(folders.Target() / "r2" / "precious"), "mine");
+    EXPECT_EQ(FileText(folders.Target() / "r2" / "precious"), "mine");
 }
 
 TEST_F(ServiceReserve, GoesInTheOrderOfPrioritiesWhichLast)

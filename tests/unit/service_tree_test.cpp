@@ -30,7 +30,7 @@ protected:
             EXPECT_EQ(lstat(path.c_str(), &status), 0);
             entries[path.lexically_relative(root)] = {status.st_mode, status.st_mtim.tv_sec, status.st_mtim.tv_nsec,
                 S_ISLNK(status.st_mode) ? fs::read_symlink(path).string() : "",
-                S_ISREG(status.st_mode) ? Folders::Read(path) : ""};
+                S_ISREG(status.st_mode) ? FileText(path) : ""};
         };
         add(root);
         for (const auto& entry : fs::recursive_directory_iterator(root)) {

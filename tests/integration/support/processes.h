@@ -14,12 +14,20 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
 namespace VEXA::test {
+
+inline std::string FileText(const std::string& path)
+{
+    std::ostringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
 
 // Waits until `condition` holds, for at most `limit`; what it says at the end.
 inline bool Eventually(
@@ -97,7 +105,7 @@ public:
     ~ChildProcess() { Kill(); }
 
     pid_t Pid() const { return pid_; }
-    void Signal(int signal) const { kill(pid_, signal); }
+    int Signal(int signal) const { return pid_ > 0 ? kill(pid_, signal) : -1; }
     // Stops it; whether all its threads have stopped, which takes a moment after the signal.
     bool Stop() const
     {
@@ -105,8 +113,7 @@ public:
             std::error_code gone;
             for (const auto& thread :
                 std::filesystem::directory_iterator("/proc/" + std::to_string(pid_) + "/task", gone)) {
-                std::string stat;
-                std::getline(std::ifstream(thread.path() / "stat"), stat);
+                const std::string stat = FileText(thread.path() / "stat");
                 // The state follows the name, which may hold anything but is in parentheses.
                 const size_t name = stat.rfind(") ");
                 if (name == std::string::npos || stat[name + 2] != 'T') {
@@ -115,15 +122,13 @@ public:
             }
             return !gone;
         };
-        return kill(pid_, SIGSTOP) == 0 && Eventually(stopped);
+        return Signal(SIGSTOP) == 0 && Eventually(stopped);
     }
     // Ends it at once, and returns when it is gone.
     void Kill()
     {
-        if (pid_ > 0) {
-            Signal(SIGKILL);
-            Wait();
-        }
+        Signal(SIGKILL);
+        Wait();
     }
     // Waits for its end; the status of waitpid.
     int Wait()
