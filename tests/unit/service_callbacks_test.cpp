@@ -28,7 +28,6 @@ public:
         }
         return events;
     }
-    // The statuses of all requests.
     std::string Restores() const
     {
         std::vector<RestoreEventInfo> events;  // each text is appended to them

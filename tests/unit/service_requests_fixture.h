@@ -41,12 +41,10 @@ protected:
         MessageParcel data;
         MessageParcel reply;
         MessageOption option;
-        data.WriteInterfaceToken(MIGRATE_SERVER_DESCRIPTOR);
+        data.WriteInterfaceToken(token);
         (Put(data, fields), ...);
         const int32_t result = stub->OnRemoteRequest(static_cast<uint32_t>(code), data, reply, option);
-        if (code == Code::GET_MIGRATION_DATA_SIZE && result == 0) {
-            number = reply.ReadInt64();
-        }
+        number = code == Code::GET_MIGRATION_DATA_SIZE && result == 0 ? reply.ReadInt64() : -1;
         replies.clear();
         while (reply.GetReadableBytes() > 0) {
             replies.push_back(reply.ReadString());
@@ -80,6 +78,7 @@ protected:
     const std::shared_ptr<CallbackHub> hub = std::make_shared<CallbackHub>(
         [this](MigrateStage& stage, MigrateProgress& progress) { engine->GetProgress(stage, progress); });
     sptr<MigrateServerStub> stub;
+    std::u16string token = MIGRATE_SERVER_DESCRIPTOR;
     std::vector<std::string> replies;
     int64_t number = -1;
 };

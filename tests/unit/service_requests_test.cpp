@@ -18,11 +18,9 @@ public:
 TEST_F(ServiceRequests, WrongTokensUnknownCodesAndBadFieldsAreAnswered)
 {
     Run();
-    MessageParcel data;
-    MessageParcel reply;
-    MessageOption option;
-    data.WriteInterfaceToken(u"VEXA.Updater.IMigrateServes");
-    EXPECT_EQ(stub->OnRemoteRequest(5, data, reply, option), MIGRATE_UNREACHABLE);
+    token.back() = u's';
+    EXPECT_EQ(Ask(Code::START_MIGRATE), MIGRATE_UNREACHABLE);
+    token = MIGRATE_SERVER_DESCRIPTOR;
     EXPECT_EQ(State(), TaskStatus::IDLE);  // nothing was started
     for (const uint32_t code : {0U, 30U, 32U, UINT32_MAX}) {
         EXPECT_EQ(Ask(static_cast<Code>(code)), IPC_UNKNOWN_REQUEST) << code;
