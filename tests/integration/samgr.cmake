@@ -9,3 +9,11 @@ nm_test(samgr_integration_test
     LABELS integration)
 target_compile_definitions(samgr_integration_test PRIVATE
     SAMGRD="$<TARGET_FILE:samgrd>" VEXA_SESSION="$<TARGET_FILE:vexa-session>" SAMGR_PEER="$<TARGET_FILE:samgr_peer>")
+
+# How long the manager may take once all that it has killed has ended. It would wait for a second for what has not, and
+# ThreadSanitizer lets every process sleep for a second at its end.
+set(end_milliseconds 900)
+if(NM_SANITIZE STREQUAL "thread")
+    set(end_milliseconds 1900)
+endif()
+target_compile_definitions(samgr_integration_test PRIVATE END_MILLISECONDS=${end_milliseconds})
