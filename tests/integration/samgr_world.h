@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <regex>
-
 #include "support/processes.h"
 
 namespace VEXA::test {
@@ -13,7 +11,9 @@ namespace VEXA::test {
 // A zombie does not run.
 inline bool IsRunning(pid_t pid)
 {
-    return std::regex_search(FileText("/proc/" + std::to_string(pid) + "/stat"), std::regex("\\) [^Z] \\d"));
+    const std::string stat = FileText("/proc/" + std::to_string(pid) + "/stat");
+    const size_t name = stat.rfind(") ");
+    return name != std::string::npos && stat[name + 2] != 'Z';
 }
 
 // A program with its output appended to a file.
@@ -70,10 +70,13 @@ private:
 inline pid_t PidOfProgram(const SamgrWorld& world, const std::string& program)
 {
     constexpr size_t kLongestName = 15;  // the kernel cuts the others
-    const std::string parent = std::to_string(world.Manager().Pid());
-    const std::regex wanted("\\(" + program.substr(0, kLongestName) + "\\) [^Z] " + parent + " ");
+    const std::string name = "(" + program.substr(0, kLongestName) + ") ";
+    const std::string parent = " " + std::to_string(world.Manager().Pid()) + " ";
     for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-        if (std::regex_search(FileText(entry.path() / "stat"), wanted)) {
+        const std::string stat = FileText(entry.path() / "stat");
+        const size_t state = stat.find(name) + name.size();
+        if (stat.find(name) != std::string::npos && stat[state] != 'Z' &&
+            stat.compare(state + 1, parent.size(), parent) == 0) {
             return std::stoi(entry.path().filename());
         }
     }
