@@ -4,7 +4,7 @@
 #include <sys/prctl.h>
 
 #include <csignal>
-#include <system_error>
+#include <exception>
 #include <thread>
 #include <utility>
 
@@ -24,7 +24,7 @@ bool StartThread(const char* name, std::function<void()> body)
             prctl(PR_SET_NAME, name);
             body();
         }).detach();
-    } catch (const std::system_error&) {
+    } catch (const std::exception&) {
         started = false;
     }
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
