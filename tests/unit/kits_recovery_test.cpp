@@ -156,34 +156,6 @@ TEST_F(KitsRecoveryTest, DeathDuringOnIsNotMissed)
     EXPECT_EQ(Carried(second, 0), Carried(first, 0));
 }
 
-// Its copies and their ends show in the log.
-struct Traced {
-    Traced() = default;
-    Traced(const Traced& /*other*/) { KITS_LOGI("copied"); }
-    ~Traced() { KITS_LOGI("dropped"); }
-    void operator()(const MigrateStage&, const EventInfo&) const {}
-};
-
-TEST_F(KitsRecoveryTest, TheStubIsMadeForItsRequestAndDroppedBeforeTheResultOfOffIsLogged)
-{
-    const ProgressCallback callback{Traced()};
-    const sptr<ScriptedRemoteObject> service = RunService();
-    kits_.GetService();
-    const LinesOf here{"kits_recovery_test.cpp"};
-    const Lines on = CLIENT.Info({"RegisterProgressCallBack Start", "GetService entry"});
-    const Lines off = CLIENT.Info({"UnRegisterAllProgressCallBack", "GetService entry"});
-    RecordingLogSink log;
-    EXPECT_EQ(kits_.On(callback), 0);
-    service->ClearRequests();
-    service->QueueAnswer(2004);
-    EXPECT_EQ(kits_.Off(), 4);
-    const RefusingParcels refusing;
-    EXPECT_EQ(kits_.On(callback), 104);
-    EXPECT_EQ(log.Messages(), on + here.Info({"copied"}) + ProxyLines(0) + off + ProxyLines(2004) +
-                                  here.Info({"dropped"}) + CLIENT.Error({"UnRegisterProgressCallBack result is 4"}) +
-                                  on + CLIENT.Error({"MigrateServerKitsImpl WriteInterfaceToken fail"}));
-}
-
 // The outcome of a lookup comes as a request, for which a worker is left however few there are.
 TEST(LookupLockTest, AWorkerThatWaitsForALookupIsReplaced)
 {
@@ -201,18 +173,31 @@ TEST(LookupLockTest, AWorkerThatWaitsForALookupIsReplaced)
     EXPECT_EQ(outcome.get_future().wait_for(std::chrono::seconds(5)), std::future_status::ready);
 }
 
-// C and R begin a caller's and a recovery's registration. 0 and 1 end one: 1 has to tell the service again.
-TEST(RegistrationOverlapTest, OnlyTheLastThatOverlappedWithARecoveryRepeats)
+// Nobody knows which of two requests at a time the service has heard last.
+TEST_F(KitsRecoveryTest, WhatOverlapsWithARecoveryIsToldAgain)
 {
-    for (const std::string steps : {"CC00", "CR01", "RC01", "CRC001", "CR0C01", "CCR001", "R0C0CC00", "CR01CC00"}) {
-        RegistrationOverlap overlap;
-        for (const char step : steps) {
-            if (step == 'C' || step == 'R') {
-                overlap.Begin(step == 'C' ? RegistrationOverlap::By::CALLER : RegistrationOverlap::By::RECOVERY);
-            } else {
-                EXPECT_EQ(overlap.End(), step == '1') << steps;
-            }
+    // The outer one and the inner: C registers, D withdraws, R recovers. The codes of all requests.
+    const std::pair<std::string, std::string> cases[] = {
+        {"CR", "9 9 9 "}, {"DR", "10 9 10 "}, {"RC", "9 9 9 "}, {"RD", "9 10 10 "}, {"CC", "9 9 "}, {"DC", "10 9 "}};
+    for (const auto& [steps, expected] : cases) {
+        const sptr<ScriptedRemoteObject> service = RunService();
+        kits_.DoReset();
+        kits_.On({});
+        service->ClearRequests();
+        const auto run = [&](char step) {
+            step == 'C' ? kits_.On({}) : step == 'D' ? kits_.Off() : (kits_.ResumeRegisterCallback(), 0);
+        };
+        service->SetHandler([&, inner = steps[1]](uint32_t, MessageParcel&, MessageParcel&, MessageOption&) {
+            service->SetHandler(nullptr);
+            run(inner);
+            return 0;
+        });
+        run(steps[0]);
+        std::string codes;
+        for (const auto& request : service->Requests()) {
+            codes += std::to_string(request.code) + ' ';
         }
+        EXPECT_EQ(codes, expected) << steps;
     }
 }
 

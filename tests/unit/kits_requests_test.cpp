@@ -4,7 +4,6 @@
 
 #include "kits_fixture.h"
 #include "migrate_server_kits_impl.h"
-#include "migrate_service_proxy.h"
 #include "native_migrate/iset_backup_file_own_interface.h"
 
 namespace VEXA::UpdateEngine {
@@ -143,27 +142,6 @@ TEST_F(KitsRequestsTest, EveryOperationSendsBindsMapsAndLogs)
         RunCase(operation, 104, entry + CLIENT.Error({"MigrateServerKitsImpl WriteInterfaceToken fail"}));
     }
     EXPECT_EQ(service->Requests().size(), std::size(OPERATION_CASES) * std::size(OUTCOMES));
-}
-
-// It is watched all the same, once and before the proxy is made, until it dies.
-TEST_F(KitsRequestsTest, AnObjectThatNoProxyIsMadeForIsNoService)
-{
-    const sptr<ScriptedRemoteObject> service = RunService();
-    auto& brokers = BrokerRegistration::Get();
-    size_t watches = 0;
-    brokers.Unregister(MIGRATE_SERVER_DESCRIPTOR);
-    brokers.Register(MIGRATE_SERVER_DESCRIPTOR, [&](const sptr<IRemoteObject>&) {
-        watches = service->RecipientCount();
-        return nullptr;
-    });
-    const Lines lookup = CLIENT.Info({"GetService entry", "GetService recreate service instance"});
-    for (const Lines& watched : {CLIENT.Info({IMPL "AddDeathRecipient ret=true"}), Lines()}) {
-        RunCase(OPERATION_CASES[4], 104, lookup + watched + CLIENT.Error({"Service is null"}));
-        EXPECT_EQ(watches, 1U);
-    }
-    brokers.Unregister(MIGRATE_SERVER_DESCRIPTOR);
-    brokers.Register(MIGRATE_SERVER_DESCRIPTOR,
-        [](const sptr<IRemoteObject>& object) { return sptr<IRemoteBroker>(new MigrateServiceProxy(object)); });
 }
 
 }  // namespace

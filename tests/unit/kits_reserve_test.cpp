@@ -164,6 +164,7 @@ TEST_F(ReserveObserversTest, OnlyASentUnregistrationForgetsTheObserver)
 {
     const sptr<ScriptedRemoteObject> first = RunService();
     Register("a", new Observer);
+    Register("z", new Observer);
     const Lines dead = CLIENT.Info({"migrate_server is dead", "resume migrate broker callbacks"});
     RecordingLogSink log;
     Register("b", nullptr, 104);
@@ -181,9 +182,14 @@ TEST_F(ReserveObserversTest, OnlyASentUnregistrationForgetsTheObserver)
                                       "RegisterCallback InterfaceToken write error"}));
     }
     kits_->ResumeRegisterCallback();
-    EXPECT_EQ(Registered(second).size(), 1U);
-    second->QueueAnswer(-3);
-    EXPECT_EQ(kits_->UnRegisterCallback("a", reply_), 104);
+    EXPECT_EQ(Registered(second).size(), 2U);
+    for (const auto& [caller, left] : {std::pair("z", 1U), {"a", 0U}}) {
+        second->QueueAnswer(-3);
+        EXPECT_EQ(kits_->UnRegisterCallback(caller, reply_), 104);
+        second->ClearRequests();
+        kits_->ResumeRegisterCallback();
+        EXPECT_EQ(Registered(second).size(), left);
+    }
     log.Clear();
     second->Die();
     EXPECT_EQ(log.Messages(), dead + CLIENT.Info({"observers_ is empty"}));
@@ -193,9 +199,11 @@ TEST_F(ReserveObserversTest, EndWithdrawsTheWatchAndDropsTheObservers)
 {
     const sptr<Observer> observer(new Observer);
     const sptr<ScriptedRemoteObject> service = RunService();
-    Register("a", observer);
+    const sptr<ReserveMigrateSession> session(new ReserveMigrateSession);
+    session->GetService();
+    session->Keep("a", observer);
     RecordingLogSink log;
-    kits_.reset();
+    session->Close();
     // A watch without a proxy, which nobody withdraws, finds the session closed.
     const sptr<ReserveMigrateSession> unconnected(new ReserveMigrateSession);
     const sptr<ScriptedRemoteObject> unproxied(new ScriptedRemoteObject);
@@ -204,8 +212,8 @@ TEST_F(ReserveObserversTest, EndWithdrawsTheWatchAndDropsTheObservers)
     log.Clear();
     unproxied->Die();
     EXPECT_TRUE(log.Messages().empty());
-    EXPECT_TRUE(service->RecipientCount() == 0 && service->Requests().size() == 1);
-    EXPECT_EQ(observer->GetSptrRefCount(), 2);  // this one, and the recorded request's
+    EXPECT_TRUE(service->AddedCount() == 1 && service->RecipientCount() == 0);
+    EXPECT_EQ(observer->GetSptrRefCount(), 1);
 }
 
 // In a forked child there is no handler that its end could wait for.
