@@ -2,13 +2,16 @@
 // The client's side: its loads, and its services with a next manager. The manager is a script in this process.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
+#include <thread>
 
 #include "own_services.h"
 #include "pending_load.h"
 #include "system_ability_manager_proxy.h"
 #include "vexa/ipc/ipc_object_stub.h"
 #include "vexa/samgr/system_ability_load_callback_stub.h"
+#include "vexa/testing/recording_log_sink.h"
 #include "vexa/testing/scripted_remote_object.h"
 
 namespace VEXA::samgr {
@@ -19,24 +22,41 @@ using std::chrono::steady_clock;
 
 constexpr int32_t kId = 7;
 
+int32_t Send(const sptr<IRemoteObject>& callback, uint32_t code, MessageParcel& data)
+{
+    MessageParcel reply;
+    MessageOption option(MessageOption::TF_ASYNC);
+    return callback->SendRequest(code, data, reply, option);
+}
+
 int32_t Report(const sptr<IRemoteObject>& callback, const LoadOutcome& outcome)
 {
     MessageParcel data;
-    MessageParcel reply;
-    MessageOption option(MessageOption::TF_ASYNC);
     EXPECT_TRUE(WriteLoadOutcome(outcome, data));
-    return callback->SendRequest(LoadOutcomeCode(outcome), data, reply, option);
+    return Send(callback, LoadOutcomeCode(outcome), data);
 }
+
+class Callback : public SystemAbilityLoadCallbackStub {
+    void OnLoadSystemAbilitySuccess(int32_t, const sptr<IRemoteObject>&) override {}
+    void OnLoadSystemAbilityFail(int32_t) override {}
+};
 
 class SamgrLoad : public testing::Test {
 protected:
     SamgrLoad()
     {
         corpse_->Die();
-        manager_->SetHandler([this](uint32_t code, MessageParcel& data, MessageParcel&, MessageOption&) {
+        manager_->SetHandler([this](uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption&) {
             EXPECT_EQ(data.ReadInterfaceToken(), ISystemAbilityManager::GetDescriptor());
             EXPECT_EQ(data.ReadInt32(), kId);
             callback_ = data.ReadRemoteObject();
+            reply.WriteRemoteObject(corpse_);
+            if (isLate_) {
+                answer_ = std::jthread([this, callback = callback_] {
+                    std::this_thread::sleep_for(5ms);
+                    Report(callback, {kId, SAMGR_OK, living_, {}});
+                });
+            }
             const bool isDead = corpses_-- > 0;
             return code == LOAD_SYSTEM_ABILITY && answers_
                        ? Report(callback_, {kId, SAMGR_OK, isDead ? corpse_ : living_, {}})
@@ -59,6 +79,8 @@ protected:
     int corpses_ = 0;  // that many answers have the dead object
     sptr<IRemoteObject> callback_;
     std::vector<LoadOutcome> outcomes_;
+    bool isLate_ = false;  // an answer comes while it is waited for
+    std::jthread answer_;
 };
 
 TEST_F(SamgrLoad, AnObjectKnownToBeDeadIsAskedForAgainUntilTheDeadline)
@@ -82,13 +104,21 @@ TEST_F(SamgrLoad, ThereIsOneOutcomeAndNoneForTheAbandoned)
     Report(callback_, {kId, SAMGR_PROGRAM_SLOW, nullptr, "abandoned"});
     EXPECT_TRUE(outcomes_.empty());
 
-    MessageParcel data;
-    MessageParcel reply;
-    MessageOption option;
     const auto answered = Ask();
-    EXPECT_EQ(callback_->SendRequest(LOAD_FAILED, data, reply, option), SAMGR_BAD_REQUEST);
+    const std::u16string token = ISystemAbilityLoadCallback::GetDescriptor();
+    const sptr<IRemoteObject> other(new Callback);
+    const std::tuple<sptr<IRemoteObject>, std::u16string, uint32_t, std::vector<int32_t>, int32_t> wrong[] = {
+        {callback_, token + u"x", LOAD_FAILED, {kId, SAMGR_PROGRAM_SLOW, 0, 0}, SAMGR_BAD_REQUEST},
+        {callback_, token, LOAD_FAILED, {kId, SAMGR_OK, 0, 0}, SAMGR_BAD_REQUEST},
+        {other, token, LOADED_FROM_DEVICE, {0, 0}, SAMGR_BAD_REQUEST}, {other, token, 4, {}, IPC_UNKNOWN_REQUEST}};
+    for (const auto& [receiver, name, code, words, result] : wrong) {
+        MessageParcel data;
+        data.WriteInterfaceToken(name);
+        std::ranges::for_each(words, [&](int32_t word) { data.WriteInt32(word); });
+        EXPECT_EQ(Send(receiver, code, data), result) << code;
+    }
     answered->FailWithManager();
-    Report(callback_, {kId, SAMGR_PROGRAM_SLOW, nullptr, "slow"});
+    Report(callback_, {kId + 1, SAMGR_PROGRAM_SLOW, nullptr, "slow"});
     answered->FailWithManager();  // as when the outcome overtakes the answer to the request
     EXPECT_EQ(manager_->RecipientCount(), 0U);
 
@@ -97,16 +127,12 @@ TEST_F(SamgrLoad, ThereIsOneOutcomeAndNoneForTheAbandoned)
     manager_->Die();
     Report(callback_, {kId, SAMGR_PROGRAM_SLOW, nullptr, "late"});
     ASSERT_EQ(outcomes_.size(), 2U);
-    EXPECT_EQ(outcomes_[0].reason, "slow");
+    EXPECT_TRUE(outcomes_[0].systemAbilityId == kId && outcomes_[0].reason == "slow");
     EXPECT_EQ(outcomes_[1].error, IPC_DEAD_OBJECT);
 }
 
 TEST_F(SamgrLoad, NothingIsWaitedForLongerThanItsLimit)
 {
-    class Callback : public SystemAbilityLoadCallbackStub {
-        void OnLoadSystemAbilitySuccess(int32_t, const sptr<IRemoteObject>&) override {}
-        void OnLoadSystemAbilityFail(int32_t) override {}
-    };
     SystemAbilityManagerProxy manager(manager_);
     EXPECT_EQ(manager.CheckSystemAbility(kId), nullptr);
     EXPECT_EQ(manager.AddSystemAbility(kId, living_), SAMGR_OK);
@@ -119,16 +145,28 @@ TEST_F(SamgrLoad, NothingIsWaitedForLongerThanItsLimit)
     EXPECT_EQ(manager.LoadSystemAbility(kId, 0, &reason), nullptr);
     const auto took = steady_clock::now() - start;
     EXPECT_TRUE(took >= 1s && took < 2s && reason == "not there within 1 s") << reason;
+    Ask(0ms);
     std::vector<std::pair<uint32_t, int32_t>> waits;  // seconds, by request
     for (const auto& request : manager_->Requests()) {
         waits.emplace_back(request.code, request.waitTime);
     }
-    EXPECT_EQ(waits, (decltype(waits){{CHECK_SYSTEM_ABILITY, 8}, {ADD_SYSTEM_ABILITY, 8}, {REMOVE_SYSTEM_ABILITY, 8},
-                         {LOAD_SYSTEM_ABILITY, 8}, {LOAD_SYSTEM_ABILITY, 5}, {LOAD_SYSTEM_ABILITY, 1}}));
+    EXPECT_EQ(waits,
+        (decltype(waits){{CHECK_SYSTEM_ABILITY, 8}, {ADD_SYSTEM_ABILITY, 8}, {REMOVE_SYSTEM_ABILITY, 8},
+            {LOAD_SYSTEM_ABILITY, 8}, {LOAD_SYSTEM_ABILITY, 5}, {LOAD_SYSTEM_ABILITY, 1}, {LOAD_SYSTEM_ABILITY, 1}}));
 
     manager_->QueueAnswer(SAMGR_NOT_ALLOWED);
     EXPECT_EQ(manager.AddSystemAbility(kId, living_), SAMGR_NOT_ALLOWED);
     EXPECT_EQ(OwnServices::Get().Replace(kId, nullptr), nullptr);  // nothing is left to tell the next manager of
+
+    // The outcome wakes the thread; to look whether the manager lives it would wake after 50 ms.
+    isLate_ = true;
+    steady_clock::duration quickest = 20s;
+    for (int load = 0; load < 5; ++load) {
+        start = steady_clock::now();
+        EXPECT_TRUE(manager.LoadSystemAbility(kId, 20, nullptr) == living_);
+        quickest = std::min(quickest, steady_clock::now() - start);
+    }
+    EXPECT_LT(quickest, 45ms);
 
     manager_->SetHandler([this](uint32_t, MessageParcel&, MessageParcel&, MessageOption&) {
         manager_->Die();
@@ -175,10 +213,14 @@ TEST(OwnServicesTest, AManagerThatCanNotBeReachedIsToldAgainButNotForEver)
             return ++told <= failures ? error : int32_t{SAMGR_OK};
         });
         services.Replace(1, sptr<IRemoteObject>(new IPCObjectStub));
+        RecordingLogSink log;
         const auto start = steady_clock::now();
         services.TellAll();
         const auto took = steady_clock::now() - start;
         EXPECT_EQ(told, expected) << error;
+        const RecordedMessage line{
+            KOLOG_WARN, "", std::string("the new manager was not told of service 1: ") + ResultText(error)};
+        EXPECT_EQ(log.Messages(), std::vector(failures == 99 ? 1 : 0, line));
         EXPECT_TRUE(took >= (expected - 1) * 10ms && took < 1s);
     }
 }

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -7,6 +8,7 @@
 
 #include "daemon/output_lines.h"
 #include "daemon/profile.h"
+#include "vexa/testing/recording_log_sink.h"
 
 namespace VEXA::samgr {
 namespace {
@@ -27,8 +29,10 @@ TEST(SamgrProfile, NumbersAndUsersAreReadAndHaveDefaults)
     EXPECT_FALSE(profile.lookup.everyone);
 
     // Without more, everyone may look it up and the manager's user register it.
-    ASSERT_TRUE(ParseProfile(R"({"id": 2147483647, "program": "p", "startTimeout": 300})", profile, error)) << error;
+    ASSERT_TRUE(
+        ParseProfile(R"({"id": 2147483647, "program": "p", "startTimeout": 300, "user": "12"})", profile, error));
     EXPECT_EQ(profile.startTimeout, 300s);
+    EXPECT_EQ(profile.registrars.uids, (std::vector<uid_t>{geteuid(), 12}));
     ASSERT_TRUE(ParseProfile(R"({"id": 1, "program": "p"})", profile, error)) << error;
     EXPECT_EQ(profile.startTimeout, 5s);
     constexpr auto kUnknown = static_cast<uid_t>(-1);
@@ -42,15 +46,16 @@ TEST(SamgrProfile, FaultsAreNamed)
     std::vector<std::pair<std::string, std::string>> cases{{"[" + sound + "]", "JSON"}, {sound + " x", "JSON"},
         {sound + '\0', "JSON"}, {R"({"program": "p"})", "id"}, {R"({"id": 1})", "program"}};
     // The first member of a name counts, and each fault names it.
-    for (const std::string member : {R"("id": 0)", R"("id": 1.5)", R"("id": 2147483648)", R"("program": "")",
-             R"("arguements": [])", R"("arguments": [1])", R"("arguments": {})", R"("environment": {"A=B": "c"})",
-             R"("environment": ["a"])", R"("startTimeout": 0)", R"("startTimeout": 300.1)", R"("user": "no such user")",
-             R"("register": [4294967295])", R"("register": [-1])", R"("lookup": ["12x"])", R"("lookup": "root")"}) {
+    for (const std::string member :
+        {R"("id": 0)", R"("id": 1.5)", R"("id": 2147483648)", R"("program": "")", R"("arguements": [])",
+            R"("arguments": [1])", R"("arguments": {})", R"("environment": {"A=B": "c"})", R"("environment": ["a"])",
+            R"("startTimeout": 0)", R"("startTimeout": 300.1)", R"("user": "no such user")", R"("user": "4294967295")",
+            R"("register": [4294967295])", R"("register": [-1])", R"("lookup": ["12x"])", R"("lookup": "root")"}) {
         cases.emplace_back("{" + member + ", " + sound.substr(1), member.substr(1, member.find('"', 1) - 1));
     }
+    Profile profile;
+    std::string error;
     for (const auto& [text, fault] : cases) {
-        Profile profile;
-        std::string error;
         EXPECT_FALSE(ParseProfile(text, profile, error)) << text;
         EXPECT_NE(error.find(fault), std::string::npos) << text << ": " << error;
     }
@@ -69,7 +74,17 @@ TEST(SamgrProfile, DirectoriesAreReadInOrderAndTheFirstOfAnIdentifierWins)
     write("d.json", "not a profile");
     write("e.txt", R"({"id": 3, "program": "other"})");
     std::filesystem::create_directory(folder + "/f.json");
+    EXPECT_EQ(mkfifo((folder + "/g.json").c_str(), 0600), 0);
+    RecordingLogSink log;
     const auto profiles = ReadProfiles({folder + "/absent", folder});
+    const std::pair<const char*, const char*> leftOut[] = {{"b.json", "another one names service 1 already"},
+        {"c.json", "is larger than 65536 bytes"}, {"d.json", "is not one JSON object"}, {"f.json", "is not a file"},
+        {"g.json", "is not a file"}};
+    std::vector lines{RecordedMessage{KOLOG_WARN, "", "profiles of " + folder + "/absent: No such file or directory"}};
+    for (const auto& [name, reason] : leftOut) {
+        lines.push_back({KOLOG_ERROR, "", "profile " + folder + "/" + name + " is left out: " + reason});
+    }
+    EXPECT_EQ(log.Messages(), lines);
     std::filesystem::remove_all(folder);
     ASSERT_EQ(profiles.size(), 2U);
     EXPECT_EQ(profiles[0]->program + profiles[1]->program, "firstlarge");

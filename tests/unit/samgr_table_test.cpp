@@ -9,6 +9,7 @@
 #include "daemon/service_table.h"
 #include "registration.h"
 #include "system_ability_manager_proxy.h"
+#include "vexa/testing/recording_log_sink.h"
 #include "vexa/testing/scripted_remote_object.h"
 
 namespace VEXA::samgr {
@@ -43,9 +44,9 @@ class SamgrTable : public testing::Test {
 protected:
     SamgrTable() { UseProfile(Profile()); }
 
-    void UseProfile(Profile profile)
+    void UseProfile(Profile profile, int32_t id = kId)
     {
-        profile.id = kId;
+        profile.id = id;
         profile.program = "service";
         profile.registrars.uids = {kServiceUser};
         profile.lookup.everyone = profile.lookup.uids.empty();
@@ -113,6 +114,11 @@ TEST_F(SamgrTable, FailedStartsLeaveNothingStarting)
     table_->RunDue();
     expectOutcome(SAMGR_PROGRAM_SLOW);
     EXPECT_EQ(starter_.killed, std::vector<pid_t>{slow});
+    const pid_t next = LoadAndStart();
+    End(slow, SIGKILL);
+    EXPECT_TRUE(outcomes_.empty()) << "that was not the end of this one";
+    End(next, 0);
+    expectOutcome(SAMGR_PROGRAM_EXITED);
     Load();
     table_->SetProfiles({});
     table_->RunDue();
@@ -158,8 +164,12 @@ TEST_F(SamgrTable, OnlyTheStartedProgramAndListedUsersMayRegister)
     EXPECT_EQ(object->RecipientCount(), 0U);
     EXPECT_EQ(table_->Check(kId, kClient), nullptr);
 
-    End(LoadAndStart(), 1);
-    EXPECT_EQ(add(1000, kOtherUser), SAMGR_NOT_ALLOWED);  // ended: the number may be anybody's
+    const pid_t program = LoadAndStart();
+    UseProfile(Profile(), kId + 1);  // for which it was not started
+    EXPECT_EQ(table_->Add(kId + 1, {program, kOtherUser}, object), SAMGR_NOT_ALLOWED);
+    UseProfile(Profile());
+    End(program, 1);
+    EXPECT_EQ(add(program, kOtherUser), SAMGR_NOT_ALLOWED);  // ended: the number may be anybody's
 }
 
 TEST_F(SamgrTable, LookupAndLoadFollowTheProfileOfNow)
@@ -215,7 +225,7 @@ TEST_F(SamgrTable, CrashLoopIsSlowedUntilAProgramLivesAndKilledProgramsAreNot)
             Register(pid);
         }
         now_ += 999ms;
-        End(pid, SIGABRT);
+        pid % 3 == 0 ? End(pid, SIGABRT) : table_->OnProgramEnd(pid, {0, "", false, 9});
     }
     const auto crash = [this] { End(999 + starter_.starts, SIGABRT); };
     expectWait(3200ms);
@@ -231,28 +241,45 @@ TEST_F(SamgrTable, CrashLoopIsSlowedUntilAProgramLivesAndKilledProgramsAreNot)
     expectWait(100ms);
     Register(999 + starter_.starts);
     now_ += 1s;
-    crash();
-    expectWait(0ms);
+    for (int death = 0; death < 5; ++death) {  // the first was late enough
+        crash();
+        expectWait(0ms);
+    }
 }
 
 TEST_F(SamgrTable, RequestsReachTheTableAndItsAnswersTheirCallers)
 {
     const sptr<IRemoteObject> manager(new ManagerStub(table_));
     const sptr<IRemoteObject> object(new Proxy);
+    RecordingLogSink log(KOLOG_WARN);
     EXPECT_EQ(samgr::Register(manager, kId, object), SAMGR_NOT_ALLOWED);
     EXPECT_EQ(samgr::Register(manager, kId + 1, object), SAMGR_NO_PROFILE);
+    EXPECT_EQ(samgr::Register(manager, kId, nullptr), SAMGR_NOT_ALLOWED);
     EXPECT_EQ(table_->Add(kId, {getpid(), kServiceUser}, object), SAMGR_OK);
     EXPECT_TRUE(SystemAbilityManagerProxy(manager).CheckSystemAbility(kId) == object);
     const sptr<ScriptedRemoteObject> callback(new ScriptedRemoteObject);
     callback->QueueAnswer(IPC_FAILED);
-    for (const sptr<IRemoteObject>& receiver : {manager, sptr<IRemoteObject>(callback)}) {
+    const std::tuple<uint32_t, sptr<IRemoteObject>, int32_t> requests[] = {{5, nullptr, IPC_UNKNOWN_REQUEST},
+        {REMOVE_SYSTEM_ABILITY, nullptr, SAMGR_BAD_REQUEST},
+        {LOAD_SYSTEM_ABILITY, manager, SAMGR_BAD_REQUEST},  // one of its own objects
+        {LOAD_SYSTEM_ABILITY, callback, SAMGR_OK}};
+    for (const auto& [code, receiver, result] : requests) {
         MessageParcel data;
         MessageParcel reply;
         MessageOption option;
-        EXPECT_TRUE(WriteHead(data, kId) && data.WriteRemoteObject(receiver));
-        const int32_t result = manager->SendRequest(LOAD_SYSTEM_ABILITY, data, reply, option);
-        EXPECT_EQ(result, receiver == callback ? SAMGR_OK : SAMGR_BAD_REQUEST);  // not one of its own objects
+        EXPECT_TRUE(data.WriteInterfaceToken(ISystemAbilityManager::GetDescriptor()));
+        EXPECT_TRUE(receiver == nullptr || (data.WriteInt32(kId) && data.WriteRemoteObject(receiver)));
+        EXPECT_EQ(manager->SendRequest(code, data, reply, option), result) << code;
     }
+    const auto refused = [](const std::string& request, const char* reason) {
+        const std::string caller = " for process " + std::to_string(getpid()) + ", user " + std::to_string(geteuid());
+        return RecordedMessage{KOLOG_WARN, "", request + caller + ", is refused: " + reason};
+    };
+    const char* const notAllowed = "its profile does not let this user do that";
+    EXPECT_EQ(log.Messages(),
+        (std::vector{refused("registration of service 7", notAllowed),
+            refused("registration of service 8", "no profile names it"), refused("removal of service 7", notAllowed),
+            refused("load of service 7", "the request makes no sense")}));
     std::vector<sptr<IRemoteObject>> handed;
     for (const auto& request : callback->Requests()) {
         EXPECT_TRUE(request.code == LOAD_SUCCEEDED && request.flags == MessageOption::TF_ASYNC);
