@@ -31,10 +31,10 @@ const bool kIsRoot = geteuid() == 0;
 // What a program was started with, on its output. The last descriptor is the one that lists them.
 constexpr char kDescription[] = R"sh(
     echo "$0 $1; $PEER_VARIABLE; ${NOTIFY_SOCKET-none}; $PWD; ${VEXA_RUNTIME_DIR##*/}"
-    echo "session $(($(cut -d ' ' -f 6 /proc/$$/stat) - $$)), $(grep -c '^SigBlk:.0*$' /proc/$$/status)"
+    echo "session $(($(cut -d ' ' -f 6 /proc/$$/stat) - $$)), $(grep -Ec 'SigBlk:.0*$|SigIgn:.0*1000$' /proc/$$/status)"
     echo "user $(id -u) $(id -G) $HOME $USER ${XDG_RUNTIME_DIR-none}"
     echo /proc/self/fd/*
-    printf "limit $(ulimit -Sn)"
+    printf "limit $(ulimit -Sn), input $(wc -c)" >&2
 )sh";
 
 // Loads that fail: the rest of the profile, and the reason.
@@ -57,6 +57,7 @@ public:
         setenv("PEER_SCRIPT", kDescription, 1);
         setenv("PEER_DIRECTORY", "/usr", 1);
         setenv("NOTIFY_SOCKET", "/nowhere", 1);
+        setenv("XDG_RUNTIME_DIR", "/nowhere", 1);
         AddProfile(kService, SAMGR_PEER, R"(, "arguments": ["serve", "1"])");
         AddProfile(kHangs, "/bin/sh",
             R"(, "arguments": ["-c", "trap '' TERM; exec >&- 2>&-; sleep 9 & echo $$! >$$VEXA_RUNTIME_DIR.child; wait"])"
@@ -110,7 +111,7 @@ protected:
     }
     void TearDown() override
     {
-        World().EndManager(SIGTERM);
+        World().EndManager(SIGINT);
         // The next test must not take the dead one for its own.
         EXPECT_TRUE(
             Eventually([] { return SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager() == nullptr; }));
@@ -122,9 +123,9 @@ protected:
 TEST_F(Samgr, ProgramsGetWhatTheirProfileSaysAndNothingOfTheManagers)
 {
     EXPECT_EQ(manager_->LoadSystemAbility(kDescribes, 5), nullptr);
-    for (const char* line : {"5$ a/usrb/usr${x}; a b; none; /usr; run", "session 0, 1",
-             kIsRoot ? "user 1 1 /usr/sbin daemon none" : "session 0, 1",
-             "/proc/self/fd/0 /proc/self/fd/1 /proc/self/fd/2 /proc/self/fd/3", "limit 500"}) {
+    for (const char* line : {"5$ a/usrb/usr${x}; a b; none; /usr; run", "session 0, 2",
+             kIsRoot ? "user 1 1 /usr/sbin daemon none" : "session 0, 2",
+             "/proc/self/fd/0 /proc/self/fd/1 /proc/self/fd/2 /proc/self/fd/3", "limit 500, input 0"}) {
         const std::string logged = "]: " + std::string(line) + "\n";
         EXPECT_TRUE(Eventually([&] { return FileText(World().LogFile()).find(logged) != std::string::npos; })) << line;
     }

@@ -16,10 +16,10 @@ inline bool IsRunning(pid_t pid)
     return name != std::string::npos && stat[name + 2] != 'Z';
 }
 
-// A program with its output appended to a file.
+// A program with its output appended to a file, which is its input as well.
 inline ChildProcess StartLogged(const std::vector<std::string>& command, const std::string& file)
 {
-    std::vector<std::string> all{"sh", "-c", "exec \"$@\" >> \"$0\" 2>&1", file};
+    std::vector<std::string> all{"sh", "-c", "exec \"$@\" >> \"$0\" 2>&1 <\"$0\"", file};
     all.insert(all.end(), command.begin(), command.end());
     return ChildProcess(all);
 }
