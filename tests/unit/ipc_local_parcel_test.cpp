@@ -179,7 +179,8 @@ TEST(MessageParcelTest, CarriesObjectsInSlots)
         EXPECT_EQ(parcel.WriteRemoteObject(second), objects < 256) << objects;
     }
     const RefusingParcels refusing;
-    EXPECT_FALSE(MessageParcel().WriteRemoteObject(first));
+    MessageParcel full;
+    EXPECT_FALSE(full.WriteRemoteObject(first));
     EXPECT_EQ(first->GetSptrRefCount(), 2);
 }
 

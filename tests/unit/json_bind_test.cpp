@@ -152,7 +152,6 @@ TEST(JsonReadKeyTest, Numbers)
     }
     EXPECT_EQ(ReadKey<int64_t>("9007199254740991", SUCCESS, 5), 9007199254740991);
     EXPECT_EQ(ReadKey<int64_t>("-9007199254740991", SUCCESS, 5), -9007199254740991);
-    EXPECT_EQ(ReadKey<int32_t>("-7.9", SUCCESS, 5), -7);
     EXPECT_EQ(ReadKey<uint32_t>("-1", NUMBER_EXTRA_LONG, 5), 5U);
 }
 

@@ -33,7 +33,7 @@ TEST(JsonContextTest, DiscardsWhatIsNotOneWholeText)
     for (const std::string& text : good) {
         EXPECT_FALSE(JsonContext(text).IsDiscarded()) << text.substr(0, 40);
     }
-    EXPECT_EQ(Held<6>(*JsonContext(R"(["a\\u0000b\u004A"])").begin()), "a\\u0000bJ");
+    EXPECT_EQ(Held<6>(*JsonContext(R"(["a\\u0000b\u004Ab\u00cF"])").begin()), "a\\u0000bJb\u00CF");
 }
 
 TEST(JsonContextTest, HoldsEachKindInItsAlternativeAndFindsTheFirstOfSeveral)

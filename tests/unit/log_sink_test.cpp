@@ -96,7 +96,7 @@ TEST(KoLogTest, DroppedLinesAreCountedAndReportedLater)
     CallingSink sink([&](const LogRecord& record) {
         errno = EAGAIN;
         Print("a sink's own line");
-        lines.emplace_back(record.message);
+        lines.push_back(std::to_string(record.level) + std::string(record.message));
         return mood == THROWS ? throw 42 : mood == TAKES;
     });
     LogSink* previous = SetLogSink(&sink);
@@ -111,7 +111,7 @@ TEST(KoLogTest, DroppedLinesAreCountedAndReportedLater)
     Print("four");
     Print("five");
     EXPECT_EQ(SetLogSink(previous), &sink);
-    EXPECT_THAT(lines, ElementsAre("3 lines dropped", "four", "five"));
+    EXPECT_THAT(lines, ElementsAre("53 lines dropped", "4four", "4five"));
 }
 
 // Two writers are in the replaced sink, one of them by the counter that isn't current any more.
@@ -252,8 +252,9 @@ TEST(EnvironmentTest, LevelsAreNamesOrNumbers)
 
 TEST(LogTextTest, LinesCantBeForgedAndFitAPipe)
 {
-    EXPECT_EQ(ToLogLine(Record("a\tb\nc\x1b[1m\x7f\xc3\xa4")),
-        "2026-11-24T21:53:07.123Z 411 415 E D002E11/TAG: a\tb\\nc\\x1b[1m\\x7f\xc3\xa4");
+    LogRecord forged = Record("a\tb\nc\x1b[1m\x7f\xc3\xa4");
+    forged.tag = "T\nG";
+    EXPECT_EQ(ToLogLine(forged), "2026-11-24T21:53:07.123Z 411 415 E D002E11/T\\nG: a\tb\\nc\\x1b[1m\\x7f\xc3\xa4");
     const std::string line = ToLogLine(Record(std::string(3072, '\n')));
     EXPECT_LT(line.size(), 4096U);
     EXPECT_THAT(line, ::testing::EndsWith("<truncated>"));
@@ -267,13 +268,13 @@ TEST(LogTextTest, LinesCantBeForgedAndFitAPipe)
 
 TEST(RingSinkTest, KeepsTheLastLines)
 {
-    RingLogSink ring(3);
-    for (const char* text : {"1", "2", "3", "4", "5"}) {
-        ring.Write(Record(text));
+    RingLogSink ring;
+    for (int number = 1; number <= 1026; ++number) {
+        ring.Write(Record(std::to_string(number)));
     }
     EXPECT_EQ(ring.After(0).at(0).message, "3");
-    EXPECT_EQ(ring.After(4).at(0).number, 5U);
-    EXPECT_TRUE(ring.After(99).empty());
+    EXPECT_EQ(ring.After(1025).at(0).number, 1026U);
+    EXPECT_TRUE(ring.After(2000).empty());
     EXPECT_TRUE(RingLogSink(0).Write(Record("")));
 }
 

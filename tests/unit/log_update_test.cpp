@@ -58,18 +58,16 @@ TEST(UpdateLogTest, LabelsAndLevels)
     RecordingLogSink log;
     uint32_t index = 0;
     for (const auto& [module, tag] : labels) {
-        UpdateLog::PrintSingleLine(index++, Content("%{public}s", "x"));
-        ASSERT_EQ(log.Entries().size(), index);
-        const LogEntry entry = log.Entries().back();
+        UpdateLog::PrintSingleLine(index, Content("%{public}s", "x"));
+        const LogEntry entry = log.Entries().at(index++);
         EXPECT_EQ(std::tuple(entry.tag, entry.domain, entry.type), std::tuple(tag, 0xD002E00 + module, 3U));
     }
     EXPECT_EQ(UPDATE_LABEL.size(), index);
 
     EXPECT_TRUE(INITIAL_LEVEL == 1 && UpdateLogContent().level == 1);
     UpdateLog::GetLogLevel() = UPDATE_DEBUG;
-    EXPECT_TRUE(UpdateLog::JudgeLevel(UPDATE_DEBUG));
     UpdateLog::SetLogLevel(UPDATE_ERROR);
-    EXPECT_EQ(UpdateLog::GetLogLevel(), 3);
+    EXPECT_TRUE(UpdateLog::GetLogLevel() == 3 && UpdateLog::JudgeLevel(UPDATE_DEBUG));
 }
 
 TEST(UpdateLogTest, SingleLineMapsLevelLabelAndPrivacy)
@@ -132,9 +130,8 @@ TEST(UpdateLogTest, LongLogPrintsThreeRuns)
 
 TEST(UpdateLogTest, TextHelpers)
 {
-    EXPECT_EQ(UpdateLog::FindSubStrCount("aaa", "aa"), 2);
+    EXPECT_TRUE(UpdateLog::FindSubStrCount("aaa", "aa") == 2 && UpdateLog::FindSubStrCount("", "a") == 0);
     EXPECT_EQ(UpdateLog::FindSubStrCount("abc", ""), 4);
-    EXPECT_EQ(UpdateLog::FindSubStrCount("", "a"), 0);
     const std::pair<const char*, const char*> names[] = {
         {"a/b/c", "c"}, {"a\\b", "b"}, {"c", "c"}, {"a/", ""}, {"a\\b/c", "c"}, {"a/b\\c", "b\\c"}, {"", ""}};
     for (const auto& [path, name] : names) {

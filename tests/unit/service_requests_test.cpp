@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <gmock/gmock.h>
+
 #include <atomic>
 
 #include "native_migrate/set_backup_file_own_stub.h"
@@ -32,23 +34,18 @@ TEST_F(ServiceRequests, WrongTokensUnknownCodesAndBadFieldsAreAnswered)
         EXPECT_EQ(Ask(static_cast<Code>(code)), bad) << code;
         EXPECT_TRUE(replies.empty());
     }
-    EXPECT_EQ(Ask(Code::GET_MIGRATE_STATUS, 6U), bad);
-    EXPECT_EQ(Ask(Code::START_PAK_MIGRATE, ""), bad);
-    EXPECT_EQ(Ask(Code::REMOVE_MIGRATE, -2), bad);
-    EXPECT_EQ(Ask(Code::SET_MIGRATE_POLICY, 2), bad);
-    EXPECT_EQ(Ask(Code::PRESET_DATA, "[]"), bad);
-    EXPECT_EQ(Ask(Code::PRESET_DATA, R"({"exclude":"b"})"), bad);
-    EXPECT_EQ(Ask(Code::GET_MODULE_MIGRATION_POLICY, true, "{"), bad);
-    EXPECT_EQ(Ask(Code::START_PAK_MIGRATION, "p", "b", "{\"priority\":\"high\"}"), bad);
-    EXPECT_EQ(Ask(Code::GET_RESTORE_APP_INFOS, "only the name"), bad);
-    EXPECT_EQ(Ask(Code::ADJUST_APP_PRIORITY, "r", "7x"), bad);
-    EXPECT_EQ(Ask(Code::ADJUST_APP_PRIORITY, "r", "9999999999"), bad);
-    EXPECT_EQ(Ask(Code::REGISTER_PROGRESS_CALLBACK, sptr<IRemoteObject>()), bad);
-    EXPECT_EQ(Ask(Code::REGISTER_RESERVE_OBSERVER, "caller", sptr<IRemoteObject>()), bad);
-    const int32_t none = MIGRATE_RESULT_OFFSET + MIGRATE_NO_SUCH_APP;
-    EXPECT_EQ(Ask(Code::RESTORE_APP, "r", ""), none);
-    EXPECT_EQ(Ask(Code::GET_RESTORE_APP_STATUS, "r", ""), none);
-    EXPECT_EQ(Ask(Code::GET_RESTORE_APP_INFOS, "r", -1), none);
+    const sptr<IRemoteObject> noObject;
+    EXPECT_THAT((std::vector{Ask(Code::GET_MIGRATE_STATUS, 6U), Ask(Code::START_PAK_MIGRATE, ""),
+                    Ask(Code::REMOVE_MIGRATE, -2), Ask(Code::SET_MIGRATE_POLICY, 2), Ask(Code::PRESET_DATA, "[]"),
+                    Ask(Code::PRESET_DATA, R"({"exclude":"b"})"), Ask(Code::GET_MODULE_MIGRATION_POLICY, true, "{"),
+                    Ask(Code::START_PAK_MIGRATION, "p", "b", "{\"priority\":\"high\"}"),
+                    Ask(Code::GET_RESTORE_APP_INFOS, "only the name"), Ask(Code::ADJUST_APP_PRIORITY, "r", "7x"),
+                    Ask(Code::ADJUST_APP_PRIORITY, "r", "9999999999"), Ask(Code::REGISTER_PROGRESS_CALLBACK, noObject),
+                    Ask(Code::REGISTER_RESERVE_OBSERVER, "caller", noObject)}),
+        testing::Each(bad));
+    EXPECT_THAT((std::vector{Ask(Code::RESTORE_APP, "r", ""), Ask(Code::GET_RESTORE_APP_STATUS, "r", ""),
+                    Ask(Code::GET_RESTORE_APP_INFOS, "r", -1)}),
+        testing::Each(MIGRATE_RESULT_OFFSET + MIGRATE_NO_SUCH_APP));
 }
 
 TEST_F(ServiceRequests, EveryRequestOfTheMigrationIsAnsweredWithItsFields)
@@ -65,8 +62,7 @@ TEST_F(ServiceRequests, EveryRequestOfTheMigrationIsAnsweredWithItsFields)
     EXPECT_EQ(ErrorOf(Code::GET_MIGRATION_DATA_SIZE), 0);
     EXPECT_EQ(number, 1000 + static_cast<int64_t>(fs::file_size(folders.Source() / "a" / "manifest.json")));
     EXPECT_EQ(TextOf(Code::CHECK_APP_RESTORE, "com.a").rfind(R"({"bundleName":"com.a","canRestore":false,)", 0), 0U);
-    EXPECT_EQ(Ask(Code::SET_MIGRATE_POLICY, MIGRATE_POLICY_GO_ON), 0);
-    EXPECT_EQ(Ask(Code::PRESET_DATA, ""), 0);
+    EXPECT_TRUE(Ask(Code::SET_MIGRATE_POLICY, MIGRATE_POLICY_GO_ON) == 0 && Ask(Code::PRESET_DATA, "") == 0);
     for (const char* action : {"pause", "resume", "stop"}) {
         EXPECT_EQ(ErrorOf(Code::NOTIFY_EMPORION_CORE_EVENT, AAFwk::Want().SetAction(action)), MIGRATE_ERROR_NOTHING)
             << action;
@@ -79,20 +75,18 @@ TEST_F(ServiceRequests, EveryRequestOfTheMigrationIsAnsweredWithItsFields)
     ASSERT_TRUE(Ends());
     const auto info = RecordOf<MigrateInfo>(Code::GET_MIGRATE_INFO, 5U);
     ASSERT_EQ(info.taskInfos.size(), 1U);
-    EXPECT_EQ(info.taskInfos[0].userId, 3);
-    EXPECT_EQ(info.taskInfos[0].displayPolicy.displayBundleName, "com.a");
-    EXPECT_EQ(info.taskInfos[0].configStage, TaskConfigStage::DEFAULT);
+    const TaskInfo& task = info.taskInfos[0];
+    EXPECT_EQ(std::tuple(task.userId, task.displayPolicy.displayBundleName, task.configStage),
+        std::tuple(3, "com.a", TaskConfigStage::DEFAULT));
     EXPECT_EQ(info.migrateProgress.percent, 100U);
     EXPECT_EQ(RecordOf<MigrationResult>(Code::GET_MIGRATE_RESULT).succeeded, 1U);
     EXPECT_EQ(TextOf(Code::GET_PAK_MIGRATION_TASK_STATUS, "com.a"),
         R"({"status":3,"errorInfo":{"code":0,"reason":"","canRetry":false}})");
-    EXPECT_EQ(ErrorOf(Code::REMOVE_PAK_MIGRATE, "com.a"), 0);
-    EXPECT_EQ(ErrorOf(Code::START_PAK_MIGRATE, "com.a"), 0);
+    EXPECT_TRUE(ErrorOf(Code::REMOVE_PAK_MIGRATE, "com.a") == 0 && ErrorOf(Code::START_PAK_MIGRATE, "com.a") == 0);
     ASSERT_TRUE(Ends());
     EXPECT_EQ(ErrorOf(Code::START_PAK_MIGRATION, "a", "", R"({"priority":3})"), 0);
     ASSERT_TRUE(Ends());
-    EXPECT_EQ(ErrorOf(Code::REMOVE_MIGRATE, 3), 0);
-    EXPECT_EQ(State(), TaskStatus::IDLE);
+    EXPECT_TRUE(ErrorOf(Code::REMOVE_MIGRATE, 3) == 0 && State() == TaskStatus::IDLE);
 }
 
 TEST_F(ServiceRequests, ReservedApplicationsAreAnsweredWithOneText)
@@ -110,9 +104,7 @@ TEST_F(ServiceRequests, ReservedApplicationsAreAnsweredWithOneText)
     EXPECT_EQ(Ask(Code::ADJUST_APP_PRIORITY, "com.r2", "-0"), 0);
     EXPECT_EQ(Ask(Code::ADJUST_APP_PRIORITY, "com.r2", "5"), 0);
     EXPECT_EQ(TextOf(Code::GET_APK_INFO), "[]");  // they are set aside
-    EXPECT_EQ(appsOf("", -1), "com.r2 com.r1 ");
-    EXPECT_EQ(appsOf("", 1), "com.r2 ");
-    EXPECT_EQ(appsOf("com.r1", 9), "com.r1 ");
+    EXPECT_EQ(appsOf("", -1) + appsOf("", 1) + appsOf("com.r1", 9), "com.r2 com.r1 com.r2 com.r1 ");
 
     EXPECT_EQ(ErrorOf(Code::RESTORE_APP, "com.r1", "day"), 0);
     EXPECT_EQ(replies.size(), 1U);

@@ -127,11 +127,10 @@ TEST(WantTest, KeepsTheTypeOfAParameter)
     EXPECT_EQ(want.GetParam<std::string>("k", "none"), "none");
     EXPECT_FALSE(want.RemoveParam("k").HasParam("k"));
     EXPECT_EQ(want, Want());
-    EXPECT_NE(want, Want().SetParam("k", 1));
-    EXPECT_NE(want, Want().SetFlags(1));
+    EXPECT_TRUE(want != Want().SetParam("k", 1) && want != Want().SetFlags(1));
     EXPECT_TRUE(want != Want().SetAction("a") && want != Want().SetBundleName("a") && want != Want().SetUri("a"));
     EXPECT_EQ(want.SetAbilityName("a").GetAbilityName(), "a");
-    EXPECT_EQ(want.GetBundleName(), "");
+    EXPECT_TRUE(want != Want() && want.GetBundleName().empty());
 }
 
 }  // namespace
