@@ -40,9 +40,9 @@ public:
     void Step()
     {
         // Weights of a thousand. Whatever else may happen between two steps gets a line here.
-        static constexpr std::pair<size_t, void (World::*)(Life&)> kActs[] = {{350, &World::Deliver},
+        static constexpr std::pair<size_t, void (World::*)(Life&)> kActs[] = {{330, &World::Deliver},
             {130, &World::RunTasks}, {20, &World::TellDeath}, {260, &World::SendRequest}, {60, &World::Drop},
-            {104, &World::GoOnWithCall}, {24, &World::Meet}, {30, &World::WatchOrNot}, {10, &World::Stop},
+            {104, &World::GoOnWithCall}, {44, &World::Meet}, {30, &World::WatchOrNot}, {10, &World::Stop},
             {8, &World::Kill}, {4, &World::Quiet}};
         size_t left = draw_(1000);
         Life& at = *now_[draw_(3)];
