@@ -2,6 +2,7 @@
 // What a process counts: holders of objects, one-way requests under way, what a peer gets wrong, connections; and the
 // notices of deaths.
 #include <latch>
+#include <numeric>
 
 #include "ipc_fixture.h"
 #include "vexa/ipc/message_option.h"
@@ -38,28 +39,17 @@ TEST(ObjectTableTest, LivesByItsHoldersAndNotByTheirDebts)
     EXPECT_EQ(table.Find(0, 4), object) << "everybody's";
 }
 
-// The sender's count, then the receiver's: 1,024 requests, and 16 MiB.
-TEST(OneWayTest, AProcessSendsSoMuchAhead)
+TEST(OneWayTest, AProcessSends1024RequestsAhead)
 {
     OneWayCredit credit;
-    std::deque<OneWayDebt::Charge> charges;
-    OneWayDebt frames([](uint64_t, uint64_t) {});
-    const auto arrives = [&](OneWayDebt& debt, uint64_t bytes) {
-        charges.push_back(debt.Arrive(bytes));
-        return charges.back() != nullptr;
-    };
     for (int i = 0; i < 1024; ++i) {
-        EXPECT_TRUE(credit.Take(16380) && arrives(frames, 16384)) << i;
+        EXPECT_TRUE(credit.Take(16380)) << i;
     }
-    EXPECT_FALSE(credit.Take(0) || arrives(frames, 0));
+    EXPECT_FALSE(credit.Take(0));
     EXPECT_FALSE(credit.GiveBack(1025, 0) || credit.GiveBack(0, 1024 * 16380 + 1));
     EXPECT_TRUE(credit.GiveBack(1024, 1024 * 16380));
     EXPECT_FALSE(credit.GiveBack(1, 0) || credit.GiveBack(0, 1));
-    charges.clear();
-    OneWayDebt bytes([](uint64_t, uint64_t) {});
-    EXPECT_TRUE(credit.Take(16777216) && credit.Take(0) && arrives(bytes, 16777216) && arrives(bytes, 0));
-    EXPECT_FALSE(credit.Take(1) || arrives(bytes, 1));
-    charges.clear();
+    EXPECT_TRUE(credit.Take(16777216) && credit.Take(0) && !credit.Take(1)) << "of 16 MiB";
 }
 
 // The sender is told at the first of these.
@@ -87,6 +77,12 @@ TEST(OneWayTest, WhatHasLeftTheQueueIsGathered)
             charges.pop_front();
         }
         EXPECT_EQ(gathered, told) << name;
+        charges.resize(charges.size() > 0 ? charges.size() - 1 : 0);
+        uint64_t room = 0;
+        for (; charges.emplace_back(debt.Arrive(bytes)) != nullptr; ++room) {
+        }
+        const uint64_t all = std::min<uint64_t>(1024, 16777216 / std::max<uint64_t>(bytes, 1));
+        EXPECT_EQ(room, all - frames + std::accumulate(told.begin(), told.end(), uint64_t{0})) << "by what it was told";
     }
 }
 
@@ -94,10 +90,13 @@ TEST(RefusalBudgetTest, Bears64ThingsAndOneASecond)
 {
     RefusalBudget budget;
     Deadline now = Now();
-    for (const auto& [passed, borne] : {std::pair(0ms, 64), {999ms, 0}, {1ms, 0}, {3000ms, 2}, {64s, 64}, {100h, 64}}) {
+    // How much time passes, how many things are tried, and how many of them are borne.
+    const std::tuple<std::chrono::milliseconds, int, int> rows[] = {
+        {0ms, 1, 1}, {9s, 100, 64}, {999ms, 100, 0}, {1ms, 100, 0}, {3000ms, 100, 2}, {64s, 100, 64}, {100h, 100, 64}};
+    for (const auto& [passed, tried, borne] : rows) {
         now += passed;
         int taken = 0;
-        while (taken < 100 && budget.Take(now)) {
+        while (taken < tried && budget.Take(now)) {
             ++taken;
         }
         EXPECT_EQ(taken, borne) << passed.count();
@@ -189,14 +188,22 @@ public:
 TEST(DeathNotifierTest, EightThatTakeLongHoldUpTheRest)
 {
     // Its threads outlive the test.
-    static DeathNotifier& notifier = *new DeathNotifier(&StartThread);
-    for (EndpointId process = 1; process <= 9; ++process) {
+    static std::atomic<int> threads{0};
+    static DeathNotifier& notifier = *new DeathNotifier(
+        [](const char* name, const std::function<void()>& body) { return ++threads, StartThread(name, body); });
+    const Deadline start = Now();
+    for (const EndpointId process : std::vector<EndpointId>{1, 1, 1, 2, 3, 4, 5, 6, 7, 8, 9}) {
+        EXPECT_TRUE(Eventually([&] { return Slow::begun >= static_cast<int>(process) - 1; }));
+        EXPECT_LE(threads, static_cast<int>(process) + 1) << "one is idle";
         notifier.Post(process, nullptr, new Slow);
     }
-    EXPECT_TRUE(Eventually([] { return Slow::begun == 8; }));
+    EXPECT_GE(Now() - start, 7 * 50ms) << "each has had its time";
     EXPECT_FALSE(Eventually([] { return Slow::begun != 8; }, 100ms));
     Slow::over.count_down();
-    EXPECT_TRUE(Eventually([] { return Slow::begun == 9; }));
+    EXPECT_TRUE(Eventually([] { return Slow::begun == 11; }));
+    std::this_thread::sleep_for(20ms);
+    notifier.Post(1, nullptr, new Slow);
+    EXPECT_TRUE(Eventually([] { return Slow::begun == 12; }, 5s)) << "those that are idle are woken";
 }
 
 }  // namespace
