@@ -90,8 +90,12 @@ TEST(ContextWatch, HearsOfAnotherContextObjectAlsoInADirectoryMadeAnew)
     ASSERT_EQ(flock(another, LOCK_EX), 0);
     EXPECT_FALSE(PublishContextObject(new IPCObjectStub)) << "another has the directory";
     close(another);
+    const std::string stale = (directory / "peers" / "0123456789abcdef").string();
+    std::ofstream(stale) << "nobody listens";
+    std::ofstream(stale + "0") << "nor is it an endpoint";
     EXPECT_TRUE(PublishContextObject(new IPCObjectStub));
     EXPECT_FALSE(PublishContextObject(new IPCObjectStub));
+    EXPECT_TRUE(!fs::exists(stale) && fs::exists(stale + "0"));
 }
 
 }  // namespace
