@@ -4,7 +4,10 @@
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/wait.h>
 
+#include <future>
 #include <memory>
 #include <string>
 #include <vector>
@@ -31,16 +34,41 @@ inline bool StartNone(const char*, const std::function<void()>&)
 }
 
 struct SocketPair {
-    explicit SocketPair(int type = SOCK_STREAM)
+    SocketPair()
     {
         int ends[2] = {-1, -1};
-        EXPECT_EQ(socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, ends), 0);
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
         near = UniqueFd::Make([&] { return ends[0]; });
         far = UniqueFd::Make([&] { return ends[1]; });
     }
     UniqueFd near;
     UniqueFd far;
 };
+
+// Signals come while this lives, ten a second.
+struct Alarms {
+    Alarms()
+    {
+        signal(SIGALRM, [](int) {}), Repeat(100'000);
+    }
+    ~Alarms() { Repeat(0); }
+    static void Repeat(suseconds_t period)
+    {
+        const itimerval often{{0, period}, {0, period}};
+        setitimer(ITIMER_REAL, &often, nullptr);
+    }
+};
+
+// Runs this in another process, for which the kernel then takes the sockets that are connected or listen there.
+inline bool Elsewhere(const std::function<bool()>& run)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        _exit(run() ? 0 : 1);
+    }
+    int status = -1;
+    return waitpid(child, &status, 0) == child && status == 0;
+}
 
 template <typename T>
 std::string Bytes(const T& value)

@@ -1,10 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Sockets, the reactor and the workers.
 #include <sys/epoll.h>
-#include <sys/time.h>
 
 #include <latch>
-#include <thread>
 
 #include "ipc_fixture.h"
 #include "vexa/ipc/worker_wait.h"
@@ -12,43 +10,49 @@
 namespace VEXA::ipc {
 namespace {
 
-// A process that was stopped finds an answer there, and its own time past.
-TEST(SocketTest, WhatHasComeCountsAfterTheDeadline)
-{
-    const SocketPair ends(SOCK_SEQPACKET);
-    Write(ends.far, "one");
-    Write(ends.far, "two");
-    const Deadline past = Now() - 1s;
-    size_t moved = 0;
-    char text[7] = {};
-    EXPECT_EQ(ReceiveAtLeast(ends.near.Get(), text, 6, 6, past, moved), Transfer::DONE);
-    EXPECT_STREQ(text, "onetwo");
-    Write(ends.far, "end");
-    EXPECT_EQ(ReceiveAtLeast(ends.near.Get(), text, 6, 6, past, moved), Transfer::WOULD_BLOCK);
-}
-
-TEST(SocketTest, SignalsDoNotProlongTheWaitForABacklog)
+TEST(SocketTest, ListensAndConnectsAtPaths)
 {
     const test::TempDir folder;
     const std::string path = folder.Path() + "/socket";
+    std::ofstream(path + ".new") << "left behind";
     const UniqueFd listener = ListenAt(path);
     ASSERT_EQ(listen(listener.Get(), 0), 0);
+    EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms(0666));
+    EXPECT_TRUE(!ListenAt(folder.Path()) && errno == EISDIR && access((folder.Path() + ".new").c_str(), F_OK) != 0);
+    EXPECT_TRUE(!ConnectTo(std::string(108, 'x')) && errno == ENAMETOOLONG);
     const UniqueFd first = ConnectAtOnce(path);
-    signal(SIGALRM, [](int) {});
-    const itimerval often{{0, 300'000}, {0, 300'000}};
-    setitimer(ITIMER_REAL, &often, nullptr);
+    const Alarms alarms;
     const Deadline start = Now();
-    EXPECT_FALSE(ConnectTo(path));
-    EXPECT_LT(Now() - start, 3s);
-    const itimerval never{};
-    setitimer(ITIMER_REAL, &never, nullptr);
-    signal(SIGALRM, SIG_DFL);
+    EXPECT_FALSE(ConnectTo(path)) << "the backlog is full";
+    EXPECT_TRUE(Now() - start > 950ms && Now() - start < 3s) << "whatever signals come";
 }
 
+TEST(ProcessLifeTest, AChildClosesOnlyWhatItsParentHasOpen)
+{
+    ProcessLife::Watch();
+    SocketPair ends;
+    const int open = ends.near.Get();
+    const int closed = ends.far.Get();
+    ends.far.Reset();
+    const auto isOpen = [](int fd) { return fcntl(fd, F_GETFD) >= 0; };
+    const auto inGrandchild = [&] { return isOpen(open); };
+    ASSERT_EQ(dup2(0, closed), closed);
+    EXPECT_TRUE(
+        Elsewhere([&] { return !isOpen(open) && isOpen(closed) && dup2(0, open) == open && Elsewhere(inGrandchild); }));
+    close(closed);
+}
+
+// Notes what it is asked for. There is something to read in the first round of each settling.
 class Watched : public EventHandler {
 public:
     Watched(UniqueFd fd, std::function<void()> action) : EventHandler(std::move(fd)), action_(std::move(action)) {}
     void OnEvents(uint32_t) override { action_(); }
+    void OnTick(Deadline) override { notes += " tick"; }
+    void AcceptAll() override { notes += " accept"; }
+    void TakeStock() override { notes += " count"; }
+    bool Drain() override { return (notes += " read").ends_with("count read"); }
+    void Resume() override { notes += " resume"; }
+    std::string notes;
 
 private:
     const std::function<void()> action_;
@@ -58,70 +62,86 @@ TEST(ReactorTest, CallsWhoHasNotBeenRemovedAndTicksWhileItIsNeeded)
 {
     Reactor reactor(&StartNone);
     ASSERT_TRUE(reactor.Open());
-    SocketPair pairs[2];
-    const int fds[] = {pairs[0].near.Get(), pairs[1].near.Get()};
+    SocketPair pairs[3];
+    std::vector<sptr<Watched>> watched;
     int events = 0;
     for (SocketPair& ends : pairs) {
-        const auto removeBoth = [&] { ++events, reactor.Remove(fds[0]), reactor.Remove(fds[1]); };
-        Write(ends.far, "1");
-        ASSERT_TRUE(reactor.Add(new Watched(std::move(ends.near), removeBoth), EPOLLIN));
+        const auto removeBoth = [&] { ++events, reactor.Remove(watched[0]->Fd()), reactor.Remove(watched[1]->Fd()); };
+        Write(ends.far, &ends != &pairs[2] ? "1" : "");
+        watched.emplace_back(new Watched(std::move(ends.near), removeBoth));
+        ASSERT_TRUE(reactor.Add(watched.back(), EPOLLIN));
     }
     int ticks = 0;
     reactor.SetTickAction([&](Deadline) { ++ticks; });
-    reactor.ResumeLater();
+    reactor.NeedTicks().reset();
     reactor.Turn(false);
     EXPECT_EQ(events, 1) << "both were in one batch";
     EXPECT_EQ(ticks, 0);
+    reactor.Settle(0s);
 
     Reactor::Ticks needed;
-    std::thread asking([&] {
-        EXPECT_TRUE(reactor.Settle(20s));
+    auto settling = std::async(std::launch::async, [&] { return reactor.Settle(20s); });
+    EXPECT_EQ(settling.wait_for(20ms), std::future_status::timeout) << "nothing has been read yet";
+    std::thread needing([&] {
+        EXPECT_TRUE(settling.get());
         std::this_thread::sleep_for(20ms);
         needed = reactor.NeedTicks();
     });
+    const Alarms alarms;
     const Deadline start = Now();
     int turns = 0;
-    while (ticks < 2) {
-        reactor.Turn();
+    while (ticks < 2 && turns < 100) {
+        EXPECT_TRUE(reactor.Turn());
         ++turns;
     }
-    EXPECT_LT(turns, 20) << "it waits";
-    asking.join();
+    EXPECT_LT(turns, 25) << "it waits";
+    needing.join();
     EXPECT_GE(Now() - start, 950ms);
+    Alarms::Repeat(0);
+    reactor.ResumeLater();
+    reactor.Turn();
+    EXPECT_EQ(ticks, 2) << "it does not wait for the next";
     EXPECT_LT(Now() - start, 5s);
+    const std::string settled = " accept count read read";
+    EXPECT_EQ(watched[2]->notes, settled + settled + " tick tick resume");
+    EXPECT_EQ(watched[0]->notes + watched[1]->notes, "");
 }
 
-// Workers whose threads are counted. They outlive the test.
+// Workers whose threads are counted, and the first of which can't be had. They outlive the test.
 struct Workers {
+    std::atomic<size_t> asked{0};
     std::atomic<size_t> alive{0};
-    std::atomic<size_t> started{0};
     std::atomic<size_t> inside{0};
     std::atomic<size_t> done{0};
     std::latch open{1};
     WorkerPool pool{[this](const char* name, const std::function<void()>& body) {
-        ++alive;
-        ++started;
-        return StartThread(name, [this, body] {
+        const auto run = [this, body] {
+            sigset_t blocked;
+            pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+            EXPECT_TRUE(sigismember(&blocked, SIGTERM));
             body();
             --alive;
-        });
+        };
+        return asked++ > 0 && (++alive, StartThread(name, run));
     }};
 };
 
 TEST(WorkerPoolTest, ThreadsStandInForThoseThatWait)
 {
-    // The limit, whether tasks wait, how many there are, and how many are carried out at once.
-    const std::tuple<size_t, bool, size_t, size_t> rows[] = {
-        {3, false, 10, 3}, {0, false, 3, 1}, {3, true, 10, 10}, {1, true, 300, 256}, {1000, false, 300, 256}};
-    for (const auto& [limit, waits, tasks, threads] : rows) {
+    // The limit, how many tasks wait, how many there are, and how many are carried out at once.
+    const std::tuple<size_t, size_t, size_t, size_t> rows[] = {
+        {3, 0, 10, 3}, {0, 0, 3, 1}, {1, 1, 4, 2}, {3, 10, 10, 10}, {1, 300, 300, 256}, {1000, 0, 300, 256}};
+    for (const auto& [limit, waiting, tasks, threads] : rows) {
         Workers& workers = *new Workers;
         ASSERT_TRUE(workers.pool.Open());
         workers.pool.SetLimit(limit);
         for (size_t i = 0; i < tasks; ++i) {
-            workers.pool.Post([&workers, waits = waits] {
+            workers.pool.Post([&workers, waits = i < waiting] {
                 std::unique_ptr<WorkerWait> wait(waits ? new WorkerWait : nullptr);
+                std::unique_ptr<WorkerWait> within(waits ? new WorkerWait : nullptr);
                 ++workers.inside;
                 workers.open.wait();
+                within.reset();
                 wait.reset();
                 ++workers.done;
             });
@@ -129,7 +149,7 @@ TEST(WorkerPoolTest, ThreadsStandInForThoseThatWait)
         EXPECT_TRUE(Eventually([&, most = threads] { return workers.inside == most; })) << workers.inside;
         std::this_thread::sleep_for(20ms);
         EXPECT_EQ(workers.inside, threads);
-        EXPECT_LE(workers.started, std::min<size_t>(256, threads + 1));
+        EXPECT_LE(workers.asked, std::min<size_t>(256, threads + 1) + 1);
         workers.open.count_down();
         EXPECT_TRUE(Eventually([&, all = tasks] { return workers.done == all; }));
         const size_t left = std::max<size_t>(limit, 1);
