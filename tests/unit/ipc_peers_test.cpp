@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // What another process may say, and what is done with what it says: greetings, sessions, objects on their way, deaths.
 #include <sys/un.h>
-#include <sys/wait.h>
 
 #include "ipc_fixture.h"
 #include "peer_requests.h"
@@ -21,6 +20,7 @@ public:
     sptr<IRemoteObject> gives;
     int32_t OnRemoteRequest(uint32_t, MessageParcel&, MessageParcel& reply, MessageOption&) override
     {
+        reply.WriteRemoteObject(sptr<IRemoteObject>(this));
         return reply.WriteRemoteObject(gives), calls++;
     }
 };
@@ -94,22 +94,13 @@ protected:
         return stranger;
     }
 
-    // Runs this in another process, for which the kernel then takes the sockets that are connected or listen there.
-    static void Elsewhere(const std::function<bool()>& run)
-    {
-        const pid_t child = fork();
-        if (child == 0) {
-            _exit(run() ? 0 : 1);
-        }
-        int status = -1;
-        EXPECT_TRUE(waitpid(child, &status, 0) == child && status == 0);
-    }
     bool RefusesFromElsewhere(const std::string& bytes)
     {
         sockaddr_un address{AF_UNIX, {}};
         EndpointPath(transport_.Id()).copy(address.sun_path, sizeof(address.sun_path) - 1);
         const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        Elsewhere([&] { return connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0; });
+        EXPECT_TRUE(
+            Elsewhere([&] { return connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0; }));
         const UniqueFd connection = UniqueFd::Make([&] { return fd; });
         Write(connection, bytes);
         Deal();
@@ -119,7 +110,7 @@ protected:
     {
         UniqueFd listener = ListenAt(path);
         const int shared = dup(listener.Get());  // a child closes those that the transport knows
-        Elsewhere([&] { return setuid(user) == 0 && listen(shared, 1) == 0; });
+        EXPECT_TRUE(Elsewhere([&] { return setuid(user) == 0 && listen(shared, 1) == 0; }));
         close(shared);
         return listener;
     }
@@ -160,10 +151,12 @@ TEST_F(IpcPeers, AConnectionIsTakenByItsFirstFrame)
     const std::tuple<const char*, std::string, bool> rows[] = {
         {"a link", Hello(unknown.id), true},
         {"a channel", Hello(known.id, CHANNEL, known.key), true},
-        {"half a greeting", Hello(unknown.id).substr(0, 50), true},
+        {"a piece of a greeting", Hello(unknown.id).substr(0, 4), true},
+        {"two greetings", Hello(unknown.id) + Hello(unknown.id), false},
         {"an endpoint that nobody has", Hello(0x1234), false},
         {"the transport's own endpoint", Hello(transport_.Id()), false},
         {"a channel with another key", Hello(known.id, CHANNEL, {known.key.high, known.key.low + 1}), false},
+        {"or another half of it", Hello(known.id, CHANNEL, {known.key.high + 1, known.key.low}), false},
         {"a channel of an unknown process", Hello(0x1234, CHANNEL, known.key), false},
         {"an unknown use", Hello(known.id, ConnectionUse(7)), false},
         {"another version", Bytes(newer), false},
@@ -208,7 +201,8 @@ TEST_F(IpcPeers, AGreetingIsWaitedForFiveSeconds)
 TEST_F(IpcPeers, AGreetingIsAnsweredByWhomItIsFor)
 {
     const Stranger other;
-    for (const auto& [kind, sender] : {std::pair(HELLO_REPLY, EndpointId{0}), {HELLO_REPLY, other.id}, {HELLO, 0}}) {
+    for (const auto& [kind, sender] :
+        {std::pair(HELLO_REPLY, EndpointId{0}), {HELLO_REPLY, other.id}, {HELLO, 0}, {KEY, 0}}) {
         const bool isTaken = kind == HELLO_REPLY && sender == 0;
         const Stranger asked;
         const sptr<Peer> peer = peers_.PeerAt(asked.id);
@@ -237,7 +231,7 @@ TEST_F(IpcPeers, ASessionBearsSoMuch)
         {"grants of what it does not hold", 64, 80, Frame(GRANT, others, third.id)},
         {"the receiver's objects that it does not hold", 64, 80, OneWay(id, {{transport_.Id(), others}})},
         {"objects out of reach", 64, 80, OneWay(id, {{1, 1}, {2, 1}, {3, 1}, {4, 1}, {5, 1}})},
-        {"fewer of them", 80, 0, OneWay(id, {{1, 1}, {2, 1}, {3, 1}, {4, 1}})},
+        {"fewer of them, and null", 80, 0, OneWay(id, {{1, 1}, {2, 1}, {3, 1}, {4, 1}, {0, 1}})},
         {"of known dead", 80, 0, OneWay(id, {{dead[0], 1}, {dead[1], 1}, {dead[2], 1}, {dead[3], 1}, {dead[4], 1}})},
         {"grants of what it holds", 80, 0, Frame(GRANT, id, third.id)},
         {"grants to nobody", 80, 0, Frame(GRANT, id, 0x1234)},
@@ -249,6 +243,7 @@ TEST_F(IpcPeers, ASessionBearsSoMuch)
         {"releases of what it does not hold", 80, 0, Frame(RELEASE, others, 4294967295)},
         {"a larger one", 0, 1, Frame(RELEASE, others, 4294967296)},
         {"a release with data", 0, 1, FrameOf(RELEASE, 4)},
+        {"or with objects", 0, 1, OneWay(others, {{1, 1}}, RELEASE)},
         {"an acknowledgement of what was not sent", 0, 1, Frame(ONE_WAY_ACK, 1, 0)},
         {"of bytes", 0, 1, Frame(ONE_WAY_ACK, 0, 4)},
         {"a second greeting", 0, 1, Hello(third.id)},
@@ -267,7 +262,8 @@ TEST_F(IpcPeers, ASessionBearsSoMuch)
     EXPECT_GT(object->calls, 2048);
     const Stranger asking = Meet();
     peers_.AddHolder(object, asking.id);
-    const std::string notHeld = Frame(REQUEST, others) + OneWay(id, {{transport_.Id(), others}}, REQUEST);
+    const std::string notHeld =
+        Frame(REQUEST, others) + OneWay(id, {{transport_.Id(), others}, {asking.id, 9}}, REQUEST);
     const UniqueFd channel = Say(Hello(asking.id, CHANNEL, asking.key) + notHeld + Frame(REQUEST, id));
     transport_.Workers().RunTasks();
     FrameHeader refused = MakeHeader(REPLY);
@@ -317,6 +313,7 @@ TEST_F(IpcPeers, AnObjectTravelsOnOnlyWhenItsOwnerHasBeenTold)
         MessageParcel request;
         MessageParcel reply;
         PeerRequests(peers_, peers_.KnownPeer(receiver.id)).Answer(request, MakeHeader(REQUEST, id), reply);
+        EXPECT_EQ(HeaderOf(reply).objects, HeaderOf(reply).code == 1 ? 2 : 0);
         return static_cast<int32_t>(HeaderOf(reply).code);
     };
     EXPECT_EQ(answer(), IPC_FAILED) << "it reads nothing";
@@ -339,7 +336,9 @@ TEST_F(IpcPeers, AFailedRequestTakesBackWhatHasNotLeft)
     const sptr<IRemoteObject> own(new IPCObjectStub);
     const std::string grant = Frame(GRANT, 8, stranger.id);
     const std::string back = Frame(UNGRANT, 8, stranger.id);
-    const std::string reply = OneWay(0, {{stranger.id, 9}}, REPLY);
+    const sptr<IRemoteObject> its = peer->Object(7);
+    const ObjectId granted = peers_.AddHolder(new IPCObjectStub, owner.id);
+    const std::string reply = OneWay(0, {{stranger.id, 9}, {transport_.Id(), granted}}, REPLY);
     // What the other end has said before it ended its sending, or "closed".
     for (const auto& [said, isKept] :
         {std::pair(std::string("closed"), false), {"", false}, {reply, true}, {"VXF1", true}}) {
@@ -348,12 +347,16 @@ TEST_F(IpcPeers, AFailedRequestTakesBackWhatHasNotLeft)
         Write(ends.far, said);
         shutdown(ends.far.Get(), said == "closed" ? SHUT_RDWR : SHUT_WR);
         peer->Channels().Return(std::move(channel));
-        EXPECT_EQ(Send(peer->Object(7), {own, passed}), said == reply ? IPC_OK : IPC_CONNECTION_LOST) << said;
-        EXPECT_EQ(transport_.Objects().Size(), isKept ? 1U : 0U) << said;
+        Write(owner.link, said == reply ? Frame(GRANT, granted, stranger.id) : "");
+        EXPECT_EQ(Send(its, {own, passed, its}), said == reply ? IPC_OK : IPC_CONNECTION_LOST) << said;
+        EXPECT_EQ(transport_.Objects().Size(), isKept ? 2U : 1U) << said;
         std::string heard;
+        EXPECT_FALSE(HasEnded(stranger.link, &heard));
+        EXPECT_EQ(heard, said == reply ? Frame(RELEASE, 9, 1) : "") << "and nothing of its own object";
+        heard.clear();
         EXPECT_FALSE(HasEnded(owner.link, &heard));
         EXPECT_EQ(heard, isKept ? grant : grant + back) << said;
-        HasEnded(ends.far, &heard);
+        EXPECT_EQ(HasEnded(ends.far, &heard), said != reply) << "it is kept for later";
         EXPECT_EQ(heard.ends_with(Frame(REPLY_ACK)), said == reply) << "its objects have arrived";
     }
     const SocketPair another;  // has the number of the channel that was lost last
@@ -366,19 +369,28 @@ TEST_F(IpcPeers, AChannelIsOpenedToTheProcessThatGreeted)
 {
     const Stranger stranger = Meet();
     const Stranger other = Meet();
+    const Stranger leaving = Meet();
+    unlink(EndpointPath(leaving.id).c_str());
     const sptr<IRemoteObject> object = peers_.KnownPeer(stranger.id)->Object(7);
+    EXPECT_TRUE(peers_.Endpoint().Provide());
     UniqueFd listener = ListenElsewhere(EndpointPath(stranger.id), geteuid());
     EXPECT_EQ(Send(object, {}), IPC_CONNECTION_LOST);
     EXPECT_TRUE(IsConnectedToAndHearsNothing(listener));
     listener.Reset();
-    Send(object, {});
-    Deal();
-    EXPECT_TRUE(object->IsObjectDead()) << "nobody has the name: it is leaving";
+    for (const sptr<IRemoteObject>& its : {object, peers_.KnownPeer(leaving.id)->Object(7)}) {
+        EXPECT_EQ(Send(its, {}), IPC_CONNECTION_LOST);
+        Deal();
+        EXPECT_TRUE(its->IsObjectDead()) << "nobody has the name: it is leaving";
+    }
+    // Or it is about to have it in a directory made anew, where this one's endpoint is missing, or has been.
     transport_.Leave();
-    EXPECT_TRUE(peers_.Endpoint().Provide() && unlink(EndpointPath(other.id).c_str()) == 0);
-    EXPECT_EQ(Send(peers_.KnownPeer(other.id)->Object(7), {}), IPC_CONNECTION_LOST);
-    Deal();
-    EXPECT_NE(peers_.KnownPeer(other.id), nullptr) << "or is about to have it in a directory made anew";
+    unlink(EndpointPath(other.id).c_str());
+    for (const bool isProvided : {false, true}) {
+        EXPECT_TRUE(!isProvided || peers_.Endpoint().Provide());
+        EXPECT_EQ(Send(peers_.KnownPeer(other.id)->Object(7), {}), IPC_CONNECTION_LOST);
+        Deal();
+        ASSERT_NE(peers_.KnownPeer(other.id), nullptr);
+    }
 }
 
 // The backlog has room for one connection.
@@ -410,6 +422,7 @@ TEST_F(IpcPeers, ADeathEndsWhatLivedOffTheProcess)
     Stranger stranger = Meet();
     Stranger mute = Meet(true);
     const sptr<Peer> peer = peers_.KnownPeer(stranger.id);
+    const sptr<Peer> before = peers_.KnownPeer(mute.id);
     const UniqueFd second = Say(Hello(stranger.id));
     const UniqueFd half = Say(Hello(0x1234).substr(0, 50));
     SocketPair ends;
@@ -421,9 +434,19 @@ TEST_F(IpcPeers, ADeathEndsWhatLivedOffTheProcess)
     EXPECT_TRUE(HasEnded(ends.far)) << "callers in a request are woken";
     EXPECT_TRUE(HasEnded(Say(Hello(stranger.id)))) << "it stays dead";
     EXPECT_TRUE(peers_.PeerAt(stranger.id)->Dead());
+    ChannelKey key;
+    EXPECT_FALSE(peer->WaitForKey(Now(), key));
+    MessageParcel request;
+    EXPECT_FALSE(PeerRequests(peers_, peer).Answer(request, MakeHeader(REQUEST), request))
+        << "what it has asked before";
+    const Stranger living = Meet();
+    const ObjectId id = peers_.AddHolder(new IPCObjectStub, living.id);
     peers_.AddHolder(new IPCObjectStub, stranger.id);
-    EXPECT_EQ(transport_.Objects().Size(), 0U);
+    peers_.AdjustHolder(id, stranger.id, 1);
+    EXPECT_TRUE(transport_.Objects().Size() == 1 && !transport_.Objects().Find(id, stranger.id));
     EXPECT_FALSE(peers_.PeerAt(mute.id)->Dead()) << "one that has never answered may be tried again";
+    peers_.Bury(before);
+    EXPECT_NE(peers_.KnownPeer(mute.id), nullptr) << "and is another one then";
 }
 
 TEST_F(IpcPeers, ThePublisherClearsAwayTheSocketsOfTheDead)
