@@ -2,9 +2,6 @@
 // Connections as bytes in and out: frames however they arrive, links, both ends of a channel, and accepting.
 #include <sys/epoll.h>
 #include <sys/resource.h>
-#include <sys/time.h>
-
-#include <csignal>
 
 #include "ipc_fixture.h"
 #include "parcel_access.h"
@@ -56,6 +53,7 @@ TEST_F(FrameStream, FramesComeTogetherFromAnyPieces)
     header.bytes = static_cast<uint32_t>(parcel.GetDataSize());
     SetHeader(parcel, header);
     EXPECT_EQ(WholeOf(parcel), GOLDEN_REQUEST);
+    uint64_t received = 0;
     for (const size_t dataBytes : std::vector<size_t>{0, 4, 476, 480, 484, 5000}) {
         const std::string frame = FrameOf(ONE_WAY, dataBytes);
         for (size_t cut = 1; cut<frame.size(); cut += dataBytes> 1000 ? 97 : 1) {
@@ -67,17 +65,19 @@ TEST_F(FrameStream, FramesComeTogetherFromAnyPieces)
                 ASSERT_EQ(frame_, expected);
             }
             ASSERT_EQ(Read(), Result::PARTIAL);
+            ASSERT_EQ(reader_.Received(), received += 2 * frame.size() + GOLDEN_REQUEST.size());
         }
     }
+    Write(ends_.near, "not read by the peer, whose end is a reset then");
     ends_.far.Reset();
-    EXPECT_EQ(Read(), Result::END);
+    EXPECT_TRUE(Read() == Result::END && Read() == Result::END);
 }
 
 TEST_F(FrameStream, HeadersAreBelievedWithinTheLimits)
 {
     // Magic, kind, objects, bytes; and whether that is a header.
     const std::tuple<uint32_t, uint16_t, uint16_t, uint32_t, bool> rows[] = {{kMagic, 11, 256, 16777216, true},
-        {0, 1, 0, 4, false}, {kMagic, 0, 0, 4, false}, {kMagic, 12, 0, 4, false}, {kMagic, 1, 257, 4, false},
+        {0, 1, 0, 0, false}, {kMagic, 0, 0, 0, false}, {kMagic, 12, 0, 4, false}, {kMagic, 1, 257, 4, false},
         {kMagic, 1, 0, 16777220, false}, {kMagic, 1, 0, 6, false}, {kMagic, 1, 0, 4, true}};
     for (const auto& [magic, kind, objects, bytes, isSound] : rows) {
         reader_.Reset();
@@ -88,17 +88,29 @@ TEST_F(FrameStream, HeadersAreBelievedWithinTheLimits)
     }
 }
 
+// Lets acknowledgements wait while there is a settling.
 class TestLink : public Link {
 public:
     using Link::Link;
     size_t frames = 0;
     int ends = 0;
     int calls = 0;
+    std::string admitted{};
     void OnEvents(uint32_t events) override { ++calls, Link::OnEvents(events); }
 
 protected:
-    bool Admit(const FrameHeader& header) override { return header.kind == ONE_WAY; }
-    Verdict Handle(const FrameHeader&, MessageParcel&) override { return ++frames, Verdict::GO_ON; }
+    bool Admit(const FrameHeader& header) override
+    {
+        return header.kind != RELEASE && (admitted += Bytes(header)) != "";
+    }
+    Verdict Handle(const FrameHeader& header, MessageParcel&) override
+    {
+        if (header.kind == ONE_WAY_ACK && reactor_.Settling()) {
+            return Verdict::WAIT;
+        }
+        EXPECT_EQ(std::exchange(admitted, ""), Bytes(header)) << "each frame once";
+        return ++frames, Verdict::GO_ON;
+    }
     void OnEnd() override { ++ends; }
 };
 
@@ -115,14 +127,27 @@ protected:
 
 TEST_F(LinkTest, ReadsInTurnUntilItEndsAndIsCountedNoLonger)
 {
-    Write(ends_.far, Times(65, FrameOf(ONE_WAY)));
-    for (const size_t frames : std::vector<size_t>{64, 65}) {
+    // What comes, and how many frames have been dealt with after one turn, and after a settling.
+    const std::string large = FrameOf(ONE_WAY, 8000);
+    const std::tuple<std::string, size_t, size_t> rows[] = {{Times(65, FrameOf(ONE_WAY)), 64, 65},
+        {large.substr(0, 4), 65, 65}, {large.substr(4, 4000), 65, 65}, {large.substr(4004) + large, 67, 67},
+        {Times(66, FrameOf(ONE_WAY)) + FrameOf(ONE_WAY_ACK) + FrameOf(ONE_WAY), 131, 133}};
+    for (const auto& [bytes, turned, settled] : rows) {
+        Write(ends_.far, bytes);
         reactor_.Turn(false);
-        EXPECT_EQ(link_->frames, frames);
+        EXPECT_EQ(link_->frames, turned);
+        reactor_.Settle(0s);
+        EXPECT_EQ(link_->frames, settled);
     }
+    reactor_.Turn(false);
+    EXPECT_EQ(link_->frames, 135U) << "what waited goes on";
     EXPECT_EQ(counts_.Take(7), nullptr);
+    EXPECT_TRUE(link_->Send(frame_.data(), frame_.size()));
+    auto flushed = std::async(std::launch::async, [&] { return link_->WaitFlushed(Now() + 20s); });
+    EXPECT_EQ(flushed.wait_for(20ms), std::future_status::timeout);
     Write(ends_.far, FrameOf(RELEASE, 4).substr(0, 32));  // refused by its header
     reactor_.Turn(false);
+    EXPECT_EQ(flushed.wait_for(5s), std::future_status::ready);
     EXPECT_EQ(link_->ends, 1);
     EXPECT_TRUE(HasEnded(ends_.far));
     EXPECT_FALSE(link_->Send(frame_.data(), 32));
@@ -131,7 +156,7 @@ TEST_F(LinkTest, ReadsInTurnUntilItEndsAndIsCountedNoLonger)
 
 TEST_F(LinkTest, KeepsUpTo32MebibytesThatAreNotRead)
 {
-    for (int i = 0; i < 31; ++i) {
+    for (int i = 0; i < 32; ++i) {
         EXPECT_TRUE(link_->Send(frame_.data(), frame_.size())) << i;
     }
     std::string all;
@@ -141,17 +166,19 @@ TEST_F(LinkTest, KeepsUpTo32MebibytesThatAreNotRead)
         reactor_.Turn(false);
         isMore = isMore || (all.size() > (20U << 20) && link_->Send(frame_.data(), frame_.size()));
         const bool isFlushed = flushed.wait_for(0s) == std::future_status::ready;
-        return !HasEnded(ends_.far, &all) && all.size() == 32 * frame_.size() && isFlushed;
+        return !HasEnded(ends_.far, &all) && all.size() == 33 * frame_.size() && isFlushed;
     }));
-    EXPECT_TRUE(all == Times(32, frame_));
+    EXPECT_TRUE(all == Times(33, frame_));
     link_->calls = 0;
     reactor_.Turn(false);
     EXPECT_EQ(link_->calls, 0) << "there is nothing left to do";
     int mebibytes = 0;
     while (mebibytes < 100 && link_->Send(frame_.data(), frame_.size())) {
-        ++mebibytes;
+        flushed = mebibytes++ > 0 ? std::move(flushed)
+                                  : std::async(std::launch::async, [&] { return link_->WaitFlushed(Now() + 20s); });
     }
     EXPECT_TRUE(mebibytes == 32 || mebibytes == 33) << mebibytes << ": the kernel holds a part of one";
+    EXPECT_EQ(flushed.wait_for(5s), std::future_status::ready) << "the end wakes who waits";
     reactor_.Turn(false);
     EXPECT_EQ(link_->ends, 1);
 }
@@ -174,11 +201,8 @@ TEST(ClientChannelTest, BelievesWholeRepliesThatComeInTime)
         {"nothing", "", 250ms, IPC_TIMED_OUT, Reached::SENT},
         {"half of the data, and waits", large.substr(0, 4000), 250ms, IPC_TIMED_OUT, Reached::SENT},
         {"nothing by a time that is past", "", -10ms, IPC_TIMED_OUT, Reached::SENT},
-        {"a reply by a time that is past", reply, -10ms, IPC_OK, Reached::SENT},
+        {"a large reply by a time that is past", large, -10ms, IPC_OK, Reached::SENT},
     };
-    signal(SIGALRM, [](int) {});
-    const itimerval often{{0, 100'000}, {0, 100'000}};
-    const itimerval never{};
     for (const auto& [name, bytes, limit, result, expected] : rows) {
         MessageParcel request;
         MessageParcel answer;
@@ -191,7 +215,7 @@ TEST(ClientChannelTest, BelievesWholeRepliesThatComeInTime)
         }
         Reached reached{};
         const Deadline start = Now();
-        setitimer(ITIMER_REAL, limit == 250ms ? &often : &never, nullptr);
+        const std::unique_ptr<Alarms> alarms(limit == 250ms ? new Alarms : nullptr);
         const Deadline end = start + (limit == 0ms ? 20s : limit);
         EXPECT_EQ(channel.Exchange(request, kHeaderBytes, answer, end, reached), result) << name;
         EXPECT_EQ(reached, expected) << name;
@@ -199,9 +223,11 @@ TEST(ClientChannelTest, BelievesWholeRepliesThatComeInTime)
         channel.Exchange(request, kHeaderBytes, answer, Now() + 100ms, reached);
         EXPECT_EQ(reached == Reached::TURNED_AWAY, limit == 0ms && bytes.size() < kHeaderBytes) << name;
         EXPECT_LT(Now() - start, 5s) << name;
+        if (limit == 20s) {
+            const auto late = std::async([&] { std::this_thread::sleep_for(200ms), Write(ends.far, reply); });
+            EXPECT_EQ(channel.Exchange(request, kHeaderBytes, answer, Now() + limit, reached), IPC_OK);
+        }
     }
-    setitimer(ITIMER_REAL, &never, nullptr);
-    signal(SIGALRM, SIG_DFL);
 }
 
 TEST(ClientChannelsTest, KeepsSixteenAndEndsAllWhenThePeerDies)
@@ -216,12 +242,21 @@ TEST(ClientChannelsTest, KeepsSixteenAndEndsAllWhenThePeerDies)
         channels.Return(std::move(used[i]));
     }
     channels.Lose(used[17]);
+    const SocketPair another;  // has the number of the one too many
+    int others = -1;
+    std::thread([&] {
+        ClientChannel its = channels.TakeIdle();
+        others = its.Fd(), channels.Return(std::move(its));
+    }).join();
+    const ClientChannel own = channels.TakeIdle();
+    EXPECT_NE(own.Fd(), others) << "a thread gets the one that it had last";
     for (const bool hasDied : {false, true}) {
         for (size_t i = 0; i < 20; ++i) {
             EXPECT_EQ(HasEnded(pairs[i].far), i == 16 || (hasDied && i != 17)) << i;
         }
         channels.Close();
     }
+    EXPECT_FALSE(HasEnded(another.far) || HasEnded(another.near));
     channels.Return(std::move(used[18]));
     EXPECT_FALSE(channels.TakeIdle() || channels.Open(SocketPair().near, 1, {}));
 }
@@ -232,10 +267,9 @@ struct Sized : RequestHandler {
     void OnLastReplyRead() override { ++frames; }
     bool Answer(MessageParcel&, const FrameHeader& header, MessageParcel& reply) override
     {
-        FrameHeader answer = MakeHeader(REPLY);
-        answer.bytes = header.code;
-        SetHeader(reply, answer);
-        return ParcelAccess::ReserveTotal(reply, answer.bytes) && answer.bytes >= 4;
+        const std::string frame = FrameOf(REPLY, header.code);
+        return ParcelAccess::ReserveTotal(reply, header.code) && header.code >= 4 &&
+               std::ranges::copy(frame, ParcelAccess::Storage(reply)).in == frame.end();
     }
     int& frames;
 };
@@ -260,14 +294,16 @@ TEST(ServerChannelTest, ServesUntilAFrameIsNoneOrIsWaitedForTooLong)
         {"the end behind an acknowledgement", small + ack, 2, 1, AT_ONCE},
         {"half of a request", small + small.substr(1), 1, 1, AFTER_8S},
         {"a reply that is not read", Bytes(request), 1, 0, AFTER_8S},
+        {"requests where others have failed", small + small, 2, 2, NEVER},
     };
+    std::deque<ConnectionCounts> all;
+    WorkerPool workers(&StartNone);
+    Reactor reactor(&StartNone);
+    ServerChannels channels(workers, reactor);
+    ASSERT_TRUE(workers.Open() && reactor.Open());
     for (const auto& [name, bytes, frames, replies, end] : rows) {
         SocketPair ends;
-        ConnectionCounts counts([] { return 2; });  // one for a user
-        WorkerPool workers(&StartNone);
-        Reactor reactor(&StartNone);
-        ServerChannels channels(workers, reactor);
-        ASSERT_TRUE(workers.Open() && reactor.Open());
+        ConnectionCounts& counts = all.emplace_back([] { return 2; });  // one for a user
         int taken = 0;
         const Deadline before = Now();
         channels.Adopt({std::move(ends.near), {1, 7}, counts.Take(7)}, std::make_unique<Sized>(taken), FrameReader());
@@ -284,7 +320,7 @@ TEST(ServerChannelTest, ServesUntilAFrameIsNoneOrIsWaitedForTooLong)
         }
         std::string replied;
         EXPECT_EQ(HasEnded(ends.far, &replied), end != NEVER) << name;
-        EXPECT_TRUE(replied.size() == replies * 40 || taken == 1) << name;
+        EXPECT_TRUE(replied == Times(replies, FrameOf(REPLY, 8)) || taken == 1) << name;
     }
 }
 
@@ -302,18 +338,22 @@ TEST(ConnectionListenerTest, AcceptsWhatItHasDescriptorsFor)
     getrlimit(RLIMIT_NOFILE, &usual);
     // No descriptor is free but the listener's spare one; then not that either.
     for (const bool hasSpare : {true, false}) {
-        const UniqueFd made = ConnectTo(path);
+        const UniqueFd made[] = {ConnectTo(path), ConnectTo(path), ConnectTo(path)};
         rlimit few = usual;
-        few.rlim_cur = hasSpare ? static_cast<rlim_t>(made.Get()) + 1 : 1;
+        few.rlim_cur = hasSpare ? static_cast<rlim_t>(made[2].Get()) + 1 : 1;
         setrlimit(RLIMIT_NOFILE, &few);
         reactor.Turn(false);
-        EXPECT_EQ(HasEnded(made), hasSpare);
+        listener->AcceptAll();
+        EXPECT_TRUE(HasEnded(made[0]) == hasSpare && HasEnded(made[2]) == hasSpare);
         setrlimit(RLIMIT_NOFILE, &usual);
-        EXPECT_TRUE(taken.empty());
+        reactor.Turn(false);
+        EXPECT_TRUE(taken.empty()) << "not before the next tick";
         listener->OnTick(Now());
         reactor.Turn(false);
         EXPECT_EQ(taken.size(), hasSpare ? 0U : 1U);
-        EXPECT_EQ(fcntl(hasSpare ? made.Get() : taken.at(0).fd.Get(), F_GETFD), FD_CLOEXEC);
+        listener->AcceptAll();
+        EXPECT_EQ(taken.size(), hasSpare ? 0U : 3U);
+        EXPECT_EQ(fcntl(hasSpare ? made[0].Get() : taken.at(0).fd.Get(), F_GETFD), FD_CLOEXEC);
     }
 }
 
