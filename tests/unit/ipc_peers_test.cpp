@@ -4,6 +4,7 @@
 
 #include "ipc_fixture.h"
 #include "peer_requests.h"
+#include "remote_proxy.h"
 #include "vexa/ipc/context_object.h"
 #include "vexa/ipc/message_option.h"
 
@@ -406,6 +407,39 @@ TEST_F(IpcPeers, AMuteContextObjectIsWaitedForOnceByAll)
     EXPECT_TRUE(HasEnded(AcceptFrom(mute)));
 }
 
+TEST_F(IpcPeers, AnotherContextSocketIsHeardOfAndAfterADeathLookedFor)
+{
+    Transport& manager = Make();
+    ASSERT_TRUE(manager.Start() && manager.Publish(new IPCObjectStub));
+    auto reached = std::async(std::launch::async, [&] { return transport_.Context().Reach() != nullptr; });
+    const auto deal = [&] { manager.Loop().Turn(false), Deal(), transport_.Workers().RunTasks(); };
+    EXPECT_TRUE(Eventually([&] { return deal(), reached.wait_for(0s) == std::future_status::ready; }) && reached.get());
+    int news = 0;
+    int looks = 0;
+    transport_.Watch().Start([&] { ++news; });
+    transport_.Loop().SetTickAction([&](Deadline) { ++looks; });
+    Meet();  // and its death
+    deal();
+    transport_.Watch().Look();
+    const std::string away = RuntimeDirectory() + "-";
+    const std::function<void()> ways[] = {[] {}, [&] { std::filesystem::rename(RuntimeDirectory(), away); },
+        [] { std::filesystem::remove_all(RuntimeDirectory()); }};
+    for (const auto& way : ways) {
+        EXPECT_EQ(news, &way - ways);
+        way();
+        EXPECT_TRUE(CreateRuntimeDirectory());
+        deal();
+        ListenAt(ContextSocketPath());
+        deal();
+    }
+    EXPECT_EQ(news, 3);
+    EXPECT_FALSE(Eventually([&] { return deal(), looks > 0; }, 1100ms));
+    std::filesystem::remove_all(away);
+    manager.Loop().CutAll();
+    EXPECT_TRUE(Eventually([&] { return deal(), looks > 0; }, 2s)) << "another directory may get the next one";
+    EXPECT_EQ(transport_.Context().Reach(), nullptr);
+}
+
 TEST_F(IpcPeers, NobodysContextObjectIsTaken)
 {
     if (geteuid() != 0) {
@@ -447,6 +481,34 @@ TEST_F(IpcPeers, ADeathEndsWhatLivedOffTheProcess)
     EXPECT_FALSE(peers_.PeerAt(mute.id)->Dead()) << "one that has never answered may be tried again";
     peers_.Bury(before);
     EXPECT_NE(peers_.KnownPeer(mute.id), nullptr) << "and is another one then";
+}
+
+TEST_F(IpcPeers, TheLast4096DeadAreRemembered)
+{
+    std::vector<EndpointId> dead;
+    for (int i = 0; i < 4097; ++i) {
+        const Stranger stranger;
+        const sptr<Peer> peer = peers_.PeerAt(dead.emplace_back(stranger.id));
+        peer->SetKey({});
+        peer->ShutdownLinks();
+        transport_.Loop().Turn(false);
+        unlink(EndpointPath(stranger.id).c_str());
+    }
+    EXPECT_TRUE(!peers_.HasDied(dead[0]) && peers_.HasDied(dead[1]) && peers_.HasDied(dead[4096]));
+}
+
+TEST_F(IpcPeers, ReferencesAreGivenBackByWhatStoodForThem)
+{
+    const Stranger owner = Meet();
+    const sptr<Peer> peer = peers_.KnownPeer(owner.id);
+    sptr<IRemoteObject> object = peer->Object(7);
+    peer->Object(0);
+    sptr<RemoteProxy>::MakeSptr(peers_, peer, ObjectId{7}).clear();
+    EXPECT_EQ(peer->Object(7), object) << "an older one has ended";
+    object = nullptr;
+    std::string heard;
+    EXPECT_FALSE(HasEnded(owner.link, &heard));
+    EXPECT_EQ(heard, Frame(RELEASE, 7, 1) + Frame(RELEASE, 7, 2)) << "and none for the context object";
 }
 
 TEST_F(IpcPeers, ThePublisherClearsAwayTheSocketsOfTheDead)
