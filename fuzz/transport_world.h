@@ -4,11 +4,16 @@
 // and compares.
 #pragma once
 
+#include <sys/random.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <cstring>
 #include <deque>
 #include <map>
 #include <set>
@@ -23,12 +28,69 @@
 
 namespace VEXA::test {
 
+// What the kernel refuses from now on, as often as that.
+struct Faults {
+    int accepts = 0;
+    int sends = 0;
+    int sockets = 0;
+    bool isFull = false;  // no descriptor may be used for a connection
+};
+inline Faults faults;
+inline uint64_t randomNumbers = 0;  // drawn so far: endpoints decide things, so a history must have its own
+
+inline bool Fails(int& times, int reason)
+{
+    errno = times > 0 ? reason : errno;
+    return times > 0 && times-- > 0;
+}
+
+}  // namespace VEXA::test
+
+// These stand before the C library's.
+extern "C" int accept4(int fd, sockaddr* address, socklen_t* size, int flags)
+{
+    using namespace VEXA::test;
+    return Fails(faults.accepts, EMFILE) ? -1 : static_cast<int>(syscall(SYS_accept4, fd, address, size, flags));
+}
+extern "C" ssize_t send(int fd, const void* bytes, size_t size, int flags)
+{
+    using namespace VEXA::test;
+    return Fails(faults.sends, ENOBUFS) ? -1 : syscall(SYS_sendto, fd, bytes, size, flags, nullptr, 0);
+}
+extern "C" int socket(int domain, int type, int protocol) noexcept
+{
+    using namespace VEXA::test;
+    return Fails(faults.sockets, EMFILE) ? -1 : static_cast<int>(syscall(SYS_socket, domain, type, protocol));
+}
+extern "C" ssize_t getrandom(void* bytes, size_t size, unsigned)
+{
+    const uint64_t next = ++VEXA::test::randomNumbers * 0x9E3779B97F4A7C15;
+    const uint64_t mixed = (next ^ (next >> 29)) * 0xBF58476D1CE4E5B9;
+    std::memcpy(bytes, &mixed, std::min(size, sizeof(mixed)));
+    return static_cast<ssize_t>(std::min(size, sizeof(mixed)));
+}
+// A sanitizer calls this before it can be called itself.
+#if __has_attribute(disable_sanitizer_instrumentation)
+#define NM_EARLY __attribute__((disable_sanitizer_instrumentation))
+#else
+#define NM_EARLY __attribute__((no_sanitize("thread", "address")))
+#endif
+extern "C" NM_EARLY int getrlimit(__rlimit_resource_t what, rlimit* limit) noexcept
+{
+    const int result = static_cast<int>(syscall(SYS_prlimit64, 0, what, nullptr, limit));
+    limit->rlim_cur = VEXA::test::faults.isFull ? 1 : limit->rlim_cur;
+    return result;
+}
+
+namespace VEXA::test {
+
 class World {
 public:
     // `draw` returns a number below the one it is called with.
     explicit World(std::function<size_t(size_t)> draw) : draw_(std::move(draw))
     {
         KoLogSetLevel(KOLOG_FATAL);  // deaths are logged
+        randomNumbers = 0;
         for (size_t place = 0; place < now_.size(); ++place) {
             Begin(place);
         }
@@ -41,9 +103,9 @@ public:
     {
         // Weights of a thousand. Whatever else may happen between two steps gets a line here.
         static constexpr std::pair<size_t, void (World::*)(Life&)> kActs[] = {{330, &World::Deliver},
-            {130, &World::RunTasks}, {20, &World::TellDeath}, {260, &World::SendRequest}, {60, &World::Drop},
-            {104, &World::GoOnWithCall}, {44, &World::Meet}, {30, &World::WatchOrNot}, {10, &World::Stop},
-            {8, &World::Kill}, {4, &World::Quiet}};
+            {130, &World::RunTasks}, {20, &World::TellDeath}, {250, &World::SendRequest}, {60, &World::Drop},
+            {94, &World::GoOnWithCall}, {44, &World::Meet}, {30, &World::WatchOrNot}, {10, &World::Stop},
+            {10, &World::Tick}, {10, &World::Refuse}, {8, &World::Kill}, {4, &World::Quiet}};
         size_t left = draw_(1000);
         Life& at = *now_[draw_(3)];
         const auto* next = kActs;
@@ -72,6 +134,7 @@ public:
 private:
     struct Stub;
     struct Watcher;
+    using Clock = std::chrono::steady_clock;
     using Objects = std::map<size_t, sptr<IRemoteObject>>;  // each has a number in the world
 
     // One process from its start to its death, after which it has no transport.
@@ -80,9 +143,8 @@ private:
         ipc::EndpointId id;
         std::map<size_t, Stub*> stubs{};  // those of its own objects that are not freed
         std::unique_ptr<ipc::Transport> transport;
-        Objects held{};                   // its own objects and others'
-        std::set<size_t> leftBehind{};    // counted as held: a process died that had said so and was yet to give it
-        std::set<const Life*> granted{};  // the processes that it may have told of new holders
+        Objects held{};                 // its own objects and others'
+        std::set<size_t> leftBehind{};  // counted as held: a process died that had said so and was yet to give it
         std::map<size_t, sptr<Watcher>> watchers{};  // of those that it holds
         uint64_t stoppedUntil = 0;
 
@@ -102,13 +164,13 @@ private:
         const size_t number;
     };
     struct Watcher : IRemoteObject::DeathRecipient {
-        Watcher(World& itsWorld, size_t itsObject) : world(itsWorld), object(itsObject) {}
-        void OnRemoteDied(const wptr<IRemoteObject>&) override
+        explicit Watcher(World& itsWorld) : world(itsWorld) {}
+        void OnRemoteDied(const wptr<IRemoteObject>& of) override
         {
-            world.Check(++told == 1 && !world.Home(object).transport, "a recipient is told what is not so");
+            const bool isDead = of.Promote() == nullptr || of.Promote()->IsObjectDead();
+            world.Check(++told == 1 && isDead, "a recipient is told what is not so");
         }
         World& world;
-        const size_t object;
         int told = 0;
     };
     // Something on its way to a living process: a one-way request, which the transport carries, or a frame on a
@@ -142,14 +204,25 @@ private:
     void Deliver(Life& at) { at.transport->Loop().Turn(false, 1); }
     void RunTasks(Life& at) { at.transport->Workers().RunTasks(); }
     void TellDeath(Life& at) { at.transport->Deaths().TellOne(); }
+    // Half of the time late enough for whoever waits for a greeting.
+    void Tick(Life& at) { at.transport->Loop().Tick(Clock::now() + std::chrono::seconds(6 * draw_(2))); }
+    // It does something while it is out of descriptors or memory, or has as many connections as it may have.
+    void Refuse(Life& at)
+    {
+        static constexpr Faults kKinds[] = {{1, 0, 0, false}, {0, 5, 0, false}, {0, 0, 1, false}, {0, 0, 0, true}};
+        static constexpr void (World::*kActs[])(Life&) = {
+            &World::Deliver, &World::Meet, &World::SendRequest, &World::Tick};
+        faults = kKinds[draw_(4)];
+        (this->*kActs[draw_(4)])(at);
+        faults = {};
+    }
 
     void Kill(Life& at)
     {
         for (const Life* other : now_) {
             const sptr<ipc::Peer> peer = at.Knows(*other);
-            // What only this process has yet is not known here. And a process that never knew it does not believe it:
-            // an object of that one's that it has passed on is then not the new holder's.
-            if ((peer && !peer->WaitLinkFlushed({})) || (at.granted.contains(other) && !other->Knows(at))) {
+            // What only this process has yet is not known here.
+            if (peer && !peer->WaitLinkFlushed({})) {
                 return;
             }
         }
@@ -217,10 +290,14 @@ private:
     void Take(Life& at, size_t number, const sptr<IRemoteObject>& object)
     {
         const bool isOwn = &Home(number) == &at;
-        const auto kept = at.held.try_emplace(number, object).first;
+        sptr<IRemoteObject>& kept = at.held.try_emplace(number, object).first->second;
         Check(object && (!isOwn || object.GetRefPtr() == at.stubs[number]), "an object has come as another");
-        const bool isSame = object && kept->second == object && !object->IsObjectDead();
-        Check(isSame || !Home(number).transport, "a living process's object has come as another");
+        if (kept != object && kept->IsObjectDead()) {
+            at.watchers.erase(number);
+            kept = object;
+        }
+        // A request waits in its queue, so one that has died may come to be read behind the next.
+        Check(kept == object || object->IsObjectDead(), "an object has come as another while it lives");
     }
     void Drop(Life& at)
     {
@@ -230,15 +307,18 @@ private:
         }
     }
 
+    static bool CanTravel(ipc::Peer& owner)
+    {
+        return owner.Stands() ? faults.sends == 0 && owner.WaitLinkFlushed({}) : owner.Dead();
+    }
     // Up to three objects, without those that could not travel at once.
     std::vector<size_t> Load(Life& at, MessageParcel& parcel)
     {
         std::vector<size_t> cargo;
         for (size_t left = draw_(4); left > 0; --left) {
             const auto* const held = draw_(3) > 0 ? AnyOfOthers(at) : nullptr;
-            if (held == nullptr || Proxy(held->second).Owner()->WaitLinkFlushed({})) {
+            if (held == nullptr || CanTravel(*Proxy(held->second).Owner())) {
                 const auto [number, object] = held != nullptr ? *held : AnyOwn(at);
-                at.granted.insert(held != nullptr ? &Home(number) : nullptr);
                 cargo.push_back(number);
                 parcel.WriteUint64(number);
                 parcel.WriteRemoteObject(object);
@@ -272,7 +352,8 @@ private:
         const auto& [number, object] = *target;
         Sending sending{&at, &Home(number)};
         // A channel needs a key, for which its caller waits.
-        const bool isCall = sending.to->transport && Proxy(object).Owner()->HasAnswered() && draw_(3) == 0;
+        const bool isDead = object->IsObjectDead();
+        const bool isCall = sending.to->transport && !isDead && Proxy(object).Owner()->Stands() && draw_(3) == 0;
         sending.cargo = Load(at, *sending.frame);
         if (isCall) {
             const auto transfer = std::make_shared<ipc::ObjectTransfer>(at.Peers());
@@ -285,8 +366,8 @@ private:
         MessageParcel reply;
         MessageOption option(MessageOption::TF_ASYNC);
         const int32_t result = object->SendRequest(++number_, *sending.frame, reply, option);
-        Check(result == IPC_OK || !sending.to->transport, "a living process can't be reached");
-        if (sending.to->transport) {
+        Check(result == (isDead ? IPC_CONNECTION_LOST : IPC_OK) || !sending.to->transport, "a request has another end");
+        if (result == IPC_OK && sending.to->transport) {
             sending.frame.reset();
             sending.target = number;
             sending.number = number_;
@@ -363,7 +444,7 @@ private:
         }
         sptr<Watcher>& watcher = at.watchers[held->first];
         if (watcher == nullptr) {
-            watcher = new Watcher(*this, held->first);
+            watcher = new Watcher(*this);
             Check(held->second->AddDeathRecipient(watcher), "a recipient is refused");
         } else {
             const bool isRemoved = held->second->RemoveDeathRecipient(watcher);
@@ -373,13 +454,19 @@ private:
         }
     }
 
-    // All that is under way arrives; then all books have to agree.
+    // All that is under way arrives; then all reach each other, and all books have to agree.
     void Quiet(Life&)
     {
-        for (int rounds = 12; rounds > 0; --rounds) {
+        for (int rounds = 0; rounds < 32; ++rounds) {
             for (Life* life : now_) {
+                for (const Life* other : now_) {
+                    if (rounds == 12 && other != life) {
+                        life->Peers().PeerAt(other->id);
+                    }
+                }
                 life->stoppedUntil = 0;
                 life->transport->Loop().Turn(false);
+                life->transport->Loop().Tick(Clock::now() + std::chrono::seconds(rounds < 6 ? 3 * rounds : 0));
                 RunTasks(*life);
                 while (life->transport->Deaths().TellOne()) {
                 }
@@ -416,8 +503,8 @@ private:
     void CheckPeers(Life& at)
     {
         for (const Life* other : now_) {
-            const sptr<ipc::Peer> peer = at.Knows(*other);
-            Check(!at.Peers().HasDied(other->id) && (!peer || !peer->Dead()), "a living process stays deaf");
+            const sptr<ipc::Peer> peer = other != &at ? at.Peers().PeerAt(other->id) : nullptr;
+            Check(!peer || peer->Stands(), "a living process stays deaf");
             constexpr uint64_t kAll = ipc::kMaxQueuedOneWayBytes;
             Check(!peer || (peer->Credit().Take(kAll) && peer->Credit().GiveBack(1, kAll)), "credit is lost");
         }
@@ -425,11 +512,8 @@ private:
             const bool isAlive = Home(number).transport != nullptr;
             Check(!isAlive || Home(number).stubs.contains(number), "an object that is held is freed");
             const sptr<Watcher>& watcher = at.watchers[number];
-            Check(!watcher || watcher->told == (isAlive ? 0 : 1), "a recipient is not told");
-            const sptr<ipc::Peer> owner = isAlive ? nullptr : Proxy(object).Owner();
-            const bool isKnown =
-                !owner || (owner->Dead() && (!owner->HasAnswered() || at.Peers().HasDied(owner->Id())));
-            Check(isKnown, "a dead process is not known as dead");
+            Check(!watcher || watcher->told == (object->IsObjectDead() ? 1 : 0), "a recipient is not told");
+            Check(isAlive || object->IsObjectDead(), "a dead process's object lives");
         }
     }
 

@@ -10,7 +10,7 @@ namespace VEXA {
 
 sptr<IRemoteObject> GetContextObject()
 {
-    if (ipc::ProcessLife::Forked()) {
+    if (ipc::ProcessLife::Forked() || ipc::ProcessLife::Exiting()) {
         return nullptr;
     }
     ipc::IpcProcess& process = ipc::IpcProcess::Get();

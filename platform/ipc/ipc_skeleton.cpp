@@ -6,6 +6,7 @@
 #include "call_context.h"
 #include "process.h"
 #include "process_life.h"
+#include "vexa/ipc/worker_wait.h"
 
 namespace VEXA {
 
@@ -24,6 +25,17 @@ uid_t IPCSkeleton::GetCallingUid()
 bool IPCSkeleton::IsForkedChild()
 {
     return ipc::ProcessLife::Forked();
+}
+
+bool IPCSkeleton::AwaitProcess(const sptr<IRemoteObject>& object, std::chrono::steady_clock::time_point deadline)
+{
+    if (object == nullptr || object->IsObjectDead()) {
+        return false;
+    }
+    const auto* const remote = dynamic_cast<const ipc::PeerObject*>(object.GetRefPtr());
+    ipc::ChannelKey key;
+    const WorkerWait wait;
+    return remote == nullptr || remote->Owner()->WaitForKey(deadline, remote->Generation(), key);
 }
 
 void IPCSkeleton::SetMaxWorkThreads(size_t count)

@@ -5,6 +5,8 @@
 #include <thread>
 #include <utility>
 
+#include "vexa/ipc/ipc_skeleton.h"
+
 namespace VEXA::samgr {
 
 namespace {
@@ -89,7 +91,8 @@ int32_t PendingLoad::OnRemoteRequest(uint32_t code, MessageParcel& data, Message
 
 void PendingLoad::Take(LoadOutcome outcome)
 {
-    if (outcome.error == SAMGR_OK && (outcome.object == nullptr || outcome.object->IsObjectDead())) {
+    if (outcome.error == SAMGR_OK &&
+        !IPCSkeleton::AwaitProcess(outcome.object, std::min(deadline_, steady_clock::now() + kGreetTime))) {
         outcome.object = nullptr;  // lets go of it before the wait
         const int32_t error = AskAgain();
         if (error == SAMGR_OK) {

@@ -12,9 +12,9 @@
 
 namespace VEXA::samgr {
 
-// Calls `done` once with the outcome, on an IPC thread. A process that knows of an object's death must not get that
-// object again from a manager that will hear of it a moment later: such an answer is dropped and the manager asked
-// again, until it has noticed too or the deadline is there.
+// Calls `done` once with the outcome, on an IPC thread. A process gets an object only when the object's own process has
+// answered it: a manager may hear of a death a moment later than others, and a process may refuse a connection for a
+// moment. Other answers are dropped and the manager is asked again, until the deadline.
 class PendingLoad : public IPCObjectStub {
 public:
     using Done = std::function<void(const LoadOutcome&)>;

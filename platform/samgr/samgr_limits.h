@@ -11,6 +11,8 @@ namespace VEXA::samgr {
 inline constexpr int kManagerWaitSeconds = 8;
 // How long an asynchronous load asks again for a manager that does not know of a death yet.
 inline constexpr std::chrono::milliseconds kAsyncLoadTime = std::chrono::seconds(5);
+// How long the process of a service may take to answer its client's greeting. Then it is taken for dead.
+inline constexpr std::chrono::milliseconds kGreetTime = std::chrono::seconds(1);
 // How often a thread in a synchronous load looks whether the manager lives: it may be the thread that hears of deaths.
 inline constexpr std::chrono::milliseconds kLoadSlice = std::chrono::milliseconds(50);
 // Pause before the manager is asked again for a dead service: it hears of a death a moment later. Each pause doubles.

@@ -47,6 +47,7 @@ inline const char* ResultText(int32_t result)
         {SAMGR_BUSY, "the manager takes no more loads of it now"},
         {IPC_DEAD_OBJECT, "the manager has ended"},
         {IPC_TIMED_OUT, "the manager did not answer in time"},
+        {IPC_EXITING, "this process is leaving"},
     };
     for (const auto& [number, text] : texts) {
         if (number == result) {

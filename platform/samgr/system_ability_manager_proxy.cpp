@@ -12,6 +12,7 @@
 #include "samgr_limits.h"
 #include "samgr_log.h"
 #include "vexa/base/mutex.h"
+#include "vexa/ipc/ipc_skeleton.h"
 #include "vexa/ipc/worker_wait.h"
 
 namespace VEXA {
@@ -92,9 +93,9 @@ sptr<IRemoteObject> SystemAbilityManagerProxy::CheckSystemAbility(int32_t system
             samgr::ResultText(result), result);
         return nullptr;
     }
-    // The manager may hear of a death later than this process.
+    // The manager may hear of a death later than this process, or than the service's process can tell it.
     sptr<IRemoteObject> object = reply.ReadRemoteObject();
-    return object != nullptr && !object->IsObjectDead() ? object : nullptr;
+    return IPCSkeleton::AwaitProcess(object, steady_clock::now() + samgr::kGreetTime) ? object : nullptr;
 }
 
 sptr<IRemoteObject> SystemAbilityManagerProxy::LoadSystemAbility(

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // What only real processes show of the transport: death, exit, fork and stops, memory, nesting, many threads at once.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <array>
@@ -59,6 +60,29 @@ protected:
     sptr<IRemoteObject> hub_;
     const sptr<IRemoteObject> mine_{new TestObject};
 };
+
+// It has no descriptor for a connection, which then waits; or it has as many connections as it may have, and refuses.
+TEST_F(IpcProcesses, ALivingProcessThatIsFullIsReachedLater)
+{
+    const Node full = Start("full");
+    const std::string path = ipc::EndpointPath(static_cast<ipc::PeerObject&>(*full.object).Owner()->Id());
+    for (const auto& [others, limit] : {std::pair(size_t{0}, rlim_t{1}), {60, 90}}) {
+        const Node fresh = Start("knows it not yet" + std::to_string(others));
+        std::vector<ipc::UniqueFd> connections;
+        while (connections.size() < others) {
+            connections.push_back(ipc::ConnectTo(path));
+        }
+        EXPECT_EQ(Call(full.object, ADD_ONE, 1).Answer(), 2);
+        rlimit usual{};
+        prlimit(full.process.Pid(), RLIMIT_NOFILE, nullptr, &usual);
+        const rlimit few{limit, usual.rlim_max};
+        prlimit(full.process.Pid(), RLIMIT_NOFILE, &few, nullptr);
+        const auto reaches = [&] { return Call(fresh.object, NEST, 1, full.object).Answer(MessageOption(0, 1)) == 1; };
+        EXPECT_FALSE(reaches()) << others;
+        prlimit(full.process.Pid(), RLIMIT_NOFILE, &usual, nullptr);
+        EXPECT_TRUE(Eventually(reaches)) << others;
+    }
+}
 
 TEST_F(IpcProcesses, PassesLeaveNothingBehind)
 {
@@ -211,22 +235,32 @@ TEST_F(IpcProcesses, LeavingWithRequestsUnderWayEndsQuickly)
 {
     const auto start = Clock::now();
     ChildProcess leaving({"/proc/self/exe", "--gtest_filter=LeavingProcess.*", "--gtest_also_run_disabled_tests"});
-    const int status = leaving.Wait();
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 33) << status;
+    sptr<IRemoteObject> object;
+    EXPECT_TRUE(Eventually([&] { return (object = Call(hub_, GIVE, "leaving").AnswerObject()) != nullptr; }));
+    EXPECT_TRUE(Eventually([&] { return object->IsObjectDead(); })) << "although it has not ended";
+    leaving.Signal(SIGTERM);
+    EXPECT_TRUE(WIFSIGNALED(leaving.Wait())) << "with an exit status it has found something wrong";
     EXPECT_LT(Clock::now() - start, std::chrono::seconds(20));
 }
 
 // Run by the test above, in a process that it starts.
 TEST(LeavingProcess, DISABLED_ExitsFromAnotherThread)
 {
-    // Runs after the transport's own handler, which takes the socket along.
+    static sptr<IRemoteObject> hub;
+    // Runs after the transport's own handler, which takes the socket along and ends all connections.
     std::atexit([] {
-        if (access(ipc::EndpointPath(ipc::IpcProcess::Get().Start()->Id()).c_str(), F_OK) == 0) {
+        const auto start = Clock::now();
+        const bool isLeft = access(ipc::EndpointPath(ipc::IpcProcess::Get().Start()->Id()).c_str(), F_OK) != 0 &&
+                            GetContextObject() == nullptr && Call(hub, ADD_ONE, 1).Send() == IPC_EXITING &&
+                            Clock::now() - start < std::chrono::milliseconds(100);
+        if (!isLeft) {
             _exit(34);
         }
+        pause();  // the rest of the exit takes long
     });
-    const sptr<IRemoteObject> hub = GetContextObject();
+    hub = GetContextObject();
     ASSERT_NE(hub, nullptr);
+    EXPECT_EQ(Call(hub, KEEP, "leaving", sptr<IRemoteObject>(new TestObject)).Send(), 0);
     const pid_t child = fork();
     if (child == 0) {
         std::exit(0);

@@ -33,8 +33,11 @@ inline constexpr size_t kConnectionShare = 75;
 inline constexpr size_t kUserShare = 50;
 // An accepted connection that has not greeted for so long is closed.
 inline constexpr std::chrono::milliseconds kGreetLimit = std::chrono::seconds(5);
-// Bytes that a peer may leave unread on a link before it is given up. One-way requests are bounded by themselves, so
-// this is room for them and for as much book-keeping.
+// A process without an endpoint is taken to have left after so long: a runtime directory that was removed is made
+// again within a tick or two.
+inline constexpr std::chrono::milliseconds kMissingLimit = std::chrono::seconds(5);
+// Bytes that a peer may leave unread on a link, or may have waiting for its session, before it is given up. One-way
+// requests are bounded by themselves, so this is room for them and for as much book-keeping.
 inline constexpr size_t kMostUnread = size_t{32} * 1024 * 1024;
 // Frames read from one link before the others have their turn.
 inline constexpr size_t kFairShare = 64;
@@ -58,6 +61,9 @@ inline constexpr std::chrono::milliseconds kConnectWait = std::chrono::milliseco
 // A request whose channel has ended waits so long for the link to end too, which it does where the process has died:
 // the kernel closes its sockets one after the other.
 inline constexpr std::chrono::milliseconds kDeathLag = std::chrono::milliseconds(500);
+// A transfer for which the kernel has no memory pauses so long before it is tried again, and so often at once.
+inline constexpr std::chrono::milliseconds kMemoryPause = std::chrono::milliseconds(1);
+inline constexpr int kMemoryTries = 3;
 // The wait for a grant to be with the kernel, before the object that it is for may travel on.
 inline constexpr std::chrono::milliseconds kFlushWait = std::chrono::milliseconds(1000);
 // The wait for all links to be read, before a frame is refused for want of a grant.

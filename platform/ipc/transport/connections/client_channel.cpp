@@ -53,7 +53,7 @@ int32_t ClientChannel::Exchange(
     used_ = true;
     const FrameHeader header = HeaderOf(reply);
     const size_t total = kHeaderBytes + BodyBytes(header);
-    if (!IsSound(header) || header.kind != FrameKind::REPLY || have > total) {
+    if (!IsSound(header) || header.kind != FrameKind::REPLY || header.extra != HeaderOf(frame).extra || have > total) {
         IPC_LOGE("malformed reply, connection closed");
         return IPC_CONNECTION_LOST;
     }

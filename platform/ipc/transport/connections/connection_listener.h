@@ -20,16 +20,13 @@ public:
     void AcceptAll() override;
 
 private:
-    // Takes the next connection in, or turns it away; false when there is none, or not even that can be done.
+    // Takes the next connection in, or turns it away; false when there is none, or it has to wait.
     bool Accept();
-    bool TurnAway();
 
     Reactor& reactor_;
     ConnectionCounts& counts_;
     const Take take_;
-    // Is closed for a moment when the process has run out of descriptors, so that a connection can be turned away.
-    UniqueFd spare_;
-    Reactor::Ticks paused_;  // until the next tick, as nothing can be accepted
+    Reactor::Ticks paused_;  // until the next tick: there is no descriptor or no memory for a connection
 };
 
 }  // namespace VEXA::ipc

@@ -95,7 +95,12 @@ void Link::OnEvents(uint32_t events)
         Flush();
     }
     if ((events & ~static_cast<uint32_t>(EPOLLOUT)) != 0) {
+        const bool hasWaited = parked_ != nullptr;
         ReadFrames(kFairShare, UINT64_MAX);
+        // The peer has sent something behind a frame that waits, or has ended.
+        if (hasWaited && parked_ != nullptr && WaitReadable(Fd(), {})) {
+            Close((events & EPOLLRDHUP) == 0);
+        }
     }
 }
 
@@ -146,12 +151,14 @@ bool Link::ReadFrames(size_t frames, uint64_t bytes)
         const Verdict verdict = AdmitOnce(header) ? Handle(header, *frame) : Verdict::CLOSE;
         if (verdict == Verdict::WAIT) {
             parked_ = frame;
-            reactor_.ResumeLater();
+            if (reactor_.Settling()) {
+                reactor_.ResumeLater();
+            }
             break;
         }
         hasMoved = true;
-        if (verdict == Verdict::CLOSE) {
-            Close(true);
+        if (verdict == Verdict::CLOSE || verdict == Verdict::END) {
+            Close(verdict == Verdict::CLOSE);
         }
         if (verdict != Verdict::GO_ON) {
             break;

@@ -36,11 +36,13 @@ public:
     void Resume() override;
 
 protected:
-    enum class Verdict { GO_ON, CLOSE, HANDED_OVER, WAIT };
+    enum class Verdict { GO_ON, CLOSE, END, HANDED_OVER, WAIT };
 
     // Decides by its header whether a frame is accepted, before its body is read. Called once for each frame.
     virtual bool Admit(const FrameHeader& header) = 0;
-    // Deals with a whole frame. WAIT: the frame is brought again when the settling that is under way has ended.
+    // Deals with a whole frame. CLOSE: it is a breach of the protocol. END: it ends the connection all the same. WAIT:
+    // the frame is brought again when the settling that is under way has ended, and at each Resume; meanwhile nothing
+    // may follow it.
     virtual Verdict Handle(const FrameHeader& header, MessageParcel& frame) = 0;
     // Is called once, when the connection has ended and is not watched any more.
     virtual void OnEnd() = 0;
@@ -67,7 +69,7 @@ private:
     FrameReader reader_;
     std::unique_ptr<MessageParcel> scratch_ = std::make_unique<MessageParcel>();
     uint64_t due_ = 0;                 // the count of bytes up to which Drain reads
-    MessageParcel* parked_ = nullptr;  // a frame that waits for the end of a Settle
+    MessageParcel* parked_ = nullptr;  // a frame that is to be brought again
     bool admitted_ = false;            // by Admit: the frame that is arriving
     bool reading_ = false;
     bool closed_ = false;

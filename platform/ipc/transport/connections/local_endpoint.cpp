@@ -32,7 +32,6 @@ bool LocalEndpoint::Provide()
         Remove();
     }
     if (listener_ != nullptr) {
-        isRenewed_ = true;
         reactor_.Remove(listener_->Fd());
     }
     listener_ = fresh;
@@ -42,11 +41,6 @@ bool LocalEndpoint::Provide()
 void LocalEndpoint::Remove() const
 {
     unlink(EndpointPath(id_).c_str());
-}
-
-bool LocalEndpoint::MissingMeansExit() const
-{
-    return !isRenewed_ && access(EndpointPath(id_).c_str(), F_OK) == 0;
 }
 
 }  // namespace VEXA::ipc

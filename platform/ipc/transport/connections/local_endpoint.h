@@ -2,8 +2,6 @@
 // This process's own socket in the runtime directory.
 #pragma once
 
-#include <atomic>
-
 #include "connection_listener.h"
 #include "reactor.h"
 #include "vexa/base/mutex.h"
@@ -26,16 +24,11 @@ public:
     // Removes the socket, because the process leaves.
     void Remove() const;
 
-    // True while a missing endpoint of another process means that the process has removed it, because it leaves.
-    bool MissingMeansExit() const;
-
 private:
     const EndpointId id_;
     Reactor& reactor_;
     ConnectionCounts& counts_;
     const ConnectionListener::Take take_;
-    // The runtime directory was made anew: other processes may be about to make their endpoints again.
-    std::atomic<bool> isRenewed_{false};
     Mutex mutex_{LockRank::LocalEndpoint};
     sptr<EventHandler> listener_ VEXA_GUARDED_BY(mutex_);
 };

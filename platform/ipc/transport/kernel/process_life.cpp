@@ -2,6 +2,7 @@
 #include "process_life.h"
 
 #include <pthread.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <utility>
@@ -34,6 +35,16 @@ void ProcessLife::Watch()
         Get().mutex_.unlock();
     };
     pthread_atfork(beforeFork, inParent, inChild);
+}
+
+void ProcessLife::Leave()
+{
+    ProcessLife& life = Get();
+    MutexLock lock(life.mutex_);
+    exiting_ = true;
+    for (const int fd : life.open_) {
+        shutdown(fd, SHUT_RDWR);  // does nothing to what is not a socket
+    }
 }
 
 void ProcessLife::CloseFd(int fd)

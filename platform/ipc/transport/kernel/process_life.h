@@ -4,6 +4,7 @@
 #pragma once
 
 #include <atomic>
+#include <cerrno>
 #include <set>
 
 #include "vexa/base/mutex.h"
@@ -20,7 +21,8 @@ public:
     // transport: another thread of the parent may have held it.
     static bool Forked() { return forked_.load(std::memory_order_relaxed); }
     static bool Exiting() { return exiting_.load(std::memory_order_relaxed); }
-    static void SetExiting() { exiting_.store(true, std::memory_order_relaxed); }
+    // For the exit handler: ends all connections and listeners, whoever uses them. No descriptor is opened afterwards.
+    static void Leave();
 
     // The transport's descriptors are made and closed here, so that no fork falls between a call and its entry. A
     // forked child closes them: the end of a socket then means the end of this process only.
@@ -29,6 +31,10 @@ public:
     {
         ProcessLife& life = Get();
         MutexLock lock(life.mutex_);
+        if (Exiting()) {
+            errno = ESHUTDOWN;
+            return -1;
+        }
         const int fd = open();
         if (fd >= 0) {
             life.open_.insert(fd);

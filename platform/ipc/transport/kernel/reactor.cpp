@@ -30,7 +30,7 @@ bool Reactor::Open()
 bool Reactor::Start()
 {
     return startThread_("vexa-reactor", [this] {
-        while (Turn()) {
+        while (!ProcessLife::Exiting() && Turn()) {
         }
     });
 }
@@ -125,7 +125,10 @@ bool Reactor::Turn(bool mayWait, int most)
             handler->Resume();
         }
     }
-    Tick();
+    const Deadline now = std::chrono::steady_clock::now();
+    if (ticksNeeded_.load() > 0 && now >= nextTick_) {
+        Tick(now);
+    }
     return true;
 }
 
@@ -166,12 +169,8 @@ void Reactor::SettleWaiters()
     settled_.NotifyAll();
 }
 
-void Reactor::Tick()
+void Reactor::Tick(Deadline now)
 {
-    const Deadline now = std::chrono::steady_clock::now();
-    if (ticksNeeded_.load() == 0 || now < nextTick_) {
-        return;
-    }
     nextTick_ = now + kTickPeriod;
     for (const sptr<EventHandler>& handler : Handlers()) {
         handler->OnTick(now);

@@ -55,12 +55,14 @@ public:
 
     // Makes the descriptors; false when the kernel refuses.
     bool Open();
-    // Starts the thread, which turns for ever.
+    // Starts the thread, which turns until the process leaves.
     bool Start();
     // Deals with up to `most` events and, with `mayWait`, waits for them, no longer than until the next tick. The
     // calling thread becomes the reactor's thread. False when epoll fails.
     static constexpr int kBatch = 64;
     bool Turn(bool mayWait = true, int most = kBatch);
+    // Looks at all time limits, on the same thread. Turn does so once in a kTickPeriod.
+    void Tick(Deadline now);
     // Ends every connection, as the kernel does when a process ends. Tests use it.
     void CutAll();
 
@@ -88,7 +90,6 @@ private:
     void DrainAll();
     void SettleWaiters();
     void Dispatch(int fd, uint32_t events);
-    void Tick();
     std::vector<sptr<EventHandler>> Handlers();
 
     const ThreadStarter startThread_;

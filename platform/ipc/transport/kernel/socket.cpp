@@ -5,6 +5,7 @@
 #include <sys/random.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -12,6 +13,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <thread>
 
 #include "transport/limits.h"
 
@@ -48,13 +50,29 @@ bool WaitFor(int fd, short events, Deadline deadline)
     }
 }
 
+bool IsOutOfMemory()
+{
+    return errno == ENOBUFS || errno == ENOMEM;
+}
+
+template <typename Call>
+ssize_t Try(const Call& call)
+{
+    ssize_t result = TEMP_FAILURE_RETRY(call());
+    for (int tries = 0; result < 0 && IsOutOfMemory() && tries < kMemoryTries; ++tries) {
+        std::this_thread::sleep_for(kMemoryPause);
+        result = TEMP_FAILURE_RETRY(call());
+    }
+    return result;
+}
+
 Transfer Outcome(ssize_t result, size_t& moved)
 {
     moved = result > 0 ? static_cast<size_t>(result) : 0;
     if (result >= 0) {
         return Transfer::DONE;
     }
-    if (errno == EAGAIN || errno == EWOULDBLOCK) {
+    if (errno == EAGAIN || errno == EWOULDBLOCK || IsOutOfMemory()) {
         return Transfer::WOULD_BLOCK;
     }
     return errno == EPIPE || errno == ECONNRESET ? Transfer::END : Transfer::FAILED;
@@ -143,14 +161,19 @@ Credentials CredentialsOf(const UniqueFd& socket)
     return result;
 }
 
+UniqueFd OpenProcess(pid_t process)
+{
+    return UniqueFd::Make([&] { return static_cast<int>(syscall(SYS_pidfd_open, process, 0)); });
+}
+
 Transfer SendNow(int fd, const void* bytes, size_t size, size_t& moved)
 {
-    return Outcome(TEMP_FAILURE_RETRY(send(fd, bytes, size, MSG_NOSIGNAL | MSG_DONTWAIT)), moved);
+    return Outcome(Try([&] { return send(fd, bytes, size, MSG_NOSIGNAL | MSG_DONTWAIT); }), moved);
 }
 
 Transfer ReceiveNow(int fd, void* bytes, size_t size, size_t& moved)
 {
-    const ssize_t received = TEMP_FAILURE_RETRY(recv(fd, bytes, size, MSG_DONTWAIT));
+    const ssize_t received = Try([&] { return recv(fd, bytes, size, MSG_DONTWAIT); });
     const Transfer result = Outcome(received, moved);
     return received == 0 && size > 0 ? Transfer::END : result;
 }
@@ -174,13 +197,13 @@ Transfer SendAll(int fd, const void* bytes, size_t size, Deadline deadline)
 Transfer ReceiveAtLeast(int fd, void* bytes, size_t least, size_t most, Deadline deadline, size_t& moved)
 {
     // The common case is one call that waits in the kernel and brings the whole frame. A call that a signal ends would
-    // wait its full time again, so the deadline takes over.
+    // wait its full time again, so the deadline takes over, as it does where memory is short.
     const ssize_t received = recv(fd, bytes, most, 0);
     const Transfer result = Outcome(received, moved);
     if (received == 0) {
         return Transfer::END;
     }
-    const bool needsMore = result == Transfer::DONE ? moved < least : errno == EINTR;
+    const bool needsMore = result == Transfer::DONE ? moved < least : errno == EINTR || IsOutOfMemory();
     return needsMore ? ReceiveMore(fd, bytes, least, most, deadline, moved) : result;
 }
 

@@ -42,11 +42,15 @@ UniqueFd ConnectAtOnce(const std::string& path);
 UniqueFd ListenAt(const std::string& path);
 UniqueFd AcceptFrom(const UniqueFd& listener);
 Credentials CredentialsOf(const UniqueFd& socket);
+// Becomes readable when the process has ended. Without a value, and errno set, where the kernel can't tell; ESRCH: it
+// has ended.
+UniqueFd OpenProcess(pid_t process);
 
 // Says how a transfer ended.
 enum class Transfer { DONE, WOULD_BLOCK, END, FAILED };
 
-// Moves up to `size` bytes without waiting and tells how many in `moved`.
+// Moves up to `size` bytes without waiting and tells how many in `moved`. Where the kernel is short of memory, that
+// takes a few kMemoryPause and then is WOULD_BLOCK: whoever tries again at once does not spin.
 Transfer SendNow(int fd, const void* bytes, size_t size, size_t& moved);
 Transfer ReceiveNow(int fd, void* bytes, size_t size, size_t& moved);
 

@@ -38,7 +38,10 @@ bool ObjectTransfer::PackOne(const sptr<IRemoteObject>& object, Item& item)
     }
     // The owner hears of the new holder from this process, which holds the object, and before the new holder can speak:
     // the grant is with the kernel before the frame leaves. An owner that can't be told any more is ending, and the
-    // receiver finds it dead.
+    // receiver finds it dead. One that can't be reached now may count the receiver's references later, so it must know.
+    if (!peers_.PeerAt(item.entry.owner)->IsConnected()) {
+        return false;
+    }
     const FrameHeader grant = MakeHeader(FrameKind::GRANT, proxy->Id(), receiver_);
     return !item.owner->SendOnLink(&grant, sizeof(grant)) ||
            item.owner->WaitLinkFlushed(std::chrono::steady_clock::now() + kFlushWait);
@@ -116,7 +119,7 @@ Unpacked UnpackObjects(PeerDirectory& peers, MessageParcel& parcel, const FrameH
             object = sender->Object(entry.id);
         } else if (entry.owner != 0) {
             const sptr<Peer> owner = peers.PeerAt(entry.owner);
-            result.unreachable += owner->Dead() && !peers.HasDied(entry.owner) ? 1 : 0;
+            result.unreachable += !owner->IsConnected() && !peers.HasDied(entry.owner) ? 1 : 0;
             object = owner->Object(entry.id);
         }
         result.isSound = result.isSound && object != nullptr;
@@ -127,9 +130,13 @@ Unpacked UnpackObjects(PeerDirectory& peers, MessageParcel& parcel, const FrameH
 
 bool GrantTo(PeerDirectory& peers, ObjectId id, const Peer& giver, EndpointId holder)
 {
-    // The new holder is connected to, so that this process hears of its death even if it never uses the object.
-    if (holder == 0 || holder == peers.Self() || peers.Objects().Find(id, giver.Id()) == nullptr ||
-        peers.PeerAt(holder)->Dead()) {
+    if (holder == 0 || holder == peers.Self() || peers.Objects().Find(id, giver.Id()) == nullptr) {
+        return false;
+    }
+    // The new holder is connected to, so that this process hears of its death even if it never uses the object. One
+    // that is not there is not known afterwards.
+    peers.PeerAt(holder);
+    if (peers.KnownPeer(holder) == nullptr) {
         return false;
     }
     peers.AdjustHolder(id, holder, 1);

@@ -8,9 +8,13 @@
 
 namespace VEXA::ipc {
 
-Peer::Peer(EndpointId id, const Credentials& credentials, MakeObject makeObject)
-    : id_(id),
-      credentials_(credentials),
+PeerObject::PeerObject(const sptr<Peer>& owner, ObjectId id)
+    : IRemoteObject(std::u16string()), owner_(owner), id_(id), generation_(owner->Generation())
+{}
+
+Peer::Peer(EndpointId self, EndpointId id, MakeObject makeObject)
+    : self_(self),
+      id_(id),
       issuedKey_{RandomNumber(), RandomNumber()},
       makeObject_(std::move(makeObject)),
       debt_([this](uint64_t frames, uint64_t bytes) {
@@ -19,80 +23,153 @@ Peer::Peer(EndpointId id, const Credentials& credentials, MakeObject makeObject)
       })
 {}
 
-void Peer::AttachLink(const sptr<Link>& link)
+void Peer::Enter(State state, const sptr<Link>& link)
 {
-    MutexLock lock(mutex_);
-    links_.push_back(link);
+    link_ = link;
+    if (link != nullptr && who_.pid <= 0 && state != State::ASKED) {
+        who_ = link->Who();
+    }
+    if ((link != nullptr) != IsConnected()) {
+        generation_.fetch_add(1, std::memory_order_acq_rel);
+    }
+    state_.store(state, std::memory_order_release);
+    changed_.NotifyAll();
 }
 
-sptr<Link> Peer::FirstLink()
+bool Peer::Await(const sptr<Link>& link)
 {
     MutexLock lock(mutex_);
-    return links_.empty() ? nullptr : links_.front();
+    if (state_ != State::UNKNOWN) {
+        return false;
+    }
+    Enter(State::ASKED, link);
+    return true;
+}
+
+bool Peer::OnHello(const sptr<Link>& link)
+{
+    MutexLock lock(mutex_);
+    if (state_ == State::ANSWERED || (state_ == State::ASKED && self_ > id_)) {
+        return false;
+    }
+    if (link_ != nullptr) {
+        link_->Shutdown();
+    }
+    const HelloFrame answer = MakeHello(FrameKind::HELLO_REPLY, ConnectionUse::LINK, self_, issuedKey_);
+    link->Send(&answer, sizeof(answer));
+    Enter(State::ANSWERED, link);
+    return true;
+}
+
+bool Peer::OnReply(const sptr<Link>& link, bool wasUnknown, const ChannelKey& key)
+{
+    MutexLock lock(mutex_);
+    if (Stands() || Dead() || (link_ != link && !wasUnknown)) {
+        return false;
+    }
+    // The process has decided for this connection.
+    if (link_ != nullptr && link_ != link) {
+        link_->Shutdown();
+    }
+    const HelloFrame own = MakeHello(FrameKind::KEY, ConnectionUse::LINK, self_, issuedKey_);
+    link->Send(&own, sizeof(own));
+    Stand(link, key);
+    return true;
+}
+
+bool Peer::OnKey(const sptr<Link>& link, const ChannelKey& key)
+{
+    MutexLock lock(mutex_);
+    const bool isExpected = state_ == State::ANSWERED && link_ == link;
+    if (isExpected) {
+        Stand(link, key);
+    }
+    return isExpected;
+}
+
+void Peer::Stand(const sptr<Link>& link, const ChannelKey& key)
+{
+    key_ = key;
+    otherVersion = 0;
+    if (!outbox_.empty()) {
+        link->Send(outbox_.data(), outbox_.size());
+        std::vector<uint8_t>().swap(outbox_);
+    }
+    Enter(State::STANDS, link);
+}
+
+bool Peer::IsWith(const Credentials& who)
+{
+    MutexLock lock(mutex_);
+    return link_ != nullptr && link_->Who().IsSameAs(who);
+}
+
+bool Peer::OnEnd(const sptr<Link>& link, bool isDeath)
+{
+    MutexLock lock(mutex_);
+    const bool wasCurrent = link_ == link;
+    if (wasCurrent) {
+        Enter(isDeath ? State::DEAD : State::UNKNOWN, nullptr);
+    }
+    return wasCurrent;
 }
 
 bool Peer::SendOnLink(const void* frame, size_t size)
 {
-    const sptr<Link> link = FirstLink();
-    return link != nullptr && link->Send(frame, size);
+    MutexLock lock(mutex_);
+    if (Stands()) {
+        const sptr<Link> link = link_;
+        lock.Unlock();
+        return link->Send(frame, size);
+    }
+    if (Dead() || outbox_.size() + size > kMostUnread) {
+        return false;
+    }
+    const uint8_t* const bytes = static_cast<const uint8_t*>(frame);
+    outbox_.insert(outbox_.end(), bytes, bytes + size);
+    return true;
 }
 
 bool Peer::WaitLinkFlushed(Deadline deadline)
 {
-    const sptr<Link> link = FirstLink();
+    MutexLock lock(mutex_);
+    if (!changed_.WaitUntil(mutex_, deadline, [this]() VEXA_NO_THREAD_SAFETY_ANALYSIS { return outbox_.empty(); })) {
+        return false;
+    }
+    const sptr<Link> link = Stands() ? link_ : nullptr;
+    lock.Unlock();
     return link == nullptr || link->WaitFlushed(deadline);
 }
 
-std::vector<sptr<Link>> Peer::Links()
+bool Peer::WaitForKey(Deadline deadline, uint32_t generation, ChannelKey& key)
 {
     MutexLock lock(mutex_);
-    return links_;
-}
-
-void Peer::ShutdownLinks()
-{
-    for (const sptr<Link>& link : Links()) {
-        link->Shutdown();
-    }
-}
-
-void Peer::SetKey(const ChannelKey& key)
-{
-    MutexLock lock(mutex_);
-    key_ = key;
-    changed_.NotifyAll();
-}
-
-bool Peer::WaitForKey(Deadline deadline, ChannelKey& key)
-{
-    MutexLock lock(mutex_);
-    changed_.WaitUntil(mutex_, deadline, [this]() VEXA_NO_THREAD_SAFETY_ANALYSIS { return key_ || Dead(); });
-    key = key_.value_or(ChannelKey());
-    return key_ && !Dead();
-}
-
-bool Peer::HasAnswered()
-{
-    MutexLock lock(mutex_);
-    return key_.has_value();
+    changed_.WaitUntil(mutex_, deadline, [&] { return Stands() || Generation() != generation; });
+    key = key_;
+    return Stands() && Generation() == generation;
 }
 
 bool Peer::WaitUntilDead(std::chrono::milliseconds limit)
 {
     MutexLock lock(mutex_);
-    return changed_.WaitFor(mutex_, limit, [this] { return Dead(); });
+    return changed_.WaitFor(mutex_, limit, [this] { return Dead(); }) && who_.pid > 0;
 }
 
 sptr<IRemoteObject> Peer::Object(ObjectId id)
 {
+    sptr<PeerObject> former;  // both may be last references, which go after the lock
+    sptr<PeerObject> object;
     MutexLock lock(objectsMutex_);
     const auto found = objects_.find(id);
     if (found != objects_.end() && found->second->GetRefCounter()->TryIncStrong()) {
-        sptr<PeerObject> object = sptr<PeerObject>::Adopt(found->second);
-        object->CountReference();
-        return object;
+        former = sptr<PeerObject>::Adopt(found->second);
+        if (former->IsCurrent()) {
+            former->CountReference();
+            return former;
+        }
+        former->NotifyDeath();
     }
-    sptr<PeerObject> object = makeObject_(sptr<Peer>(this), id);
+    object = makeObject_(sptr<Peer>(this), id);
     if (object != nullptr) {
         objects_[id] = object.GetRefPtr();
     }
@@ -116,29 +193,34 @@ void Peer::Forget(const PeerObject& object)
     }
 }
 
-std::vector<sptr<PeerObject>> Peer::Bury()
+std::vector<sptr<PeerObject>> Peer::TellObjects()
 {
-    MutexLock lock(mutex_);
-    dead_.store(true, std::memory_order_release);
-    const std::vector<sptr<Link>> links = std::exchange(links_, {});
-    changed_.NotifyAll();
-    lock.Unlock();
-    channels_.Close();
-    for (const sptr<Link>& link : links) {
-        link->Shutdown();
-    }
     std::vector<sptr<PeerObject>> objects;
-    MutexLock objectsLock(objectsMutex_);
+    MutexLock lock(objectsMutex_);
     for (const auto& [id, object] : objects_) {
         if (object->GetRefCounter()->TryIncStrong()) {
             objects.push_back(sptr<PeerObject>::Adopt(object));
         }
     }
-    objectsLock.Unlock();
+    lock.Unlock();
     for (const sptr<PeerObject>& object : objects) {
         object->NotifyDeath();
     }
     return objects;
+}
+
+std::vector<sptr<PeerObject>> Peer::Bury()
+{
+    MutexLock lock(mutex_);
+    const sptr<Link> link = link_;
+    Enter(State::DEAD, nullptr);
+    std::vector<uint8_t>().swap(outbox_);
+    lock.Unlock();
+    channels_.Close();
+    if (link != nullptr) {
+        link->Shutdown();
+    }
+    return TellObjects();
 }
 
 }  // namespace VEXA::ipc

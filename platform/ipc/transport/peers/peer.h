@@ -5,7 +5,6 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
-#include <optional>
 #include <unordered_map>
 #include <vector>
 
@@ -25,56 +24,85 @@ class Peer;
 // Stands for an object of another process.
 class PeerObject : public IRemoteObject {
 public:
-    PeerObject(const sptr<Peer>& owner, ObjectId id) : IRemoteObject(std::u16string()), owner_(owner), id_(id) {}
+    PeerObject(const sptr<Peer>& owner, ObjectId id);
 
     const sptr<Peer>& Owner() const { return owner_; }
     ObjectId Id() const { return id_; }
+    // False when the connection has gone that the object came to use: it never serves again.
+    bool IsCurrent() const;
+    uint32_t Generation() const { return generation_; }
     // Counts the references to the object that have been received; they are given back together when this ends.
     void CountReference() { references_.fetch_add(1, std::memory_order_relaxed); }
     uint64_t References() const { return references_.load(std::memory_order_relaxed); }
-    // Is called when the process has died: hands the registered recipients to the notifier.
+    // Is called when this is dead for good: hands the registered recipients to the notifier.
     virtual void NotifyDeath() = 0;
 
 private:
     const sptr<Peer> owner_;
     const ObjectId id_;
+    const uint32_t generation_;
     std::atomic<uint64_t> references_{1};
 };
 
 // Lives while anyone needs it. The directory knows it by its endpoint until the process dies. All operations may be
 // called from any thread, unless said otherwise.
+//
+// One session connects two processes. It stands for the process that connected when the answer to its greeting comes,
+// and for the other when the key follows. Until then frames wait, and a connection that fails costs only the objects
+// that came to use it. docs/architecture.md has the states as a drawing.
 class Peer : public RefBase {
 public:
     // Makes the object that stands for one of the peer's; null when memory is short.
     using MakeObject = std::function<sptr<PeerObject>(const sptr<Peer>& owner, ObjectId id)>;
 
-    Peer(EndpointId id, const Credentials& credentials, MakeObject makeObject);
+    Peer(EndpointId self, EndpointId id, MakeObject makeObject);
 
     EndpointId Id() const { return id_; }
-    const Credentials& Who() const { return credentials_; }
-    bool Dead() const { return dead_.load(std::memory_order_acquire); }
+    // Is known once the process has greeted, and stays: no other process is believed to be this one.
+    const Credentials& Who() const { return who_; }
+    bool Dead() const { return state_.load(std::memory_order_acquire) == State::DEAD; }
+    bool Stands() const { return state_.load(std::memory_order_acquire) == State::STANDS; }
+    // Is odd while there is a connection, greeting or standing, and counts on when there is one and when it has gone.
+    uint32_t Generation() const { return generation_.load(std::memory_order_acquire); }
+    bool IsConnected() const { return Generation() % 2 != 0; }
     // The process shows this key when it opens a channel to this one.
     const ChannelKey& IssuedKey() const { return issuedKey_; }
 
-    // Two processes that connect to each other at the same moment have two links. Each side sends on the first that it
-    // has, so that its frames stay in order.
-    void AttachLink(const sptr<Link>& link);
-    bool SendOnLink(const void* frame, size_t size);
-    bool WaitLinkFlushed(Deadline deadline);
-    // Ends all links, which is the process's death for this one.
-    void ShutdownLinks();
+    // Notes a connection that this process has made, for the answer to its greeting; false when there is another.
+    bool Await(const sptr<Link>& link);
+    // For the reactor's thread, each with the connection on which the frame came:
+    // Answers a HELLO; false when a greeting is under way on another connection, whose end decides. When both processes
+    // greet at once, the connection stays that the one with the larger endpoint has made.
+    bool OnHello(const sptr<Link>& link);
+    // Deal with the answer and with the key that follows it; false when they are not expected. An answer may come on a
+    // connection that was made without knowing whom it reaches.
+    bool OnReply(const sptr<Link>& link, bool wasUnknown, const ChannelKey& key);
+    bool OnKey(const sptr<Link>& link, const ChannelKey& key);
+    // True when the connection that greets or stands is with that process.
+    bool IsWith(const Credentials& who);
+    // Notes the end of a connection; false when it is not the one that greets or stands.
+    bool OnEnd(const sptr<Link>& link, bool isDeath);
 
-    // Notes the key for channels, with which the process has answered.
-    void SetKey(const ChannelKey& key);
-    // Waits for that key; false when the process died, or did not answer before the deadline.
-    bool WaitForKey(Deadline deadline, ChannelKey& key);
-    bool HasAnswered();
+    // Sends a frame on the session, or keeps it until that stands; false when it is lost.
+    bool SendOnLink(const void* frame, size_t size);
+    // Waits until all that was sent is with the kernel.
+    bool WaitLinkFlushed(Deadline deadline);
+
+    // Waits for the session, and for the key for channels that came with it; false when there is none in that
+    // generation, or not before the deadline.
+    bool WaitForKey(Deadline deadline, uint32_t generation, ChannelKey& key);
+    // Waits for the death of a process that has greeted; false when it lives on.
     bool WaitUntilDead(std::chrono::milliseconds limit);
+
+    // The version that the process speaks, where that is why it refuses this one; else 0.
+    std::atomic<uint32_t> otherVersion{0};
 
     // Returns what stands for the process's object of that number, and counts one more reference received.
     sptr<IRemoteObject> Object(ObjectId id);
     // Is called at the end of an object: gives the references back that it stood for.
     void Forget(const PeerObject& object);
+    // Tells all objects that they are dead. The caller drops them, which may be the last references to them.
+    std::vector<sptr<PeerObject>> TellObjects();
 
     ClientChannels& Channels() { return channels_; }
     OneWayCredit& Credit() { return credit_; }
@@ -83,19 +111,23 @@ public:
     // had just died. False when it does so again and again, and is taken for hostile.
     bool TakeRefusal(Deadline now) { return refusals_.Take(now); }
 
-    // Is called when the process has died: ends all connections with it, and tells the objects. The caller drops the
-    // objects that are returned, which may be the last references to them.
+    // Is called when the process has died or is not there: ends its connections and tells the objects, as above.
     std::vector<sptr<PeerObject>> Bury();
 
 private:
-    std::vector<sptr<Link>> Links() VEXA_EXCLUDES(mutex_);
-    sptr<Link> FirstLink() VEXA_EXCLUDES(mutex_);
+    // ASKED: link_ is this process's own and awaits the answer; ANSWERED: link_ is the other's and awaits the key.
+    enum class State : uint8_t { UNKNOWN, ASKED, ANSWERED, STANDS, DEAD };
 
+    void Enter(State state, const sptr<Link>& link) VEXA_REQUIRES(mutex_);
+    void Stand(const sptr<Link>& link, const ChannelKey& key) VEXA_REQUIRES(mutex_);
+
+    const EndpointId self_;
     const EndpointId id_;
-    const Credentials credentials_;
     const ChannelKey issuedKey_;
     const MakeObject makeObject_;
-    std::atomic<bool> dead_{false};
+    std::atomic<State> state_{State::UNKNOWN};
+    std::atomic<uint32_t> generation_{0};
+    Credentials who_;  // is written once, by the reactor's thread, before others know of the greeting
     ClientChannels channels_;
     OneWayCredit credit_;
     OneWayDebt debt_;
@@ -103,12 +135,18 @@ private:
 
     Mutex mutex_{LockRank::Peer};
     CondVar changed_;
-    std::vector<sptr<Link>> links_ VEXA_GUARDED_BY(mutex_);
-    std::optional<ChannelKey> key_ VEXA_GUARDED_BY(mutex_);
+    sptr<Link> link_ VEXA_GUARDED_BY(mutex_);
+    std::vector<uint8_t> outbox_ VEXA_GUARDED_BY(mutex_);
+    ChannelKey key_ VEXA_GUARDED_BY(mutex_);
 
     Mutex objectsMutex_{LockRank::PeerObjects};
     // An object takes itself out when it ends; until then its entry may point to one that has no references left.
     std::unordered_map<ObjectId, PeerObject*> objects_ VEXA_GUARDED_BY(objectsMutex_);
 };
+
+inline bool PeerObject::IsCurrent() const
+{
+    return generation_ == owner_->Generation();
+}
 
 }  // namespace VEXA::ipc

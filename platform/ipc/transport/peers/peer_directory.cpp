@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "peer_directory.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -10,6 +12,15 @@
 #include "transport/limits.h"
 
 namespace VEXA::ipc {
+namespace {
+
+// True when a connection that failed for this reason may succeed a moment later.
+bool MayPass(int reason)
+{
+    return reason == EAGAIN || reason == EMFILE || reason == ENFILE || reason == ENOBUFS || reason == ENOMEM;
+}
+
+}  // namespace
 
 sptr<Peer> PeerDirectory::KnownPeer(EndpointId id)
 {
@@ -24,28 +35,92 @@ bool PeerDirectory::HasDied(EndpointId id)
     return dead_.contains(id);
 }
 
-sptr<Peer> PeerDirectory::PeerAt(EndpointId id)
+sptr<Peer> PeerDirectory::Find(EndpointId id)
 {
-    MutexLock lock(mutex_);
     const auto found = peers_.find(id);
     if (found != peers_.end()) {
         return found->second;
     }
-    UniqueFd fd = dead_.contains(id) ? UniqueFd() : ConnectAtOnce(EndpointPath(id));
-    const Credentials credentials = fd ? CredentialsOf(fd) : Credentials();
-    sptr<Peer> peer(new Peer(id, credentials, parts_.makeObject));
-    // To whom this process connects is often a peer's choice, so these connections count like those that peers make.
-    ConnectionCounts::Slot slot = fd ? parts_.connections.Take(credentials.uid) : nullptr;
-    if (slot) {
-        const sptr<Link> link = parts_.openSession({std::move(fd), credentials, std::move(slot)}, peer);
-        peer->AttachLink(link);
-        if (parts_.reactor.Add(link)) {
+    const sptr<Peer> peer(new Peer(parts_.self, id, parts_.makeObject));
+    if (dead_.contains(id)) {
+        peer->Bury();
+    }
+    return peer;
+}
+
+sptr<Peer> PeerDirectory::PeerAt(EndpointId id)
+{
+    MutexLock lock(mutex_);
+    const sptr<Peer> peer = Find(id);
+    if (!peer->Dead() && !peer->IsConnected()) {
+        const bool isConnected = Connect(peer);
+        if (isConnected || MayPass(errno)) {
             peers_[id] = peer;
-            return peer;
+            TryLater(id);
+        } else if (!peers_.contains(id)) {
+            // It is not kept: peers may name as many that are not there as they like.
+            peer->Bury();
         }
     }
-    peer->Bury();
     return peer;
+}
+
+bool PeerDirectory::Connect(const sptr<Peer>& peer)
+{
+    UniqueFd fd = ConnectAtOnce(EndpointPath(peer->Id()));
+    if (!fd) {
+        const int reason = errno;
+        errno = MayPass(reason) && access(EndpointPath(peer->Id()).c_str(), F_OK) != 0 ? ENOENT : reason;
+        return false;
+    }
+    const Credentials who = CredentialsOf(fd);
+    // To whom this process connects is often a peer's choice, so these connections count like those that peers make.
+    ConnectionCounts::Slot slot = parts_.connections.Take(who.uid);
+    if (!slot) {
+        errno = EMFILE;
+        return false;
+    }
+    const sptr<Link> link = parts_.openSession({std::move(fd), who, std::move(slot)}, peer);
+    if (!parts_.reactor.Add(link)) {
+        errno = ENOMEM;
+        return false;
+    }
+    if (peer->Await(link)) {
+        const HelloFrame hello = MakeHello(FrameKind::HELLO, ConnectionUse::LINK, parts_.self);
+        link->Send(&hello, sizeof(hello));
+    } else {
+        link->Shutdown();  // it has greeted meanwhile
+    }
+    return true;
+}
+
+void PeerDirectory::TryLater(EndpointId id)
+{
+    apart_.try_emplace(id);
+    if (!ticks_) {
+        ticks_ = parts_.reactor.NeedTicks();
+    }
+}
+
+void PeerDirectory::OnTick(Deadline now)
+{
+    MutexLock lock(mutex_);
+    for (auto next = apart_.begin(); next != apart_.end();) {
+        const auto at = next++;
+        const sptr<Peer> peer = Find(at->first);
+        if (peer->Dead() || peer->IsConnected() || Connect(peer)) {
+            apart_.erase(at);
+        } else if (MayPass(errno)) {
+            at->second = {};
+        } else if (errno == ENOENT && (at->second == Deadline() || now - at->second <= kMissingLimit)) {
+            at->second = at->second == Deadline() ? now : at->second;
+        } else {
+            Forget(peer);
+        }
+    }
+    if (apart_.empty()) {
+        ticks_.reset();
+    }
 }
 
 bool PeerDirectory::IsEndpointOf(EndpointId claimed, const Credentials& credentials) const
@@ -64,31 +139,24 @@ bool PeerDirectory::IsEndpointOf(EndpointId claimed, const Credentials& credenti
     return true;
 }
 
-sptr<Peer> PeerDirectory::Greet(EndpointId claimed, const sptr<Link>& link, FrameKind answer)
+sptr<Peer> PeerDirectory::Identify(EndpointId claimed, const Credentials& who)
 {
-    const Credentials& who = link->Who();
-    // For a known process this was found out before, and its endpoint may have gone since then, as it does first when
-    // a process leaves. No process is forgotten meanwhile: that is this thread's work.
-    if (KnownPeer(claimed) == nullptr && !IsEndpointOf(claimed, who)) {
+    const sptr<Peer> known = KnownPeer(claimed);
+    if (known != nullptr && known->Who().pid > 0 && !known->Who().IsSameAs(who)) {
+        // The endpoint of a process that is just ending, taken over by another.
+        IPC_LOGE("process %{public}d claims the endpoint of process %{public}d", who.pid, known->Who().pid);
+        return nullptr;
+    }
+    // Where this process has connected to the endpoint, the kernel has told already who listens there.
+    if (known != nullptr ? !known->IsWith(who) && !IsEndpointOf(claimed, who)
+                         : !HasDied(claimed) && !IsEndpointOf(claimed, who)) {
         return nullptr;
     }
     MutexLock lock(mutex_);
-    if (dead_.contains(claimed)) {
-        return nullptr;
+    sptr<Peer> peer = Find(claimed);
+    if (!peer->Dead()) {
+        peers_[claimed] = peer;
     }
-    sptr<Peer>& peer = peers_[claimed];
-    if (peer == nullptr) {
-        peer = new Peer(claimed, who, parts_.makeObject);
-    }
-    if (!peer->Who().IsSameAs(who)) {
-        // The endpoint of a process that is just ending, taken over by another.
-        IPC_LOGE("process %{public}d claims the endpoint of process %{public}d", who.pid, peer->Who().pid);
-        return nullptr;
-    }
-    // The answer comes first on the link: once it is attached, other threads send on it.
-    const HelloFrame hello = MakeHello(answer, ConnectionUse::LINK, parts_.self, peer->IssuedKey());
-    link->Send(&hello, sizeof(hello));
-    peer->AttachLink(link);
     return peer;
 }
 
@@ -114,31 +182,46 @@ void PeerDirectory::DropIfDead(EndpointId holder)
     }
 }
 
-void PeerDirectory::Bury(const sptr<Peer>& peer)
+void PeerDirectory::OnLinkEnd(const sptr<Peer>& peer, const sptr<Link>& link, Refusal why)
 {
-    // All that the process still said on another link counts, also where that link is not accepted yet.
-    if (!parts_.reactor.Settling()) {
-        parts_.reactor.Settle(kSettleWait);
-    }
+    // The mutex keeps others from connecting again before all objects have been told.
     MutexLock lock(mutex_);
-    const auto found = peers_.find(peer->Id());
-    if (found == peers_.end() || found->second != peer) {
+    const bool isDeath = peer->Stands() || why == Refusal::DEAD;
+    if (!peer->OnEnd(link, isDeath)) {
         return;
     }
-    peers_.erase(found);
-    // A process that never answered may have been busy only, and may be tried again.
-    if (peer->HasAnswered() && dead_.insert(peer->Id()).second) {
-        deadOrder_.push_back(peer->Id());
+    if (isDeath) {
+        Remember(peer->Id());
     }
+    if (isDeath || why == Refusal::VERSION) {
+        Forget(peer);
+    } else {
+        DropOnWorker(peer->TellObjects());
+        TryLater(peer->Id());
+    }
+    lock.Unlock();
+    if (isDeath) {
+        parts_.onDeath(peer->Id());
+    }
+    parts_.reactor.ResumeLater();  // another connection may have waited for this end
+}
+
+void PeerDirectory::Forget(const sptr<Peer>& peer)
+{
+    peers_.erase(peer->Id());
+    apart_.erase(peer->Id());
+    DropOnWorker(peer->Bury());
+    DropOnWorker(parts_.objects.DropHolder(peer->Id()));
+}
+
+void PeerDirectory::Remember(EndpointId dead)
+{
+    dead_.insert(dead);
+    deadOrder_.push_back(dead);
     if (deadOrder_.size() > kMostDead) {
         dead_.erase(deadOrder_.front());
         deadOrder_.pop_front();
     }
-    lock.Unlock();
-    // From here on whoever looks for the endpoint finds it dead.
-    DropOnWorker(peer->Bury());
-    DropOnWorker(parts_.objects.DropHolder(peer->Id()));
-    parts_.onDeath(peer->Id());
 }
 
 }  // namespace VEXA::ipc

@@ -2,6 +2,7 @@
 // The processes that this one knows, alive and dead, and what it does with each of them.
 #pragma once
 
+#include <atomic>
 #include <deque>
 #include <functional>
 #include <unordered_map>
@@ -9,7 +10,6 @@
 
 #include "connection_counts.h"
 #include "death_notifier.h"
-#include "local_endpoint.h"
 #include "object_table.h"
 #include "peer.h"
 #include "reactor.h"
@@ -30,9 +30,8 @@ public:
         WorkerPool& workers;
         ConnectionCounts& connections;
         DeathNotifier& deaths;
-        LocalEndpoint& endpoint;
         Peer::MakeObject makeObject;
-        // Makes a session, which greets, on a new connection to that peer.
+        // Makes a session, which is yet to greet, on a new connection to that peer.
         std::function<sptr<Link>(Connection connection, const sptr<Peer>& peer)> openSession;
         // Called on the reactor's thread when a process has died and all that lived off it has been told.
         std::function<void(EndpointId dead)> onDeath;
@@ -43,10 +42,11 @@ public:
     ObjectTable& Objects() const { return parts_.objects; }
     Reactor& Loop() const { return parts_.reactor; }
     DeathNotifier& Deaths() const { return parts_.deaths; }
-    LocalEndpoint& Endpoint() const { return parts_.endpoint; }
+    // Numbers a request of this process.
+    uint64_t NextRequest() { return requests_.fetch_add(1, std::memory_order_relaxed) + 1; }
 
-    // Returns the process with that endpoint, and connects to it if need be; a peer that is dead where the process
-    // can't be reached, or is known to have died. Never waits.
+    // Returns the process with that endpoint, and connects to it if need be. The objects of the peer are dead from the
+    // start where that fails. Never waits.
     sptr<Peer> PeerAt(EndpointId id);
     // Does the same without connecting: null when the process is not known.
     sptr<Peer> KnownPeer(EndpointId id);
@@ -60,13 +60,23 @@ public:
     void AdjustHolder(ObjectId id, EndpointId holder, int64_t difference);
 
     // For the reactor's thread:
-    // Returns the process that introduces itself on a link, and answers it with a frame of that kind; null when it is
-    // not the one that it claims to be.
-    sptr<Peer> Greet(EndpointId claimed, const sptr<Link>& link, FrameKind answer);
-    // Is called when a link of the process has ended.
-    void Bury(const sptr<Peer>& peer);
+    // Returns the process that introduces itself on a connection; null when it is not the one that it claims to be.
+    sptr<Peer> Identify(EndpointId claimed, const Credentials& who);
+    // Is called when a connection of the process has ended, with the reason where the process has given one. It is the
+    // process's death if the session stood there.
+    void OnLinkEnd(const sptr<Peer>& peer, const sptr<Link>& link, Refusal why);
+    // Connects again to the processes that could not be reached, and forgets those that are not there any more.
+    void OnTick(Deadline now);
 
 private:
+    // Returns the peer, which is new unless the process is known, and dead where it is remembered as that.
+    sptr<Peer> Find(EndpointId id) VEXA_REQUIRES(mutex_);
+    // Connects to a process that is not connected; false, with errno, when that fails.
+    bool Connect(const sptr<Peer>& peer) VEXA_REQUIRES(mutex_);
+    void TryLater(EndpointId id) VEXA_REQUIRES(mutex_);
+    void Remember(EndpointId dead) VEXA_REQUIRES(mutex_);
+    // Drops a peer, and all that its process holds.
+    void Forget(const sptr<Peer>& peer) VEXA_REQUIRES(mutex_);
     // Drops references to objects on a worker: where they are the last, the objects' code must not hold up the reactor.
     template <typename Object>
     void DropOnWorker(std::vector<sptr<Object>> objects)
@@ -81,8 +91,12 @@ private:
     bool IsEndpointOf(EndpointId claimed, const Credentials& credentials) const;
 
     const Parts parts_;
+    std::atomic<uint64_t> requests_{0};
     Mutex mutex_{LockRank::PeerDirectory};
     std::unordered_map<EndpointId, sptr<Peer>> peers_ VEXA_GUARDED_BY(mutex_);
+    // Those that may not be connected, and since when they have had no endpoint.
+    std::unordered_map<EndpointId, Deadline> apart_ VEXA_GUARDED_BY(mutex_);
+    Reactor::Ticks ticks_ VEXA_GUARDED_BY(mutex_);  // while there are any
     // Endpoints that have died, in deadOrder_ the latest last: a peer that is made for one is dead from the start.
     std::unordered_set<EndpointId> dead_ VEXA_GUARDED_BY(mutex_);
     std::deque<EndpointId> deadOrder_ VEXA_GUARDED_BY(mutex_);

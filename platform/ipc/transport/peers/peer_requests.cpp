@@ -16,7 +16,7 @@ bool PeerRequests::Answer(MessageParcel& request, const FrameHeader& header, Mes
         return false;
     }
     int32_t result = Dispatch(request, header, reply);
-    FrameHeader answer = MakeHeader(FrameKind::REPLY);
+    FrameHeader answer = MakeHeader(FrameKind::REPLY, 0, header.extra);
     if (result == IPC_OK || reply.GetDataSize() > 0) {
         answer.bytes = static_cast<uint32_t>(reply.GetDataSize());
         if (!ParcelAccess::Objects(reply).empty() && !inFlight_.Pack(reply, *peer_, answer)) {

@@ -2,10 +2,10 @@
 #include "remote_proxy.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <utility>
 
 #include "frame_reader.h"
+#include "ipc_log.h"
 #include "object_transfer.h"
 #include "parcel_access.h"
 #include "process_life.h"
@@ -18,10 +18,8 @@ namespace VEXA::ipc {
 namespace {
 
 // Lays the request's header and object table around the data. Returns the size of the frame, 0 when it can't be sent.
-size_t Frame(
-    FrameKind kind, uint32_t code, ObjectId target, MessageParcel& data, Peer& receiver, ObjectTransfer& transfer)
+size_t Frame(FrameHeader header, uint32_t code, MessageParcel& data, Peer& receiver, ObjectTransfer& transfer)
 {
-    FrameHeader header = MakeHeader(kind, target);
     header.code = code;
     header.bytes = static_cast<uint32_t>(data.GetDataSize());
     if (!ParcelAccess::Objects(data).empty() && !transfer.Pack(data, receiver, header)) {
@@ -45,8 +43,8 @@ int32_t RemoteProxy::SendRequest(uint32_t code, MessageParcel& data, MessageParc
     if (ProcessLife::Forked()) {
         return IPC_FORKED;
     }
-    if (Process().Dead()) {
-        return IPC_DEAD_OBJECT;
+    if (ProcessLife::Exiting() || IsObjectDead()) {
+        return Lost();
     }
     if (data.GetDataSize() > IPC_MAX_PARCEL_BYTES || ParcelAccess::Objects(data).size() > IPC_MAX_PARCEL_OBJECTS) {
         return IPC_TOO_LARGE;
@@ -54,26 +52,31 @@ int32_t RemoteProxy::SendRequest(uint32_t code, MessageParcel& data, MessageParc
     return option.IsOneWay() ? SendOneWay(code, data) : SendSync(code, data, reply, option.GetWaitTime());
 }
 
+int32_t RemoteProxy::Lost(std::chrono::milliseconds lag) const
+{
+    if (ProcessLife::Exiting()) {
+        return IPC_EXITING;
+    }
+    if (const uint32_t other = Process().otherVersion; other != 0) {
+        IPC_LOGE("a request fails: its process speaks version %{public}u, this one %{public}u", other, kWireVersion);
+    }
+    return Process().WaitUntilDead(lag) ? IPC_DEAD_OBJECT : IPC_CONNECTION_LOST;
+}
+
 ClientChannel RemoteProxy::OpenChannel(Deadline deadline, int32_t& error)
 {
     ChannelKey key;
-    if (!Process().WaitForKey(deadline, key)) {
-        error = Process().Dead() ? IPC_DEAD_OBJECT : IPC_TIMED_OUT;
+    if (!Process().WaitForKey(deadline, Generation(), key)) {
+        error = IsObjectDead() ? Lost() : IPC_TIMED_OUT;
         return ClientChannel();
     }
     ClientChannel channel;
     UniqueFd fd = ConnectTo(EndpointPath(Process().Id()));
-    if (!fd) {
-        if ((errno == ENOENT || errno == ECONNREFUSED) && peers_.Endpoint().MissingMeansExit()) {
-            // A process that leaves takes its endpoint along first. It carries out nothing any more, however long its
-            // exit takes, so this is its death.
-            Process().ShutdownLinks();
-        }
-    } else if (Process().Who().IsSameAs(CredentialsOf(fd))) {
+    if (fd && Process().Who().IsSameAs(CredentialsOf(fd))) {
         channel = Process().Channels().Open(std::move(fd), peers_.Self(), key);
     }
     if (!channel) {
-        error = Process().WaitUntilDead(kDeathLag) ? IPC_DEAD_OBJECT : IPC_CONNECTION_LOST;
+        error = Lost(kDeathLag);
     }
     return channel;
 }
@@ -82,7 +85,8 @@ int32_t RemoteProxy::SendSync(uint32_t code, MessageParcel& data, MessageParcel&
 {
     const Deadline deadline = std::chrono::steady_clock::now() + std::chrono::seconds(waitTime);
     ObjectTransfer transfer(peers_);
-    const size_t size = Frame(FrameKind::REQUEST, code, Id(), data, Process(), transfer);
+    const FrameHeader request = MakeHeader(FrameKind::REQUEST, Id(), peers_.NextRequest());
+    const size_t size = Frame(request, code, data, Process(), transfer);
     if (size == 0) {
         return IPC_FAILED;
     }
@@ -103,7 +107,7 @@ int32_t RemoteProxy::SendSync(uint32_t code, MessageParcel& data, MessageParcel&
     if (error != IPC_OK) {
         Process().Channels().Lose(channel);
         ParcelAccess::Clear(reply);
-        return error == IPC_CONNECTION_LOST && Process().WaitUntilDead(kDeathLag) ? IPC_DEAD_OBJECT : error;
+        return error == IPC_CONNECTION_LOST ? Lost(kDeathLag) : error;
     }
     const FrameHeader header = HeaderOf(reply);
     if (header.objects > 0) {
@@ -119,7 +123,8 @@ int32_t RemoteProxy::SendSync(uint32_t code, MessageParcel& data, MessageParcel&
 int32_t RemoteProxy::SendOneWay(uint32_t code, MessageParcel& data)
 {
     ObjectTransfer transfer(peers_);
-    const size_t size = Frame(FrameKind::ONE_WAY, code, Id(), data, Process(), transfer);
+    const FrameHeader request = MakeHeader(FrameKind::ONE_WAY, Id(), peers_.NextRequest());
+    const size_t size = Frame(request, code, data, Process(), transfer);
     if (size == 0) {
         return IPC_FAILED;
     }
@@ -128,7 +133,7 @@ int32_t RemoteProxy::SendOneWay(uint32_t code, MessageParcel& data)
         return IPC_QUEUE_FULL;
     }
     if (!Process().SendOnLink(ParcelAccess::Storage(data), size)) {
-        return IPC_DEAD_OBJECT;
+        return IsObjectDead() ? Lost() : IPC_DEAD_OBJECT;
     }
     order.Unlock();
     transfer.Commit();
@@ -143,8 +148,8 @@ bool RemoteProxy::AddDeathRecipient(const sptr<DeathRecipient>& recipient)
     MutexLock lock(mutex_);
     recipients_.push_back(recipient);
     lock.Unlock();
-    // The recipients are collected after the peer is marked dead; one that came too late for that is collected here.
-    if (Process().Dead()) {
+    // The recipients are collected after the object is marked dead; one that came too late for that is collected here.
+    if (IsObjectDead()) {
         NotifyDeath();
     }
     return true;

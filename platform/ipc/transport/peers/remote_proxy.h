@@ -21,7 +21,7 @@ public:
     bool AddDeathRecipient(const sptr<DeathRecipient>& recipient) override;
     bool RemoveDeathRecipient(const sptr<DeathRecipient>& recipient) override;
     bool IsProxyObject() const override { return true; }
-    bool IsObjectDead() const override { return Owner()->Dead(); }
+    bool IsObjectDead() const override { return !IsCurrent() || Generation() % 2 == 0; }
 
     void NotifyDeath() override;
 
@@ -29,6 +29,8 @@ private:
     int32_t SendSync(uint32_t code, MessageParcel& data, MessageParcel& reply, int32_t waitTime);
     int32_t SendOneWay(uint32_t code, MessageParcel& data);
     ClientChannel OpenChannel(Deadline deadline, int32_t& error);
+    // Returns the result of a request that has lost its connection. Waits so long for word of the process's death.
+    int32_t Lost(std::chrono::milliseconds lag = {}) const;
 
     Peer& Process() const { return *Owner(); }
 

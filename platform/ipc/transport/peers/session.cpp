@@ -2,6 +2,7 @@
 #include "session.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <utility>
 
@@ -14,11 +15,32 @@
 namespace VEXA::ipc {
 namespace {
 
-bool ReadHello(Parcel& frame, HelloBody& body)
+HelloBody BodyOf(Parcel& frame)
 {
+    HelloBody body;
     std::memcpy(&body, ParcelAccess::Data(frame), sizeof(body));
-    return body.version == kWireVersion;
+    return body;
 }
+
+// Ends the session of a process that has ended. What the process has said is read first.
+class ProcessWatch : public EventHandler {
+public:
+    ProcessWatch(UniqueFd fd, Reactor& reactor, const sptr<Link>& link)
+        : EventHandler(std::move(fd)), reactor_(reactor), link_(link)
+    {}
+    void OnEvents(uint32_t) override
+    {
+        // The event may be of an earlier descriptor of that number.
+        if (WaitReadable(Fd(), {})) {
+            reactor_.Remove(Fd());
+            link_->Shutdown();
+        }
+    }
+
+private:
+    Reactor& reactor_;
+    const sptr<Link> link_;
+};
 
 }  // namespace
 
@@ -37,10 +59,7 @@ Session::Session(const Parts& parts, Connection connection, const sptr<Peer>& pe
       accepted_(false),
       peer_(peer),
       greeting_(std::move(greeting))
-{
-    const HelloFrame hello = MakeHello(FrameKind::HELLO, ConnectionUse::LINK, parts_.peers.Self());
-    Send(&hello, sizeof(hello));
-}
+{}
 
 void Session::OnTick(Deadline now)
 {
@@ -51,16 +70,18 @@ void Session::OnTick(Deadline now)
 
 bool Session::Admit(const FrameHeader& header)
 {
-    const bool isHello = header.kind == FrameKind::HELLO || header.kind == FrameKind::HELLO_REPLY;
-    if (!isHello && !greeted_ && (accepted_ || peer_ == nullptr)) {
+    const bool isHello = header.kind == FrameKind::HELLO;
+    const bool isAnswer = header.kind == FrameKind::HELLO_REPLY || header.kind == FrameKind::REFUSAL;
+    // A KEY or an answer makes the session stand, or ends the connection.
+    const bool isNext = isHello ? accepted_ && peer_ == nullptr : isAnswer ? !accepted_ : peer_ != nullptr;
+    if (!isNext || stands_ == (isHello || isAnswer || header.kind == FrameKind::KEY)) {
         return false;
     }
     if (header.kind == FrameKind::ONE_WAY) {
         arriving_ = peer_->Debt().Arrive(header.bytes);
         return arriving_ != nullptr;
     }
-    const size_t bytes = isHello || header.kind == FrameKind::KEY ? sizeof(HelloBody) : 0;
-    return header.bytes == bytes && header.objects == 0;
+    return header.bytes == (stands_ ? 0 : sizeof(HelloBody)) && header.objects == 0;
 }
 
 Link::Verdict Session::Handle(const FrameHeader& header, MessageParcel& frame)
@@ -68,16 +89,17 @@ Link::Verdict Session::Handle(const FrameHeader& header, MessageParcel& frame)
     PeerDirectory& peers = parts_.peers;
     switch (header.kind) {
         case FrameKind::HELLO:
+            return HandleHello(BodyOf(frame));
         case FrameKind::HELLO_REPLY:
-            return HandleHello(frame, header.kind);
-        case FrameKind::KEY: {
-            HelloBody body;
-            if (!accepted_ || !ReadHello(frame, body)) {
+            return HandleReply(BodyOf(frame));
+        case FrameKind::REFUSAL:
+            return HandleRefusal(static_cast<Refusal>(header.code), BodyOf(frame));
+        case FrameKind::KEY:
+            if (!peer_->OnKey(sptr<Link>(this), BodyOf(frame).key)) {
                 return Verdict::CLOSE;
             }
-            peer_->SetKey(body.key);
+            WatchProcess();
             return Verdict::GO_ON;
-        }
         case FrameKind::ONE_WAY:
             return HandleOneWay(header, frame);
         case FrameKind::ONE_WAY_ACK:
@@ -126,33 +148,58 @@ Link::Verdict Session::HandleUnheld(const FrameHeader& header, MessageParcel& fr
                : Verdict::CLOSE;
 }
 
-Link::Verdict Session::HandleHello(Parcel& frame, FrameKind kind)
+Link::Verdict Session::HandleHello(const HelloBody& body)
 {
-    HelloBody body;
-    if (greeted_ || accepted_ != (kind == FrameKind::HELLO) || !ReadHello(frame, body)) {
-        return Verdict::CLOSE;
+    if (body.version != kWireVersion) {
+        LogVersions(body.version);
+        return Refuse(Refusal::VERSION);
     }
-    if (accepted_ && body.use == ConnectionUse::CHANNEL) {
+    if (body.use == ConnectionUse::CHANNEL) {
         return HandleChannel(body);
     }
-    if (body.use != ConnectionUse::LINK || (peer_ != nullptr && peer_->Id() != body.sender) ||
+    const sptr<Peer> peer = body.use == ConnectionUse::LINK ? parts_.peers.Identify(body.sender, Who()) : nullptr;
+    if (peer == nullptr) {
+        return Verdict::END;
+    }
+    if (peer->Stands() || peer->Dead()) {
+        return Refuse(peer->Dead() ? Refusal::DEAD : Refusal::STANDS);
+    }
+    if (!peer->OnHello(sptr<Link>(this))) {
+        return Verdict::WAIT;
+    }
+    peer_ = peer;
+    awaiting_.reset();
+    return Verdict::GO_ON;
+}
+
+void Session::LogVersions(uint32_t other) const
+{
+    IPC_LOGE("process %{public}d speaks version %{public}u and this one %{public}u: connection closed", Who().pid,
+        other, kWireVersion);
+}
+
+Link::Verdict Session::Refuse(Refusal reason)
+{
+    const HelloFrame refusal = MakeRefusal(reason, parts_.peers.Self());
+    Send(&refusal, sizeof(refusal));
+    return Verdict::END;
+}
+
+Link::Verdict Session::HandleReply(const HelloBody& body)
+{
+    if (body.version != kWireVersion || body.use != ConnectionUse::LINK ||
+        (peer_ != nullptr && peer_->Id() != body.sender) ||
         (greeting_ != nullptr && greeting_->isTaken.exchange(true))) {
         return Verdict::CLOSE;
     }
-    if (peer_ == nullptr) {
-        peer_ = parts_.peers.Greet(body.sender, sptr<Link>(this), accepted_ ? FrameKind::HELLO_REPLY : FrameKind::KEY);
-        if (peer_ == nullptr) {
-            return Verdict::CLOSE;
-        }
-    } else {
-        const HelloFrame key = MakeHello(FrameKind::KEY, ConnectionUse::LINK, parts_.peers.Self(), peer_->IssuedKey());
-        Send(&key, sizeof(key));
+    const bool wasUnknown = peer_ == nullptr;
+    if (wasUnknown) {
+        peer_ = parts_.peers.Identify(body.sender, Who());
     }
-    greeted_ = true;
-    awaiting_.reset();
-    if (!accepted_) {
-        peer_->SetKey(body.key);
+    if (peer_ == nullptr || !peer_->OnReply(sptr<Link>(this), wasUnknown, body.key)) {
+        return Verdict::END;
     }
+    WatchProcess();
     if (greeting_ != nullptr) {
         greeting_->peer.set_value(peer_);
         greeting_.reset();
@@ -160,10 +207,43 @@ Link::Verdict Session::HandleHello(Parcel& frame, FrameKind kind)
     return Verdict::GO_ON;
 }
 
+Link::Verdict Session::HandleRefusal(Refusal reason, const HelloBody& body)
+{
+    refusal_ = reason;
+    if (reason == Refusal::VERSION) {
+        LogVersions(body.version);
+    }
+    if (reason == Refusal::VERSION && peer_ != nullptr) {
+        peer_->otherVersion = body.version;
+    }
+    if (reason == Refusal::STANDS && greeting_ != nullptr) {
+        // The publisher is a process that is known already. The session with it may be about to stand here.
+        const sptr<Peer> known = parts_.peers.KnownPeer(body.sender);
+        if (known != nullptr && known->IsWith(Who()) && !greeting_->isTaken.exchange(true)) {
+            greeting_->peer.set_value(known);
+            greeting_.reset();
+        }
+    }
+    return Verdict::END;
+}
+
+void Session::WatchProcess()
+{
+    stands_ = true;
+    reactor_.ResumeLater();  // another connection may wait for this
+    if (UniqueFd fd = OpenProcess(Who().pid)) {
+        watch_ = new ProcessWatch(std::move(fd), reactor_, sptr<Link>(this));
+        reactor_.Add(watch_, EPOLLIN);
+    } else if (errno == ESRCH) {
+        Shutdown();
+    }
+}
+
 Link::Verdict Session::HandleChannel(const HelloBody& body)
 {
     const sptr<Peer> peer = parts_.peers.KnownPeer(body.sender);
-    if (peer == nullptr || !peer->Who().IsSameAs(Who()) || !(peer->IssuedKey() == body.key)) {
+    // The key for this process may be unread yet.
+    if (peer == nullptr || !peer->IsWith(Who()) || !(peer->IssuedKey() == body.key)) {
         return Verdict::CLOSE;
     }
     awaiting_.reset();
@@ -196,8 +276,12 @@ void Session::OnEnd()
     if (greeting_ != nullptr) {
         greeting_->peer.set_value(nullptr);
     }
+    if (watch_ != nullptr) {
+        reactor_.Remove(watch_->Fd());
+        watch_ = nullptr;
+    }
     if (peer_ != nullptr) {
-        parts_.peers.Bury(peer_);
+        parts_.peers.OnLinkEnd(peer_, sptr<Link>(this), refusal_);
     }
 }
 

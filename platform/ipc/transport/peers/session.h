@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The protocol on a link: the greeting, one-way requests, and the book-keeping of references. The end of a session is
-// the death of the other process.
+// The protocol on a link: the greeting, one-way requests, and the book-keeping of references. The end of a session that
+// stands is the death of the other process.
 #pragma once
 
 #include <atomic>
@@ -47,20 +47,28 @@ protected:
     void OnEnd() override;
 
 private:
-    Verdict HandleHello(Parcel& frame, FrameKind kind);
+    Verdict HandleHello(const HelloBody& body);
+    Verdict HandleReply(const HelloBody& body);
+    Verdict HandleRefusal(Refusal reason, const HelloBody& body);
+    Verdict Refuse(Refusal reason);
+    void LogVersions(uint32_t other) const;
     Verdict HandleChannel(const HelloBody& body);
     Verdict HandleOneWay(const FrameHeader& header, MessageParcel& frame);
+    // Is called when the session stands: the end of the process is its end, whoever has its sockets then.
+    void WatchProcess();
     // Sees to a frame that names something that its sender does not hold. WAIT: a grant may be on its way.
     Verdict HandleUnheld(const FrameHeader& header, MessageParcel& frame);
 
     const Parts& parts_;
     const bool accepted_;
     const Deadline greetBy_{};  // for an accepted connection only: no timer says that another process is dead
-    Reactor::Ticks awaiting_;   // a greeting on an accepted connection
+    Reactor::Ticks awaiting_;   // a greeting on an accepted connection, or its turn
     sptr<Peer> peer_;
     OneWayDebt::Charge arriving_;  // of the one-way request whose frame has begun to arrive
     std::shared_ptr<Greeting> greeting_;
-    bool greeted_ = false;
+    bool stands_ = false;
+    Refusal refusal_{};         // that the other process has given as its reason
+    sptr<EventHandler> watch_;  // of the process
     // Grants that the peer may still take back, the latest last.
     std::deque<ObjectEntry> grants_;
 };

@@ -28,7 +28,7 @@ sptr<Peer> ContextLink::Reach()
     const Deadline deadline = std::chrono::steady_clock::now() + kGreetingWait;
     const uint64_t failures = failures_.load();
     MutexLock lock(mutex_);
-    if (peer_ != nullptr && !peer_->Dead()) {
+    if (peer_ != nullptr && peer_->IsConnected()) {
         return peer_;
     }
     // A thread that waited while another one tried in vain shares the result.

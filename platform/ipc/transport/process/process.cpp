@@ -52,11 +52,12 @@ Transport* IpcProcess::StartLocked()
     return Running();
 }
 
-// A process that leaves runs no more requests, whose code may need what is being destroyed, and takes its socket along.
+// A process that leaves runs no more requests, whose code may need what is being destroyed. It takes its socket along
+// and ends its connections, which is its death for all others, however long the rest of its exit takes.
 void IpcProcess::AtExit()
 {
     if (!ProcessLife::Forked()) {
-        ProcessLife::SetExiting();
+        ProcessLife::Leave();
         Get().Running()->Leave();
     }
 }

@@ -42,12 +42,18 @@ Transport::Transport(const ThreadStarter& startThread)
       contextLink_(endpoint_,
           [this](Connection connection, const std::shared_ptr<Greeting>& greeting) -> sptr<Link> {
               const sptr<Link> link(new Session(sessions_, std::move(connection), nullptr, greeting));
-              return reactor_.Add(link) ? link : nullptr;
+              if (!reactor_.Add(link)) {
+                  return nullptr;
+              }
+              const HelloFrame hello = MakeHello(FrameKind::HELLO, ConnectionUse::LINK, id_);
+              link->Send(&hello, sizeof(hello));
+              return link;
           }),
       contextWatch_(reactor_, workers_, contextLink_)
 {
     // Closing a channel can end objects, whose code must not hold up the reactor.
     reactor_.SetTickAction([this](Deadline now) {
+        peers_.OnTick(now);
         workers_.Post([this, now] {
             channels_.CloseStalled(now);
             contextWatch_.Look();
@@ -57,7 +63,7 @@ Transport::Transport(const ThreadStarter& startThread)
 
 PeerDirectory::Parts Transport::DirectoryParts()
 {
-    return {id_, objects_, reactor_, workers_, connections_, deaths_, endpoint_,
+    return {id_, objects_, reactor_, workers_, connections_, deaths_,
         [this](const sptr<Peer>& owner, ObjectId id) -> sptr<PeerObject> {
             return sptr<RemoteProxy>::MakeSptr(peers_, owner, id);
         },

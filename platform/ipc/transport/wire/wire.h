@@ -23,16 +23,17 @@ inline constexpr ObjectId kContextObject = 0;
 
 enum class FrameKind : uint16_t {
     HELLO = 1,        // first frame of a connection, from the process that connects
-    HELLO_REPLY = 2,  // first frame back on a link
-    REQUEST = 3,      // channel: asks for one REPLY
-    REPLY = 4,        // channel
+    HELLO_REPLY = 2,  // first frame back on a link: it may become the session
+    REQUEST = 3,      // channel: asks for one REPLY; `extra` numbers the sender's requests
+    REPLY = 4,        // channel; `extra` repeats the request's
     REPLY_ACK = 5,    // channel: the objects of the last reply have arrived
-    ONE_WAY = 6,      // link: a request without reply
+    ONE_WAY = 6,      // link: a request without reply, numbered like a REQUEST
     ONE_WAY_ACK = 7,  // link: `target` frames with `extra` bytes have left the receiver's queue
     RELEASE = 8,      // link: the sender gives up `extra` references to `target`, which the receiver owns
     GRANT = 9,        // link: `extra` is a process that receives `target`, which the receiver owns, from the sender
     UNGRANT = 10,     // link: takes back one GRANT that the sender gave on this link
     KEY = 11,         // link: the key for channels, once the process that connected knows whom it has reached
+    REFUSAL = 12,     // link: in place of HELLO_REPLY; `code` is a Refusal
 };
 
 struct FrameHeader {
@@ -40,7 +41,7 @@ struct FrameHeader {
     FrameKind kind;
     uint16_t objects;  // entries of the object table that follows the data
     uint32_t bytes;    // of data, without header and object table
-    uint32_t code;     // REQUEST and ONE_WAY: the request code; REPLY: the result
+    uint32_t code;     // REQUEST and ONE_WAY: the request code; REPLY: the result; REFUSAL: the reason
     uint64_t target;   // the object that the frame is about
     uint64_t extra;
 };
@@ -64,7 +65,14 @@ struct ChannelKey {
 
 enum class ConnectionUse : uint32_t { LINK = 1, CHANNEL = 2 };
 
-// The data of HELLO, HELLO_REPLY and KEY.
+// Why a HELLO is not answered.
+enum class Refusal : uint32_t {
+    STANDS = 1,   // the two processes have a session
+    VERSION = 2,  // the sender speaks another version
+    DEAD = 3,     // the sender is remembered as dead
+};
+
+// The data of HELLO, HELLO_REPLY, KEY and REFUSAL. Every version begins with these two numbers.
 struct HelloBody {
     uint32_t version;
     ConnectionUse use;
@@ -76,14 +84,14 @@ struct HelloBody {
 static_assert(sizeof(HelloBody) == 32);
 
 inline constexpr uint32_t kMagic = 0x31465856;  // "VXF1"
-inline constexpr uint32_t kWireVersion = 1;
+inline constexpr uint32_t kWireVersion = 2;
 
 inline FrameHeader MakeHeader(FrameKind kind, ObjectId target = 0, uint64_t extra = 0)
 {
     return FrameHeader{kMagic, kind, 0, 0, 0, target, extra};
 }
 
-// A whole frame by which `sender` introduces itself: HELLO, HELLO_REPLY or KEY.
+// A whole frame by which `sender` introduces itself: HELLO, HELLO_REPLY, KEY or REFUSAL.
 struct HelloFrame {
     FrameHeader header;
     HelloBody body;
@@ -94,11 +102,17 @@ inline HelloFrame MakeHello(FrameKind kind, ConnectionUse use, EndpointId sender
     hello.header.bytes = sizeof(HelloBody);
     return hello;
 }
+inline HelloFrame MakeRefusal(Refusal reason, EndpointId sender)
+{
+    HelloFrame refusal = MakeHello(FrameKind::REFUSAL, ConnectionUse::LINK, sender);
+    refusal.header.code = static_cast<uint32_t>(reason);
+    return refusal;
+}
 
 // True when a header may be believed. Before that nothing else of a frame is looked at, or allocated for.
 inline bool IsSound(const FrameHeader& header)
 {
-    return header.magic == kMagic && header.kind >= FrameKind::HELLO && header.kind <= FrameKind::KEY &&
+    return header.magic == kMagic && header.kind >= FrameKind::HELLO && header.kind <= FrameKind::REFUSAL &&
            header.bytes <= IPC_MAX_PARCEL_BYTES && header.bytes % 4 == 0 && header.objects <= IPC_MAX_PARCEL_OBJECTS;
 }
 

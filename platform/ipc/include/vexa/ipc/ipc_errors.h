@@ -29,6 +29,8 @@ enum IpcError : int32_t {
     // No connection could be made, or it ended before a sound reply came, while the object's process lives on. The
     // request may or may not have been carried out.
     IPC_CONNECTION_LOST = -9,
+    // This process is leaving: exit handlers run, and it has ended its connections.
+    IPC_EXITING = -10,
 };
 
 // Largest parcel, and largest data of a frame on the wire, in bytes.

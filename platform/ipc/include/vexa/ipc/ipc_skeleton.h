@@ -4,9 +4,11 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstddef>
 
 #include "vexa/base/export.h"
+#include "vexa/ipc/iremote_object.h"
 
 namespace VEXA {
 
@@ -21,6 +23,10 @@ public:
     // True when this process is a child that was forked with the runtime at work. Its calls fail, and locks that are
     // held across a call may be held for ever here, by a thread that only the parent has.
     static bool IsForkedChild();
+
+    // True when the object's process is known to live: it has answered this one, for which the thread waits until the
+    // deadline. False at once when the object is null or dead.
+    static bool AwaitProcess(const sptr<IRemoteObject>& object, std::chrono::steady_clock::time_point deadline);
 
     // Sets how many threads may carry out incoming requests at the same time (16 unless set). Threads that are waiting
     // for a request of their own don't count.
