@@ -52,9 +52,7 @@ bool Register(const sptr<IRemoteObject>& object)
         manager = SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
     }
     if (manager == nullptr) {
-        const std::string& directory = RuntimeDirectory();
-        fprintf(stderr, "migrate_serviced: no manager answers in %s\n",
-            directory.empty() ? "a runtime directory: set VEXA_RUNTIME_DIR or XDG_RUNTIME_DIR" : directory.c_str());
+        fprintf(stderr, "migrate_serviced: no manager answers in %s\n", RuntimeDirectory().c_str());
         return false;
     }
     const int32_t result = manager->AddSystemAbility(MIGRATE_SERVICE_ID, object);

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -10,18 +11,32 @@ namespace VEXA {
 
 namespace {
 
+// True where the caller's own manager serves, or will serve again once it has been restarted: only one that stops in
+// order removes its socket.
+bool IsOwnManagers(const std::string& directory)
+{
+    struct stat owner {};
+    struct stat socket {};
+    return stat(directory.c_str(), &owner) == 0 && owner.st_uid == geteuid() &&
+           stat((directory + "/samgr.sock").c_str(), &socket) == 0;
+}
+
 std::string ChosenDirectory()
 {
-    if (const char* own = std::getenv("VEXA_RUNTIME_DIR"); own != nullptr && *own != '\0') {
+    if (const char* own = secure_getenv("VEXA_RUNTIME_DIR"); own != nullptr && *own != '\0') {
         return own;
     }
-    if (const char* session = std::getenv("XDG_RUNTIME_DIR"); session != nullptr && *session != '\0') {
-        return std::string(session) + "/vexa";
-    }
-    return geteuid() == 0 ? "/run/vexa" : "";
+    const std::string users = UserRuntimeDirectory();
+    return !users.empty() && IsOwnManagers(users) ? users : kSystemRuntimeDirectory;
 }
 
 }  // namespace
+
+std::string UserRuntimeDirectory()
+{
+    const char* session = secure_getenv("XDG_RUNTIME_DIR");
+    return session != nullptr && *session != '\0' ? std::string(session) + "/vexa" : "";
+}
 
 const std::string& RuntimeDirectory()
 {

@@ -35,6 +35,32 @@ namespace {
 
 namespace fs = std::filesystem;
 
+TEST(RuntimeDirectory, IsTheUsersWhereItsManagerLeftASocket)
+{
+    const TempDir folder;
+    const std::string users = folder.Path() + "/vexa";
+    const auto expectChosen = [](const std::string& expected) {
+        // A process decides once.
+        const pid_t child = fork();
+        if (child == 0) {
+            _exit(RuntimeDirectory() == expected ? 0 : 1);
+        }
+        int status = -1;
+        EXPECT_TRUE(waitpid(child, &status, 0) == child && status == 0) << expected;
+    };
+    setenv("VEXA_RUNTIME_DIR", "", 1);
+    setenv("XDG_RUNTIME_DIR", folder.Path().c_str(), 1);
+    fs::create_directory(users);
+    expectChosen("/run/vexa");
+    std::ofstream(users + "/samgr.sock") << "";
+    expectChosen(users);
+    if (chown(users.c_str(), 1, 1) == 0) {  // as root
+        expectChosen("/run/vexa");
+    }
+    setenv("VEXA_RUNTIME_DIR", "/own", 1);
+    expectChosen("/own");
+}
+
 TEST(ContextWatch, HearsOfAnotherContextObjectAlsoInADirectoryMadeAnew)
 {
     const TempDir folder;

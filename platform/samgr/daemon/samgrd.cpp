@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // samgrd: the system-ability manager's program.
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
@@ -8,6 +11,7 @@
 
 #include "daemon/daemon.h"
 #include "vexa/base/standard_streams.h"
+#include "vexa/ipc/context_object.h"
 
 namespace {
 
@@ -31,8 +35,8 @@ int main(int argc, char** argv)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
         ->default_str(DefaultProfiles());
     app.add_option("--runtime-dir", runtimeDirectory,
-        "Directory of the sockets (default: VEXA_RUNTIME_DIR, else "
-        "$XDG_RUNTIME_DIR/vexa, else /run/vexa for root)");
+           "Directory of the sockets (default: /run/vexa for root and $XDG_RUNTIME_DIR/vexa for others)")
+        ->envname("VEXA_RUNTIME_DIR");
     app.set_version_flag("--version", "samgrd " VEXA_VERSION);
     try {
         app.parse(argc, argv);
@@ -40,8 +44,15 @@ int main(int argc, char** argv)
         const int status = app.exit(error);
         return status == 0 ? 0 : VEXA::samgr::EXIT_USAGE;
     }
-    if (!runtimeDirectory.empty()) {
-        setenv("VEXA_RUNTIME_DIR", runtimeDirectory.c_str(), 1);
+    // A manager does not look where another one serves.
+    if (runtimeDirectory.empty()) {
+        runtimeDirectory = geteuid() == 0 ? VEXA::kSystemRuntimeDirectory : VEXA::UserRuntimeDirectory();
     }
+    if (runtimeDirectory.empty()) {
+        fprintf(
+            stderr, "samgrd: no runtime directory: give --runtime-dir, or set VEXA_RUNTIME_DIR or XDG_RUNTIME_DIR\n");
+        return VEXA::samgr::EXIT_CANT_SERVE;
+    }
+    setenv("VEXA_RUNTIME_DIR", runtimeDirectory.c_str(), 1);
     return VEXA::samgr::RunDaemon(profiles.empty() ? std::vector<std::string>{DefaultProfiles()} : profiles);
 }

@@ -4,6 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
+
 #include "ipc_log.h"
 #include "runtime_paths.h"
 #include "transport/limits.h"
@@ -22,6 +25,11 @@ bool IsTrusted(uid_t user)
 }
 
 }  // namespace
+
+void LogNoPublisher()
+{
+    IPC_LOGE("no manager can be reached at %{public}s: %{public}s", ContextSocketPath().c_str(), std::strerror(errno));
+}
 
 sptr<Peer> ContextLink::Reach()
 {
@@ -45,11 +53,10 @@ sptr<Peer> ContextLink::Reach()
 sptr<Peer> ContextLink::Greet(Deadline deadline)
 {
     // The endpoint comes before the link, so that it also goes before it when the process is killed.
-    if (access(ContextSocketPath().c_str(), F_OK) != 0 || !endpoint_.Provide()) {
-        return nullptr;
-    }
-    UniqueFd fd = ConnectTo(ContextSocketPath());
+    const bool mayConnect = access(ContextSocketPath().c_str(), F_OK) == 0 && endpoint_.Provide();
+    UniqueFd fd = mayConnect ? ConnectTo(ContextSocketPath()) : UniqueFd();
     if (!fd) {
+        LogNoPublisher();
         return nullptr;
     }
     const Credentials who = CredentialsOf(fd);
@@ -61,6 +68,7 @@ sptr<Peer> ContextLink::Greet(Deadline deadline)
     std::future<sptr<Peer>> answer = greeting->peer.get_future();
     const sptr<Link> link = open_({std::move(fd), who, nullptr}, greeting);
     if (link == nullptr) {
+        LogNoPublisher();
         return nullptr;
     }
     // An answer that comes later is not taken; one that has been taken is about to be here.
@@ -68,6 +76,8 @@ sptr<Peer> ContextLink::Greet(Deadline deadline)
     sptr<Peer> peer = !isLate && answer.wait_for(kClaimLimit) == std::future_status::ready ? answer.get() : nullptr;
     if (peer == nullptr) {
         link->Shutdown();
+        errno = isLate ? ETIMEDOUT : ECONNRESET;
+        LogNoPublisher();
         return nullptr;
     }
     publisher_ = peer->Id();

@@ -11,6 +11,9 @@
 
 namespace VEXA::ipc {
 
+// Says, with errno, that no process publishes the context object.
+void LogNoPublisher();
+
 // All operations may be called from any thread.
 class ContextLink {
 public:

@@ -64,7 +64,8 @@ void IpcProcess::AtExit()
 
 sptr<Peer> IpcProcess::ContextPeer()
 {
-    if (Running() == nullptr && (RuntimeDirectory().empty() || access(ContextSocketPath().c_str(), F_OK) != 0)) {
+    if (Running() == nullptr && access(ContextSocketPath().c_str(), F_OK) != 0) {
+        LogNoPublisher();
         return nullptr;
     }
     Transport* const transport = Start();

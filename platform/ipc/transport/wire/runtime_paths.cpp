@@ -36,13 +36,9 @@ std::string EndpointPath(EndpointId id)
 bool CreateRuntimeDirectory()
 {
     const std::string& directory = RuntimeDirectory();
-    if (directory.empty()) {
-        IPC_LOGE("no runtime directory: set VEXA_RUNTIME_DIR or XDG_RUNTIME_DIR");
-        return false;
-    }
     // In the directory that all users share, everyone may add a socket and nobody remove another's; a directory that
     // was there before keeps the mode that its owner gave it.
-    const bool shared = directory == "/run/vexa";
+    const bool shared = directory == kSystemRuntimeDirectory;
     const std::string endpoints = EndpointDirectory();
     if ((mkdir(directory.c_str(), shared ? 0755 : 0700) != 0 && errno != EEXIST) ||
         (mkdir(endpoints.c_str(), 0700) != 0 && errno != EEXIST) || (shared && chmod(endpoints.c_str(), 01777) != 0)) {

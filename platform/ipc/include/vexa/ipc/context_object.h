@@ -12,8 +12,14 @@
 
 namespace VEXA {
 
-// Returns the directory of this process's sockets: VEXA_RUNTIME_DIR, else $XDG_RUNTIME_DIR/vexa, else /run/vexa for
-// root; empty when none of them applies. It is decided once; a relative name is one in the working directory of then.
+// The runtime directory of the system's manager.
+inline constexpr char kSystemRuntimeDirectory[] = "/run/vexa";
+// Returns the runtime directory of the caller's own manager, $XDG_RUNTIME_DIR/vexa; empty when that variable is not
+// set.
+VEXA_EXPORT std::string UserRuntimeDirectory();
+// Returns the directory of this process's sockets: VEXA_RUNTIME_DIR; else UserRuntimeDirectory where that belongs to
+// the caller and has a samgr.sock; else kSystemRuntimeDirectory. It is decided once; a relative name is one in the
+// working directory of then. A program that has more rights than its caller takes no directory from the environment.
 VEXA_EXPORT const std::string& RuntimeDirectory();
 
 // Returns the context object, null when no process publishes one now. Blocks for the connection only, at most a second.
