@@ -9,19 +9,19 @@
 namespace VEXA::ipc {
 namespace {
 
-thread_local const Credentials* currentCaller = nullptr;
+thread_local const Caller* currentCaller = nullptr;
 
 }  // namespace
 
-const Credentials* CurrentCaller()
+const Caller* CurrentCaller()
 {
     return currentCaller;
 }
 
 int32_t CarryOut(IRemoteObject& object, uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option,
-    const Credentials& caller)
+    const Caller& caller)
 {
-    const Credentials* const outer = std::exchange(currentCaller, &caller);
+    const Caller* const outer = std::exchange(currentCaller, &caller);
     int32_t result = IPC_OK;
     if (!RunForeign("a request's handler", [&] { result = object.SendRequest(code, data, reply, option); })) {
         ParcelAccess::Clear(reply);

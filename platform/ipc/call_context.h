@@ -12,9 +12,9 @@ namespace VEXA::ipc {
 // Calls the object on behalf of a process, which the thread's calls of IPCSkeleton name meanwhile. An exception that
 // leaves the object's code is logged and answered with IPC_HANDLER_THREW.
 int32_t CarryOut(IRemoteObject& object, uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option,
-    const Credentials& caller);
+    const Caller& caller);
 
 // Returns the process on whose behalf this thread is calling an object; null outside a request.
-const Credentials* CurrentCaller();
+const Caller* CurrentCaller();
 
 }  // namespace VEXA::ipc

@@ -3,6 +3,8 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "call_context.h"
 #include "process.h"
 #include "process_life.h"
@@ -12,14 +14,31 @@ namespace VEXA {
 
 pid_t IPCSkeleton::GetCallingPid()
 {
-    const ipc::Credentials* const caller = ipc::CurrentCaller();
+    const ipc::Caller* const caller = ipc::CurrentCaller();
     return caller != nullptr ? caller->pid : getpid();
 }
 
 uid_t IPCSkeleton::GetCallingUid()
 {
-    const ipc::Credentials* const caller = ipc::CurrentCaller();
+    const ipc::Caller* const caller = ipc::CurrentCaller();
     return caller != nullptr ? caller->uid : geteuid();
+}
+
+bool IPCSkeleton::IsCallerInGroup(gid_t group)
+{
+    if (const ipc::Caller* const caller = ipc::CurrentCaller()) {
+        return std::ranges::find(caller->groups, group) != caller->groups.end();
+    }
+    return group == getegid() || group_member(group) != 0;
+}
+
+uint64_t IPCSkeleton::GetCallingEndpoint()
+{
+    if (const ipc::Caller* const caller = ipc::CurrentCaller()) {
+        return caller->endpoint;
+    }
+    const ipc::Transport* const own = ipc::IpcProcess::Get().Running();
+    return own != nullptr ? own->Id() : 0;
 }
 
 bool IPCSkeleton::IsForkedChild()

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // What only real processes show of the transport: death, exit, fork and stops, memory, nesting, many threads at once.
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
@@ -17,6 +18,7 @@ namespace VEXA::test {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+constexpr gid_t kExtraGroup = 54321;
 
 class CountingRecipient : public IRemoteObject::DeathRecipient {
 public:
@@ -41,6 +43,7 @@ protected:
     {
         static const TestRuntime runtime;
         hubProcess_ = ChildProcess({BesideMe("ipc_peer"), "hub"});
+        setgroups(1, &kExtraGroup);  // as root
         ASSERT_TRUE(Eventually([this] {
             hub_ = GetContextObject();
             return hub_ != nullptr && Call(hub_, ADD_ONE, 1).Answer() == 2;
@@ -186,9 +189,15 @@ TEST_F(IpcProcesses, ResultsIdentityAndSizesComeThrough)
     Call threw(hub_, THROW);
     EXPECT_EQ(threw.Send(), IPC_HANDLER_THREW);
     EXPECT_EQ(threw.Reply().GetDataSize(), 0U) << "half a reply";
-    Call who(hub_, WHO_CALLS);
-    EXPECT_EQ(who.Answer(), getpid());
-    EXPECT_EQ(who.Reply().ReadInt32(), static_cast<int32_t>(geteuid()));
+    for (const gid_t group : {kExtraGroup, getegid(), kExtraGroup + 1}) {
+        const bool isIn = group == getegid() || (group == kExtraGroup && geteuid() == 0);
+        Call who(hub_, WHO_CALLS, static_cast<int32_t>(group));
+        EXPECT_EQ(who.Answer(), getpid());
+        EXPECT_EQ(who.Reply().ReadInt32(), static_cast<int32_t>(geteuid()));
+        EXPECT_EQ(who.Reply().ReadUint64(), IPCSkeleton::GetCallingEndpoint());
+        EXPECT_EQ(who.Reply().ReadInt32(), isIn) << group;
+        EXPECT_EQ(IPCSkeleton::IsCallerInGroup(group), isIn) << "outside a request";
+    }
     // A string's length and its terminator take 8 bytes of the 16 MiB.
     for (const size_t size : std::vector<size_t>{0, 400, 500, 5000, 300'000, 16777216 - 8}) {
         Call echo(hub_, ECHO, std::string(size, 'e'));

@@ -31,7 +31,7 @@ enum Code : uint32_t {
     ECHO,         // string -> string
     MAKE_NEW,     // -> a new object
     THROW,
-    WHO_CALLS,  // -> int32 pid, int32 uid
+    WHO_CALLS,  // int32 group -> int32 pid, int32 uid, uint64 endpoint, int32: whether it is in the group
     RESULT,     // int32 -> that result
     LIMIT,      // int32: how many threads may carry out requests
 };
@@ -93,7 +93,9 @@ public:
                 throw std::runtime_error("on request");
             case WHO_CALLS:
                 reply.WriteInt32(IPCSkeleton::GetCallingPid());
-                return reply.WriteInt32(static_cast<int32_t>(IPCSkeleton::GetCallingUid())) ? 0 : 1;
+                reply.WriteInt32(static_cast<int32_t>(IPCSkeleton::GetCallingUid()));
+                reply.WriteUint64(IPCSkeleton::GetCallingEndpoint());
+                return reply.WriteInt32(IPCSkeleton::IsCallerInGroup(static_cast<gid_t>(data.ReadInt32()))) ? 0 : 1;
             case RESULT:
                 return data.ReadInt32();
             case LIMIT:

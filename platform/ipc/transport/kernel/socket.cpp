@@ -157,6 +157,7 @@ Credentials CredentialsOf(const UniqueFd& socket)
     if (getsockopt(socket.Get(), SOL_SOCKET, SO_PEERCRED, &credentials, &size) == 0 && credentials.pid > 0) {
         result.pid = credentials.pid;
         result.uid = credentials.uid;
+        result.gid = credentials.gid;
     }
     return result;
 }
@@ -164,6 +165,20 @@ Credentials CredentialsOf(const UniqueFd& socket)
 UniqueFd OpenProcess(pid_t process)
 {
     return UniqueFd::Make([&] { return static_cast<int>(syscall(SYS_pidfd_open, process, 0)); });
+}
+
+std::vector<gid_t> GroupsOf(const Credentials& who, int socket)
+{
+    if (who.pid <= 0) {
+        return {};
+    }
+    std::vector<gid_t> groups{who.gid};
+    socklen_t size = 0;  // the kernel tells how much it needs
+    if (getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, nullptr, &size) != 0 && errno == ERANGE) {
+        groups.resize(1 + size / sizeof(gid_t));
+        groups.resize(getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, &groups[1], &size) == 0 ? groups.size() : 1);
+    }
+    return groups;
 }
 
 Transfer SendNow(int fd, const void* bytes, size_t size, size_t& moved)

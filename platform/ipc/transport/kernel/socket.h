@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "credentials.h"
 #include "process_life.h"
@@ -45,6 +46,8 @@ Credentials CredentialsOf(const UniqueFd& socket);
 // Becomes readable when the process has ended. Without a value, and errno set, where the kernel can't tell; ESRCH: it
 // has ended.
 UniqueFd OpenProcess(pid_t process);
+// The groups of the process at the other end, the primary one first; an unknown one is in none.
+std::vector<gid_t> GroupsOf(const Credentials& who, int socket);
 
 // Says how a transfer ended.
 enum class Transfer { DONE, WOULD_BLOCK, END, FAILED };

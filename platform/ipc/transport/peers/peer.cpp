@@ -14,7 +14,7 @@ PeerObject::PeerObject(const sptr<Peer>& owner, ObjectId id)
 
 Peer::Peer(EndpointId self, EndpointId id, MakeObject makeObject)
     : self_(self),
-      id_(id),
+      who_{{}, id, {}},
       issuedKey_{RandomNumber(), RandomNumber()},
       makeObject_(std::move(makeObject)),
       debt_([this](uint64_t frames, uint64_t bytes) {
@@ -27,7 +27,7 @@ void Peer::Enter(State state, const sptr<Link>& link)
 {
     link_ = link;
     if (link != nullptr && who_.pid <= 0 && state != State::ASKED) {
-        who_ = link->Who();
+        who_ = {link->Who(), Id(), GroupsOf(link->Who(), link->Fd())};
     }
     if ((link != nullptr) != IsConnected()) {
         generation_.fetch_add(1, std::memory_order_acq_rel);
@@ -49,7 +49,7 @@ bool Peer::Await(const sptr<Link>& link)
 bool Peer::OnHello(const sptr<Link>& link)
 {
     MutexLock lock(mutex_);
-    if (state_ == State::ANSWERED || (state_ == State::ASKED && self_ > id_)) {
+    if (state_ == State::ANSWERED || (state_ == State::ASKED && self_ > Id())) {
         return false;
     }
     if (link_ != nullptr) {

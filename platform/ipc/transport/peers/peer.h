@@ -57,9 +57,9 @@ public:
 
     Peer(EndpointId self, EndpointId id, MakeObject makeObject);
 
-    EndpointId Id() const { return id_; }
+    EndpointId Id() const { return who_.endpoint; }
     // Is known once the process has greeted, and stays: no other process is believed to be this one.
-    const Credentials& Who() const { return who_; }
+    const Caller& Who() const { return who_; }
     bool Dead() const { return state_.load(std::memory_order_acquire) == State::DEAD; }
     bool Stands() const { return state_.load(std::memory_order_acquire) == State::STANDS; }
     // Is odd while there is a connection, greeting or standing, and counts on when there is one and when it has gone.
@@ -122,12 +122,12 @@ private:
     void Stand(const sptr<Link>& link, const ChannelKey& key) VEXA_REQUIRES(mutex_);
 
     const EndpointId self_;
-    const EndpointId id_;
+    // But for the endpoint it is written once, by the reactor's thread, before others know of the greeting.
+    Caller who_;
     const ChannelKey issuedKey_;
     const MakeObject makeObject_;
     std::atomic<State> state_{State::UNKNOWN};
     std::atomic<uint32_t> generation_{0};
-    Credentials who_;  // is written once, by the reactor's thread, before others know of the greeting
     ClientChannels channels_;
     OneWayCredit credit_;
     OneWayDebt debt_;

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 
 #include "vexa/base/export.h"
 #include "vexa/ipc/iremote_object.h"
@@ -19,6 +20,11 @@ public:
     // which is root.
     static pid_t GetCallingPid();
     static uid_t GetCallingUid();
+    // True when that process was in the group when it connected. A process that the kernel does not name is in none.
+    static bool IsCallerInGroup(gid_t group);
+    // Returns the endpoint of that process: a number that no other process of the runtime directory has, now or later.
+    // 0 where there is none: outside a request of a process that has not used the runtime.
+    static uint64_t GetCallingEndpoint();
 
     // True when this process is a child that was forked with the runtime at work. Its calls fail, and locks that are
     // held across a call may be held for ever here, by a thread that only the parent has.
