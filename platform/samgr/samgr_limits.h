@@ -46,6 +46,8 @@ inline constexpr std::chrono::milliseconds kForgetDeaths = std::chrono::seconds(
 
 // Bytes of a profile. A larger file is left out.
 inline constexpr size_t kMaxProfileBytes = size_t{64} * 1024;
+// Bytes of an entry in the system's database of users and groups. A group with more members is not known.
+inline constexpr size_t kMaxEntryBytes = size_t{1024} * 1024;
 // How long a program may take to register, unless its profile says otherwise.
 inline constexpr std::chrono::milliseconds kStartTimeout = std::chrono::seconds(5);
 // The longest time that a profile may say, because its callers must hear of a program that hangs.

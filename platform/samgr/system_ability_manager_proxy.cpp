@@ -132,6 +132,7 @@ int32_t SystemAbilityManagerProxy::LoadSystemAbility(
         load->FailWithManager();
     } else {
         load->Abandon();
+        SAMGR_LOGE("load of service %{public}d is refused: %{public}s", systemAbilityId, samgr::ResultText(result));
     }
     return result;
 }
@@ -147,6 +148,7 @@ int32_t SystemAbilityManagerProxy::AddSystemAbility(int32_t systemAbilityId, con
     const int32_t result = samgr::Register(Remote(), systemAbilityId, object);
     if (result != SAMGR_OK) {
         own.Replace(systemAbilityId, previous);
+        SAMGR_LOGE("service %{public}d is not registered: %{public}s", systemAbilityId, samgr::ResultText(result));
     }
     return result;
 }

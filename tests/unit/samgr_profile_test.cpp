@@ -19,25 +19,26 @@ TEST(SamgrProfile, NumbersAndUsersAreReadAndHaveDefaults)
 {
     Profile profile;
     std::string error;
-    ASSERT_TRUE(ParseProfile(R"({"id": 65792, "program": "p", "user": "root", "startTimeout": 0.25,
-        "register": ["root", 12], "lookup": [7, "8"]})",
+    ASSERT_TRUE(ParseProfile(R"({"id": 65792, "program": "p", "user": "5", "startTimeout": 0.25,
+        "register": ["root", 12], "lookup": [7, "8", "nobody here", "%nor here", "%daemon", "%9"]})",
         profile, error))
         << error;
-    EXPECT_EQ(std::tuple(profile.id, profile.user, profile.startTimeout), std::tuple(65792, "root", 250ms));
+    EXPECT_EQ(std::tuple(profile.id, profile.user, profile.startTimeout), std::tuple(65792, "5", 250ms));
     EXPECT_EQ(profile.registrars.uids, (std::vector<uid_t>{0, 12}));
-    EXPECT_EQ(profile.lookup.uids, (std::vector<uid_t>{7, 8}));
+    EXPECT_EQ(profile.lookup.uids, (std::vector<uid_t>{0, geteuid(), 5, 7, 8}));
+    EXPECT_EQ(profile.lookup.gids, (std::vector<gid_t>{1, 9}));
     EXPECT_FALSE(profile.lookup.everyone);
 
-    // Without more, everyone may look it up and the manager's user register it.
     ASSERT_TRUE(
         ParseProfile(R"({"id": 2147483647, "program": "p", "startTimeout": 300, "user": "12"})", profile, error));
     EXPECT_EQ(profile.startTimeout, 300s);
     EXPECT_EQ(profile.registrars.uids, (std::vector<uid_t>{geteuid(), 12}));
     ASSERT_TRUE(ParseProfile(R"({"id": 1, "program": "p"})", profile, error)) << error;
     EXPECT_EQ(profile.startTimeout, 5s);
-    constexpr auto kUnknown = static_cast<uid_t>(-1);
-    EXPECT_TRUE(profile.registrars.Allows(geteuid()) && profile.lookup.Allows(kUnknown));
-    EXPECT_FALSE(profile.registrars.Allows(geteuid() + 1) || profile.registrars.Allows(kUnknown));
+    EXPECT_EQ(profile.registrars.uids, std::vector<uid_t>(2, geteuid()));
+    EXPECT_EQ(profile.lookup.uids, (std::vector<uid_t>{0, geteuid(), geteuid()}));
+    ASSERT_TRUE(ParseProfile(R"({"id": 1, "program": "p", "lookup": ["*"]})", profile, error)) << error;
+    EXPECT_TRUE(profile.lookup.everyone);
 }
 
 TEST(SamgrProfile, FaultsAreNamed)
@@ -50,7 +51,7 @@ TEST(SamgrProfile, FaultsAreNamed)
         {R"("id": 0)", R"("id": 1.5)", R"("id": 2147483648)", R"("program": "")", R"("arguements": [])",
             R"("arguments": [1])", R"("arguments": {})", R"("environment": {"A=B": "c"})", R"("environment": ["a"])",
             R"("startTimeout": 0)", R"("startTimeout": 300.1)", R"("user": "no such user")", R"("user": "4294967295")",
-            R"("register": [4294967295])", R"("register": [-1])", R"("lookup": ["12x"])", R"("lookup": "root")"}) {
+            R"("register": [4294967295])", R"("register": [-1])", R"("lookup": [["root"]])", R"("lookup": "root")"}) {
         cases.emplace_back("{" + member + ", " + sound.substr(1), member.substr(1, member.find('"', 1) - 1));
     }
     Profile profile;

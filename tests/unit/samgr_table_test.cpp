@@ -52,6 +52,12 @@ protected:
         profile.lookup.everyone = profile.lookup.uids.empty();
         table_->SetProfiles({std::make_shared<Profile>(profile)});
     }
+    sptr<IRemoteObject> Check()
+    {
+        sptr<IRemoteObject> object;
+        EXPECT_EQ(table_->Check(kId, kClient, object), SAMGR_OK);
+        return object;
+    }
     int32_t Load()
     {
         return table_->Load(kId, kClient, [this](const LoadOutcome& outcome) { outcomes_.push_back(outcome); });
@@ -85,14 +91,14 @@ TEST_F(SamgrTable, LoadsOfOneServiceStartOneProgramAndAllGetItsObject)
     EXPECT_EQ(Load(), SAMGR_BUSY);
     table_->RunDue();
     table_->RunDue();
-    EXPECT_EQ(table_->Check(kId, kClient), nullptr);
+    EXPECT_EQ(Check(), nullptr);
     EXPECT_TRUE(outcomes_.empty());
 
     const auto object = Register(1000);
     EXPECT_EQ(Load(), SAMGR_OK);  // served from memory, at once
     ASSERT_EQ(outcomes_.size(), 1025U);
     EXPECT_TRUE(std::ranges::all_of(outcomes_, [&](const LoadOutcome& one) { return one.object == object; }));
-    EXPECT_TRUE(table_->Check(kId, kClient) == object);
+    EXPECT_TRUE(Check() == object);
     EXPECT_EQ(table_->RunDue(), TimePoint::max());
     EXPECT_EQ(starter_.starts, 1);
 }
@@ -134,17 +140,17 @@ TEST_F(SamgrTable, DeadObjectIsNeverGivenOutAndTheNextInstanceTakesItsPlace)
 {
     const auto first = Register(LoadAndStart());
     first->isDead = true;
-    EXPECT_EQ(table_->Check(kId, kClient), nullptr);
+    EXPECT_EQ(Check(), nullptr);
     const pid_t second = LoadAndStart();
     EXPECT_EQ(second, 1001);
     const auto next = Register(second);
     // Late words about the first must not touch the second.
     first->Die();
     End(1000, SIGKILL);
-    EXPECT_TRUE(table_->Check(kId, kClient) == next);
+    EXPECT_TRUE(Check() == next);
 
     End(second, SIGKILL);  // known from its process before its socket
-    EXPECT_EQ(table_->Check(kId, kClient), nullptr);
+    EXPECT_EQ(Check(), nullptr);
 }
 
 TEST_F(SamgrTable, OnlyTheStartedProgramAndListedUsersMayRegister)
@@ -162,7 +168,7 @@ TEST_F(SamgrTable, OnlyTheStartedProgramAndListedUsersMayRegister)
     EXPECT_EQ(table_->Remove(kId, {61, kServiceUser}), SAMGR_NOT_ALLOWED);
     EXPECT_EQ(table_->Remove(kId, {60, kServiceUser}), SAMGR_OK);
     EXPECT_EQ(object->RecipientCount(), 0U);
-    EXPECT_EQ(table_->Check(kId, kClient), nullptr);
+    EXPECT_EQ(Check(), nullptr);
 
     const pid_t program = LoadAndStart();
     UseProfile(Profile(), kId + 1);  // for which it was not started
@@ -177,12 +183,24 @@ TEST_F(SamgrTable, LookupAndLoadFollowTheProfileOfNow)
     const auto object = Register(LoadAndStart());
     Profile closed;
     closed.lookup.uids = {kServiceUser};
+    closed.lookup.gids = {70};
     UseProfile(closed);
-    EXPECT_EQ(table_->Check(kId, kClient), nullptr);
-    EXPECT_EQ(Load(), SAMGR_NOT_ALLOWED);
-    EXPECT_TRUE(table_->Check(kId, {50, kServiceUser}) == object);
+    const auto isIn70 = [](gid_t group) { return group == 70; };
+    const auto isIn71 = [](gid_t group) { return group == 71; };
+    constexpr auto kUnknown = static_cast<uid_t>(-1);
+    const std::pair<Caller, int32_t> cases[] = {{{50, kServiceUser}, SAMGR_OK}, {{50, kOtherUser, isIn70}, SAMGR_OK},
+        {{50, kOtherUser, isIn71}, SAMGR_NOT_ALLOWED}, {kClient, SAMGR_NOT_ALLOWED},
+        {{-1, kUnknown}, SAMGR_NOT_ALLOWED}};
+    for (const auto& [caller, result] : cases) {
+        sptr<IRemoteObject> found;
+        EXPECT_EQ(table_->Check(kId, caller, found), result) << caller.uid;
+        EXPECT_TRUE(found == (result == SAMGR_OK ? sptr<IRemoteObject>(object) : nullptr)) << caller.uid;
+        EXPECT_EQ(table_->Load(kId, caller, [](const LoadOutcome&) {}), result) << caller.uid;
+    }
     table_->SetProfiles({});
-    EXPECT_EQ(table_->Check(kId, {50, kServiceUser}), nullptr);
+    sptr<IRemoteObject> none = object;
+    EXPECT_EQ(table_->Check(kId, kClient, none), SAMGR_NO_PROFILE);
+    EXPECT_EQ(none, nullptr);
     EXPECT_EQ(Load(), SAMGR_NO_PROFILE);
 }
 
@@ -289,7 +307,7 @@ TEST_F(SamgrTable, RequestsReachTheTableAndItsAnswersTheirCallers)
     }
     EXPECT_EQ(handed, (decltype(handed){object, nullptr})) << "what can't be handed over is to be asked for again";
     EXPECT_EQ(samgr::Register(manager, kId, nullptr), SAMGR_OK);
-    EXPECT_EQ(table_->Check(kId, kClient), nullptr);
+    EXPECT_EQ(Check(), nullptr);
 }
 
 }  // namespace

@@ -54,13 +54,17 @@ int32_t ManagerStub::OnRemoteRequest(uint32_t code, MessageParcel& data, Message
     if (data.ReadInterfaceToken() != GetObjectDescriptor() || !data.ReadInt32(id)) {
         return SAMGR_BAD_REQUEST;
     }
-    const Caller caller{IPCSkeleton::GetCallingPid(), IPCSkeleton::GetCallingUid()};
-    if (code == CHECK_SYSTEM_ABILITY) {
-        return reply.WriteRemoteObject(table_->Check(id, caller)) ? int32_t{SAMGR_OK} : int32_t{IPC_FAILED};
-    }
+    const Caller caller{IPCSkeleton::GetCallingPid(), IPCSkeleton::GetCallingUid(), &IPCSkeleton::IsCallerInGroup};
     int32_t result = SAMGR_OK;
     const char* operation = "removal";
-    if (code == LOAD_SYSTEM_ABILITY) {
+    if (code == CHECK_SYSTEM_ABILITY) {
+        operation = "lookup";
+        sptr<IRemoteObject> object;
+        result = table_->Check(id, caller, object);
+        if (result == SAMGR_OK && !reply.WriteRemoteObject(object)) {
+            return IPC_FAILED;
+        }
+    } else if (code == LOAD_SYSTEM_ABILITY) {
         operation = "load";
         result = Load(id, caller, data.ReadRemoteObject());
     } else if (code == ADD_SYSTEM_ABILITY) {

@@ -38,9 +38,8 @@ public:
         ReadEnvironment(profile.environment);
         ReadStartTimeout(profile.startTimeout);
         ReadOwnUser(profile);
-        profile.lookup.everyone = Item("lookup") == nullptr;
-        ReadUsers("register", profile.registrars);
-        ReadUsers("lookup", profile.lookup);
+        ReadAccess("register", profile.registrars);
+        ReadAccess("lookup", profile.lookup);
         return error_.empty();
     }
 
@@ -144,28 +143,34 @@ private:
         if (Item("register") == nullptr) {
             profile.registrars.uids = {geteuid(), uid};
         }
+        profile.lookup.uids = {0, geteuid(), uid};
     }
 
-    void ReadUsers(const char* key, UserList& users)
+    void ReadAccess(const char* key, AccessList& list)
     {
-        ReadChildren(key, &cJSON_IsArray, "a list of users that are known",
-            [&users](const cJSON* item) { return ReadUser(item, users); });
+        ReadChildren(key, &cJSON_IsArray, "a list of users, \"%groups\" and \"*\"", [key, &list](const cJSON* item) {
+            const double number = cJSON_IsNumber(item) ? item->valuedouble : -1;
+            if (number >= 0 && number < UINT32_MAX && number == std::floor(number)) {
+                list.uids.push_back(static_cast<uid_t>(number));
+                return true;
+            }
+            return cJSON_IsString(item) && ReadName(key, item->valuestring, list);
+        });
     }
 
-    static bool ReadUser(const cJSON* item, UserList& users)
+    // A name that is not known, maybe not yet, is nobody: the profile serves the others.
+    static bool ReadName(const char* key, const std::string& name, AccessList& list)
     {
-        if (cJSON_IsString(item) && std::string(item->valuestring) == "*") {
-            users.everyone = true;
-            return true;
+        uint32_t number = 0;
+        if (name == "*") {
+            list.everyone = true;
+        } else if (name.starts_with('%') && FindGid(name.substr(1), number)) {
+            list.gids.push_back(number);
+        } else if (!name.starts_with('%') && FindUid(name, number)) {
+            list.uids.push_back(number);
+        } else {
+            SAMGR_LOGW("\"%{public}s\" of a profile: \"%{public}s\" is not known, and is nobody", key, name.c_str());
         }
-        uid_t uid = 0;
-        const double number = cJSON_IsNumber(item) ? item->valuedouble : -1;
-        if (number >= 0 && number < UINT32_MAX && number == std::floor(number)) {
-            uid = static_cast<uid_t>(number);
-        } else if (!cJSON_IsString(item) || !FindUid(item->valuestring, uid)) {
-            return false;
-        }
-        users.uids.push_back(uid);
         return true;
     }
 
@@ -232,12 +237,10 @@ ProfilePtr ReadProfile(const std::filesystem::path& path)
 
 }  // namespace
 
-bool UserList::Allows(uid_t uid) const
+bool AccessList::Allows(const Caller& caller) const
 {
-    if (everyone) {
-        return true;
-    }
-    return uid != static_cast<uid_t>(-1) && std::find(uids.begin(), uids.end(), uid) != uids.end();
+    const bool isNamed = caller.uid != static_cast<uid_t>(-1) && std::ranges::find(uids, caller.uid) != uids.end();
+    return everyone || isNamed || (caller.isInGroup != nullptr && std::ranges::any_of(gids, caller.isInGroup));
 }
 
 bool ParseProfile(const std::string& text, Profile& profile, std::string& error)

@@ -16,13 +16,22 @@
 
 namespace VEXA::samgr {
 
-// The users that may do something.
-struct UserList {
+// The process that sends a request, as the kernel knows it.
+struct Caller {
+    pid_t pid = -1;
+    uid_t uid = static_cast<uid_t>(-1);
+    // Tells whether the process is in the group. Null: it is in none.
+    bool (*isInGroup)(gid_t group) = nullptr;
+};
+
+// The users and groups that may do something.
+struct AccessList {
     bool everyone = false;
     std::vector<uid_t> uids;
+    std::vector<gid_t> gids;
 
     // The unknown user, uid -1, is nobody that a list can name.
-    bool Allows(uid_t uid) const;
+    bool Allows(const Caller& caller) const;
 };
 
 struct Profile {
@@ -33,8 +42,8 @@ struct Profile {
     std::string directory;  // empty: /
     std::map<std::string, std::string> environment;
     std::chrono::milliseconds startTimeout = kStartTimeout;
-    UserList registrars;
-    UserList lookup;
+    AccessList registrars;
+    AccessList lookup;
 };
 
 using ProfilePtr = std::shared_ptr<const Profile>;

@@ -81,23 +81,30 @@ bool ServiceTable::Lives(const Service& service)
     return service.object != nullptr && !service.object->IsObjectDead();
 }
 
-sptr<IRemoteObject> ServiceTable::Check(int32_t id, const Caller& caller)
+ServiceTable::Service* ServiceTable::FindFor(const Caller& caller, int32_t id, int32_t& result)
 {
+    Service* const service = Find(id);
+    const bool isAllowed = service != nullptr && service->profile->lookup.Allows(caller);
+    result = isAllowed ? SAMGR_OK : service != nullptr ? SAMGR_NOT_ALLOWED : SAMGR_NO_PROFILE;
+    return isAllowed ? service : nullptr;
+}
+
+int32_t ServiceTable::Check(int32_t id, const Caller& caller, sptr<IRemoteObject>& object)
+{
+    int32_t result = SAMGR_OK;
     MutexLock lock(mutex_);
-    const Service* service = Find(id);
-    return service != nullptr && service->profile->lookup.Allows(caller.uid) && Lives(*service) ? service->object
-                                                                                                : nullptr;
+    const Service* service = FindFor(caller, id, result);
+    object = service != nullptr && Lives(*service) ? service->object : nullptr;
+    return result;
 }
 
 int32_t ServiceTable::Load(int32_t id, const Caller& caller, LoadDone done)
 {
+    int32_t result = SAMGR_OK;
     MutexLock lock(mutex_);
-    Service* service = Find(id);
+    Service* const service = FindFor(caller, id, result);
     if (service == nullptr) {
-        return SAMGR_NO_PROFILE;
-    }
-    if (!service->profile->lookup.Allows(caller.uid)) {
-        return SAMGR_NOT_ALLOWED;
+        return result;
     }
     if (stopped_ || service->waiting.size() >= kMaxWaitingLoads) {
         return SAMGR_BUSY;
@@ -132,7 +139,7 @@ int32_t ServiceTable::Add(int32_t id, const Caller& caller, const sptr<IRemoteOb
             return SAMGR_NO_PROFILE;
         }
         Program* const program = FindProgram(id, caller.pid);
-        if (program == nullptr && !service->profile->registrars.Allows(caller.uid)) {
+        if (program == nullptr && !service->profile->registrars.Allows(caller)) {
             return SAMGR_NOT_ALLOWED;
         }
         if (Lives(*service)) {

@@ -19,11 +19,6 @@
 
 namespace VEXA::samgr {
 
-struct Caller {
-    pid_t pid = -1;
-    uid_t uid = static_cast<uid_t>(-1);
-};
-
 // Requests come from any thread and never block; programs are started, and time-outs noticed, by RunDue, which one
 // thread calls when `wake` has been called or the time that it returned has come.
 class ServiceTable : public RefBase {
@@ -43,7 +38,8 @@ public:
     // Replaces all profiles. Running services stay; one without a profile can't be reached any more.
     void SetProfiles(const std::vector<ProfilePtr>& profiles);
 
-    sptr<IRemoteObject> Check(int32_t id, const Caller& caller);
+    // SAMGR_OK: `object` is the service, null while it does not run.
+    int32_t Check(int32_t id, const Caller& caller, sptr<IRemoteObject>& object);
     // SAMGR_OK: `done` is called once, maybe before this returns. Anything else: it is not called.
     int32_t Load(int32_t id, const Caller& caller, LoadDone done);
     int32_t Add(int32_t id, const Caller& caller, const sptr<IRemoteObject>& object);
@@ -83,6 +79,8 @@ private:
     class ObjectRecipient;
 
     Service* Find(int32_t id) VEXA_REQUIRES(mutex_);
+    // Returns the service to whoever may look it up; null, with the result for the others.
+    Service* FindFor(const Caller& caller, int32_t id, int32_t& result) VEXA_REQUIRES(mutex_);
     Program* FindProgram(int32_t id, pid_t pid) VEXA_REQUIRES(mutex_);
     static void Forget(Service& service);
     static bool Lives(const Service& service);

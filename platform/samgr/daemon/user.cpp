@@ -4,18 +4,30 @@
 #include <grp.h>
 #include <pwd.h>
 
+#include <cerrno>
 #include <charconv>
+#include <cstdint>
+#include <new>
+
+#include "samgr_limits.h"
 
 namespace VEXA::samgr {
 
 namespace {
 
-// The highest number is the kernel's "no user".
-bool ParseUid(const std::string& text, uid_t& uid)
+// The highest number is the kernel's "no user" and "no group".
+bool ParseId(const std::string& text, uint32_t& id)
 {
     const char* const end = text.data() + text.size();
-    const auto [last, error] = std::from_chars(text.data(), end, uid);
-    return error == std::errc() && last == end && uid != static_cast<uid_t>(-1);
+    const auto [last, error] = std::from_chars(text.data(), end, id);
+    return error == std::errc() && last == end && id != UINT32_MAX;
+}
+
+void CheckMemory(int error)
+{
+    if (error == ENOMEM) {
+        throw std::bad_alloc();
+    }
 }
 
 std::vector<gid_t> GroupsOf(const std::string& name, gid_t gid)
@@ -34,15 +46,12 @@ std::vector<gid_t> GroupsOf(const std::string& name, gid_t gid)
 
 bool FindAccount(const std::string& user, UserAccount& account)
 {
-    std::vector<char> buffer(size_t{16} * 1024);
+    std::vector<char> buffer(kMaxEntryBytes);
     passwd entry = {};
     passwd* found = nullptr;
     uid_t uid = 0;
-    if (ParseUid(user, uid)) {
-        getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found);
-    } else {
-        getpwnam_r(user.c_str(), &entry, buffer.data(), buffer.size(), &found);
-    }
+    CheckMemory(ParseId(user, uid) ? getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found)
+                                   : getpwnam_r(user.c_str(), &entry, buffer.data(), buffer.size(), &found));
     if (found == nullptr) {
         return false;
     }
@@ -53,13 +62,26 @@ bool FindAccount(const std::string& user, UserAccount& account)
 
 bool FindUid(const std::string& user, uid_t& uid)
 {
-    if (ParseUid(user, uid)) {
+    if (ParseId(user, uid)) {
         return true;
     }
     UserAccount account;
     const bool found = FindAccount(user, account);
     uid = account.uid;
     return found;
+}
+
+bool FindGid(const std::string& group, gid_t& gid)
+{
+    if (ParseId(group, gid)) {
+        return true;
+    }
+    std::vector<char> buffer(kMaxEntryBytes);
+    ::group entry = {};
+    ::group* found = nullptr;
+    CheckMemory(getgrnam_r(group.c_str(), &entry, buffer.data(), buffer.size(), &found));
+    gid = entry.gr_gid;
+    return found != nullptr;
 }
 
 }  // namespace VEXA::samgr

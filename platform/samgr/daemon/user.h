@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Look-ups in the system's user database.
+// Look-ups in the system's database of users and groups. They throw std::bad_alloc when the system has no memory for
+// one.
 #pragma once
 
 #include <sys/types.h>
@@ -20,7 +21,8 @@ struct UserAccount {
 
 // `user` is a name or a number. False when there is no such account.
 bool FindAccount(const std::string& user, UserAccount& account);
-// The same for the number alone; a number needs no account.
+// Do the same for the number alone; a number needs no account.
 bool FindUid(const std::string& user, uid_t& uid);
+bool FindGid(const std::string& group, gid_t& gid);
 
 }  // namespace VEXA::samgr
