@@ -23,9 +23,10 @@ sptr<IRemoteObject> GetContextObject()
     return peer != nullptr ? peer->Object(ipc::kContextObject) : nullptr;
 }
 
-bool PublishContextObject(const sptr<IRemoteObject>& object)
+PublishResult PublishContextObject(const sptr<IRemoteObject>& object, std::function<void()> onReplaced)
 {
-    return !ipc::ProcessLife::Forked() && ipc::IpcProcess::Get().PublishContext(object);
+    return ipc::ProcessLife::Forked() ? PublishResult::FAILED
+                                      : ipc::IpcProcess::Get().PublishContext(object, std::move(onReplaced));
 }
 
 void OnContextObjectPublished(std::function<void()> action)
@@ -34,7 +35,7 @@ void OnContextObjectPublished(std::function<void()> action)
         return;
     }
     if (ipc::Transport* const transport = ipc::IpcProcess::Get().Start()) {
-        transport->Watch().Start(std::move(action));
+        transport->Watch().OnNewContext(std::move(action));
     }
 }
 

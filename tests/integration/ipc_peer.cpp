@@ -16,7 +16,7 @@ int main(int argc, char** argv)
     }
     const sptr<IRemoteObject> object(new TestObject);
     if (std::strcmp(argv[1], "hub") == 0) {
-        if (!PublishContextObject(object)) {
+        if (PublishContextObject(object) != PublishResult::DONE) {
             return 1;
         }
     } else if (!Eventually([] { return GetContextObject() != nullptr; }) ||

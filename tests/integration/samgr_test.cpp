@@ -194,15 +194,65 @@ TEST_F(Samgr, ServicesOutliveAKilledManagerAndRegisterWithTheNext)
     EXPECT_TRUE(service > 0 && kill(service, SIGKILL) == 0);
 }
 
-TEST_F(Samgr, AnOrderlyStopEndsTheProgramsAndASecondManagerIsRefused)
+TEST_F(Samgr, WhatIsRemovedUnderLivingProcessesIsMadeAgain)
+{
+    const std::string run = RuntimeDirectory();
+    const pid_t service = PidOf(manager_->LoadSystemAbility(kService, 5));
+    ASSERT_GT(service, 0);
+    // Whoever comes anew reaches the manager, and by it the service.
+    const auto isReached = [&] {
+        const std::string found = World().Folder() + "/found";
+        std::filesystem::remove(found);
+        ChildProcess client = StartLogged({SAMGR_PEER, "load", "1"}, found);
+        return ExitStatus(client) == 0 && FileText(found).ends_with(std::to_string(service) + "\n");
+    };
+    for (const std::string removed : {"/samgr.sock", "/samgr.lock", "/peers", ""}) {
+        std::error_code isMadeAgainMeanwhile;
+        std::filesystem::remove_all(run + removed, isMadeAgainMeanwhile);
+        EXPECT_TRUE(Eventually([&] { return std::filesystem::exists(run + "/samgr.lock") && isReached(); }, 5s))
+            << removed;
+    }
+    // Another one has the lock of the new directory: the first leaves it, and its service moves over.
+    ASSERT_TRUE(World().Manager().Stop());
+    std::filesystem::remove_all(run);
+    ChildProcess second = StartLogged({SAMGRD, "--profiles", World().Profiles()}, World().LogFile());
+    EXPECT_TRUE(Eventually([&] { return std::filesystem::exists(run + "/samgr.sock"); }));
+    World().Manager().Signal(SIGCONT);
+    EXPECT_EQ(World().EndManager(0), 3);
+    EXPECT_TRUE(Eventually([&] {
+        manager_ = SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
+        return manager_ != nullptr && PidOf(manager_->CheckSystemAbility(kService)) == service;
+    }));
+    second.Signal(SIGTERM);
+    EXPECT_EQ(ExitStatus(second), 0);
+    EXPECT_FALSE(std::filesystem::exists(run + "/samgr.sock")) << "it stopped in order";
+    EXPECT_EQ(kill(service, SIGKILL), 0);
+}
+
+TEST_F(Samgr, WhatTheSystemRefusesEndsTheManagerWithItsReason)
+{
+    const std::string file = World().LogFile();
+    const std::string run = World().Folder() + "/refused";
+    std::filesystem::create_directories(run + "/samgr.sock");
+    const std::tuple<const char*, std::string, int, const char*> cases[] = {
+        {"", RuntimeDirectory(), 3, "samgrd: another manager serves "}, {"", file, 4, ": Not a directory"},
+        {"", run, 4, "/samgr.sock: rename: Is a directory"},
+        {"", World().Folder() + std::string(99, 'x'), 4, ": socket: File name too long"},
+        {"ulimit -n 8;", RuntimeDirectory(), 4, ": Too many open files"}};
+    for (const auto& [prelude, directory, status, reason] : cases) {
+        const std::string output = World().Folder() + "/output";
+        std::filesystem::remove(output);
+        ChildProcess manager = StartLogged({"sh", "-c", std::string(prelude) + R"(exec "$0" "$@")", SAMGRD,
+                                               "--profiles", World().Profiles(), "--runtime-dir", directory},
+            output);
+        EXPECT_EQ(ExitStatus(manager), status) << reason;
+        EXPECT_NE(FileText(output).find(reason), std::string::npos) << FileText(output);
+    }
+}
+
+TEST_F(Samgr, AnOrderlyStopEndsThePrograms)
 {
     const pid_t service = PidOf(manager_->LoadSystemAbility(kService, 5));
-    const std::string output = World().Folder() + "/second";
-    ChildProcess second = StartLogged({SAMGRD, "--profiles", World().Profiles()}, output);
-    EXPECT_EQ(ExitStatus(second), 3);
-    EXPECT_NE(FileText(output).find("another manager serves"), std::string::npos) << FileText(output);
-    EXPECT_TRUE(IsRunning(service));
-
     std::filesystem::remove(RuntimeDirectory() + ".child");
     const sptr<LoadCallback> callback(new LoadCallback);
     EXPECT_EQ(manager_->LoadSystemAbility(kHangs, callback), SAMGR_OK);

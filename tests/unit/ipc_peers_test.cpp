@@ -523,13 +523,13 @@ TEST_F(IpcPeers, AMuteContextObjectIsWaitedForOnceByAll)
 TEST_F(IpcPeers, AnotherContextSocketIsHeardOfAndAfterADeathLookedFor)
 {
     Transport& manager = Make();
-    ASSERT_TRUE(manager.Start() && manager.Publish(new IPCObjectStub));
+    ASSERT_TRUE(manager.Start() && manager.Publish(new IPCObjectStub) == PublishResult::DONE);
     auto reached = std::async(std::launch::async, [&] { return transport_.Context().Reach() != nullptr; });
     const auto deal = [&] { manager.Loop().Turn(false), Deal(), transport_.Workers().RunTasks(); };
     EXPECT_TRUE(Eventually([&] { return deal(), reached.wait_for(0s) == std::future_status::ready; }) && reached.get());
     int news = 0;
     int looks = 0;
-    transport_.Watch().Start([&] { ++news; });
+    transport_.Watch().OnNewContext([&] { ++news; });
     transport_.Loop().SetTickAction([&](Deadline) { ++looks; });
     Meet();  // and its death
     deal();
@@ -618,7 +618,7 @@ TEST_F(IpcPeers, ReferencesAreGivenBackByWhatStoodForThem)
 TEST_F(IpcPeers, ThePublisherClearsAwayTheSocketsOfTheDead)
 {
     for (const bool publishes : {false, true}) {
-        ASSERT_TRUE(!publishes || transport_.Publish(new IPCObjectStub));
+        ASSERT_TRUE(!publishes || transport_.Publish(new IPCObjectStub) == PublishResult::DONE);
         for (const bool listens : {true, false}) {
             Stranger stranger = Meet();
             stranger.link.Reset();

@@ -5,11 +5,14 @@
 #include <sys/eventfd.h>
 #include <systemd/sd-daemon.h>
 #include <systemd/sd-event.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <memory>
 
@@ -54,13 +57,16 @@ public:
 
     int Run()
     {
-        if (!MakeLoop()) {
-            fprintf(stderr, "samgrd: the event loop can't be set up\n");
+        if (const int result = MakeLoop(); result < 0) {
+            fprintf(stderr, "samgrd: the event loop can't be set up: %s\n", strerror(-result));
             return EXIT_CANT_SERVE;
         }
         MakeTable();
-        if (!PublishContextObject(sptr<IRemoteObject>(new ManagerStub(table_)))) {
-            return ExplainRefusal();
+        // The programs live on, and register with the other manager.
+        const auto onReplaced = [] { _exit(ExplainOther()); };
+        const PublishResult published = PublishContextObject(sptr<IRemoteObject>(new ManagerStub(table_)), onReplaced);
+        if (published != PublishResult::DONE) {
+            return published == PublishResult::TAKEN ? ExplainOther() : EXIT_CANT_SERVE;
         }
         SAMGR_LOGI("the manager serves %{public}s", RuntimeDirectory().c_str());
         sd_notify(0, "READY=1");
@@ -69,19 +75,17 @@ public:
     }
 
 private:
-    bool MakeLoop()
+    // Returns a negative error number when the system refuses something.
+    int MakeLoop()
     {
-        if (wake_->Get() < 0 || sd_event_new(&loop_) < 0 ||
-            sd_event_add_time(loop_, &timer_, CLOCK_MONOTONIC, UINT64_MAX, 1000, &Daemon::OnTimer, this) < 0 ||
-            sd_event_add_io(loop_, nullptr, wake_->Get(), EPOLLIN, &Daemon::OnWake, this) < 0) {
-            return false;
-        }
+        int result = wake_->Get() < 0 ? -errno : sd_event_new(&loop_);
+        const auto add = [&result](auto call, auto... arguments) { result = result < 0 ? result : call(arguments...); };
+        add(&sd_event_add_time, loop_, &timer_, CLOCK_MONOTONIC, UINT64_MAX, uint64_t{1000}, &Daemon::OnTimer, this);
+        add(&sd_event_add_io, loop_, nullptr, wake_->Get(), EPOLLIN, &Daemon::OnWake, this);
         for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
-            if (sd_event_add_signal(loop_, nullptr, number, &Daemon::OnSignal, this) < 0) {
-                return false;
-            }
+            add(&sd_event_add_signal, loop_, nullptr, number, &Daemon::OnSignal, this);
         }
-        return true;
+        return result;
     }
 
     void MakeTable()
@@ -96,14 +100,10 @@ private:
         table_->SetProfiles(ReadProfiles(profileDirectories_));
     }
 
-    static int ExplainRefusal()
+    static int ExplainOther()
     {
-        if (GetContextObject() != nullptr) {
-            fprintf(stderr, "samgrd: another manager serves %s\n", RuntimeDirectory().c_str());
-            return EXIT_MANAGER_EXISTS;
-        }
-        fprintf(stderr, "samgrd: the runtime directory \"%s\" can't be used\n", RuntimeDirectory().c_str());
-        return EXIT_CANT_SERVE;
+        fprintf(stderr, "samgrd: another manager serves %s\n", RuntimeDirectory().c_str());
+        return EXIT_MANAGER_EXISTS;
     }
 
     void RunDue()

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cmath>
 #include <filesystem>
 #include <set>
@@ -209,15 +210,15 @@ bool ReadText(const std::filesystem::path& path, std::string& text, std::string&
 std::vector<std::filesystem::path> ProfileFiles(const std::string& directory)
 {
     std::vector<std::filesystem::path> files;
-    std::error_code error;
-    for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
-         entry.increment(error)) {
-        if (entry->path().extension() == ".json") {
-            files.push_back(entry->path());
+    try {
+        for (const auto& entry : std::filesystem::directory_iterator(directory)) {
+            if (entry.path().extension() == ".json") {
+                files.push_back(entry.path());
+            }
         }
-    }
-    if (error) {
-        SAMGR_LOGW("profiles of %{public}s: %{public}s", directory.c_str(), error.message().c_str());
+    } catch (const std::filesystem::filesystem_error& error) {
+        ThrowWithoutMemory(error.code().value());
+        SAMGR_LOGW("profiles of %{public}s: %{public}s", directory.c_str(), error.code().message().c_str());
     }
     std::sort(files.begin(), files.end());
     return files;
@@ -248,8 +249,10 @@ bool ParseProfile(const std::string& text, Profile& profile, std::string& error)
     profile = Profile();
     error.clear();
     const bool hasNul = text.find('\0') != std::string::npos;
+    errno = 0;
     const JsonRoot root(
         hasNul ? nullptr : cJSON_ParseWithLengthOpts(text.c_str(), text.size() + 1, nullptr, 1), &cJSON_Delete);
+    ThrowWithoutMemory(root == nullptr ? errno : 0);  // the text may be a sound one
     if (!cJSON_IsObject(root.get())) {
         error = "is not one JSON object";
         return false;

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -25,7 +26,7 @@ std::string DefaultProfiles()
 }  // namespace
 
 int main(int argc, char** argv)
-{
+try {
     VEXA::OccupyStandardStreams();
     CLI::App app("Finds system services by number and starts them on demand.", "samgrd");
     std::vector<std::string> profiles;
@@ -48,11 +49,9 @@ int main(int argc, char** argv)
     if (runtimeDirectory.empty()) {
         runtimeDirectory = geteuid() == 0 ? VEXA::kSystemRuntimeDirectory : VEXA::UserRuntimeDirectory();
     }
-    if (runtimeDirectory.empty()) {
-        fprintf(
-            stderr, "samgrd: no runtime directory: give --runtime-dir, or set VEXA_RUNTIME_DIR or XDG_RUNTIME_DIR\n");
-        return VEXA::samgr::EXIT_CANT_SERVE;
-    }
     setenv("VEXA_RUNTIME_DIR", runtimeDirectory.c_str(), 1);
     return VEXA::samgr::RunDaemon(profiles.empty() ? std::vector<std::string>{DefaultProfiles()} : profiles);
+} catch (const std::bad_alloc&) {
+    fprintf(stderr, "samgrd: there is not enough memory\n");
+    return VEXA::samgr::EXIT_CANT_SERVE;
 }

@@ -23,13 +23,6 @@ bool ParseId(const std::string& text, uint32_t& id)
     return error == std::errc() && last == end && id != UINT32_MAX;
 }
 
-void CheckMemory(int error)
-{
-    if (error == ENOMEM) {
-        throw std::bad_alloc();
-    }
-}
-
 std::vector<gid_t> GroupsOf(const std::string& name, gid_t gid)
 {
     int count = 64;
@@ -44,14 +37,21 @@ std::vector<gid_t> GroupsOf(const std::string& name, gid_t gid)
 
 }  // namespace
 
+void ThrowWithoutMemory(int error)
+{
+    if (error == ENOMEM) {
+        throw std::bad_alloc();
+    }
+}
+
 bool FindAccount(const std::string& user, UserAccount& account)
 {
     std::vector<char> buffer(kMaxEntryBytes);
     passwd entry = {};
     passwd* found = nullptr;
     uid_t uid = 0;
-    CheckMemory(ParseId(user, uid) ? getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found)
-                                   : getpwnam_r(user.c_str(), &entry, buffer.data(), buffer.size(), &found));
+    ThrowWithoutMemory(ParseId(user, uid) ? getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found)
+                                          : getpwnam_r(user.c_str(), &entry, buffer.data(), buffer.size(), &found));
     if (found == nullptr) {
         return false;
     }
@@ -79,7 +79,7 @@ bool FindGid(const std::string& group, gid_t& gid)
     std::vector<char> buffer(kMaxEntryBytes);
     ::group entry = {};
     ::group* found = nullptr;
-    CheckMemory(getgrnam_r(group.c_str(), &entry, buffer.data(), buffer.size(), &found));
+    ThrowWithoutMemory(getgrnam_r(group.c_str(), &entry, buffer.data(), buffer.size(), &found));
     gid = entry.gr_gid;
     return found != nullptr;
 }

@@ -19,6 +19,9 @@ struct UserAccount {
     std::vector<gid_t> groups;
 };
 
+// Throws std::bad_alloc when an error number says that memory is short: what is not known then may be known all the
+// same.
+void ThrowWithoutMemory(int error);
 // `user` is a name or a number. False when there is no such account.
 bool FindAccount(const std::string& user, UserAccount& account);
 // Do the same for the number alone; a number needs no account.

@@ -3,44 +3,45 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <utility>
 
 #include "process_life.h"
-#include "runtime_paths.h"
 
 namespace VEXA::ipc {
-
-sptr<EventHandler> LocalEndpoint::Listen(UniqueFd listener)
-{
-    const sptr<EventHandler> handler(new ConnectionListener(std::move(listener), reactor_, counts_, take_));
-    return reactor_.Add(handler) ? handler : nullptr;
-}
 
 bool LocalEndpoint::Provide()
 {
     MutexLock lock(mutex_);
-    if (listener_ != nullptr && access(EndpointPath(id_).c_str(), F_OK) == 0) {
+    if (file_.Exists() && IdOf(path_).IsSameFile(file_)) {
         return true;
     }
-    UniqueFd socket = ListenAt(EndpointPath(id_));
-    const sptr<EventHandler> fresh = socket ? Listen(std::move(socket)) : nullptr;
-    if (fresh == nullptr) {
+    if (ProcessLife::Exiting()) {
+        errno = ESHUTDOWN;
         return false;
     }
-    // The exit handler may have run before the socket was made.
-    if (ProcessLife::Exiting()) {
-        Remove();
+    UniqueFd socket = ListenAt(path_);
+    if (!socket) {
+        return false;
+    }
+    const sptr<EventHandler> fresh(new ConnectionListener(std::move(socket), reactor_, counts_, take_));
+    if (!reactor_.Add(fresh)) {
+        return false;
     }
     if (listener_ != nullptr) {
         reactor_.Remove(listener_->Fd());
     }
     listener_ = fresh;
+    file_ = IdOf(path_);
     return true;
 }
 
-void LocalEndpoint::Remove() const
+void LocalEndpoint::Remove()
 {
-    unlink(EndpointPath(id_).c_str());
+    MutexLock lock(mutex_);
+    if (IdOf(path_).IsSameFile(file_)) {
+        unlink(path_.c_str());
+    }
 }
 
 }  // namespace VEXA::ipc

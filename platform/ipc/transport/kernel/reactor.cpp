@@ -29,6 +29,7 @@ bool Reactor::Open()
 
 bool Reactor::Start()
 {
+    nextTick_ = std::chrono::steady_clock::now() + kTickPeriod;
     return startThread_("vexa-reactor", [this] {
         while (!ProcessLife::Exiting() && Turn()) {
         }

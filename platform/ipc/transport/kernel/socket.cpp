@@ -15,6 +15,7 @@
 #include <cstring>
 #include <thread>
 
+#include "ipc_log.h"
 #include "transport/limits.h"
 
 namespace VEXA::ipc {
@@ -122,15 +123,19 @@ UniqueFd ListenAt(const std::string& path)
     const std::string fresh = path + ".new";
     sockaddr_un address;
     UniqueFd fd = MakeSocket(fresh, SOCK_NONBLOCK, address);
-    if (!fd) {
-        return fd;
+    const char* failed = "socket";
+    if (fd) {
+        unlink(fresh.c_str());
+        // The directory decides who may reach the socket, and the table of holders who may call what.
+        failed = bind(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ? "bind"
+                 : chmod(fresh.c_str(), 0666) != 0                                                 ? "chmod"
+                 : listen(fd.Get(), SOMAXCONN) != 0                                                ? "listen"
+                 : rename(fresh.c_str(), path.c_str()) != 0                                        ? "rename"
+                                                                                                   : nullptr;
     }
-    unlink(fresh.c_str());
-    // The directory decides who may reach the socket, and the table of holders who may call what.
-    if (bind(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
-        chmod(fresh.c_str(), 0666) != 0 || listen(fd.Get(), SOMAXCONN) != 0 ||
-        rename(fresh.c_str(), path.c_str()) != 0) {
+    if (failed != nullptr) {
         const int reason = errno;
+        IPC_LOGE("can't listen at %{public}s: %{public}s: %{public}s", path.c_str(), failed, std::strerror(reason));
         unlink(fresh.c_str());
         errno = reason;
         fd.Reset();

@@ -39,7 +39,8 @@ private:
 UniqueFd ConnectTo(const std::string& path, int flags = 0);
 // Does the same without waiting: a full backlog is a failure too.
 UniqueFd ConnectAtOnce(const std::string& path);
-// A listening socket at the path. It appears there only once it listens, so that whoever sees it can connect.
+// A listening socket at the path. It appears there only once it listens, so that whoever sees it can connect. Without a
+// value, with errno and a log line, when there can't be one.
 UniqueFd ListenAt(const std::string& path);
 UniqueFd AcceptFrom(const UniqueFd& listener);
 Credentials CredentialsOf(const UniqueFd& socket);

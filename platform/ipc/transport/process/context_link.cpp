@@ -46,6 +46,7 @@ sptr<Peer> ContextLink::Reach()
     peer_ = Greet(deadline);
     if (peer_ == nullptr) {
         ++failures_;
+        LogNoPublisher();
     }
     return peer_;
 }
@@ -56,19 +57,18 @@ sptr<Peer> ContextLink::Greet(Deadline deadline)
     const bool mayConnect = access(ContextSocketPath().c_str(), F_OK) == 0 && endpoint_.Provide();
     UniqueFd fd = mayConnect ? ConnectTo(ContextSocketPath()) : UniqueFd();
     if (!fd) {
-        LogNoPublisher();
         return nullptr;
     }
     const Credentials who = CredentialsOf(fd);
     if (!IsTrusted(who.uid)) {
         IPC_LOGE("the context object is published by user %{public}u, who is not trusted", who.uid);
+        errno = EACCES;
         return nullptr;
     }
     const auto greeting = std::make_shared<Greeting>();
     std::future<sptr<Peer>> answer = greeting->peer.get_future();
     const sptr<Link> link = open_({std::move(fd), who, nullptr}, greeting);
     if (link == nullptr) {
-        LogNoPublisher();
         return nullptr;
     }
     // An answer that comes later is not taken; one that has been taken is about to be here.
@@ -77,7 +77,6 @@ sptr<Peer> ContextLink::Greet(Deadline deadline)
     if (peer == nullptr) {
         link->Shutdown();
         errno = isLate ? ETIMEDOUT : ECONNRESET;
-        LogNoPublisher();
         return nullptr;
     }
     publisher_ = peer->Id();

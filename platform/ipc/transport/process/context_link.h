@@ -30,6 +30,7 @@ public:
     bool Lose(EndpointId dead) { return publisher_.compare_exchange_strong(dead, 0); }
 
 private:
+    // Null, with errno, when there is no publisher that greets in time.
     sptr<Peer> Greet(Deadline deadline) VEXA_REQUIRES(mutex_);
 
     LocalEndpoint& endpoint_;

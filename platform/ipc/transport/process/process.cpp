@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "process.h"
 
-#include <fcntl.h>
-#include <sys/file.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -28,11 +26,6 @@ Transport* IpcProcess::Start()
         return running;
     }
     MutexLock lock(mutex_);
-    return StartLocked();
-}
-
-Transport* IpcProcess::StartLocked()
-{
     if (Transport* const running = Running()) {
         return running;
     }
@@ -72,33 +65,10 @@ sptr<Peer> IpcProcess::ContextPeer()
     return transport != nullptr ? transport->Context().Reach() : nullptr;
 }
 
-bool IpcProcess::PublishContext(const sptr<IRemoteObject>& object)
+PublishResult IpcProcess::PublishContext(const sptr<IRemoteObject>& object, std::function<void()> onReplaced)
 {
-    if (object == nullptr || !CreateRuntimeDirectory()) {
-        return false;
-    }
-    MutexLock lock(mutex_);
-    const std::string path = RuntimeDirectory() + "/samgr.lock";
-    UniqueFd publisherLock = UniqueFd::Make([&] { return open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600); });
-    if (!publisherLock) {
-        IPC_LOGE("can't open %{public}s: %{public}s", path.c_str(), std::strerror(errno));
-        return false;
-    }
-    if (publisherLock_ || flock(publisherLock.Get(), LOCK_EX | LOCK_NB) != 0) {
-        IPC_LOGE("another process publishes the context object in %{public}s", RuntimeDirectory().c_str());
-        return false;
-    }
-    RemoveStaleEndpoints();
-    Transport* const transport = StartLocked();
-    if (transport == nullptr) {
-        return false;
-    }
-    if (!transport->Publish(object)) {
-        IPC_LOGE("can't listen at %{public}s: %{public}s", ContextSocketPath().c_str(), std::strerror(errno));
-        return false;
-    }
-    publisherLock_ = std::move(publisherLock);
-    return true;
+    Transport* const transport = object != nullptr && CreateRuntimeDirectory() ? Start() : nullptr;
+    return transport != nullptr ? transport->Publish(object, std::move(onReplaced)) : PublishResult::FAILED;
 }
 
 void IpcProcess::SetMaxWorkThreads(size_t count)

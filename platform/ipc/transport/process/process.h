@@ -23,19 +23,17 @@ public:
 
     // Returns the publisher of the context object, null when there is none. Then it does not start the transport.
     sptr<Peer> ContextPeer();
-    bool PublishContext(const sptr<IRemoteObject>& object);
+    PublishResult PublishContext(const sptr<IRemoteObject>& object, std::function<void()> onReplaced);
     void SetMaxWorkThreads(size_t count);
 
 private:
     IpcProcess() = default;
-    Transport* StartLocked() VEXA_REQUIRES(mutex_);
     static void AtExit();
 
     std::atomic<Transport*> running_{nullptr};
     std::atomic<size_t> maxWorkThreads_{kDefaultThreads};
-    Mutex mutex_{LockRank::ProcessStart};  // held while starting and while publishing
+    Mutex mutex_{LockRank::ProcessStart};  // held while starting
     bool hasWarned_ VEXA_GUARDED_BY(mutex_) = false;
-    UniqueFd publisherLock_ VEXA_GUARDED_BY(mutex_);
 };
 
 }  // namespace VEXA::ipc

@@ -2,6 +2,7 @@
 #include "transport.h"
 
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <memory>
 
@@ -29,11 +30,7 @@ Transport::Transport(const ThreadStarter& startThread)
       connections_(&DescriptorLimit),
       channels_(workers_, reactor_),
       oneWays_(workers_),
-      endpoint_(id_, reactor_, connections_,
-          [this](Connection connection) {
-              const sptr<Link> link(new Session(sessions_, std::move(connection)));
-              reactor_.Add(link);
-          }),
+      endpoint_(EndpointPath(id_), reactor_, connections_, [this](Connection one) { Accept(std::move(one)); }),
       peers_(DirectoryParts()),
       sessions_{peers_, oneWays_,
           [this](Connection connection, const sptr<Peer>& peer, const FrameReader& reader) {
@@ -49,16 +46,27 @@ Transport::Transport(const ThreadStarter& startThread)
               link->Send(&hello, sizeof(hello));
               return link;
           }),
-      contextWatch_(reactor_, workers_, contextLink_)
+      contextSocket_(ContextSocketPath(), reactor_, connections_, [this](Connection one) { Accept(std::move(one)); }),
+      publisher_(contextSocket_),
+      // Only a publisher makes the directory.
+      watch_(reactor_, workers_, contextLink_, EndpointPath(id_), [this] {
+          return publisher_.Renew() && access(EndpointDirectory().c_str(), F_OK) == 0 && endpoint_.Provide();
+      })
 {
     // Closing a channel can end objects, whose code must not hold up the reactor.
     reactor_.SetTickAction([this](Deadline now) {
         peers_.OnTick(now);
         workers_.Post([this, now] {
             channels_.CloseStalled(now);
-            contextWatch_.Look();
+            watch_.Look();
         });
     });
+}
+
+void Transport::Accept(Connection connection)
+{
+    const sptr<Link> link(new Session(sessions_, std::move(connection)));
+    reactor_.Add(link);
 }
 
 PeerDirectory::Parts Transport::DirectoryParts()
@@ -82,21 +90,31 @@ bool Transport::Start()
         endpoint_.Remove();
         return false;
     }
+    watch_.Start();
     return true;
 }
 
-bool Transport::Publish(const sptr<IRemoteObject>& object)
+void Transport::Leave()
+{
+    endpoint_.Remove();
+    publisher_.Withdraw();
+}
+
+PublishResult Transport::Publish(const sptr<IRemoteObject>& object, std::function<void()> onReplaced)
 {
     objects_.SetContextObject(object);
-    UniqueFd listener = ListenAt(ContextSocketPath());
-    isPublishing_ = listener && endpoint_.Listen(std::move(listener)) != nullptr;
-    return isPublishing_;
+    const PublishResult result = publisher_.Publish(std::move(onReplaced));
+    if (result == PublishResult::DONE) {
+        isPublishing_ = true;
+        RemoveStaleEndpoints();
+    }
+    return result;
 }
 
 void Transport::OnDeath(EndpointId dead)
 {
     if (contextLink_.Lose(dead)) {
-        workers_.Post([this] { contextWatch_.Look(); });
+        workers_.Post([this] { watch_.Look(); });
     }
     // The publisher of the context object clears away the socket that a killed process has left.
     if (isPublishing_) {

@@ -7,13 +7,14 @@
 
 #include "connection_counts.h"
 #include "context_link.h"
-#include "context_watch.h"
+#include "context_publisher.h"
 #include "death_notifier.h"
 #include "local_endpoint.h"
 #include "object_table.h"
 #include "one_way_queues.h"
 #include "peer_directory.h"
 #include "reactor.h"
+#include "runtime_watch.h"
 #include "server_channel.h"
 #include "session.h"
 #include "worker_pool.h"
@@ -29,11 +30,11 @@ public:
 
     // Makes the endpoint and starts the reactor. False, with errno, when that can't be done.
     bool Start();
-    // For the exit handler: takes the endpoint along.
-    void Leave() { endpoint_.Remove(); }
-    // Lets other processes call the object without having been handed it; false, with errno, when nothing can listen at
-    // the context's socket.
-    bool Publish(const sptr<IRemoteObject>& object);
+    // For the exit handler: takes the sockets along.
+    void Leave();
+    // Lets other processes call the object without having been handed it.
+    PublishResult Publish(
+        const sptr<IRemoteObject>& object, std::function<void()> onReplaced = [] {});
 
     EndpointId Id() const { return id_; }
     ObjectTable& Objects() { return objects_; }
@@ -42,9 +43,10 @@ public:
     WorkerPool& Workers() { return workers_; }
     DeathNotifier& Deaths() { return deaths_; }
     ContextLink& Context() { return contextLink_; }
-    ContextWatch& Watch() { return contextWatch_; }
+    RuntimeWatch& Watch() { return watch_; }
 
 private:
+    void Accept(Connection connection);
     PeerDirectory::Parts DirectoryParts();
     void OnDeath(EndpointId dead);
 
@@ -61,7 +63,9 @@ private:
     PeerDirectory peers_;
     const Session::Parts sessions_;
     ContextLink contextLink_;
-    ContextWatch contextWatch_;
+    LocalEndpoint contextSocket_;
+    ContextPublisher publisher_;
+    RuntimeWatch watch_;
 };
 
 }  // namespace VEXA::ipc

@@ -67,10 +67,11 @@ void RemoveStaleEndpoints()
     }
 }
 
-FileId IdOf(const std::string& path)
+FileId IdOf(const std::string& path, int fd)
 {
     struct stat status {};
-    return stat(path.c_str(), &status) == 0 ? FileId{status.st_dev, status.st_ino, status.st_ctim} : FileId();
+    return fstatat(fd, path.c_str(), &status, AT_EMPTY_PATH) == 0 ? FileId{status.st_dev, status.st_ino, status.st_ctim}
+                                                                  : FileId();
 }
 
 }  // namespace VEXA::ipc

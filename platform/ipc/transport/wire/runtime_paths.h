@@ -2,6 +2,7 @@
 // The places of sockets in the runtime directory.
 #pragma once
 
+#include <fcntl.h>
 #include <sys/types.h>
 
 #include <ctime>
@@ -34,6 +35,7 @@ struct FileId {
         return IsSameFile(other) && changed.tv_sec == other.changed.tv_sec && changed.tv_nsec == other.changed.tv_nsec;
     }
 };
-FileId IdOf(const std::string& path);
+// An empty path is the open file itself.
+FileId IdOf(const std::string& path, int fd = AT_FDCWD);
 
 }  // namespace VEXA::ipc

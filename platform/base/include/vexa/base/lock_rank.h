@@ -32,8 +32,9 @@
     RANK(Brokers, "the makers of proxies, by descriptor")                                                          \
     RANK(Context, "the connection to the manager; held while connecting, so that first uses share one")            \
     RANK(ProcessStart, "the start of the transport; held while it starts, and while the manager publishes itself") \
-    RANK(LocalEndpoint, "this process's own socket in the runtime directory; held while it is made")               \
-    RANK(ContextWatch, "the watch for a manager that comes back")                                                  \
+    RANK(ContextPublisher, "the lock and the socket of the manager; held while they are made")                     \
+    RANK(LocalEndpoint, "a socket of this process in the runtime directory; held while it is made")                \
+    RANK(RuntimeWatch, "the watch for sockets that go and a manager that comes back")                              \
     RANK(PeerDirectory, "the peers by endpoint, and which endpoints are dead")                                     \
     RANK(PeerObjects, "the objects of one peer that this process holds")                                           \
     RANK(OneWaySendOrder, "the order in which one-way requests leave; held until the link has them")               \

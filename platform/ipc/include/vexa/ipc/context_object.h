@@ -26,9 +26,17 @@ VEXA_EXPORT const std::string& RuntimeDirectory();
 // After the publisher's death the next call connects to the process that has taken its place.
 VEXA_EXPORT sptr<IRemoteObject> GetContextObject();
 
-// Publishes an object of this process as the context object until the process ends. False when a living process
-// publishes one already or the runtime directory can't be used; the log says which. Creates the directory.
-VEXA_EXPORT bool PublishContextObject(const sptr<IRemoteObject>& object);
+enum class PublishResult {
+    DONE,
+    TAKEN,   // a living process publishes one already
+    FAILED,  // the runtime directory can't be used; the log says which call failed, and why
+};
+
+// Publishes an object of this process as the context object until the process ends. Creates the directory, and puts it
+// back with all that belongs there when it is removed. When another process has published its own by then, calls
+// `onReplaced` once, on a pool thread: this process's can't be reached any more.
+VEXA_EXPORT PublishResult PublishContextObject(
+    const sptr<IRemoteObject>& object, std::function<void()> onReplaced = [] {});
 
 // Runs `action` on a pool thread whenever a context object has been published anew, from now until the process ends: at
 // once as a rule; within about a second where the runtime directory was removed meanwhile or the kernel can't watch it.

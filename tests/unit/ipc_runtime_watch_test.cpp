@@ -39,14 +39,8 @@ TEST(RuntimeDirectory, IsTheUsersWhereItsManagerLeftASocket)
 {
     const TempDir folder;
     const std::string users = folder.Path() + "/vexa";
-    const auto expectChosen = [](const std::string& expected) {
-        // A process decides once.
-        const pid_t child = fork();
-        if (child == 0) {
-            _exit(RuntimeDirectory() == expected ? 0 : 1);
-        }
-        int status = -1;
-        EXPECT_TRUE(waitpid(child, &status, 0) == child && status == 0) << expected;
+    const auto expectChosen = [](const std::string& expected) {  // by a child, as a process decides once
+        EXPECT_EXIT(_exit(RuntimeDirectory() == expected ? 0 : 1), testing::ExitedWithCode(0), "") << expected;
     };
     setenv("VEXA_RUNTIME_DIR", "", 1);
     setenv("XDG_RUNTIME_DIR", folder.Path().c_str(), 1);
@@ -61,7 +55,7 @@ TEST(RuntimeDirectory, IsTheUsersWhereItsManagerLeftASocket)
     expectChosen("/own");
 }
 
-TEST(ContextWatch, HearsOfAnotherContextObjectAlsoInADirectoryMadeAnew)
+TEST(RuntimeWatch, HearsOfAnotherContextObjectAlsoInADirectoryMadeAnew)
 {
     const TempDir folder;
     const fs::path directory = fs::path(folder.Path()) / "a" / "run";
@@ -114,13 +108,13 @@ TEST(ContextWatch, HearsOfAnotherContextObjectAlsoInADirectoryMadeAnew)
 
     const int another = open((directory / "samgr.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     ASSERT_EQ(flock(another, LOCK_EX), 0);
-    EXPECT_FALSE(PublishContextObject(new IPCObjectStub)) << "another has the directory";
+    EXPECT_EQ(PublishContextObject(new IPCObjectStub), PublishResult::TAKEN) << "another has the directory";
     close(another);
     const std::string stale = (directory / "peers" / "0123456789abcdef").string();
     std::ofstream(stale) << "nobody listens";
     std::ofstream(stale + "0") << "nor is it an endpoint";
-    EXPECT_TRUE(PublishContextObject(new IPCObjectStub));
-    EXPECT_FALSE(PublishContextObject(new IPCObjectStub));
+    EXPECT_EQ(PublishContextObject(new IPCObjectStub), PublishResult::DONE);
+    EXPECT_EQ(PublishContextObject(new IPCObjectStub), PublishResult::TAKEN);
     EXPECT_TRUE(!fs::exists(stale) && fs::exists(stale + "0"));
 }
 
