@@ -2,6 +2,7 @@
 #include "daemon/profile.h"
 
 #include <cjson/cJSON.h>
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,6 +11,7 @@
 #include <array>
 #include <cerrno>
 #include <cmath>
+#include <cstring>
 #include <filesystem>
 #include <set>
 
@@ -210,15 +212,18 @@ bool ReadText(const std::filesystem::path& path, std::string& text, std::string&
 std::vector<std::filesystem::path> ProfileFiles(const std::string& directory)
 {
     std::vector<std::filesystem::path> files;
-    try {
-        for (const auto& entry : std::filesystem::directory_iterator(directory)) {
-            if (entry.path().extension() == ".json") {
-                files.push_back(entry.path());
-            }
+    // The C++ library's iterator ends the process where memory is short.
+    const auto close = [](DIR* open) { closedir(open); };
+    const std::unique_ptr<DIR, decltype(close)> folder(opendir(directory.c_str()), close);
+    if (folder == nullptr) {
+        ThrowWithoutMemory(errno);
+        SAMGR_LOGW("profiles of %{public}s: %{public}s", directory.c_str(), std::strerror(errno));
+    }
+    while (const dirent* const entry = folder != nullptr ? readdir(folder.get()) : nullptr) {
+        const auto path = std::filesystem::path(directory) / entry->d_name;
+        if (path.extension() == ".json") {
+            files.push_back(path);
         }
-    } catch (const std::filesystem::filesystem_error& error) {
-        ThrowWithoutMemory(error.code().value());
-        SAMGR_LOGW("profiles of %{public}s: %{public}s", directory.c_str(), error.code().message().c_str());
     }
     std::sort(files.begin(), files.end());
     return files;
