@@ -21,27 +21,33 @@ pid_t StartedBy()
     return MigrateServerKits::GetKitsInstance().StartMigrate(error) == 0 ? error.errorNum : -1;
 }
 
-// Its notice comes right after the library's own.
+sptr<ISystemAbilityManager> Manager()
+{
+    return SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
+}
+
 class CallAtDeath : public IRemoteObject::DeathRecipient {
 public:
-    void OnRemoteDied(const wptr<IRemoteObject>&) override { next = StartedBy(); }
+    void OnRemoteDied(const wptr<IRemoteObject>&) override
+    {
+        const sptr<IRemoteObject> service = Manager()->LoadSystemAbility(MIGRATE_SERVICE_ID, 5);
+        pid_t pid = -1;
+        // The library's own recipient may have begun a moment ago only.
+        next = service && !service->IsObjectDead() && Eventually([&] { return (pid = StartedBy()) > 0; }) ? pid : -1;
+    }
     std::atomic<pid_t> next{0};
 };
 
-TEST(ClientDeath, ARequestInTheInstantOfADeathReachesTheNextInstance)
+TEST(ClientDeath, ALookupInTheInstantOfADeathGivesTheNextInstance)
 {
     SamgrWorld world;
     world.AddProfile(MIGRATE_SERVICE_ID, SAMGR_PEER, R"(, "arguments": ["migrate", "65792"])");
     world.StartManager();
-    sptr<ISystemAbilityManager> manager;
-    ASSERT_TRUE(Eventually([&] {
-        manager = SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
-        return manager != nullptr;
-    }));
+    ASSERT_TRUE(Eventually([] { return Manager() != nullptr; }));
     pid_t pid = StartedBy();
     std::set<pid_t> instances{pid};
     for (int round = 0; round < INSTANT_DEATHS; ++round) {
-        const sptr<IRemoteObject> service = manager->CheckSystemAbility(MIGRATE_SERVICE_ID);
+        const sptr<IRemoteObject> service = Manager()->CheckSystemAbility(MIGRATE_SERVICE_ID);
         const sptr<CallAtDeath> watch(new CallAtDeath);
         ASSERT_TRUE(service != nullptr && service->AddDeathRecipient(watch)) << round;
         ASSERT_TRUE(pid > 0 && kill(pid, SIGKILL) == 0) << round;

@@ -80,8 +80,9 @@ inline constexpr size_t kDefaultThreads = 16;
 inline constexpr size_t kMostThreads = 256;
 // The reactor looks at time limits so often while anything may run out.
 inline constexpr std::chrono::milliseconds kTickPeriod = std::chrono::milliseconds(1000);
-// A death recipient that takes longer holds up no other process's: half of the 100 ms in which a death is to be told.
-inline constexpr std::chrono::milliseconds kPatience = std::chrono::milliseconds(50);
+// A death recipient that takes longer holds up no other: with seven of them the others still have more than half of the
+// 100 ms in which a death is to be told.
+inline constexpr std::chrono::milliseconds kPatience = std::chrono::milliseconds(5);
 // Threads that run death recipients; with all of them held up the rest waits.
 inline constexpr size_t kMostDeathThreads = 8;
 // A thread for death recipients that is not the last one ends after so long without work.

@@ -4,31 +4,44 @@
 #include <algorithm>
 
 #include "foreign_code.h"
-#include "ipc_log.h"
 #include "process_life.h"
 #include "transport/limits.h"
 
 namespace VEXA::ipc {
 
-void DeathNotifier::Post(EndpointId process, const sptr<IRemoteObject>& object, sptr<Recipient> recipient)
+bool DeathNotifier::Start()
 {
     MutexLock lock(mutex_);
-    notices_.push_back({process, object, std::move(recipient)});
+    KeepOneIdle();
+    return threads_ > 0;
+}
+
+void DeathNotifier::Stop()
+{
+    MutexLock lock(mutex_);
+    stopped_ = true;
+    changed_.NotifyAll();
+    changed_.WaitFor(mutex_, kDeathThreadIdle, [this]() VEXA_NO_THREAD_SAFETY_ANALYSIS { return threads_ == 0; });
+}
+
+void DeathNotifier::Post(Notices& notices)
+{
+    MutexLock lock(mutex_);
+    notices_.splice(notices_.end(), notices);
     KeepOneIdle();
     changed_.NotifyAll();
 }
 
 bool DeathNotifier::Cancel(const IRemoteObject* object, const sptr<Recipient>& recipient)
 {
-    Notice cancelled;  // its references go after the lock
+    Notices cancelled;  // its references go after the lock
     MutexLock lock(mutex_);
     const auto found = std::ranges::find_if(notices_,
         [&](const Notice& notice) { return notice.object.GetRefPtr() == object && notice.recipient == recipient; });
     if (found == notices_.end()) {
         return false;
     }
-    cancelled = std::move(*found);
-    notices_.erase(found);
+    cancelled.splice(cancelled.end(), notices_, found);
     return true;
 }
 
@@ -39,27 +52,23 @@ void DeathNotifier::KeepOneIdle()
     }
     if (startThread_("vexa-deaths", [this] { Run(); })) {
         ++threads_;
-    } else {
-        IPC_LOGE("no thread for death notices: they wait for the next death");
     }
 }
 
-std::deque<DeathNotifier::Notice>::iterator DeathNotifier::Next()
+DeathNotifier::Notices::iterator DeathNotifier::Next()
 {
     const auto isFree = [this](const Notice& notice) VEXA_NO_THREAD_SAFETY_ANALYSIS {
-        return std::ranges::none_of(running_, [&](const Running& running) {
-            return running.process == notice.process || running.recipient == notice.recipient.GetRefPtr();
-        });
+        return std::ranges::find(running_, notice.recipient, &Notice::recipient) == running_.end();
     };
     return std::ranges::find_if(notices_, isFree);
 }
 
 void DeathNotifier::Run()
 {
-    const auto isDue = [this]() VEXA_NO_THREAD_SAFETY_ANALYSIS { return Next() != notices_.end(); };
+    const auto isDue = [this]() VEXA_NO_THREAD_SAFETY_ANALYSIS { return stopped_ || Next() != notices_.end(); };
     const auto noneRuns = [this]() VEXA_NO_THREAD_SAFETY_ANALYSIS { return running_.empty(); };
     MutexLock lock(mutex_);
-    while (!ProcessLife::Exiting()) {
+    while (!ProcessLife::Exiting() && !stopped_) {
         if (!changed_.WaitFor(mutex_, kDeathThreadIdle, isDue)) {
             if (threads_ - running_.size() > 1) {
                 --threads_;
@@ -67,13 +76,14 @@ void DeathNotifier::Run()
             }
             continue;
         }
-        // The last of running_ began last.
         if (!running_.empty() && Clock::now() < running_.back().since + kPatience) {
             changed_.WaitUntil(mutex_, running_.back().since + kPatience, noneRuns);
             continue;
         }
         TellNext();
     }
+    --threads_;
+    changed_.NotifyAll();
 }
 
 bool DeathNotifier::TellOne()
@@ -88,19 +98,20 @@ bool DeathNotifier::TellNext()
     if (next == notices_.end()) {
         return false;
     }
-    Notice notice = std::move(*next);
-    notices_.erase(next);
-    const Recipient* const recipient = notice.recipient.GetRefPtr();
-    running_.push_back({notice.process, recipient, Clock::now()});
+    next->since = Clock::now();
+    running_.splice(running_.end(), notices_, next);
     if (!notices_.empty()) {
         KeepOneIdle();
     }
     mutex_.unlock();
-    RunForeign("a death recipient", [&] { notice.recipient->OnRemoteDied(notice.object); });
-    // A recipient that goes with its last holder may call back here.
-    notice = Notice();
+    RunForeign("a death recipient", [&] { next->recipient->OnRemoteDied(next->object); });
     mutex_.lock();
-    std::erase_if(running_, [&](const Running& running) { return running.recipient == recipient; });
+    Notice told = std::move(*next);
+    mutex_.unlock();
+    // A recipient that goes with its last holder may call back here.
+    told = Notice();
+    mutex_.lock();
+    running_.erase(next);
     changed_.NotifyAll();
     return true;
 }

@@ -3,30 +3,42 @@
 #pragma once
 
 #include <chrono>
-#include <deque>
+#include <list>
 #include <utility>
-#include <vector>
 
 #include "thread.h"
 #include "vexa/base/mutex.h"
 #include "vexa/ipc/iremote_object.h"
-#include "wire.h"
 
 namespace VEXA::ipc {
 
 // Runs recipients one after the other, each once for a notice, in the order in which the notices were posted. When one
-// takes longer than kPatience (it looks the service up again, say), another thread goes on with the deaths of other
-// processes, so that no death waits for what a stranger's recipient waits for. The recipients of one process always run
-// one after the other, and the same recipient never runs twice at the same time. The first thread starts with the first
-// notice. All operations may be called from any thread.
+// takes longer than kPatience (it looks the service up again, say), another thread goes on with the others, which do
+// not wait for what a stranger's recipient waits for. The same recipient never runs twice at the same time. All
+// operations may be called from any thread.
 class DeathNotifier {
 public:
+    using Clock = std::chrono::steady_clock;
     using Recipient = IRemoteObject::DeathRecipient;
+
+    // A recipient that waits for a death, then the notice of it, then one that runs: allocated once, so that nothing
+    // can be lacking when the death comes.
+    struct Notice {
+        sptr<IRemoteObject> object;  // the one that has died
+        sptr<Recipient> recipient;
+        Clock::time_point since{};  // when it began to run
+    };
+    using Notices = std::list<Notice>;
 
     explicit DeathNotifier(ThreadStarter startThread) : startThread_(std::move(startThread)) {}
 
-    // Posts the notice that `process` has died, and `object` with it.
-    void Post(EndpointId process, const sptr<IRemoteObject>& object, sptr<Recipient> recipient);
+    // Starts the first thread, which is there before a death can come. False, with errno, when that can't be done.
+    bool Start();
+    // Ends that thread again, and waits for its end.
+    void Stop();
+
+    // Takes over all of the notices.
+    void Post(Notices& notices);
     // Takes back one notice that no thread has begun to tell; false when there is none.
     bool Cancel(const IRemoteObject* object, const sptr<Recipient>& recipient);
 
@@ -35,33 +47,21 @@ public:
     bool TellOne() VEXA_EXCLUDES(mutex_);
 
 private:
-    using Clock = std::chrono::steady_clock;
-
-    struct Notice {
-        EndpointId process;
-        sptr<IRemoteObject> object;
-        sptr<Recipient> recipient;
-    };
-    struct Running {
-        EndpointId process;
-        const Recipient* recipient;
-        Clock::time_point since;
-    };
-
     void Run();
     // Does the same, and lets the mutex go while the recipient runs.
     bool TellNext() VEXA_REQUIRES(mutex_);
     // Starts a thread when all others run recipients, so that one is left for the notices that wait.
     void KeepOneIdle() VEXA_REQUIRES(mutex_);
-    // Finds the first notice that need not wait for a recipient that runs.
-    std::deque<Notice>::iterator Next() VEXA_REQUIRES(mutex_);
+    // Finds the first notice whose recipient does not run.
+    Notices::iterator Next() VEXA_REQUIRES(mutex_);
 
     const ThreadStarter startThread_;
     Mutex mutex_{LockRank::DeathNotices};
     CondVar changed_;
-    std::deque<Notice> notices_ VEXA_GUARDED_BY(mutex_);
-    std::vector<Running> running_ VEXA_GUARDED_BY(mutex_);
+    Notices notices_ VEXA_GUARDED_BY(mutex_);
+    Notices running_ VEXA_GUARDED_BY(mutex_);  // the latest last
     size_t threads_ VEXA_GUARDED_BY(mutex_) = 0;
+    bool stopped_ VEXA_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace VEXA::ipc

@@ -3,10 +3,15 @@
 
 #include <sys/prctl.h>
 
+#include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <exception>
+#include <system_error>
 #include <thread>
 #include <utility>
+
+#include "ipc_log.h"
 
 namespace VEXA::ipc {
 
@@ -16,7 +21,7 @@ bool StartThread(const char* name, std::function<void()> body)
     sigset_t before;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before);
-    bool started = true;
+    int error = 0;
     try {
         std::thread([name, body = std::move(body)] {
             // The thread names itself: a name that another thread gives goes through /proc, and what has been looked
@@ -24,11 +29,17 @@ bool StartThread(const char* name, std::function<void()> body)
             prctl(PR_SET_NAME, name);
             body();
         }).detach();
+    } catch (const std::system_error& refused) {
+        error = refused.code().value();
     } catch (const std::exception&) {
-        started = false;
+        error = ENOMEM;
     }
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    return started;
+    if (error != 0) {
+        IPC_LOGE("no thread %{public}s: %{public}s", name, std::strerror(error));
+        errno = error;
+    }
+    return error == 0;
 }
 
 }  // namespace VEXA::ipc

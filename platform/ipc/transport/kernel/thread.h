@@ -6,7 +6,7 @@
 namespace VEXA::ipc {
 
 // Starts a detached thread with all signals blocked, so that the program's handlers run on the program's own threads.
-// `name` is a literal of at most 15 characters. False when the kernel refuses.
+// `name` is a literal of at most 15 characters. False, with errno and a log line, when the kernel refuses.
 bool StartThread(const char* name, std::function<void()> body);
 
 // StartThread, or a test's function in its place, which leaves the work of the threads to the test.

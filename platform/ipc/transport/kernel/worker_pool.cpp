@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <utility>
 
-#include "ipc_log.h"
 #include "process_life.h"
 
 namespace VEXA {
@@ -80,7 +79,6 @@ void WorkerPool::KeepOneWaiting()
     if (!startThread_("vexa-worker", [this] { Run(); })) {
         waiting_.fetch_sub(1);
         threads_.fetch_sub(1);
-        IPC_LOGE("no thread for incoming requests");
     }
 }
 

@@ -145,8 +145,9 @@ bool RemoteProxy::AddDeathRecipient(const sptr<DeathRecipient>& recipient)
     if (recipient == nullptr || ProcessLife::Forked()) {
         return false;
     }
+    DeathNotifier::Notices added{{nullptr, recipient}};
     MutexLock lock(mutex_);
-    recipients_.push_back(recipient);
+    recipients_.splice(recipients_.end(), added);
     lock.Unlock();
     // The recipients are collected after the object is marked dead; one that came too late for that is collected here.
     if (IsObjectDead()) {
@@ -160,12 +161,11 @@ bool RemoteProxy::RemoveDeathRecipient(const sptr<DeathRecipient>& recipient)
     if (ProcessLife::Forked()) {
         return false;
     }
-    sptr<DeathRecipient> removed;  // may be the last reference to it, which goes after the lock
+    DeathNotifier::Notices removed;  // may be the last reference to it, which goes after the lock
     MutexLock lock(mutex_);
-    const auto found = std::ranges::find(recipients_, recipient);
+    const auto found = std::ranges::find(recipients_, recipient, &DeathNotifier::Notice::recipient);
     if (found != recipients_.end()) {
-        removed = std::move(*found);
-        recipients_.erase(found);
+        removed.splice(removed.end(), recipients_, found);
         return true;
     }
     return peers_.Deaths().Cancel(this, recipient);
@@ -175,9 +175,10 @@ void RemoteProxy::NotifyDeath()
 {
     // The mutex is held, so that RemoveDeathRecipient finds a recipient either here or with the notifier.
     MutexLock lock(mutex_);
-    for (sptr<DeathRecipient>& recipient : std::exchange(recipients_, {})) {
-        peers_.Deaths().Post(Process().Id(), sptr<IRemoteObject>(this), std::move(recipient));
+    for (DeathNotifier::Notice& notice : recipients_) {
+        notice.object = this;
     }
+    peers_.Deaths().Post(recipients_);
 }
 
 }  // namespace VEXA::ipc

@@ -2,8 +2,6 @@
 // Calls an object of another process.
 #pragma once
 
-#include <vector>
-
 #include "peer.h"
 #include "peer_directory.h"
 #include "vexa/base/mutex.h"
@@ -36,7 +34,7 @@ private:
 
     PeerDirectory& peers_;
     Mutex mutex_{LockRank::RemoteProxy};
-    std::vector<sptr<DeathRecipient>> recipients_ VEXA_GUARDED_BY(mutex_);
+    DeathNotifier::Notices recipients_ VEXA_GUARDED_BY(mutex_);
 };
 
 }  // namespace VEXA::ipc

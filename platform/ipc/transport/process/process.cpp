@@ -33,7 +33,7 @@ Transport* IpcProcess::Start()
     auto transport = std::make_unique<Transport>(&StartThread);
     if (!transport->Start()) {
         if (!hasWarned_) {
-            IPC_LOGE("no endpoint in %{public}s: %{public}s", EndpointDirectory().c_str(), std::strerror(errno));
+            IPC_LOGE("can't start in %{public}s: %{public}s", RuntimeDirectory().c_str(), std::strerror(errno));
         }
         hasWarned_ = true;
         return nullptr;

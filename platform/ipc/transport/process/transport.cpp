@@ -4,6 +4,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <memory>
 
 #include "peer_requests.h"
@@ -83,15 +84,18 @@ PeerDirectory::Parts Transport::DirectoryParts()
 
 bool Transport::Start()
 {
-    if (!workers_.Open() || !reactor_.Open() || !endpoint_.Provide()) {
+    if (!workers_.Open() || !reactor_.Open() || !deaths_.Start()) {
         return false;
     }
-    if (!reactor_.Start()) {
-        endpoint_.Remove();
-        return false;
+    if (endpoint_.Provide() && reactor_.Start()) {
+        watch_.Start();
+        return true;
     }
-    watch_.Start();
-    return true;
+    const int reason = errno;
+    endpoint_.Remove();
+    deaths_.Stop();
+    errno = reason;
+    return false;
 }
 
 void Transport::Leave()

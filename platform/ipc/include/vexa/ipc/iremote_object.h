@@ -20,11 +20,10 @@ public:
     // Is told of the death of the process that an object lives in.
     class VEXA_EXPORT DeathRecipient : public virtual RefBase {
     public:
-        // Runs once for each registration, on a notification thread of the process, one recipient after the other. A
-        // recipient that takes longer than 50 ms no longer holds up those that are told of another process's death,
-        // which may then run beside it; with eight held up the rest waits. The recipients of one process's death run in
-        // the order in which it was watched, and one recipient never runs twice at the same time. The runtime keeps the
-        // recipient alive while it runs.
+        // Runs once for each registration, on a notification thread of the process. Recipients begin in the order in
+        // which they were registered, one after the other; one that takes longer than 5 ms holds up no other, and the
+        // others may then run beside it. With eight held up the rest waits. One recipient never runs twice at the same
+        // time. The runtime keeps the recipient alive while it runs.
         virtual void OnRemoteDied(const wptr<IRemoteObject>& object) = 0;
     };
 
