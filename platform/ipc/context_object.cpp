@@ -13,6 +13,7 @@ sptr<IRemoteObject> GetContextObject()
     if (ipc::ProcessLife::Forked() || ipc::ProcessLife::Exiting()) {
         return nullptr;
     }
+    const NoCancel guard;
     ipc::IpcProcess& process = ipc::IpcProcess::Get();
     if (ipc::Transport* const own = process.Running()) {
         if (sptr<IRemoteObject> object = own->Objects().Find(ipc::kContextObject, own->Id())) {
@@ -25,6 +26,7 @@ sptr<IRemoteObject> GetContextObject()
 
 PublishResult PublishContextObject(const sptr<IRemoteObject>& object, std::function<void()> onReplaced)
 {
+    const NoCancel guard;
     return ipc::ProcessLife::Forked() ? PublishResult::FAILED
                                       : ipc::IpcProcess::Get().PublishContext(object, std::move(onReplaced));
 }
@@ -34,6 +36,7 @@ void OnContextObjectPublished(std::function<void()> action)
     if (ipc::ProcessLife::Forked()) {
         return;
     }
+    const NoCancel guard;
     if (ipc::Transport* const transport = ipc::IpcProcess::Get().Start()) {
         transport->Watch().OnNewContext(std::move(action));
     }

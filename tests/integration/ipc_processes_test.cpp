@@ -223,6 +223,22 @@ TEST_F(IpcProcesses, AStoppedProcessCostsTheWaitTimeOnly)
     EXPECT_EQ(Call(hub_, ADD_ONE, 6).Answer(), 7) << "the late answer to the first is nobody's";
 }
 
+TEST_F(IpcProcesses, ACancelledThreadEndsBehindItsRequestsAndDrops)
+{
+    sptr<IRemoteObject> object = Call(hub_, MAKE_NEW).AnswerObject();
+    int32_t answer = 0;
+    std::thread([&] {
+        pthread_cancel(pthread_self());
+        answer = Call(hub_, ADD_ONE, 1).Answer();
+        object = nullptr;
+        ++answer;
+        pthread_testcancel();
+        ++answer;
+    }).join();
+    EXPECT_EQ(answer, 3);
+    EXPECT_EQ(Call(hub_, ADD_ONE, 1).Answer(), 2);
+}
+
 TEST_F(IpcProcesses, ForkedChildIsRefused)
 {
     const pid_t child = fork();

@@ -51,6 +51,21 @@ TEST(InterfaceCast, GivesTheOriginalAtHomeAndAProxyElsewhere)
     EXPECT_EQ(iface_cast<IOther>(remote), nullptr);
 }
 
+TEST(ObjectDeathTest, DeletedWhileHeldEndsTheProcessUnlessThatLeaves)
+{
+    const auto end = [] {
+        IPCObjectStub stub(u"test.IHeld");
+        sptr<IRemoteObject>(&stub).Detach();
+    };
+    EXPECT_DEATH(end(), "test.IHeld");
+    const auto leave = [] {
+        static IPCObjectStub stub;
+        sptr<IRemoteObject>(&stub).Detach();
+        exit(0);
+    };
+    EXPECT_EXIT(leave(), testing::ExitedWithCode(0), "");
+}
+
 TEST(BrokerRegistrationTest, KeepsTheFirstCreatorOfADescriptor)
 {
     auto& registry = BrokerRegistration::Get();

@@ -43,6 +43,7 @@ int32_t RemoteProxy::SendRequest(uint32_t code, MessageParcel& data, MessageParc
     if (ProcessLife::Forked()) {
         return IPC_FORKED;
     }
+    const NoCancel guard;
     if (ProcessLife::Exiting() || IsObjectDead()) {
         return Lost();
     }

@@ -9,6 +9,7 @@
 #include <mutex>
 
 #include "vexa/base/lock_rank.h"
+#include "vexa/base/no_cancel.h"
 
 #if defined(__clang__)
 #define VEXA_THREAD_ANNOTATION(x) __attribute__((x))
@@ -109,6 +110,7 @@ public:
         // The wait takes the mutex again, so that nothing may be held that is taken after it.
         mutex.Note(LockStep::RELEASE);
         mutex.Note(LockStep::TAKE);
+        const NoCancel guard;
         std::unique_lock<std::mutex> lock(mutex.mutex_, std::adopt_lock);
         const bool result = condition_.wait_until(lock, deadline, ready);
         lock.release();

@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "vexa/base/export.h"
+#include "vexa/base/no_cancel.h"
 
 namespace VEXA {
 
@@ -54,19 +55,35 @@ public:
     RefBase() : counter_(new RefCounter) {}
     RefBase(const RefBase&) : RefBase() {}
     RefBase& operator=(const RefBase&) { return *this; }
-    virtual ~RefBase() { counter_->DecWeak(); }
+    // Ends the process where references to the object are held: their next use would be a fault that nobody can trace.
+    // A process that is leaving may delete its static objects so.
+    virtual ~RefBase()
+    {
+        if (counter_->Strong() > 0) {
+            EndUnlessLeaving();
+        }
+        counter_->DecWeak();
+    }
 
     void IncStrongRef() const { counter_->IncStrong(); }
     void DecStrongRef() const
     {
         if (counter_->DecStrong()) {
+            const NoCancel guard;
             delete this;
         }
     }
     RefCounter* GetRefCounter() const { return counter_; }
     int32_t GetSptrRefCount() const { return counter_->Strong(); }
 
+protected:
+    static bool IsLeaving();
+    // Has the exit of the process noted where this thread is the main thread: its thread-locals go before all statics.
+    static void NoteLeaving();
+
 private:
+    static void EndUnlessLeaving();
+
     RefCounter* const counter_;
 };
 
