@@ -3,6 +3,7 @@
 
 #include <utility>
 
+#include "lookup_lock.h"
 #include "migrate_request.h"
 #include "reserve_migrate_session.h"
 #include "vexa/ipc/ipc_skeleton.h"
@@ -152,15 +153,17 @@ sptr<IMigrateServer> ReserveMigrateSession::GetService()
 
 void ReserveMigrateSession::Keep(const std::string& caller, sptr<IReserveMigrateStatusObserver> observer)
 {
-    MutexLock lock(observersMutex_);
-    observers_[caller].Swap(observer);
+    if (const LookupLock lock(observersMutex_); lock) {
+        observers_[caller].Swap(observer);
+    }
 }
 
 void ReserveMigrateSession::Forget(const std::string& caller)
 {
     Observers::node_type dropped;
-    MutexLock lock(observersMutex_);
-    dropped = observers_.extract(caller);
+    if (const LookupLock lock(observersMutex_); lock) {
+        dropped = observers_.extract(caller);
+    }
 }
 
 bool ReserveMigrateSession::HasObservers()

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "log_line.h"
+#include "vexa/ipc/worker_wait.h"
 #include "vexa/samgr/system_ability_manager_client.h"
 
 namespace VEXA::UpdateEngine {
@@ -86,6 +87,8 @@ bool LoadSaService::LoadSa(int32_t systemAbilityId)
 
 bool LoadSaService::CheckSaLoaded()
 {
+    // The outcome may come to this very process as a request.
+    const WorkerWait wait;
     KITS_LOGI("Waiting for CheckSaLoaded");
     int32_t status = PENDING;
     for (int pauses = 0; pauses < MAX_PAUSES && status == PENDING; ++pauses) {

@@ -3,9 +3,11 @@
 #include <atomic>
 #include <set>
 
+#include "native_migrate/load_sa_service.h"
 #include "native_migrate/migrate_protocol.h"
 #include "native_migrate/migrate_server_kits.h"
 #include "samgr_world.h"
+#include "vexa/ipc/ipc_skeleton.h"
 #include "vexa/samgr/system_ability_manager_client.h"
 
 using namespace VEXA;
@@ -55,6 +57,13 @@ TEST(ClientDeath, ALookupInTheInstantOfADeathGivesTheNextInstance)
         pid = watch->next;
         ASSERT_TRUE(pid > 0 && instances.insert(pid).second) << round;
     }
+    // A load in a callback does not wait for the callback's own thread, which is the only one.
+    IPCSkeleton::SetMaxWorkThreads(1);
+    bool isLoaded = false;
+    const auto load = [&](auto&&...) { isLoaded = LoadSaService::GetInstance()->TryLoadSa(MIGRATE_SERVICE_ID); };
+    EXPECT_EQ(MigrateServerKits::GetKitsInstance().On({load}), 0);
+    EXPECT_GT(StartedBy(), 0);
+    EXPECT_TRUE(isLoaded);
     EXPECT_EQ(world.EndManager(SIGTERM), 0);
 }
 
