@@ -21,8 +21,9 @@ bool BrokerRegistration::Register(const std::u16string& descriptor, const Creato
 
 void BrokerRegistration::Unregister(const std::u16string& descriptor)
 {
+    decltype(creators_)::node_type dropped;  // goes after the lock
     MutexLock lock(mutex_);
-    creators_.erase(descriptor);
+    dropped = creators_.extract(descriptor);
 }
 
 sptr<IRemoteBroker> BrokerRegistration::NewInstance(const std::u16string& descriptor, const sptr<IRemoteObject>& object)

@@ -74,8 +74,9 @@ void PendingLoad::FailWithManager()
 
 void PendingLoad::Abandon()
 {
+    Done done;  // what it holds goes after the lock
     MutexLock lock(mutex_);
-    done_ = nullptr;
+    done.swap(done_);
 }
 
 int32_t PendingLoad::OnRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel&, MessageOption&)

@@ -28,8 +28,9 @@ sptr<ISystemAbilityManager> SystemAbilityManagerClient::GetSystemAbilityManager(
         return nullptr;
     }
     const auto manager = iface_cast<ISystemAbilityManager>(object);
+    auto previous = manager;  // goes after the lock
     MutexLock lock(mutex_);
-    manager_ = manager;
+    manager_.Swap(previous);
     return manager;
 }
 
