@@ -21,7 +21,7 @@ TEST(ObjectTableTest, LivesByItsHoldersAndNotByTheirDebts)
     const std::tuple<EndpointId, int64_t, std::string> rows[] = {
         {2, -1, "1"}, {2, 1, "1"}, {2, 1, "12"}, {1, -1, "12"}, {1, -1, "2"}, {3, -1, "2"}, {2, -1, ""}};
     for (const auto& [holder, difference, holders] : rows) {
-        EXPECT_EQ(table.Adjust(id, holder, difference), holders.empty() ? object : nullptr) << holder << holders;
+        EXPECT_EQ(table.Adjust(id, holder, difference).size(), holders.empty() ? 1U : 0U) << holder << holders;
         std::string found;
         for (const EndpointId each : std::vector<EndpointId>{1, 2, 3}) {
             found += table.Find(id, each) == object ? std::to_string(each) : "";
@@ -32,8 +32,8 @@ TEST(ObjectTableTest, LivesByItsHoldersAndNotByTheirDebts)
     EXPECT_TRUE(table.DropHolder(3).empty());
 
     EXPECT_NE(table.AddHolder(object, 2), id) << "a number is never used again";
-    EXPECT_EQ(table.Adjust(id, 2, -1), nullptr) << "nor is it another's";
-    EXPECT_EQ(table.DropHolder(2), std::vector<sptr<IRemoteObject>>{object});
+    EXPECT_EQ(table.Adjust(id, 2, -1), ObjectTable::Dropped()) << "nor is it another's";
+    EXPECT_EQ(table.DropHolder(2), ObjectTable::Dropped{object});
     EXPECT_EQ(table.Size(), 0U);
     table.SetContextObject(object);
     EXPECT_EQ(table.Find(0, 4), object) << "everybody's";

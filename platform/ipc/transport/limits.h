@@ -78,6 +78,8 @@ inline constexpr std::chrono::milliseconds kClaimLimit = std::chrono::seconds(10
 inline constexpr size_t kDefaultThreads = 16;
 // All threads that carry out requests, with the ones that stand in for threads that wait.
 inline constexpr size_t kMostThreads = 256;
+// Whatever fails for want of memory, or of the kernel's resources, is tried again after so long.
+inline constexpr std::chrono::milliseconds kShortagePause = std::chrono::milliseconds(10);
 // The reactor looks at time limits so often while anything may run out.
 inline constexpr std::chrono::milliseconds kTickPeriod = std::chrono::milliseconds(1000);
 // A death recipient that takes longer holds up no other: with seven of them the others still have more than half of the

@@ -2,47 +2,54 @@
 #include "object_table.h"
 
 #include <algorithm>
-#include <utility>
+#include <new>
 
 namespace VEXA::ipc {
 
 ObjectId ObjectTable::AddHolder(const sptr<IRemoteObject>& object, EndpointId holder)
 {
+    Dropped none;  // a count that goes up drops nothing
     MutexLock lock(mutex_);
     const auto [known, isNew] = ids_.try_emplace(object.GetRefPtr(), nextId_);
     const ObjectId id = known->second;
-    if (isNew) {
-        exports_[nextId_++].object = object;
+    try {
+        if (isNew) {
+            exports_[nextId_++].object.push_back(object);
+        }
+        AdjustLocked(exports_.find(id), holder, 1, none);
+    } catch (const std::bad_alloc&) {
+        if (isNew) {
+            exports_.erase(id);
+            ids_.erase(known);
+        }
+        throw;
     }
-    // A count that goes up drops nothing.
-    AdjustLocked(exports_.find(id), holder, 1);
     return id;
 }
 
-sptr<IRemoteObject> ObjectTable::Adjust(ObjectId id, EndpointId holder, int64_t difference)
+ObjectTable::Dropped ObjectTable::Adjust(ObjectId id, EndpointId holder, int64_t difference)
 {
+    Dropped dropped;
     MutexLock lock(mutex_);
-    return AdjustLocked(exports_.find(id), holder, difference);
+    if (const auto exported = exports_.find(id); exported != exports_.end()) {
+        AdjustLocked(exported, holder, difference, dropped);
+    }
+    return dropped;
 }
 
-sptr<IRemoteObject> ObjectTable::AdjustLocked(Exports::iterator exported, EndpointId holder, int64_t difference)
+void ObjectTable::AdjustLocked(Exports::iterator exported, EndpointId holder, int64_t difference, Dropped& dropped)
 {
-    if (exported == exports_.end()) {
-        return nullptr;
-    }
     auto& [object, counts] = exported->second;
     int64_t& count = counts[holder];
     count += difference;
     if (count == 0) {
         counts.erase(holder);
     }
-    if (std::ranges::any_of(counts, [](const auto& entry) { return entry.second > 0; })) {
-        return nullptr;
+    if (std::ranges::none_of(counts, [](const auto& entry) { return entry.second > 0; })) {
+        ids_.erase(object.front().GetRefPtr());
+        dropped.splice(dropped.end(), object);
+        exports_.erase(exported);
     }
-    sptr<IRemoteObject> dropped = std::move(object);
-    ids_.erase(dropped.GetRefPtr());
-    exports_.erase(exported);
-    return dropped;
 }
 
 sptr<IRemoteObject> ObjectTable::Find(ObjectId id, EndpointId holder)
@@ -56,21 +63,18 @@ sptr<IRemoteObject> ObjectTable::Find(ObjectId id, EndpointId holder)
         return nullptr;
     }
     const auto count = found->second.counts.find(holder);
-    return count != found->second.counts.end() && count->second > 0 ? found->second.object : nullptr;
+    return count != found->second.counts.end() && count->second > 0 ? found->second.object.front() : nullptr;
 }
 
-std::vector<sptr<IRemoteObject>> ObjectTable::DropHolder(EndpointId holder)
+ObjectTable::Dropped ObjectTable::DropHolder(EndpointId holder)
 {
-    std::vector<sptr<IRemoteObject>> dropped;
+    Dropped dropped;
     MutexLock lock(mutex_);
     for (auto next = exports_.begin(); next != exports_.end();) {
         const auto exported = next++;
         const auto count = exported->second.counts.find(holder);
-        if (count == exported->second.counts.end()) {
-            continue;
-        }
-        if (sptr<IRemoteObject> object = AdjustLocked(exported, holder, -count->second)) {
-            dropped.push_back(std::move(object));
+        if (count != exported->second.counts.end()) {
+            AdjustLocked(exported, holder, -count->second, dropped);
         }
     }
     return dropped;
@@ -78,8 +82,9 @@ std::vector<sptr<IRemoteObject>> ObjectTable::DropHolder(EndpointId holder)
 
 void ObjectTable::SetContextObject(const sptr<IRemoteObject>& object)
 {
+    sptr<IRemoteObject> previous = object;  // goes after the lock
     MutexLock lock(mutex_);
-    context_ = object;
+    context_.Swap(previous);
 }
 
 size_t ObjectTable::Size()

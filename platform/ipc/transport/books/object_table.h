@@ -4,8 +4,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <list>
 #include <unordered_map>
-#include <vector>
 
 #include "vexa/base/mutex.h"
 #include "vexa/ipc/iremote_object.h"
@@ -19,28 +19,31 @@ namespace VEXA::ipc {
 // alive: the granting process still does. All operations may be called from any thread.
 class ObjectTable {
 public:
+    // Of objects that nobody holds any more: their last references go when the caller drops them, outside the table's
+    // lock.
+    using Dropped = std::list<sptr<IRemoteObject>>;
+
     // Counts one more reference of `holder` to the object, which enters the table if it is new. Returns its number.
     ObjectId AddHolder(const sptr<IRemoteObject>& object, EndpointId holder);
     // Changes `holder`'s count for an object that is in the table; others are ignored. Returns the object when nobody
-    // holds it any more: its last reference may go with the result.
-    [[nodiscard]] sptr<IRemoteObject> Adjust(ObjectId id, EndpointId holder, int64_t difference);
+    // holds it any more.
+    [[nodiscard]] Dropped Adjust(ObjectId id, EndpointId holder, int64_t difference);
     // Returns the object if `holder` holds it, else null.
     sptr<IRemoteObject> Find(ObjectId id, EndpointId holder);
-    // Forgets all that a process held. Returns the objects that nobody holds any more: their last references go when
-    // the caller drops them, outside the table's lock.
-    std::vector<sptr<IRemoteObject>> DropHolder(EndpointId holder);
+    // Forgets all that a process held. Returns the objects that nobody holds any more. Needs no memory.
+    Dropped DropHolder(EndpointId holder);
 
     void SetContextObject(const sptr<IRemoteObject>& object);
     size_t Size();
 
 private:
     struct Export {
-        sptr<IRemoteObject> object;
+        Dropped object;                                  // one, in the node that it is dropped in
         std::unordered_map<EndpointId, int64_t> counts;  // other than 0
     };
     using Exports = std::unordered_map<ObjectId, Export>;
 
-    sptr<IRemoteObject> AdjustLocked(Exports::iterator exported, EndpointId holder, int64_t difference)
+    void AdjustLocked(Exports::iterator exported, EndpointId holder, int64_t difference, Dropped& dropped)
         VEXA_REQUIRES(mutex_);
 
     Mutex mutex_{LockRank::ObjectTable};

@@ -44,8 +44,12 @@ bool Link::Send(const void* frame, size_t size)
         outSent_ = 0;
     }
     const uint8_t* const bytes = static_cast<const uint8_t*>(frame);
-    out_.insert(out_.end(), bytes + sent, bytes + size);
-    return true;
+    // A part may have gone already, and a destructor may be the sender.
+    const bool isKept = RetryForMemory([&] { out_.insert(out_.end(), bytes + sent, bytes + size); });
+    if (!isKept) {
+        EndLocked();
+    }
+    return isKept;
 }
 
 bool Link::WaitFlushed(Deadline deadline)
@@ -119,7 +123,7 @@ bool Link::Drain()
 
 void Link::Resume()
 {
-    if (parked_ != nullptr) {
+    if (parked_ != nullptr || reader_.HasAhead()) {
         ReadFrames(kFairShare, UINT64_MAX);
     }
 }
@@ -130,13 +134,12 @@ bool Link::ReadFrames(size_t frames, uint64_t bytes)
     if (reading_ || closed_) {
         return false;
     }
-    reading_ = true;
+    const Raised reading(reading_);
     bool hasMoved = false;
     for (size_t count = 0; parked_ != nullptr || reader_.HasAhead() || (count < frames && reader_.Received() < bytes);
          ++count) {
-        MessageParcel* frame = std::exchange(parked_, nullptr);
-        if (frame == nullptr) {
-            const FrameReader::Result result = reader_.Read(Fd(), *scratch_, frame);
+        if (parked_ == nullptr) {
+            const FrameReader::Result result = reader_.Read(Fd(), *scratch_, parked_);
             FrameHeader header;
             if (result == FrameReader::Result::PARTIAL && (!reader_.HasHeader(header) || AdmitOnce(header))) {
                 break;
@@ -147,15 +150,16 @@ bool Link::ReadFrames(size_t frames, uint64_t bytes)
                 break;
             }
         }
-        const FrameHeader header = HeaderOf(*frame);
-        const Verdict verdict = AdmitOnce(header) ? Handle(header, *frame) : Verdict::CLOSE;
+        // Where there is no memory to deal with the frame, it stays for Resume, as one that waits does.
+        const FrameHeader header = HeaderOf(*parked_);
+        const Verdict verdict = AdmitOnce(header) ? Handle(header, *parked_) : Verdict::CLOSE;
         if (verdict == Verdict::WAIT) {
-            parked_ = frame;
             if (reactor_.Settling()) {
                 reactor_.ResumeLater();
             }
             break;
         }
+        parked_ = nullptr;
         hasMoved = true;
         if (verdict == Verdict::CLOSE || verdict == Verdict::END) {
             Close(verdict == Verdict::CLOSE);
@@ -166,13 +170,13 @@ bool Link::ReadFrames(size_t frames, uint64_t bytes)
         admitted_ = false;
         reader_.Done();
     }
-    reading_ = false;
     return hasMoved;
 }
 
 bool Link::AdmitOnce(const FrameHeader& header)
 {
-    return std::exchange(admitted_, true) || Admit(header);
+    admitted_ = admitted_ || Admit(header);
+    return admitted_;
 }
 
 std::unique_ptr<MessageParcel> Link::TakeFrame(MessageParcel& frame)

@@ -69,7 +69,7 @@ private:
     FrameReader reader_;
     std::unique_ptr<MessageParcel> scratch_ = std::make_unique<MessageParcel>();
     uint64_t due_ = 0;                 // the count of bytes up to which Drain reads
-    MessageParcel* parked_ = nullptr;  // a frame that is to be brought again
+    MessageParcel* parked_ = nullptr;  // the frame that is dealt with, or that waits to be
     bool admitted_ = false;            // by Admit: the frame that is arriving
     bool reading_ = false;
     bool closed_ = false;

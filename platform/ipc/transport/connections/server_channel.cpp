@@ -84,7 +84,10 @@ void ServerChannel::ServeArrived()
     do {
         MessageParcel scratch;
         MessageParcel* frame = nullptr;
-        const FrameReader::Result result = reader_.Read(Fd(), scratch, frame);
+        FrameReader::Result result{};
+        if (!RetryForMemory([&] { result = reader_.Read(Fd(), scratch, frame); })) {
+            return Close(false);
+        }
         if (result == FrameReader::Result::END || result == FrameReader::Result::MALFORMED) {
             Close(result == FrameReader::Result::MALFORMED);
             return;
@@ -111,7 +114,8 @@ bool ServerChannel::AnswerFrame(MessageParcel& frame)
     }
     MessageParcel reply;
     const bool isRequest = header.kind == FrameKind::REQUEST;
-    if (!isRequest || !handler_->Answer(frame, header, reply)) {
+    bool isAnswered = false;
+    if (!isRequest || !RetryForMemory([&] { isAnswered = handler_->Answer(frame, header, reply); }) || !isAnswered) {
         Close(!isRequest);
         return false;
     }
@@ -122,8 +126,11 @@ bool ServerChannel::AnswerFrame(MessageParcel& frame)
     if (sent == size) {
         return true;
     }
-    output_.assign(bytes + sent, bytes + size);
     outputSent_ = 0;
+    if (!RetryForMemory([&] { output_.assign(bytes + sent, bytes + size); })) {
+        Close(false);
+        return false;
+    }
     WatchAgain();
     return IsOpen() && FlushOutput();
 }
@@ -193,6 +200,7 @@ void ServerChannels::Adopt(Connection connection, std::unique_ptr<RequestHandler
 {
     MutexLock lock(mutex_);
     if (free_.empty()) {
+        free_.reserve(channels_.size() + 1);  // for Recycle, which must not fail
         channels_.emplace_back().home_ = this;
         free_.push_back(&channels_.back());
     }

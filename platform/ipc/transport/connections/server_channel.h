@@ -24,7 +24,7 @@ public:
     // Is told that the peer has sent a frame, and so has read the last reply.
     virtual void OnLastReplyRead() = 0;
     // Carries out the request and leaves the reply, with its header, in `reply`; false when the peer is to be served no
-    // more.
+    // more. Throws std::bad_alloc only before anything has been carried out, and is then called again.
     virtual bool Answer(MessageParcel& request, const FrameHeader& header, MessageParcel& reply) = 0;
 };
 

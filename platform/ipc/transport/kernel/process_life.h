@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cerrno>
 #include <set>
+#include <utility>
 
 #include "vexa/base/mutex.h"
 
@@ -35,9 +36,12 @@ public:
             errno = ESHUTDOWN;
             return -1;
         }
+        // The entry is made first: afterwards there might be no memory for it.
+        std::set<int>::node_type entry = life.open_.extract(life.open_.insert(-1).first);
         const int fd = open();
         if (fd >= 0) {
-            life.open_.insert(fd);
+            entry.value() = fd;
+            life.open_.insert(std::move(entry));
         }
         return fd;
     }

@@ -31,7 +31,10 @@ bool Reactor::Start()
 {
     nextTick_ = std::chrono::steady_clock::now() + kTickPeriod;
     return startThread_("vexa-reactor", [this] {
-        while (!ProcessLife::Exiting() && Turn()) {
+        while (!ProcessLife::Exiting()) {
+            if (!Turn()) {
+                std::this_thread::sleep_for(kShortagePause);
+            }
         }
     });
 }
@@ -40,11 +43,12 @@ bool Reactor::Add(const sptr<EventHandler>& handler, uint32_t events)
 {
     const int fd = handler->Fd();
     MutexLock lock(mutex_);
+    handlers_[fd] = handler;
     epoll_event event{events, {.fd = fd}};
     if (epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, fd, &event) != 0) {
+        handlers_.erase(fd);  // not the last reference
         return false;
     }
-    handlers_[fd] = handler;
     return true;
 }
 
@@ -89,7 +93,7 @@ std::vector<sptr<EventHandler>> Reactor::Handlers()
 
 void Reactor::DrainAll()
 {
-    settling_ = true;
+    const Raised settling(settling_);
     for (const sptr<EventHandler>& handler : Handlers()) {
         handler->AcceptAll();
     }
@@ -105,7 +109,6 @@ void Reactor::DrainAll()
             hasMoved = handler->Drain() || hasMoved;
         }
     }
-    settling_ = false;
 }
 
 bool Reactor::Turn(bool mayWait, int most)
@@ -114,23 +117,35 @@ bool Reactor::Turn(bool mayWait, int most)
     epoll_event events[kBatch];
     const int tick = ticksNeeded_.load() > 0 ? static_cast<int>(kTickPeriod.count()) : -1;
     const int count = epoll_wait(epoll_.Get(), events, std::min(most, kBatch), resumeLater_ || !mayWait ? 0 : tick);
-    if (count < 0 && errno != EINTR) {
-        return false;
-    }
-    for (int i = 0; i < count; ++i) {
-        Dispatch(events[i].data.fd, events[i].events);
-    }
-    SettleWaiters();
-    if (std::exchange(resumeLater_, false)) {
-        for (const sptr<EventHandler>& handler : Handlers()) {
-            handler->Resume();
+    bool isDone = count >= 0 || errno == EINTR;
+    const auto attempt = [&isDone](const auto& step) {
+        try {
+            step();
+        } catch (const std::bad_alloc&) {
+            isDone = false;
         }
+    };
+    for (int i = 0; i < count; ++i) {
+        attempt([&] { Dispatch(events[i].data.fd, events[i].events); });
     }
-    const Deadline now = std::chrono::steady_clock::now();
-    if (ticksNeeded_.load() > 0 && now >= nextTick_) {
-        Tick(now);
-    }
-    return true;
+    attempt([&] { SettleWaiters(); });
+    attempt([&] {
+        if (resumeLater_) {
+            const std::vector<sptr<EventHandler>> handlers = Handlers();
+            resumeLater_ = false;
+            for (const sptr<EventHandler>& handler : handlers) {
+                attempt([&] { handler->Resume(); });
+            }
+        }
+    });
+    attempt([&] {
+        const Deadline now = std::chrono::steady_clock::now();
+        if (ticksNeeded_.load() > 0 && now >= nextTick_) {
+            Tick(now);
+        }
+    });
+    resumeLater_ = resumeLater_ || !isDone;  // so that the next turn does not wait for an event
+    return isDone;
 }
 
 void Reactor::CutAll()

@@ -20,11 +20,19 @@
 
 namespace VEXA::ipc {
 
+// Sets a flag for its scope.
+struct Raised {
+    explicit Raised(bool& itsFlag) : flag(itsFlag) { flag = true; }
+    ~Raised() { flag = false; }
+    bool& flag;
+};
+
 // Owns a descriptor that the reactor watches. The reactor calls it, on its own thread only.
 class EventHandler : public RefBase {
 public:
     explicit EventHandler(UniqueFd fd) : fd_(std::move(fd)) {}
 
+    // Where memory is short it may throw: it is called again a moment later.
     virtual void OnEvents(uint32_t events) = 0;
     // Is called about once in a kTickPeriod while anything needs ticks.
     virtual void OnTick(Deadline now) { (void)now; }
@@ -33,7 +41,7 @@ public:
     virtual void AcceptAll() {}
     virtual void TakeStock() {}
     virtual bool Drain() { return false; }
-    // Goes on with a frame that waited for the end of a Settle.
+    // Goes on with a frame that waited for the end of a Settle, or for memory.
     virtual void Resume() {}
 
     int Fd() const { return fd_.Get(); }
@@ -58,7 +66,8 @@ public:
     // Starts the thread, which turns until the process leaves.
     bool Start();
     // Deals with up to `most` events and, with `mayWait`, waits for them, no longer than until the next tick. The
-    // calling thread becomes the reactor's thread. False when epoll fails.
+    // calling thread becomes the reactor's thread. False when something is left that the next turn tries again, because
+    // memory or the kernel's resources have run out.
     static constexpr int kBatch = 64;
     bool Turn(bool mayWait = true, int most = kBatch);
     // Looks at all time limits, on the same thread. Turn does so once in a kTickPeriod.
@@ -78,7 +87,7 @@ public:
     // itself, except for a link that is being read already. A frame that needs another one, which may be on that link,
     // waits: its own link resumes when the settling is over.
     bool Settle(std::chrono::milliseconds limit);
-    // For handlers, while they are called: true while a Settle is under way; asks for Resume at its end.
+    // For handlers, while they are called: true while a Settle is under way; asks for Resume at the end of the turn.
     bool Settling() const { return settling_; }
     void ResumeLater() { resumeLater_ = true; }
 

@@ -5,10 +5,7 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <exception>
-#include <system_error>
-#include <thread>
 #include <utility>
 
 #include "ipc_log.h"
@@ -21,7 +18,7 @@ bool StartThread(const char* name, std::function<void()> body)
     sigset_t before;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before);
-    int error = 0;
+    bool started = true;
     try {
         std::thread([name, body = std::move(body)] {
             // The thread names itself: a name that another thread gives goes through /proc, and what has been looked
@@ -29,17 +26,13 @@ bool StartThread(const char* name, std::function<void()> body)
             prctl(PR_SET_NAME, name);
             body();
         }).detach();
-    } catch (const std::system_error& refused) {
-        error = refused.code().value();
-    } catch (const std::exception&) {
-        error = ENOMEM;
+    } catch (const std::exception& refusal) {
+        IPC_LOGE("no thread %{public}s: %{public}s", name, refusal.what());
+        started = false;
+        errno = EAGAIN;
     }
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    if (error != 0) {
-        IPC_LOGE("no thread %{public}s: %{public}s", name, std::strerror(error));
-        errno = error;
-    }
-    return error == 0;
+    return started;
 }
 
 }  // namespace VEXA::ipc

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "foreign_code.h"
 #include "process_life.h"
 
 namespace VEXA {
@@ -46,7 +47,13 @@ bool WorkerPool::Open()
 void WorkerPool::Post(std::function<void()> task)
 {
     MutexLock lock(mutex_);
-    tasks_.push_back(std::move(task));
+    try {
+        tasks_.push_back(std::move(task));
+    } catch (const std::bad_alloc&) {
+        lock.Unlock();
+        task();
+        return;
+    }
     lock.Unlock();
     eventfd_write(taskEvent_.Get(), 1);
     KeepOneWaiting();
@@ -88,17 +95,20 @@ void WorkerPool::Run()
     for (;;) {
         epoll_event event{};
         const int count = epoll_wait(epoll_.Get(), &event, 1, -1);
-        if (ProcessLife::Exiting() || (count < 0 && errno != EINTR)) {
+        if (ProcessLife::Exiting()) {
             break;
         }
         if (count != 1) {
+            if (errno != EINTR) {
+                std::this_thread::sleep_for(kShortagePause);
+            }
             continue;
         }
         if (waiting_.fetch_sub(1) == 1) {
             KeepOneWaiting();
         }
         if (event.data.ptr == nullptr) {
-            RunTasks();
+            RunForeign("a task", [this] { RunTasks(); });
         } else {
             static_cast<Served*>(event.data.ptr)->Serve();
         }

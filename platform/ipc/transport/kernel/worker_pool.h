@@ -35,7 +35,8 @@ public:
     bool Open();
     void SetLimit(size_t threads) { limit_.store(threads == 0 ? 1 : threads, std::memory_order_relaxed); }
 
-    // Runs `task` on a worker. Code that the transport does not know, and whatever may wait, would hold up the reactor.
+    // Runs `task` on a worker, or at once where memory is too short to keep it. Code that the transport does not know,
+    // and whatever may wait, would hold up the reactor.
     void Post(std::function<void()> task);
     // Runs the tasks that have been posted, on the calling thread.
     void RunTasks();

@@ -169,9 +169,7 @@ ObjectId PeerDirectory::AddHolder(const sptr<IRemoteObject>& object, EndpointId 
 
 void PeerDirectory::AdjustHolder(ObjectId id, EndpointId holder, int64_t difference)
 {
-    if (sptr<IRemoteObject> dropped = parts_.objects.Adjust(id, holder, difference)) {
-        DropOnWorker(std::vector{std::move(dropped)});
-    }
+    DropOnWorker(parts_.objects.Adjust(id, holder, difference));
     DropIfDead(holder);
 }
 

@@ -10,6 +10,7 @@
 
 #include "connection_counts.h"
 #include "death_notifier.h"
+#include "foreign_code.h"
 #include "object_table.h"
 #include "peer.h"
 #include "reactor.h"
@@ -78,11 +79,12 @@ private:
     // Drops a peer, and all that its process holds.
     void Forget(const sptr<Peer>& peer) VEXA_REQUIRES(mutex_);
     // Drops references to objects on a worker: where they are the last, the objects' code must not hold up the reactor.
-    template <typename Object>
-    void DropOnWorker(std::vector<sptr<Object>> objects)
+    // Only where there is no memory for the task they go here.
+    template <typename Objects>
+    void DropOnWorker(Objects objects)
     {
         if (!objects.empty()) {
-            parts_.workers.Post([objects = std::move(objects)] {});
+            RunForeign("dropping objects", [&] { parts_.workers.Post([objects = std::move(objects)] {}); });
         }
     }
     // Clears a holder from the table again, where it died, and was cleared, before it was counted there.

@@ -65,14 +65,17 @@ void RuntimeWatch::Look()
     }
     const FileId found = IdOf(ContextSocketPath());
     const bool isNew = action_ && found.Exists() && found != socket_;
+    SetLooking(isWhole);
+    const std::function<void()> action = action_;
     if (isNew) {
         socket_ = found;
     }
-    SetLooking(isWhole);
-    const std::function<void()> action = action_;
     lock.Unlock();
-    if (isNew) {
-        RunForeign("the action for a new context object", action);
+    if (isNew && !RunForeign("the action for a new context object", action)) {
+        // It runs again at the next tick.
+        lock.Lock();
+        socket_ = FileId();
+        looking_ = reactor_.NeedTicks();
     }
 }
 

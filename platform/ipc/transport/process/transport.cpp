@@ -84,16 +84,16 @@ PeerDirectory::Parts Transport::DirectoryParts()
 
 bool Transport::Start()
 {
-    if (!workers_.Open() || !reactor_.Open() || !deaths_.Start()) {
+    if (!workers_.Open() || !reactor_.Open() || !endpoint_.Provide()) {
         return false;
     }
-    if (endpoint_.Provide() && reactor_.Start()) {
+    if (deaths_.Start() && reactor_.Start()) {
         watch_.Start();
         return true;
     }
     const int reason = errno;
-    endpoint_.Remove();
     deaths_.Stop();
+    endpoint_.Remove();
     errno = reason;
     return false;
 }

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 
 #include "parcel_access.h"
 #include "socket.h"
@@ -40,7 +41,6 @@ FrameReader::Result FrameReader::Read(int fd, MessageParcel& scratch, MessagePar
     size_t have = aheadBytes_;
     if (have > 0) {
         std::memcpy(storage, ahead_, have);
-        aheadBytes_ = 0;
     } else {
         const Transfer result = ReceiveNow(fd, storage, kFirstRead, have);
         received_ += have;
@@ -59,7 +59,11 @@ FrameReader::Result FrameReader::Read(int fd, MessageParcel& scratch, MessagePar
             return Result::FRAME;
         }
     }
+    // Kept here in case there is no memory.
+    std::memcpy(ahead_, storage, have);
+    aheadBytes_ = have;
     collected_ = std::make_unique<MessageParcel>();
+    aheadBytes_ = 0;
     have_ = have;
     std::memcpy(ParcelAccess::Storage(*collected_), storage, have);
     return Collect(fd, frame);
@@ -84,7 +88,7 @@ FrameReader::Result FrameReader::Collect(int fd, MessageParcel*& frame)
         // Makes room for what the header announces, but never for more than as much again as has come so far.
         const size_t room = std::min(total, std::max(2 * have_, kGrowthStep));
         if (!ParcelAccess::ReserveTotal(*collected_, room - kHeaderBytes)) {
-            return Result::MALFORMED;
+            throw std::bad_alloc();
         }
         size_t moved = 0;
         const Transfer result = ReceiveNow(fd, ParcelAccess::Storage(*collected_) + have_, room - have_, moved);

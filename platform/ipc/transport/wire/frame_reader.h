@@ -27,7 +27,8 @@ public:
         MALFORMED  // the peer has sent something that is no frame, or the connection failed
     };
 
-    // Reads the next frame. `frame` is `scratch`, or a parcel that belongs to the reader until Done.
+    // Reads the next frame. `frame` is `scratch`, or a parcel that belongs to the reader until Done. Throws
+    // std::bad_alloc where memory is short; nothing is lost, and the next Read goes on.
     Result Read(int fd, MessageParcel& scratch, MessageParcel*& frame);
     // Says that the frame of the last Read has been dealt with.
     void Done() { collected_.reset(); }
