@@ -45,7 +45,8 @@ bool Link::Send(const void* frame, size_t size)
     }
     const uint8_t* const bytes = static_cast<const uint8_t*>(frame);
     // A part may have gone already, and a destructor may be the sender.
-    const bool isKept = RetryForMemory([&] { out_.insert(out_.end(), bytes + sent, bytes + size); });
+    const bool isKept =
+        RetryForMemory([&]() VEXA_NO_THREAD_SAFETY_ANALYSIS { out_.insert(out_.end(), bytes + sent, bytes + size); });
     if (!isKept) {
         EndLocked();
     }
@@ -181,7 +182,16 @@ bool Link::AdmitOnce(const FrameHeader& header)
 
 std::unique_ptr<MessageParcel> Link::TakeFrame(MessageParcel& frame)
 {
+    if (&frame == putBack_.get()) {
+        return std::move(putBack_);
+    }
     return &frame == scratch_.get() ? std::exchange(scratch_, std::make_unique<MessageParcel>()) : reader_.TakeOwn();
+}
+
+void Link::PutBack(std::unique_ptr<MessageParcel> frame)
+{
+    putBack_ = std::move(frame);
+    parked_ = putBack_.get();
 }
 
 Connection Link::GiveUp()

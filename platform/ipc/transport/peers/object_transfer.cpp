@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "object_transfer.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "ipc_log.h"
@@ -110,7 +111,8 @@ Unpacked UnpackObjects(PeerDirectory& peers, MessageParcel& parcel, const FrameH
     std::vector<sptr<IRemoteObject>>& objects = ParcelAccess::Objects(parcel);
     objects.reserve(header.objects);
     Unpacked result;
-    for (size_t i = 0; i < header.objects; ++i) {
+    // Goes on where an earlier call had no memory.
+    for (size_t i = objects.size(); i < header.objects; ++i) {
         const ObjectEntry entry = EntryOf(parcel, header, i);
         sptr<IRemoteObject> object;
         if (entry.owner == peers.Self()) {
@@ -122,9 +124,9 @@ Unpacked UnpackObjects(PeerDirectory& peers, MessageParcel& parcel, const FrameH
             result.unreachable += !owner->IsConnected() && !peers.HasDied(entry.owner) ? 1 : 0;
             object = owner->Object(entry.id);
         }
-        result.isSound = result.isSound && object != nullptr;
         objects.push_back(std::move(object));
     }
+    result.isSound = std::ranges::find(objects, nullptr) == objects.end();
     return result;
 }
 

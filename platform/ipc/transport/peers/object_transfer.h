@@ -49,11 +49,11 @@ bool HoldsAll(PeerDirectory& peers, Parcel& frame, const FrameHeader& header, co
 bool AwaitGrants(PeerDirectory& peers, Parcel& frame, const FrameHeader& header, const Peer& sender);
 
 struct Unpacked {
-    bool isSound = true;     // false: memory is short, or the sender does not hold what it names
+    bool isSound = true;     // false: the sender does not hold what it names
     size_t unreachable = 0;  // objects of processes that are not there, and are not known to have died
 };
-// Fills the parcel's objects from the table that arrived with it. Every entry is taken, even where nobody will read it,
-// because the sender has counted them all.
+// Fills the parcel's objects from the table that arrived with it; may be called again after std::bad_alloc. Every entry
+// is taken, even where nobody will read it, because the sender has counted them all.
 Unpacked UnpackObjects(
     PeerDirectory& peers, MessageParcel& parcel, const FrameHeader& header, const sptr<Peer>& sender);
 

@@ -6,12 +6,19 @@
 
 namespace VEXA::ipc {
 
-void OneWayQueues::Add(Request request)
+void OneWayQueues::Add(Request& request)
 {
     const IRemoteObject* const object = request.object.GetRefPtr();
     MutexLock lock(mutex_);
     const auto [queue, isNew] = queues_.try_emplace(object);
-    queue->second.push_back(std::move(request));
+    try {
+        queue->second.push_back(std::move(request));
+    } catch (const std::bad_alloc&) {
+        if (isNew) {
+            queues_.erase(queue);
+        }
+        throw;
+    }
     lock.Unlock();
     if (isNew) {
         workers_.Post([this, object] { RunQueue(object); });

@@ -25,7 +25,8 @@ public:
         std::unique_ptr<MessageParcel> data;
     };
 
-    void Add(Request request);
+    // Takes the request, unless it throws std::bad_alloc: the request is as it was then.
+    void Add(Request& request);
 
 private:
     void RunQueue(const IRemoteObject* object);

@@ -2,6 +2,7 @@
 #include "peer.h"
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 #include "transport/limits.h"
@@ -160,19 +161,26 @@ sptr<IRemoteObject> Peer::Object(ObjectId id)
     sptr<PeerObject> former;  // both may be last references, which go after the lock
     sptr<PeerObject> object;
     MutexLock lock(objectsMutex_);
-    const auto found = objects_.find(id);
-    if (found != objects_.end() && found->second->GetRefCounter()->TryIncStrong()) {
-        former = sptr<PeerObject>::Adopt(found->second);
+    const auto [entry, isNew] = objects_.try_emplace(id, nullptr);
+    if (!isNew && entry->second->GetRefCounter()->TryIncStrong()) {
+        former = sptr<PeerObject>::Adopt(entry->second);
         if (former->IsCurrent()) {
             former->CountReference();
             return former;
         }
         former->NotifyDeath();
     }
-    object = makeObject_(sptr<Peer>(this), id);
-    if (object != nullptr) {
-        objects_[id] = object.GetRefPtr();
+    try {
+        object = makeObject_(sptr<Peer>(this), id);
+    } catch (const std::bad_alloc&) {
     }
+    if (object == nullptr) {
+        if (isNew) {
+            objects_.erase(entry);
+        }
+        throw std::bad_alloc();
+    }
+    entry->second = object.GetRefPtr();
     return object;
 }
 

@@ -98,6 +98,7 @@ public:
     std::atomic<uint32_t> otherVersion{0};
 
     // Returns what stands for the process's object of that number, and counts one more reference received.
+    // Throws std::bad_alloc where memory is short; the reference is not counted then.
     sptr<IRemoteObject> Object(ObjectId id);
     // Is called at the end of an object: gives the references back that it stood for.
     void Forget(const PeerObject& object);

@@ -113,7 +113,8 @@ int32_t RemoteProxy::SendSync(uint32_t code, MessageParcel& data, MessageParcel&
     const FrameHeader header = HeaderOf(reply);
     if (header.objects > 0) {
         AwaitGrants(peers_, reply, header, Process());
-        const Unpacked unpacked = UnpackObjects(peers_, reply, header, Owner());
+        Unpacked unpacked{false};
+        RetryForMemory([&] { unpacked = UnpackObjects(peers_, reply, header, Owner()); });
         channel.AcknowledgeObjects();
         error = unpacked.isSound ? IPC_OK : IPC_FAILED;
     }

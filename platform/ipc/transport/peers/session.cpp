@@ -266,7 +266,15 @@ Link::Verdict Session::HandleOneWay(const FrameHeader& header, MessageParcel& fr
         IPC_LOGE("process %{public}d called an object that it does not hold", Who().pid);
         object = new IPCObjectStub;  // takes the request and answers nobody
     }
-    parts_.oneWays.Add({std::move(object), peer_, std::move(arriving_), header.code, TakeFrame(frame)});
+    OneWayQueues::Request request{std::move(object), peer_, nullptr, header.code, TakeFrame(frame)};
+    request.charge = std::move(arriving_);
+    try {
+        parts_.oneWays.Add(request);
+    } catch (const std::bad_alloc&) {
+        arriving_ = std::move(request.charge);
+        PutBack(std::move(request.data));
+        throw;
+    }
     return Verdict::GO_ON;
 }
 
