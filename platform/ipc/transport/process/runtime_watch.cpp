@@ -64,11 +64,13 @@ void RuntimeWatch::Look()
         lock.Lock();
     }
     const FileId found = IdOf(ContextSocketPath());
-    const bool isNew = action_ && found.Exists() && found != socket_;
+    const bool lives = context_.HasPublisher();
+    const bool isNew = action_ && found.Exists() && (found != socket_ || (hasReachedFormer_ && !lives));
     SetLooking(isWhole);
     const std::function<void()> action = action_;
     if (isNew) {
         socket_ = found;
+        hasReachedFormer_ = lives;
     }
     lock.Unlock();
     if (isNew && !RunForeign("the action for a new context object", action)) {

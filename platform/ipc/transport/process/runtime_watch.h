@@ -70,6 +70,9 @@ private:
     FileId directory_ VEXA_GUARDED_BY(mutex_);
     FileId own_ VEXA_GUARDED_BY(mutex_);
     FileId socket_ VEXA_GUARDED_BY(mutex_);  // the context's that was seen last
+    // The action has run while the former publisher lived, which it may have reached: it runs again after that one's
+    // end.
+    bool hasReachedFormer_ VEXA_GUARDED_BY(mutex_) = false;
     Reactor::Ticks looking_ VEXA_GUARDED_BY(mutex_);
     bool hasWarned_ VEXA_GUARDED_BY(mutex_) = false;
 };
