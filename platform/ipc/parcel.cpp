@@ -2,10 +2,12 @@
 #include "vexa/ipc/parcel.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 
 #include "parcel_access.h"
+#include "transport/limits.h"
 #include "vexa/ipc/parcel_limit.h"
 
 namespace VEXA {
@@ -16,6 +18,35 @@ static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "values are copied as t
 constexpr size_t kAlignment = 4;
 
 thread_local size_t threadLimit = IPC_MAX_PARCEL_BYTES;
+
+// A long block that a parcel has given back, for the next one that needs so much: fresh memory, which the kernel clears
+// page by page, costs more than the copy of a long text into it. The block begins with its length.
+std::atomic<uint8_t*> keptBlock{nullptr};
+
+// Takes the kept block, and tells its length, where it has the `bytes`; else null.
+uint8_t* TakeKeptBlock(size_t& bytes)
+{
+    uint8_t* const block = bytes >= ipc::kLeastKeptBlock ? keptBlock.exchange(nullptr) : nullptr;
+    size_t length = 0;
+    if (block != nullptr) {
+        std::memcpy(&length, block, sizeof(length));
+    }
+    if (length < bytes) {
+        std::free(block);
+        return nullptr;
+    }
+    bytes = length;
+    return block;
+}
+
+void KeepOrFree(uint8_t* block, size_t bytes)
+{
+    if (bytes >= ipc::kLeastKeptBlock && bytes <= ipc::kMostKeptBlock) {
+        std::memcpy(block, &bytes, sizeof(bytes));
+        block = keptBlock.exchange(block);
+    }
+    std::free(block);
+}
 
 template <typename N>
 constexpr N Padded(N bytes)
@@ -38,23 +69,28 @@ Parcel::Parcel() : storage_(inline_), limit_(threadLimit) {}
 Parcel::~Parcel()
 {
     if (storage_ != inline_) {
-        std::free(storage_);
+        KeepOrFree(storage_, kHeadroom + capacity_);
     }
 }
 
 bool Parcel::Reserve(size_t bytes)
 {
-    const size_t capacity = std::max(bytes, capacity_ * 2);
+    size_t total = kHeadroom + std::max(bytes, capacity_ * 2);
     const bool isInline = storage_ == inline_;
-    auto* const grown = static_cast<uint8_t*>(std::realloc(isInline ? nullptr : storage_, kHeadroom + capacity));
+    uint8_t* const kept = TakeKeptBlock(total);
+    auto* const grown =
+        kept != nullptr ? kept : static_cast<uint8_t*>(std::realloc(isInline ? nullptr : storage_, total));
     if (grown == nullptr) {
         return false;
     }
-    if (isInline) {
-        std::memcpy(grown, inline_, sizeof(inline_));
+    if (kept != nullptr || isInline) {
+        std::memcpy(grown, storage_, kHeadroom + capacity_);
+    }
+    if (kept != nullptr && !isInline) {
+        std::free(storage_);
     }
     storage_ = grown;
-    capacity_ = capacity;
+    capacity_ = total - kHeadroom;
     return true;
 }
 
@@ -142,8 +178,7 @@ inline bool Parcel::ReadText(S& value)
         position_ = start;
         return false;
     }
-    value.resize(length);
-    std::memcpy(value.data(), place, length * sizeof(Unit));
+    value.assign(reinterpret_cast<const Unit*>(place), length);
     return true;
 }
 
@@ -245,7 +280,7 @@ bool Parcel::ReadString16(std::u16string& value)
 void ParcelAccess::Clear(Parcel& parcel)
 {
     if (parcel.storage_ != parcel.inline_ && parcel.capacity_ > kKeptBytes) {
-        std::free(parcel.storage_);
+        KeepOrFree(parcel.storage_, kHeadroom + parcel.capacity_);
         parcel.storage_ = parcel.inline_;
         parcel.capacity_ = Parcel::kInlineBytes;
     }

@@ -46,6 +46,12 @@ inline constexpr size_t kFirstRead = 512;
 // Bytes made room for at first where a frame is larger. The room grows with what has really arrived.
 inline constexpr size_t kGrowthStep = 4096;
 
+// Bytes of a parcel's block that the process keeps, one at a time, for the next parcel that needs so much. Shorter ones
+// cost little to have anew.
+inline constexpr size_t kLeastKeptBlock = size_t{32} * 1024;
+// Bytes of a parcel's block beyond which it is given back at once.
+inline constexpr size_t kMostKeptBlock = size_t{2} * 1024 * 1024;
+
 // A frame on a channel that takes longer from its first byte to its last, or a reply that is not read for so long,
 // costs the connection.
 inline constexpr std::chrono::milliseconds kStallLimit = std::chrono::seconds(8);
