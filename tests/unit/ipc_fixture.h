@@ -101,7 +101,8 @@ inline std::string Times(size_t count, const std::string& bytes)
 
 inline void Write(const UniqueFd& fd, const std::string& bytes)
 {
-    EXPECT_EQ(SendAll(fd.Get(), bytes.data(), bytes.size(), Now()), Transfer::DONE);
+    size_t sent = 0;
+    EXPECT_EQ(SendAll(fd.Get(), bytes.data(), bytes.size(), Now(), sent), Transfer::DONE);
 }
 
 // Reads all that has come; true when the other end has closed the connection.

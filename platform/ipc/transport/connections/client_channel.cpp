@@ -35,15 +35,18 @@ int32_t ClientChannel::Exchange(
     MessageParcel& frame, size_t frameBytes, MessageParcel& reply, Deadline deadline, Reached& reached)
 {
     reached = Reached::NOTHING;
-    Transfer result = SendAll(Fd(), ParcelAccess::Storage(frame), frameBytes, deadline);
+    size_t sent = 0;
+    Transfer result = SendAll(Fd(), ParcelAccess::Storage(frame), frameBytes, deadline, sent);
     if (result != Transfer::DONE) {
         return ErrorOf(result);
     }
     reached = Reached::SENT;
     ParcelAccess::Clear(reply);
     LimitReceive(deadline);
+    // Replies on a channel are often alike: one that is as long as the last comes with one call.
+    const size_t room = ParcelAccess::ReserveTotal(reply, lastReply_) ? std::max(kFirstRead, lastReply_) : kFirstRead;
     size_t have = 0;
-    result = ReceiveAtLeast(Fd(), ParcelAccess::Storage(reply), kHeaderBytes, kFirstRead, deadline, have);
+    result = ReceiveAtLeast(Fd(), ParcelAccess::Storage(reply), kHeaderBytes, room, deadline, have);
     if (result != Transfer::DONE) {
         if (result != Transfer::WOULD_BLOCK && have == 0 && !used_) {
             reached = Reached::TURNED_AWAY;
@@ -60,6 +63,7 @@ int32_t ClientChannel::Exchange(
     if (!ParcelAccess::ReserveTotal(reply, total - kHeaderBytes)) {
         return IPC_FAILED;
     }
+    lastReply_ = total;
     result = have < total ? ReceiveMore(Fd(), ParcelAccess::Storage(reply), total, total, deadline, have) : result;
     if (result != Transfer::DONE) {
         return ErrorOf(result);
@@ -102,7 +106,8 @@ ClientChannel ClientChannels::Open(UniqueFd fd, EndpointId self, const ChannelKe
     ClientChannel channel(std::move(fd));
     const HelloFrame hello = MakeHello(FrameKind::HELLO, ConnectionUse::CHANNEL, self, key);
     const Deadline deadline = std::chrono::steady_clock::now() + kConnectWait;
-    if (SendAll(channel.Fd(), &hello, sizeof(hello), deadline) != Transfer::DONE) {
+    size_t sent = 0;
+    if (SendAll(channel.Fd(), &hello, sizeof(hello), deadline, sent) != Transfer::DONE) {
         return ClientChannel();
     }
     MutexLock lock(mutex_);

@@ -43,6 +43,7 @@ private:
     UniqueFd fd_;
     std::thread::id user_;                         // the thread that took the channel last
     std::chrono::milliseconds receiveTimeout_{0};  // SO_RCVTIMEO as it is set
+    size_t lastReply_ = 0;                         // bytes of the last reply's frame
     bool used_ = false;                            // has brought a reply
 };
 

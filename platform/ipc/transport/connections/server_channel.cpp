@@ -123,6 +123,10 @@ bool ServerChannel::AnswerFrame(MessageParcel& frame)
     const size_t size = kHeaderBytes + BodyBytes(HeaderOf(reply));
     size_t sent = 0;
     SendNow(Fd(), bytes, size, sent);
+    if (sent < size && home_->workers_.OthersWait()) {
+        // A peer that is reading is waited for: that saves the copy of the rest, and another worker's wake-up.
+        SendAll(Fd(), bytes, size, std::chrono::steady_clock::now() + kFollowLimit, sent);
+    }
     if (sent == size) {
         return true;
     }

@@ -198,17 +198,15 @@ Transfer ReceiveNow(int fd, void* bytes, size_t size, size_t& moved)
     return received == 0 && size > 0 ? Transfer::END : result;
 }
 
-Transfer SendAll(int fd, const void* bytes, size_t size, Deadline deadline)
+Transfer SendAll(int fd, const void* bytes, size_t size, Deadline deadline, size_t& sent)
 {
-    const uint8_t* next = static_cast<const uint8_t*>(bytes);
     for (;;) {
         size_t moved = 0;
-        const Transfer result = SendNow(fd, next, size, moved);
-        size -= moved;
-        next += moved;
+        const Transfer result = SendNow(fd, static_cast<const uint8_t*>(bytes) + sent, size - sent, moved);
+        sent += moved;
         const bool hasRoom =
             result == Transfer::DONE || (result == Transfer::WOULD_BLOCK && WaitFor(fd, POLLOUT, deadline));
-        if (size == 0 || !hasRoom) {
+        if (sent == size || !hasRoom) {
             return result;
         }
     }

@@ -58,8 +58,9 @@ enum class Transfer { DONE, WOULD_BLOCK, END, FAILED };
 Transfer SendNow(int fd, const void* bytes, size_t size, size_t& moved);
 Transfer ReceiveNow(int fd, void* bytes, size_t size, size_t& moved);
 
-// Sends all bytes, and waits for room until the deadline. WOULD_BLOCK: the deadline has passed.
-Transfer SendAll(int fd, const void* bytes, size_t size, Deadline deadline);
+// Sends all bytes but the first `sent`, which it counts on, and waits for room until the deadline. WOULD_BLOCK: the
+// deadline has passed.
+Transfer SendAll(int fd, const void* bytes, size_t size, Deadline deadline, size_t& sent);
 // Receives at least `least` and at most `most` bytes, and tells how many in `moved`. The socket's own receive time-out
 // bounds the first wait, unless a signal interrupts it.
 Transfer ReceiveAtLeast(int fd, void* bytes, size_t least, size_t most, Deadline deadline, size_t& moved);
