@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <system_error>
 #include <utility>
 
 namespace VEXA::bench {
@@ -14,7 +15,8 @@ namespace {
 
 void Confine(pid_t process, const cpu_set_t& cpus)
 {
-    for (const auto& task : std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/task")) {
+    std::error_code gone;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/task", gone)) {
         sched_setaffinity(std::stoi(task.path().filename().string()), sizeof(cpus), &cpus);
     }
 }

@@ -15,7 +15,8 @@ double CpuMicroseconds(pid_t process);
 // The resident memory of a process in bytes.
 double ResidentBytes(pid_t process);
 
-// Keeps all threads of the processes on the last processor that this process may use, while it lives.
+// Keeps all threads of the processes, and what they start, on the last processor that this process may use. Those that
+// are there at its end are set free again.
 class PinnedToOneCpu {
 public:
     explicit PinnedToOneCpu(std::vector<pid_t> processes);

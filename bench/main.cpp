@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "bench_service.h"
+#include "idle_clients.h"
 #include "json_pair.h"
 #include "raw_stream.h"
 #include "report.h"
@@ -18,14 +19,20 @@
 int main(int argc, char** argv)
 {
     using namespace VEXA::bench;
+    const std::vector<std::string> arguments(argv + 1, argv + argc);
+    if (arguments == std::vector<std::string>{"--nothing"}) {
+        return 0;
+    }
     // Before the first line is logged here, and inherited by the other processes.
     setenv("KOLOG_LEVEL", "error", 1);
-    const std::vector<std::string> arguments(argv + 1, argv + argc);
     if (arguments.size() == 1 && arguments[0] == "--service") {
         return ServeRequests();
     }
-    if (arguments.size() == 4 && arguments[0] == "--raw-server") {
-        return ServeRawStream(arguments[1], {std::stoul(arguments[2]), std::stoul(arguments[3])});
+    if (arguments.size() == 2 && arguments[0] == "--raw-server") {
+        return ServeRawStream(arguments[1]);
+    }
+    if (arguments.size() == 2 && arguments[0] == "--idle-clients") {
+        return RunIdleClients(std::stoul(arguments[1]));
     }
 
     benchmark::Initialize(&argc, argv);
@@ -36,7 +43,11 @@ int main(int argc, char** argv)
     app.add_option("--pinned-calls", calls.pinned, "Calls with all processes on one processor")->capture_default_str();
     app.add_option("--free-calls", calls.free, "Calls with the processes left free")->capture_default_str();
     app.add_option("--thread-calls", calls.threads, "Calls of four threads together")->capture_default_str();
+    app.add_option("--64k-calls", calls.texts64k, "Calls for texts of 64 KiB")->capture_default_str();
+    app.add_option("--1m-calls", calls.texts1m, "Calls for texts of 1 MiB")->capture_default_str();
     app.add_option("--heap-calls", calls.heap, "Calls over which memory is watched")->capture_default_str();
+    app.add_option("--idle", calls.idleClients, "Idle clients beside the measured one")->capture_default_str();
+    app.add_option("--kills", calls.kills, "Kills of the service")->capture_default_str();
     CLI11_PARSE(app, argc, argv);
 
     Report report;

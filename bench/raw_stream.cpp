@@ -39,8 +39,12 @@ bool ReadAll(int fd, std::vector<char>& bytes)
     return true;
 }
 
-void Answer(int fd, MessageSizes sizes)
+void Answer(int fd)
 {
+    MessageSizes sizes{};
+    if (read(fd, &sizes, sizeof(sizes)) != sizeof(sizes)) {
+        return;
+    }
     std::vector<char> request(sizes.request);
     const std::vector<char> reply(sizes.reply);
     while (ReadAll(fd, request) && WriteAll(fd, reply)) {
@@ -50,7 +54,7 @@ void Answer(int fd, MessageSizes sizes)
 
 }  // namespace
 
-int ServeRawStream(const std::string& path, MessageSizes sizes)
+int ServeRawStream(const std::string& path)
 {
     const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const sockaddr_un address = AddressOf(path);
@@ -61,7 +65,7 @@ int ServeRawStream(const std::string& path, MessageSizes sizes)
     for (;;) {
         const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
         if (fd >= 0) {
-            std::thread(&Answer, fd, sizes).detach();
+            std::thread(&Answer, fd).detach();
         }
     }
 }
@@ -71,6 +75,7 @@ RawConnection::RawConnection(const std::string& path, MessageSizes sizes)
 {
     const sockaddr_un address = AddressOf(path);
     test::Eventually([&] { return connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0; });
+    (void)!write(fd_, &sizes, sizeof(sizes));
 }
 
 RawConnection::~RawConnection()

@@ -16,11 +16,11 @@ struct MessageSizes {
 
 // Listens at `path` and answers each connection on a thread of its own, until the process is killed. Returns 1 when it
 // can't listen.
-int ServeRawStream(const std::string& path, MessageSizes sizes);
+int ServeRawStream(const std::string& path);
 
 class RawConnection {
 public:
-    // Connects to a server that may be about to start.
+    // Connects to a server that may be about to start, and tells it the sizes.
     RawConnection(const std::string& path, MessageSizes sizes);
     ~RawConnection();
     RawConnection(const RawConnection&) = delete;

@@ -5,16 +5,14 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <memory>
+#include <utility>
 
-#include "bench_service.h"
+#include "bench_world.h"
 #include "cpu.h"
+#include "idle_clients.h"
 #include "measure.h"
-#include "native_migrate/migrate_protocol.h"
 #include "native_migrate/migrate_server_kits.h"
-#include "samgr_world.h"
-#include "vexa/samgr/system_ability_manager_client.h"
+#include "recovery.h"
 
 namespace VEXA::bench {
 namespace {
@@ -29,52 +27,15 @@ bool StartMigrate(size_t)
     return UpdateEngine::MigrateServerKits::GetKitsInstance().StartMigrate(error) == 0 && error.errorNum == 0;
 }
 
-// The other processes, in a runtime directory of their own.
-class World {
-public:
-    World()
-    {
-        manager_.AddProfile(UpdateEngine::MIGRATE_SERVICE_ID, "/bin/false", "");
-        manager_.StartManager();
-        const std::string self = "/proc/self/exe";
-        const std::string path = manager_.Folder() + "/raw";
-        const MessageSizes sizes = RequestSizes();
-        service_ = test::ChildProcess({self, "--service"});
-        raw_ = test::ChildProcess(
-            {self, "--raw-server", path, std::to_string(sizes.request), std::to_string(sizes.reply)});
-        for (size_t i = 0; i < THREADS; ++i) {
-            connections_.push_back(std::make_unique<RawConnection>(path, sizes));
-        }
-        std::printf("request frame %zu bytes, reply frame %zu bytes\n", sizes.request, sizes.reply);
-    }
-
-    bool IsReady() const
-    {
-        return test::Eventually([] {
-            const auto samgr = SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
-            return samgr != nullptr && samgr->CheckSystemAbility(UpdateEngine::MIGRATE_SERVICE_ID) != nullptr;
-        });
-    }
-    pid_t Service() const { return service_.Pid(); }
-    std::vector<pid_t> Processes() const { return {getpid(), service_.Pid(), raw_.Pid()}; }
-    std::vector<Side> Sides()
-    {
-        const auto exchange = [this](size_t thread) { return connections_[thread]->Exchange(); };
-        return {{"raw.stream", exchange, raw_.Pid(), {}, {}, {}, 0}, RequestSide()};
-    }
-    Side RequestSide() const { return {"request.start_migrate", &StartMigrate, service_.Pid(), {}, {}, {}, 0}; }
-
-private:
-    test::SamgrWorld manager_;
-    test::ChildProcess service_;
-    test::ChildProcess raw_;
-    std::vector<std::unique_ptr<RawConnection>> connections_;
-};
+Side StartMigrateSide(const World& world)
+{
+    return world.RequestSide("request.start_migrate", &StartMigrate);
+}
 
 // What the client's heap and both processes' memory grow by over many requests, once everything is warm.
 bool MeasureGrowth(const World& world, size_t calls, Report& report)
 {
-    const Side side = world.RequestSide();
+    const Side side = StartMigrateSide(world);
     std::vector<float> samples(calls);  // touched, so that it is resident before the first look
     samples.clear();
     std::vector<float> warmUp;
@@ -100,10 +61,61 @@ bool MeasureGrowth(const World& world, size_t calls, Report& report)
     return true;
 }
 
-bool CompareOver(World& world, const std::string& suffix, size_t calls, size_t threads, Report& report)
+bool CompareOver(std::vector<Side> sides, const std::string& suffix, size_t calls, size_t threads, Report& report)
 {
     const size_t perRound = std::max<size_t>(calls / ROUNDS / threads, 1);
-    return calls == 0 || Compare(world.Sides(), {suffix, ROUNDS, perRound, threads}, report);
+    return calls == 0 || Compare(std::move(sides), {suffix, ROUNDS, perRound, threads}, report);
+}
+
+bool CompareStartMigrate(const World& world, const std::string& suffix, size_t calls, size_t threads, Report& report)
+{
+    return CompareOver({world.RawSide("raw.stream", StartMigrateSizes(), threads), StartMigrateSide(world)}, suffix,
+        calls, threads, report);
+}
+
+bool CompareText(const World& world, const std::string& suffix, size_t bytes, size_t calls, Report& report)
+{
+    const auto ask = [bytes](size_t) { return AskText(bytes); };
+    return CompareOver(
+        {world.RawSide("raw", TextSizes(bytes)), world.RequestSide("request", ask)}, suffix, calls, 1, report);
+}
+
+// The same calls without the idle clients before and after, so that a slow change of the machine counts for nothing.
+bool MeasureBesideIdle(const World& world, size_t clients, Report& report)
+{
+    constexpr size_t calls = 40'000;
+    Report without;
+    Report with;
+    if (!CompareStartMigrate(world, "", calls / 2, 1, without)) {
+        return false;
+    }
+    const double bytesBefore = ResidentBytes(world.Service());
+    IdleClients idle(world.Self(), clients);
+    if (!idle.AreServed()) {
+        return false;
+    }
+    const double bytes = ResidentBytes(world.Service()) - bytesBefore;
+    if (!CompareStartMigrate(world, "", calls, 1, with) || !idle.End() ||
+        !CompareStartMigrate(world, "", calls / 2, 1, without)) {
+        return false;
+    }
+    // A list is the raw side and the request side of each comparison.
+    const double base = (without[1].p50 + without[3].p50) / 2;
+    Entry entry{"request.idle_" + std::to_string(clients), with[1].p50, with[1].p99, {}};
+    entry.values = {{"p50_without_us", base}, {"p50_ratio", entry.p50 / base},
+        {"service_bytes_per_client", bytes / static_cast<double>(clients)}};
+    report.push_back(std::move(entry));
+    return true;
+}
+
+bool MeasurePinned(const World& world, const RequestCalls& calls, Report& report)
+{
+    const PinnedToOneCpu pinned(world.Processes());
+    return CompareStartMigrate(world, "", calls.pinned, 1, report) &&
+           CompareText(world, ".reply_64k", size_t{64} * 1024, calls.texts64k, report) &&
+           CompareText(world, ".reply_1m", size_t{1024} * 1024, calls.texts1m, report) &&
+           (calls.heap == 0 || MeasureGrowth(world, calls.heap, report)) &&
+           (calls.idleClients == 0 || MeasureBesideIdle(world, calls.idleClients, report));
 }
 
 }  // namespace
@@ -111,18 +123,10 @@ bool CompareOver(World& world, const std::string& suffix, size_t calls, size_t t
 bool MeasureRequests(const RequestCalls& calls, Report& report)
 {
     World world;
-    if (!world.IsReady()) {
-        return false;
-    }
-    {
-        const PinnedToOneCpu pinned(world.Processes());
-        if (!CompareOver(world, "", calls.pinned, 1, report) ||
-            (calls.heap > 0 && !MeasureGrowth(world, calls.heap, report))) {
-            return false;
-        }
-    }
-    return CompareOver(world, ".free", calls.free, 1, report) &&
-           CompareOver(world, ".4threads", calls.threads, THREADS, report);
+    return world.IsReady() && MeasurePinned(world, calls, report) &&
+           CompareStartMigrate(world, ".free", calls.free, 1, report) &&
+           CompareStartMigrate(world, ".4threads", calls.threads, THREADS, report) &&
+           (calls.kills == 0 || MeasureRecovery(world, calls.kills, report));
 }
 
 }  // namespace VEXA::bench
