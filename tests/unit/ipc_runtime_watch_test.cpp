@@ -6,8 +6,10 @@
 #include <sys/inotify.h>
 #include <sys/syscall.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
@@ -34,6 +36,18 @@ namespace VEXA::test {
 namespace {
 
 namespace fs = std::filesystem;
+
+// The lowest number of an open file of that kind.
+int LowestOf(const std::string& kind)
+{
+    int lowest = INT_MAX;
+    for (const auto& file : fs::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        const bool isOne = fs::read_symlink(file, gone).string().starts_with(kind);
+        lowest = isOne ? std::min(lowest, std::stoi(file.path().filename())) : lowest;
+    }
+    return lowest;
+}
 
 TEST(RuntimeDirectory, IsTheUsersWhereItsManagerLeftASocket)
 {
@@ -91,6 +105,7 @@ TEST(RuntimeWatch, HearsOfAnotherContextObjectAlsoInADirectoryMadeAnew)
     make();
     expectNews("removed");
     expectNews("watched again");
+    EXPECT_LT(LowestOf("anon_inode:inotify"), LowestOf("socket:")) << "holds up what tells of this process's death";
     std::this_thread::sleep_for(std::chrono::milliseconds(20));  // the grain of a file's times
     fs::rename(directory / "samgr.sock", directory / "new");
     expectNews("another of the same number");

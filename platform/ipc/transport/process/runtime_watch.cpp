@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "runtime_watch.h"
 
+#include <fcntl.h>
+#include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <unistd.h>
 
@@ -33,6 +35,12 @@ void RuntimeWatch::Events::OnEvents(uint32_t)
         at += static_cast<ssize_t>(sizeof(event) + event.len);
     }
     watch_.workers_.Post([watch = &watch_] { watch->Look(); });
+}
+
+void RuntimeWatch::Reserve()
+{
+    MutexLock lock(mutex_);
+    place_ = UniqueFd::Make([] { return eventfd(0, EFD_CLOEXEC); });
 }
 
 void RuntimeWatch::Start()
@@ -96,6 +104,9 @@ bool RuntimeWatch::WatchFiles()
         return false;
     }
     UniqueFd fd = UniqueFd::Make([] { return inotify_init1(IN_CLOEXEC | IN_NONBLOCK); });
+    if (fd && place_ && dup3(fd.Get(), place_.Get(), O_CLOEXEC) >= 0) {
+        fd = std::exchange(place_, UniqueFd());
+    }
     if (!fd || inotify_add_watch(fd.Get(), RuntimeDirectory().c_str(), kDirectoryEvents) < 0 ||
         inotify_add_watch(fd.Get(), endpoint_.c_str(), kSocketEvents) < 0) {
         if (!std::exchange(hasWarned_, true)) {

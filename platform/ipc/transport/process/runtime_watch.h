@@ -32,6 +32,10 @@ public:
           renew_(std::move(renew))
     {}
 
+    // Takes the number for the first watch, before the transport opens a socket. The kernel needs milliseconds to end a
+    // watch, and ends what a killed process has open from the highest number down: sockets with lower numbers than the
+    // watch would tell of the process's death that much later.
+    void Reserve();
     // Watches from the next tick on: a process that has ended by then never pays for the watch, whose end takes the
     // kernel milliseconds.
     void Start();
@@ -69,6 +73,7 @@ private:
     sptr<Events> events_ VEXA_GUARDED_BY(mutex_);  // of the next two files; null when there are none
     FileId directory_ VEXA_GUARDED_BY(mutex_);
     FileId own_ VEXA_GUARDED_BY(mutex_);
+    UniqueFd place_ VEXA_GUARDED_BY(mutex_);  // has the number for a watch until there is one
     FileId socket_ VEXA_GUARDED_BY(mutex_);  // the context's that was seen last
     // The action has run while the former publisher lived, which it may have reached: it runs again after that one's
     // end.

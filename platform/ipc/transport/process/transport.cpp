@@ -84,6 +84,7 @@ PeerDirectory::Parts Transport::DirectoryParts()
 
 bool Transport::Start()
 {
+    watch_.Reserve();
     if (!workers_.Open() || !reactor_.Open() || !endpoint_.Provide()) {
         return false;
     }
