@@ -18,7 +18,7 @@ nm_test(client_migration_test
 
 # Not linked with the libraries: it loads and unloads them.
 nm_test(client_unload_test
-    SOURCES client_unload_test.cpp LINKS ${CMAKE_DL_LIBS} PROGRAMS samgrd samgr_peer native_migrate LABELS integration)
+    SOURCES client_unload_test.cpp LINKS ${CMAKE_DL_LIBS} PROGRAMS samgrd migrate_serviced native_migrate LABELS integration)
 foreach(piece vexa_base vexa_ipc vexa_want)
     target_include_directories(client_unload_test PRIVATE $<TARGET_PROPERTY:${piece},INTERFACE_INCLUDE_DIRECTORIES>)
 endforeach()

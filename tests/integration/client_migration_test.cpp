@@ -4,13 +4,12 @@
 #include <atomic>
 #include <set>
 
+#include "client_world.h"
 #include "native_migrate/json_parse.h"
-#include "native_migrate/migrate_protocol.h"
-#include "native_migrate/migrate_server_kits.h"
+#include "native_migrate/load_sa_service.h"
 #include "native_migrate/reserve_migrate_kits.h"
 #include "native_migrate/reserve_migrate_status_observer_stub.h"
-#include "samgr_world.h"
-#include "vexa/samgr/system_ability_manager_client.h"
+#include "vexa/ipc/ipc_skeleton.h"
 #include "vexa/testing/recording_log_sink.h"
 
 using namespace VEXA;
@@ -19,20 +18,20 @@ using namespace VEXA::UpdateEngine;
 
 namespace {
 
-constexpr int kApps = 20;  // reserved ones; the other packages are migrated
+constexpr int kFirst = 10;  // in the names
+constexpr int kApps = 20;   // reserved ones; the other packages are migrated
 constexpr int kPackages = 60;
 constexpr int kDeaths = 10;
 constexpr std::streamoff kPackageBytes = 60000;
 
 std::string NameOf(int index)
 {
-    return "p" + std::to_string(10 + index);
+    return "p" + std::to_string(kFirst + index);
 }
 
-// Packages p10, p11, ... of two files each, one of them deeper, and the service that moves them.
-void AddProfiles(const SamgrWorld& world)
+// Packages p10, p11, ... of two files each, one of them deeper.
+void AddPackages(const std::string& source)
 {
-    const std::string source = world.Folder() + "/source";
     for (int index = 0; index < kPackages; ++index) {
         const std::string folder = source + "/" + NameOf(index);
         std::filesystem::create_directories(folder + "/data/deep");
@@ -44,27 +43,25 @@ void AddProfiles(const SamgrWorld& world)
             }
         }
     }
-    const std::string target = world.Folder() + "/target";
-    std::filesystem::create_directory(target);
-    world.AddProfile(MIGRATE_SERVICE_ID, MIGRATE_SERVICED,
-        R"(, "startTimeout": 20, "arguments": ["--source", ")" + source + R"(", "--target", ")" + target +
-            R"(", "--state", ")" + target + R"(.state", "--no-sync", "--throttle", "500000"])");
 }
 
 // Ends the service at once, and returns true when the manager runs the next instance.
-bool KillService(const SamgrWorld& world)
+bool KillService(const ClientWorld& world)
 {
-    const auto running = [&] { return PidOfProgram(world, "migrate_serviced"); };
-    const pid_t killed = running();
-    return killed > 0 && kill(killed, SIGKILL) == 0 && Eventually([&] { return running() > 0 && running() != killed; });
+    const pid_t killed = world.Service();
+    const auto runsNext = [&] { return world.Service() > 0 && world.Service() != killed; };
+    return killed > 0 && kill(killed, SIGKILL) == 0 && Eventually(runsNext);
 }
 
 std::atomic<int> midway{0};  // events with a package that is partly copied
 std::atomic<uint32_t> percent{0};
 std::atomic<bool> isFinished{false};
+std::atomic<bool> hasLoaded{false};
 
 void Watch(const MigrateStage& stage, const EventInfo& event)
 {
+    // A load in a callback does not wait for the callback's own thread, which is the only one.
+    hasLoaded = hasLoaded || LoadSaService::GetInstance()->TryLoadSa(MIGRATE_SERVICE_ID);
     isFinished = stage == MigrateStage::FINISH;
     percent = event.progress.percent;
     for (const TaskProgress& task : event.taskProgresses) {
@@ -79,36 +76,25 @@ public:
     {
         std::vector<RestoreEventInfo> events;
         EXPECT_EQ(JsonParse::JsonStrToStruct(text, events), JsonError::SUCCESS) << text;
-        MutexLock lock(mutex_);
         for (const RestoreEventInfo& event : events) {
             if (event.status == static_cast<int32_t>(TaskStatus::FINISHED)) {
-                restored_.insert(event.restoreAppInfo.packageName);
+                isRestored.at(std::stoul(event.restoreAppInfo.packageName.substr(1)) - kFirst) = true;
             }
         }
         return 0;
     }
-    bool HasHeardOf(const std::string& app)
-    {
-        MutexLock lock(mutex_);
-        return restored_.count(app) > 0;
-    }
-
-private:
-    Mutex mutex_{LockRank::Program};
-    std::set<std::string> restored_ VEXA_GUARDED_BY(mutex_);
+    std::array<std::atomic<bool>, kApps> isRestored{};
 };
 
 TEST(ClientMigration, AllThatIsWatchedGoesOnAcrossTenDeathsOfTheService)
 {
-    SamgrWorld world;
-    AddProfiles(world);
-    world.StartManager();
-    ASSERT_TRUE(
-        Eventually([] { return SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager() != nullptr; }));
+    ClientWorld world(R"(, "--throttle", "500000")");
+    AddPackages(world.Source());
+    IPCSkeleton::SetMaxWorkThreads(1);
     RecordingLogSink lines(KOLOG_INFO);
     MigrateServerKits& kits = MigrateServerKits::GetKitsInstance();
     // The callback stays registered: the program ends while the library is looking for a next instance.
-    ASSERT_EQ(kits.On({Watch}), 0);
+    ASSERT_TRUE(Eventually([&] { return kits.On({Watch}) == 0; }));
     ReserveMigrateKits first;
     ReserveMigrateKits second;
     const std::pair<ReserveMigrateKits&, std::string> callers[] = {
@@ -124,7 +110,9 @@ TEST(ClientMigration, AllThatIsWatchedGoesOnAcrossTenDeathsOfTheService)
             {KOLOG_INFO, "reserve_migrate_kits.cpp", "register caller=" + caller + " callback result=0"});
     }
     const auto allHearOf = [&](int app) {
-        const auto hears = [app](const sptr<Observer>& observer) { return observer->HasHeardOf(NameOf(app)); };
+        const auto hears = [app](const sptr<Observer>& observer) {
+            return observer->isRestored.at(static_cast<size_t>(app)).load();
+        };
         return Eventually([&] { return std::all_of(observers.begin(), observers.end(), hears); });
     };
     BusinessError error;
@@ -133,14 +121,13 @@ TEST(ClientMigration, AllThatIsWatchedGoesOnAcrossTenDeathsOfTheService)
     for (int app = 0; app < kApps; ++app) {
         ASSERT_EQ((app % 2 == 0 ? first : second).RestoreApp(NameOf(app), "", reply), 0) << app;
     }
-    const std::string& folder = world.Folder();
     // Packages and applications come one after the other, so the last ones are still to come at every death.
     for (int death = 1; death <= kDeaths; ++death) {
         midway = 0;
         ASSERT_TRUE(Eventually([] { return midway > 0; })) << death;
         ASSERT_TRUE(allHearOf(death - 1)) << death;
         for (const int last : {kApps - 1, kPackages - 1}) {
-            ASSERT_FALSE(std::filesystem::exists(folder + "/target/" + NameOf(last))) << death;
+            ASSERT_FALSE(std::filesystem::exists(world.Target() + "/" + NameOf(last))) << death;
         }
         ASSERT_TRUE(KillService(world)) << death;
         for (const RecordedMessage& line : resumptions) {
@@ -151,8 +138,8 @@ TEST(ClientMigration, AllThatIsWatchedGoesOnAcrossTenDeathsOfTheService)
     for (int app = 0; app < kApps; ++app) {
         EXPECT_TRUE(allHearOf(app)) << app;
     }
-    EXPECT_TRUE(Eventually([] { return isFinished && percent == 100; }));
-    EXPECT_EQ(std::system(("diff -r '" + folder + "/source' '" + folder + "/target'").c_str()), 0);
+    EXPECT_TRUE(Eventually([] { return isFinished && percent == 100 && hasLoaded; }));
+    EXPECT_EQ(std::system(("diff -r '" + world.Source() + "' '" + world.Target() + "'").c_str()), 0);
     EXPECT_EQ(world.EndManager(SIGTERM), 0);
 }
 

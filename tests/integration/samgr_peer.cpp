@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-//   samgr_peer serve ID    serves ID with one worker until it is ended: any request gets its process id, or that of the
-//                          service with the number in the request, which the handler loads
-//   samgr_peer migrate ID  serves ID until its manager has gone, as a migration service without a migration: the error
-//                          number of StartMigrate's answer is its process id, and each StartMigrate sends one event to
-//                          the callback that is registered
+//   samgr_peer serve ID    serves ID with one worker until it is ended: a request 1 gets its process id, or that of the
+//                          service with the number in the request, which the handler loads; any other its process id
 //   samgr_peer load ID     loads ID and prints its process id
 #include <unistd.h>
 
@@ -11,8 +8,6 @@
 #include <cstdlib>
 #include <string>
 
-#include "native_migrate/migrate_protocol.h"
-#include "vexa/base/mutex.h"
 #include "vexa/ipc/ipc_object_stub.h"
 #include "vexa/ipc/ipc_skeleton.h"
 #include "vexa/ipc/message_option.h"
@@ -22,7 +17,6 @@
 namespace {
 
 using namespace VEXA;
-using namespace VEXA::UpdateEngine;
 
 int32_t LoadedPid(ISystemAbilityManager& manager, int32_t id)
 {
@@ -36,9 +30,9 @@ int32_t LoadedPid(ISystemAbilityManager& manager, int32_t id)
 class PeerStub : public IPCObjectStub {
 public:
     explicit PeerStub(const sptr<ISystemAbilityManager>& manager) : manager_(manager) {}
-    int32_t OnRemoteRequest(uint32_t, MessageParcel& data, MessageParcel& reply, MessageOption&) override
+    int32_t OnRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption&) override
     {
-        const int32_t loaded = data.ReadInt32();
+        const int32_t loaded = code == 1 ? data.ReadInt32() : 0;
         return reply.WriteInt32(loaded > 0 ? LoadedPid(*manager_, loaded) : getpid()) ? 0 : 1;
     }
 
@@ -46,41 +40,8 @@ private:
     const sptr<ISystemAbilityManager> manager_;
 };
 
-class MigrationStub : public IPCObjectStub {
-public:
-    MigrationStub() : IPCObjectStub(MIGRATE_SERVER_DESCRIPTOR) {}
-
-    int32_t OnRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option) override
-    {
-        if (data.ReadInterfaceToken() != MIGRATE_SERVER_DESCRIPTOR) {
-            return MIGRATE_UNREACHABLE;
-        }
-        MutexLock lock(mutex_);
-        if (code != uint32_t(MigrateRequestCode::START_MIGRATE)) {
-            callback_ = data.ReadRemoteObject();  // On brings one, Off none
-            return 0;
-        }
-        const sptr<IRemoteObject> callback = callback_;
-        lock.Unlock();
-        if (callback != nullptr) {
-            MessageParcel event;
-            MessageParcel nothing;
-            event.WriteInterfaceToken(MIGRATE_CALLBACK_DESCRIPTOR);
-            event.WriteUint32(1);
-            event.WriteString("{}");
-            callback->SendRequest(MIGRATE_PROGRESS_CODE, event, nothing, option);
-        }
-        return reply.WriteString("{\"errorNum\":" + std::to_string(getpid()) + "}") ? 0 : 1;
-    }
-
-private:
-    Mutex mutex_{LockRank::Program};
-    sptr<IRemoteObject> callback_ VEXA_GUARDED_BY(mutex_);
-};
-
-// Registers with the next manager where one has been killed before it has answered. `parent`: serves as long as it has
-// this parent; -1: for ever.
-int Serve(sptr<ISystemAbilityManager> manager, int32_t id, const sptr<IRemoteObject>& object, pid_t parent)
+// Registers with the next manager where one has been killed before it has answered.
+int Serve(sptr<ISystemAbilityManager> manager, int32_t id, const sptr<IRemoteObject>& object)
 {
     int32_t result = SAMGR_OK;
     for (int attempt = 0; attempt < 500; ++attempt) {
@@ -91,28 +52,21 @@ int Serve(sptr<ISystemAbilityManager> manager, int32_t id, const sptr<IRemoteObj
         usleep(10'000);
         manager = SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
     }
-    while (result == SAMGR_OK && (parent < 0 || getppid() == parent)) {
-        usleep(200'000);
-    }
-    return 1;
+    return result == SAMGR_OK ? pause() : 1;
 }
 
 }  // namespace
 
 int main(int argc, char** argv)
 {
-    const pid_t parent = getppid();
     const auto manager = SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
     const std::string role = argc < 3 ? "" : argv[1];
-    if (role == "migrate") {
-        return Serve(manager, atoi(argv[2]), new MigrationStub, parent);
-    }
     if (role.empty() || manager == nullptr) {
         return 2;
     }
     if (role == "serve") {
         IPCSkeleton::SetMaxWorkThreads(1);
-        return Serve(manager, atoi(argv[2]), new PeerStub(manager), -1);
+        return Serve(manager, atoi(argv[2]), new PeerStub(manager));
     }
     const int32_t pid = LoadedPid(*manager, atoi(argv[2]));
     printf("%d\n", pid);

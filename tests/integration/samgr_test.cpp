@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The manager among real processes: this one is the client.
 #include <grp.h>
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 
 #include <atomic>

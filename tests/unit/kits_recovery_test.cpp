@@ -5,6 +5,7 @@
 #include "kits_fixture.h"
 #include "lookup_lock.h"
 #include "migrate_server_kits_impl.h"
+#include "registration_overlap.h"
 #include "worker_pool.h"
 
 namespace VEXA::UpdateEngine {
@@ -202,4 +203,19 @@ TEST_F(KitsRecoveryTest, WhatOverlapsWithARecoveryIsToldAgain)
 }
 
 }  // namespace
+// C and R begin a caller's and a recovery's registration. 0 and 1 end one: 1 has to tell the service again.
+TEST(RegistrationOverlapTest, OnlyTheLastThatOverlappedWithARecoveryRepeats)
+{
+    for (const std::string steps : {"CC00", "CR01", "RC01", "CRC001", "CR0C01", "CCR001", "R0C0CC00", "CR01CC00"}) {
+        RegistrationOverlap overlap;
+        for (const char step : steps) {
+            if (step == 'C' || step == 'R') {
+                overlap.Begin(step == 'C' ? RegistrationOverlap::By::CALLER : RegistrationOverlap::By::RECOVERY);
+            } else {
+                EXPECT_EQ(overlap.End(), step == '1') << steps;
+            }
+        }
+    }
+}
+
 }  // namespace VEXA::UpdateEngine
