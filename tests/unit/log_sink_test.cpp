@@ -1,26 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <sched.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
-#include <chrono>
-#include <filesystem>
-#include <functional>
-#include <thread>
 
 #include "journal_fields.h"
 #include "log_settings.h"
 #include "sink_slot.h"
+#include "support/processes.h"
 #include "vexa/testing/recording_log_sink.h"
 
 namespace VEXA {
@@ -162,7 +153,8 @@ TEST(SinkSlotTest, AReplacementWaitsForAllWritersAndInAForkedChildForNone)
 
 TEST(FileSinkTest, AppendsWholeLinesClosesItsFileAndWaitsForNobody)
 {
-    const std::string path = ::testing::TempDir() + "log" + std::to_string(getpid());
+    const test::TempDir folder;
+    const std::string path = folder.Path() + "/log";
     const auto countFiles = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
     const auto before = countFiles();
     const int next = dup(STDOUT_FILENO);
@@ -180,7 +172,6 @@ TEST(FileSinkTest, AppendsWholeLinesClosesItsFileAndWaitsForNobody)
     EXPECT_EQ(static_cast<int>(std::filesystem::status(path).permissions()), 0640);
     EXPECT_EQ(unlink(path.c_str()) + mkfifo(path.c_str(), 0600), 0);
     EXPECT_EQ(MakeFileLogSink(path), nullptr);  // nobody reads
-    unlink(path.c_str());
     EXPECT_EQ(countFiles(), before);
 }
 
@@ -282,10 +273,8 @@ TEST(RingSinkTest, KeepsTheLastLines)
 // thing.
 int WriteToOwnJournal(const std::string& root, int journal)
 {
-    if (unshare(CLONE_NEWNS) != 0 && unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) {
-        return 77;
-    }
-    if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+    if ((unshare(CLONE_NEWNS) != 0 && unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) ||
+        mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
         mount(root.c_str(), "/run", nullptr, MS_BIND, nullptr) != 0) {
         return 77;
     }
@@ -307,16 +296,14 @@ int WriteToOwnJournal(const std::string& root, int journal)
 
 TEST(JournalSinkTest, SendsAndDropsWhenTheJournalIsFull)
 {
-    std::string root = ::testing::TempDir() + "journalXXXXXX";
-    ASSERT_NE(mkdtemp(root.data()), nullptr);
-    std::filesystem::create_directories(root + "/systemd/journal");
+    const test::TempDir root;
+    std::filesystem::create_directories(root.Path() + "/systemd/journal");
     sockaddr_un address{AF_UNIX, ""};
-    (root + "/systemd/journal/socket").copy(address.sun_path, sizeof address.sun_path - 1);
+    (root.Path() + "/systemd/journal/socket").copy(address.sun_path, sizeof address.sun_path - 1);
     const int journal = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
     EXPECT_EQ(bind(journal, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    const int result = InChild([&] { return WriteToOwnJournal(root, journal); });
+    const int result = InChild([&] { return WriteToOwnJournal(root.Path(), journal); });
     close(journal);
-    std::filesystem::remove_all(root);
     if (result == 77) {
         GTEST_SKIP() << "no mount namespace of our own";
     }

@@ -54,9 +54,7 @@ public:
 
 TEST_F(ServiceCallbacks, ProgressIsThatOfTheBytesAndArrivesAtMostTenTimesASecond)
 {
-    for (const char* name : {"a", "b", "c", "d"}) {
-        folders.AddPackage(name, 10);
-    }
+    folders.AddPackages("a b c d", 10);
     folders.AddPackage("e", kLarge);
     Run(kSlow);
     Receiver receiver;
@@ -92,8 +90,7 @@ TEST_F(ServiceCallbacks, ProgressIsThatOfTheBytesAndArrivesAtMostTenTimesASecond
 
 TEST_F(ServiceCallbacks, ASlowClientHoldsUpNobodyAndGetsTheLastWord)
 {
-    folders.AddPackage("a", 10);
-    folders.AddPackage("b", 10);
+    folders.AddPackages("a b", 10);
     Run();
     Receiver slow;
     // The service's thread may still be in the object when the test has gone on.
@@ -165,8 +162,7 @@ TEST_F(ServiceCallbacks, ThereIsAnEndToHowManyAreKept)
 
 TEST_F(ServiceCallbacks, AnObserverHearsOfEveryRestorationUntilItIsWithdrawn)
 {
-    folders.AddPackage("r1", 10, R"({"reserved":true})");
-    folders.AddPackage("r2", 10, R"({"reserved":true})");
+    folders.AddPackages("r1 r2", 10, R"({"reserved":true})");
     Run();
     Receiver own;
     Receiver other;

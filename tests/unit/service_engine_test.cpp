@@ -4,7 +4,6 @@
 #include <sys/syscall.h>
 
 #include <atomic>
-#include <cerrno>
 
 namespace {
 
@@ -121,8 +120,7 @@ TEST_F(ServiceEngine, AnswersAndMovesWhatIsChosenOfTheSource)
 
 TEST_F(ServiceEngine, ASecondRunReplacesWhatTheFirstHasPlacedAndNothingElseAndItsOwnerStays)
 {
-    folders.AddPackage("a", 100);
-    folders.AddPackage("b", 100);
+    folders.AddPackages("a b", 100);
     Run();
     EXPECT_EQ(engine->OwnBackups(5), MIGRATE_ERROR_NOTHING);
     EXPECT_EQ(MoveAll(), "a:3/0 b:3/0 ");
@@ -142,10 +140,9 @@ TEST_F(ServiceEngine, ASecondRunReplacesWhatTheFirstHasPlacedAndNothingElseAndIt
 TEST_F(ServiceEngine, PausesAndGoesOnAlsoInTheNextLife)
 {
     folders.AddPackage("a", kLarge);
-    Run(kSlow);
+    Run();
     EXPECT_EQ(engine->Pause(TaskPauseReason::USER).errorNum, MIGRATE_ERROR_NOTHING);
-    engine->StartAll();
-    ASSERT_TRUE(Eventually([this] { return IsCopying(); }));
+    RunSlowly();
     EXPECT_EQ(engine->Pause(TaskPauseReason::NETWORK).errorNum, 0);
     EXPECT_EQ(engine->GetInfo(MigrateStage::NONE).taskInfos.at(0).pauseReason, TaskPauseReason::NETWORK);
     std::this_thread::sleep_for(50ms);  // the piece under way
@@ -165,9 +162,7 @@ TEST_F(ServiceEngine, RemovedTasksLeaveNothingBehind)
     folders.AddPackage("a", kLarge, R"({"user":1})");
     folders.AddPackage("b", kLarge, R"({"user":2,"bundleName":"com.b"})");
     folders.AddPackage("c", 10, R"({"user":2})");
-    Run(kSlow);
-    engine->StartAll();
-    ASSERT_TRUE(Eventually([this] { return IsCopying(); }));
+    RunSlowly();
     EXPECT_EQ(engine->RemovePackage("com.b").errorNum, 0);
     EXPECT_EQ(engine->RemovePackage("com.b").errorNum, MIGRATE_ERROR_NOTHING);
     EXPECT_EQ(engine->RemoveUser(1).errorNum, 0);
@@ -192,8 +187,7 @@ TEST_F(ServiceEngine, ThePolicyToStopFailsWhatWaits)
 TEST_F(ServiceEngine, OnePackageAtATime)
 {
     folders.AddPackage("a", kLarge, R"({"bundleName":"com.a"})");
-    folders.AddPackage("b", 10);
-    folders.AddPackage("c", 10);
+    folders.AddPackages("b c", 10);
     folders.AddPackage("r", 10, R"({"reserved":true})");
     Run(kSlow);
     EXPECT_EQ(engine->StartPackage("none", "", 0).errorNum, MIGRATE_ERROR_NOT_FOUND);
@@ -212,9 +206,7 @@ TEST_F(ServiceEngine, OnePackageAtATime)
 
 TEST_F(ServiceEngine, ASuddenEndLeavesNoTraceAndIsNoticedBetweenTheRenameAndItsNote)
 {
-    folders.AddPackage("a", 10);
-    folders.AddPackage("b", 10);
-    folders.AddPackage("c", 10);
+    folders.AddPackages("a b c", 10);
     Run();
     EXPECT_EQ(MoveAll(), "a:3/0 b:3/0 c:3/0 ");
     EXPECT_EQ(engine->OwnBackups(5), 0);
@@ -283,9 +275,7 @@ TEST_F(ServiceEngine, WhatCanNotBeRememberedIsRefused)
 TEST_F(ServiceEngine, NothingIsPlacedThatTheNextStartWouldNotKnow)
 {
     folders.AddPackage("a", kLarge);
-    Run(kSlow);
-    engine->StartAll();
-    ASSERT_TRUE(Eventually([this] { return IsCopying(); }));
+    RunSlowly();
     g_isStateFull = true;
     EXPECT_EQ(Outcome(), "a:4/7 ");
     EXPECT_TRUE(folders.TargetNames().empty());

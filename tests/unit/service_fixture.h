@@ -6,10 +6,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <memory>
 #include <set>
-#include <string>
-#include <vector>
 
 #include "migration_engine.h"
 #include "support/processes.h"
@@ -54,6 +51,14 @@ public:
         Write(Source() / name / "data" / "file", std::string(bytes, 'x'));
         if (!manifest.empty()) {
             Write(Source() / name / "manifest.json", manifest);
+        }
+    }
+    // Packages whose names are parted by blanks.
+    void AddPackages(const std::string& names, size_t bytes, const std::string& manifest = "") const
+    {
+        std::istringstream stream(names);
+        for (std::string name; stream >> name;) {
+            AddPackage(name, bytes, manifest);
         }
     }
     // What no tree may hold for us.
@@ -125,6 +130,13 @@ protected:
     {
         Open(bytesPerSecond, sync);
         engine->Start();
+    }
+    // Starts everything, slowly, and waits until the first package is on its way.
+    void RunSlowly()
+    {
+        Run(kSlow);
+        EXPECT_EQ(engine->StartAll().errorNum, 0);
+        ASSERT_TRUE(Eventually([this] { return IsCopying(); }));
     }
     TaskStatus State() const { return static_cast<TaskStatus>(engine->GetStatus(MigrateStage::NONE).status); }
     bool Ends() const
