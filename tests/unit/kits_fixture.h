@@ -5,10 +5,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <string>
-#include <thread>
 #include <variant>
-#include <vector>
 
 #include "native_migrate/migrate_protocol.h"
 #include "parcel_access.h"

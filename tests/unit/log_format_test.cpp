@@ -3,9 +3,6 @@
 
 #include <cfloat>
 #include <climits>
-#include <cstdint>
-#include <cstdio>
-#include <string>
 
 #include "checked_log.h"
 #include "log_formatter.h"

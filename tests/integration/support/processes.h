@@ -106,23 +106,11 @@ public:
 
     pid_t Pid() const { return pid_; }
     int Signal(int signal) const { return pid_ > 0 ? kill(pid_, signal) : -1; }
-    // Stops it; whether all its threads have stopped, which takes a moment after the signal.
+    // Stops it; true when all its threads have stopped, of which the kernel tells its parent.
     bool Stop() const
     {
-        const auto stopped = [this] {
-            std::error_code gone;
-            for (const auto& thread :
-                std::filesystem::directory_iterator("/proc/" + std::to_string(pid_) + "/task", gone)) {
-                const std::string stat = FileText(thread.path() / "stat");
-                // The state follows the name, which may hold anything but is in parentheses.
-                const size_t name = stat.rfind(") ");
-                if (name == std::string::npos || stat[name + 2] != 'T') {
-                    return false;
-                }
-            }
-            return !gone;
-        };
-        return Signal(SIGSTOP) == 0 && Eventually(stopped);
+        int status = 0;
+        return Signal(SIGSTOP) == 0 && waitpid(pid_, &status, WUNTRACED) == pid_ && WIFSTOPPED(status);
     }
     // Ends it at once, and returns when it is gone.
     void Kill()
