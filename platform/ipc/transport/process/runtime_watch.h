@@ -74,7 +74,7 @@ private:
     FileId directory_ VEXA_GUARDED_BY(mutex_);
     FileId own_ VEXA_GUARDED_BY(mutex_);
     UniqueFd place_ VEXA_GUARDED_BY(mutex_);  // has the number for a watch until there is one
-    FileId socket_ VEXA_GUARDED_BY(mutex_);  // the context's that was seen last
+    FileId socket_ VEXA_GUARDED_BY(mutex_);   // the context's that was seen last
     // The action has run while the former publisher lived, which it may have reached: it runs again after that one's
     // end.
     bool hasReachedFormer_ VEXA_GUARDED_BY(mutex_) = false;
