@@ -18,6 +18,12 @@ struct Credentials {
     bool IsSameAs(const Credentials& other) const { return pid > 0 && pid == other.pid && uid == other.uid; }
 };
 
+// Names a process where something is counted by process: by its pid, or by its endpoint when the kernel reports none.
+inline uint64_t ProcessNumber(const Credentials& who, uint64_t endpoint)
+{
+    return who.pid > 0 ? static_cast<uint64_t>(who.pid) : endpoint;
+}
+
 // A process that may send requests.
 struct Caller : Credentials {
     uint64_t endpoint;

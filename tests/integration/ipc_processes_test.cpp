@@ -180,6 +180,22 @@ TEST_F(IpcProcesses, BusyCallersGetTheirOwnAnswersAndDoNotKeepTheLastThread)
     }
 }
 
+TEST_F(IpcProcesses, ManySlowCallsOfOneProcessDoNotHoldUpAnother)
+{
+    const Node node = Start("node");
+    std::vector<std::thread> slow;
+    for (int i = 0; i < 64; ++i) {
+        slow.emplace_back([this] { EXPECT_EQ(Call(hub_, HANG).Send(), IPC_DEAD_OBJECT); });
+    }
+    for (const auto start = Clock::now(); Clock::now() < start + std::chrono::milliseconds(500);) {
+        ASSERT_EQ(Call(node.object, NEST, 1, hub_).Answer(MessageOption(MessageOption::TF_SYNC, 1)), 1);
+    }
+    hubProcess_.Kill();
+    for (std::thread& thread : slow) {
+        thread.join();
+    }
+}
+
 TEST_F(IpcProcesses, ResultsIdentityAndSizesComeThrough)
 {
     for (const int32_t result : {0, 1, 1999, 2000, 2001, 2003, -1, INT32_MIN, INT32_MAX}) {

@@ -3,6 +3,7 @@
 #include <sys/epoll.h>
 
 #include <latch>
+#include <semaphore>
 
 #include "ipc_fixture.h"
 #include "vexa/ipc/worker_wait.h"
@@ -154,6 +155,43 @@ TEST(WorkerPoolTest, ThreadsStandInForThoseThatWait)
         EXPECT_TRUE(Eventually([&, all = tasks] { return workers.done == all; }));
         const size_t left = std::max<size_t>(limit, 1);
         EXPECT_TRUE(Eventually([&] { return workers.alive <= left; })) << "stand-ins end";
+    }
+}
+
+// Carries out requests of processes, each until it is told to end one. Outlives the test.
+struct SlowRequests {
+    WorkerPool pool{&StartThread};
+    std::atomic<int> inside[3];
+    std::counting_semaphore<> ends[3]{
+        std::counting_semaphore<>(0), std::counting_semaphore<>(0), std::counting_semaphore<>(0)};
+    void Serve(uint64_t process)
+    {
+        if (pool.Begin(process, [this, process] { Serve(process); })) {
+            ++inside[process];
+            ends[process].acquire();
+            --inside[process];
+            pool.Done();
+        }
+    }
+};
+
+TEST(WorkerPoolTest, AProcessHasHalfOfTheThreadsWhileOthersAreServedAndNeverTheLast)
+{
+    auto& served = *new SlowRequests;
+    served.pool.SetLimit(4);
+    ASSERT_TRUE(served.pool.Open());
+    // So many requests of a process come or, below 0, end; and how many of the first and of the second are under way.
+    const std::tuple<uint64_t, int, int, int> rows[] = {{1, 10, 3, 0}, {2, 3, 3, 1}, {1, -1, 2, 2}, {1, -1, 2, 2},
+        {2, -1, 2, 2}, {2, -1, 2, 1}, {2, -1, 3, 0}, {1, -1, 3, 0}, {1, -7, 0, 0}};
+    for (const auto& [process, more, first, second] : rows) {
+        for (int i = 0; i < more; ++i) {
+            served.pool.Post([&served, which = process] { served.Serve(which); });
+        }
+        served.ends[process].release(std::max(0, -more));
+        std::this_thread::sleep_for(20ms);
+        EXPECT_TRUE(
+            Eventually([&, a = first, b = second] { return served.inside[1] == a && served.inside[2] == b; }, 5s))
+            << process << ' ' << more << ": " << served.inside[1] << ' ' << served.inside[2];
     }
 }
 

@@ -39,16 +39,24 @@ void ServerChannel::Leave()
             return;
         }
         state_.store(BUSY, std::memory_order_relaxed);
-        ServeArrived();
+        if (!ServeArrived()) {
+            return;
+        }
     }
 }
 
 void ServerChannel::Serve()
 {
-    if (!Enter()) {
+    if (Enter()) {
+        ServeOn();
+    }
+}
+
+void ServerChannel::ServeOn()
+{
+    if (!ServeArrived()) {
         return;
     }
-    ServeArrived();
     WorkerPool& workers = home_->workers_;
     while (IsOpen() && !stalled_ && output_.empty() && workers.OthersWait()) {
         if (std::exchange(watched_, false)) {
@@ -59,7 +67,9 @@ void ServerChannel::Serve()
         if (!WaitReadable(Fd(), kFollowLimit) || ProcessLife::Exiting()) {
             break;
         }
-        ServeArrived();
+        if (!ServeArrived()) {
+            return;
+        }
     }
     Leave();
 }
@@ -74,7 +84,24 @@ void ServerChannel::WatchAgain()
     }
 }
 
-void ServerChannel::ServeArrived()
+bool ServerChannel::ServeArrived()
+{
+    if (!IsOpen()) {
+        return true;
+    }
+    const auto later = [this] {
+        SetStalled(false);  // the wait was not the peer's doing
+        ServeOn();
+    };
+    if (!home_->workers_.Begin(static_cast<uint64_t>(connection_.who.pid), later)) {
+        return false;
+    }
+    ServeRequests();
+    home_->workers_.Done();
+    return true;
+}
+
+void ServerChannel::ServeRequests()
 {
     // While a reply waits for the peer to read, its next request waits too.
     if (!output_.empty() && !FlushOutput()) {

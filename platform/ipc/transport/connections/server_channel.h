@@ -46,7 +46,10 @@ private:
 
     bool Enter();
     void Leave();
-    void ServeArrived();
+    // For the thread that has entered. It stays inside, and another one goes on for it, where ServeArrived is false.
+    void ServeOn();
+    bool ServeArrived();
+    void ServeRequests();
     int Fd() const { return connection_.fd.Get(); }
     bool IsOpen() const { return static_cast<bool>(connection_.fd); }
     void WatchAgain();

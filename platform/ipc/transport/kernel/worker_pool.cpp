@@ -4,6 +4,7 @@
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <utility>
 
@@ -11,26 +12,55 @@
 #include "process_life.h"
 
 namespace VEXA {
+namespace ipc {
 namespace {
 
-thread_local ipc::WorkerPool* currentPool = nullptr;
+// The thread has been woken, and is yet to see for whom.
+constexpr uint64_t kUndecided = UINT64_MAX;
+
+}  // namespace
+
+// A thread of the pool.
+struct Worker {
+    explicit Worker(WorkerPool& itsPool) : pool(itsPool)
+    {
+        MutexLock lock(pool.mutex_);
+        pool.workers_.push_back(this);
+    }
+    ~Worker()
+    {
+        MutexLock lock(pool.mutex_);
+        std::erase(pool.workers_, this);
+    }
+    WorkerPool& pool;
+    std::atomic<uint64_t> process{0};  // whose request it carries out; 0: nobody's
+};
+
+}  // namespace ipc
+
+namespace {
+
+thread_local ipc::Worker* currentWorker = nullptr;
 
 }  // namespace
 
 // A wait within a wait is not counted again.
-WorkerWait::WorkerWait() : pool_(std::exchange(currentPool, nullptr))
+WorkerWait::WorkerWait() : worker_(std::exchange(currentWorker, nullptr))
 {
-    if (pool_ != nullptr) {
-        pool_->blocked_.fetch_add(1);
-        pool_->KeepOneWaiting();
+    if (worker_ != nullptr) {
+        process_ = worker_->process.exchange(0);
+        worker_->pool.blocked_.fetch_add(1);
+        worker_->pool.KeepOneWaiting();
+        worker_->pool.LookAtParked();
     }
 }
 
 WorkerWait::~WorkerWait()
 {
-    if (pool_ != nullptr) {
-        pool_->blocked_.fetch_sub(1);
-        currentPool = pool_;
+    if (worker_ != nullptr) {
+        worker_->pool.blocked_.fetch_sub(1);
+        worker_->process.store(process_);
+        currentWorker = worker_;
     }
 }
 
@@ -91,7 +121,8 @@ void WorkerPool::KeepOneWaiting()
 
 void WorkerPool::Run()
 {
-    currentPool = this;
+    Worker self(*this);
+    currentWorker = &self;
     for (;;) {
         epoll_event event{};
         const int count = epoll_wait(epoll_.Get(), &event, 1, -1);
@@ -104,6 +135,7 @@ void WorkerPool::Run()
             }
             continue;
         }
+        self.process.store(kUndecided, std::memory_order_relaxed);
         if (waiting_.fetch_sub(1) == 1) {
             KeepOneWaiting();
         }
@@ -112,6 +144,7 @@ void WorkerPool::Run()
         } else {
             static_cast<Served*>(event.data.ptr)->Serve();
         }
+        Done();
         // Threads that stood in for blocked ones end when those go on.
         size_t threads = threads_.load();
         while (threads > limit_.load(std::memory_order_relaxed) + blocked_.load()) {
@@ -121,6 +154,65 @@ void WorkerPool::Run()
             }
         }
         waiting_.fetch_add(1);
+    }
+}
+
+bool WorkerPool::Begin(uint64_t process, const std::function<void()>& later)
+{
+    Worker* const self = currentWorker;
+    if (self == nullptr) {
+        return true;
+    }
+    self->process.store(process, std::memory_order_relaxed);
+    bool isParked = false;
+    if (!OthersWait()) {
+        MutexLock lock(mutex_);
+        isParked = !HasShare(process);
+        if (isParked) {
+            self->process.store(0);
+            parked_.emplace_back(process, later);
+            hasParked_.store(true);
+        }
+    }
+    LookAtParked();
+    return !isParked;
+}
+
+void WorkerPool::Done()
+{
+    if (currentWorker != nullptr) {
+        currentWorker->process.store(0);
+        LookAtParked();
+    }
+}
+
+bool WorkerPool::HasShare(uint64_t process)
+{
+    size_t own = 1;
+    bool hasOthers = false;
+    for (const Worker* worker : workers_) {
+        const uint64_t its = worker != currentWorker ? worker->process.load() : 0;
+        own += its == process || its == kUndecided ? 1 : 0;
+        hasOthers = hasOthers || (its != 0 && its != process && its != kUndecided);
+    }
+    const size_t limit = limit_.load(std::memory_order_relaxed);
+    return own <= std::max<size_t>(1, hasOthers ? limit / 2 : limit - 1);
+}
+
+void WorkerPool::LookAtParked()
+{
+    if (!hasParked_.load()) {
+        return;
+    }
+    MutexLock lock(mutex_);
+    const auto next = std::ranges::find_if(parked_, [this](const auto& parked) VEXA_NO_THREAD_SAFETY_ANALYSIS {
+        return waiting_.load() > 1 || HasShare(parked.first);
+    });
+    if (next != parked_.end()) {
+        tasks_.push_back(std::move(next->second));
+        parked_.erase(next);
+        hasParked_.store(!parked_.empty());
+        eventfd_write(taskEvent_.Get(), 1);
     }
 }
 

@@ -7,6 +7,7 @@
 #include <deque>
 #include <functional>
 #include <utility>
+#include <vector>
 
 #include "socket.h"
 #include "thread.h"
@@ -23,10 +24,13 @@ public:
     virtual void Serve() = 0;
 };
 
+struct Worker;
+
 // Workers wait on one epoll set; the one that wakes reads the request, runs it and writes the reply, without a
 // hand-over. One worker is always waiting as long as the limit allows, so a request never waits for a thread to be
 // started. A worker that waits for a request of its own does not count against the limit: a chain of nested calls
-// between two processes always finds a thread. All operations may be called from any thread.
+// between two processes always finds a thread. No process has all the threads: the last one is left for the others, and
+// while others are served, a process has half of the threads at most. All operations may be called from any thread.
 class WorkerPool {
 public:
     explicit WorkerPool(ThreadStarter startThread) : startThread_(std::move(startThread)) {}
@@ -41,6 +45,11 @@ public:
     // Runs the tasks that have been posted, on the calling thread.
     void RunTasks();
 
+    // Says that this thread carries out requests of that process until Done. False when the process has its share of
+    // the threads already: `later` runs when that has changed, perhaps before this returns.
+    bool Begin(uint64_t process, const std::function<void()>& later);
+    void Done();
+
     // Tells a worker, at each edge, when something arrives at the descriptor or, where it has output, when there is
     // room for that. `served` lives as long as the pool.
     bool Watch(int fd, bool hasOutput, Served& served);
@@ -50,8 +59,13 @@ public:
 
 private:
     friend class ::VEXA::WorkerWait;
+    friend struct Worker;
 
     void Run();
+    // True when the process may have one more thread.
+    bool HasShare(uint64_t process) VEXA_REQUIRES(mutex_);
+    // Posts the first parked task whose process may have a thread now. Events that have come meanwhile go before it.
+    void LookAtParked();
     // Starts another worker unless one is waiting, or as many as may are running.
     void KeepOneWaiting();
 
@@ -66,6 +80,9 @@ private:
 
     Mutex mutex_{LockRank::WorkerTasks};
     std::deque<std::function<void()>> tasks_ VEXA_GUARDED_BY(mutex_);
+    std::vector<Worker*> workers_ VEXA_GUARDED_BY(mutex_);
+    std::deque<std::pair<uint64_t, std::function<void()>>> parked_ VEXA_GUARDED_BY(mutex_);
+    std::atomic<bool> hasParked_{false};
 };
 
 }  // namespace VEXA::ipc

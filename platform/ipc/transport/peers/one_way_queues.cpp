@@ -34,6 +34,10 @@ void OneWayQueues::RunQueue(const IRemoteObject* object)
             queues_.erase(queue);
             return;
         }
+        const Peer& sender = *queue->second.front().sender;
+        if (!workers_.Begin(ProcessNumber(sender.Who(), sender.Id()), [this, object] { RunQueue(object); })) {
+            return;
+        }
         Request request = std::move(queue->second.front());
         queue->second.pop_front();
         lock.Unlock();
@@ -41,6 +45,7 @@ void OneWayQueues::RunQueue(const IRemoteObject* object)
         MessageParcel reply;
         MessageOption option(MessageOption::TF_ASYNC);
         CarryOut(*request.object, request.code, *request.data, reply, option, request.sender->Who());
+        workers_.Done();
     }
 }
 

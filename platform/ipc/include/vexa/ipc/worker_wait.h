@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cstdint>
+
 #include "vexa/base/export.h"
 
 namespace VEXA {
 
 namespace ipc {
-class WorkerPool;
+struct Worker;
 }
 
 // For the scope of a wait of this thread for something that another process brings about. Where the thread carries out
@@ -19,7 +21,8 @@ public:
     WorkerWait& operator=(const WorkerWait&) = delete;
 
 private:
-    ipc::WorkerPool* const pool_;
+    ipc::Worker* const worker_;
+    uint64_t process_ = 0;  // whose request the thread carries out
 };
 
 }  // namespace VEXA
