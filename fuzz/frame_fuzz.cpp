@@ -33,6 +33,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size)
             if (result == FrameReader::Result::MALFORMED) {
                 return 0;
             }
+            if (result == FrameReader::Result::LARGE) {
+                continue;
+            }
             if (result != FrameReader::Result::FRAME) {
                 break;
             }

@@ -4,6 +4,7 @@
 #include <latch>
 #include <numeric>
 
+#include "byte_budget.h"
 #include "ipc_fixture.h"
 #include "vexa/ipc/message_option.h"
 
@@ -125,6 +126,30 @@ TEST(ConnectionCountsTest, HalfOrThreeQuartersOfTheDescriptorsAnd1024ForOneUser)
         first.pop_back();
         EXPECT_EQ(take(2, second), anotherThen) << limit;
         EXPECT_EQ(take(1, first), one - (anotherThen - another)) << limit;
+    }
+}
+
+TEST(ByteBudgetTest, AProcessHolds64MebibytesAndAUser256)
+{
+    WorkerPool workers(&StartNone);
+    ASSERT_TRUE(workers.Open());
+    ByteBudget budget(workers);
+    std::deque<ByteBudget::Charge> charges;
+    std::string going;
+    // Which charge, of which process and user, becomes how large, if it does, and which of those that wait it lets on.
+    const std::tuple<char, uint64_t, uid_t, uint64_t, bool, std::string> rows[] = {{'a', 1, 7, 67108865, false, ""},
+        {'a', 1, 7, 67108864, true, ""}, {'b', 1, 7, 1, false, ""}, {'c', 2, 7, 67108864, true, ""},
+        {'d', 3, 7, 67108864, true, ""}, {'e', 4, 7, 67108860, true, ""}, {'f', 5, 7, 6, false, ""},
+        {'g', 6, 8, 5, true, ""}, {'h', 1, 7, 2, false, ""}, {'h', 1, 7, 0, true, ""}, {'a', 1, 7, 67108862, true, "b"},
+        {'e', 4, 7, 67108859, true, "f"}, {'f', 5, 7, 0, true, ""}, {'b', 1, 7, 3, false, ""},
+        {'a', 1, 7, 0, true, "b"}};
+    for (const auto& [name, process, user, bytes, isSet, others] : rows) {
+        while (charges.size() <= size_t(name - 'a')) {
+            charges.emplace_back(budget);
+        }
+        EXPECT_EQ(charges[size_t(name - 'a')].Set({process, user}, bytes, [&, who = name] { going += who; }), isSet);
+        workers.RunTasks();
+        EXPECT_EQ(std::exchange(going, ""), others) << name << bytes;
     }
 }
 

@@ -30,7 +30,9 @@ protected:
     {
         MessageParcel scratch;
         MessageParcel* frame = nullptr;
-        const Result result = reader_.Read(ends_.near.Get(), scratch, frame);
+        Result result;
+        while ((result = reader_.Read(ends_.near.Get(), scratch, frame)) == Result::LARGE) {
+        }
         if (result == Result::FRAME) {
             frame_ = WholeOf(*frame);
             reader_.Done();
@@ -299,7 +301,8 @@ TEST(ServerChannelTest, ServesUntilAFrameIsNoneOrIsWaitedForTooLong)
     std::deque<ConnectionCounts> all;
     WorkerPool workers(&StartNone);
     Reactor reactor(&StartNone);
-    ServerChannels channels(workers, reactor);
+    ByteBudget budget(workers);
+    ServerChannels channels(workers, reactor, budget);
     ASSERT_TRUE(workers.Open() && reactor.Open());
     for (const auto& [name, bytes, frames, replies, end] : rows) {
         SocketPair ends;
@@ -322,6 +325,45 @@ TEST(ServerChannelTest, ServesUntilAFrameIsNoneOrIsWaitedForTooLong)
         EXPECT_EQ(HasEnded(ends.far, &replied), end != NEVER) << name;
         EXPECT_TRUE(replied == Times(replies, FrameOf(REPLY, 8)) || taken == 1) << name;
     }
+}
+
+// Of frames and replies of 16 MiB, those of one process that have no room wait, or are not kept.
+TEST(ServerChannelTest, HoldsFourLargeFramesOfAProcess)
+{
+    ConnectionCounts counts([] { return SIZE_MAX; });
+    WorkerPool workers(&StartNone);
+    Reactor reactor(&StartNone);
+    ByteBudget budget(workers);
+    ServerChannels channels(workers, reactor, budget);
+    ASSERT_TRUE(workers.Open() && reactor.Open());
+    FrameHeader small = MakeHeader(REQUEST);
+    small.code = 8;
+    FrameHeader reply = small;
+    reply.code = 16'000'000;
+    const std::string half = FrameOf(REQUEST, 16777184).substr(0, 8000);
+    std::vector<SocketPair> pairs(12);
+    int taken = 0;
+    const auto ended = [&] {
+        channels.CloseStalled(Now() + 9s);
+        std::string names;
+        for (size_t i = 0; i < pairs.size(); ++i) {
+            names += pairs[i].far && HasEnded(pairs[i].far) ? static_cast<char>('a' + i) : '-';
+        }
+        return names;
+    };
+    for (size_t i = 0; i < pairs.size(); ++i) {
+        const Credentials who{i == 10 ? 2 : 1, 7};
+        channels.Adopt({std::move(pairs[i].near), who, counts.Take(7)}, std::make_unique<Sized>(taken), FrameReader());
+        Write(pairs[i].far, i == 5 ? Bytes(small) : i > 10 ? Bytes(reply) : half);
+        workers.RunTasks();
+    }
+    EXPECT_EQ(ended(), "abcd------kl") << "the others wait unread; there is no room for the reply";
+    EXPECT_EQ(ended(), "abcd------kl") << "and do not stall";
+    workers.RunTasks();
+    EXPECT_EQ(ended(), "abcde-ghi-kl");
+    workers.RunTasks();
+    EXPECT_EQ(ended(), "abcde-ghijkl");
+    EXPECT_EQ(taken, 2);
 }
 
 TEST(ConnectionListenerTest, AConnectionWaitsForADescriptor)

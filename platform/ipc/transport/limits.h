@@ -25,6 +25,12 @@ inline constexpr size_t kMostUnreachable = 4;
 // Endpoints remembered as dead. What is still on its way from a dead process arrives within moments.
 inline constexpr size_t kMostDead = 4096;
 
+// Bytes of one process that this one holds: frames on channels that are larger than kGrowthStep, from their headers
+// on until they are dealt with, and replies that wait to be read. Four of the largest frames fit.
+inline constexpr uint64_t kMostBytesOfProcess = uint64_t{64} * 1024 * 1024;
+// The same of all processes of one user: no one of them can take it all.
+inline constexpr uint64_t kMostBytesOfUser = uint64_t{256} * 1024 * 1024;
+
 // Connections of one user to this process, links and channels together.
 inline constexpr size_t kMaxConnectionsPerUser = 1024;
 // Percent of this process's descriptors that connections may take.

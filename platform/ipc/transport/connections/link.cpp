@@ -142,6 +142,9 @@ bool Link::ReadFrames(size_t frames, uint64_t bytes)
         if (parked_ == nullptr) {
             const FrameReader::Result result = reader_.Read(Fd(), *scratch_, parked_);
             FrameHeader header;
+            if (result == FrameReader::Result::LARGE && reader_.HasHeader(header) && AdmitOnce(header)) {
+                continue;
+            }
             if (result == FrameReader::Result::PARTIAL && (!reader_.HasHeader(header) || AdmitOnce(header))) {
                 break;
             }

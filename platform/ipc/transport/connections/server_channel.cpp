@@ -10,6 +10,8 @@
 
 namespace VEXA::ipc {
 
+ServerChannel::ServerChannel(ServerChannels& home) : home_(home), charge_(home.bytes_) {}
+
 bool ServerChannel::Enter()
 {
     uint32_t state = state_.load(std::memory_order_relaxed);
@@ -31,7 +33,7 @@ void ServerChannel::Leave()
             WatchAgain();
         }
         if (!IsOpen()) {
-            home_->Recycle(this);
+            home_.Recycle(this);
             return;
         }
         uint32_t state = BUSY;
@@ -57,7 +59,7 @@ void ServerChannel::ServeOn()
     if (!ServeArrived()) {
         return;
     }
-    WorkerPool& workers = home_->workers_;
+    WorkerPool& workers = home_.workers_;
     while (IsOpen() && !stalled_ && output_.empty() && workers.OthersWait()) {
         if (std::exchange(watched_, false)) {
             workers.Unwatch(Fd());
@@ -77,7 +79,7 @@ void ServerChannel::ServeOn()
 // Something that has arrived meanwhile is an edge for the workers too.
 void ServerChannel::WatchAgain()
 {
-    watched_ = home_->workers_.Watch(Fd(), !output_.empty(), *this);
+    watched_ = home_.workers_.Watch(Fd(), !output_.empty(), *this);
     if (!watched_) {
         IPC_LOGE("no room to watch a connection");
         Close(false);
@@ -93,41 +95,59 @@ bool ServerChannel::ServeArrived()
         SetStalled(false);  // the wait was not the peer's doing
         ServeOn();
     };
-    if (!home_->workers_.Begin(static_cast<uint64_t>(connection_.who.pid), later)) {
+    if (!home_.workers_.Begin(static_cast<uint64_t>(connection_.who.pid), later)) {
         return false;
     }
-    ServeRequests();
-    home_->workers_.Done();
-    return true;
+    const bool isDone = ServeRequests(later);
+    home_.workers_.Done();
+    return isDone;
 }
 
-void ServerChannel::ServeRequests()
+bool ServerChannel::SetCharge(uint64_t bytes, const std::function<void()>& later)
+{
+    const ByteBudget::Account account{static_cast<uint64_t>(connection_.who.pid), connection_.who.uid};
+    return bytes == charge_.Bytes() || charge_.Set(account, bytes, later);
+}
+
+bool ServerChannel::ServeRequests(const std::function<void()>& later)
 {
     // While a reply waits for the peer to read, its next request waits too.
     if (!output_.empty() && !FlushOutput()) {
-        return;
+        return true;
     }
     bool goOn = true;
     do {
         MessageParcel scratch;
         MessageParcel* frame = nullptr;
         FrameReader::Result result{};
-        if (!RetryForMemory([&] { result = reader_.Read(Fd(), scratch, frame); })) {
-            return Close(false);
+        const auto read = [&] { return RetryForMemory([&] { result = reader_.Read(Fd(), scratch, frame); }); };
+        bool isRead = read();
+        while (isRead && result == FrameReader::Result::LARGE) {
+            FrameHeader header;
+            // Without room the rest of the frame stays with the kernel.
+            if (reader_.HasHeader(header) && !SetCharge(kHeaderBytes + BodyBytes(header), later)) {
+                return false;
+            }
+            isRead = read();
+        }
+        if (!isRead) {
+            Close(false);
+            return true;
         }
         if (result == FrameReader::Result::END || result == FrameReader::Result::MALFORMED) {
             Close(result == FrameReader::Result::MALFORMED);
-            return;
+            return true;
         }
         SetStalled(result == FrameReader::Result::PARTIAL && reader_.InFrame());
         if (result == FrameReader::Result::PARTIAL) {
-            return;
+            return true;
         }
         goOn = AnswerFrame(*frame);
         reader_.Done();
         // A request that came whole has emptied the socket: its sender waits for the reply, and whatever comes next
         // wakes a worker. An acknowledgement may have something right behind it.
     } while (goOn && (readOn_ || reader_.HasAhead() || state_.load(std::memory_order_relaxed) == BUSY_AGAIN));
+    return true;
 }
 
 bool ServerChannel::AnswerFrame(MessageParcel& frame)
@@ -150,9 +170,14 @@ bool ServerChannel::AnswerFrame(MessageParcel& frame)
     const size_t size = kHeaderBytes + BodyBytes(HeaderOf(reply));
     size_t sent = 0;
     SendNow(Fd(), bytes, size, sent);
-    if (sent < size && home_->workers_.OthersWait()) {
+    if (sent < size && home_.workers_.OthersWait()) {
         // A peer that is reading is waited for: that saves the copy of the rest, and another worker's wake-up.
         SendAll(Fd(), bytes, size, std::chrono::steady_clock::now() + kFollowLimit, sent);
+    }
+    if (!SetCharge(size - sent)) {
+        IPC_LOGW("no room for a reply to process %{public}d, connection closed", connection_.who.pid);
+        Close(false);
+        return false;
     }
     if (sent == size) {
         return true;
@@ -176,6 +201,7 @@ bool ServerChannel::FlushOutput()
     } while (outcome == Transfer::DONE && outputSent_ < output_.size());
     if (outputSent_ == output_.size()) {
         std::vector<uint8_t>().swap(output_);
+        SetCharge(0);
         SetStalled(false);
         WatchAgain();
         return IsOpen();
@@ -194,7 +220,7 @@ void ServerChannel::SetStalled(bool stalled)
         stalled_.reset();
     } else if (!stalled_) {
         stalledSince_ = std::chrono::steady_clock::now();
-        stalled_ = home_->reactor_.NeedTicks();
+        stalled_ = home_.reactor_.NeedTicks();
     }
 }
 
@@ -220,9 +246,10 @@ void ServerChannel::Close(bool malformed)
     readOn_ = false;
     handler_.reset();
     reader_.Reset();
+    SetCharge(0);
     std::vector<uint8_t>().swap(output_);
     if (std::exchange(watched_, false)) {
-        home_->workers_.Unwatch(Fd());
+        home_.workers_.Unwatch(Fd());
     }
     connection_ = Connection();
 }
@@ -232,7 +259,7 @@ void ServerChannels::Adopt(Connection connection, std::unique_ptr<RequestHandler
     MutexLock lock(mutex_);
     if (free_.empty()) {
         free_.reserve(channels_.size() + 1);  // for Recycle, which must not fail
-        channels_.emplace_back().home_ = this;
+        channels_.emplace_back(*this);
         free_.push_back(&channels_.back());
     }
     ServerChannel* const channel = free_.back();

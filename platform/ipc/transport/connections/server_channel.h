@@ -7,6 +7,7 @@
 #include <memory>
 #include <vector>
 
+#include "byte_budget.h"
 #include "connection_counts.h"
 #include "frame_reader.h"
 #include "reactor.h"
@@ -35,6 +36,7 @@ public:
 // that comes late finds at worst nothing to do.
 class ServerChannel : public Served {
 public:
+    explicit ServerChannel(ServerChannels& home);
     // Reads and answers all requests that have arrived, and those that follow them closely.
     void Serve() override;
     // Closes a channel on which a frame has been coming in, or a reply going out, for too long.
@@ -49,7 +51,8 @@ private:
     // For the thread that has entered. It stays inside, and another one goes on for it, where ServeArrived is false.
     void ServeOn();
     bool ServeArrived();
-    void ServeRequests();
+    bool ServeRequests(const std::function<void()>& later);
+    bool SetCharge(uint64_t bytes, const std::function<void()>& later = nullptr);
     int Fd() const { return connection_.fd.Get(); }
     bool IsOpen() const { return static_cast<bool>(connection_.fd); }
     void WatchAgain();
@@ -59,6 +62,7 @@ private:
     void SetStalled(bool stalled);
     void Close(bool malformed);
 
+    ServerChannels& home_;
     std::atomic<uint32_t> state_{FREE};
     // The rest belongs to the thread that has made the state BUSY.
     Connection connection_;
@@ -70,13 +74,15 @@ private:
     bool readOn_ = false;     // more may be there to read, without a further edge
     Reactor::Ticks stalled_;  // inside a frame, or with a reply that is not read
     Deadline stalledSince_{};
-    ServerChannels* home_ = nullptr;
+    ByteBudget::Charge charge_;  // of a large frame that has begun, or of a reply that waits
 };
 
 // All server channels of the process.
 class ServerChannels {
 public:
-    ServerChannels(WorkerPool& workers, Reactor& reactor) : workers_(workers), reactor_(reactor) {}
+    ServerChannels(WorkerPool& workers, Reactor& reactor, ByteBudget& bytes)
+        : workers_(workers), reactor_(reactor), bytes_(bytes)
+    {}
 
     // Serves an accepted channel from now on, beginning with what the reader holds already.
     void Adopt(Connection connection, std::unique_ptr<RequestHandler> handler, const FrameReader& reader);
@@ -88,6 +94,7 @@ private:
 
     WorkerPool& workers_;
     Reactor& reactor_;
+    ByteBudget& bytes_;
 
     Mutex mutex_{LockRank::ServerChannels};
     std::deque<ServerChannel> channels_ VEXA_GUARDED_BY(mutex_);  // a deque: elements never move

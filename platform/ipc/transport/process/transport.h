@@ -57,6 +57,7 @@ private:
     WorkerPool workers_;
     DeathNotifier deaths_;
     ConnectionCounts connections_;
+    ByteBudget bytes_;
     ServerChannels channels_;
     OneWayQueues oneWays_;
     LocalEndpoint endpoint_;

@@ -65,6 +65,7 @@ FrameReader::Result FrameReader::Read(int fd, MessageParcel& scratch, MessagePar
     collected_ = std::make_unique<MessageParcel>();
     aheadBytes_ = 0;
     have_ = have;
+    hasTold_ = false;
     std::memcpy(ParcelAccess::Storage(*collected_), storage, have);
     return Collect(fd, frame);
 }
@@ -83,6 +84,9 @@ FrameReader::Result FrameReader::Collect(int fd, MessageParcel*& frame)
                 ParcelAccess::SetSize(*collected_, header.bytes);
                 frame = collected_.get();
                 return Result::FRAME;
+            }
+            if (total > kGrowthStep && !std::exchange(hasTold_, true)) {
+                return Result::LARGE;
             }
         }
         // Makes room for what the header announces, but never for more than as much again as has come so far.

@@ -23,6 +23,7 @@ public:
     enum class Result {
         FRAME,     // `frame` points to a complete frame
         PARTIAL,   // there is nothing more to read now
+        LARGE,     // a frame larger than kGrowthStep has begun; the next Read goes on with it
         END,       // the peer has closed the connection
         MALFORMED  // the peer has sent something that is no frame, or the connection failed
     };
@@ -56,7 +57,8 @@ private:
     Result Collect(int fd, MessageParcel*& frame);
 
     std::unique_ptr<MessageParcel> collected_;
-    size_t have_ = 0;  // bytes in collected_, if there is one, header included
+    bool hasTold_ = false;  // of a large frame
+    size_t have_ = 0;       // bytes in collected_, if there is one, header included
     uint64_t received_ = 0;
     size_t aheadBytes_ = 0;
     uint8_t ahead_[kFirstRead];  // received with the last frame, but behind it

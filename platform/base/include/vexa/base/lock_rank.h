@@ -50,6 +50,7 @@
     RANK(Reactor, "the watched descriptors")                                                                       \
     RANK(ObjectTable, "the objects that have left the process, and their holders")                                 \
     RANK(ConnectionCounts, "the number of connections, for each user")                                             \
+    RANK(ByteBudget, "the bytes that are held for each process and each user, and who waits for room")             \
     RANK(WorkerTasks, "the tasks that wait for a worker")                                                          \
     RANK(ProcessLife, "the opening of descriptors, for one system call: no fork may come in between")              \
     RANK(LogSink, "the lines of a sink; code logs under any of the above")

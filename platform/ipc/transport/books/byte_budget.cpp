@@ -1,0 +1,54 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "byte_budget.h"
+
+#include <algorithm>
+
+#include "transport/limits.h"
+
+namespace VEXA::ipc {
+
+bool ByteBudget::Charge::Set(const Account& account, uint64_t bytes, std::function<void()> later)
+{
+    MutexLock lock(budget_.mutex_);
+    std::erase(budget_.waiting_, this);
+    account_ = bytes_ == 0 ? account : account_;
+    const bool isLess = bytes < bytes_;
+    const bool hasRoom = budget_.Change(*this, bytes);
+    if (!hasRoom && later) {
+        wanted_ = bytes;
+        later_ = std::move(later);
+        budget_.waiting_.push_back(this);
+    } else if (isLess) {
+        std::erase_if(budget_.waiting_, [&](Charge* next) VEXA_NO_THREAD_SAFETY_ANALYSIS {
+            const bool goesOn = budget_.Change(*next, next->wanted_);
+            if (goesOn) {
+                budget_.workers_.Post(std::move(next->later_));
+            }
+            return goesOn;
+        });
+    }
+    return hasRoom;
+}
+
+bool ByteBudget::Change(Charge& charge, uint64_t bytes)
+{
+    const auto process = ofProcess_.try_emplace(charge.account_.process).first;
+    const auto user = ofUser_.try_emplace(charge.account_.user).first;
+    const uint64_t more = bytes - charge.bytes_;  // below 0 where it is less
+    const bool hasRoom = bytes <= charge.bytes_ ||
+                         (process->second + more <= kMostBytesOfProcess && user->second + more <= kMostBytesOfUser);
+    if (hasRoom) {
+        process->second += more;
+        user->second += more;
+        charge.bytes_ = bytes;
+    }
+    if (process->second == 0) {
+        ofProcess_.erase(process);
+    }
+    if (user->second == 0) {
+        ofUser_.erase(user);
+    }
+    return hasRoom;
+}
+
+}  // namespace VEXA::ipc
