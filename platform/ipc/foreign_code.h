@@ -3,7 +3,8 @@
 
 #include <exception>
 
-#include "ipc_log.h"
+#include "call_context.h"
+#include "peer_log.h"
 
 namespace VEXA::ipc {
 
@@ -16,9 +17,9 @@ bool RunForeign(const char* what, const Code& code)
         code();
         return true;
     } catch (const std::exception& error) {
-        IPC_LOGE("%{public}s threw: %{public}s", what, error.what());
+        IPC_LOGE_OF(CurrentCaller(), "%{public}s threw: %{public}s", what, error.what());
     } catch (...) {
-        IPC_LOGE("%{public}s threw", what);
+        IPC_LOGE_OF(CurrentCaller(), "%{public}s threw", what);
     }
     return false;
 }

@@ -6,7 +6,9 @@
 
 #include "byte_budget.h"
 #include "ipc_fixture.h"
+#include "peer_log.h"
 #include "vexa/ipc/message_option.h"
+#include "vexa/log/ring_log_sink.h"
 
 namespace VEXA::ipc {
 namespace {

@@ -86,6 +86,11 @@ inline constexpr std::chrono::milliseconds kGreetingWait = std::chrono::millisec
 // only on a machine that does not work.
 inline constexpr std::chrono::milliseconds kClaimLimit = std::chrono::seconds(10);
 
+// Log lines that one process causes in a second; more are counted.
+inline constexpr uint32_t kMostLinesOfProcess = 5;
+// The same of all processes of one user.
+inline constexpr uint32_t kMostLinesOfUser = 20;
+
 // Threads that carry out requests, unless the process sets another number.
 inline constexpr size_t kDefaultThreads = 16;
 // All threads that carry out requests, with the ones that stand in for threads that wait.

@@ -6,8 +6,8 @@
 #include <algorithm>
 
 #include "frame_reader.h"
-#include "ipc_log.h"
 #include "parcel_access.h"
+#include "peer_log.h"
 #include "transport/limits.h"
 
 namespace VEXA::ipc {
@@ -57,7 +57,8 @@ int32_t ClientChannel::Exchange(
     const FrameHeader header = HeaderOf(reply);
     const size_t total = kHeaderBytes + BodyBytes(header);
     if (!IsSound(header) || header.kind != FrameKind::REPLY || header.extra != HeaderOf(frame).extra || have > total) {
-        IPC_LOGE("malformed reply, connection closed");
+        const Credentials who = CredentialsOf(fd_);
+        IPC_LOGE_OF(&who, "malformed reply from process %{public}d, connection closed", who.pid);
         return IPC_CONNECTION_LOST;
     }
     if (!ParcelAccess::ReserveTotal(reply, total - kHeaderBytes)) {

@@ -6,7 +6,7 @@
 
 #include <utility>
 
-#include "ipc_log.h"
+#include "peer_log.h"
 #include "transport/limits.h"
 
 namespace VEXA::ipc {
@@ -35,7 +35,7 @@ bool Link::Send(const void* frame, size_t size)
         }
         reactor_.Change(Fd(), Reactor::kReadEvents | EPOLLOUT);
     } else if (out_.size() - outSent_ + size > kMostUnread) {
-        IPC_LOGE("process %{public}d reads nothing any more, link closed", Who().pid);
+        IPC_LOGE_OF(&Who(), "process %{public}d reads nothing any more, link closed", Who().pid);
         EndLocked();
         return false;
     }
@@ -212,7 +212,7 @@ void Link::Close(bool malformed)
     }
     closed_ = true;
     if (malformed) {
-        IPC_LOGE("malformed frame from process %{public}d, connection closed", Who().pid);
+        IPC_LOGE_OF(&Who(), "malformed frame from process %{public}d, connection closed", Who().pid);
     }
     const sptr<Link> self(this);
     reactor_.Remove(Fd());

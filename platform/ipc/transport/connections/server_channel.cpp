@@ -3,8 +3,8 @@
 
 #include <utility>
 
-#include "ipc_log.h"
 #include "parcel_access.h"
+#include "peer_log.h"
 #include "process_life.h"
 #include "transport/limits.h"
 
@@ -81,7 +81,7 @@ void ServerChannel::WatchAgain()
 {
     watched_ = home_.workers_.Watch(Fd(), !output_.empty(), *this);
     if (!watched_) {
-        IPC_LOGE("no room to watch a connection");
+        IPC_LOGE_OF(&connection_.who, "no room to watch a connection");
         Close(false);
     }
 }
@@ -175,7 +175,8 @@ bool ServerChannel::AnswerFrame(MessageParcel& frame)
         SendAll(Fd(), bytes, size, std::chrono::steady_clock::now() + kFollowLimit, sent);
     }
     if (!SetCharge(size - sent)) {
-        IPC_LOGW("no room for a reply to process %{public}d, connection closed", connection_.who.pid);
+        IPC_LOGW_OF(
+            &connection_.who, "no room for a reply to process %{public}d, connection closed", connection_.who.pid);
         Close(false);
         return false;
     }
@@ -231,7 +232,8 @@ void ServerChannel::CloseIfStalled(Deadline now)
         return;
     }
     if (stalled_ && now - stalledSince_ > kStallLimit) {
-        IPC_LOGW("connection of process %{public}d has stalled and is closed", connection_.who.pid);
+        IPC_LOGW_OF(
+            &connection_.who, "connection of process %{public}d has stalled and is closed", connection_.who.pid);
         Close(false);
     }
     Leave();
@@ -240,7 +242,8 @@ void ServerChannel::CloseIfStalled(Deadline now)
 void ServerChannel::Close(bool malformed)
 {
     if (malformed) {
-        IPC_LOGE("malformed frame from process %{public}d, connection closed", connection_.who.pid);
+        IPC_LOGE_OF(
+            &connection_.who, "malformed frame from process %{public}d, connection closed", connection_.who.pid);
     }
     SetStalled(false);
     readOn_ = false;

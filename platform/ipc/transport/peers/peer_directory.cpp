@@ -7,7 +7,7 @@
 #include <cstring>
 #include <utility>
 
-#include "ipc_log.h"
+#include "peer_log.h"
 #include "runtime_paths.h"
 #include "transport/limits.h"
 
@@ -128,12 +128,12 @@ bool PeerDirectory::IsEndpointOf(EndpointId claimed, const Credentials& credenti
     // The kernel tells which process listens at the claimed endpoint: it has to be the one that is speaking.
     const UniqueFd probe = ConnectAtOnce(EndpointPath(claimed));
     if (!probe) {
-        IPC_LOGE("the endpoint that process %{public}d claims can't be reached: %{public}s", credentials.pid,
-            std::strerror(errno));
+        IPC_LOGE_OF(&credentials, "the endpoint that process %{public}d claims can't be reached: %{public}s",
+            credentials.pid, std::strerror(errno));
         return false;
     }
     if (claimed == parts_.self || !credentials.IsSameAs(CredentialsOf(probe))) {
-        IPC_LOGE("process %{public}d claims an endpoint that is not its own", credentials.pid);
+        IPC_LOGE_OF(&credentials, "process %{public}d claims an endpoint that is not its own", credentials.pid);
         return false;
     }
     return true;
@@ -144,7 +144,7 @@ sptr<Peer> PeerDirectory::Identify(EndpointId claimed, const Credentials& who)
     const sptr<Peer> known = KnownPeer(claimed);
     if (known != nullptr && known->Who().pid > 0 && !known->Who().IsSameAs(who)) {
         // The endpoint of a process that is just ending, taken over by another.
-        IPC_LOGE("process %{public}d claims the endpoint of process %{public}d", who.pid, known->Who().pid);
+        IPC_LOGE_OF(&who, "process %{public}d claims the endpoint of process %{public}d", who.pid, known->Who().pid);
         return nullptr;
     }
     // Where this process has connected to the endpoint, the kernel has told already who listens there.

@@ -4,8 +4,8 @@
 #include <utility>
 
 #include "call_context.h"
-#include "ipc_log.h"
 #include "parcel_access.h"
+#include "peer_log.h"
 #include "vexa/ipc/message_option.h"
 
 namespace VEXA::ipc {
@@ -41,7 +41,7 @@ int32_t PeerRequests::Dispatch(MessageParcel& request, const FrameHeader& header
     }
     if (object == nullptr) {
         if (!std::exchange(hasRefused_, true)) {
-            IPC_LOGE("process %{public}d called an object that it does not hold", peer_->Who().pid);
+            IPC_LOGE_OF(&peer_->Who(), "process %{public}d called an object that it does not hold", peer_->Who().pid);
         }
         return IPC_REFUSED;
     }

@@ -6,9 +6,9 @@
 #include <cstring>
 #include <utility>
 
-#include "ipc_log.h"
 #include "object_transfer.h"
 #include "parcel_access.h"
+#include "peer_log.h"
 #include "transport/limits.h"
 #include "vexa/ipc/ipc_object_stub.h"
 
@@ -263,7 +263,7 @@ Link::Verdict Session::HandleOneWay(const FrameHeader& header, MessageParcel& fr
     }
     sptr<IRemoteObject> object = parts_.peers.Objects().Find(header.target, peer_->Id());
     if (object == nullptr) {
-        IPC_LOGE("process %{public}d called an object that it does not hold", Who().pid);
+        IPC_LOGE_OF(&Who(), "process %{public}d called an object that it does not hold", Who().pid);
         object = new IPCObjectStub;  // takes the request and answers nobody
     }
     OneWayQueues::Request request{std::move(object), peer_, nullptr, header.code, TakeFrame(frame)};

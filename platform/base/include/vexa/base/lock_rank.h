@@ -53,6 +53,7 @@
     RANK(ByteBudget, "the bytes that are held for each process and each user, and who waits for room")             \
     RANK(WorkerTasks, "the tasks that wait for a worker")                                                          \
     RANK(ProcessLife, "the opening of descriptors, for one system call: no fork may come in between")              \
+    RANK(PeerLines, "how many lines other processes have caused; held while it is told how many were left out")    \
     RANK(LogSink, "the lines of a sink; code logs under any of the above")
 
 namespace VEXA {
