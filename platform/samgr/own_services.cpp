@@ -4,6 +4,7 @@
 #include <thread>
 #include <utility>
 
+#include "descriptor_limit.h"
 #include "registration.h"
 #include "samgr_limits.h"
 #include "samgr_log.h"
@@ -25,6 +26,7 @@ int32_t TellManager(int32_t systemAbilityId, const sptr<IRemoteObject>& object)
 OwnServices& OwnServices::Get()
 {
     static OwnServices* const instance = [] {
+        RaiseDescriptorLimit(kMostDescriptors);
         auto* const services = new OwnServices(&TellManager);
         OnContextObjectPublished([services] { services->TellAll(); });
         return services;

@@ -21,6 +21,8 @@ inline constexpr std::chrono::milliseconds kFirstPause = std::chrono::millisecon
 inline constexpr std::chrono::milliseconds kLongestPause = std::chrono::milliseconds(20);
 // Attempts to tell a new manager of a service: the first may reach the old manager, whose end is not known yet.
 inline constexpr int kTellAttempts = 20;
+// Descriptors that a process asks for when it registers a service: half of them are the connections of its users.
+inline constexpr size_t kMostDescriptors = 16384;
 // Pause between these attempts.
 inline constexpr std::chrono::milliseconds kTellPause = std::chrono::milliseconds(10);
 

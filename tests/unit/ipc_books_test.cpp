@@ -106,29 +106,70 @@ TEST(RefusalBudgetTest, Bears64ThingsAndOneASecond)
     }
 }
 
-TEST(ConnectionCountsTest, HalfOrThreeQuartersOfTheDescriptorsAnd1024ForOneUser)
+TEST(ConnectionCountsTest, HalfOrThreeQuartersOfTheDescriptorsAnd4096ForOneUser)
 {
     size_t descriptors = 0;
-    ConnectionCounts counts([&] { return descriptors; });
-    const auto take = [&](uid_t user, std::vector<ConnectionCounts::Slot>& slots) {
-        while (ConnectionCounts::Slot slot = counts.Take(user)) {
+    int asked = 0;
+    ConnectionCounts counts([&] { return descriptors; }, [&] { ++asked; });
+    const auto take = [&](const Credentials& who, std::vector<ConnectionCounts::Slot>& slots) {
+        while (ConnectionCounts::Slot slot = counts.Take(who)) {
             slots.push_back(std::move(slot));
         }
         return slots.size();
     };
-    // How many descriptors there are; what one user gets, then another, and then again when one of the first has ended.
-    const std::tuple<size_t, size_t, size_t, size_t> rows[] = {
-        {2, 1, 0, 1}, {10, 5, 2, 3}, {301, 150, 75, 76}, {3000, 1024, 1024, 1024}, {SIZE_MAX, 1024, 1024, 1024}};
-    for (const auto& [limit, one, another, anotherThen] : rows) {
+    // How many descriptors there are; what a process gets, it and others of its user, the processes of another user,
+    // and these again when one of the first has ended.
+    const std::tuple<size_t, size_t, size_t, size_t, size_t> rows[] = {{2, 1, 1, 0, 1}, {10, 2, 5, 2, 3},
+        {301, 75, 150, 75, 76}, {10000, 2048, 4096, 3404, 3405}, {SIZE_MAX, 2048, 4096, 4096, 4096}};
+    for (const auto& [limit, process, user, another, anotherThen] : rows) {
         descriptors = limit;
         std::vector<ConnectionCounts::Slot> first;
         std::vector<ConnectionCounts::Slot> second;
-        EXPECT_EQ(take(1, first), one) << limit;
-        EXPECT_EQ(take(2, second), another) << limit;
+        EXPECT_EQ(take({1, 1}, first), process) << limit;
+        take({2, 1}, first);
+        EXPECT_EQ(take({3, 1}, first), user) << limit;
+        take({4, 2}, second);
+        EXPECT_EQ(take({5, 2}, second), another) << limit;
         first.pop_back();
-        EXPECT_EQ(take(2, second), anotherThen) << limit;
-        EXPECT_EQ(take(1, first), one - (anotherThen - another)) << limit;
+        EXPECT_EQ(take({5, 2}, second), anotherThen) << limit;
+        EXPECT_EQ(take({3, 1}, first), user - (anotherThen - another)) << limit;
     }
+    // Others are asked when there are 87 of 100 already, and no more than once a second.
+    descriptors = 400;
+    Deadline now = Now();
+    std::vector<ConnectionCounts::Slot> slots;
+    for (const auto& [more, passed, times] :
+        {std::tuple(0, 1000, 1), {87, 1000, 1}, {1, 0, 2}, {1, 999, 2}, {0, 1, 3}}) {
+        for (int i = 0; i < more; ++i) {
+            slots.push_back(counts.Take({1, 1}));
+        }
+        counts.AskWhereFew(now += std::chrono::milliseconds(passed));
+        EXPECT_EQ(asked, times) << slots.size();
+    }
+}
+
+TEST(PeerLinesTest, FiveOfAProcessAndTwentyOfAUserInASecond)
+{
+    PeerLines lines;
+    RingLogSink ring;
+    LogSink* const usual = SetLogSink(&ring);
+    Deadline now = Now();
+    // After so many milliseconds, how many of ten lines of a process and user are written.
+    const std::tuple<int, pid_t, uid_t, int> rows[] = {{0, 1, 7, 5}, {0, 2, 7, 5}, {999, 1, 7, 0}, {0, 3, 7, 5},
+        {0, 4, 7, 5}, {0, 5, 7, 0}, {0, 6, 8, 5}, {1, 5, 7, 5}};
+    for (const auto& [passed, process, user, written] : rows) {
+        now += std::chrono::milliseconds(passed);
+        int taken = 0;
+        for (int i = 0; i < 10; ++i) {
+            taken += lines.Take({process, user}, now) ? 1 : 0;
+        }
+        EXPECT_EQ(taken, written) << process;
+    }
+    SetLogSink(usual);
+    const std::vector<LogEntry> told = ring.After(0);
+    ASSERT_EQ(told.size(), 6U) << "of five processes and a user";
+    EXPECT_EQ(told[0].message, "15 more lines about process 1 were left out");
+    EXPECT_EQ(told[5].message, "10 more lines about user 7 were left out");
 }
 
 TEST(ByteBudgetTest, AProcessHolds64MebibytesAndAUser256)

@@ -32,11 +32,15 @@ inline constexpr uint64_t kMostBytesOfProcess = uint64_t{64} * 1024 * 1024;
 inline constexpr uint64_t kMostBytesOfUser = uint64_t{256} * 1024 * 1024;
 
 // Connections of one user to this process, links and channels together.
-inline constexpr size_t kMaxConnectionsPerUser = 1024;
+inline constexpr size_t kMaxConnectionsPerUser = 4096;
 // Percent of this process's descriptors that connections may take.
 inline constexpr size_t kConnectionShare = 75;
 // Percent of this process's descriptors that the connections of one user may take: the other users keep some.
 inline constexpr size_t kUserShare = 50;
+// Percent of its user's connections that one process may have, but at least one.
+inline constexpr size_t kProcessShare = 50;
+// Percent of any of these from which on connections are few: the other processes are asked to close idle channels.
+inline constexpr size_t kFewFrom = 87;
 // An accepted connection that has not greeted for so long is closed.
 inline constexpr std::chrono::milliseconds kGreetLimit = std::chrono::seconds(5);
 // A process without an endpoint is taken to have left after so long: a runtime directory that was removed is made

@@ -16,10 +16,10 @@
 #include <filesystem>
 #include <memory>
 
-#include "daemon/descriptor_limit.h"
 #include "daemon/manager_stub.h"
 #include "daemon/program_runner.h"
 #include "daemon/service_table.h"
+#include "descriptor_limit.h"
 #include "samgr_limits.h"
 #include "samgr_log.h"
 #include "vexa/base/unique_fd.h"
@@ -205,7 +205,7 @@ void SetSignals()
 int RunDaemon(const std::vector<std::string>& profileDirectories)
 {
     SetSignals();
-    RaiseDescriptorLimit();
+    RaiseDescriptorLimit(RLIM_INFINITY);
     return Daemon(profileDirectories).Run();
 }
 

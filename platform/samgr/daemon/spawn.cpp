@@ -13,7 +13,7 @@
 #include <filesystem>
 #include <map>
 
-#include "daemon/descriptor_limit.h"
+#include "descriptor_limit.h"
 #include "vexa/ipc/context_object.h"
 
 namespace VEXA::samgr {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Counts the connections that each user has with this process, and those of all users together.
+// Counts the connections that each process and each user has with this process, and all of them together.
 #pragma once
 
 #include <sys/types.h>
@@ -19,25 +19,33 @@ class ConnectionCounts {
 public:
     // Stands for one counted connection: it travels with the connection's descriptor, and its end is uncounted.
     struct Uncount {
-        uid_t user;
-        void operator()(ConnectionCounts* counts) const { counts->Free(user); }
+        Credentials who;
+        void operator()(ConnectionCounts* counts) const { counts->Free(who); }
     };
     using Slot = std::unique_ptr<ConnectionCounts, Uncount>;
 
-    // `descriptors` tells how many this process may have now.
-    explicit ConnectionCounts(std::function<size_t()> descriptors) : descriptors_(std::move(descriptors)) {}
+    // `descriptors` tells how many this process may have now; `onFew` is to make other processes do with fewer.
+    explicit ConnectionCounts(
+        std::function<size_t()> descriptors, std::function<void()> onFew = [] {})
+        : descriptors_(std::move(descriptors)), onFew_(std::move(onFew))
+    {}
 
-    // Counts one more; null when it would be one too many of the user, or of all.
-    Slot Take(uid_t user);
+    // Counts one more; null when it would be one too many of the process, of its user, or of all.
+    Slot Take(const Credentials& who);
+    // Calls `onFew` when few were left for whom the last ones were taken, at most once in a kTickPeriod.
+    void AskWhereFew(Deadline now);
 
 private:
-    void Free(uid_t user);
+    void Free(const Credentials& who);
 
     const std::function<size_t()> descriptors_;
+    const std::function<void()> onFew_;
     Mutex mutex_{LockRank::ConnectionCounts};
+    bool areFew_ VEXA_GUARDED_BY(mutex_) = false;
+    Deadline askedAt_ VEXA_GUARDED_BY(mutex_){};
     size_t all_ VEXA_GUARDED_BY(mutex_) = 0;
-    bool isRefusing_ VEXA_GUARDED_BY(mutex_) = false;  // since the last log line of it; a success ends that
-    std::unordered_map<uid_t, size_t> of_ VEXA_GUARDED_BY(mutex_);
+    std::unordered_map<pid_t, size_t> ofProcess_ VEXA_GUARDED_BY(mutex_);
+    std::unordered_map<uid_t, size_t> ofUser_ VEXA_GUARDED_BY(mutex_);
 };
 
 // A connected socket, who is at its other end, and its place among the connections that are counted.

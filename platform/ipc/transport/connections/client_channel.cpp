@@ -134,12 +134,18 @@ void ClientChannels::Lose(const ClientChannel& channel)
     std::erase(inUse_, channel.Fd());
 }
 
-void ClientChannels::Close()
+void ClientChannels::CloseIdle()
 {
     std::vector<ClientChannel> idle;
     MutexLock lock(mutex_);
-    closed_ = true;
     idle.swap(idle_);
+}
+
+void ClientChannels::Close()
+{
+    CloseIdle();
+    MutexLock lock(mutex_);
+    closed_ = true;
     // The end of a channel wakes the thread that waits on it, which then closes it.
     for (const int fd : inUse_) {
         shutdown(fd, SHUT_RDWR);

@@ -58,6 +58,8 @@ public:
     // Brings back a channel that can serve again. A channel that can't is reported as lost before it is closed.
     void Return(ClientChannel channel);
     void Lose(const ClientChannel& channel);
+    // Ends the channels that are kept for later.
+    void CloseIdle();
     // Ends all channels, those in use too, and lets no new ones be kept.
     void Close();
 

@@ -32,9 +32,10 @@ bool ConnectionListener::Accept()
         return false;
     }
     const Credentials who = CredentialsOf(fd);
-    if (ConnectionCounts::Slot slot = counts_.Take(who.uid)) {
+    if (ConnectionCounts::Slot slot = counts_.Take(who)) {
         take_({std::move(fd), who, std::move(slot)});
     }
+    counts_.AskWhereFew(std::chrono::steady_clock::now());
     return true;
 }
 

@@ -75,7 +75,7 @@ bool PeerDirectory::Connect(const sptr<Peer>& peer)
     }
     const Credentials who = CredentialsOf(fd);
     // To whom this process connects is often a peer's choice, so these connections count like those that peers make.
-    ConnectionCounts::Slot slot = parts_.connections.Take(who.uid);
+    ConnectionCounts::Slot slot = parts_.connections.Take(who);
     if (!slot) {
         errno = EMFILE;
         return false;
@@ -158,6 +158,15 @@ sptr<Peer> PeerDirectory::Identify(EndpointId claimed, const Credentials& who)
         peers_[claimed] = peer;
     }
     return peer;
+}
+
+void PeerDirectory::AskToCloseIdle()
+{
+    const FrameHeader ask = MakeHeader(FrameKind::CLOSE_IDLE);
+    MutexLock lock(mutex_);
+    for (const auto& [id, peer] : peers_) {
+        peer->SendOnLink(&ask, sizeof(ask));
+    }
 }
 
 ObjectId PeerDirectory::AddHolder(const sptr<IRemoteObject>& object, EndpointId holder)

@@ -54,6 +54,9 @@ public:
     // True when the process with that endpoint is among those that are remembered as dead.
     bool HasDied(EndpointId id);
 
+    // Asks all processes to close the channels that they keep for later.
+    void AskToCloseIdle();
+
     // Counts one more reference of a process to an object of this process, which the caller keeps alive. Returns the
     // object's number.
     ObjectId AddHolder(const sptr<IRemoteObject>& object, EndpointId holder);

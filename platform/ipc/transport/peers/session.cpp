@@ -104,6 +104,9 @@ Link::Verdict Session::Handle(const FrameHeader& header, MessageParcel& frame)
             return HandleOneWay(header, frame);
         case FrameKind::ONE_WAY_ACK:
             return peer_->Credit().GiveBack(header.target, header.extra) ? Verdict::GO_ON : Verdict::CLOSE;
+        case FrameKind::CLOSE_IDLE:
+            peer_->Channels().CloseIdle();
+            return Verdict::GO_ON;
         case FrameKind::RELEASE:
             if (header.extra > kMostReleased) {
                 return Verdict::CLOSE;

@@ -28,7 +28,7 @@ Transport::Transport(const ThreadStarter& startThread)
       reactor_(startThread),
       workers_(startThread),
       deaths_(startThread),
-      connections_(&DescriptorLimit),
+      connections_(&DescriptorLimit, [this] { peers_.AskToCloseIdle(); }),
       bytes_(workers_),
       channels_(workers_, reactor_, bytes_),
       oneWays_(workers_),

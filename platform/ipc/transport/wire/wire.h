@@ -34,6 +34,7 @@ enum class FrameKind : uint16_t {
     UNGRANT = 10,     // link: takes back one GRANT that the sender gave on this link
     KEY = 11,         // link: the key for channels, once the process that connected knows whom it has reached
     REFUSAL = 12,     // link: in place of HELLO_REPLY; `code` is a Refusal
+    CLOSE_IDLE = 13,  // link: connections are few, so that the receiver is to close channels that it keeps for later
 };
 
 struct FrameHeader {
@@ -112,7 +113,7 @@ inline HelloFrame MakeRefusal(Refusal reason, EndpointId sender)
 // True when a header may be believed. Before that nothing else of a frame is looked at, or allocated for.
 inline bool IsSound(const FrameHeader& header)
 {
-    return header.magic == kMagic && header.kind >= FrameKind::HELLO && header.kind <= FrameKind::REFUSAL &&
+    return header.magic == kMagic && header.kind >= FrameKind::HELLO && header.kind <= FrameKind::CLOSE_IDLE &&
            header.bytes <= IPC_MAX_PARCEL_BYTES && header.bytes % 4 == 0 && header.objects <= IPC_MAX_PARCEL_OBJECTS;
 }
 

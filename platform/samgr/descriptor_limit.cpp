@@ -1,0 +1,29 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "descriptor_limit.h"
+
+#include <algorithm>
+
+namespace VEXA::samgr {
+namespace {
+
+rlimit given{};
+bool raised = false;
+
+}  // namespace
+
+void RaiseDescriptorLimit(rlim_t most)
+{
+    if (getrlimit(RLIMIT_NOFILE, &given) == 0 && given.rlim_cur < std::min(given.rlim_max, most)) {
+        const rlimit more{std::min(given.rlim_max, most), given.rlim_max};
+        raised = setrlimit(RLIMIT_NOFILE, &more) == 0;
+    }
+}
+
+void RestoreDescriptorLimit()
+{
+    if (raised) {
+        setrlimit(RLIMIT_NOFILE, &given);
+    }
+}
+
+}  // namespace VEXA::samgr
