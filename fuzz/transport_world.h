@@ -505,8 +505,7 @@ private:
         for (const Life* other : now_) {
             const sptr<ipc::Peer> peer = other != &at ? at.Peers().PeerAt(other->id) : nullptr;
             Check(!peer || peer->Stands(), "a living process stays deaf");
-            constexpr uint64_t kAll = ipc::kMaxQueuedOneWayBytes;
-            Check(!peer || (peer->Credit().Take(kAll) && peer->Credit().GiveBack(1, kAll)), "credit is lost");
+            Check(!peer || peer->Credit().IsWhole(), "credit is lost");
         }
         for (const auto& [number, object] : at.held) {
             const bool isAlive = Home(number).transport != nullptr;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // What a process counts: holders of objects, one-way requests under way, what a peer gets wrong, connections; and the
 // notices of deaths.
+#include <cstring>
 #include <latch>
 #include <numeric>
 
@@ -42,21 +43,103 @@ TEST(ObjectTableTest, LivesByItsHoldersAndNotByTheirDebts)
     EXPECT_EQ(table.Find(0, 4), object) << "everybody's";
 }
 
-TEST(OneWayTest, AProcessSends1024RequestsAhead)
-{
-    OneWayCredit credit;
-    for (int i = 0; i < 1024; ++i) {
-        EXPECT_TRUE(credit.Take(16380)) << i;
+class OneWayTest : public testing::Test {
+protected:
+    WorkerPool workers_{&StartNone};
+    ByteBudget budget_{workers_};
+    std::string said_;  // by either side: a letter a frame, and what a WANT or WINDOW says
+    OneWayCredit credit_{[this](const void* frame, size_t) {
+        FrameHeader header;
+        std::memcpy(&header, frame, sizeof(header));
+        said_ += header.kind == FrameKind::ONE_WAY_WANT ? "w" + std::to_string(header.extra)
+                                                        : std::string(1, static_cast<char>(header.code));
+        return true;
+    }};
+    OneWayDebt debt_{budget_, [this](FrameKind kind, uint64_t, uint64_t extra) {
+                         said_ += kind == FrameKind::ONE_WAY_WINDOW ? "W" + std::to_string(extra) : "A";
+                     }};
+    std::deque<OneWayDebt::Charge> charges_;
+
+    int32_t Send(char name, uint64_t bytes)
+    {
+        FrameHeader header = MakeHeader(FrameKind::ONE_WAY);
+        header.code = static_cast<uint32_t>(name);
+        return credit_.SendOneWay(&header, sizeof(header), bytes);
     }
-    EXPECT_FALSE(credit.Take(0));
-    EXPECT_FALSE(credit.GiveBack(1025, 0) || credit.GiveBack(0, 1024 * 16380 + 1));
-    EXPECT_TRUE(credit.GiveBack(1024, 1024 * 16380));
-    EXPECT_FALSE(credit.GiveBack(1, 0) || credit.GiveBack(0, 1));
-    EXPECT_TRUE(credit.Take(16777216) && credit.Take(0) && !credit.Take(1)) << "of 16 MiB";
+    bool Arrives(uint64_t bytes)
+    {
+        charges_.push_back(debt_.Arrive(bytes));
+        return charges_.back() != nullptr;
+    }
+    bool Wants(uint64_t bytes)
+    {
+        return debt_.Want({1, 1}, bytes, [this] { debt_.Widen(); });
+    }
+    std::string Said() { return std::exchange(said_, ""); }
+};
+
+// Those of which the receiver has not said that they are done: 1,024 requests, and 16 MiB.
+TEST_F(OneWayTest, AProcessSendsSoMuchAhead)
+{
+    for (int i = 0; i < 1024; ++i) {
+        EXPECT_EQ(Send('a', 16380), IPC_OK) << i;
+    }
+    EXPECT_EQ(Send('a', 0), IPC_QUEUE_FULL);
+    EXPECT_TRUE(credit_.Widen(17822720 - 65536));
+    EXPECT_FALSE(credit_.GiveBack(1025, 0) || credit_.GiveBack(0, 1024 * 16380 + 1));
+    EXPECT_TRUE(credit_.GiveBack(1024, 1024 * 16380));
+    EXPECT_FALSE(credit_.GiveBack(1, 0) || credit_.GiveBack(0, 1));
+    EXPECT_TRUE(Send('b', 16777216) == IPC_OK && Send('b', 0) == IPC_OK);
+    EXPECT_EQ(Send('b', 1), IPC_QUEUE_FULL);
+}
+
+// A request counts for its bytes and 1,024 more.
+TEST_F(OneWayTest, TheReceiverTakesWhatItsWindowHolds)
+{
+    for (int i = 0; i < 64; ++i) {
+        EXPECT_TRUE(Arrives(0)) << i;
+    }
+    EXPECT_FALSE(Arrives(0));
+    charges_.clear();
+    EXPECT_FALSE(Arrives(64513));
+    EXPECT_TRUE(Arrives(64512));
+    EXPECT_FALSE(Wants(0) || Wants(17825793));
+    EXPECT_TRUE(Wants(17825792) && !Wants(1));
+    EXPECT_TRUE(Arrives(16712704) && !Arrives(1) && Arrives(0));
+    for (int i = 0; i < 1021; ++i) {
+        EXPECT_TRUE(Arrives(0)) << i;
+    }
+    EXPECT_FALSE(Arrives(0));
+    charges_.clear();
+}
+
+TEST_F(OneWayTest, WhatExceedsTheWindowWaitsInOrderUntilItIsWiderAndIsChargedUntilItIsDone)
+{
+    ByteBudget::Charge full(budget_);
+    ASSERT_TRUE(workers_.Open() && full.Set({1, 1}, 67108864));
+    EXPECT_TRUE(Send('a', 40000) == IPC_OK && Send('b', 30000) == IPC_OK && Send('c', 100) == IPC_OK);
+    FrameHeader release = MakeHeader(FrameKind::RELEASE);
+    release.code = 'r';
+    credit_.SendBehind(&release, sizeof(release));
+    EXPECT_EQ(Said(), "aw6512");
+    EXPECT_TRUE(Arrives(40000) && Wants(6512));
+    EXPECT_FALSE(credit_.GiveBack(2, 40000)) << "what is kept has not been sent";
+    EXPECT_EQ(Said(), "") << "there is no room";
+    full.Set({}, 67108864 - 6512);
+    workers_.RunTasks();
+    EXPECT_TRUE(Said() == "W6512" && credit_.Widen(6512));
+    EXPECT_EQ(Said(), "bw1124");
+    EXPECT_TRUE(Arrives(30000) && !Arrives(0));
+    full.Set({}, 67108864 - 7636);
+    EXPECT_TRUE(Wants(1124) && Said() == "W1124" && credit_.Widen(1124) && Arrives(100));
+    EXPECT_TRUE(Said() == "cr" && !credit_.Widen(1));
+    EXPECT_FALSE(full.Set({}, 67108864 - 7635));
+    charges_.clear();
+    EXPECT_TRUE(full.Set({}, 67108864));
 }
 
 // The sender is told at the first of these.
-TEST(OneWayTest, WhatHasLeftTheQueueIsGathered)
+TEST_F(OneWayTest, WhatIsDoneIsGathered)
 {
     // Frames in the queue, the bytes of each, and after how many it is told.
     const std::tuple<const char*, uint64_t, uint64_t, std::vector<uint64_t>> rows[] = {
@@ -68,11 +151,14 @@ TEST(OneWayTest, WhatHasLeftTheQueueIsGathered)
     };
     for (const auto& [name, frames, bytes, told] : rows) {
         std::vector<uint64_t> gathered;
-        OneWayDebt debt([&, each = bytes](uint64_t some, uint64_t their) {
-            gathered.push_back(some);
-            EXPECT_EQ(their, some * each) << each;
+        OneWayDebt debt(budget_, [&, each = bytes](FrameKind kind, uint64_t some, uint64_t their) {
+            if (kind == FrameKind::ONE_WAY_ACK) {
+                gathered.push_back(some);
+                EXPECT_EQ(their, some * each) << each;
+            }
         });
         std::deque<OneWayDebt::Charge> charges;
+        EXPECT_TRUE(debt.Want({1, 1}, 17825792, nullptr));
         for (uint64_t i = 0; i < frames; ++i) {
             charges.push_back(debt.Arrive(bytes));
         }
@@ -81,11 +167,13 @@ TEST(OneWayTest, WhatHasLeftTheQueueIsGathered)
         }
         EXPECT_EQ(gathered, told) << name;
         charges.resize(charges.size() > 0 ? charges.size() - 1 : 0);
+        const uint64_t done = std::accumulate(told.begin(), told.end(), uint64_t{0});
+        EXPECT_TRUE(debt.Want({1, 1}, done * (bytes + 1024), nullptr)) << "the window has become smaller by that";
         uint64_t room = 0;
         for (; charges.emplace_back(debt.Arrive(bytes)) != nullptr; ++room) {
         }
         const uint64_t all = std::min<uint64_t>(1024, 16777216 / std::max<uint64_t>(bytes, 1));
-        EXPECT_EQ(room, all - frames + std::accumulate(told.begin(), told.end(), uint64_t{0})) << "by what it was told";
+        EXPECT_EQ(room, all - frames + done) << "by what it was told";
     }
 }
 

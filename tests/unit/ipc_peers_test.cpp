@@ -365,9 +365,12 @@ TEST_F(IpcPeers, ASessionBearsSoMuch)
         {"grants to nobody", 80, 0, Frame(GRANT, id, 0x1234)},
         {"grants to the owner", 80, 0, Frame(GRANT, id, transport_.Id())},
         {"taking back what was not granted", 80, 0, Frame(UNGRANT, others, third.id)},
-        {"one-way requests", 1024, 1025, Frame(ONE_WAY, id)},
-        {"the largest one, announced", 1, 0, largest},
-        {"the same behind another", 0, 1, FrameOf(MakeHeader(ONE_WAY, id), 4) + largest},
+        {"one-way requests", 128, 129, Frame(ONE_WAY, id)},
+        {"the largest one", 1, 0, Frame(ONE_WAY_WANT, 0, 17760256) + largest},
+        {"the same behind another", 0, 1,
+            Frame(ONE_WAY_WANT, 0, 17760256) + FrameOf(MakeHeader(ONE_WAY, id), 4) + largest},
+        {"a window for more than that", 0, 1, Frame(ONE_WAY_WANT, 0, 17760257)},
+        {"a window that was not asked for", 0, 1, Frame(ONE_WAY_WINDOW, 0, 1)},
         {"releases of what it does not hold", 80, 0, Frame(RELEASE, others, 4294967295)},
         {"a larger one", 0, 1, Frame(RELEASE, others, 4294967296)},
         {"a release with data", 0, 1, FrameOf(RELEASE, 4)},
@@ -381,13 +384,13 @@ TEST_F(IpcPeers, ASessionBearsSoMuch)
         for (const size_t times : {borne, notBorne}) {
             const Stranger peer = Meet();
             peers_.AddHolder(object, peer.id);
-            Write(peer.link, Times(times, frame));
+            Write(peer.link, Frame(ONE_WAY_WANT, 0, 65536) + Times(times, frame));
             Deal();
             EXPECT_EQ(HasEnded(peer.link), times == notBorne && times > 0) << name << ", " << times;
         }
     }
     transport_.Workers().RunTasks();
-    EXPECT_GT(object->calls, 2048);
+    EXPECT_GT(object->calls, 128);
     const Stranger asking = Meet();
     peers_.AddHolder(object, asking.id);
     const std::string notHeld =
@@ -614,6 +617,38 @@ TEST_F(IpcPeers, ReferencesAreGivenBackByWhatStoodForThem)
     std::string heard;
     EXPECT_FALSE(HasEnded(owner.link, &heard));
     EXPECT_EQ(heard, Frame(RELEASE, 7, 1) + Frame(RELEASE, 7, 2)) << "and none for the context object";
+}
+
+// All strangers are one process to the kernel.
+TEST_F(IpcPeers, AProcessQueues64MebibytesAndLeaves64KibibytesAtItsDeath)
+{
+    const sptr<CountingStub> object(new CountingStub);
+    std::vector<Stranger> strangers(5);
+    std::vector<std::string> heard(5);
+    // Who has a window when some have died.
+    const auto windows = [&] {
+        Deal();
+        transport_.Workers().RunTasks();
+        std::string have;
+        for (size_t i = 0; i < strangers.size(); ++i) {
+            HasEnded(strangers[i].link, &heard[i]);
+            have += heard[i].ends_with(Frame(ONE_WAY_WINDOW, 0, 16777216)) ? 'y' : 'n';
+        }
+        return have;
+    };
+    for (Stranger& stranger : strangers) {
+        stranger = Meet();
+        peers_.AddHolder(object, stranger.id);
+        Write(stranger.link, Frame(ONE_WAY_WANT, 0, 16777216));
+        Deal();
+    }
+    EXPECT_EQ(windows(), "yyyyn");
+    const FrameHeader word = MakeHeader(ONE_WAY, peers_.AddHolder(object, strangers[0].id));
+    Write(strangers[0].link, Times(3, FrameOf(word, 30'000)) + FrameOf(word, 4));
+    Deal();
+    shutdown(strangers[0].link.Get(), SHUT_RDWR);
+    EXPECT_EQ(windows(), "yyyyy");
+    EXPECT_EQ(object->calls, 2);
 }
 
 TEST_F(IpcPeers, ThePublisherClearsAwayTheSocketsOfTheDead)

@@ -8,11 +8,17 @@
 
 namespace VEXA::ipc {
 
-// One-way requests under way from one process to another: sent, and not known to have left the receiver's queue.
+// One-way requests under way from one process to another: sent or kept for it, and not known to be done there.
 inline constexpr uint32_t kMaxQueuedOneWayFrames = 1024;
 // Bytes of data in those requests: one of the largest possible size fits.
 inline constexpr uint64_t kMaxQueuedOneWayBytes = uint64_t{16} * 1024 * 1024;
-// Requests that have left the receiver's queue before it tells the sender, unless the queue is empty or nearly full.
+// What every one-way request takes of the receiver's window besides its data: about the memory that it needs in a queue.
+inline constexpr uint64_t kFrameCost = 1024;
+// The window of a session at first, for which nothing is charged. It is never smaller.
+inline constexpr uint64_t kFirstWindow = uint64_t{64} * 1024;
+// Bytes of data in the one-way requests of a process that are still carried out, in order, when it has died.
+inline constexpr uint64_t kMostLastWords = uint64_t{64} * 1024;
+// Requests that the receiver has done before it tells the sender, unless the queue is empty or nearly full.
 inline constexpr uint64_t kGatheredOneWayAcks = 64;
 // References given back by one RELEASE; a proxy that has more sends several.
 inline constexpr uint64_t kMostReleased = 4294967295;
@@ -26,7 +32,8 @@ inline constexpr size_t kMostUnreachable = 4;
 inline constexpr size_t kMostDead = 4096;
 
 // Bytes of one process that this one holds: frames on channels that are larger than kGrowthStep, from their headers
-// on until they are dealt with, and replies that wait to be read. Four of the largest frames fit.
+// on until they are dealt with, replies that wait to be read, and windows for one-way requests beyond the first. Four of
+// the largest frames fit.
 inline constexpr uint64_t kMostBytesOfProcess = uint64_t{64} * 1024 * 1024;
 // The same of all processes of one user: no one of them can take it all.
 inline constexpr uint64_t kMostBytesOfUser = uint64_t{256} * 1024 * 1024;

@@ -9,8 +9,10 @@ namespace VEXA::ipc {
 
 bool ByteBudget::Charge::Set(const Account& account, uint64_t bytes, std::function<void()> later)
 {
+    std::function<void()> former;  // may hold last references, which go after the lock
     MutexLock lock(budget_.mutex_);
     std::erase(budget_.waiting_, this);
+    former.swap(later_);
     account_ = bytes_ == 0 ? account : account_;
     const bool isLess = bytes < bytes_;
     const bool hasRoom = budget_.Change(*this, bytes);
@@ -28,6 +30,13 @@ bool ByteBudget::Charge::Set(const Account& account, uint64_t bytes, std::functi
         });
     }
     return hasRoom;
+}
+
+void ByteBudget::Charge::Absorb(Charge& other)
+{
+    MutexLock lock(budget_.mutex_);
+    account_ = other.account_;
+    bytes_ += std::exchange(other.bytes_, 0);
 }
 
 bool ByteBudget::Change(Charge& charge, uint64_t bytes)

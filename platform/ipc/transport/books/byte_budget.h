@@ -38,6 +38,8 @@ public:
         // as it is and, with `later`, becomes that large as soon as there is room; then `later` runs on a worker. What
         // waited for room before does so no longer. The account is that of the first of these bytes.
         bool Set(const Account& account, uint64_t bytes, std::function<void()> later = nullptr);
+        // Takes over all bytes of another one with the same account.
+        void Absorb(Charge& other);
         uint64_t Bytes() const { return bytes_; }
 
     private:

@@ -1,108 +1,102 @@
 // SPDX-License-Identifier: Apache-2.0
-// The bound on one-way requests that are under way from one process to another: kept by the sender, checked by the
-// receiver.
+// The bounds on one-way requests that are under way from one process to another: kept by the sender, checked by the
+// receiver. The sender has a bound of its own for all that it has not been told to be done. Of that it sends as much as
+// the receiver's window takes. The window is small at first, and costs nothing. The sender asks for more, which the
+// receiver charges to the sender's process. What has been done makes the window smaller again, on both sides alike.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <utility>
+#include <vector>
 
-#include "transport/limits.h"
+#include "byte_budget.h"
 #include "vexa/base/mutex.h"
+#include "wire.h"
 
 namespace VEXA::ipc {
 
-// The sender's side counts what is under way. SendOrder is held from taking credit to handing the frame to the link, so
-// that frames leave in the order in which credit was taken.
+// Sends frames in order, and keeps those for which the window has no room. All operations may be called from any
+// thread.
 class OneWayCredit {
 public:
-    Mutex& SendOrder() VEXA_THREAD_ANNOTATION(lock_returned(sendOrder_)) { return sendOrder_; }
+    // Sends a frame; false when the receiver is dead.
+    using Send = std::function<bool(const void* frame, size_t size)>;
 
-    bool Take(uint64_t bytes)
-    {
-        MutexLock lock(mutex_);
-        if (frames_ >= kMaxQueuedOneWayFrames || bytes_ + bytes > kMaxQueuedOneWayBytes) {
-            return false;
-        }
-        ++frames_;
-        bytes_ += bytes;
-        return true;
-    }
-    // Counts an acknowledgement; false when it is of something that was never sent.
-    bool GiveBack(uint64_t frames, uint64_t bytes)
-    {
-        MutexLock lock(mutex_);
-        if (frames > frames_ || bytes > bytes_) {
-            return false;
-        }
-        frames_ -= frames;
-        bytes_ -= bytes;
-        return true;
-    }
+    explicit OneWayCredit(Send send) : send_(std::move(send)) {}
+
+    // Sends or keeps a whole frame of a one-way request with so many bytes of data. Returns 0 or an IpcError.
+    int32_t SendOneWay(const void* frame, size_t size, uint64_t bytes);
+    // Does the same with another frame that must not overtake the requests.
+    void SendBehind(const void* frame, size_t size);
+    // Deal with an acknowledgement, and with more room that was asked for; false when they are not due.
+    bool GiveBack(uint64_t frames, uint64_t bytes);
+    bool Widen(uint64_t bytes);
+    // True when all is done, and the window is as at first.
+    bool IsWhole();
+    // Drops what is kept, as the receiver has died.
+    void Drop();
 
 private:
-    Mutex sendOrder_{LockRank::OneWaySendOrder};
-    Mutex mutex_{LockRank::OneWayCredit};
+    struct Kept {
+        uint64_t cost;
+        std::vector<uint8_t> frame;
+    };
+    bool SendOrKeep(uint64_t cost, const void* frame, size_t size) VEXA_REQUIRES(mutex_);
+    bool Ask() VEXA_REQUIRES(mutex_);
+
+    const Send send_;
+    Mutex mutex_{LockRank::OneWayCredit};  // held while sending, so that frames leave in order
     uint64_t frames_ VEXA_GUARDED_BY(mutex_) = 0;
     uint64_t bytes_ VEXA_GUARDED_BY(mutex_) = 0;
+    uint64_t window_ VEXA_GUARDED_BY(mutex_) = kFirstWindow;
+    uint64_t sent_ VEXA_GUARDED_BY(mutex_) = 0;  // what it takes of the window
+    std::deque<Kept> kept_ VEXA_GUARDED_BY(mutex_);
+    uint64_t keptCost_ VEXA_GUARDED_BY(mutex_) = 0;
+    bool hasAsked_ VEXA_GUARDED_BY(mutex_) = false;
 };
 
-// The receiver's side counts what waits in its queues, and what has left them without the sender having been told.
+// Counts what waits in the receiver's queues, and what has left them without the sender having been told.
 class OneWayDebt {
 public:
-    // Tells the sender that `frames` requests with `bytes` of data have left the queue.
-    using Acknowledge = std::function<void(uint64_t frames, uint64_t bytes)>;
+    // Tells the sender something: a ONE_WAY_ACK or a ONE_WAY_WINDOW.
+    using Tell = std::function<void(FrameKind kind, uint64_t target, uint64_t extra)>;
 
-    explicit OneWayDebt(Acknowledge acknowledge) : acknowledge_(std::move(acknowledge)) {}
+    OneWayDebt(ByteBudget& budget, Tell tell) : tell_(std::move(tell)), window_(budget), wanted_(budget) {}
 
-    // One request, counted from the arrival of its header until it leaves the queue.
+    // One request, counted from the arrival of its header until it is done.
     struct Leave {
         uint64_t bytes;
         void operator()(OneWayDebt* debt) const { debt->Discharge(bytes); }
     };
     using Charge = std::unique_ptr<OneWayDebt, Leave>;
 
-    // Null when the sender has exceeded the bound.
-    Charge Arrive(uint64_t bytes)
-    {
-        MutexLock lock(mutex_);
-        if (queuedFrames_ + doneFrames_ >= kMaxQueuedOneWayFrames ||
-            queuedBytes_ + doneBytes_ + bytes > kMaxQueuedOneWayBytes) {
-            return nullptr;
-        }
-        ++queuedFrames_;
-        queuedBytes_ += bytes;
-        return Charge(this, {bytes});
-    }
+    // Null when the sender has exceeded a bound.
+    Charge Arrive(uint64_t bytes);
+    // Widens the window by so much, and tells; where there is no room, `later` runs when there is, and is to call
+    // Widen. False when the sender may not ask for that.
+    bool Want(const ByteBudget::Account& sender, uint64_t bytes, std::function<void()> later);
+    void Widen();
+    // Gives back what the window costs, as the sender has died.
+    void Drop();
 
 private:
-    // Acknowledgements are gathered while there is plenty of room, and never held back when the queue is empty or
-    // nearly full.
-    void Discharge(uint64_t bytes)
-    {
-        MutexLock lock(mutex_);
-        --queuedFrames_;
-        queuedBytes_ -= bytes;
-        ++doneFrames_;
-        doneBytes_ += bytes;
-        if (queuedFrames_ > 0 && doneFrames_ < kGatheredOneWayAcks && doneBytes_ < kMaxQueuedOneWayBytes / 16 &&
-            queuedFrames_ + doneFrames_ + kGatheredOneWayAcks < kMaxQueuedOneWayFrames &&
-            queuedBytes_ + doneBytes_ < kMaxQueuedOneWayBytes / 2) {
-            return;
-        }
-        const uint64_t frames = std::exchange(doneFrames_, 0);
-        const uint64_t allBytes = std::exchange(doneBytes_, 0);
-        lock.Unlock();
-        acknowledge_(frames, allBytes);
-    }
+    void Discharge(uint64_t bytes);
+    void WidenLocked() VEXA_REQUIRES(mutex_);
+    uint64_t Window() const VEXA_REQUIRES(mutex_) { return kFirstWindow + window_.Bytes(); }
 
-    const Acknowledge acknowledge_;
-    Mutex mutex_{LockRank::OneWayDebt};
+    const Tell tell_;
+    Mutex mutex_{LockRank::OneWayDebt};  // held while telling, so that the sender hears of things in order
     uint64_t queuedFrames_ VEXA_GUARDED_BY(mutex_) = 0;
     uint64_t queuedBytes_ VEXA_GUARDED_BY(mutex_) = 0;
     uint64_t doneFrames_ VEXA_GUARDED_BY(mutex_) = 0;
     uint64_t doneBytes_ VEXA_GUARDED_BY(mutex_) = 0;
+    uint64_t asked_ VEXA_GUARDED_BY(mutex_) = 0;
+    ByteBudget::Charge window_ VEXA_GUARDED_BY(mutex_);  // beyond the first
+    ByteBudget::Charge wanted_ VEXA_GUARDED_BY(mutex_);
 };
 
 }  // namespace VEXA::ipc

@@ -41,11 +41,33 @@ void OneWayQueues::RunQueue(const IRemoteObject* object)
         Request request = std::move(queue->second.front());
         queue->second.pop_front();
         lock.Unlock();
-        request.charge.reset();
         MessageParcel reply;
         MessageOption option(MessageOption::TF_ASYNC);
         CarryOut(*request.object, request.code, *request.data, reply, option, request.sender->Who());
         workers_.Done();
+    }
+}
+
+void OneWayQueues::Trim(EndpointId dead)
+{
+    // Ends on a worker: with it go references to objects, whose code must not hold up the reactor.
+    const auto dropped = std::make_shared<std::deque<Request>>();
+    uint64_t left = kMostLastWords;
+    MutexLock lock(mutex_);
+    for (auto& [object, queue] : queues_) {
+        bool isOver = false;
+        std::deque<Request> kept;
+        for (Request& request : queue) {
+            const bool isLast = request.sender->Id() == dead;
+            isOver = isOver || (isLast && request.data->GetDataSize() > left);
+            left -= isLast && !isOver ? request.data->GetDataSize() : 0;
+            (isLast && isOver ? *dropped : kept).push_back(std::move(request));
+        }
+        queue.swap(kept);
+    }
+    lock.Unlock();
+    if (!dropped->empty()) {
+        workers_.Post([dropped] {});
     }
 }
 

@@ -20,13 +20,15 @@ public:
     struct Request {
         sptr<IRemoteObject> object;
         sptr<Peer> sender;
-        OneWayDebt::Charge charge;  // of the sender's debt, until the request leaves the queue
+        OneWayDebt::Charge charge;  // of the sender's debt, until the request is done
         uint32_t code;
         std::unique_ptr<MessageParcel> data;
     };
 
     // Takes the request, unless it throws std::bad_alloc: the request is as it was then.
     void Add(Request& request);
+    // Leaves of the requests of a process that has died, for each object, the first ones: kMostLastWords in all.
+    void Trim(EndpointId dead);
 
 private:
     void RunQueue(const IRemoteObject* object);

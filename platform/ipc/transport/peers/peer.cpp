@@ -13,14 +13,15 @@ PeerObject::PeerObject(const sptr<Peer>& owner, ObjectId id)
     : IRemoteObject(std::u16string()), owner_(owner), id_(id), generation_(owner->Generation())
 {}
 
-Peer::Peer(EndpointId self, EndpointId id, MakeObject makeObject)
+Peer::Peer(EndpointId self, EndpointId id, MakeObject makeObject, ByteBudget& bytes)
     : self_(self),
       who_{{}, id, {}},
       issuedKey_{RandomNumber(), RandomNumber()},
       makeObject_(std::move(makeObject)),
-      debt_([this](uint64_t frames, uint64_t bytes) {
-          const FrameHeader ack = MakeHeader(FrameKind::ONE_WAY_ACK, frames, bytes);
-          SendOnLink(&ack, sizeof(ack));
+      credit_([this](const void* frame, size_t size) { return SendOnLink(frame, size); }),
+      debt_(bytes, [this](FrameKind kind, uint64_t target, uint64_t extra) {
+          const FrameHeader told = MakeHeader(kind, target, extra);
+          SendOnLink(&told, sizeof(told));
       })
 {}
 
@@ -196,7 +197,7 @@ void Peer::Forget(const PeerObject& object)
     while (!Dead() && references > 0) {
         const uint64_t part = std::min(references, kMostReleased);
         const FrameHeader release = MakeHeader(FrameKind::RELEASE, object.Id(), part);
-        SendOnLink(&release, sizeof(release));
+        credit_.SendBehind(&release, sizeof(release));
         references -= part;
     }
 }
@@ -225,6 +226,8 @@ std::vector<sptr<PeerObject>> Peer::Bury()
     std::vector<uint8_t>().swap(outbox_);
     lock.Unlock();
     channels_.Close();
+    credit_.Drop();
+    debt_.Drop();
     if (link != nullptr) {
         link->Shutdown();
     }

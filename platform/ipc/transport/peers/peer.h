@@ -55,11 +55,12 @@ public:
     // Makes the object that stands for one of the peer's; null when memory is short.
     using MakeObject = std::function<sptr<PeerObject>(const sptr<Peer>& owner, ObjectId id)>;
 
-    Peer(EndpointId self, EndpointId id, MakeObject makeObject);
+    Peer(EndpointId self, EndpointId id, MakeObject makeObject, ByteBudget& bytes);
 
     EndpointId Id() const { return who_.endpoint; }
     // Is known once the process has greeted, and stays: no other process is believed to be this one.
     const Caller& Who() const { return who_; }
+    ByteBudget::Account Account() const { return {ProcessNumber(Who(), Id()), Who().uid}; }
     bool Dead() const { return state_.load(std::memory_order_acquire) == State::DEAD; }
     bool Stands() const { return state_.load(std::memory_order_acquire) == State::STANDS; }
     // Is odd while there is a connection, greeting or standing, and counts on when there is one and when it has gone.

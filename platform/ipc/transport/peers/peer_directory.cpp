@@ -41,7 +41,7 @@ sptr<Peer> PeerDirectory::Find(EndpointId id)
     if (found != peers_.end()) {
         return found->second;
     }
-    const sptr<Peer> peer(new Peer(parts_.self, id, parts_.makeObject));
+    const sptr<Peer> peer(new Peer(parts_.self, id, parts_.makeObject, parts_.bytes));
     if (dead_.contains(id)) {
         peer->Bury();
     }

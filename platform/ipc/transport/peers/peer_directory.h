@@ -30,6 +30,7 @@ public:
         Reactor& reactor;
         WorkerPool& workers;
         ConnectionCounts& connections;
+        ByteBudget& bytes;
         DeathNotifier& deaths;
         Peer::MakeObject makeObject;
         // Makes a session, which is yet to greet, on a new connection to that peer.

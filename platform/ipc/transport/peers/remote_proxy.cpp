@@ -130,16 +130,11 @@ int32_t RemoteProxy::SendOneWay(uint32_t code, MessageParcel& data)
     if (size == 0) {
         return IPC_FAILED;
     }
-    MutexLock order(Process().Credit().SendOrder());
-    if (!Process().Credit().Take(data.GetDataSize())) {
-        return IPC_QUEUE_FULL;
+    const int32_t result = Process().Credit().SendOneWay(ParcelAccess::Storage(data), size, data.GetDataSize());
+    if (result == IPC_OK) {
+        transfer.Commit();
     }
-    if (!Process().SendOnLink(ParcelAccess::Storage(data), size)) {
-        return IsObjectDead() ? Lost() : IPC_DEAD_OBJECT;
-    }
-    order.Unlock();
-    transfer.Commit();
-    return IPC_OK;
+    return result == IPC_DEAD_OBJECT && IsObjectDead() ? Lost() : result;
 }
 
 bool RemoteProxy::AddDeathRecipient(const sptr<DeathRecipient>& recipient)

@@ -104,6 +104,12 @@ Link::Verdict Session::Handle(const FrameHeader& header, MessageParcel& frame)
             return HandleOneWay(header, frame);
         case FrameKind::ONE_WAY_ACK:
             return peer_->Credit().GiveBack(header.target, header.extra) ? Verdict::GO_ON : Verdict::CLOSE;
+        case FrameKind::ONE_WAY_WANT: {
+            const auto widen = [peer = peer_] { peer->Debt().Widen(); };
+            return peer_->Debt().Want(peer_->Account(), header.extra, widen) ? Verdict::GO_ON : Verdict::CLOSE;
+        }
+        case FrameKind::ONE_WAY_WINDOW:
+            return peer_->Credit().Widen(header.extra) ? Verdict::GO_ON : Verdict::CLOSE;
         case FrameKind::CLOSE_IDLE:
             peer_->Channels().CloseIdle();
             return Verdict::GO_ON;

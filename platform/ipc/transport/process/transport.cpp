@@ -26,10 +26,10 @@ size_t DescriptorLimit()
 Transport::Transport(const ThreadStarter& startThread)
     : id_(RandomNumber()),
       reactor_(startThread),
+      bytes_(workers_),
       workers_(startThread),
       deaths_(startThread),
       connections_(&DescriptorLimit, [this] { peers_.AskToCloseIdle(); }),
-      bytes_(workers_),
       channels_(workers_, reactor_, bytes_),
       oneWays_(workers_),
       endpoint_(EndpointPath(id_), reactor_, connections_, [this](Connection one) { Accept(std::move(one)); }),
@@ -73,7 +73,7 @@ void Transport::Accept(Connection connection)
 
 PeerDirectory::Parts Transport::DirectoryParts()
 {
-    return {id_, objects_, reactor_, workers_, connections_, deaths_,
+    return {id_, objects_, reactor_, workers_, connections_, bytes_, deaths_,
         [this](const sptr<Peer>& owner, ObjectId id) -> sptr<PeerObject> {
             return sptr<RemoteProxy>::MakeSptr(peers_, owner, id);
         },
@@ -119,6 +119,7 @@ PublishResult Transport::Publish(const sptr<IRemoteObject>& object, std::functio
 
 void Transport::OnDeath(EndpointId dead)
 {
+    oneWays_.Trim(dead);
     if (contextLink_.Lose(dead)) {
         workers_.Post([this] { watch_.Look(); });
     }

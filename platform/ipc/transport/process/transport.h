@@ -54,10 +54,10 @@ private:
     std::atomic<bool> isPublishing_{false};
     ObjectTable objects_;
     Reactor reactor_;
+    ByteBudget bytes_;  // outlives the tasks of the workers
     WorkerPool workers_;
     DeathNotifier deaths_;
     ConnectionCounts connections_;
-    ByteBudget bytes_;
     ServerChannels channels_;
     OneWayQueues oneWays_;
     LocalEndpoint endpoint_;

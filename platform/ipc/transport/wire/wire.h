@@ -22,19 +22,21 @@ using ObjectId = uint64_t;
 inline constexpr ObjectId kContextObject = 0;
 
 enum class FrameKind : uint16_t {
-    HELLO = 1,        // first frame of a connection, from the process that connects
-    HELLO_REPLY = 2,  // first frame back on a link: it may become the session
-    REQUEST = 3,      // channel: asks for one REPLY; `extra` numbers the sender's requests
-    REPLY = 4,        // channel; `extra` repeats the request's
-    REPLY_ACK = 5,    // channel: the objects of the last reply have arrived
-    ONE_WAY = 6,      // link: a request without reply, numbered like a REQUEST
-    ONE_WAY_ACK = 7,  // link: `target` frames with `extra` bytes have left the receiver's queue
-    RELEASE = 8,      // link: the sender gives up `extra` references to `target`, which the receiver owns
-    GRANT = 9,        // link: `extra` is a process that receives `target`, which the receiver owns, from the sender
-    UNGRANT = 10,     // link: takes back one GRANT that the sender gave on this link
-    KEY = 11,         // link: the key for channels, once the process that connected knows whom it has reached
-    REFUSAL = 12,     // link: in place of HELLO_REPLY; `code` is a Refusal
-    CLOSE_IDLE = 13,  // link: connections are few, so that the receiver is to close channels that it keeps for later
+    HELLO = 1,          // first frame of a connection, from the process that connects
+    HELLO_REPLY = 2,    // first frame back on a link: it may become the session
+    REQUEST = 3,        // channel: asks for one REPLY; `extra` numbers the sender's requests
+    REPLY = 4,          // channel; `extra` repeats the request's
+    REPLY_ACK = 5,      // channel: the objects of the last reply have arrived
+    ONE_WAY = 6,        // link: a request without reply, numbered like a REQUEST
+    ONE_WAY_ACK = 7,    // link: `target` frames with `extra` bytes are done
+    RELEASE = 8,        // link: the sender gives up `extra` references to `target`, which the receiver owns
+    GRANT = 9,          // link: `extra` is a process that receives `target`, which the receiver owns, from the sender
+    UNGRANT = 10,       // link: takes back one GRANT that the sender gave on this link
+    KEY = 11,           // link: the key for channels, once the process that connected knows whom it has reached
+    REFUSAL = 12,       // link: in place of HELLO_REPLY; `code` is a Refusal
+    CLOSE_IDLE = 13,    // link: connections are few, so that the receiver is to close channels that it keeps for later
+    ONE_WAY_WANT = 14,  // link: the sender has one-way requests that exceed the receiver's window by `extra`
+    ONE_WAY_WINDOW = 15,  // link: the window is wider by `extra`
 };
 
 struct FrameHeader {
@@ -113,7 +115,7 @@ inline HelloFrame MakeRefusal(Refusal reason, EndpointId sender)
 // True when a header may be believed. Before that nothing else of a frame is looked at, or allocated for.
 inline bool IsSound(const FrameHeader& header)
 {
-    return header.magic == kMagic && header.kind >= FrameKind::HELLO && header.kind <= FrameKind::CLOSE_IDLE &&
+    return header.magic == kMagic && header.kind >= FrameKind::HELLO && header.kind <= FrameKind::ONE_WAY_WINDOW &&
            header.bytes <= IPC_MAX_PARCEL_BYTES && header.bytes % 4 == 0 && header.objects <= IPC_MAX_PARCEL_OBJECTS;
 }
 
