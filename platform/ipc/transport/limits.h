@@ -12,7 +12,8 @@ namespace VEXA::ipc {
 inline constexpr uint32_t kMaxQueuedOneWayFrames = 1024;
 // Bytes of data in those requests: one of the largest possible size fits.
 inline constexpr uint64_t kMaxQueuedOneWayBytes = uint64_t{16} * 1024 * 1024;
-// What every one-way request takes of the receiver's window besides its data: about the memory that it needs in a queue.
+// What every one-way request takes of the receiver's window besides its data: about the memory that it needs in a
+// queue.
 inline constexpr uint64_t kFrameCost = 1024;
 // The window of a session at first, for which nothing is charged. It is never smaller.
 inline constexpr uint64_t kFirstWindow = uint64_t{64} * 1024;
@@ -32,8 +33,8 @@ inline constexpr size_t kMostUnreachable = 4;
 inline constexpr size_t kMostDead = 4096;
 
 // Bytes of one process that this one holds: frames on channels that are larger than kGrowthStep, from their headers
-// on until they are dealt with, replies that wait to be read, and windows for one-way requests beyond the first. Four of
-// the largest frames fit.
+// on until they are dealt with, replies that wait to be read, and windows for one-way requests beyond the first. Four
+// of the largest frames fit.
 inline constexpr uint64_t kMostBytesOfProcess = uint64_t{64} * 1024 * 1024;
 // The same of all processes of one user: no one of them can take it all.
 inline constexpr uint64_t kMostBytesOfUser = uint64_t{256} * 1024 * 1024;

@@ -20,14 +20,20 @@ bool ByteBudget::Charge::Set(const Account& account, uint64_t bytes, std::functi
         wanted_ = bytes;
         later_ = std::move(later);
         budget_.waiting_.push_back(this);
-    } else if (isLess) {
-        std::erase_if(budget_.waiting_, [&](Charge* next) VEXA_NO_THREAD_SAFETY_ANALYSIS {
-            const bool goesOn = budget_.Change(*next, next->wanted_);
-            if (goesOn) {
-                budget_.workers_.Post(std::move(next->later_));
-            }
-            return goesOn;
-        });
+    }
+    const auto fits = [this](Charge* next)
+                          VEXA_NO_THREAD_SAFETY_ANALYSIS { return budget_.Change(*next, next->wanted_); };
+    for (auto& waiting = budget_.waiting_; isLess;) {
+        const auto next = std::ranges::find_if(waiting, fits);
+        if (next == waiting.end()) {
+            break;
+        }
+        std::function<void()> goOn = std::move((*next)->later_);
+        waiting.erase(next);
+        // The pool may run it at once.
+        lock.Unlock();
+        budget_.workers_.Post(std::move(goOn));
+        lock.Lock();
     }
     return hasRoom;
 }

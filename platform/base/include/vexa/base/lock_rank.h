@@ -37,7 +37,7 @@
     RANK(RuntimeWatch, "the watch for sockets that go and a manager that comes back")                              \
     RANK(PeerDirectory, "the peers by endpoint, and which endpoints are dead")                                     \
     RANK(PeerObjects, "the objects of one peer that this process holds")                                           \
-    RANK(OneWayCredit, "how much may still be sent one way to a peer, in order; held until the link has it")        \
+    RANK(OneWayCredit, "how much may still be sent one way to a peer, in order; held until the link has it")       \
     RANK(OneWayDebt, "how much a peer has sent one way that is not acknowledged")                                  \
     RANK(Peer, "the links to one peer, and what it has answered")                                                  \
     RANK(ClientChannels, "the open channels to one peer")                                                          \
