@@ -17,7 +17,6 @@ namespace {
 
 // The thread has been woken, and is yet to see for whom.
 constexpr uint64_t kUndecided = UINT64_MAX;
-constexpr Credentials kAnybody;
 
 }  // namespace
 
