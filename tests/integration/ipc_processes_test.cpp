@@ -196,7 +196,7 @@ TEST_F(IpcProcesses, ManySlowCallsOfOneProcessDoNotHoldUpAnother)
     }
 }
 
-TEST_F(IpcProcesses, ResultsIdentityAndSizesComeThrough)
+TEST_F(IpcProcesses, ResultsIdentitySizesAndNestedCallsComeThrough)
 {
     for (const int32_t result : {0, 1, 1999, 2000, 2001, 2003, -1, INT32_MIN, INT32_MAX}) {
         EXPECT_EQ(Call(hub_, RESULT, result).Send(), result);
@@ -220,12 +220,7 @@ TEST_F(IpcProcesses, ResultsIdentityAndSizesComeThrough)
         EXPECT_EQ(echo.Send(), 0) << size;
         EXPECT_EQ(echo.Reply().ReadString().size(), size);
     }
-}
-
-TEST_F(IpcProcesses, NestedCallsDoNotDeadlock)
-{
-    // Deeper than either pool's limit: those that wait don't count.
-    EXPECT_EQ(Call(hub_, NEST, 60, mine_).Answer(), 60);
+    EXPECT_EQ(Call(hub_, NEST, 60, mine_).Answer(), 60) << "deeper than either pool's limit: who waits does not count";
 }
 
 TEST_F(IpcProcesses, AStoppedProcessCostsTheWaitTimeOnly)
@@ -257,18 +252,13 @@ TEST_F(IpcProcesses, ACancelledThreadEndsBehindItsRequestsAndDrops)
 
 TEST_F(IpcProcesses, ForkedChildIsRefused)
 {
-    const pid_t child = fork();
-    if (child == 0) {
-        // Reports what went wrong by its exit code.
-        int code = Call(hub_, ADD_ONE, 1).Send() == IPC_FORKED ? 0 : 1;
-        code += GetContextObject() == nullptr ? 0 : 2;
-        code += hub_->AddDeathRecipient(new CountingRecipient) ? 4 : 0;
+    const auto inChild = [this] {
+        const int code = Call(hub_, ADD_ONE, 1).Send() == IPC_FORKED ? 0 : 1;
+        const bool isReached = GetContextObject() != nullptr || hub_->AddDeathRecipient(new CountingRecipient);
         hub_.clear();
-        _exit(code);
-    }
-    int status = -1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+        return isReached ? 2 : code;
+    };
+    EXPECT_EQ(InChild(inChild), 0);
     EXPECT_EQ(Call(hub_, ADD_ONE, 1).Answer(), 2);
 }
 
@@ -302,12 +292,7 @@ TEST(LeavingProcess, DISABLED_ExitsFromAnotherThread)
     hub = GetContextObject();
     ASSERT_NE(hub, nullptr);
     EXPECT_EQ(Call(hub, KEEP, "leaving", sptr<IRemoteObject>(new TestObject)).Send(), 0);
-    const pid_t child = fork();
-    if (child == 0) {
-        std::exit(0);
-    }
-    int status = -1;
-    ASSERT_TRUE(waitpid(child, &status, 0) == child && WEXITSTATUS(status) == 34) << "the socket is its parent's";
+    ASSERT_EQ(InChild([] { return std::exit(0), 0; }), 34) << "the socket is its parent's";
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([&] { Call(hub, HANG).Send(); });

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <sys/wait.h>
 
 #include <future>
 #include <memory>
@@ -21,6 +20,7 @@ namespace VEXA::ipc {
 
 using namespace std::chrono_literals;
 using test::Eventually;
+using test::InChild;
 
 inline Deadline Now()
 {
@@ -58,17 +58,6 @@ struct Alarms {
         setitimer(ITIMER_REAL, &often, nullptr);
     }
 };
-
-// Runs this in another process, for which the kernel then takes the sockets that are connected or listen there.
-inline bool Elsewhere(const std::function<bool()>& run)
-{
-    const pid_t child = fork();
-    if (child == 0) {
-        _exit(run() ? 0 : 1);
-    }
-    int status = -1;
-    return waitpid(child, &status, 0) == child && status == 0;
-}
 
 template <typename T>
 std::string Bytes(const T& value)

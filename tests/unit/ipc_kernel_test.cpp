@@ -36,10 +36,12 @@ TEST(ProcessLifeTest, AChildClosesOnlyWhatItsParentHasOpen)
     const int closed = ends.far.Get();
     ends.far.Reset();
     const auto isOpen = [](int fd) { return fcntl(fd, F_GETFD) >= 0; };
-    const auto inGrandchild = [&] { return isOpen(open); };
+    const auto inGrandchild = [&] { return isOpen(open) ? 5 : 6; };
     ASSERT_EQ(dup2(0, closed), closed);
-    EXPECT_TRUE(
-        Elsewhere([&] { return !isOpen(open) && isOpen(closed) && dup2(0, open) == open && Elsewhere(inGrandchild); }));
+    const auto inChild = [&] {
+        return !isOpen(open) && isOpen(closed) && dup2(0, open) == open ? InChild(inGrandchild) : 7;
+    };
+    EXPECT_EQ(InChild(inChild), 5);
     close(closed);
 }
 

@@ -105,12 +105,12 @@ protected:
         EndpointPath(id).copy(address.sun_path, sizeof(address.sun_path) - 1);
         return address;
     }
+    // The kernel takes it for a connection of the process that has made it; a listener is whose it was last.
     bool RefusesFromElsewhere(const std::string& bytes)
     {
         sockaddr_un address = AddressOf(transport_.Id());
         const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        EXPECT_TRUE(
-            Elsewhere([&] { return connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0; }));
+        EXPECT_EQ(InChild([&] { return connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)); }), 0);
         const UniqueFd connection = UniqueFd::Make([&] { return fd; });
         Write(connection, bytes);
         Deal();
@@ -120,7 +120,7 @@ protected:
     {
         UniqueFd listener = ListenAt(path);
         const int shared = dup(listener.Get());  // a child closes those that the transport knows
-        EXPECT_TRUE(Elsewhere([&] { return setuid(user) == 0 && listen(shared, 1) == 0; }));
+        EXPECT_EQ(InChild([&] { return setuid(user) + listen(shared, 1); }), 0);
         close(shared);
         return listener;
     }

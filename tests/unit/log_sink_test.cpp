@@ -30,20 +30,6 @@ LogRecord Record(std::string_view message, uint32_t level = KOLOG_ERROR)
     return {3, level, 0xD002E11, "TAG", 411, 415, {1795557187, 123456789}, "%{public}s", message};
 }
 
-// Runs `action` in a forked child, which gets 10 seconds, and returns its exit code.
-template <typename Action>
-int InChild(Action action)
-{
-    const pid_t child = fork();
-    if (child == 0) {
-        alarm(10);
-        _exit(action());
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
-}
-
 std::string ReadAll(int fd)
 {
     std::string text;
@@ -142,7 +128,7 @@ TEST(SinkSlotTest, AReplacementWaitsForAllWritersAndInAForkedChildForNone)
             const bool soon = std::chrono::steady_clock::now() - start < std::chrono::seconds(2);
             return soon && ring.After(0).back().message == "child" ? 0 : 1;
         };
-        EXPECT_EQ(InChild(replaceAtOnce), 0);
+        EXPECT_EQ(test::InChild(replaceAtOnce), 0);
         open[turn] = true;
         writers[turn].join();
     }
@@ -167,7 +153,8 @@ TEST(FileSinkTest, AppendsWholeLinesClosesItsFileAndWaitsForNobody)
         const rlim_t size = 2 * (ToLogLine(Record("x")).size() + 1);
         EXPECT_EQ(std::filesystem::file_size(path), size);
         const rlimit almostFull{size + 9, size + 9};
-        EXPECT_EQ(InChild([&] { return setrlimit(RLIMIT_FSIZE, &almostFull) != 0 || sink->Write(Record("z")); }), 0);
+        EXPECT_EQ(
+            test::InChild([&] { return setrlimit(RLIMIT_FSIZE, &almostFull) != 0 || sink->Write(Record("z")); }), 0);
     }
     EXPECT_EQ(static_cast<int>(std::filesystem::status(path).permissions()), 0640);
     EXPECT_EQ(unlink(path.c_str()) + mkfifo(path.c_str(), 0600), 0);
@@ -200,7 +187,7 @@ TEST(StderrSinkTest, NeverBlocksOnAFullOrAbandonedReader)
             const bool isReported = report != later.npos && later.find("room again\n", report) != later.npos;
             return isLeftAlone && isWhole && isReported ? 0 : 2;
         };
-        EXPECT_EQ(InChild(logToOneself), 0) << isSocket;
+        EXPECT_EQ(test::InChild(logToOneself), 0) << isSocket;
     }
 }
 
@@ -302,7 +289,7 @@ TEST(JournalSinkTest, SendsAndDropsWhenTheJournalIsFull)
     (root.Path() + "/systemd/journal/socket").copy(address.sun_path, sizeof address.sun_path - 1);
     const int journal = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
     EXPECT_EQ(bind(journal, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    const int result = InChild([&] { return WriteToOwnJournal(root.Path(), journal); });
+    const int result = test::InChild([&] { return WriteToOwnJournal(root.Path(), journal); });
     close(journal);
     if (result == 77) {
         GTEST_SKIP() << "no mount namespace of our own";

@@ -133,6 +133,19 @@ private:
     pid_t pid_ = -1;
 };
 
+// Runs this in a forked child, which gets 10 seconds; its exit code, 1000 + N for signal N.
+inline int InChild(const std::function<int()>& action)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(10);
+        _exit(action());
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
+}
+
 // The folder of the running test program, and of the programs built beside it.
 inline std::string BesideMe(const std::string& program)
 {
