@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// What only real processes show of the transport: death, exit, fork and stops, memory, nesting, many threads at once.
+// What only real processes show of the transport: death, exit and fork, memory, nesting, many threads at once.
 #include <grp.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <algorithm>
 #include <array>
@@ -19,17 +18,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 constexpr gid_t kExtraGroup = 54321;
-
-class CountingRecipient : public IRemoteObject::DeathRecipient {
-public:
-    std::atomic<int> count{0};
-    std::atomic<const IRemoteObject*> of{nullptr};
-    void OnRemoteDied(const wptr<IRemoteObject>& object) override
-    {
-        of = object.Promote().GetRefPtr();
-        ++count;
-    }
-};
 
 struct Node {
     ChildProcess process;
@@ -63,29 +51,6 @@ protected:
     sptr<IRemoteObject> hub_;
     const sptr<IRemoteObject> mine_{new TestObject};
 };
-
-// It has no descriptor for a connection, which then waits; or it has as many connections as it may have, and refuses.
-TEST_F(IpcProcesses, ALivingProcessThatIsFullIsReachedLater)
-{
-    const Node full = Start("full");
-    const std::string path = ipc::EndpointPath(static_cast<ipc::PeerObject&>(*full.object).Owner()->Id());
-    for (const auto& [others, limit] : {std::pair(size_t{0}, rlim_t{1}), {60, 90}}) {
-        const Node fresh = Start("knows it not yet" + std::to_string(others));
-        std::vector<ipc::UniqueFd> connections;
-        while (connections.size() < others) {
-            connections.push_back(ipc::ConnectTo(path));
-        }
-        EXPECT_EQ(Call(full.object, ADD_ONE, 1).Answer(), 2);
-        rlimit usual{};
-        prlimit(full.process.Pid(), RLIMIT_NOFILE, nullptr, &usual);
-        const rlimit few{limit, usual.rlim_max};
-        prlimit(full.process.Pid(), RLIMIT_NOFILE, &few, nullptr);
-        const auto reaches = [&] { return Call(fresh.object, NEST, 1, full.object).Answer(MessageOption(0, 1)) == 1; };
-        EXPECT_FALSE(reaches()) << others;
-        prlimit(full.process.Pid(), RLIMIT_NOFILE, &usual, nullptr);
-        EXPECT_TRUE(Eventually(reaches)) << others;
-    }
-}
 
 TEST_F(IpcProcesses, PassesLeaveNothingBehind)
 {
@@ -221,17 +186,6 @@ TEST_F(IpcProcesses, ResultsIdentitySizesAndNestedCallsComeThrough)
         EXPECT_EQ(echo.Reply().ReadString().size(), size);
     }
     EXPECT_EQ(Call(hub_, NEST, 60, mine_).Answer(), 60) << "deeper than either pool's limit: who waits does not count";
-}
-
-TEST_F(IpcProcesses, AStoppedProcessCostsTheWaitTimeOnly)
-{
-    ASSERT_TRUE(hubProcess_.Stop());
-    const auto start = Clock::now();
-    EXPECT_EQ(Call(hub_, ADD_ONE, 1).Send(), IPC_TIMED_OUT);
-    const std::chrono::duration<double> taken = Clock::now() - start;
-    EXPECT_TRUE(taken.count() >= 7.9 && taken.count() < 10) << taken.count();
-    hubProcess_.Signal(SIGCONT);
-    EXPECT_EQ(Call(hub_, ADD_ONE, 6).Answer(), 7) << "the late answer to the first is nobody's";
 }
 
 TEST_F(IpcProcesses, ACancelledThreadEndsBehindItsRequestsAndDrops)

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // What another process may say, and what is done with what it says: greetings, sessions, objects on their way, deaths.
+#include <sys/resource.h>
 #include <sys/un.h>
 
 #include "ipc_fixture.h"
 #include "peer_requests.h"
 #include "remote_proxy.h"
-#include "vexa/ipc/context_object.h"
-#include "vexa/ipc/message_option.h"
+#include "support/test_object.h"
 
 namespace VEXA::ipc {
 namespace {
@@ -24,12 +24,6 @@ public:
         reply.WriteRemoteObject(sptr<IRemoteObject>(this));
         return reply.WriteRemoteObject(gives), calls++;
     }
-};
-
-class CountingRecipient : public IRemoteObject::DeathRecipient {
-public:
-    int told = 0;
-    void OnRemoteDied(const wptr<IRemoteObject>&) override { ++told; }
 };
 
 std::string Frame(FrameKind kind, ObjectId target = 0, uint64_t extra = 0)
@@ -184,6 +178,21 @@ TEST_F(IpcPeers, AConnectionIsTakenByItsFirstFrame)
     EXPECT_TRUE(RefusesFromElsewhere(Hello(known.id)));
 }
 
+// Those beyond are refused, and may come again.
+TEST_F(IpcPeers, AProcessHasConnectionsForAQuarterOfTheDescriptors)
+{
+    rlimit usual{};
+    getrlimit(RLIMIT_NOFILE, &usual);
+    const rlimit few{400, usual.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &few);
+    std::vector<UniqueFd> connections;
+    do {
+        connections.push_back(Say(""));
+    } while (!HasEnded(connections.back()) && connections.size() < 150);
+    setrlimit(RLIMIT_NOFILE, &usual);
+    EXPECT_EQ(connections.size(), 101U);
+}
+
 TEST_F(IpcPeers, AGreetingIsRefusedWithAReason)
 {
     const Stranger known = Meet();
@@ -212,12 +221,12 @@ TEST_F(IpcPeers, AProcessThatDoesNotAnswerIsTriedAgain)
         const Stranger other;
         const sptr<Peer> peer = peers_.PeerAt(other.id);
         sptr<IRemoteObject> object = peer->Object(7);
-        const sptr<CountingRecipient> recipient(new CountingRecipient);
+        const sptr<test::CountingRecipient> recipient(new test::CountingRecipient);
         object->AddDeathRecipient(recipient);
         Write(AcceptFrom(other.listener), said);
         EXPECT_FALSE(object->IsObjectDead()) << name;
         Deal();
-        EXPECT_TRUE(object->IsObjectDead() && transport_.Deaths().TellOne() && recipient->told == 1) << name;
+        EXPECT_TRUE(object->IsObjectDead() && transport_.Deaths().TellOne() && recipient->count == 1) << name;
         EXPECT_EQ(Send(object, {}), IPC_CONNECTION_LOST) << name;
         object = nullptr;
         transport_.Workers().RunTasks();  // may have had the last reference
@@ -471,16 +480,22 @@ TEST_F(IpcPeers, AFailedRequestTakesBackWhatHasNotLeft)
     const ObjectId granted = peers_.AddHolder(new IPCObjectStub, owner.id);
     // To the third request.
     const std::string reply = OneWay(0, {{stranger.id, 9}, {transport_.Id(), granted}}, MakeHeader(REPLY, 0, 3));
-    // What the other end has said before it ended its sending, or "closed".
-    for (const auto& [said, isKept] :
-        {std::pair(std::string("closed"), false), {"", false}, {reply, true}, {"VXF1", true}}) {
+    // What the other end has said before it ended its sending, or "closed"; "late", where it does not end.
+    const std::tuple<std::string, int32_t, bool> rows[] = {{"closed", IPC_CONNECTION_LOST, false},
+        {"", IPC_CONNECTION_LOST, false}, {reply, IPC_OK, true}, {"VXF1", IPC_CONNECTION_LOST, true},
+        {"late", IPC_TIMED_OUT, true}};
+    for (const auto& [said, result, isKept] : rows) {
         SocketPair ends;
         ClientChannel channel = peer->Channels().Open(std::move(ends.near), transport_.Id(), {});
         Write(ends.far, said);
-        shutdown(ends.far.Get(), said == "closed" ? SHUT_RDWR : SHUT_WR);
+        if (said != "late") {
+            shutdown(ends.far.Get(), said == "closed" ? SHUT_RDWR : SHUT_WR);
+        }
         peer->Channels().Return(std::move(channel));
         Write(owner.link, said == reply ? Frame(GRANT, granted, stranger.id) : "");
-        EXPECT_EQ(Send(its, {own, passed, its}), said == reply ? IPC_OK : IPC_CONNECTION_LOST) << said;
+        const Deadline start = Now();
+        EXPECT_EQ(Send(its, {own, passed, its}), result) << said;
+        EXPECT_TRUE(Now() - start < 2s && (said != "late" || Now() - start >= 1s)) << said;
         EXPECT_EQ(transport_.Objects().Size(), isKept ? 2U : 1U) << said;
         std::string heard;
         EXPECT_FALSE(HasEnded(stranger.link, &heard));

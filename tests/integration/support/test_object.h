@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// An object that does on request whatever a test of the transport wants the other process to do, and keeps what test
-// processes hand each other.
+// An object that does on request whatever a test of the transport wants the other process to do, keeps what test
+// processes hand each other, and counts deaths.
 #pragma once
 
 #include <unistd.h>
 
+#include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <map>
@@ -34,6 +35,17 @@ enum Code : uint32_t {
     WHO_CALLS,  // int32 group -> int32 pid, int32 uid, uint64 endpoint, int32: whether it is in the group
     RESULT,     // int32 -> that result
     LIMIT,      // int32: how many threads may carry out requests
+};
+
+class CountingRecipient : public IRemoteObject::DeathRecipient {
+public:
+    std::atomic<int> count{0};
+    std::atomic<const IRemoteObject*> of{nullptr};
+    void OnRemoteDied(const wptr<IRemoteObject>& object) override
+    {
+        of = object.Promote().GetRefPtr();
+        ++count;
+    }
 };
 
 class Call {
