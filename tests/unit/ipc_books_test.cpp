@@ -5,10 +5,8 @@
 #include <latch>
 #include <numeric>
 
-#include "byte_budget.h"
 #include "ipc_fixture.h"
 #include "peer_log.h"
-#include "vexa/ipc/message_option.h"
 #include "vexa/log/ring_log_sink.h"
 
 namespace VEXA::ipc {
@@ -43,10 +41,8 @@ TEST(ObjectTableTest, LivesByItsHoldersAndNotByTheirDebts)
     EXPECT_EQ(table.Find(0, 4), object) << "everybody's";
 }
 
-class OneWayTest : public testing::Test {
+class OneWayTest : public IpcParts {
 protected:
-    WorkerPool workers_{&StartNone};
-    ByteBudget budget_{workers_};
     std::string said_;  // by either side: a letter a frame, and what a WANT or WINDOW says
     OneWayCredit credit_{[this](const void* frame, size_t) {
         FrameHeader header;
@@ -116,7 +112,7 @@ TEST_F(OneWayTest, TheReceiverTakesWhatItsWindowHolds)
 TEST_F(OneWayTest, WhatExceedsTheWindowWaitsInOrderUntilItIsWiderAndIsChargedUntilItIsDone)
 {
     ByteBudget::Charge full(budget_);
-    ASSERT_TRUE(workers_.Open() && full.Set({1, 1}, 67108864));
+    ASSERT_TRUE(full.Set({1, 1}, 67108864));
     EXPECT_TRUE(Send('a', 40000) == IPC_OK && Send('b', 30000) == IPC_OK && Send('c', 100) == IPC_OK);
     FrameHeader release = MakeHeader(FrameKind::RELEASE);
     release.code = 'r';
@@ -260,11 +256,10 @@ TEST(PeerLinesTest, FiveOfAProcessAndTwentyOfAUserInASecond)
     EXPECT_EQ(told[5].message, "10 more lines about user 7 were left out");
 }
 
-TEST(ByteBudgetTest, AProcessHolds64MebibytesAndAUser256)
+using ByteBudgetTest = IpcParts;
+
+TEST_F(ByteBudgetTest, AProcessHolds64MebibytesAndAUser256)
 {
-    WorkerPool workers(&StartNone);
-    ASSERT_TRUE(workers.Open());
-    ByteBudget budget(workers);
     std::deque<ByteBudget::Charge> charges;
     std::string going;
     // Which charge, of which process and user, becomes how large, if it does, and which of those that wait it lets on.
@@ -276,19 +271,12 @@ TEST(ByteBudgetTest, AProcessHolds64MebibytesAndAUser256)
         {'a', 1, 7, 0, true, "b"}};
     for (const auto& [name, process, user, bytes, isSet, others] : rows) {
         while (charges.size() <= size_t(name - 'a')) {
-            charges.emplace_back(budget);
+            charges.emplace_back(budget_);
         }
         EXPECT_EQ(charges[size_t(name - 'a')].Set({process, user}, bytes, [&, who = name] { going += who; }), isSet);
-        workers.RunTasks();
+        workers_.RunTasks();
         EXPECT_EQ(std::exchange(going, ""), others) << name << bytes;
     }
-}
-
-TEST(MessageOptionTest, WaitsEightSecondsUnlessItIsTold)
-{
-    EXPECT_EQ(MessageOption().GetWaitTime(), 8);
-    EXPECT_EQ(MessageOption(0, 0).GetWaitTime(), 8);
-    EXPECT_EQ(MessageOption(0, 1).GetWaitTime(), 1);
 }
 
 void Post(DeathNotifier& notifier, const sptr<IRemoteObject::DeathRecipient>& recipient)

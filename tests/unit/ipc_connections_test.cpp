@@ -116,13 +116,12 @@ protected:
     void OnEnd() override { ++ends; }
 };
 
-class LinkTest : public testing::Test {
+class LinkTest : public IpcParts {
 protected:
-    LinkTest() { EXPECT_TRUE(reactor_.Open() && reactor_.Add(link_, EPOLLIN | EPOLLRDHUP)); }
+    LinkTest() { EXPECT_TRUE(reactor_.Add(link_, EPOLLIN | EPOLLRDHUP)); }
 
     SocketPair ends_;
     ConnectionCounts counts_{[] { return 2; }};  // one for a user
-    Reactor reactor_{&StartNone};
     const sptr<TestLink> link_{new TestLink({std::move(ends_.near), {1, 7}, counts_.Take({1, 7})}, reactor_)};
     const std::string frame_ = FrameOf(ONE_WAY, (1 << 20) - kHeaderBytes);
 };
@@ -278,7 +277,13 @@ struct Sized : RequestHandler {
     int& frames;
 };
 
-TEST(ServerChannelTest, ServesUntilAFrameIsNoneOrIsWaitedForTooLong)
+class ServerChannelTest : public IpcParts {
+protected:
+    std::deque<ConnectionCounts> counts_;  // outlive the channels
+    ServerChannels channels_{workers_, reactor_, budget_};
+};
+
+TEST_F(ServerChannelTest, ServesUntilAFrameIsNoneOrIsWaitedForTooLong)
 {
     FrameHeader request = MakeHeader(REQUEST);
     request.code = 8;
@@ -300,27 +305,21 @@ TEST(ServerChannelTest, ServesUntilAFrameIsNoneOrIsWaitedForTooLong)
         {"a reply that is not read", Bytes(request), 1, 0, AFTER_8S},
         {"requests where others have failed", small + small, 2, 2, NEVER},
     };
-    std::deque<ConnectionCounts> all;
-    WorkerPool workers(&StartNone);
-    Reactor reactor(&StartNone);
-    ByteBudget budget(workers);
-    ServerChannels channels(workers, reactor, budget);
-    ASSERT_TRUE(workers.Open() && reactor.Open());
     for (const auto& [name, bytes, frames, replies, end] : rows) {
         SocketPair ends;
-        ConnectionCounts& counts = all.emplace_back([] { return 2; });  // one for a user
+        ConnectionCounts& counts = counts_.emplace_back([] { return 2; });  // one for a user
         int taken = 0;
         const Deadline before = Now();
-        channels.Adopt(
+        channels_.Adopt(
             {std::move(ends.near), {1, 7}, counts.Take({1, 7})}, std::make_unique<Sized>(taken), FrameReader());
         Write(ends.far, bytes);
         if (std::string(name).starts_with("the end")) {
             shutdown(ends.far.Get(), SHUT_WR);
         }
-        workers.RunTasks();
+        workers_.RunTasks();
         EXPECT_EQ(taken, frames) << name;
         for (const Deadline since : {Deadline(), before, Now() + 1ms}) {
-            channels.CloseStalled(since + 8s);
+            channels_.CloseStalled(since + 8s);
             const bool hasEnded = counts.Take({1, 7}) != nullptr;
             EXPECT_EQ(hasEnded, end == AT_ONCE || (end == AFTER_8S && since > before)) << name;
         }
@@ -331,14 +330,9 @@ TEST(ServerChannelTest, ServesUntilAFrameIsNoneOrIsWaitedForTooLong)
 }
 
 // Of frames and replies of 16 MiB, those of one process that have no room wait, or are not kept.
-TEST(ServerChannelTest, HoldsFourLargeFramesOfAProcess)
+TEST_F(ServerChannelTest, HoldsFourLargeFramesOfAProcess)
 {
-    ConnectionCounts counts([] { return SIZE_MAX; });
-    WorkerPool workers(&StartNone);
-    Reactor reactor(&StartNone);
-    ByteBudget budget(workers);
-    ServerChannels channels(workers, reactor, budget);
-    ASSERT_TRUE(workers.Open() && reactor.Open());
+    ConnectionCounts& counts = counts_.emplace_back([] { return SIZE_MAX; });
     FrameHeader small = MakeHeader(REQUEST);
     small.code = 8;
     FrameHeader reply = small;
@@ -347,7 +341,7 @@ TEST(ServerChannelTest, HoldsFourLargeFramesOfAProcess)
     std::vector<SocketPair> pairs(12);
     int taken = 0;
     const auto ended = [&] {
-        channels.CloseStalled(Now() + 9s);
+        channels_.CloseStalled(Now() + 9s);
         std::string names;
         for (size_t i = 0; i < pairs.size(); ++i) {
             names += pairs[i].far && HasEnded(pairs[i].far) ? static_cast<char>('a' + i) : '-';
@@ -356,44 +350,45 @@ TEST(ServerChannelTest, HoldsFourLargeFramesOfAProcess)
     };
     for (size_t i = 0; i < pairs.size(); ++i) {
         const Credentials who{i == 10 ? 2 : 1, 7};
-        channels.Adopt(
+        channels_.Adopt(
             {std::move(pairs[i].near), who, counts.Take(who)}, std::make_unique<Sized>(taken), FrameReader());
         Write(pairs[i].far, i == 5 ? Bytes(small) : i > 10 ? Bytes(reply) : half);
-        workers.RunTasks();
+        workers_.RunTasks();
     }
     EXPECT_EQ(ended(), "abcd------kl") << "the others wait unread; there is no room for the reply";
     EXPECT_EQ(ended(), "abcd------kl") << "and do not stall";
-    workers.RunTasks();
+    workers_.RunTasks();
     EXPECT_EQ(ended(), "abcde-ghi-kl");
-    workers.RunTasks();
+    workers_.RunTasks();
     EXPECT_EQ(ended(), "abcde-ghijkl");
     EXPECT_EQ(taken, 2);
 }
 
-TEST(ConnectionListenerTest, AConnectionWaitsForADescriptor)
+using ConnectionListenerTest = IpcParts;
+
+TEST_F(ConnectionListenerTest, AConnectionWaitsForADescriptor)
 {
     ConnectionCounts counts([] { return SIZE_MAX; });
     std::vector<Connection> taken;
-    Reactor reactor(&StartNone);
     const test::TempDir folder;
     const std::string path = folder.Path() + "/socket";
     const sptr<ConnectionListener> listener(new ConnectionListener(
-        ListenAt(path), reactor, counts, [&](Connection connection) { taken.push_back(std::move(connection)); }));
-    ASSERT_TRUE(reactor.Open() && reactor.Add(listener, EPOLLIN));
+        ListenAt(path), reactor_, counts, [&](Connection connection) { taken.push_back(std::move(connection)); }));
+    ASSERT_TRUE(reactor_.Add(listener, EPOLLIN));
     rlimit usual{};
     getrlimit(RLIMIT_NOFILE, &usual);
     const UniqueFd made[] = {ConnectTo(path), ConnectTo(path)};
     rlimit few = usual;
     few.rlim_cur = 1;
     setrlimit(RLIMIT_NOFILE, &few);
-    reactor.Turn(false);  // ticks for the first time
-    reactor.Turn(false);
+    reactor_.Turn(false);  // ticks for the first time
+    reactor_.Turn(false);
     listener->AcceptAll();
     setrlimit(RLIMIT_NOFILE, &usual);
-    reactor.Turn(false);
+    reactor_.Turn(false);
     EXPECT_TRUE(!HasEnded(made[0]) && taken.empty()) << "not before the next tick";
     listener->OnTick(Now());
-    reactor.Turn(false);
+    reactor_.Turn(false);
     listener->AcceptAll();
     EXPECT_EQ(taken.size(), 2U);
     EXPECT_EQ(fcntl(taken.at(0).fd.Get(), F_GETFD), FD_CLOEXEC);

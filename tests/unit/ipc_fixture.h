@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "byte_budget.h"
 #include "runtime_paths.h"
 #include "support/processes.h"
 #include "transport.h"
@@ -108,5 +109,23 @@ inline bool HasEnded(const UniqueFd& fd, std::string* bytes = nullptr)
         }
     }
 }
+
+// All that has come, and "END" behind it when the other end has closed the connection.
+inline std::string Heard(const UniqueFd& fd)
+{
+    std::string bytes;
+    const bool hasEnded = HasEnded(fd, &bytes);
+    return bytes + (hasEnded ? "END" : "");
+}
+
+// What the parts of a transport work with; the test does the threads' work.
+class IpcParts : public testing::Test {
+protected:
+    IpcParts() { EXPECT_TRUE(workers_.Open() && reactor_.Open()); }
+
+    WorkerPool workers_{&StartNone};
+    Reactor reactor_{&StartNone};
+    ByteBudget budget_{workers_};
+};
 
 }  // namespace VEXA::ipc

@@ -61,48 +61,48 @@ private:
     const std::function<void()> action_;
 };
 
-TEST(ReactorTest, CallsWhoHasNotBeenRemovedAndTicksWhileItIsNeeded)
+using ReactorTest = IpcParts;
+
+TEST_F(ReactorTest, CallsWhoHasNotBeenRemovedAndTicksWhileItIsNeeded)
 {
-    Reactor reactor(&StartNone);
-    ASSERT_TRUE(reactor.Open());
     SocketPair pairs[3];
     std::vector<sptr<Watched>> watched;
     int events = 0;
     for (SocketPair& ends : pairs) {
-        const auto removeBoth = [&] { ++events, reactor.Remove(watched[0]->Fd()), reactor.Remove(watched[1]->Fd()); };
+        const auto removeBoth = [&] { ++events, reactor_.Remove(watched[0]->Fd()), reactor_.Remove(watched[1]->Fd()); };
         Write(ends.far, &ends != &pairs[2] ? "1" : "");
         watched.emplace_back(new Watched(std::move(ends.near), removeBoth));
-        ASSERT_TRUE(reactor.Add(watched.back(), EPOLLIN));
+        ASSERT_TRUE(reactor_.Add(watched.back(), EPOLLIN));
     }
     int ticks = 0;
-    reactor.SetTickAction([&](Deadline) { ++ticks; });
-    reactor.NeedTicks().reset();
-    reactor.Turn(false);
+    reactor_.SetTickAction([&](Deadline) { ++ticks; });
+    reactor_.NeedTicks().reset();
+    reactor_.Turn(false);
     EXPECT_EQ(events, 1) << "both were in one batch";
     EXPECT_EQ(ticks, 0);
-    reactor.Settle(0s);
+    reactor_.Settle(0s);
 
     Reactor::Ticks needed;
-    auto settling = std::async(std::launch::async, [&] { return reactor.Settle(20s); });
+    auto settling = std::async(std::launch::async, [&] { return reactor_.Settle(20s); });
     EXPECT_EQ(settling.wait_for(20ms), std::future_status::timeout) << "nothing has been read yet";
     std::thread needing([&] {
         EXPECT_TRUE(settling.get());
         std::this_thread::sleep_for(20ms);
-        needed = reactor.NeedTicks();
+        needed = reactor_.NeedTicks();
     });
     const Alarms alarms;
     const Deadline start = Now();
     int turns = 0;
     while (ticks < 2 && turns < 100) {
-        EXPECT_TRUE(reactor.Turn());
+        EXPECT_TRUE(reactor_.Turn());
         ++turns;
     }
     EXPECT_LT(turns, 25) << "it waits";
     needing.join();
     EXPECT_GE(Now() - start, 950ms);
     Alarms::Repeat(0);
-    reactor.ResumeLater();
-    reactor.Turn();
+    reactor_.ResumeLater();
+    reactor_.Turn();
     EXPECT_EQ(ticks, 2) << "it does not wait for the next";
     EXPECT_LT(Now() - start, 5s);
     const std::string settled = " accept count read read";

@@ -35,7 +35,8 @@ TEST(InterfaceCast, GivesTheOriginalAtHomeAndAProxyElsewhere)
     const sptr<EchoStub> stub(new EchoStub);
     const sptr<IRemoteObject> object = stub->AsObject();
     MessageParcel parcel;
-    MessageOption option;
+    MessageOption option(0, 0);
+    EXPECT_EQ(option.GetWaitTime(), 8) << "as without a time";
     EXPECT_EQ(object->SendRequest(2, parcel, parcel, option), IPC_UNKNOWN_REQUEST);
     EXPECT_EQ(iface_cast<IEcho>(object).GetRefPtr(), static_cast<IEcho*>(stub.GetRefPtr()));
     EXPECT_EQ(iface_cast<IOther>(object), nullptr);
