@@ -8,24 +8,14 @@
 #include <cstdlib>
 #include <string>
 
+#include "support/pid_of.h"
 #include "vexa/ipc/ipc_object_stub.h"
 #include "vexa/ipc/ipc_skeleton.h"
-#include "vexa/ipc/message_option.h"
-#include "vexa/ipc/message_parcel.h"
 #include "vexa/samgr/system_ability_manager_client.h"
 
 namespace {
 
 using namespace VEXA;
-
-int32_t LoadedPid(ISystemAbilityManager& manager, int32_t id)
-{
-    const auto object = manager.LoadSystemAbility(id, 5);
-    MessageParcel data;
-    MessageParcel reply;
-    MessageOption option;
-    return object != nullptr && object->SendRequest(1, data, reply, option) == 0 ? reply.ReadInt32() : -1;
-}
 
 class PeerStub : public IPCObjectStub {
 public:
@@ -33,7 +23,7 @@ public:
     int32_t OnRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption&) override
     {
         const int32_t loaded = code == 1 ? data.ReadInt32() : 0;
-        return reply.WriteInt32(loaded > 0 ? LoadedPid(*manager_, loaded) : getpid()) ? 0 : 1;
+        return reply.WriteInt32(loaded > 0 ? test::PidOf(manager_->LoadSystemAbility(loaded, 5)) : getpid()) ? 0 : 1;
     }
 
 private:
@@ -68,7 +58,7 @@ int main(int argc, char** argv)
         IPCSkeleton::SetMaxWorkThreads(1);
         return Serve(manager, atoi(argv[2]), new PeerStub(manager));
     }
-    const int32_t pid = LoadedPid(*manager, atoi(argv[2]));
+    const int32_t pid = test::PidOf(manager->LoadSystemAbility(atoi(argv[2]), 5));
     printf("%d\n", pid);
     return pid > 0 ? 0 : 1;
 }

@@ -6,9 +6,8 @@
 #include <atomic>
 
 #include "samgr_world.h"
+#include "support/pid_of.h"
 #include "vexa/ipc/context_object.h"
-#include "vexa/ipc/message_option.h"
-#include "vexa/ipc/message_parcel.h"
 #include "vexa/samgr/system_ability_load_callback_stub.h"
 #include "vexa/samgr/system_ability_manager_client.h"
 
@@ -74,16 +73,6 @@ public:
     }
 };
 
-// The process of the object, or of a service that it loads.
-pid_t PidOf(const sptr<IRemoteObject>& object, int32_t loaded = 0)
-{
-    MessageParcel data;
-    MessageParcel reply;
-    MessageOption option;
-    data.WriteInt32(loaded);
-    return object != nullptr && object->SendRequest(1, data, reply, option) == 0 ? reply.ReadInt32() : -1;
-}
-
 class LoadCallback : public SystemAbilityLoadCallbackStub {
 public:
     void OnLoadSystemAbilitySuccess(int32_t, const sptr<IRemoteObject>&) override {}
@@ -103,17 +92,17 @@ protected:
     void SetUp() override
     {
         World().StartManager();
-        ASSERT_TRUE(Eventually([this] {
-            manager_ = SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
-            return manager_ != nullptr;
-        }));
+        ASSERT_TRUE(Eventually([this] { return Reach() != nullptr; }));
     }
     void TearDown() override
     {
         World().EndManager(SIGINT);
         // The next test must not take the dead one for its own.
-        EXPECT_TRUE(
-            Eventually([] { return SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager() == nullptr; }));
+        EXPECT_TRUE(Eventually([this] { return Reach() == nullptr; }));
+    }
+    sptr<ISystemAbilityManager> Reach()
+    {
+        return manager_ = SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
     }
 
     sptr<ISystemAbilityManager> manager_;
@@ -179,15 +168,8 @@ TEST_F(Samgr, ServicesOutliveAKilledManagerAndRegisterWithTheNext)
     EXPECT_TRUE(took >= 200ms && took < 2s);
 
     // Also when its sockets, and this process's, have gone with the runtime directory; that takes a look or two.
-    // Without its socket it is not taken for dead meanwhile, although no further channel to it can be made.
-    const sptr<IRemoteObject> object = manager_->CheckSystemAbility(kService);
     World().EndManager(SIGKILL);
     std::filesystem::remove_all(RuntimeDirectory());
-    std::vector<std::jthread> callers;
-    for (int caller = 0; caller < 8; ++caller) {
-        callers.emplace_back([&] { PidOf(object); });
-    }
-    callers.clear();  // waits for them
     SetUp();
     EXPECT_TRUE(Eventually([&] { return PidOf(manager_->CheckSystemAbility(kService)) == service; }));
     EXPECT_TRUE(service > 0 && kill(service, SIGKILL) == 0);
@@ -218,10 +200,8 @@ TEST_F(Samgr, WhatIsRemovedUnderLivingProcessesIsMadeAgain)
     EXPECT_TRUE(Eventually([&] { return std::filesystem::exists(run + "/samgr.sock"); }));
     World().Manager().Signal(SIGCONT);
     EXPECT_EQ(World().EndManager(0), 3);
-    EXPECT_TRUE(Eventually([&] {
-        manager_ = SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
-        return manager_ != nullptr && PidOf(manager_->CheckSystemAbility(kService)) == service;
-    }));
+    EXPECT_TRUE(
+        Eventually([&] { return Reach() != nullptr && PidOf(manager_->CheckSystemAbility(kService)) == service; }));
     second.Signal(SIGTERM);
     EXPECT_EQ(ExitStatus(second), 0);
     EXPECT_FALSE(std::filesystem::exists(run + "/samgr.sock")) << "it stopped in order";

@@ -1,13 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
 
 #include "daemon/output_lines.h"
 #include "daemon/profile.h"
+#include "support/processes.h"
 #include "vexa/testing/recording_log_sink.h"
 
 namespace VEXA::samgr {
@@ -64,8 +61,8 @@ TEST(SamgrProfile, FaultsAreNamed)
 
 TEST(SamgrProfile, DirectoriesAreReadInOrderAndTheFirstOfAnIdentifierWins)
 {
-    std::string folder = testing::TempDir() + "profilesXXXXXX";
-    ASSERT_NE(mkdtemp(folder.data()), nullptr);
+    const test::TempDir made;
+    const std::string& folder = made.Path();
     const auto write = [&](const char* name, const std::string& text) { std::ofstream(folder + "/" + name) << text; };
     write("b.json", R"({"id": 1, "program": "second"})");
     write("a.json", R"({"id": 1, "program": "first"})");
@@ -86,7 +83,6 @@ TEST(SamgrProfile, DirectoriesAreReadInOrderAndTheFirstOfAnIdentifierWins)
         lines.push_back({KOLOG_ERROR, "", "profile " + folder + "/" + name + " is left out: " + reason});
     }
     EXPECT_EQ(log.Messages(), lines);
-    std::filesystem::remove_all(folder);
     ASSERT_EQ(profiles.size(), 2U);
     EXPECT_EQ(profiles[0]->program + profiles[1]->program, "firstlarge");
 }

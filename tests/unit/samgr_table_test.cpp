@@ -75,7 +75,8 @@ protected:
         EXPECT_EQ(table_->Add(kId, {pid, kOtherUser}, object), SAMGR_OK);
         return object;
     }
-    void End(pid_t pid, int signal) { table_->OnProgramEnd(pid, {0, "", signal != 0, signal}); }
+    // By that signal or, up to 0, with its negative as its exit status.
+    void End(pid_t pid, int how) { table_->OnProgramEnd(pid, {0, "", how > 0, std::abs(how)}); }
 
     TimePoint now_ = TimePoint() + 1000s;
     CountingStarter starter_;
@@ -218,50 +219,30 @@ TEST_F(SamgrTable, StartsWaitForServicesOfAFormerManager)
 
 TEST_F(SamgrTable, CrashLoopIsSlowedUntilAProgramLivesAndKilledProgramsAreNot)
 {
-    const auto expectWait = [this](std::chrono::milliseconds wait) {
-        const int before = starter_.starts;
-        ASSERT_EQ(Load(), SAMGR_OK);
-        const TimePoint due = table_->RunDue();
-        if (wait > 0ms) {
-            ASSERT_EQ(due, now_ + wait);
-            ASSERT_EQ(starter_.starts, before);
-            now_ = due;
+    // Of so many instances: the wait before the start, whether it registers, how long it lives, and how it ends.
+    const std::tuple<int, std::chrono::milliseconds, bool, std::chrono::milliseconds, int> rows[] = {
+        {10, 0ms, false, 0ms, SIGKILL},  // to be killed is no crash
+        {2, 0ms, false, 999ms, -9}, {2, 0ms, true, 999ms, SIGABRT}, {1, 0ms, true, 999ms, -9},
+        {1, 100ms, false, 999ms, SIGABRT}, {1, 200ms, true, 999ms, -9}, {1, 400ms, false, 999ms, -9},
+        {1, 800ms, true, 999ms, SIGABRT}, {1, 1600ms, false, 999ms, -9}, {2, 3200ms, true, 999ms, -9},
+        {1, 3200ms, false, 6799ms, SIGABRT},  // the last death is not forgotten after 9,999 ms
+        {1, 3200ms, false, 6800ms, SIGABRT}, {4, 0ms, false, 0ms, SIGABRT},
+        {1, 100ms, true, 1s, SIGABRT},  // late enough
+        {5, 0ms, false, 0ms, SIGABRT}};
+    for (const auto& [times, wait, registers, lives, end] : rows) {
+        for (int i = 0; i < times; ++i) {
+            const pid_t pid = 1000 + starter_.starts;
+            EXPECT_EQ(Load(), SAMGR_OK);
+            EXPECT_EQ(table_->RunDue(), now_ + (wait > 0ms ? wait : 5s)) << pid;
+            now_ += wait;
             table_->RunDue();
+            ASSERT_EQ(pid, 999 + starter_.starts) << wait.count();
+            if (registers) {
+                Register(pid);
+            }
+            now_ += lives;
+            End(pid, end);
         }
-        ASSERT_EQ(starter_.starts, before + 1);
-    };
-    for (int round = 0; round < 10; ++round) {
-        expectWait(0ms);  // to be killed is no crash
-        End(999 + starter_.starts, SIGKILL);
-    }
-    // The wait before each start of a service that dies at once. A crash right after the registration counts alike.
-    for (const auto wait : {0ms, 0ms, 0ms, 0ms, 0ms, 100ms, 200ms, 400ms, 800ms, 1600ms, 3200ms, 3200ms}) {
-        SCOPED_TRACE(wait.count());
-        expectWait(wait);
-        const pid_t pid = 999 + starter_.starts;
-        if (pid % 2 == 0) {
-            Register(pid);
-        }
-        now_ += 999ms;
-        pid % 3 == 0 ? End(pid, SIGABRT) : table_->OnProgramEnd(pid, {0, "", false, 9});
-    }
-    const auto crash = [this] { End(999 + starter_.starts, SIGABRT); };
-    expectWait(3200ms);
-    now_ += 6799ms;  // 9,999 ms after the last death: not yet forgotten
-    crash();
-    expectWait(3200ms);
-    now_ += 6800ms;
-    for (int death = 1; death < 5; ++death) {
-        crash();
-        expectWait(0ms);
-    }
-    crash();
-    expectWait(100ms);
-    Register(999 + starter_.starts);
-    now_ += 1s;
-    for (int death = 0; death < 5; ++death) {  // the first was late enough
-        crash();
-        expectWait(0ms);
     }
 }
 
