@@ -235,7 +235,7 @@ private:
         const auto hasEnded = [&] {
             if (!IsRunning(manager_.Pid())) {
                 // It may end only where it can't start, and then with a status.
-                const int status = ExitStatus(manager_);
+                const int status = ExitStatus(std::move(manager_));
                 outcome = isStart && status > 0 && status < 128 ? int{AFTER_ERROR} : int{CRASHED};
                 Control().isArmed = false;
                 StartManager();
@@ -245,7 +245,7 @@ private:
         if (!Eventually(hasEnded, 4 * kMostTime)) {
             return HUNG;
         }
-        return std::max(outcome, std::min<int>(ExitStatus(client), CRASHED));
+        return std::max(outcome, std::min<int>(ExitStatus(std::move(client)), CRASHED));
     }
 
     const SamgrWorld world_;

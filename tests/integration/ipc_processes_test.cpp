@@ -105,7 +105,7 @@ TEST_F(IpcProcesses, WatchesRaceWithDeath)
     for (int round = 0; round < 10; ++round) {
         Node node = Start("node");
         std::atomic<bool> stop{false};
-        std::vector<std::thread> threads;
+        std::vector<std::jthread> threads;
         for (int t = 0; t < 4; ++t) {
             threads.emplace_back([&] {
                 while (!stop) {
@@ -117,11 +117,8 @@ TEST_F(IpcProcesses, WatchesRaceWithDeath)
             });
         }
         node.process.Kill();
-        ASSERT_TRUE(Eventually([&] { return node.object->IsObjectDead(); }));
+        EXPECT_TRUE(Eventually([&] { return node.object->IsObjectDead(); }));
         stop = true;
-        for (std::thread& thread : threads) {
-            thread.join();
-        }
     }
 }
 
@@ -130,7 +127,7 @@ TEST_F(IpcProcesses, BusyCallersGetTheirOwnAnswersAndDoNotKeepTheLastThread)
 {
     ASSERT_EQ(Call(hub_, LIMIT, 2).Send(), 0);
     std::latch served(8);
-    std::vector<std::thread> callers;
+    std::vector<std::jthread> callers;
     for (int caller = 0; caller < 8; ++caller) {
         callers.emplace_back([&, number = caller * 10000] {
             for (int i = 0; i < 2000 || !served.try_wait(); ++i) {
@@ -140,15 +137,12 @@ TEST_F(IpcProcesses, BusyCallersGetTheirOwnAnswersAndDoNotKeepTheLastThread)
             }
         });
     }
-    for (std::thread& thread : callers) {
-        thread.join();
-    }
 }
 
 TEST_F(IpcProcesses, ManySlowCallsOfOneProcessDoNotHoldUpAnother)
 {
     const Node node = Start("node");
-    std::vector<std::thread> slow;
+    std::vector<std::jthread> slow;
     for (int i = 0; i < 64; ++i) {
         slow.emplace_back([this] { EXPECT_EQ(Call(hub_, HANG).Send(), IPC_DEAD_OBJECT); });
     }
@@ -156,9 +150,6 @@ TEST_F(IpcProcesses, ManySlowCallsOfOneProcessDoNotHoldUpAnother)
         ASSERT_EQ(Call(node.object, NEST, 1, hub_).Answer(MessageOption(MessageOption::TF_SYNC, 1)), 1);
     }
     hubProcess_.Kill();
-    for (std::thread& thread : slow) {
-        thread.join();
-    }
 }
 
 TEST_F(IpcProcesses, ResultsIdentitySizesAndNestedCallsComeThrough)

@@ -184,8 +184,8 @@ TEST_F(Samgr, WhatIsRemovedUnderLivingProcessesIsMadeAgain)
     const auto isReached = [&] {
         const std::string found = World().Folder() + "/found";
         std::filesystem::remove(found);
-        ChildProcess client = StartLogged({SAMGR_PEER, "load", "1"}, found);
-        return ExitStatus(client) == 0 && FileText(found).ends_with(std::to_string(service) + "\n");
+        return ExitStatus(StartLogged({SAMGR_PEER, "load", "1"}, found)) == 0 &&
+               FileText(found).ends_with(std::to_string(service) + "\n");
     };
     for (const std::string removed : {"/samgr.sock", "/samgr.lock", "/peers", ""}) {
         std::error_code isMadeAgainMeanwhile;
@@ -203,7 +203,7 @@ TEST_F(Samgr, WhatIsRemovedUnderLivingProcessesIsMadeAgain)
     EXPECT_TRUE(
         Eventually([&] { return Reach() != nullptr && PidOf(manager_->CheckSystemAbility(kService)) == service; }));
     second.Signal(SIGTERM);
-    EXPECT_EQ(ExitStatus(second), 0);
+    EXPECT_EQ(ExitStatus(std::move(second)), 0);
     EXPECT_FALSE(std::filesystem::exists(run + "/samgr.sock")) << "it stopped in order";
     EXPECT_EQ(kill(service, SIGKILL), 0);
 }
@@ -221,10 +221,9 @@ TEST_F(Samgr, WhatTheSystemRefusesEndsTheManagerWithItsReason)
     for (const auto& [prelude, directory, status, reason] : cases) {
         const std::string output = World().Folder() + "/output";
         std::filesystem::remove(output);
-        ChildProcess manager = StartLogged({"sh", "-c", std::string(prelude) + R"(exec "$0" "$@")", SAMGRD,
-                                               "--profiles", World().Profiles(), "--runtime-dir", directory},
-            output);
-        EXPECT_EQ(ExitStatus(manager), status) << reason;
+        const std::vector<std::string> command{"sh", "-c", std::string(prelude) + R"(exec "$0" "$@")", SAMGRD,
+            "--profiles", World().Profiles(), "--runtime-dir", directory};
+        EXPECT_EQ(ExitStatus(StartLogged(command, output)), status) << reason;
         EXPECT_NE(FileText(output).find(reason), std::string::npos) << FileText(output);
     }
 }
@@ -260,14 +259,13 @@ TEST_F(Samgr, ARuntimeDirectoryMayBeRelative)
                                            World().Profiles(), "--runtime-dir", "relative/vexa"},
         World().LogFile());
     EXPECT_TRUE(Eventually([&] {
-        ChildProcess client(
-            {"env", "-C", folder, "VEXA_RUNTIME_DIR=", "XDG_RUNTIME_DIR=relative", SAMGR_PEER, "load", "1"});
-        return ExitStatus(client) == 0;
+        return ExitStatus(ChildProcess({"env", "-C", folder, "VEXA_RUNTIME_DIR=", "XDG_RUNTIME_DIR=relative",
+                   SAMGR_PEER, "load", "1"})) == 0;
     }));
     const std::string output = "/proc/" + std::to_string(manager.Pid()) + "/fd/2";
     EXPECT_EQ(std::filesystem::read_symlink(output), "/dev/null") << "a socket would get what is printed";
     manager.Signal(SIGTERM);
-    EXPECT_EQ(ExitStatus(manager), 0);
+    EXPECT_EQ(ExitStatus(std::move(manager)), 0);
 }
 
 TEST_F(Samgr, ProfilesAreReadAgainOnRequest)
@@ -299,14 +297,12 @@ TEST_F(Samgr, ASessionEndsEverythingHoweverItEnds)
         std::filesystem::remove(ready);
         ASSERT_TRUE(service > 0 && !directory.empty()) << FileText(output);
         session.Signal(signal);
-        EXPECT_EQ(ExitStatus(session), status);
+        EXPECT_EQ(ExitStatus(std::move(session)), status);
         EXPECT_TRUE(Eventually([&] { return !IsRunning(service); }));
         EXPECT_TRUE(Eventually([&] { return !std::filesystem::exists(directory.parent_path()); }));
     }
-    ChildProcess noCommand({VEXA_SESSION, "--", "/no/such/command"});
-    EXPECT_EQ(ExitStatus(noCommand), 127);
-    ChildProcess noManager({VEXA_SESSION, "--samgrd", "/bin/false", "--", "true"});
-    EXPECT_EQ(ExitStatus(noManager), 125);
+    EXPECT_EQ(ExitStatus(ChildProcess({VEXA_SESSION, "--", "/no/such/command"})), 127);
+    EXPECT_EQ(ExitStatus(ChildProcess({VEXA_SESSION, "--samgrd", "/bin/false", "--", "true"})), 125);
 }
 
 }  // namespace

@@ -25,7 +25,7 @@ inline ChildProcess StartLogged(const std::vector<std::string>& command, const s
 }
 
 // The exit status, 128 + N for signal N.
-inline int ExitStatus(ChildProcess& process)
+inline int ExitStatus(ChildProcess process)
 {
     const int status = process.Wait();
     return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
@@ -49,7 +49,7 @@ public:
     int EndManager(int signal)
     {
         manager_.Signal(signal);
-        const int status = ExitStatus(manager_);
+        const int status = ExitStatus(std::move(manager_));
         if (testing::UnitTest::GetInstance()->Failed()) {
             fputs(FileText(LogFile()).c_str(), stderr);
         }

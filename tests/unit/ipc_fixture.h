@@ -95,27 +95,21 @@ inline void Write(const UniqueFd& fd, const std::string& bytes)
     EXPECT_EQ(SendAll(fd.Get(), bytes.data(), bytes.size(), Now(), sent), Transfer::DONE);
 }
 
-// Reads all that has come; true when the other end has closed the connection.
-inline bool HasEnded(const UniqueFd& fd, std::string* bytes = nullptr)
-{
-    std::string piece(65536, '\0');
-    for (size_t moved = 0;;) {
-        const Transfer result = ReceiveNow(fd.Get(), piece.data(), piece.size(), moved);
-        if (result != Transfer::DONE) {
-            return result != Transfer::WOULD_BLOCK;
-        }
-        if (bytes != nullptr) {
-            bytes->append(piece, 0, moved);
-        }
-    }
-}
-
 // All that has come, and "END" behind it when the other end has closed the connection.
 inline std::string Heard(const UniqueFd& fd)
 {
     std::string bytes;
-    const bool hasEnded = HasEnded(fd, &bytes);
-    return bytes + (hasEnded ? "END" : "");
+    std::string piece(65536, '\0');
+    Transfer result{};
+    for (size_t moved = 0; (result = ReceiveNow(fd.Get(), piece.data(), piece.size(), moved)) == Transfer::DONE;) {
+        bytes.append(piece, 0, moved);
+    }
+    return bytes + (result == Transfer::WOULD_BLOCK ? "" : "END");
+}
+
+inline bool HasEnded(const UniqueFd& fd)
+{
+    return Heard(fd).ends_with("END");
 }
 
 // What the parts of a transport work with; the test does the threads' work.

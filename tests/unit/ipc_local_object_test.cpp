@@ -70,9 +70,7 @@ TEST(ObjectDeathTest, DeletedWhileHeldEndsTheProcessUnlessThatLeaves)
 TEST(BrokerRegistrationTest, KeepsTheFirstCreatorOfADescriptor)
 {
     auto& registry = BrokerRegistration::Get();
-    {
-        const BrokerDelegator<EchoProxy> second;
-    }
+    BrokerDelegator<EchoProxy>();
     EXPECT_FALSE(registry.Register(u"", [](const auto&) { return nullptr; }));
     EXPECT_FALSE(registry.Register(IEcho::GetDescriptor(), [](const auto&) { return nullptr; }));
     const sptr<IRemoteObject> remote(new ScriptedRemoteObject);
