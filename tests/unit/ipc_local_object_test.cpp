@@ -50,6 +50,12 @@ TEST(InterfaceCast, GivesTheOriginalAtHomeAndAProxyElsewhere)
     EXPECT_EQ(proxy->AsObject(), remote);
     EXPECT_NE(dynamic_cast<EchoProxy*>(proxy.GetRefPtr()), nullptr);
     EXPECT_EQ(iface_cast<IOther>(remote), nullptr);
+    static_cast<ScriptedRemoteObject*>(remote.GetRefPtr())->Die();
+    EXPECT_NE(iface_cast<IEcho>(remote), nullptr);
+    sptr<IRemoteObject> from(remote);
+    sptr<IRemoteObject> to(object);
+    to = std::move(from);
+    EXPECT_TRUE(to == remote && from == nullptr);
 }
 
 TEST(ObjectDeathTest, DeletedWhileHeldEndsTheProcessUnlessThatLeaves)

@@ -136,6 +136,8 @@ TEST(Parcel, RefusesTextsThatLieAboutThemselves)
 
 TEST(Parcel, KeepsValuesAndHeadroomWhileItGrowsAndForgetsWithClear)
 {
+    SetThreadParcelLimit(SIZE_MAX);
+    EXPECT_EQ(SetThreadParcelLimit(SIZE_MAX), 16777216U);
     const std::string text(1000, 'x');
     // A parcel may get the block of one before it, which was shorter or longer, and grows beyond it.
     for (const int32_t count : {100, 1200, 40, 2400, 600, 900}) {

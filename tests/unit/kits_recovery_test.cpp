@@ -59,10 +59,18 @@ TEST_F(KitsRecoveryTest, EveryGapOfALookupIsSurvived)
     kits_.AddDeathRecipient(service);  // a refused watch isn't repeated
     EXPECT_EQ(service->AddedCount(), 0U);
     kits_.DoReset();
+    kits_.AddDeathRecipient(service);
+    EXPECT_EQ(service->AddedCount(), 1U);
     const UnreachableManager none;
     EXPECT_EQ(kits_.GetService(), nullptr);
     CommonDeathRecipient(nullptr).OnRemoteDied(nullptr);
-    EXPECT_EQ(log.Messages(), LOOKUP + CLIENT.Info({"MigrateServerKitsImpl::AddDeathRecipient ret=false"}) + LOOKUP +
+    wptr<IRemoteObject> died;
+    CommonDeathRecipient([&](const wptr<IRemoteObject>& object) {
+        died = object;
+    }).OnRemoteDied(sptr<IRemoteObject>(service));
+    EXPECT_EQ(died.Promote(), sptr<IRemoteObject>(service));
+    EXPECT_EQ(log.Messages(), LOOKUP + CLIENT.Info({"MigrateServerKitsImpl::AddDeathRecipient ret=false"}) +
+                                  CLIENT.Info({"MigrateServerKitsImpl::AddDeathRecipient ret=true"}) + LOOKUP +
                                   CLIENT.Error({"manager is nullptr"}));
 }
 

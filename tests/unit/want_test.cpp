@@ -95,7 +95,12 @@ TEST(WantTest, RefusesParametersThatAreNone)
     EXPECT_EQ(FromParams(2, a + yes + a + yes), nullptr) << "twice";
     EXPECT_EQ(FromParams(1, a + Word(6) + Word(1)), nullptr) << "unknown type";
     EXPECT_EQ(FromParams(3, a + yes + b + yes), nullptr) << "count beyond the bytes";
-    EXPECT_EQ(FromParams(UINT32_MAX, a + yes + room), nullptr) << "count beyond the limit";
+    std::string many;
+    for (int i = 0; i < 1025; ++i) {
+        many += Word(4) + std::to_string(1000 + i) + Word(0) + yes;
+    }
+    EXPECT_NE(FromParams(1024, many), nullptr);
+    EXPECT_EQ(FromParams(1025, many), nullptr) << "count beyond the limit";
     EXPECT_NE(FromParams(1, a + Word(5) + Word(Want::MAX_LIST) + room), nullptr);
     EXPECT_EQ(FromParams(1, a + Word(5) + Word(Want::MAX_LIST + 1) + room), nullptr) << "list beyond the limit";
     EXPECT_EQ(FromParams(1, a + Word(5) + Word(9) + std::string(64, '\0')), nullptr) << "list beyond the bytes";
