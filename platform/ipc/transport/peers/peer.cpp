@@ -29,7 +29,8 @@ void Peer::Enter(State state, const sptr<Link>& link)
 {
     link_ = link;
     if (link != nullptr && who_.pid <= 0 && state != State::ASKED) {
-        who_ = {link->Who(), Id(), GroupsOf(link->Who(), link->Fd())};
+        static_cast<Credentials&>(who_) = link->Who();  // the endpoint is read meanwhile
+        who_.groups = GroupsOf(who_, link->Fd());
     }
     if ((link != nullptr) != IsConnected()) {
         generation_.fetch_add(1, std::memory_order_acq_rel);
