@@ -214,10 +214,14 @@ TEST_F(Samgr, WhatTheSystemRefusesEndsTheManagerWithItsReason)
     const std::string run = World().Folder() + "/refused";
     std::filesystem::create_directories(run + "/samgr.sock");
     const std::tuple<const char*, std::string, int, const char*> cases[] = {
-        {"", RuntimeDirectory(), 3, "samgrd: another manager serves "}, {"", file, 4, ": Not a directory"},
+        {"", RuntimeDirectory(), 3, "samgrd: another manager serves "},
+        {"", file, 4, ": Not a directory"},
         {"", run, 4, "/samgr.sock: rename: Is a directory"},
         {"", World().Folder() + std::string(99, 'x'), 4, ": socket: File name too long"},
-        {"ulimit -n 8;", RuntimeDirectory(), 4, ": Too many open files"}};
+#ifndef __SANITIZE_ADDRESS__  // whose companion opens descriptors to look at types
+        {"ulimit -n 8;", RuntimeDirectory(), 4, ": Too many open files"},
+#endif
+    };
     for (const auto& [prelude, directory, status, reason] : cases) {
         const std::string output = World().Folder() + "/output";
         std::filesystem::remove(output);
