@@ -71,7 +71,8 @@ extern "C" ssize_t getrandom(void* bytes, size_t size, unsigned)
 }
 // A sanitizer calls this before it can be called itself.
 #if __has_attribute(disable_sanitizer_instrumentation)
-#define NM_EARLY __attribute__((disable_sanitizer_instrumentation))
+#define NM_EARLY \
+    __attribute__((disable_sanitizer_instrumentation, no_sanitize("thread", "address", "undefined", "coverage")))
 #else
 #define NM_EARLY __attribute__((no_sanitize("thread", "address")))
 #endif
