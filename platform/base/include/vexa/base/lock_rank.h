@@ -39,7 +39,7 @@
     RANK(PeerObjects, "the objects of one peer that this process holds")                                           \
     RANK(OneWayCredit, "how much may still be sent one way to a peer, in order; held until the link has it")       \
     RANK(OneWayDebt, "how much a peer has sent one way that is not acknowledged")                                  \
-    RANK(Peer, "the links to one peer, and what it has answered")                                                  \
+    RANK(Peer, "the session with one peer, and what waits for it")                                                 \
     RANK(ClientChannels, "the open channels to one peer")                                                          \
     RANK(RemoteProxy, "the death recipients of one object; held while they become notices or are taken back")      \
     RANK(DeathNotices, "the notices of deaths that wait, and those that run")                                      \
