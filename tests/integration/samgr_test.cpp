@@ -169,7 +169,7 @@ TEST_F(Samgr, ServicesOutliveAKilledManagerAndRegisterWithTheNext)
 
     // Also when its sockets, and this process's, have gone with the runtime directory; that takes a look or two.
     World().EndManager(SIGKILL);
-    std::filesystem::remove_all(RuntimeDirectory());
+    ASSERT_TRUE(RemoveUnderOthers(RuntimeDirectory()));
     SetUp();
     EXPECT_TRUE(Eventually([&] { return PidOf(manager_->CheckSystemAbility(kService)) == service; }));
     EXPECT_TRUE(service > 0 && kill(service, SIGKILL) == 0);
@@ -195,7 +195,7 @@ TEST_F(Samgr, WhatIsRemovedUnderLivingProcessesIsMadeAgain)
     }
     // Another one has the lock of the new directory: the first leaves it, and its service moves over.
     ASSERT_TRUE(World().Manager().Stop());
-    std::filesystem::remove_all(run);
+    ASSERT_TRUE(RemoveUnderOthers(run));
     ChildProcess second = StartLogged({SAMGRD, "--profiles", World().Profiles()}, World().LogFile());
     EXPECT_TRUE(Eventually([&] { return std::filesystem::exists(run + "/samgr.sock"); }));
     World().Manager().Signal(SIGCONT);

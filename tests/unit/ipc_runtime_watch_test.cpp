@@ -101,7 +101,7 @@ TEST(RuntimeWatch, HearsOfAnotherContextObjectAlsoInADirectoryMadeAnew)
     expectNews("no watch at first");
     expectNews("none still");
     g_hasWatches = true;
-    fs::remove_all(directory);
+    ASSERT_TRUE(RemoveUnderOthers(directory));
     make();
     expectNews("removed");
     expectNews("watched again");
@@ -115,7 +115,7 @@ TEST(RuntimeWatch, HearsOfAnotherContextObjectAlsoInADirectoryMadeAnew)
     fs::rename(folder.Path() + "/a", folder.Path() + "/b");
     make();
     expectNews("a folder above moved away");
-    fs::remove_all(directory);
+    ASSERT_TRUE(RemoveUnderOthers(directory));
     fs::create_directories(directory);
     expectNews("removed, and watched at its first or second look");
     EXPECT_TRUE(isAlone) << "the limit from before the start";

@@ -43,6 +43,14 @@ inline bool Eventually(
     return true;
 }
 
+// Removes a folder in which others may be making their sockets again meanwhile; false when it does not go.
+inline bool RemoveUnderOthers(const std::filesystem::path& folder)
+{
+    std::error_code isMadeAgain;
+    return Eventually(
+        [&] { return std::filesystem::remove_all(folder, isMadeAgain), !std::filesystem::exists(folder); });
+}
+
 // A folder under the system's for temporary files, or under /tmp where that is too long for the sockets in it; removed
 // with everything in it.
 class TempDir {
