@@ -47,10 +47,13 @@ void ByteBudget::Charge::Absorb(Charge& other)
 
 bool ByteBudget::Change(Charge& charge, uint64_t bytes)
 {
+    if (bytes == charge.bytes_) {
+        return true;  // what gives back may have no memory for an entry
+    }
     const auto process = ofProcess_.try_emplace(charge.account_.process).first;
     const auto user = ofUser_.try_emplace(charge.account_.user).first;
     const uint64_t more = bytes - charge.bytes_;  // below 0 where it is less
-    const bool hasRoom = bytes <= charge.bytes_ ||
+    const bool hasRoom = bytes < charge.bytes_ ||
                          (process->second + more <= kMostBytesOfProcess && user->second + more <= kMostBytesOfUser);
     if (hasRoom) {
         process->second += more;

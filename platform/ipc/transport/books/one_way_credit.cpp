@@ -96,7 +96,7 @@ bool OneWayCredit::IsWhole()
 
 void OneWayCredit::Drop()
 {
-    std::deque<Kept> dropped;
+    std::list<Kept> dropped;
     MutexLock lock(mutex_);
     dropped.swap(kept_);
     keptCost_ = 0;

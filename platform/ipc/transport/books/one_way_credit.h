@@ -7,8 +7,8 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <deque>
 #include <functional>
+#include <list>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -54,7 +54,7 @@ private:
     uint64_t bytes_ VEXA_GUARDED_BY(mutex_) = 0;
     uint64_t window_ VEXA_GUARDED_BY(mutex_) = kFirstWindow;
     uint64_t sent_ VEXA_GUARDED_BY(mutex_) = 0;  // what it takes of the window
-    std::deque<Kept> kept_ VEXA_GUARDED_BY(mutex_);
+    std::list<Kept> kept_ VEXA_GUARDED_BY(mutex_);
     uint64_t keptCost_ VEXA_GUARDED_BY(mutex_) = 0;
     bool hasAsked_ VEXA_GUARDED_BY(mutex_) = false;
 };

@@ -185,16 +185,7 @@ bool Link::AdmitOnce(const FrameHeader& header)
 
 std::unique_ptr<MessageParcel> Link::TakeFrame(MessageParcel& frame)
 {
-    if (&frame == putBack_.get()) {
-        return std::move(putBack_);
-    }
     return &frame == scratch_.get() ? std::exchange(scratch_, std::make_unique<MessageParcel>()) : reader_.TakeOwn();
-}
-
-void Link::PutBack(std::unique_ptr<MessageParcel> frame)
-{
-    putBack_ = std::move(frame);
-    parked_ = putBack_.get();
 }
 
 Connection Link::GiveUp()

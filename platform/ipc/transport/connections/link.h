@@ -47,10 +47,9 @@ protected:
     // Is called once, when the connection has ended and is not watched any more.
     virtual void OnEnd() = 0;
 
-    // For Handle: takes the frame that Handle was called with out of the link.
+    // For Handle: takes the frame that Handle was called with out of the link. Where memory is short it throws and takes
+    // nothing.
     std::unique_ptr<MessageParcel> TakeFrame(MessageParcel& frame);
-    // For a Handle that is about to throw std::bad_alloc: the frame that it has taken is brought again.
-    void PutBack(std::unique_ptr<MessageParcel> frame);
     // For Handle: gives the connection away; Reader() has what was read of it beyond the frame. HANDED_OVER has to
     // follow.
     Connection GiveUp();
@@ -71,7 +70,6 @@ private:
     FrameReader reader_;
     std::unique_ptr<MessageParcel> scratch_ = std::make_unique<MessageParcel>();
     uint64_t due_ = 0;  // the count of bytes up to which Drain reads
-    std::unique_ptr<MessageParcel> putBack_;
     MessageParcel* parked_ = nullptr;  // the frame that is dealt with, or that waits to be
     bool admitted_ = false;            // by Admit: the frame that is arriving
     bool reading_ = false;

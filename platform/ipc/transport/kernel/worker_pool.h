@@ -6,9 +6,11 @@
 #include <cstddef>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <utility>
 #include <vector>
 
+#include "foreign_code.h"
 #include "socket.h"
 #include "thread.h"
 #include "transport/limits.h"
@@ -42,6 +44,15 @@ public:
     // Runs `task` on a worker, or at once where memory is too short to keep it. Code that the transport does not know,
     // and whatever may wait, would hold up the reactor.
     void Post(std::function<void()> task);
+    // Drops references to objects on a worker: where they are the last, the objects' code must not hold up the reactor.
+    // Only where there is no memory for the task they go here.
+    template <typename Objects>
+    void Drop(Objects objects)
+    {
+        if (!objects.empty()) {
+            RunForeign("dropping objects", [&] { Post([last = std::make_shared<Objects>(std::move(objects))] {}); });
+        }
+    }
     // Runs the tasks that have been posted, on the calling thread.
     void RunTasks();
 

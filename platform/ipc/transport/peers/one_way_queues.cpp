@@ -6,19 +6,22 @@
 
 namespace VEXA::ipc {
 
-void OneWayQueues::Add(Request& request)
+OneWayQueues::Arrival OneWayQueues::Prepare(Request request)
 {
-    const IRemoteObject* const object = request.object.GetRefPtr();
+    Queues queue;
+    queue.try_emplace(request.object.GetRefPtr());
+    Arrival arrival;
+    arrival.request.push_back(std::move(request));
+    arrival.queue = queue.extract(queue.begin());
+    return arrival;
+}
+
+void OneWayQueues::Add(Arrival arrival)
+{
+    const IRemoteObject* const object = arrival.queue.key();
     MutexLock lock(mutex_);
-    const auto [queue, isNew] = queues_.try_emplace(object);
-    try {
-        queue->second.push_back(std::move(request));
-    } catch (const std::bad_alloc&) {
-        if (isNew) {
-            queues_.erase(queue);
-        }
-        throw;
-    }
+    const auto [queue, isNew, spare] = queues_.insert(std::move(arrival.queue));
+    queue->second.splice(queue->second.end(), arrival.request);
     lock.Unlock();
     if (isNew) {
         workers_.Post([this, object] { RunQueue(object); });
@@ -50,25 +53,23 @@ void OneWayQueues::RunQueue(const IRemoteObject* object)
 
 void OneWayQueues::Trim(EndpointId dead)
 {
-    // Ends on a worker: with it go references to objects, whose code must not hold up the reactor.
-    const auto dropped = std::make_shared<std::deque<Request>>();
+    std::list<Request> dropped;
     uint64_t left = kMostLastWords;
     MutexLock lock(mutex_);
     for (auto& [object, queue] : queues_) {
         bool isOver = false;
-        std::deque<Request> kept;
-        for (Request& request : queue) {
-            const bool isLast = request.sender->Id() == dead;
-            isOver = isOver || (isLast && request.data->GetDataSize() > left);
-            left -= isLast && !isOver ? request.data->GetDataSize() : 0;
-            (isLast && isOver ? *dropped : kept).push_back(std::move(request));
+        for (auto next = queue.begin(); next != queue.end();) {
+            const auto request = next++;
+            const bool isLast = request->sender->Id() == dead;
+            isOver = isOver || (isLast && request->data->GetDataSize() > left);
+            left -= isLast && !isOver ? request->data->GetDataSize() : 0;
+            if (isLast && isOver) {
+                dropped.splice(dropped.end(), queue, request);
+            }
         }
-        queue.swap(kept);
     }
     lock.Unlock();
-    if (!dropped->empty()) {
-        workers_.Post([dropped] {});
-    }
+    workers_.Drop(std::move(dropped));
 }
 
 }  // namespace VEXA::ipc

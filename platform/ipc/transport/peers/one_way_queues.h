@@ -2,9 +2,9 @@
 // Queues the one-way requests that have arrived, for each object, so that they run in order and one at a time.
 #pragma once
 
-#include <deque>
+#include <list>
+#include <map>
 #include <memory>
-#include <unordered_map>
 
 #include "peer.h"
 #include "vexa/base/mutex.h"
@@ -25,9 +25,16 @@ public:
         std::unique_ptr<MessageParcel> data;
     };
 
-    // Takes the request, unless it throws std::bad_alloc: the request is as it was then.
-    void Add(Request& request);
-    // Leaves of the requests of a process that has died, for each object, the first ones: kMostLastWords in all.
+    // A request with the memory that its queue may need: only Prepare may throw.
+    using Queues = std::map<const IRemoteObject*, std::list<Request>>;
+    struct Arrival {
+        std::list<Request> request;
+        Queues::node_type queue;
+    };
+    static Arrival Prepare(Request request);
+    void Add(Arrival arrival);
+    // Leaves of the requests of a process that has died, for each object, the first ones: kMostLastWords in all. Needs
+    // no memory.
     void Trim(EndpointId dead);
 
 private:
@@ -36,7 +43,7 @@ private:
     WorkerPool& workers_;
     Mutex mutex_{LockRank::OneWayQueues};
     // An object has a queue here while one of its requests runs or waits.
-    std::unordered_map<const IRemoteObject*, std::deque<Request>> queues_ VEXA_GUARDED_BY(mutex_);
+    Queues queues_ VEXA_GUARDED_BY(mutex_);
 };
 
 }  // namespace VEXA::ipc

@@ -25,13 +25,17 @@ Peer::Peer(EndpointId self, EndpointId id, MakeObject makeObject, ByteBudget& by
       })
 {}
 
+void Peer::Learn(const sptr<Link>& link)
+{
+    if (who_.pid <= 0) {
+        who_.groups = GroupsOf(link->Who(), link->Fd());
+        static_cast<Credentials&>(who_) = link->Who();  // the endpoint is read meanwhile
+    }
+}
+
 void Peer::Enter(State state, const sptr<Link>& link)
 {
     link_ = link;
-    if (link != nullptr && who_.pid <= 0 && state != State::ASKED) {
-        static_cast<Credentials&>(who_) = link->Who();  // the endpoint is read meanwhile
-        who_.groups = GroupsOf(who_, link->Fd());
-    }
     if ((link != nullptr) != IsConnected()) {
         generation_.fetch_add(1, std::memory_order_acq_rel);
     }
@@ -55,6 +59,7 @@ bool Peer::OnHello(const sptr<Link>& link)
     if (state_ == State::ANSWERED || (state_ == State::ASKED && self_ > Id())) {
         return false;
     }
+    Learn(link);
     if (link_ != nullptr) {
         link_->Shutdown();
     }
@@ -70,6 +75,7 @@ bool Peer::OnReply(const sptr<Link>& link, bool wasUnknown, const ChannelKey& ke
     if (Stands() || Dead() || (link_ != link && !wasUnknown)) {
         return false;
     }
+    Learn(link);
     // The process has decided for this connection.
     if (link_ != nullptr && link_ != link) {
         link_->Shutdown();
@@ -163,9 +169,10 @@ sptr<IRemoteObject> Peer::Object(ObjectId id)
     sptr<PeerObject> former;  // both may be last references, which go after the lock
     sptr<PeerObject> object;
     MutexLock lock(objectsMutex_);
-    const auto [entry, isNew] = objects_.try_emplace(id, nullptr);
-    if (!isNew && entry->second->GetRefCounter()->TryIncStrong()) {
-        former = sptr<PeerObject>::Adopt(entry->second);
+    const auto [entry, isNew] = objects_.try_emplace(id);
+    PeerObject*& known = entry->second.object;
+    if (!isNew && known->GetRefCounter()->TryIncStrong()) {
+        former = sptr<PeerObject>::Adopt(known);
         if (former->IsCurrent()) {
             former->CountReference();
             return former;
@@ -182,7 +189,7 @@ sptr<IRemoteObject> Peer::Object(ObjectId id)
         }
         throw std::bad_alloc();
     }
-    entry->second = object.GetRefPtr();
+    known = object.GetRefPtr();
     return object;
 }
 
@@ -190,7 +197,7 @@ void Peer::Forget(const PeerObject& object)
 {
     MutexLock lock(objectsMutex_);
     const auto found = objects_.find(object.Id());
-    if (found != objects_.end() && found->second == &object) {
+    if (found != objects_.end() && found->second.object == &object) {
         objects_.erase(found);
     }
     lock.Unlock();
@@ -203,23 +210,26 @@ void Peer::Forget(const PeerObject& object)
     }
 }
 
-std::vector<sptr<PeerObject>> Peer::TellObjects()
+Peer::Objects Peer::TellObjects()
 {
-    std::vector<sptr<PeerObject>> objects;
+    Objects told;
     MutexLock lock(objectsMutex_);
-    for (const auto& [id, object] : objects_) {
-        if (object->GetRefCounter()->TryIncStrong()) {
-            objects.push_back(sptr<PeerObject>::Adopt(object));
+    told.swap(objects_);
+    for (auto& [id, known] : told) {
+        if (known.object->GetRefCounter()->TryIncStrong()) {
+            known.held = sptr<PeerObject>::Adopt(known.object);
         }
     }
     lock.Unlock();
-    for (const sptr<PeerObject>& object : objects) {
-        object->NotifyDeath();
+    for (const auto& [id, known] : told) {
+        if (known.held != nullptr) {
+            known.held->NotifyDeath();
+        }
     }
-    return objects;
+    return told;
 }
 
-std::vector<sptr<PeerObject>> Peer::Bury()
+Peer::Objects Peer::Bury()
 {
     MutexLock lock(mutex_);
     const sptr<Link> link = link_;

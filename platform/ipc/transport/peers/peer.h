@@ -103,8 +103,14 @@ public:
     sptr<IRemoteObject> Object(ObjectId id);
     // Is called at the end of an object: gives the references back that it stood for.
     void Forget(const PeerObject& object);
-    // Tells all objects that they are dead. The caller drops them, which may be the last references to them.
-    std::vector<sptr<PeerObject>> TellObjects();
+    // What stands for an object, and a reference to it while it is told of its death.
+    struct Known {
+        PeerObject* object = nullptr;
+        sptr<PeerObject> held;
+    };
+    using Objects = std::unordered_map<ObjectId, Known>;
+    // Tells all objects that they are dead. Needs no memory. The caller drops them, which may be the last references.
+    Objects TellObjects();
 
     ClientChannels& Channels() { return channels_; }
     OneWayCredit& Credit() { return credit_; }
@@ -114,12 +120,14 @@ public:
     bool TakeRefusal(Deadline now) { return refusals_.Take(now); }
 
     // Is called when the process has died or is not there: ends its connections and tells the objects, as above.
-    std::vector<sptr<PeerObject>> Bury();
+    Objects Bury();
 
 private:
     // ASKED: link_ is this process's own and awaits the answer; ANSWERED: link_ is the other's and awaits the key.
     enum class State : uint8_t { UNKNOWN, ASKED, ANSWERED, STANDS, DEAD };
 
+    // Learns from the kernel who the process is. Only this may throw of what deals with a greeting, so it comes first.
+    void Learn(const sptr<Link>& link) VEXA_REQUIRES(mutex_);
     void Enter(State state, const sptr<Link>& link) VEXA_REQUIRES(mutex_);
     void Stand(const sptr<Link>& link, const ChannelKey& key) VEXA_REQUIRES(mutex_);
 
@@ -143,7 +151,7 @@ private:
 
     Mutex objectsMutex_{LockRank::PeerObjects};
     // An object takes itself out when it ends; until then its entry may point to one that has no references left.
-    std::unordered_map<ObjectId, PeerObject*> objects_ VEXA_GUARDED_BY(objectsMutex_);
+    Objects objects_ VEXA_GUARDED_BY(objectsMutex_);
 };
 
 inline bool PeerObject::IsCurrent() const

@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -26,23 +27,28 @@ sptr<Peer> PeerDirectory::KnownPeer(EndpointId id)
 {
     MutexLock lock(mutex_);
     const auto found = peers_.find(id);
-    return found != peers_.end() ? found->second : nullptr;
+    return found != peers_.end() ? found->second.peer : nullptr;
 }
 
 bool PeerDirectory::HasDied(EndpointId id)
 {
     MutexLock lock(mutex_);
-    return dead_.contains(id);
+    return IsDead(id);
+}
+
+bool PeerDirectory::IsDead(EndpointId id) const
+{
+    return std::ranges::find(dead_, id) != dead_.end();
 }
 
 sptr<Peer> PeerDirectory::Find(EndpointId id)
 {
     const auto found = peers_.find(id);
     if (found != peers_.end()) {
-        return found->second;
+        return found->second.peer;
     }
     const sptr<Peer> peer(new Peer(parts_.self, id, parts_.makeObject, parts_.bytes));
-    if (dead_.contains(id)) {
+    if (IsDead(id)) {
         peer->Bury();
     }
     return peer;
@@ -53,12 +59,11 @@ sptr<Peer> PeerDirectory::PeerAt(EndpointId id)
     MutexLock lock(mutex_);
     const sptr<Peer> peer = Find(id);
     if (!peer->Dead() && !peer->IsConnected()) {
-        const bool isConnected = Connect(peer);
-        if (isConnected || MayPass(errno)) {
-            peers_[id] = peer;
-            TryLater(id);
-        } else if (!peers_.contains(id)) {
+        const auto [known, isNew] = peers_.try_emplace(id, Known{peer});
+        TryLater(known->second);
+        if (!Connect(peer) && !MayPass(errno) && isNew) {
             // It is not kept: peers may name as many that are not there as they like.
+            peers_.erase(known);
             peer->Bury();
         }
     }
@@ -94,9 +99,9 @@ bool PeerDirectory::Connect(const sptr<Peer>& peer)
     return true;
 }
 
-void PeerDirectory::TryLater(EndpointId id)
+void PeerDirectory::TryLater(Known& known)
 {
-    apart_.try_emplace(id);
+    known.isApart = true;
     if (!ticks_) {
         ticks_ = parts_.reactor.NeedTicks();
     }
@@ -105,20 +110,23 @@ void PeerDirectory::TryLater(EndpointId id)
 void PeerDirectory::OnTick(Deadline now)
 {
     MutexLock lock(mutex_);
-    for (auto next = apart_.begin(); next != apart_.end();) {
-        const auto at = next++;
-        const sptr<Peer> peer = Find(at->first);
-        if (peer->Dead() || peer->IsConnected() || Connect(peer)) {
-            apart_.erase(at);
+    bool areApart = false;
+    for (auto next = peers_.begin(); next != peers_.end();) {
+        auto& [peer, isApart, missingSince] = (next++)->second;
+        if (!isApart || peer->IsConnected() || Connect(peer)) {
+            isApart = false;
+            missingSince = {};
         } else if (MayPass(errno)) {
-            at->second = {};
-        } else if (errno == ENOENT && (at->second == Deadline() || now - at->second <= kMissingLimit)) {
-            at->second = at->second == Deadline() ? now : at->second;
+            missingSince = {};
+        } else if (errno == ENOENT && (missingSince == Deadline() || now - missingSince <= kMissingLimit)) {
+            missingSince = missingSince == Deadline() ? now : missingSince;
         } else {
-            Forget(peer);
+            Forget(sptr<Peer>(peer));
+            continue;
         }
+        areApart = areApart || isApart;
     }
-    if (apart_.empty()) {
+    if (!areApart) {
         ticks_.reset();
     }
 }
@@ -155,7 +163,7 @@ sptr<Peer> PeerDirectory::Identify(EndpointId claimed, const Credentials& who)
     MutexLock lock(mutex_);
     sptr<Peer> peer = Find(claimed);
     if (!peer->Dead()) {
-        peers_[claimed] = peer;
+        peers_.try_emplace(claimed, Known{peer});
     }
     return peer;
 }
@@ -164,8 +172,8 @@ void PeerDirectory::AskToCloseIdle()
 {
     const FrameHeader ask = MakeHeader(FrameKind::CLOSE_IDLE);
     MutexLock lock(mutex_);
-    for (const auto& [id, peer] : peers_) {
-        peer->SendOnLink(&ask, sizeof(ask));
+    for (const auto& [id, known] : peers_) {
+        known.peer->SendOnLink(&ask, sizeof(ask));
     }
 }
 
@@ -178,14 +186,14 @@ ObjectId PeerDirectory::AddHolder(const sptr<IRemoteObject>& object, EndpointId 
 
 void PeerDirectory::AdjustHolder(ObjectId id, EndpointId holder, int64_t difference)
 {
-    DropOnWorker(parts_.objects.Adjust(id, holder, difference));
+    parts_.workers.Drop(parts_.objects.Adjust(id, holder, difference));
     DropIfDead(holder);
 }
 
 void PeerDirectory::DropIfDead(EndpointId holder)
 {
     if (KnownPeer(holder) == nullptr) {
-        DropOnWorker(parts_.objects.DropHolder(holder));
+        parts_.workers.Drop(parts_.objects.DropHolder(holder));
     }
 }
 
@@ -198,13 +206,18 @@ void PeerDirectory::OnLinkEnd(const sptr<Peer>& peer, const sptr<Link>& link, Re
         return;
     }
     if (isDeath) {
-        Remember(peer->Id());
+        if (dead_.size() < kMostDead) {
+            dead_.push_back(peer->Id());
+        }
+        dead_[deaths_++ % kMostDead] = peer->Id();
     }
     if (isDeath || why == Refusal::VERSION) {
         Forget(peer);
     } else {
-        DropOnWorker(peer->TellObjects());
-        TryLater(peer->Id());
+        parts_.workers.Drop(peer->TellObjects());
+        if (const auto known = peers_.find(peer->Id()); known != peers_.end()) {
+            TryLater(known->second);
+        }
     }
     lock.Unlock();
     if (isDeath) {
@@ -216,19 +229,8 @@ void PeerDirectory::OnLinkEnd(const sptr<Peer>& peer, const sptr<Link>& link, Re
 void PeerDirectory::Forget(const sptr<Peer>& peer)
 {
     peers_.erase(peer->Id());
-    apart_.erase(peer->Id());
-    DropOnWorker(peer->Bury());
-    DropOnWorker(parts_.objects.DropHolder(peer->Id()));
-}
-
-void PeerDirectory::Remember(EndpointId dead)
-{
-    dead_.insert(dead);
-    deadOrder_.push_back(dead);
-    if (deadOrder_.size() > kMostDead) {
-        dead_.erase(deadOrder_.front());
-        deadOrder_.pop_front();
-    }
+    parts_.workers.Drop(peer->Bury());
+    parts_.workers.Drop(parts_.objects.DropHolder(peer->Id()));
 }
 
 }  // namespace VEXA::ipc

@@ -3,17 +3,16 @@
 #pragma once
 
 #include <atomic>
-#include <deque>
 #include <functional>
 #include <unordered_map>
-#include <unordered_set>
+#include <vector>
 
 #include "connection_counts.h"
 #include "death_notifier.h"
-#include "foreign_code.h"
 #include "object_table.h"
 #include "peer.h"
 #include "reactor.h"
+#include "transport/limits.h"
 #include "vexa/base/mutex.h"
 #include "wire.h"
 #include "worker_pool.h"
@@ -38,7 +37,7 @@ public:
         // Called on the reactor's thread when a process has died and all that lived off it has been told.
         std::function<void(EndpointId dead)> onDeath;
     };
-    explicit PeerDirectory(Parts parts) : parts_(std::move(parts)) {}
+    explicit PeerDirectory(Parts parts) : parts_(std::move(parts)) { dead_.reserve(kMostDead); }
 
     EndpointId Self() const { return parts_.self; }
     ObjectTable& Objects() const { return parts_.objects; }
@@ -74,38 +73,33 @@ public:
     void OnTick(Deadline now);
 
 private:
+    bool IsDead(EndpointId id) const VEXA_REQUIRES(mutex_);
     // Returns the peer, which is new unless the process is known, and dead where it is remembered as that.
     sptr<Peer> Find(EndpointId id) VEXA_REQUIRES(mutex_);
     // Connects to a process that is not connected; false, with errno, when that fails.
     bool Connect(const sptr<Peer>& peer) VEXA_REQUIRES(mutex_);
-    void TryLater(EndpointId id) VEXA_REQUIRES(mutex_);
-    void Remember(EndpointId dead) VEXA_REQUIRES(mutex_);
-    // Drops a peer, and all that its process holds.
+    // Drops a peer, and all that its process holds. Like all that a death needs, it takes no memory.
     void Forget(const sptr<Peer>& peer) VEXA_REQUIRES(mutex_);
-    // Drops references to objects on a worker: where they are the last, the objects' code must not hold up the reactor.
-    // Only where there is no memory for the task they go here.
-    template <typename Objects>
-    void DropOnWorker(Objects objects)
-    {
-        if (!objects.empty()) {
-            RunForeign("dropping objects", [&] { parts_.workers.Post([objects = std::move(objects)] {}); });
-        }
-    }
     // Clears a holder from the table again, where it died, and was cleared, before it was counted there.
     void DropIfDead(EndpointId holder);
     // True when the process that claims the endpoint listens there.
     bool IsEndpointOf(EndpointId claimed, const Credentials& credentials) const;
 
+    struct Known {
+        sptr<Peer> peer;
+        bool isApart = false;     // it may not be connected: OnTick looks
+        Deadline missingSince{};  // since when it has been seen to have no endpoint
+    };
+    void TryLater(Known& known) VEXA_REQUIRES(mutex_);
+
     const Parts parts_;
     std::atomic<uint64_t> requests_{0};
     Mutex mutex_{LockRank::PeerDirectory};
-    std::unordered_map<EndpointId, sptr<Peer>> peers_ VEXA_GUARDED_BY(mutex_);
-    // Those that may not be connected, and since when they have had no endpoint.
-    std::unordered_map<EndpointId, Deadline> apart_ VEXA_GUARDED_BY(mutex_);
-    Reactor::Ticks ticks_ VEXA_GUARDED_BY(mutex_);  // while there are any
-    // Endpoints that have died, in deadOrder_ the latest last: a peer that is made for one is dead from the start.
-    std::unordered_set<EndpointId> dead_ VEXA_GUARDED_BY(mutex_);
-    std::deque<EndpointId> deadOrder_ VEXA_GUARDED_BY(mutex_);
+    std::unordered_map<EndpointId, Known> peers_ VEXA_GUARDED_BY(mutex_);
+    Reactor::Ticks ticks_ VEXA_GUARDED_BY(mutex_);  // while any is apart
+    // Endpoints that have died: a peer that is made for one is dead from the start. The latest kMostDead are kept.
+    std::vector<EndpointId> dead_ VEXA_GUARDED_BY(mutex_);
+    uint64_t deaths_ VEXA_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace VEXA::ipc

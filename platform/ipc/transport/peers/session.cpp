@@ -95,10 +95,11 @@ Link::Verdict Session::Handle(const FrameHeader& header, MessageParcel& frame)
         case FrameKind::REFUSAL:
             return HandleRefusal(static_cast<Refusal>(header.code), BodyOf(frame));
         case FrameKind::KEY:
+            WatchProcess();
             if (!peer_->OnKey(sptr<Link>(this), BodyOf(frame).key)) {
                 return Verdict::CLOSE;
             }
-            WatchProcess();
+            Stand();
             return Verdict::GO_ON;
         case FrameKind::ONE_WAY:
             return HandleOneWay(header, frame);
@@ -119,17 +120,19 @@ Link::Verdict Session::Handle(const FrameHeader& header, MessageParcel& frame)
             }
             peers.AdjustHolder(header.target, peer_->Id(), -static_cast<int64_t>(header.extra));
             return Verdict::GO_ON;
-        case FrameKind::GRANT:
+        case FrameKind::GRANT: {
             if (const Verdict verdict = HandleUnheld(header, frame); verdict != Verdict::GO_ON) {
                 return verdict;
             }
+            std::list<ObjectEntry> grant{{header.extra, header.target}};
             if (GrantTo(peers, header.target, *peer_, header.extra)) {
-                grants_.push_back({header.extra, header.target});
+                grants_.splice(grants_.end(), grant);
                 if (grants_.size() > kMostGrants) {
                     grants_.pop_front();
                 }
             }
             return Verdict::GO_ON;
+        }
         case FrameKind::UNGRANT: {
             // A peer can take back only what it has granted itself.
             const auto grant = std::ranges::find(grants_, ObjectEntry{header.extra, header.target});
@@ -205,10 +208,14 @@ Link::Verdict Session::HandleReply(const HelloBody& body)
     if (wasUnknown) {
         peer_ = parts_.peers.Identify(body.sender, Who());
     }
-    if (peer_ == nullptr || !peer_->OnReply(sptr<Link>(this), wasUnknown, body.key)) {
+    if (peer_ == nullptr) {
         return Verdict::END;
     }
     WatchProcess();
+    if (!peer_->OnReply(sptr<Link>(this), wasUnknown, body.key)) {
+        return Verdict::END;
+    }
+    Stand();
     if (greeting_ != nullptr) {
         greeting_->peer.set_value(peer_);
         greeting_.reset();
@@ -238,14 +245,20 @@ Link::Verdict Session::HandleRefusal(Refusal reason, const HelloBody& body)
 
 void Session::WatchProcess()
 {
-    stands_ = true;
-    reactor_.ResumeLater();  // another connection may wait for this
-    if (UniqueFd fd = OpenProcess(Who().pid)) {
-        watch_ = new ProcessWatch(std::move(fd), reactor_, sptr<Link>(this));
-        reactor_.Add(watch_, EPOLLIN);
-    } else if (errno == ESRCH) {
+    UniqueFd fd = watch_ == nullptr ? OpenProcess(Who().pid) : UniqueFd();
+    if (fd) {
+        const sptr<EventHandler> watch(new ProcessWatch(std::move(fd), reactor_, sptr<Link>(this)));
+        reactor_.Add(watch, EPOLLIN);
+        watch_ = watch;
+    } else if (watch_ == nullptr && errno == ESRCH) {
         Shutdown();
     }
+}
+
+void Session::Stand()
+{
+    stands_ = true;
+    reactor_.ResumeLater();  // another connection may wait for this
 }
 
 Link::Verdict Session::HandleChannel(const HelloBody& body)
@@ -275,15 +288,11 @@ Link::Verdict Session::HandleOneWay(const FrameHeader& header, MessageParcel& fr
         IPC_LOGE_OF(&Who(), "process %{public}d called an object that it does not hold", Who().pid);
         object = new IPCObjectStub;  // takes the request and answers nobody
     }
-    OneWayQueues::Request request{std::move(object), peer_, nullptr, header.code, TakeFrame(frame)};
-    request.charge = std::move(arriving_);
-    try {
-        parts_.oneWays.Add(request);
-    } catch (const std::bad_alloc&) {
-        arriving_ = std::move(request.charge);
-        PutBack(std::move(request.data));
-        throw;
-    }
+    // All that may throw comes before the frame is taken.
+    OneWayQueues::Arrival arrival = OneWayQueues::Prepare({object, peer_, nullptr, header.code, nullptr});
+    arrival.request.front().data = TakeFrame(frame);
+    arrival.request.front().charge = std::move(arriving_);
+    parts_.oneWays.Add(std::move(arrival));
     return Verdict::GO_ON;
 }
 

@@ -4,9 +4,9 @@
 #pragma once
 
 #include <atomic>
-#include <deque>
 #include <functional>
 #include <future>
+#include <list>
 #include <memory>
 
 #include "link.h"
@@ -54,8 +54,9 @@ private:
     void LogVersions(uint32_t other) const;
     Verdict HandleChannel(const HelloBody& body);
     Verdict HandleOneWay(const FrameHeader& header, MessageParcel& frame);
-    // Is called when the session stands: the end of the process is its end, whoever has its sockets then.
+    // Comes before the session stands, as it may throw: the end of the process is its end, whoever has its sockets then.
     void WatchProcess();
+    void Stand();
     // Sees to a frame that names something that its sender does not hold. WAIT: a grant may be on its way.
     Verdict HandleUnheld(const FrameHeader& header, MessageParcel& frame);
 
@@ -70,7 +71,7 @@ private:
     Refusal refusal_{};         // that the other process has given as its reason
     sptr<EventHandler> watch_;  // of the process
     // Grants that the peer may still take back, the latest last.
-    std::deque<ObjectEntry> grants_;
+    std::list<ObjectEntry> grants_;
 };
 
 }  // namespace VEXA::ipc
