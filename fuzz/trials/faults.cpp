@@ -220,7 +220,12 @@ private:
     {
         setenv("FAULT_ROLE", "3", 1);
         manager_ = ChildProcess();  // the last one ends first
+        const std::string socket = world_.Folder() + "/run/samgr.sock";
+        unlink(socket.c_str());
         manager_ = ChildProcess({SAMGRD, "--profiles", world_.Profiles()});
+        if (!Control().isArmed) {
+            Eventually([&] { return access(socket.c_str(), F_OK) == 0; });
+        }
     }
     int Run(const Work& work)
     {

@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
 
 #include "vexa/base/delayed_ref_singleton.h"
 #include "vexa/base/export.h"
@@ -16,13 +17,23 @@ namespace {
 std::atomic<bool> g_leaving{false};
 
 struct MainThreadEnd {
-    ~MainThreadEnd()
-    {
-        if (gettid() == getpid()) {
-            g_leaving = true;
-        }
-    }
+    ~MainThreadEnd() { g_leaving = true; }
 };
+
+void NoteEndOfMainThread()
+{
+    thread_local bool isNoted = false;
+    if (!std::exchange(isNoted, true) && gettid() == getpid()) {
+        thread_local const MainThreadEnd end;
+        static_cast<void>(&end);
+    }
+}
+
+// Where the main thread loads this, the C library makes its note now: it ends a process that has no memory for that.
+[[gnu::constructor]] void NoteAtLoad()
+{
+    NoteEndOfMainThread();
+}
 
 }  // namespace
 
@@ -33,8 +44,7 @@ bool RefBase::IsLeaving()
 
 void RefBase::NoteLeaving()
 {
-    thread_local const MainThreadEnd end;
-    static_cast<void>(&end);
+    NoteEndOfMainThread();
 }
 
 void RefBase::EndUnlessLeaving()

@@ -47,8 +47,8 @@ protected:
     // Is called once, when the connection has ended and is not watched any more.
     virtual void OnEnd() = 0;
 
-    // For Handle: takes the frame that Handle was called with out of the link. Where memory is short it throws and takes
-    // nothing.
+    // For Handle: takes the frame that Handle was called with out of the link. Where memory is short it throws and
+    // takes nothing.
     std::unique_ptr<MessageParcel> TakeFrame(MessageParcel& frame);
     // For Handle: gives the connection away; Reader() has what was read of it beyond the frame. HANDED_OVER has to
     // follow.
@@ -69,7 +69,7 @@ private:
     // The reactor's thread only:
     FrameReader reader_;
     std::unique_ptr<MessageParcel> scratch_ = std::make_unique<MessageParcel>();
-    uint64_t due_ = 0;  // the count of bytes up to which Drain reads
+    uint64_t due_ = 0;                 // the count of bytes up to which Drain reads
     MessageParcel* parked_ = nullptr;  // the frame that is dealt with, or that waits to be
     bool admitted_ = false;            // by Admit: the frame that is arriving
     bool reading_ = false;

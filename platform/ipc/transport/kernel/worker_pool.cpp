@@ -25,14 +25,19 @@ struct Worker {
     explicit Worker(WorkerPool& itsPool) : pool(itsPool)
     {
         MutexLock lock(pool.mutex_);
-        pool.workers_.push_back(this);
+        next = std::exchange(pool.workers_, this);
     }
     ~Worker()
     {
         MutexLock lock(pool.mutex_);
-        std::erase(pool.workers_, this);
+        Worker** at = &pool.workers_;
+        while (*at != this) {
+            at = &(*at)->next;
+        }
+        *at = next;
     }
     WorkerPool& pool;
+    Worker* next;
     std::atomic<uint64_t> process{0};  // whose request it carries out; 0: nobody's
 };
 
@@ -190,7 +195,7 @@ bool WorkerPool::HasShare(uint64_t process)
 {
     size_t own = 1;
     bool hasOthers = false;
-    for (const Worker* worker : workers_) {
+    for (const Worker* worker = workers_; worker != nullptr; worker = worker->next) {
         const uint64_t its = worker != currentWorker ? worker->process.load() : 0;
         own += its == process || its == kUndecided ? 1 : 0;
         hasOthers = hasOthers || (its != 0 && its != process && its != kUndecided);

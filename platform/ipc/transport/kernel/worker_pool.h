@@ -8,7 +8,6 @@
 #include <functional>
 #include <memory>
 #include <utility>
-#include <vector>
 
 #include "foreign_code.h"
 #include "socket.h"
@@ -91,7 +90,7 @@ private:
 
     Mutex mutex_{LockRank::WorkerTasks};
     std::deque<std::function<void()>> tasks_ VEXA_GUARDED_BY(mutex_);
-    std::vector<Worker*> workers_ VEXA_GUARDED_BY(mutex_);
+    Worker* workers_ VEXA_GUARDED_BY(mutex_) = nullptr;  // the first one of a list
     std::deque<std::pair<uint64_t, std::function<void()>>> parked_ VEXA_GUARDED_BY(mutex_);
     std::atomic<bool> hasParked_{false};
 };

@@ -54,7 +54,8 @@ private:
     void LogVersions(uint32_t other) const;
     Verdict HandleChannel(const HelloBody& body);
     Verdict HandleOneWay(const FrameHeader& header, MessageParcel& frame);
-    // Comes before the session stands, as it may throw: the end of the process is its end, whoever has its sockets then.
+    // Comes before the session stands, as it may throw: the end of the process is its end, whoever has its sockets
+    // then.
     void WatchProcess();
     void Stand();
     // Sees to a frame that names something that its sender does not hold. WAIT: a grant may be on its way.
