@@ -25,6 +25,7 @@ using namespace VEXA::test;
 using namespace VEXA::trials;
 
 constexpr int kService = 65801;
+constexpr int kNoMemory = 4;  // the manager's status, as at any bad_alloc that it can't make good
 constexpr std::chrono::seconds kMostTime(10);
 enum Code : uint32_t { PID, CALL_BACK, EXCHANGE };
 enum Outcome : int { AT_ONCE, AFTER_ERROR, AFTER_THROW, DEAF, CRASHED, HUNG, OUTCOMES };
@@ -231,6 +232,7 @@ private:
     {
         const bool isStart = work.name == std::string("start");
         if (isStart) {
+            manager_ = ChildProcess();
             Control().isArmed = true;
             StartManager();
         }
@@ -241,7 +243,8 @@ private:
             if (!IsRunning(manager_.Pid())) {
                 // It may end only where it can't start, and then with a status.
                 const int status = ExitStatus(std::move(manager_));
-                outcome = isStart && status > 0 && status < 128 ? int{AFTER_ERROR} : int{CRASHED};
+                const bool isOrderly = isStart ? status > 0 && status < 128 : status == kNoMemory;
+                outcome = !isOrderly ? int{CRASHED} : isStart ? int{AFTER_ERROR} : int{AFTER_THROW};
                 Control().isArmed = false;
                 StartManager();
             }
@@ -270,7 +273,10 @@ int main(int argc, char** argv)
         while (manager != nullptr && manager->AddSystemAbility(kService, stub) != SAMGR_OK) {
             usleep(20'000);
         }
-        return manager != nullptr ? pause() : 1;
+        while (manager != nullptr && access(getenv("FAULT_CONTROL"), F_OK) == 0) {
+            usleep(200'000);  // it ends with the trial
+        }
+        return 1;
     }
     const bool isClient = getenv("FAULT_ROLE") != nullptr;
     std::optional<Trial> trial;

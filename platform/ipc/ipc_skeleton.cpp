@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "call_context.h"
+#include "peer_log.h"
 #include "process.h"
 #include "process_life.h"
 #include "vexa/ipc/worker_wait.h"
@@ -39,6 +40,11 @@ uint64_t IPCSkeleton::GetCallingEndpoint()
     }
     const ipc::Transport* const own = ipc::IpcProcess::Get().Running();
     return own != nullptr ? own->Id() : 0;
+}
+
+bool IPCSkeleton::MayLogCaller()
+{
+    return ipc::MayLogOf(ipc::CurrentCaller());
 }
 
 bool IPCSkeleton::IsForkedChild()

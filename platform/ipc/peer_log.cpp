@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "peer_log.h"
 
+#include <new>
+
 #include "transport/limits.h"
 
 namespace VEXA::ipc {
@@ -37,7 +39,11 @@ bool PeerLines::Take(const Credentials& peer, std::chrono::steady_clock::time_po
 bool MayLogOf(const Credentials* peer)
 {
     static auto& lines = *new PeerLines;
-    return peer == nullptr || lines.Take(*peer, std::chrono::steady_clock::now());
+    try {
+        return peer == nullptr || lines.Take(*peer, std::chrono::steady_clock::now());
+    } catch (const std::bad_alloc&) {
+        return false;  // what is logged is often why something ends, and nothing else may go wrong with it
+    }
 }
 
 }  // namespace VEXA::ipc

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <thread>
 
 #include "daemon/manager_stub.h"
 #include "daemon/program_runner.h"
@@ -70,7 +71,11 @@ public:
         }
         SAMGR_LOGI("the manager serves %{public}s", RuntimeDirectory().c_str());
         sd_notify(0, "READY=1");
-        sd_event_loop(loop_);
+        while (sd_event_get_state(loop_) != SD_EVENT_FINISHED) {
+            if (sd_event_run(loop_, UINT64_MAX) < 0) {
+                std::this_thread::sleep_for(kRetryPause);
+            }
+        }
         return EXIT_STOPPED;
     }
 

@@ -35,8 +35,10 @@ void Report(const sptr<IRemoteObject>& callback, const LoadOutcome& outcome)
 
 void LogRefusal(const char* operation, int32_t id, const Caller& caller, int32_t result)
 {
-    SAMGR_LOGW("%{public}s of service %{public}d for process %{public}d, user %{public}d, is refused: %{public}s",
-        operation, id, caller.pid, static_cast<int>(caller.uid), ResultText(result));
+    if (IPCSkeleton::MayLogCaller()) {
+        SAMGR_LOGW("%{public}s of service %{public}d for process %{public}d, user %{public}d, is refused: %{public}s",
+            operation, id, caller.pid, static_cast<int>(caller.uid), ResultText(result));
+    }
 }
 
 }  // namespace

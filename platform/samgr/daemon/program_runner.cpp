@@ -72,16 +72,19 @@ pid_t ProgramRunner::Start(const Profile& profile, std::string& reason)
         return 0;
     }
     const pid_t pid = spawned.pid;
-    const std::string name = std::filesystem::path(plan.path).filename();
-    auto program = std::make_unique<Program>(*this, name, std::move(spawned));
-    if (!Watch(*program)) {
-        reason = "it can't be watched";
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-        return 0;
+    try {
+        const std::string name = std::filesystem::path(plan.path).filename();
+        auto program = std::make_unique<Program>(*this, name, std::move(spawned));
+        if (Watch(*program)) {
+            programs_[pid] = std::move(program);
+            return pid;
+        }
+    } catch (const std::bad_alloc&) {
     }
-    programs_[pid] = std::move(program);
-    return pid;
+    reason = "it can't be watched";
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+    return 0;
 }
 
 bool ProgramRunner::Watch(Program& program)

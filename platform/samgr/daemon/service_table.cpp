@@ -145,13 +145,13 @@ int32_t ServiceTable::Add(int32_t id, const Caller& caller, const sptr<IRemoteOb
         if (Lives(*service)) {
             return service->object == object && service->owner == caller.pid ? SAMGR_OK : SAMGR_ALREADY_REGISTERED;
         }
+        Finish(*service, {id, SAMGR_OK, object, {}}, completions);  // alone of these may throw
         service->object = object;
         service->recipient = recipient;
         service->owner = caller.pid;
         if (program != nullptr) {
             program->registered = true;
         }
-        Finish(*service, {id, SAMGR_OK, object, {}}, completions);
     }
     // The notice of an object that is dead already follows at once, and finds it in the table.
     object->AddDeathRecipient(recipient);
@@ -188,10 +188,15 @@ ServiceTable::TimePoint ServiceTable::RunDue()
         MutexLock lock(mutex_);
         const TimePoint now = setting_.now();
         for (auto& [id, service] : services_) {
-            if (service.phase == Phase::kWaitingToStart && service.due <= now) {
-                Start(id, service, completions);
-            } else if (service.phase == Phase::kStarting && service.due <= now) {
-                TimeOut(id, service, completions);
+            try {
+                if (service.phase == Phase::kWaitingToStart && service.due <= now) {
+                    Start(id, service, completions);
+                } else if (service.phase == Phase::kStarting && service.due <= now) {
+                    TimeOut(id, service, completions);
+                }
+            } catch (const std::bad_alloc&) {
+                next = std::min(next, now + kRetryPause);  // it is as it was
+                continue;
             }
             if (service.phase != Phase::kIdle) {
                 next = std::min(next, service.due);
@@ -209,6 +214,8 @@ void ServiceTable::Start(int32_t id, Service& service, Completions& completions)
         Finish(service, {id, SAMGR_NO_PROFILE, nullptr, ResultText(SAMGR_NO_PROFILE)}, completions);
         return;
     }
+    // Once the program runs nothing may be lacking.
+    decltype(programs_) started{{0, {id, setting_.now(), false}}};
     std::string reason;
     const pid_t pid = setting_.starter->Start(*service.profile, reason);
     if (pid <= 0) {
@@ -219,7 +226,10 @@ void ServiceTable::Start(int32_t id, Service& service, Completions& completions)
     service.phase = Phase::kStarting;
     service.program = pid;
     service.due = setting_.now() + service.profile->startTimeout;
-    programs_[pid] = {id, setting_.now(), false};
+    auto program = started.extract(started.begin());
+    program.key() = pid;
+    programs_.erase(pid);
+    programs_.insert(std::move(program));
     SAMGR_LOGI("service %{public}d: started %{public}s[%{public}d]", id, service.profile->program.c_str(), pid);
 }
 
@@ -233,20 +243,20 @@ void ServiceTable::TimeOut(int32_t id, Service& service, Completions& completion
 // Leaves the service idle; those who wait get the outcome once the lock is free.
 void ServiceTable::Finish(Service& service, const LoadOutcome& outcome, Completions& completions)
 {
+    completions.push_back({outcome, {}});
+    completions.back().waiting.swap(service.waiting);
     service.phase = Phase::kIdle;
     if (outcome.error != SAMGR_OK) {
         SAMGR_LOGE("service %{public}d: %{public}s", outcome.systemAbilityId, outcome.reason.c_str());
     }
-    for (LoadDone& done : service.waiting) {
-        completions.push_back({std::move(done), outcome});
-    }
-    service.waiting.clear();
 }
 
 void ServiceTable::Run(const Completions& completions)
 {
-    for (const Completion& completion : completions) {
-        completion.done(completion.outcome);
+    for (const auto& [outcome, waiting] : completions) {
+        for (const LoadDone& done : waiting) {
+            done(outcome);
+        }
     }
 }
 
@@ -265,13 +275,13 @@ void ServiceTable::OnProgramEnd(pid_t pid, const ProgramEnd& end)
             return;
         }
         const auto [id, startedAt, registered] = program->second;
-        programs_.erase(program);
         Service& service = services_[id];
-        service.throttle.Note({startedAt, setting_.now(), registered, end.bySignal || end.status != 0,
-            end.bySignal && end.status == SIGKILL});
         if (service.phase == Phase::kStarting && service.program == pid) {
             Finish(service, EndOutcome(id, service.profile, pid, end), completions);
         }
+        service.throttle.Note({startedAt, setting_.now(), registered, end.bySignal || end.status != 0,
+            end.bySignal && end.status == SIGKILL});
+        programs_.erase(program);
     }
     Run(completions);
 }

@@ -72,8 +72,8 @@ private:
         bool registered = false;
     };
     struct Completion {
-        LoadDone done;
         LoadOutcome outcome;
+        std::vector<LoadDone> waiting;
     };
     using Completions = std::vector<Completion>;
     class ObjectRecipient;

@@ -118,7 +118,13 @@ void WorkerPool::KeepOneWaiting()
     } while (!threads_.compare_exchange_weak(threads, threads + 1));
     // The new worker counts as waiting at once, so that no second one is started for the same want.
     waiting_.fetch_add(1);
-    if (!startThread_("vexa-worker", [this] { Run(); })) {
+    bool isStarted = startThread_("vexa-worker", [this] { Run(); });
+    // Without the first one nobody would hear of what arrives.
+    for (auto left = kStallLimit / kShortagePause; !isStarted && threads == 0 && left > 0; --left) {
+        std::this_thread::sleep_for(kShortagePause);
+        isStarted = startThread_("vexa-worker", [this] { Run(); });
+    }
+    if (!isStarted) {
         waiting_.fetch_sub(1);
         threads_.fetch_sub(1);
     }

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "foreign_code.h"
 #include "ipc_log.h"
 #include "process_life.h"
 #include "runtime_paths.h"
@@ -51,7 +52,7 @@ void IpcProcess::AtExit()
 {
     if (!ProcessLife::Forked()) {
         ProcessLife::Leave();
-        Get().Running()->Leave();
+        RunForeign("leaving", [] { Get().Running()->Leave(); });
     }
 }
 
