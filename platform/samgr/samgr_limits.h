@@ -34,7 +34,7 @@ inline constexpr std::chrono::milliseconds kReturnTime = std::chrono::millisecon
 inline constexpr std::chrono::milliseconds kStopTime = std::chrono::seconds(2);
 // How long the manager then waits for killed programs, which the kernel may be unable to end.
 inline constexpr std::chrono::milliseconds kKillTime = std::chrono::seconds(1);
-// The event loop goes on so long after the system has refused it something.
+// A start for which there is no memory is tried again after so long.
 inline constexpr std::chrono::milliseconds kRetryPause = std::chrono::milliseconds(10);
 
 // A program that fails sooner after its start has crashed at once: a quick death.

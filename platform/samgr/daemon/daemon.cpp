@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "daemon/daemon.h"
 
+#include <dirent.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <systemd/sd-daemon.h>
@@ -13,9 +14,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <memory>
-#include <thread>
 
 #include "daemon/manager_stub.h"
 #include "daemon/program_runner.h"
@@ -38,12 +37,15 @@ uint64_t Microseconds(steady_clock::time_point time)
         std::chrono::duration_cast<std::chrono::microseconds>(time.time_since_epoch()).count());
 }
 
-// Every process of a runtime directory leaves its traces there: an empty one has had no manager.
+// Every process of a runtime directory leaves its traces there: an empty one has had no manager. It has two entries.
 steady_clock::time_point StartsFrom()
 {
-    std::error_code error;
-    const bool isNew = std::filesystem::is_empty(RuntimeDirectory(), error) || error;
-    return isNew ? steady_clock::time_point::min() : steady_clock::now() + kReturnTime;
+    const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(RuntimeDirectory().c_str()), &closedir);
+    int entries = 0;
+    while (directory != nullptr && entries < 3 && readdir(directory.get()) != nullptr) {
+        ++entries;
+    }
+    return entries < 3 ? steady_clock::time_point::min() : steady_clock::now() + kReturnTime;
 }
 
 class Daemon {
@@ -71,10 +73,11 @@ public:
         }
         SAMGR_LOGI("the manager serves %{public}s", RuntimeDirectory().c_str());
         sd_notify(0, "READY=1");
-        while (sd_event_get_state(loop_) != SD_EVENT_FINISHED) {
-            if (sd_event_run(loop_, UINT64_MAX) < 0) {
-                std::this_thread::sleep_for(kRetryPause);
-            }
+        const int result = sd_event_loop(loop_);
+        if (result < 0) {
+            // What the loop has been told by then may be lost, so it can't go on.
+            fprintf(stderr, "samgrd: the event loop has failed: %s\n", strerror(-result));
+            return EXIT_CANT_SERVE;
         }
         return EXIT_STOPPED;
     }

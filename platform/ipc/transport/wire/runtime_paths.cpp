@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "runtime_paths.h"
 
+#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,7 +9,8 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
+#include <memory>
+#include <string_view>
 
 #include "ipc_log.h"
 #include "socket.h"
@@ -57,12 +59,13 @@ void RemoveIfStale(const std::string& path)
 
 void RemoveStaleEndpoints()
 {
-    std::error_code error;
-    for (const auto& entry : std::filesystem::directory_iterator(EndpointDirectory(), error)) {
+    // The iterator of the C++ library ends a process that is short of memory.
+    const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(EndpointDirectory().c_str()), &closedir);
+    while (const dirent* const entry = directory != nullptr ? readdir(directory.get()) : nullptr) {
         // Others are sockets that do not listen yet.
-        const std::string name = entry.path().filename();
+        const std::string_view name = entry->d_name;
         if (name.size() == 16 && name.find_first_not_of("0123456789abcdef") == name.npos) {
-            RemoveIfStale(entry.path());
+            RemoveIfStale(EndpointDirectory() + "/" + entry->d_name);
         }
     }
 }

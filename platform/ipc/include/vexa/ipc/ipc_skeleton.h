@@ -25,8 +25,8 @@ public:
     // Returns the endpoint of that process: a number that no other process of the runtime directory has, now or later.
     // 0 where there is none: outside a request of a process that has not used the runtime.
     static uint64_t GetCallingEndpoint();
-    // True when a line may be logged that this process has caused, which can do so as often as it likes: a few in a second
-    // may. The lines that are left out are counted in a line of the runtime's own.
+    // True when a line may be logged that this process has caused, which can do so as often as it likes: a few in a
+    // second may. The lines that are left out are counted in a line of the runtime's own.
     static bool MayLogCaller();
 
     // True when this process is a child that was forked with the runtime at work. Its calls fail, and locks that are
