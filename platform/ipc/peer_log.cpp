@@ -36,13 +36,13 @@ bool PeerLines::Take(const Credentials& peer, std::chrono::steady_clock::time_po
     return true;
 }
 
-bool MayLogOf(const Credentials* peer)
+bool MayLogOf(const Credentials* peer) noexcept
 {
-    static auto& lines = *new PeerLines;
     try {
+        static auto& lines = *new PeerLines;
         return peer == nullptr || lines.Take(*peer, std::chrono::steady_clock::now());
     } catch (const std::bad_alloc&) {
-        return false;  // what is logged is often why something ends, and nothing else may go wrong with it
+        return false;
     }
 }
 

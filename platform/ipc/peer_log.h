@@ -30,7 +30,8 @@ private:
 };
 
 // Asks the one of this program; null stands for this process itself, about which every line is written.
-bool MayLogOf(const Credentials* peer);
+// False where memory is short: a line must not keep its writer from what it does next.
+bool MayLogOf(const Credentials* peer) noexcept;
 
 }  // namespace VEXA::ipc
 

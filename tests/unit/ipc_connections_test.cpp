@@ -310,8 +310,8 @@ TEST_F(ServerChannelTest, ServesUntilAFrameIsNoneOrIsWaitedForTooLong)
         ConnectionCounts& counts = counts_.emplace_back([] { return 2; });  // one for a user
         int taken = 0;
         const Deadline before = Now();
-        channels_.Adopt(
-            {std::move(ends.near), {1, 7}, counts.Take({1, 7})}, std::make_unique<Sized>(taken), FrameReader());
+        const auto connection = [&] { return Connection{std::move(ends.near), {1, 7}, counts.Take({1, 7})}; };
+        channels_.Adopt(connection, std::make_unique<Sized>(taken), FrameReader());
         Write(ends.far, bytes);
         if (std::string(name).starts_with("the end")) {
             shutdown(ends.far.Get(), SHUT_WR);
@@ -350,8 +350,8 @@ TEST_F(ServerChannelTest, HoldsFourLargeFramesOfAProcess)
     };
     for (size_t i = 0; i < pairs.size(); ++i) {
         const Credentials who{i == 10 ? 2 : 1, 7};
-        channels_.Adopt(
-            {std::move(pairs[i].near), who, counts.Take(who)}, std::make_unique<Sized>(taken), FrameReader());
+        const auto connection = [&] { return Connection{std::move(pairs[i].near), who, counts.Take(who)}; };
+        channels_.Adopt(connection, std::make_unique<Sized>(taken), FrameReader());
         Write(pairs[i].far, i == 5 ? Bytes(small) : i > 10 ? Bytes(reply) : half);
         workers_.RunTasks();
     }

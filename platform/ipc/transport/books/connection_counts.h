@@ -54,5 +54,7 @@ struct Connection {
     Credentials who;
     ConnectionCounts::Slot slot;
 };
+// Takes a connection from its owner. Never throws.
+using GiveUpConnection = std::function<Connection()>;
 
 }  // namespace VEXA::ipc

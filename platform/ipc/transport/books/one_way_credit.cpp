@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "one_way_credit.h"
 
+#include "thread.h"
 #include "transport/limits.h"
 
 namespace VEXA::ipc {
@@ -31,7 +32,8 @@ int32_t OneWayCredit::SendOneWay(const void* frame, size_t size, uint64_t bytes)
 void OneWayCredit::SendBehind(const void* frame, size_t size)
 {
     MutexLock lock(mutex_);
-    SendOrKeep(0, frame, size);
+    // The destructor of what holds references sends their release.
+    RetryForMemory([&]() VEXA_NO_THREAD_SAFETY_ANALYSIS { SendOrKeep(0, frame, size); });
 }
 
 bool OneWayCredit::SendOrKeep(uint64_t cost, const void* frame, size_t size)
@@ -121,8 +123,9 @@ bool OneWayDebt::Want(const ByteBudget::Account& sender, uint64_t bytes, std::fu
     if (asked_ > 0 || bytes == 0 || bytes > Cost(kMaxQueuedOneWayFrames, kMaxQueuedOneWayBytes) - window_.Bytes()) {
         return false;
     }
+    const bool hasRoom = wanted_.Set(sender, bytes, std::move(later));
     asked_ = bytes;
-    if (wanted_.Set(sender, bytes, std::move(later))) {
+    if (hasRoom) {
         WidenLocked();
     }
     return true;

@@ -77,7 +77,7 @@ public:
     // Null when the sender has exceeded a bound.
     Charge Arrive(uint64_t bytes);
     // Widens the window by so much, and tells; where there is no room, `later` runs when there is, and is to call
-    // Widen. False when the sender may not ask for that.
+    // Widen. False when the sender may not ask for that. Throws std::bad_alloc before anything has changed.
     bool Want(const ByteBudget::Account& sender, uint64_t bytes, std::function<void()> later);
     void Widen();
     // Gives back what the window costs, as the sender has died.

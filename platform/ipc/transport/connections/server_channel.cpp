@@ -125,10 +125,13 @@ bool ServerChannel::ServeRequests(const std::function<void()>& later)
         while (isRead && result == FrameReader::Result::LARGE) {
             FrameHeader header;
             // Without room the rest of the frame stays with the kernel.
-            if (reader_.HasHeader(header) && !SetCharge(kHeaderBytes + BodyBytes(header), later)) {
+            bool hasRoom = true;
+            const auto charge = [&] { hasRoom = SetCharge(kHeaderBytes + BodyBytes(header), later); };
+            isRead = !reader_.HasHeader(header) || RetryForMemory(charge);
+            if (!hasRoom) {
                 return false;
             }
-            isRead = read();
+            isRead = isRead && read();
         }
         if (!isRead) {
             Close(false);
@@ -174,7 +177,9 @@ bool ServerChannel::AnswerFrame(MessageParcel& frame)
         // A peer that is reading is waited for: that saves the copy of the rest, and another worker's wake-up.
         SendAll(Fd(), bytes, size, std::chrono::steady_clock::now() + kFollowLimit, sent);
     }
-    if (!SetCharge(size - sent)) {
+    bool hasRoom = false;
+    RetryForMemory([&] { hasRoom = SetCharge(size - sent); });
+    if (!hasRoom) {
         IPC_LOGW_OF(
             &connection_.who, "no room for a reply to process %{public}d, connection closed", connection_.who.pid);
         Close(false);
@@ -257,7 +262,8 @@ void ServerChannel::Close(bool malformed)
     connection_ = Connection();
 }
 
-void ServerChannels::Adopt(Connection connection, std::unique_ptr<RequestHandler> handler, const FrameReader& reader)
+void ServerChannels::Adopt(
+    const GiveUpConnection& giveUp, std::unique_ptr<RequestHandler> handler, const FrameReader& reader)
 {
     MutexLock lock(mutex_);
     if (free_.empty()) {
@@ -268,7 +274,7 @@ void ServerChannels::Adopt(Connection connection, std::unique_ptr<RequestHandler
     ServerChannel* const channel = free_.back();
     free_.pop_back();
     lock.Unlock();
-    channel->connection_ = std::move(connection);
+    channel->connection_ = giveUp();
     channel->handler_ = std::move(handler);
     channel->reader_.TakeAheadOf(reader);
     channel->state_.store(ServerChannel::IDLE, std::memory_order_release);

@@ -84,8 +84,9 @@ public:
         : workers_(workers), reactor_(reactor), bytes_(bytes)
     {}
 
-    // Serves an accepted channel from now on, beginning with what the reader holds already.
-    void Adopt(Connection connection, std::unique_ptr<RequestHandler> handler, const FrameReader& reader);
+    // Serves an accepted channel from now on, beginning with what the reader holds already. Where memory is short it
+    // throws, and the connection stays with its owner.
+    void Adopt(const GiveUpConnection& giveUp, std::unique_ptr<RequestHandler> handler, const FrameReader& reader);
     void CloseStalled(Deadline now);
 
 private:

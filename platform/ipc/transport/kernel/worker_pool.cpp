@@ -179,10 +179,14 @@ bool WorkerPool::Begin(uint64_t process, const std::function<void()>& later)
     if (!OthersWait()) {
         MutexLock lock(mutex_);
         isParked = !HasShare(process);
-        if (isParked) {
-            self->process.store(0);
-            parked_.emplace_back(process, later);
-            hasParked_.store(true);
+        try {
+            if (isParked) {
+                parked_.push_back({process, {later}});
+                self->process.store(0);
+                hasParked_.store(true);
+            }
+        } catch (const std::bad_alloc&) {
+            isParked = false;  // better one thread too many than a request that is never carried out
         }
     }
     LookAtParked();
@@ -220,7 +224,7 @@ void WorkerPool::LookAtParked()
         return waiting_.load() > 1 || HasShare(parked.first);
     });
     if (next != parked_.end()) {
-        tasks_.push_back(std::move(next->second));
+        tasks_.splice(tasks_.end(), next->second);
         parked_.erase(next);
         hasParked_.store(!parked_.empty());
         eventfd_write(taskEvent_.Get(), 1);

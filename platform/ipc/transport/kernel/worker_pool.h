@@ -4,8 +4,8 @@
 
 #include <atomic>
 #include <cstddef>
-#include <deque>
 #include <functional>
+#include <list>
 #include <memory>
 #include <utility>
 
@@ -89,9 +89,9 @@ private:
     UniqueFd taskEvent_;  // each write is an edge, which wakes one worker; the counter is never read
 
     Mutex mutex_{LockRank::WorkerTasks};
-    std::deque<std::function<void()>> tasks_ VEXA_GUARDED_BY(mutex_);
+    std::list<std::function<void()>> tasks_ VEXA_GUARDED_BY(mutex_);
     Worker* workers_ VEXA_GUARDED_BY(mutex_) = nullptr;  // the first one of a list
-    std::deque<std::pair<uint64_t, std::function<void()>>> parked_ VEXA_GUARDED_BY(mutex_);
+    std::list<std::pair<uint64_t, std::list<std::function<void()>>>> parked_ VEXA_GUARDED_BY(mutex_);
     std::atomic<bool> hasParked_{false};
 };
 

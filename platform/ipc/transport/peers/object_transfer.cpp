@@ -52,14 +52,15 @@ bool ObjectTransfer::Pack(MessageParcel& parcel, Peer& receiver, FrameHeader& he
 {
     const std::vector<sptr<IRemoteObject>>& objects = ParcelAccess::Objects(parcel);
     uint8_t* const table = ParcelAccess::AppendRaw(parcel, objects.size() * sizeof(ObjectEntry));
-    if (table == nullptr) {
+    // What asks for the reply to be packed has carried the request out, and must not do it again.
+    if (table == nullptr || !RetryForMemory([&] { items_.reserve(objects.size()); })) {
         return false;
     }
     receiver_ = receiver.Id();
-    items_.reserve(objects.size());
     for (const sptr<IRemoteObject>& object : objects) {
         Item& item = items_.emplace_back();
-        const bool packed = PackOne(object, item);
+        bool packed = false;
+        RetryForMemory([&] { packed = PackOne(object, item); });
         std::memcpy(table + (items_.size() - 1) * sizeof(ObjectEntry), &item.entry, sizeof(ObjectEntry));
         if (!packed) {
             Undo();

@@ -135,8 +135,8 @@ bool Peer::SendOnLink(const void* frame, size_t size)
         return false;
     }
     const uint8_t* const bytes = static_cast<const uint8_t*>(frame);
-    outbox_.insert(outbox_.end(), bytes, bytes + size);
-    return true;
+    // As with a link, a destructor may be the sender.
+    return RetryForMemory([&]() VEXA_NO_THREAD_SAFETY_ANALYSIS { outbox_.insert(outbox_.end(), bytes, bytes + size); });
 }
 
 bool Peer::WaitLinkFlushed(Deadline deadline)

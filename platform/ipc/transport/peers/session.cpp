@@ -137,8 +137,8 @@ Link::Verdict Session::Handle(const FrameHeader& header, MessageParcel& frame)
             // A peer can take back only what it has granted itself.
             const auto grant = std::ranges::find(grants_, ObjectEntry{header.extra, header.target});
             if (grant != grants_.end()) {
-                grants_.erase(grant);
                 peers.AdjustHolder(header.target, header.extra, -1);
+                grants_.erase(grant);  // not before: the other may throw, and is then tried again
             }
             return Verdict::GO_ON;
         }
@@ -199,20 +199,21 @@ Link::Verdict Session::Refuse(Refusal reason)
 
 Link::Verdict Session::HandleReply(const HelloBody& body)
 {
-    if (body.version != kWireVersion || body.use != ConnectionUse::LINK ||
-        (peer_ != nullptr && peer_->Id() != body.sender) ||
-        (greeting_ != nullptr && greeting_->isTaken.exchange(true))) {
+    // Where memory is short, this is called again for the same frame, with what it has come to so far.
+    const bool mayTake = greeting_ == nullptr || isTaker_ || !greeting_->isTaken.exchange(true);
+    if (body.version != kWireVersion || body.use != ConnectionUse::LINK || !mayTake ||
+        (peer_ != nullptr && peer_->Id() != body.sender)) {
         return Verdict::CLOSE;
     }
-    const bool wasUnknown = peer_ == nullptr;
-    if (wasUnknown) {
+    isTaker_ = true;
+    if (peer_ == nullptr) {
         peer_ = parts_.peers.Identify(body.sender, Who());
     }
     if (peer_ == nullptr) {
         return Verdict::END;
     }
     WatchProcess();
-    if (!peer_->OnReply(sptr<Link>(this), wasUnknown, body.key)) {
+    if (!peer_->OnReply(sptr<Link>(this), greeting_ != nullptr, body.key)) {
         return Verdict::END;
     }
     Stand();
@@ -268,8 +269,8 @@ Link::Verdict Session::HandleChannel(const HelloBody& body)
     if (peer == nullptr || !peer->IsWith(Who()) || !(peer->IssuedKey() == body.key)) {
         return Verdict::CLOSE;
     }
+    parts_.adoptChannel([this] { return GiveUp(); }, peer, Reader());
     awaiting_.reset();
-    parts_.adoptChannel(GiveUp(), peer, Reader());
     return Verdict::HANDED_OVER;
 }
 

@@ -29,8 +29,9 @@ public:
     struct Parts {
         PeerDirectory& peers;
         OneWayQueues& oneWays;
-        // Serves a connection that has turned out to be a channel of that process.
-        std::function<void(Connection connection, const sptr<Peer>& peer, const FrameReader& reader)> adoptChannel;
+        // Serves a connection that has turned out to be a channel of that process. May throw before it is given up.
+        std::function<void(const GiveUpConnection& giveUp, const sptr<Peer>& peer, const FrameReader& reader)>
+            adoptChannel;
     };
 
     // On a connection that was accepted. Its first frame tells whether it is a link or a channel.
@@ -68,6 +69,7 @@ private:
     sptr<Peer> peer_;
     OneWayDebt::Charge arriving_;  // of the one-way request whose frame has begun to arrive
     std::shared_ptr<Greeting> greeting_;
+    bool isTaker_ = false;  // of the greeting
     bool stands_ = false;
     Refusal refusal_{};         // that the other process has given as its reason
     sptr<EventHandler> watch_;  // of the process

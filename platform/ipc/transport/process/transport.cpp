@@ -35,8 +35,8 @@ Transport::Transport(const ThreadStarter& startThread)
       endpoint_(EndpointPath(id_), reactor_, connections_, [this](Connection one) { Accept(std::move(one)); }),
       peers_(DirectoryParts()),
       sessions_{peers_, oneWays_,
-          [this](Connection connection, const sptr<Peer>& peer, const FrameReader& reader) {
-              channels_.Adopt(std::move(connection), std::make_unique<PeerRequests>(peers_, peer), reader);
+          [this](const GiveUpConnection& giveUp, const sptr<Peer>& peer, const FrameReader& reader) {
+              channels_.Adopt(giveUp, std::make_unique<PeerRequests>(peers_, peer), reader);
           }},
       contextLink_(endpoint_,
           [this](Connection connection, const std::shared_ptr<Greeting>& greeting) -> sptr<Link> {
