@@ -155,6 +155,15 @@ TEST_F(IpcShortage, WhatFailsOnceIsDoneAllTheSame)
                 }
                 out << said << Said(other.link);
             }},
+        {"an endpoint that was removed",
+            [&](std::ostream& out, auto&, auto&, auto&, ObjectId) {
+                unlink(EndpointPath(transport_.Id()).c_str());
+                for (int look = 0; look < 2; ++look) {
+                    transport_.Workers().Post([&] { transport_.Watch().Look(); });
+                    Work();
+                }
+                out << Said(Meet().link);
+            }},
         {"a one-way request",
             [&](std::ostream& out, auto& other, auto&, auto& object, ObjectId id) {
                 const Stranger owner = Meet();

@@ -115,8 +115,12 @@ TEST_F(SamgrTable, FailedStartsLeaveNothingStarting)
     expectOutcome(SAMGR_PROGRAM_EXITED);
     const pid_t slow = LoadAndStart();
     now_ += 4999ms;
-    table_->RunDue();
+    UseProfile(Profile(), kId + 1);
+    EXPECT_EQ(table_->Load(kId + 1, kClient, [](const LoadOutcome&) {}), SAMGR_OK);
+    EXPECT_EQ(table_->RunDue(), now_ + 1ms) << "the first of the two";
     EXPECT_TRUE(outcomes_.empty());
+    End(slow + 1, 0);
+    UseProfile(Profile());
     now_ += 1ms;
     table_->RunDue();
     expectOutcome(SAMGR_PROGRAM_SLOW);
