@@ -4,3 +4,4 @@ foreach(part kernel books connections peers shortage runtime_watch)
     # For its support/.
     target_include_directories(ipc_${part}_test PRIVATE "${PROJECT_SOURCE_DIR}/tests/integration")
 endforeach()
+target_link_options(ipc_shortage_test PRIVATE -Wl,--wrap=_Znwm)

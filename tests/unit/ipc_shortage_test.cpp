@@ -5,7 +5,6 @@
 #include <poll.h>
 #include <sys/epoll.h>
 
-#include <cstdlib>
 #include <new>
 
 #include "ipc_peers_fixture.h"
@@ -41,19 +40,11 @@ bool Shorten(size_t& size)
 
 }  // namespace
 
-// Inlined, a pair of them looks mismatched to the compiler.
-__attribute__((noinline)) void* operator new(size_t size)
+// The linker puts this in the place of operator new.
+extern "C" void* __real__Znwm(size_t size);
+extern "C" void* __wrap__Znwm(size_t size)
 {
-    void* const block = Fails("new") ? nullptr : std::malloc(size);
-    return block != nullptr ? block : throw std::bad_alloc();
-}
-__attribute__((noinline)) void operator delete(void* block) noexcept
-{
-    std::free(block);
-}
-__attribute__((noinline)) void operator delete(void* block, size_t) noexcept
-{
-    std::free(block);
+    return Fails("new") ? throw std::bad_alloc() : __real__Znwm(size);
 }
 
 #define INTERPOSE(result, name, parameters, arguments, when)                                 \
