@@ -40,11 +40,12 @@ bool Shorten(size_t& size)
 
 }  // namespace
 
-// The linker puts this in the place of operator new.
-extern "C" void* __real__Znwm(size_t size);
-extern "C" void* __wrap__Znwm(size_t size)
+// The linker puts the second in the place of operator new.
+void* RealNew(size_t size) __asm__("__real__Znwm");
+void* New(size_t size) __asm__("__wrap__Znwm");
+void* New(size_t size)
 {
-    return Fails("new") ? throw std::bad_alloc() : __real__Znwm(size);
+    return Fails("new") ? throw std::bad_alloc() : RealNew(size);
 }
 
 #define INTERPOSE(result, name, parameters, arguments, when)                                 \
