@@ -14,6 +14,7 @@
 #include <cstring>
 #include <filesystem>
 #include <set>
+#include <thread>
 
 #include "daemon/user.h"
 #include "samgr_log.h"
@@ -181,10 +182,20 @@ private:
     std::string& error_;
 };
 
+bool IsShortage(int reason)
+{
+    return reason == EMFILE || reason == ENFILE || reason == ENOMEM;
+}
+
 bool ReadText(const std::filesystem::path& path, std::string& text, std::string& error)
 {
-    // Not to hang on a pipe that bears a profile's name.
-    const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    UniqueFd file;
+    // A service must not be missing because descriptors or memory were short just then.
+    for (int tries = 0; !file && (tries == 0 || IsShortage(errno)) && tries < kMostTries; ++tries) {
+        std::this_thread::sleep_for(tries * kRetryPause);
+        // Not to hang on a pipe that bears a profile's name.
+        file = UniqueFd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    }
     struct stat status = {};
     if (file.Get() < 0 || fstat(file.Get(), &status) != 0) {
         error = "can't be opened";
