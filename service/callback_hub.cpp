@@ -1,61 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "callback_hub.h"
 
-#include <algorithm>
-#include <set>
-
 #include "json_text.h"
 #include "native_migrate/ireserve_migrate_status_observer.h"
 #include "native_migrate/migrate_callback_proxy.h"
-#include "service_limits.h"
+#include "native_migrate/migrate_results.h"
+#include "native_migrate/set_backup_file_own_proxy.h"
 #include "service_log.h"
 #include "vexa/ipc/ipc_errors.h"
+#include "vexa/ipc/ipc_skeleton.h"
 #include "vexa/ipc/message_option.h"
 #include "vexa/ipc/message_parcel.h"
 
 namespace VEXA::UpdateEngine {
 
 namespace {
-
-uint32_t KeyOf(const TaskProgress& task)
-{
-    return task.id;
-}
-const std::string& KeyOf(const RestoreEventInfo& event)
-{
-    return event.restoreAppInfo.scanSourceDir;
-}
-
-// Keeps the last item of each task or application.
-template <typename Item>
-void KeepLast(std::vector<Item>& items)
-{
-    std::set<std::decay_t<decltype(KeyOf(items.front()))>> known;
-    std::vector<Item> kept;
-    for (auto item = items.rbegin(); item != items.rend(); ++item) {
-        if (known.insert(KeyOf(*item)).second) {
-            kept.push_back(std::move(*item));
-        }
-    }
-    std::reverse(kept.begin(), kept.end());
-    items = std::move(kept);
-}
-
-template <typename Item>
-std::unique_ptr<Mailbox<Item>> MakeMailbox(typename Mailbox<Item>::Deliver deliver)
-{
-    const typename Mailbox<Item>::Limits limits{kReportInterval, kMostItems};
-    return std::make_unique<Mailbox<Item>>(limits, std::move(deliver), &KeepLast<Item>);
-}
-
-class DeathWatch : public IRemoteObject::DeathRecipient {
-public:
-    explicit DeathWatch(std::function<void()> act) : act_(std::move(act)) {}
-    void OnRemoteDied(const wptr<IRemoteObject>& /*object*/) override { act_(); }
-
-private:
-    const std::function<void()> act_;
-};
 
 // False when the receiver has died; what a living one answers is its own business.
 bool IsAlive(int32_t result, const char* what)
@@ -76,109 +35,30 @@ bool DeliverRestores(const sptr<IRemoteObject>& object, const std::vector<Restor
     return IsAlive(object->SendRequest(RESERVE_STATUS_CODE, data, reply, option), "a reserve status");
 }
 
-}  // namespace
-
-CallbackHub::~CallbackHub()
+bool RunAll(const std::vector<std::function<void()>>& jobs)
 {
-    Close();
-}
-
-template <typename Item>
-CallbackHub::Receiver<Item> CallbackHub::TakeOut(Receivers<Item>& receivers, const Key& key)
-{
-    Receiver<Item> receiver;
-    const auto found = receivers.registered.find(key);
-    if (found != receivers.registered.end()) {
-        receiver = std::move(found->second);
-        receivers.registered.erase(found);
-        receiver.mailbox->Close();
-        receivers.leaving.push_back(std::move(receiver.mailbox));
+    for (const auto& job : jobs) {
+        job();
     }
-    return receiver;
-}
-
-template <typename Item>
-CallbackHub::Mailboxes<Item> CallbackHub::TakeEnded(Receivers<Item>& receivers)
-{
-    auto& leaving = receivers.leaving;
-    const auto firstEnded =
-        std::partition(leaving.begin(), leaving.end(), [](const auto& mailbox) { return !mailbox->HasEnded(); });
-    Mailboxes<Item> ended;
-    std::move(firstEnded, leaving.end(), std::back_inserter(ended));
-    leaving.erase(firstEnded, leaving.end());
-    return ended;
-}
-
-template <typename Item>
-bool CallbackHub::Add(Receivers<Item> CallbackHub::*receiversMember, const Key& key, const sptr<IRemoteObject>& object,
-    typename Mailbox<Item>::Deliver deliver, const Introduce<Item>& introduce)
-{
-    // Not counted: the object holds its watch, which must not hold the object.
-    const IRemoteObject* const it = object.GetRefPtr();
-    const sptr<IRemoteObject::DeathRecipient> watch(new DeathWatch([hub = weak_from_this(), receiversMember, key, it] {
-        if (const auto alive = hub.lock()) {
-            alive->Remove((*alive).*receiversMember, key, it);
-        }
-    }));
-    Receivers<Item>& receivers = this->*receiversMember;
-    Receiver<Item> receiver{object, watch, MakeMailbox<Item>(std::move(deliver))};
-    Receiver<Item> replaced;
-    Mailboxes<Item> ended;
-    bool isAdded = false;
-    // Under the lock of whoever introduces, too: nothing is sent or dropped here.
-    const auto insert = [&](std::vector<Item> first) {
-        MutexLock lock(mutex_);
-        ended = TakeEnded(receivers);
-        replaced = TakeOut(receivers, key);
-        if (receivers.registered.size() < kMostReceivers) {
-            for (Item& item : first) {
-                receiver.mailbox->Post(std::move(item));
-            }
-            receivers.registered.emplace(key, std::move(receiver));
-            isAdded = true;
-        }
-    };
-    if (introduce) {
-        introduce(insert);
-    } else {
-        insert({});
-    }
-    if (replaced.object != nullptr) {
-        replaced.object->RemoveDeathRecipient(replaced.watch);
-    }
-    if (isAdded) {
-        // Behind the entry: a death that follows at once must find it.
-        object->AddDeathRecipient(watch);
-    }
-    return isAdded;
-}
-
-// `object`: only if it is still that one; null: whichever it is.
-template <typename Item>
-bool CallbackHub::Remove(Receivers<Item>& receivers, const Key& key, const IRemoteObject* object)
-{
-    Receiver<Item> removed;
-    Mailboxes<Item> ended;
-    {
-        MutexLock lock(mutex_);
-        ended = TakeEnded(receivers);
-        const auto found = receivers.registered.find(key);
-        if (found != receivers.registered.end() && (object == nullptr || found->second.object.GetRefPtr() == object)) {
-            removed = TakeOut(receivers, key);
-        }
-    }
-    if (removed.object == nullptr) {
-        return false;
-    }
-    removed.object->RemoveDeathRecipient(removed.watch);
     return true;
 }
 
-bool CallbackHub::AddProgress(
-    pid_t process, const sptr<IRemoteObject>& object, const Introduce<TaskProgress>& introduce)
+}  // namespace
+
+CallbackHub::CallbackHub()
+    : progress_(std::make_shared<Receivers<TaskProgress>>(threads_)),
+      observers_(std::make_shared<Receivers<RestoreEventInfo>>(threads_)),
+      jobs_(std::make_shared<Mailbox<std::function<void()>>>(
+          threads_, std::chrono::milliseconds(0), kMostJobs, &RunAll, nullptr))
+{}
+
+int32_t CallbackHub::AddProgress(const sptr<IRemoteObject>& object)
 {
-    const auto deliver = [this, object](auto tasks) { return DeliverProgress(object, std::move(tasks)); };
-    return Add(&CallbackHub::progressReceivers_, Key(process, ""), object, deliver, introduce);
+    const bool isAdded = progress_->Add(
+        {IPCSkeleton::GetCallingEndpoint(), ""}, object,
+        [this, object](auto tasks) { return DeliverProgress(object, std::move(tasks)); },
+        [engine = engine_.lock()](const auto& receive) { engine->IntroduceTasks(receive); });
+    return isAdded ? MIGRATE_SUCCESS : MIGRATE_TOO_MANY;
 }
 
 bool CallbackHub::DeliverProgress(const sptr<IRemoteObject>& object, std::vector<TaskProgress> tasks) const
@@ -186,7 +66,9 @@ bool CallbackHub::DeliverProgress(const sptr<IRemoteObject>& object, std::vector
     MigrateStage stage = MigrateStage::NONE;
     EventInfo event;
     event.taskProgresses = std::move(tasks);
-    progress_(stage, event.progress);
+    if (const auto engine = engine_.lock()) {
+        engine->GetProgress(stage, event.progress);
+    }
     MessageParcel data;
     MessageParcel reply;
     data.WriteInterfaceToken(MIGRATE_CALLBACK_DESCRIPTOR);
@@ -195,57 +77,33 @@ bool CallbackHub::DeliverProgress(const sptr<IRemoteObject>& object, std::vector
     return IsAlive(MigrateCallBackProxy(object).OnMigrateProgress(data, reply), "a progress event");
 }
 
-void CallbackHub::RemoveProgress(pid_t process)
+int32_t CallbackHub::RemoveProgress()
 {
-    Remove(progressReceivers_, Key(process, ""), nullptr);
+    progress_->Remove({IPCSkeleton::GetCallingEndpoint(), ""});
+    return MIGRATE_SUCCESS;
 }
 
-bool CallbackHub::AddObserver(pid_t process, const std::string& caller, const sptr<IRemoteObject>& object,
-    const Introduce<RestoreEventInfo>& introduce)
+int32_t CallbackHub::AddObserver(const ObserverName& name, const sptr<IRemoteObject>& object, BusinessError& /*error*/)
 {
-    const auto deliver = [object](const auto& events) { return DeliverRestores(object, events); };
-    return Add(&CallbackHub::observers_, Key(process, caller), object, deliver, introduce);
+    const bool isAdded = observers_->Add(
+        {IPCSkeleton::GetCallingEndpoint(), name}, object,
+        [object](const auto& events) { return DeliverRestores(object, events); },
+        [engine = engine_.lock()](const auto& receive) { engine->IntroduceRestores(receive); });
+    return isAdded ? MIGRATE_SUCCESS : MIGRATE_TOO_MANY;
 }
 
-bool CallbackHub::RemoveObserver(pid_t process, const std::string& caller)
+BusinessError CallbackHub::RemoveObserver(const Name& name)
 {
-    return Remove(observers_, Key(process, caller), nullptr);
+    const bool isRemoved = observers_->Remove({IPCSkeleton::GetCallingEndpoint(), name});
+    return isRemoved ? BusinessError() : MakeError(MIGRATE_ERROR_NOTHING, "no observer of that name was there");
 }
 
-void CallbackHub::OnTask(const TaskProgress& task)
+int32_t CallbackHub::OwnBackups(const sptr<ISetBackupFileOwnInterface>& notice)
 {
-    MutexLock lock(mutex_);
-    for (auto& [key, receiver] : progressReceivers_.registered) {
-        receiver.mailbox->Post(task);
-    }
-}
-
-void CallbackHub::OnRestore(const RestoreEventInfo& event)
-{
-    MutexLock lock(mutex_);
-    for (auto& [key, receiver] : observers_.registered) {
-        receiver.mailbox->Post(event);
-    }
-}
-
-void CallbackHub::Close()
-{
-    Receivers<TaskProgress> progress;
-    Receivers<RestoreEventInfo> observers;
-    {
-        MutexLock lock(mutex_);
-        std::swap(progress, progressReceivers_);
-        std::swap(observers, observers_);
-    }
-    // All at once, so that the waits at the end are no longer than one.
-    const auto close = [](auto& receivers) {
-        for (auto& [key, receiver] : receivers.registered) {
-            receiver.mailbox->Close();
-            receiver.object->RemoveDeathRecipient(receiver.watch);
-        }
-    };
-    close(progress);
-    close(observers);
+    const bool isQueued = jobs_->Post([engine = engine_.lock(), notice, uid = IPCSkeleton::GetCallingUid()] {
+        notice->OnSetBackupFileOwnFinished(engine->OwnBackups(uid));
+    });
+    return isQueued ? MIGRATE_SUCCESS : MIGRATE_TOO_MANY;
 }
 
 }  // namespace VEXA::UpdateEngine

@@ -2,86 +2,51 @@
 // The clients' callbacks: who is registered, and how events reach them.
 #pragma once
 
-#include <sys/types.h>
-
 #include <functional>
-#include <map>
 #include <memory>
-#include <string>
-#include <utility>
-#include <vector>
 
+#include "delivery_threads.h"
 #include "mailbox.h"
 #include "migration_engine.h"
-#include "vexa/base/mutex.h"
-#include "vexa/ipc/iremote_object.h"
+#include "native_migrate/iset_backup_file_own_interface.h"
+#include "receivers.h"
 
 namespace VEXA::UpdateEngine {
 
-// Every receiver has a mailbox of its own, so that a slow one delays nobody. A receiver whose process has died is
-// dropped. All operations may be called from any thread.
-class CallbackHub : public EngineListener, public std::enable_shared_from_this<CallbackHub> {
+// A slow receiver delays nobody. A receiver is known by the endpoint of the caller that registers it. All operations
+// may be called from any thread.
+class CallbackHub : public EngineListener {
 public:
-    // Progress as a whole, asked for at every delivery.
-    using Progress = std::function<void(MigrateStage&, MigrateProgress&)>;
-    explicit CallbackHub(Progress progress) : progress_(std::move(progress)) {}
-    ~CallbackHub() override;
+    CallbackHub();
+    ~CallbackHub() override { Close(); }  // a delivery uses all members
 
-    // Hands what a new receiver hears first to the function that it gets, at a moment when no change is being told: see
-    // MigrationEngine::IntroduceTasks. Empty: nothing is to be heard first.
-    template <typename Item>
-    using Introduce = std::function<void(const std::function<void(std::vector<Item>)>&)>;
+    // Before the first request. The engine tells how everything stands, and changes the owner of backup files.
+    void Attach(const std::shared_ptr<MigrationEngine>& engine) { engine_ = engine; }
 
-    // In place of the process's earlier one. False when there is no room.
-    bool AddProgress(pid_t process, const sptr<IRemoteObject>& object, const Introduce<TaskProgress>& introduce);
-    void RemoveProgress(pid_t process);
-    // In place of the one that the process has registered under that name.
-    bool AddObserver(pid_t process, const std::string& caller, const sptr<IRemoteObject>& object,
-        const Introduce<RestoreEventInfo>& introduce);
-    // False when there is none.
-    bool RemoveObserver(pid_t process, const std::string& caller);
+    // In place of the caller's earlier one. 0, or MIGRATE_TOO_MANY when there is no room.
+    int32_t AddProgress(const sptr<IRemoteObject>& object);
+    int32_t RemoveProgress();
+    // The same, in place of the caller's earlier one of that name. `error` stays empty.
+    int32_t AddObserver(const ObserverName& name, const sptr<IRemoteObject>& object, BusinessError& error);
+    BusinessError RemoveObserver(const Name& name);
+    // Makes the backup files the caller's, which takes longer than a request may, and then gives the notice. 0, or
+    // MIGRATE_TOO_MANY when too many wait already.
+    int32_t OwnBackups(const sptr<ISetBackupFileOwnInterface>& notice);
 
-    void OnTask(const TaskProgress& task) override;
-    void OnRestore(const RestoreEventInfo& event) override;
+    void OnTask(const TaskProgress& task) override { progress_->Tell(task); }
+    void OnRestore(const RestoreEventInfo& event) override { observers_->Tell(event); }
 
     // Ends all deliveries, and waits for those under way: at most the wait time of a request.
-    void Close();
+    void Close() { threads_.Close(); }
 
 private:
-    // Who registered it, and under which name.
-    using Key = std::pair<pid_t, std::string>;
-    template <typename Item>
-    struct Receiver {
-        sptr<IRemoteObject> object;
-        sptr<IRemoteObject::DeathRecipient> watch;
-        std::unique_ptr<Mailbox<Item>> mailbox;
-    };
-    template <typename Item>
-    using Mailboxes = std::vector<std::unique_ptr<Mailbox<Item>>>;
-    template <typename Item>
-    struct Receivers {
-        std::map<Key, Receiver<Item>> registered;
-        // Withdrawn while a delivery was under way; removed when that has ended.
-        Mailboxes<Item> leaving;
-    };
-
-    template <typename Item>
-    bool Add(Receivers<Item> CallbackHub::*receiversMember, const Key& key, const sptr<IRemoteObject>& object,
-        typename Mailbox<Item>::Deliver deliver, const Introduce<Item>& introduce);
-    template <typename Item>
-    bool Remove(Receivers<Item>& receivers, const Key& key, const IRemoteObject* object);
-    // Takes a receiver out and ends its deliveries; the caller drops what it gets without a lock.
-    template <typename Item>
-    static Receiver<Item> TakeOut(Receivers<Item>& receivers, const Key& key);
-    // Takes out the withdrawn mailboxes whose end will not have to wait.
-    template <typename Item>
-    static Mailboxes<Item> TakeEnded(Receivers<Item>& receivers);
     bool DeliverProgress(const sptr<IRemoteObject>& object, std::vector<TaskProgress> tasks) const;
 
-    const Progress progress_;
-    Mutex mutex_{LockRank::CallbackHub};
-    Receivers<TaskProgress> progressReceivers_;  // guarded by mutex_
-    Receivers<RestoreEventInfo> observers_;      // guarded by mutex_
+    std::weak_ptr<MigrationEngine> engine_;
+    DeliveryThreads threads_;
+    const std::shared_ptr<Receivers<TaskProgress>> progress_;
+    const std::shared_ptr<Receivers<RestoreEventInfo>> observers_;
+    const std::shared_ptr<Mailbox<std::function<void()>>> jobs_;
 };
 
 }  // namespace VEXA::UpdateEngine

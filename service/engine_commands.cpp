@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the engine is told to do with the migration.
 #include "engine_errors.h"
-#include "json_parse.h"
+#include "json_text.h"
 #include "migration_engine.h"
 #include "plain_name.h"
 
@@ -61,7 +61,13 @@ BusinessError MigrationEngine::StartAll()
     return error;
 }
 
-BusinessError MigrationEngine::StartPackage(const std::string& name, const std::string& targetName, int32_t priority)
+BusinessError MigrationEngine::StartPackage(const Name& name)
+{
+    return StartPackageAs(name, "", {});
+}
+
+BusinessError MigrationEngine::StartPackageAs(
+    const Name& name, const std::string& targetName, const PakMigrationParameters& parameters)
 {
     std::vector<Package> packages;
     if (!catalog_.Read(packages)) {
@@ -92,7 +98,7 @@ BusinessError MigrationEngine::StartPackage(const std::string& name, const std::
         error.data.push_back({task.error.code, task.source + ": " + task.error.reason});
         return error;
     }
-    task.priority = priority;
+    task.priority = parameters.priority;
     return AddTask(task);
 }
 
@@ -126,12 +132,12 @@ size_t MigrationEngine::RemoveTasks(const std::function<bool(const Task&)>& isMe
     return removed.size();
 }
 
-BusinessError MigrationEngine::RemoveUser(int32_t user)
+BusinessError MigrationEngine::RemoveUser(User user)
 {
     return Remove([user](const Task& task) { return user == MIGRATE_ALL_USERS || task.user == user; });
 }
 
-BusinessError MigrationEngine::RemovePackage(const std::string& name)
+BusinessError MigrationEngine::RemovePackage(const Name& name)
 {
     return Remove([&name](const Task& task) { return task.IsCalled(name); });
 }
@@ -180,6 +186,18 @@ BusinessError MigrationEngine::Resume()
     return Switch(TaskStatus::PAUSED, TaskStatus::RUNNING, TaskPauseReason::NONE);
 }
 
+BusinessError MigrationEngine::Notify(const MigrationEvent& event)
+{
+    if (event.action == MIGRATE_EVENT_PAUSE) {
+        return Pause(event.reason);
+    }
+    if (event.action == MIGRATE_EVENT_RESUME) {
+        return Resume();
+    }
+    return event.action == MIGRATE_EVENT_STOP ? RemoveUser(MIGRATE_ALL_USERS)
+                                              : MakeError(MIGRATE_ERROR_EVENT, "the service knows no such event");
+}
+
 BusinessError MigrationEngine::Switch(TaskStatus from, TaskStatus to, TaskPauseReason reason)
 {
     const auto affected =
@@ -202,7 +220,7 @@ BusinessError MigrationEngine::Switch(TaskStatus from, TaskStatus to, TaskPauseR
     return {};
 }
 
-BusinessError MigrationEngine::SetPolicy(int32_t policy)
+BusinessError MigrationEngine::SetPolicy(Policy policy)
 {
     MutexLock lock(mutex_);
     auto transaction = store_->Begin(IfNotWritten::TAKE_BACK);
@@ -210,18 +228,12 @@ BusinessError MigrationEngine::SetPolicy(int32_t policy)
     return transaction.Commit() ? BusinessError() : StateError();
 }
 
-bool MigrationEngine::SetPreset(const std::string& text, BusinessError& error)
+BusinessError MigrationEngine::SetPreset(const PresetChoices& choices)
 {
-    PresetChoices choices;
-    if (!text.empty() && (JsonContext(text).Type() != JsonContext::OBJECT ||
-                             JsonParse::JsonStrToStruct(text, choices) != JsonError::SUCCESS)) {
-        return false;
-    }
     MutexLock lock(mutex_);
     auto transaction = store_->Begin(IfNotWritten::TAKE_BACK);
-    store_->SetPreset(text);
-    error = transaction.Commit() ? BusinessError() : StateError();
-    return true;
+    store_->SetPreset(ToJson(choices));
+    return transaction.Commit() ? BusinessError() : StateError();
 }
 
 }  // namespace VEXA::UpdateEngine

@@ -287,7 +287,7 @@ BusinessError MigrationEngine::GetDataSize(int64_t& bytes) const
     return error;
 }
 
-BusinessError MigrationEngine::GetPackageStatus(const std::string& name, ReserveMigrationStatus& status) const
+BusinessError MigrationEngine::GetPackageStatus(const Name& name, ReserveMigrationStatus& status) const
 {
     {
         MutexLock lock(mutex_);

@@ -16,6 +16,11 @@ BusinessError NotSetAside()
     return MakeError(MIGRATE_ERROR_NOT_FOUND, "no application of that name is set aside");
 }
 
+bool IsAnothers(const Placed& placed, uint32_t uid)
+{
+    return placed.owner >= 0 && placed.owner != uid;
+}
+
 BusinessError NothingRestored()
 {
     return MakeError(MIGRATE_ERROR_NOTHING, "nothing of it has been restored");
@@ -60,12 +65,15 @@ RestoreEventInfo MigrationEngine::RestoreEventOf(const Package& package) const
     return {package.AsRestoreApp(), static_cast<int32_t>(status), FaultOf(package)};
 }
 
-BusinessError MigrationEngine::GetReserved(const std::string& name, std::vector<RestoreAppInfo>& apps) const
+BusinessError MigrationEngine::GetReserved(
+    const std::string& name, int32_t most, std::vector<RestoreAppInfo>& apps) const
 {
     std::vector<RestoreEventInfo> events;
     BusinessError error = GetRestoreStatus(name, "", events);
     for (const RestoreEventInfo& event : events) {
-        apps.push_back(event.restoreAppInfo);
+        if (most < 0 || apps.size() < static_cast<size_t>(most)) {
+            apps.push_back(event.restoreAppInfo);
+        }
     }
     return error;
 }
@@ -102,7 +110,7 @@ void MigrationEngine::IntroduceRestores(const std::function<void(std::vector<Res
     receive(std::move(events));
 }
 
-AppRestoreCheck MigrationEngine::CheckRestore(const std::string& name) const
+AppRestoreCheck MigrationEngine::CheckRestore(const Name& name) const
 {
     AppRestoreCheck check{name, false, {}};
     Package package;
@@ -117,7 +125,7 @@ AppRestoreCheck MigrationEngine::CheckRestore(const std::string& name) const
     return check;
 }
 
-BusinessError MigrationEngine::Restore(const std::string& name, const std::string& scene)
+BusinessError MigrationEngine::Restore(const Name& name, const std::string& scene)
 {
     Package package;
     if (BusinessError error = FindReserved(name, package); error.errorNum != 0) {
@@ -174,7 +182,7 @@ BusinessError MigrationEngine::ClearPackage(const Package& package)
     return {};
 }
 
-BusinessError MigrationEngine::ClearReserved(const std::string& name, const std::string& scene)
+BusinessError MigrationEngine::ClearReserved(const Name& name, const std::string& scene)
 {
     Package package;
     if (BusinessError error = FindReserved(name, package); error.errorNum != 0) {
@@ -208,7 +216,7 @@ BusinessError MigrationEngine::ClearAllReserved(const std::string& scene)
     return transaction.Commit() ? BusinessError() : StateError();
 }
 
-BusinessError MigrationEngine::AdjustPriority(const std::string& name, int32_t priority)
+BusinessError MigrationEngine::AdjustPriority(const Name& name, NumberText priority)
 {
     Package package;
     if (BusinessError error = FindReserved(name, package); error.errorNum != 0) {
@@ -230,7 +238,7 @@ int32_t MigrationEngine::OwnBackups(uint32_t uid)
     {
         MutexLock lock(mutex_);
         for (const auto& [target, placed] : store_->AllPlaced()) {
-            if (placed.owner >= 0 && placed.owner != uid) {
+            if (IsAnothers(placed, uid)) {
                 return MIGRATE_ERROR_OWNER;
             }
             if (!IsPlaced(target, placed.source)) {
@@ -262,7 +270,7 @@ int32_t MigrationEngine::RecordOwner(const std::vector<std::string>& targets, ui
         if (placed == nullptr) {
             return MIGRATE_ERROR_TARGET;
         }
-        if (placed->owner >= 0 && placed->owner != uid) {
+        if (IsAnothers(*placed, uid)) {
             return MIGRATE_ERROR_OWNER;
         }
     }

@@ -3,54 +3,49 @@
 
 #include <chrono>
 #include <functional>
-#include <thread>
+#include <memory>
 #include <utility>
 #include <vector>
 
-#include "service_limits.h"
+#include "delivery_threads.h"
 #include "vexa/base/mutex.h"
 
 namespace VEXA::UpdateEngine {
 
-// Takes items at once and delivers them on a thread of its own, in order: whoever posts never waits for the receiver.
-// All operations may be called from any thread.
+// Takes items at once and delivers them in order, one delivery at a time: whoever posts never waits for the receiver.
+// Has a thread only while it delivers, and lives at least as long. All operations may be called from any thread.
 template <typename Item>
-class Mailbox {
+class Mailbox : public std::enable_shared_from_this<Mailbox<Item>> {
 public:
     // Gets everything posted since the last delivery; false when the receiver is gone for good.
     using Deliver = std::function<bool(std::vector<Item>)>;
     // Makes room when a slow receiver has let many items gather.
     using Compact = std::function<void(std::vector<Item>&)>;
 
-    struct Limits {
-        std::chrono::milliseconds interval;  // from the begin of one delivery to the next, at least
-        size_t items;                        // that wait
-    };
-
-    Mailbox(const Limits& limits, Deliver deliver, Compact compact)
-        : limits_(limits), deliver_(std::move(deliver)), compact_(std::move(compact)), thread_([this] { Run(); })
+    // `interval`: from the begin of one delivery to the next, at least. `most`: items that wait. `threads` must live
+    // longer.
+    Mailbox(DeliveryThreads& threads, std::chrono::milliseconds interval, size_t most, Deliver deliver, Compact compact)
+        : threads_(threads),
+          interval_(interval),
+          most_(most),
+          deliver_(std::move(deliver)),
+          compact_(std::move(compact))
     {}
-    // As Close, and waits for the delivery under way.
-    ~Mailbox()
-    {
-        Close();
-        thread_.join();
-    }
-    Mailbox(const Mailbox&) = delete;
-    Mailbox& operator=(const Mailbox&) = delete;
 
     // False when there is no room or the mailbox is closed.
     bool Post(Item item)
     {
         MutexLock lock(mutex_);
-        if (items_.size() >= limits_.items && compact_) {
+        if (items_.size() >= most_ && compact_) {
             compact_(items_);
         }
-        if (closed_ || items_.size() >= limits_.items) {
+        if (closed_ || items_.size() >= most_) {
             return false;
         }
         items_.push_back(std::move(item));
-        changed_.NotifyAll();
+        if (!std::exchange(scheduled_, true)) {
+            Schedule();
+        }
         return true;
     }
     // No delivery begins after this. Doesn't wait.
@@ -59,45 +54,41 @@ public:
         MutexLock lock(mutex_);
         closed_ = true;
         items_.clear();
-        changed_.NotifyAll();
-    }
-    // True when the destructor will not have to wait.
-    bool HasEnded() const
-    {
-        MutexLock lock(mutex_);
-        return ended_;
     }
 
 private:
-    void Run()
+    void Schedule() VEXA_REQUIRES(mutex_)
+    {
+        threads_.RunAt(next_, [self = this->shared_from_this()] { self->DeliverItems(); });
+    }
+    void DeliverItems()
     {
         MutexLock lock(mutex_);
-        while (!closed_) {
-            if (!changed_.WaitFor(
-                    mutex_, kIdle, [this]() VEXA_REQUIRES(mutex_) { return closed_ || !items_.empty(); }) ||
-                closed_) {
-                continue;
-            }
-            const auto next = std::chrono::steady_clock::now() + limits_.interval;
-            std::vector<Item> items = std::exchange(items_, {});
-            lock.Unlock();
-            const bool isThere = deliver_(std::move(items));
-            lock.Lock();
-            closed_ = closed_ || !isThere;
-            changed_.WaitUntil(mutex_, next, [this]() VEXA_REQUIRES(mutex_) { return closed_; });
+        if (closed_) {
+            return;
         }
-        ended_ = true;
+        next_ = DeliveryThreads::Clock::now() + interval_;
+        std::vector<Item> items = std::exchange(items_, {});
+        lock.Unlock();
+        const bool isThere = deliver_(std::move(items));
+        lock.Lock();
+        closed_ = closed_ || !isThere;
+        scheduled_ = !closed_ && !items_.empty();
+        if (scheduled_) {
+            Schedule();
+        }
     }
 
-    const Limits limits_;
+    DeliveryThreads& threads_;
+    const std::chrono::milliseconds interval_;
+    const size_t most_;
     const Deliver deliver_;
     const Compact compact_;
-    mutable Mutex mutex_{LockRank::Mailbox};
-    CondVar changed_;
+    Mutex mutex_{LockRank::Mailbox};
     std::vector<Item> items_ VEXA_GUARDED_BY(mutex_);
     bool closed_ VEXA_GUARDED_BY(mutex_) = false;
-    bool ended_ VEXA_GUARDED_BY(mutex_) = false;
-    std::thread thread_;  // last: it uses the others
+    bool scheduled_ VEXA_GUARDED_BY(mutex_) = false;  // or being delivered
+    DeliveryThreads::Clock::time_point next_ VEXA_GUARDED_BY(mutex_);
 };
 
 }  // namespace VEXA::UpdateEngine

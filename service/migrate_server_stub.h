@@ -3,16 +3,13 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
-#include <map>
 #include <memory>
-#include <tuple>
+#include <span>
 
 #include "callback_hub.h"
-#include "mailbox.h"
 #include "migration_engine.h"
 #include "native_migrate/imigrate_server.h"
-#include "request_fields.h"
+#include "request_row.h"
 #include "vexa/ipc/iremote_stub.h"
 
 namespace VEXA::UpdateEngine {
@@ -22,7 +19,9 @@ namespace VEXA::UpdateEngine {
 class MigrateServerStub : public IRemoteStub<IMigrateServer> {
 public:
     MigrateServerStub(std::shared_ptr<MigrationEngine> engine, std::shared_ptr<CallbackHub> hub);
-    ~MigrateServerStub() override;
+
+    // All requests, one row each.
+    static std::span<const RequestRow> Rows();
 
     // 0; a service's result plus MIGRATE_RESULT_OFFSET; MIGRATE_UNREACHABLE for a wrong interface token; for a code
     // that is none of the interface's what the runtime's default handler says.
@@ -31,35 +30,9 @@ public:
     int32_t SendRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply) override;
 
 private:
-    // Answers a request behind its token; returns the service's result.
-    using Handler = std::function<int32_t(MessageParcel& data, MessageParcel& reply)>;
-
-    // Adds a request with fields of these types. `act` gets the reply and the fields, and returns the service's result.
-    template <typename... Fields, typename Act>
-    void On(MigrateRequestCode code, Act act)
-    {
-        handlers_[code] = [act](MessageParcel& data, MessageParcel& reply) {
-            std::tuple<Fields...> fields{};
-            return std::apply(
-                [&](auto&... field) {
-                    return ReadFields(data, field...) ? act(reply, field...) : MIGRATE_BAD_ARGUMENT;
-                },
-                fields);
-        };
-    }
-    // Adds a request without fields that is answered with what `query` finds, and its error.
-    template <typename Found>
-    void OnQuery(MigrateRequestCode code, BusinessError (MigrationEngine::*query)(Found&) const);
-    void AddQueries();
-    void AddCommands();
-    void AddCallbacks();
-    void AddReserveRequests();
-
-    std::map<MigrateRequestCode, Handler> handlers_;  // complete when the constructor ends
     const std::shared_ptr<MigrationEngine> engine_;
     const std::shared_ptr<CallbackHub> hub_;
-    // What takes longer than a request may.
-    Mailbox<std::function<void()>> jobs_;
+    const RequestParts parts_;
 };
 
 }  // namespace VEXA::UpdateEngine

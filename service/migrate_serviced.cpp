@@ -19,30 +19,6 @@ namespace {
 using namespace VEXA;
 using namespace VEXA::UpdateEngine;
 
-// The hub is made before the engine, which tells it of changes, and asks the engine for the progress.
-struct Service {
-    std::shared_ptr<MigrationEngine> engine;
-    std::shared_ptr<CallbackHub> hub;
-    sptr<IRemoteObject> object;
-
-    bool Open(const EngineOptions& options, std::string& error)
-    {
-        const auto target = std::make_shared<std::weak_ptr<MigrationEngine>>();
-        hub = std::make_shared<CallbackHub>([target](MigrateStage& stage, MigrateProgress& progress) {
-            if (const auto alive = target->lock()) {
-                alive->GetProgress(stage, progress);
-            }
-        });
-        engine = MigrationEngine::Open(options, *hub, error);
-        if (engine == nullptr) {
-            return false;
-        }
-        *target = engine;
-        object = sptr<IRemoteObject>(new MigrateServerStub(engine, hub));
-        return true;
-    }
-};
-
 bool Register(const sptr<IRemoteObject>& object)
 {
     // Whoever started this program waits for it, so a manager that is slow under load gets a few more tries, a second
@@ -78,23 +54,25 @@ int Run(const EngineOptions& options)
     sigaddset(&stop, SIGINT);
     pthread_sigmask(SIG_BLOCK, &stop, nullptr);
 
-    Service service;
     std::string error;
-    if (!service.Open(options, error)) {
+    const auto hub = std::make_shared<CallbackHub>();
+    const std::shared_ptr<MigrationEngine> engine = MigrationEngine::Open(options, *hub, error);
+    if (engine == nullptr) {
         fprintf(stderr, "migrate_serviced: %s\n", error.c_str());
         return 1;
     }
-    if (!Register(service.object)) {
+    hub->Attach(engine);
+    if (!Register(new MigrateServerStub(engine, hub))) {
         return 1;
     }
-    service.engine->Start();
+    engine->Start();
     SA_LOGI("serving %{public}s to %{public}s", options.source.c_str(), options.target.c_str());
     int signal = 0;
     sigwait(&stop, &signal);
     SA_LOGI("ends on signal %{public}d", signal);
     Unregister();
-    service.engine->Stop();
-    service.hub->Close();
+    engine->Stop();
+    hub->Close();
     return 0;
 }
 

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "native_migrate/migrate_records.h"
+#include "operation_fields.h"
 #include "package_catalog.h"
 #include "service_records.h"
 #include "task_store.h"
@@ -43,7 +44,9 @@ struct EngineOptions {
 
 // All operations may be called from any thread and wait for no copying; those that look into the source or target take
 // as long as reading directories does. Errors are BusinessErrors with the numbers of
-// "native_migrate/migrate_results.h".
+// "native_migrate/migrate_results.h". By its signature an operation can answer a request: what it takes by value or by
+// const reference are the request's fields, and what it takes by reference, or returns in place of an error, is the
+// reply.
 //
 // A package is copied to a directory of the target whose name begins with ".staging-", and that is renamed when it is
 // complete: under its name the target has all of a package or what was there before. A directory that the engine has
@@ -82,38 +85,43 @@ public:
     BusinessError GetModulePolicies(
         bool isOnlyPlaced, const std::vector<ModuleInfo>& modules, std::vector<ModuleMigrationPolicy>& policies) const;
     BusinessError GetDataSize(int64_t& bytes) const;
-    BusinessError GetPackageStatus(const std::string& name, ReserveMigrationStatus& status) const;
+    BusinessError GetPackageStatus(const Name& name, ReserveMigrationStatus& status) const;
 
     // Begins to migrate every package that is not set aside or excluded. Returns at once; `data` has one element for
     // each package that can't be migrated, and the others are.
     BusinessError StartAll();
-    // Adds one package to the migration, under the target name `targetName` unless that is empty.
-    BusinessError StartPackage(const std::string& name, const std::string& targetName, int32_t priority);
+    // Adds one package to the migration.
+    BusinessError StartPackage(const Name& name);
+    // The same under the target name `targetName`, unless that is empty.
+    BusinessError StartPackageAs(
+        const Name& name, const std::string& targetName, const PakMigrationParameters& parameters);
     // Drops tasks; one that is being copied ends without a trace. What is in its place stays there.
-    BusinessError RemoveUser(int32_t user);
-    BusinessError RemovePackage(const std::string& name);
+    BusinessError RemoveUser(User user);
+    BusinessError RemovePackage(const Name& name);
     BusinessError Pause(TaskPauseReason reason);
     BusinessError Resume();
-    BusinessError SetPolicy(int32_t policy);
-    // False when the text is neither empty nor PresetChoices.
-    bool SetPreset(const std::string& text, BusinessError& error);
+    // Pauses, resumes, or drops every task.
+    BusinessError Notify(const MigrationEvent& event);
+    BusinessError SetPolicy(Policy policy);
+    BusinessError SetPreset(const PresetChoices& choices);
 
-    // Reserved applications, highest priority first, then by name. An empty name or scene stands for all.
-    BusinessError GetReserved(const std::string& name, std::vector<RestoreAppInfo>& apps) const;
+    // Reserved applications, highest priority first, then by name. An empty name or scene stands for all, and so does a
+    // negative `most`.
+    BusinessError GetReserved(const std::string& name, int32_t most, std::vector<RestoreAppInfo>& apps) const;
     BusinessError GetRestoreStatus(
         const std::string& name, const std::string& scene, std::vector<RestoreEventInfo>& events) const;
     // The same as IntroduceTasks with every restoration that was asked for.
     void IntroduceRestores(const std::function<void(std::vector<RestoreEventInfo>)>& receive) const;
-    AppRestoreCheck CheckRestore(const std::string& name) const;
+    AppRestoreCheck CheckRestore(const Name& name) const;
     // `scene` is the application's restoreScene from now on, unless it is empty.
-    BusinessError Restore(const std::string& name, const std::string& scene);
+    BusinessError Restore(const Name& name, const std::string& scene);
     // Takes away what was restored of it; the application itself stays set aside.
-    BusinessError ClearReserved(const std::string& name, const std::string& scene);
+    BusinessError ClearReserved(const Name& name, const std::string& scene);
     BusinessError ClearAllReserved(const std::string& scene);
-    BusinessError AdjustPriority(const std::string& name, int32_t priority);
+    BusinessError AdjustPriority(const Name& name, NumberText priority);
 
     // Makes what is in the target the backup files of a user: 0, or the error number of the first package that is gone,
-    // can't be read or belongs to another user. Reads all of the target's directories.
+    // can't be read, or belongs to another user. Reads all of the target's directories.
     int32_t OwnBackups(uint32_t uid);
 
 private:

@@ -13,13 +13,15 @@ inline constexpr size_t kMaxManifestBytes = size_t{1024} * 1024;
 inline constexpr int kMaxTreeDepth = 200;
 // Bytes copied at once, so that a copy can be stopped and its progress be told.
 inline constexpr size_t kPieceBytes = size_t{256} * 1024;
-// The longest sleep of a worker or a receiver's thread that has nothing to do.
+// The longest sleep of a worker that has nothing to do, and how long a thread for deliveries stays without any.
 inline constexpr std::chrono::milliseconds kIdle = std::chrono::seconds(1);
 // How long the start waits for another process that uses the state.
 inline constexpr std::chrono::milliseconds kDatabaseWait = std::chrono::seconds(2);
 
-// Callbacks, and as many observers, that can be registered. Each costs a thread.
-inline constexpr size_t kMostReceivers = 256;
+// Callbacks, and as many observers, that can be registered.
+inline constexpr size_t kMostReceivers = 2048;
+// How long a delivery that is due waits for a thread to become free until another thread is started.
+inline constexpr std::chrono::milliseconds kDeliveryPatience = std::chrono::milliseconds(10);
 // Time between two deliveries to one receiver, so that quick changes come together.
 inline constexpr std::chrono::milliseconds kReportInterval = std::chrono::milliseconds(100);
 // Entries that wait for a receiver until only the last of each task is kept. As one text they still fit a parcel.

@@ -104,7 +104,8 @@ TEST_F(ServiceCallbacks, ASlowClientHoldsUpNobodyAndGetsTheLastWord)
     // This process's one callback, and that of another.
     EXPECT_EQ(Ask(Code::REGISTER_PROGRESS_CALLBACK, sptr<IRemoteObject>(slow.object)), 0);
     Receiver quick;
-    EXPECT_TRUE(hub->AddProgress(1, quick.object, nullptr));
+    caller.endpoint++;
+    EXPECT_EQ(Ask(Code::REGISTER_PROGRESS_CALLBACK, sptr<IRemoteObject>(quick.object)), 0);
     Ask(Code::START_PAK_MIGRATE, "a");
     EXPECT_TRUE(Eventually([&] { return slow.object->Requests().size() == 1; }));
     Ask(Code::START_PAK_MIGRATE, "b");
@@ -124,7 +125,9 @@ TEST_F(ServiceCallbacks, OnReplacesAndOffEndsAndTheDeadAreForgotten)
     Receiver dead;
     EXPECT_EQ(Ask(Code::REGISTER_PROGRESS_CALLBACK, sptr<IRemoteObject>(first.object)), 0);
     EXPECT_EQ(Ask(Code::REGISTER_PROGRESS_CALLBACK, sptr<IRemoteObject>(second.object)), 0);
-    EXPECT_TRUE(hub->AddProgress(1, dead.object, nullptr));
+    caller.endpoint++;
+    EXPECT_EQ(Ask(Code::REGISTER_PROGRESS_CALLBACK, sptr<IRemoteObject>(dead.object)), 0);
+    caller.endpoint--;
     EXPECT_EQ(first.object->RecipientCount(), 0U);
     EXPECT_EQ(second.object->RecipientCount(), 1U);
     dead.object->Die();
@@ -149,15 +152,17 @@ TEST_F(ServiceCallbacks, ThereIsAnEndToHowManyAreKept)
 {
     Run();
     const sptr<ScriptedRemoteObject> object(new ScriptedRemoteObject);
-    for (pid_t process = 1; process <= 256; ++process) {
-        ASSERT_TRUE(hub->AddProgress(process, object, nullptr));
+    while (caller.endpoint <= 2048) {
+        ASSERT_EQ(Ask(Code::REGISTER_PROGRESS_CALLBACK, sptr<IRemoteObject>(object)), 0);
+        caller.endpoint++;
     }
     EXPECT_EQ(
         Ask(Code::REGISTER_PROGRESS_CALLBACK, sptr<IRemoteObject>(object)), MIGRATE_RESULT_OFFSET + MIGRATE_TOO_MANY);
-    EXPECT_TRUE(hub->AddProgress(1, object, nullptr));  // in place of its own
-    const std::string caller(1025, 'c');
-    EXPECT_NE(Ask(Code::REGISTER_RESERVE_OBSERVER, caller.c_str(), sptr<IRemoteObject>(object)), 0);
-    EXPECT_EQ(Ask(Code::REGISTER_RESERVE_OBSERVER, caller.c_str() + 1, sptr<IRemoteObject>(object)), 0);
+    caller.endpoint--;
+    EXPECT_EQ(Ask(Code::REGISTER_PROGRESS_CALLBACK, sptr<IRemoteObject>(object)), 0);  // in place of its own
+    const std::string name(1025, 'c');
+    EXPECT_NE(Ask(Code::REGISTER_RESERVE_OBSERVER, name.c_str(), sptr<IRemoteObject>(object)), 0);
+    EXPECT_EQ(Ask(Code::REGISTER_RESERVE_OBSERVER, name.c_str() + 1, sptr<IRemoteObject>(object)), 0);
 }
 
 TEST_F(ServiceCallbacks, AnObserverHearsOfEveryRestorationUntilItIsWithdrawn)
@@ -167,7 +172,9 @@ TEST_F(ServiceCallbacks, AnObserverHearsOfEveryRestorationUntilItIsWithdrawn)
     Receiver own;
     Receiver other;
     EXPECT_EQ(ErrorOf(Code::REGISTER_RESERVE_OBSERVER, "name", sptr<IRemoteObject>(own.object)), 0);
-    EXPECT_TRUE(hub->AddObserver(1, "name", other.object, nullptr));  // another process's name is another one
+    caller.endpoint++;  // another process's name is another one
+    EXPECT_EQ(ErrorOf(Code::REGISTER_RESERVE_OBSERVER, "name", sptr<IRemoteObject>(other.object)), 0);
+    caller.endpoint--;
     Ask(Code::RESTORE_APP, "r1", "");
     const std::string first = "r1:0 r1:1 r1:1 r1:3 ";
     EXPECT_TRUE(Eventually([&] { return own.Restores() == first && other.Restores() == first; }));

@@ -90,8 +90,7 @@ TEST_F(ServiceEngine, AnswersAndMovesWhatIsChosenOfTheSource)
     folders.AddPackage("b", 500);
     folders.AddPackage("r", 9, R"({"reserved":true,"modules":[{"type":2,"id":"r"}]})");
     Run();
-    BusinessError error;
-    EXPECT_TRUE(engine->SetPreset(R"({"exclude":["b"],"users":[{"sourceUser":3,"targetUser":7}]})", error));
+    EXPECT_EQ(engine->SetPreset({{"b"}, {{3, 7}}}).errorNum, 0);
     int64_t bytes = 0;
     EXPECT_EQ(engine->GetDataSize(bytes).errorNum, 0);
     EXPECT_EQ(bytes, 1000 + static_cast<int64_t>(fs::file_size(folders.Source() / "a" / "manifest.json")));
@@ -190,15 +189,15 @@ TEST_F(ServiceEngine, OnePackageAtATime)
     folders.AddPackages("b c", 10);
     folders.AddPackage("r", 10, R"({"reserved":true})");
     Run(kSlow);
-    EXPECT_EQ(engine->StartPackage("none", "", 0).errorNum, MIGRATE_ERROR_NOT_FOUND);
-    EXPECT_EQ(engine->StartPackage("r", "", 0).errorNum, MIGRATE_ERROR_RESERVED);
-    EXPECT_EQ(engine->StartPackage("b", "../out", 0).errorNum, MIGRATE_ERROR_NAME);
-    EXPECT_EQ(engine->StartPackage("com.a", "", 0).errorNum, 0);
+    EXPECT_EQ(engine->StartPackage("none").errorNum, MIGRATE_ERROR_NOT_FOUND);
+    EXPECT_EQ(engine->StartPackage("r").errorNum, MIGRATE_ERROR_RESERVED);
+    EXPECT_EQ(engine->StartPackageAs("b", "../out", {}).errorNum, MIGRATE_ERROR_NAME);
+    EXPECT_EQ(engine->StartPackage("com.a").errorNum, 0);
     ASSERT_TRUE(Eventually([this] { return IsCopying(); }));
-    EXPECT_EQ(engine->StartPackage("a", "", 0).errorNum, MIGRATE_ERROR_BUSY);
+    EXPECT_EQ(engine->StartPackage("a").errorNum, MIGRATE_ERROR_BUSY);
     EXPECT_EQ(engine->StartAll().errorNum, MIGRATE_ERROR_BUSY);
-    EXPECT_EQ(engine->StartPackage("b", "", 1).errorNum, 0);
-    EXPECT_EQ(engine->StartPackage("c", "renamed", 2).errorNum, 0);
+    EXPECT_EQ(engine->StartPackageAs("b", "", {1}).errorNum, 0);
+    EXPECT_EQ(engine->StartPackageAs("c", "renamed", {2}).errorNum, 0);
     ASSERT_TRUE(Ends());
     EXPECT_EQ(folders.TargetNames(), "a b renamed ");
     EXPECT_EQ(listener.Heard(), "1 3 2 ");  // the higher priority first
@@ -254,7 +253,7 @@ TEST_F(ServiceEngine, WhatCanNotBeRememberedIsRefused)
     Run();
     g_isStateFull = true;
     EXPECT_EQ(engine->StartAll().errorNum, MIGRATE_ERROR_STATE);
-    EXPECT_EQ(engine->StartPackage("a", "", 0).errorNum, MIGRATE_ERROR_STATE);
+    EXPECT_EQ(engine->StartPackage("a").errorNum, MIGRATE_ERROR_STATE);
     EXPECT_EQ(engine->Restore("r", "").errorNum, MIGRATE_ERROR_STATE);
     EXPECT_EQ(engine->SetPolicy(MIGRATE_POLICY_STOP).errorNum, MIGRATE_ERROR_STATE);
     EXPECT_EQ(State(), TaskStatus::IDLE);

@@ -2,6 +2,9 @@
 // The service's stub in this process, asked as a client asks it.
 #pragma once
 
+#include <unistd.h>
+
+#include "call_context.h"
 #include "callback_hub.h"
 #include "json_parse.h"
 #include "migrate_server_stub.h"
@@ -23,6 +26,7 @@ protected:
     void Run(uint64_t bytesPerSecond = 0)
     {
         Open(bytesPerSecond);
+        hub->Attach(engine);
         stub = sptr<MigrateServerStub>(new MigrateServerStub(engine, hub));
         engine->Start();
     }
@@ -43,7 +47,7 @@ protected:
         MessageOption option;
         data.WriteInterfaceToken(token);
         (Put(data, fields), ...);
-        const int32_t result = stub->OnRemoteRequest(static_cast<uint32_t>(code), data, reply, option);
+        const int32_t result = ipc::CarryOut(*stub, static_cast<uint32_t>(code), data, reply, option, caller);
         number = code == Code::GET_MIGRATION_DATA_SIZE && result == 0 ? reply.ReadInt64() : -1;
         replies.clear();
         while (reply.GetReadableBytes() > 0) {
@@ -75,9 +79,9 @@ protected:
         return error.errorNum;
     }
 
-    const std::shared_ptr<CallbackHub> hub = std::make_shared<CallbackHub>(
-        [this](MigrateStage& stage, MigrateProgress& progress) { engine->GetProgress(stage, progress); });
+    const std::shared_ptr<CallbackHub> hub = std::make_shared<CallbackHub>();
     sptr<MigrateServerStub> stub;
+    ipc::Caller caller{{getpid(), geteuid(), getegid()}, 1, {}};
     std::u16string token = MIGRATE_SERVER_DESCRIPTOR;
     std::vector<std::string> replies;
     int64_t number = -1;

@@ -22,6 +22,7 @@
     RANK(Engine, "the service's tasks, reservations and files")                                                    \
     RANK(CallbackHub, "who receives the service's events; the engine tells it of one under its own mutex")         \
     RANK(Mailbox, "one receiver's events that wait; the hub posts to all under its own mutex")                     \
+    RANK(DeliveryThreads, "the deliveries that wait for their time; a mailbox adds one under its own mutex")       \
     RANK(ServiceTable, "the manager's services and the programs it has started; held while one is started")        \
     RANK(PendingLoad, "who waits for the outcome of a load")                                                       \
     RANK(LoadOutcome, "the outcome for which a thread waits")                                                      \

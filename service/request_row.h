@@ -1,0 +1,78 @@
+// SPDX-License-Identifier: Apache-2.0
+// A request as one row of a table: how it is answered follows from the signature of the operation that answers it.
+#pragma once
+
+#include <tuple>
+#include <type_traits>
+
+#include "callback_hub.h"
+#include "migration_engine.h"
+#include "native_migrate/migrate_protocol.h"
+#include "request_fields.h"
+
+namespace VEXA::UpdateEngine {
+
+// Whose operations answer requests.
+using RequestParts = std::tuple<MigrationEngine&, CallbackHub&>;
+
+struct RequestRow {
+    MigrateRequestCode code;
+    const char* name;  // the client's operation
+    // Answers a request behind its token; returns the service's result.
+    int32_t (*answer)(const RequestParts& parts, MessageParcel& data, MessageParcel& reply);
+};
+
+// The reply of an operation that returns a BusinessError. BOTH: its value and the error. ONE_TEXT: the value, or the
+// error of an operation without one; that nothing has the name, and that there is no value, are results of the request.
+enum class Reply { BOTH, ONE_TEXT };
+
+// An argument by reference that is not const is the reply's value. The others are fields, in their order.
+template <typename T>
+using Slot = std::conditional_t<std::is_lvalue_reference_v<T> && !std::is_const_v<std::remove_reference_t<T>>,
+    ReplyValue<std::remove_cvref_t<T>>, std::remove_cvref_t<T>>;
+
+template <typename Owner, typename Outcome, typename... Arguments>
+struct Signature {
+    template <auto kOperation, Reply kReply>
+    static int32_t Answer(const RequestParts& parts, MessageParcel& data, MessageParcel& reply)
+    {
+        std::tuple<Slot<Arguments>...> values{};
+        const auto read = [&data](auto&... value) { return (FieldReader{data}.Read(value) && ...); };
+        if (!std::apply(read, values)) {
+            return MIGRATE_BAD_ARGUMENT;
+        }
+        const auto carryOut = [&parts](auto&... value) { return (std::get<Owner&>(parts).*kOperation)(value...); };
+        const Outcome outcome = std::apply(carryOut, values);
+        const auto finish = [&](const auto&... last) {
+            const FieldWriter writer{reply};
+            const auto write = [&](const auto&... value) { return (writer.WriteReply(value) && ...); };
+            const bool isWritten = std::apply(write, values) && (writer.Write(last) && ...);
+            return isWritten ? MIGRATE_SUCCESS : MIGRATE_INTERNAL;
+        };
+        if constexpr (std::is_same_v<Outcome, int32_t>) {
+            return outcome == MIGRATE_SUCCESS ? finish() : outcome;
+        } else if constexpr (!std::is_same_v<Outcome, BusinessError>) {
+            return finish(outcome, BusinessError());
+        } else if constexpr (kReply == Reply::BOTH) {
+            return finish(outcome);
+        } else if (outcome.errorNum == MIGRATE_ERROR_NOT_FOUND) {
+            return MIGRATE_NO_SUCH_APP;
+        } else if constexpr ((IsReplyValue<Slot<Arguments>> || ...)) {
+            return outcome.errorNum == 0 ? finish() : MIGRATE_INTERNAL;
+        } else {
+            return finish(outcome);
+        }
+    }
+};
+template <typename Owner, typename Outcome, typename... Arguments>
+Signature<Owner, Outcome, Arguments...> SignatureOf(Outcome (Owner::*)(Arguments...));
+template <typename Owner, typename Outcome, typename... Arguments>
+Signature<Owner, Outcome, Arguments...> SignatureOf(Outcome (Owner::*)(Arguments...) const);
+
+// An operation returns a BusinessError, the service's result, or a value that can always be had.
+template <auto kOperation, Reply kReply = Reply::BOTH>
+inline constexpr auto By = &decltype(SignatureOf(kOperation))::template Answer<kOperation, kReply>;
+template <auto kOperation>
+inline constexpr auto InOneTextBy = By<kOperation, Reply::ONE_TEXT>;
+
+}  // namespace VEXA::UpdateEngine
