@@ -16,9 +16,10 @@ BusinessError NotSetAside()
     return MakeError(MIGRATE_ERROR_NOT_FOUND, "no application of that name is set aside");
 }
 
+// Root may take what is anybody's.
 bool IsAnothers(const Placed& placed, uint32_t uid)
 {
-    return placed.owner >= 0 && placed.owner != uid;
+    return placed.owner >= 0 && placed.owner != uid && uid != 0;
 }
 
 BusinessError NothingRestored()
@@ -261,7 +262,7 @@ int32_t MigrationEngine::OwnBackups(uint32_t uid)
     return RecordOwner(targets, uid);
 }
 
-// All or none: what another user has taken meanwhile is his.
+// All or none: what another user has taken meanwhile is his, unless root takes it.
 int32_t MigrationEngine::RecordOwner(const std::vector<std::string>& targets, uint32_t uid)
 {
     MutexLock lock(mutex_);

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "migrate_server_stub.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <utility>
 
@@ -12,45 +14,53 @@ namespace VEXA::UpdateEngine {
 std::span<const RequestRow> MigrateServerStub::Rows()
 {
     using enum MigrateRequestCode;
+    using enum Who;
     using Engine = MigrationEngine;
     static constexpr RequestRow kRows[] = {
-        {GET_MIGRATE_STATUS, "GetMigrateStatus", By<&Engine::GetStatus>},
-        {GET_MIGRATE_INFO, "GetMigrateInfo", By<&Engine::GetInfo>},
-        {GET_PAK_MIGRATE_INFO, "GetPakMigrateInfo", By<&Engine::GetPackages>},
-        {GET_APK_INFO, "GetApkInfo", By<&Engine::GetBundleNames>},
-        {START_MIGRATE, "StartMigrate", By<&Engine::StartAll>},
-        {START_PAK_MIGRATE, "StartPakMigrate", By<&Engine::StartPackage>},
-        {REMOVE_MIGRATE, "RemoveMigrate", By<&Engine::RemoveUser>},
-        {REMOVE_PAK_MIGRATE, "RemovePakMigrate", By<&Engine::RemovePackage>},
-        {REGISTER_PROGRESS_CALLBACK, "On", By<&CallbackHub::AddProgress>},
-        {UNREGISTER_PROGRESS_CALLBACK, "Off", By<&CallbackHub::RemoveProgress>},
-        {SET_MIGRATE_POLICY, "SetMigratePolicy", By<&Engine::SetPolicy>},
-        {CHECK_APP_RESTORE, "CheckAppRestore", By<&Engine::CheckRestore>},
-        {PRESET_DATA, "PresetData", By<&Engine::SetPreset>},
-        {GET_MIGRATE_RESULT, "GetMigrateResult", By<&Engine::GetResult>},
-        {GET_MIGRATION_USERS, "GetMigrationUsers", By<&Engine::GetUsers>},
-        {GET_MODULE_MIGRATION_POLICY, "GetModuleMigrationPolicy", By<&Engine::GetModulePolicies>},
-        {RESUME_MIGRATION, "ResumeMigration", By<&Engine::Resume>},
-        {GET_RESTORE_APP_INFOS, "GetRestoreAppInfos", InOneTextBy<&Engine::GetReserved>},
-        {RESTORE_APP, "RestoreApp", InOneTextBy<&Engine::Restore>},
-        {REGISTER_RESERVE_OBSERVER, "RegisterCallback", By<&CallbackHub::AddObserver>},
-        {UNREGISTER_RESERVE_OBSERVER, "UnRegisterCallback", By<&CallbackHub::RemoveObserver>},
-        {CLEAR_APP, "ClearApp", InOneTextBy<&Engine::ClearReserved>},
-        {CLEAR_ALL_VIRTUAL_DATA, "ClearAllVirtualData", InOneTextBy<&Engine::ClearAllReserved>},
-        {GET_RESTORE_APP_STATUS, "GetRestoreAppStatus", InOneTextBy<&Engine::GetRestoreStatus>},
-        {NOTIFY_EMPORION_CORE_EVENT, "NotifyEmporionCoreEvent", By<&Engine::Notify>},
-        {START_PAK_MIGRATION, "StartPakMigration", By<&Engine::StartPackageAs>},
-        {GET_PAK_MIGRATION_TASK_STATUS, "GetPakMigrationTaskStatus", By<&Engine::GetPackageStatus>},
-        {GET_MIGRATION_DATA_SIZE, "GetMigrationDataSize", By<&Engine::GetDataSize>},
-        {ADJUST_APP_PRIORITY, "AdjustAppPriority", InOneTextBy<&Engine::AdjustPriority>},
-        {SET_BACKUP_FILE_OWN, "SetBackupFileOwn", By<&CallbackHub::OwnBackups>},
+        {GET_MIGRATE_STATUS, "GetMigrateStatus", By<&Engine::GetStatus>, ANYBODY},
+        {GET_MIGRATE_INFO, "GetMigrateInfo", By<&Engine::GetInfo>, ANYBODY},
+        {GET_PAK_MIGRATE_INFO, "GetPakMigrateInfo", By<&Engine::GetPackages>, ANYBODY},
+        {GET_APK_INFO, "GetApkInfo", By<&Engine::GetBundleNames>, ANYBODY},
+        {START_MIGRATE, "StartMigrate", By<&Engine::StartAll>, CONTROL},
+        {START_PAK_MIGRATE, "StartPakMigrate", By<&Engine::StartPackage>, CONTROL},
+        {REMOVE_MIGRATE, "RemoveMigrate", By<&Engine::RemoveUser>, CONTROL},
+        {REMOVE_PAK_MIGRATE, "RemovePakMigrate", By<&Engine::RemovePackage>, CONTROL},
+        {REGISTER_PROGRESS_CALLBACK, "On", By<&CallbackHub::AddProgress>, ANYBODY},
+        {UNREGISTER_PROGRESS_CALLBACK, "Off", By<&CallbackHub::RemoveProgress>, ANYBODY},
+        {SET_MIGRATE_POLICY, "SetMigratePolicy", By<&Engine::SetPolicy>, CONTROL},
+        {CHECK_APP_RESTORE, "CheckAppRestore", By<&Engine::CheckRestore>, ANYBODY},
+        {PRESET_DATA, "PresetData", By<&Engine::SetPreset>, CONTROL},
+        {GET_MIGRATE_RESULT, "GetMigrateResult", By<&Engine::GetResult>, ANYBODY},
+        {GET_MIGRATION_USERS, "GetMigrationUsers", By<&Engine::GetUsers>, ANYBODY},
+        {GET_MODULE_MIGRATION_POLICY, "GetModuleMigrationPolicy", By<&Engine::GetModulePolicies>, ANYBODY},
+        {RESUME_MIGRATION, "ResumeMigration", By<&Engine::Resume>, CONTROL},
+        {GET_RESTORE_APP_INFOS, "GetRestoreAppInfos", InOneTextBy<&Engine::GetReserved>, ANYBODY},
+        {RESTORE_APP, "RestoreApp", InOneTextBy<&Engine::Restore>, CONTROL},
+        {REGISTER_RESERVE_OBSERVER, "RegisterCallback", By<&CallbackHub::AddObserver>, ANYBODY},
+        {UNREGISTER_RESERVE_OBSERVER, "UnRegisterCallback", By<&CallbackHub::RemoveObserver>, ANYBODY},
+        {CLEAR_APP, "ClearApp", InOneTextBy<&Engine::ClearReserved>, CONTROL},
+        {CLEAR_ALL_VIRTUAL_DATA, "ClearAllVirtualData", InOneTextBy<&Engine::ClearAllReserved>, CONTROL},
+        {GET_RESTORE_APP_STATUS, "GetRestoreAppStatus", InOneTextBy<&Engine::GetRestoreStatus>, ANYBODY},
+        {NOTIFY_EMPORION_CORE_EVENT, "NotifyEmporionCoreEvent", By<&Engine::Notify>, CONTROL},
+        {START_PAK_MIGRATION, "StartPakMigration", By<&Engine::StartPackageAs>, CONTROL},
+        {GET_PAK_MIGRATION_TASK_STATUS, "GetPakMigrationTaskStatus", By<&Engine::GetPackageStatus>, ANYBODY},
+        {GET_MIGRATION_DATA_SIZE, "GetMigrationDataSize", By<&Engine::GetDataSize>, ANYBODY},
+        {ADJUST_APP_PRIORITY, "AdjustAppPriority", InOneTextBy<&Engine::AdjustPriority>, CONTROL},
+        {SET_BACKUP_FILE_OWN, "SetBackupFileOwn", By<&CallbackHub::OwnBackups>, CONTROL},
     };
     return kRows;
 }
 
-MigrateServerStub::MigrateServerStub(std::shared_ptr<MigrationEngine> engine, std::shared_ptr<CallbackHub> hub)
-    : engine_(std::move(engine)), hub_(std::move(hub)), parts_(*engine_, *hub_)
+MigrateServerStub::MigrateServerStub(
+    std::shared_ptr<MigrationEngine> engine, std::shared_ptr<CallbackHub> hub, std::optional<gid_t> controlGroup)
+    : engine_(std::move(engine)), hub_(std::move(hub)), controlGroup_(controlGroup), parts_(*engine_, *hub_)
 {}
+
+bool MigrateServerStub::MayControl() const
+{
+    const uid_t user = IPCSkeleton::GetCallingUid();
+    return user == 0 || user == geteuid() || (controlGroup_ && IPCSkeleton::IsCallerInGroup(*controlGroup_));
+}
 
 int32_t MigrateServerStub::OnRemoteRequest(
     uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option)
@@ -64,6 +74,14 @@ int32_t MigrateServerStub::OnRemoteRequest(
     if (row == Rows().end()) {
         return IPCObjectStub::OnRemoteRequest(code, data, reply, option);
     }
+    if (row->who == Who::CONTROL) {
+        const auto user = static_cast<int32_t>(IPCSkeleton::GetCallingUid());
+        if (!MayControl()) {
+            SA_LOGW("%{public}s of process %{public}d, user %{public}d: refused", row->name, process, user);
+            return MIGRATE_RESULT_OFFSET + MIGRATE_NOT_ALLOWED;
+        }
+        SA_LOGI("%{public}s of process %{public}d, user %{public}d", row->name, process, user);
+    }
     const int32_t result = row->answer(parts_, data, reply);
     if (result == MIGRATE_SUCCESS) {
         return MIGRATE_SUCCESS;
@@ -76,10 +94,8 @@ int32_t MigrateServerStub::SendRemoteRequest(uint32_t code, MessageParcel& data,
 {
     MessageOption option;
     const int32_t result = OnRemoteRequest(code, data, reply, option);
-    if (result == MIGRATE_SUCCESS) {
-        return MIGRATE_SUCCESS;
-    }
-    return result < MIGRATE_RESULT_OFFSET ? MIGRATE_UNREACHABLE : result - MIGRATE_RESULT_OFFSET;
+    const bool isUnreachable = result != MIGRATE_SUCCESS && result < MIGRATE_RESULT_OFFSET;
+    return isUnreachable ? MIGRATE_UNREACHABLE : std::max(result - MIGRATE_RESULT_OFFSET, MIGRATE_SUCCESS);
 }
 
 }  // namespace VEXA::UpdateEngine

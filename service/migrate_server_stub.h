@@ -2,8 +2,11 @@
 // The service's side of the migration service's remote interface.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 
 #include "callback_hub.h"
@@ -18,7 +21,9 @@ namespace VEXA::UpdateEngine {
 // or hold what they must not is answered with MIGRATE_BAD_ARGUMENT. No handler waits for copying or for a client.
 class MigrateServerStub : public IRemoteStub<IMigrateServer> {
 public:
-    MigrateServerStub(std::shared_ptr<MigrationEngine> engine, std::shared_ptr<CallbackHub> hub);
+    // `controlGroup`: may change something, besides root and this process's user.
+    MigrateServerStub(std::shared_ptr<MigrationEngine> engine, std::shared_ptr<CallbackHub> hub,
+        std::optional<gid_t> controlGroup = std::nullopt);
 
     // All requests, one row each.
     static std::span<const RequestRow> Rows();
@@ -30,8 +35,11 @@ public:
     int32_t SendRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply) override;
 
 private:
+    bool MayControl() const;
+
     const std::shared_ptr<MigrationEngine> engine_;
     const std::shared_ptr<CallbackHub> hub_;
+    const std::optional<gid_t> controlGroup_;
     const RequestParts parts_;
 };
 

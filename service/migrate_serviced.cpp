@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // migrate_serviced: the reference migration service.
+#include <grp.h>
+
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "callback_hub.h"
@@ -18,6 +21,21 @@ namespace {
 
 using namespace VEXA;
 using namespace VEXA::UpdateEngine;
+
+struct ServiceOptions {
+    EngineOptions engine;
+    std::string controlGroup;
+};
+
+// None when the name is empty or no group's; the latter is logged.
+std::optional<gid_t> FindGroup(const std::string& name)
+{
+    const group* const found = name.empty() ? nullptr : getgrnam(name.c_str());
+    if (found == nullptr && !name.empty()) {
+        SA_LOGW("there is no group %{public}s: only root and the service's user may change anything", name.c_str());
+    }
+    return found != nullptr ? std::optional(found->gr_gid) : std::nullopt;
+}
 
 bool Register(const sptr<IRemoteObject>& object)
 {
@@ -45,7 +63,7 @@ void Unregister()
     }
 }
 
-int Run(const EngineOptions& options)
+int Run(const ServiceOptions& options)
 {
     // Before the first thread, so that no thread takes one of them.
     sigset_t stop;
@@ -56,17 +74,17 @@ int Run(const EngineOptions& options)
 
     std::string error;
     const auto hub = std::make_shared<CallbackHub>();
-    const std::shared_ptr<MigrationEngine> engine = MigrationEngine::Open(options, *hub, error);
+    const std::shared_ptr<MigrationEngine> engine = MigrationEngine::Open(options.engine, *hub, error);
     if (engine == nullptr) {
         fprintf(stderr, "migrate_serviced: %s\n", error.c_str());
         return 1;
     }
     hub->Attach(engine);
-    if (!Register(new MigrateServerStub(engine, hub))) {
+    if (!Register(new MigrateServerStub(engine, hub, FindGroup(options.controlGroup)))) {
         return 1;
     }
     engine->Start();
-    SA_LOGI("serving %{public}s to %{public}s", options.source.c_str(), options.target.c_str());
+    SA_LOGI("serving %{public}s to %{public}s", options.engine.source.c_str(), options.engine.target.c_str());
     int signal = 0;
     sigwait(&stop, &signal);
     SA_LOGI("ends on signal %{public}d", signal);
@@ -81,17 +99,20 @@ int Run(const EngineOptions& options)
 int main(int argc, char** argv)
 {
     OccupyStandardStreams();
-    EngineOptions options;
+    ServiceOptions options;
+    EngineOptions& engine = options.engine;
     CLI::App app("The reference migration service: moves packages from one directory to another.", "migrate_serviced");
-    app.add_option("--source", options.source, "Directory that holds the packages")->required();
-    app.add_option("--target", options.target, "Directory that they are moved to")->required();
+    app.add_option("--source", engine.source, "Directory that holds the packages")->required();
+    app.add_option("--target", engine.target, "Directory that they are moved to")->required();
     app.add_option(
-        "--state", options.stateFile, "File that the service keeps its state in (default: .migrate-state.db there)");
-    app.add_option("--throttle", options.bytesPerSecond, "Bytes that are copied in a second, at most; 0: no limit")
+        "--state", engine.stateFile, "File that the service keeps its state in (default: .migrate-state.db there)");
+    app.add_option("--throttle", engine.bytesPerSecond, "Bytes that are copied in a second, at most; 0: no limit")
         ->envname("MIGRATE_THROTTLE");
     app.add_flag_callback(
-        "--no-sync", [&options] { options.sync = false; },
+        "--no-sync", [&engine] { engine.sync = false; },
         "Does not wait for the disk: faster, but a loss of power may cost packages that count as placed");
+    app.add_option("--control-group", options.controlGroup,
+        "Group that may change something, besides root and the user that this program runs as");
     app.set_version_flag("--version", "migrate_serviced " VEXA_VERSION);
     CLI11_PARSE(app, argc, argv);
     return Run(options);

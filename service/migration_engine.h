@@ -121,7 +121,7 @@ public:
     BusinessError AdjustPriority(const Name& name, NumberText priority);
 
     // Makes what is in the target the backup files of a user: 0, or the error number of the first package that is gone,
-    // can't be read, or belongs to another user. Reads all of the target's directories.
+    // can't be read, or belongs to another user while this one isn't root. Reads all of the target's directories.
     int32_t OwnBackups(uint32_t uid);
 
 private:

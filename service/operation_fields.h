@@ -1,50 +1,32 @@
 // SPDX-License-Identifier: Apache-2.0
-// Arguments of operations that may not have every value. They are checked where a request is read.
+// Arguments of operations that may not have every value. Whoever reads a request checks them.
 #pragma once
 
 #include <cstdint>
 #include <string>
 
-#include "native_migrate/migrate_results.h"
 #include "native_migrate/task_info.h"
-#include "service_limits.h"
 
 namespace VEXA::UpdateEngine {
 
+// A text that isn't empty.
 struct Name : std::string {
-    using Plain = std::string;
-    using Plain::Plain;
-    bool IsAllowed() const { return !empty(); }
+    using std::string::string;
 };
-
-// What an observer is registered under.
+// What an observer is registered under: a name of at most kLongestCaller bytes.
 struct ObserverName : Name {
     using Name::Name;
-    bool IsAllowed() const { return Name::IsAllowed() && size() <= kLongestCaller; }
 };
 
-struct PlainNumber {
-    using Plain = PlainNumber;
-    PlainNumber(int32_t number = 0) : value(number) {}
+template <typename Kind>
+struct RestrictedNumber {
+    RestrictedNumber(int32_t number = 0) : value(number) {}
     operator int32_t() const { return value; }
     int32_t value;
 };
-
-// A user of the source, or all.
-struct User : PlainNumber {
-    using PlainNumber::PlainNumber;
-    bool IsAllowed() const { return value >= MIGRATE_ALL_USERS; }
-};
-
-struct Policy : PlainNumber {
-    using PlainNumber::PlainNumber;
-    bool IsAllowed() const { return value == MIGRATE_POLICY_GO_ON || value == MIGRATE_POLICY_STOP; }
-};
-
-// A number that travels as decimal text.
-struct NumberText : PlainNumber {
-    using PlainNumber::PlainNumber;
-};
+using User = RestrictedNumber<struct UserKind>;              // one of the source, or MIGRATE_ALL_USERS
+using Policy = RestrictedNumber<struct PolicyKind>;          // one of the MIGRATE_POLICY_... values
+using NumberText = RestrictedNumber<struct NumberTextKind>;  // travels as decimal text
 
 // One of the MIGRATE_EVENT_... actions, or one that nobody knows.
 struct MigrationEvent {

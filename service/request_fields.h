@@ -9,35 +9,27 @@
 
 #include "json_parse.h"
 #include "json_text.h"
+#include "native_migrate/migrate_results.h"
+#include "native_migrate/migrate_stage.h"
 #include "operation_fields.h"
+#include "service_limits.h"
 #include "vexa/ipc/message_parcel.h"
 #include "vexa/want/want.h"
 
 namespace VEXA::UpdateEngine {
-
-// What an operation sets for the reply.
-template <typename T>
-struct ReplyValue {
-    operator T&() { return value; }
-    T value{};
-};
-template <typename T>
-inline constexpr bool IsReplyValue = false;
-template <typename T>
-inline constexpr bool IsReplyValue<ReplyValue<T>> = true;
-
-template <typename T>
-concept Restricted = requires(const T& field)
-{
-    field.IsAllowed();
-};
 
 // Reads the fields of a request in their order. False when one is missing, or has a value that its type does not allow.
 struct FieldReader {
     bool Read(bool& value) const { return data.ReadBool(value); }
     bool Read(std::string& text) const { return data.ReadString(text); }
     bool Read(int32_t& number) const { return data.ReadInt32(number); }
-    bool Read(PlainNumber& number) const { return data.ReadInt32(number.value); }
+    bool Read(Name& name) const { return data.ReadString(name) && !name.empty(); }
+    bool Read(ObserverName& name) const { return Read(static_cast<Name&>(name)) && name.size() <= kLongestCaller; }
+    bool Read(User& user) const { return data.ReadInt32(user.value) && user >= MIGRATE_ALL_USERS; }
+    bool Read(Policy& policy) const
+    {
+        return data.ReadInt32(policy.value) && (policy == MIGRATE_POLICY_GO_ON || policy == MIGRATE_POLICY_STOP);
+    }
     bool Read(sptr<IRemoteObject>& object) const { return (object = data.ReadRemoteObject()) != nullptr; }
     bool Read(MigrateStage& stage) const
     {
@@ -63,21 +55,11 @@ struct FieldReader {
         event = {want->GetAction(), static_cast<TaskPauseReason>(reason)};
         return true;
     }
-    template <Restricted T>
-    bool Read(T& field) const
-    {
-        return Read(static_cast<typename T::Plain&>(field)) && field.IsAllowed();
-    }
     template <typename Interface>
     bool Read(sptr<Interface>& remote) const
     {
         remote = iface_cast<Interface>(data.ReadRemoteObject());
         return remote != nullptr;
-    }
-    template <typename T>
-    bool Read(ReplyValue<T>& /*value*/) const
-    {
-        return true;
     }
     // A record or a list: its JSON, or an empty text.
     template <typename T>
@@ -100,17 +82,6 @@ struct FieldWriter {
     bool Write(const T& record) const
     {
         return Write(ToJson(record));
-    }
-    // Of an operation's arguments.
-    template <typename T>
-    bool WriteReply(const ReplyValue<T>& argument) const
-    {
-        return Write(argument.value);
-    }
-    template <typename T>
-    bool WriteReply(const T& /*field*/) const
-    {
-        return true;
     }
 
     MessageParcel& reply;

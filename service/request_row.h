@@ -15,29 +15,34 @@ namespace VEXA::UpdateEngine {
 // Whose operations answer requests.
 using RequestParts = std::tuple<MigrationEngine&, CallbackHub&>;
 
+// Who may send a request: whoever may look the service up; only root, the service's user and the control group.
+enum class Who { ANYBODY, CONTROL };
+
 struct RequestRow {
     MigrateRequestCode code;
     const char* name;  // the client's operation
     // Answers a request behind its token; returns the service's result.
     int32_t (*answer)(const RequestParts& parts, MessageParcel& data, MessageParcel& reply);
+    Who who;
 };
 
 // The reply of an operation that returns a BusinessError. BOTH: its value and the error. ONE_TEXT: the value, or the
 // error of an operation without one; that nothing has the name, and that there is no value, are results of the request.
 enum class Reply { BOTH, ONE_TEXT };
 
-// An argument by reference that is not const is the reply's value. The others are fields, in their order.
-template <typename T>
-using Slot = std::conditional_t<std::is_lvalue_reference_v<T> && !std::is_const_v<std::remove_reference_t<T>>,
-    ReplyValue<std::remove_cvref_t<T>>, std::remove_cvref_t<T>>;
-
 template <typename Owner, typename Outcome, typename... Arguments>
 struct Signature {
+    // An argument by reference that is not const takes the reply, and is the last. The others are the fields.
+    template <typename T>
+    static constexpr bool kTakesReply = std::is_lvalue_reference_v<T> && !std::is_const_v<std::remove_reference_t<T>>;
+    static constexpr bool kHasReply = (kTakesReply<Arguments> || ...);
+
     template <auto kOperation, Reply kReply>
     static int32_t Answer(const RequestParts& parts, MessageParcel& data, MessageParcel& reply)
     {
-        std::tuple<Slot<Arguments>...> values{};
-        const auto read = [&data](auto&... value) { return (FieldReader{data}.Read(value) && ...); };
+        std::tuple<std::remove_cvref_t<Arguments>...> values{};
+        const FieldReader reader{data};
+        const auto read = [&reader](auto&... value) { return ((kTakesReply<Arguments> || reader.Read(value)) && ...); };
         if (!std::apply(read, values)) {
             return MIGRATE_BAD_ARGUMENT;
         }
@@ -45,9 +50,11 @@ struct Signature {
         const Outcome outcome = std::apply(carryOut, values);
         const auto finish = [&](const auto&... last) {
             const FieldWriter writer{reply};
-            const auto write = [&](const auto&... value) { return (writer.WriteReply(value) && ...); };
-            const bool isWritten = std::apply(write, values) && (writer.Write(last) && ...);
-            return isWritten ? MIGRATE_SUCCESS : MIGRATE_INTERNAL;
+            bool isWritten = true;
+            if constexpr (kHasReply) {
+                isWritten = writer.Write(std::get<sizeof...(Arguments) - 1>(values));
+            }
+            return (isWritten && ... && writer.Write(last)) ? MIGRATE_SUCCESS : MIGRATE_INTERNAL;
         };
         if constexpr (std::is_same_v<Outcome, int32_t>) {
             return outcome == MIGRATE_SUCCESS ? finish() : outcome;
@@ -57,7 +64,7 @@ struct Signature {
             return finish(outcome);
         } else if (outcome.errorNum == MIGRATE_ERROR_NOT_FOUND) {
             return MIGRATE_NO_SUCH_APP;
-        } else if constexpr ((IsReplyValue<Slot<Arguments>> || ...)) {
+        } else if constexpr (kHasReply) {
             return outcome.errorNum == 0 ? finish() : MIGRATE_INTERNAL;
         } else {
             return finish(outcome);

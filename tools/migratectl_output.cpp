@@ -124,6 +124,8 @@ const char* ResultText(int32_t result)
             return "the service has too many callbacks";
         case MIGRATE_INTERNAL:
             return "the service could not do it";
+        case MIGRATE_NOT_ALLOWED:
+            return "only root, the service's user and its control group may change anything";
         default:
             return "the service refused";
     }

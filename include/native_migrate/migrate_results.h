@@ -12,6 +12,7 @@ inline constexpr int32_t MIGRATE_BAD_ARGUMENT = 1;  // a field is missing or hol
 inline constexpr int32_t MIGRATE_NO_SUCH_APP = 2;   // no application of that name is set aside
 inline constexpr int32_t MIGRATE_TOO_MANY = 3;      // as many callbacks or observers as the service keeps are there
 inline constexpr int32_t MIGRATE_INTERNAL = 4;      // the service could not make or keep what was asked for
+inline constexpr int32_t MIGRATE_NOT_ALLOWED = 5;   // the caller may not change anything
 
 // BusinessError::errorNum, ErrorMessage::errorCode, ErrorInfo::code and the code of a backup-file notice; 0: no error.
 // Of the whole request:

@@ -10,6 +10,7 @@
 #include "native_migrate/migrate_protocol.h"
 #include "parcel_access.h"
 #include "process_life.h"
+#include "support/requests.h"
 #include "vexa/ipc/ipc_object_stub.h"
 #include "vexa/testing/in_process_manager.h"
 #include "vexa/testing/recording_log_sink.h"
@@ -25,21 +26,10 @@ using Fields = std::vector<Field>;
 
 inline const sptr<IRemoteObject> AN_OBJECT(new IPCObjectStub);
 
-struct FieldWriter {
-    MessageParcel& parcel;
-    void operator()(uint32_t value) const { parcel.WriteUint32(value); }
-    void operator()(int32_t value) const { parcel.WriteInt32(value); }
-    void operator()(bool value) const { parcel.WriteBool(value); }
-    void operator()(int64_t value) const { parcel.WriteInt64(value); }
-    void operator()(const std::string& value) const { parcel.WriteString(value); }
-    void operator()(const sptr<IRemoteObject>& value) const { parcel.WriteRemoteObject(value); }
-    void operator()(const AAFwk::Want& value) const { parcel.WriteParcelable(&value); }
-};
-
 inline void WriteFields(MessageParcel& parcel, const Fields& fields)
 {
     for (const Field& field : fields) {
-        std::visit(FieldWriter{parcel}, field);
+        std::visit(VEXA::test::PutField{parcel}, field);
     }
 }
 
@@ -69,6 +59,9 @@ inline ScriptedRemoteObject::Handler Answer(uint32_t code, Fields request, Field
         return result;
     };
 }
+
+// The reserve client's requests; the others are the migration client's.
+inline const std::vector<uint32_t> RESERVE_CODES{18, 19, 20, 21, 22, 23, 24, 29};
 
 using Lines = std::vector<RecordedMessage>;
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The twenty-two operations of the migration client: what each sends, binds and logs.
+// The operations of the migration client: what each sends, binds and logs.
 #include <sstream>
 
 #include "kits_fixture.h"
@@ -116,6 +116,9 @@ protected:
 
 TEST_F(KitsRequestsTest, EveryOperationSendsBindsMapsAndLogs)
 {
+    std::set<uint32_t> tested(RESERVE_CODES.begin(), RESERVE_CODES.end());
+    std::ranges::transform(OPERATION_CASES, std::inserter(tested, tested.end()), &OperationCase::code);
+    EXPECT_EQ(tested, VEXA::test::REQUEST_CODES);
     RunCase({31, IMPL "SetBackupFileOwn", nullptr, CALL(SetBackupFileOwn(nullptr)), {}}, 104,
         CLIENT.Error({"SetBackupFileOwn callback is null"}));
     EXPECT_TRUE(manager_->Calls().empty());  // it is refused before any lookup

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The reserve client: its eight operations, its observers across deaths of the service, and its own end.
+// The reserve client: its operations, its observers across deaths of the service, and its own end.
 #include <optional>
 
 #include "kits_fixture.h"
@@ -57,6 +57,7 @@ protected:
 
 TEST_F(ReserveRequestsTest, EveryOperationSendsMapsAndLogs)
 {
+    EXPECT_TRUE(std::ranges::equal(RESERVE_CASES, RESERVE_CODES, {}, &ReserveCase::code));
     const Lines entry = CLIENT.Info({"GetService entry"});
     for (const ReserveCase& operation : RESERVE_CASES) {
         SCOPED_TRACE(operation.name);

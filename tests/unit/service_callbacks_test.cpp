@@ -9,7 +9,6 @@ namespace VEXA::UpdateEngine::test {
 namespace {
 
 using namespace std::chrono_literals;
-using ServiceCallbacks = RequestsTest;
 
 // The object of a client's callback.
 class Receiver {
@@ -52,13 +51,24 @@ public:
     const sptr<ScriptedRemoteObject> object{new ScriptedRemoteObject};
 };
 
+class ServiceCallbacks : public RequestsTest {
+protected:
+    // As the process with that endpoint; returns the result.
+    int32_t Add(const Receiver& receiver, uint64_t endpoint)
+    {
+        caller.endpoint = endpoint;
+        return Ask(Code::REGISTER_PROGRESS_CALLBACK, sptr<IRemoteObject>(receiver.object));
+    }
+    void Register(const Receiver& receiver, uint64_t endpoint = 1) { EXPECT_EQ(Add(receiver, endpoint), 0); }
+};
+
 TEST_F(ServiceCallbacks, ProgressIsThatOfTheBytesAndArrivesAtMostTenTimesASecond)
 {
     folders.AddPackages("a b c d", 10);
     folders.AddPackage("e", kLarge);
     Run(kSlow);
     Receiver receiver;
-    EXPECT_EQ(Ask(Code::REGISTER_PROGRESS_CALLBACK, sptr<IRemoteObject>(receiver.object)), 0);
+    Register(receiver);
     const auto start = std::chrono::steady_clock::now();
     Ask(Code::START_MIGRATE);
     ASSERT_TRUE(Eventually([&] { return receiver.Finished() == 5; }));
@@ -85,35 +95,38 @@ TEST_F(ServiceCallbacks, ProgressIsThatOfTheBytesAndArrivesAtMostTenTimesASecond
     // Every change of every task, however quick.
     EXPECT_EQ(statuses, (std::map<uint32_t, std::string>{{1, "013"}, {2, "013"}, {3, "013"}, {4, "013"}, {5, "013"}}));
     EXPECT_EQ(percent, 100U);
+    RateMeter meter;  // a pause counts as one second
+    meter.Add(100, RateMeter::Clock::time_point(1s));
+    meter.Add(100, RateMeter::Clock::time_point(11s));
+    EXPECT_EQ(meter.SecondsFor(400), 3U);
     EXPECT_EQ(events.back().first, MigrateStage::FINISH);
 }
 
-TEST_F(ServiceCallbacks, ASlowClientHoldsUpNobodyAndGetsTheLastWord)
+TEST_F(ServiceCallbacks, SlowClientsHoldUpNobodyAndGetTheLastWord)
 {
     folders.AddPackages("a b", 10);
     Run();
-    Receiver slow;
-    // The service's thread may still be in the object when the test has gone on.
+    // The service's threads may still be in an object when the test has gone on.
     const auto isHeld = std::make_shared<std::atomic<bool>>(true);
-    slow.object->SetHandler([isHeld](uint32_t, MessageParcel&, MessageParcel&, MessageOption&) {
-        while (*isHeld) {
-            std::this_thread::sleep_for(1ms);
-        }
-        return 0;
-    });
-    // This process's one callback, and that of another.
-    EXPECT_EQ(Ask(Code::REGISTER_PROGRESS_CALLBACK, sptr<IRemoteObject>(slow.object)), 0);
+    std::vector<Receiver> all(20);
+    for (const Receiver& slow : all) {
+        Register(slow, caller.endpoint + 1);
+        slow.object->SetHandler([isHeld](uint32_t, MessageParcel&, MessageParcel&, MessageOption&) {
+            return Eventually([isHeld] { return !*isHeld; }) ? 0 : 1;
+        });
+    }
     Receiver quick;
-    caller.endpoint++;
-    EXPECT_EQ(Ask(Code::REGISTER_PROGRESS_CALLBACK, sptr<IRemoteObject>(quick.object)), 0);
+    Register(quick, caller.endpoint + 1);
+    const auto each = [&all](const auto& isSo) { return std::ranges::all_of(all, isSo); };
+    const auto hasOne = [](const Receiver& slow) { return slow.object->Requests().size() == 1; };
     Ask(Code::START_PAK_MIGRATE, "a");
-    EXPECT_TRUE(Eventually([&] { return slow.object->Requests().size() == 1; }));
+    EXPECT_TRUE(Eventually([&] { return each(hasOne); }));
     Ask(Code::START_PAK_MIGRATE, "b");
     EXPECT_TRUE(Eventually([&] { return quick.Finished() == 2; }));
-    EXPECT_EQ(slow.object->Requests().size(), 1U);
+    EXPECT_TRUE(each(hasOne));
     *isHeld = false;
-    EXPECT_TRUE(Eventually([&] { return slow.Finished() == 2; }));
-    EXPECT_EQ(slow.object->Requests().size(), 2U);
+    EXPECT_TRUE(Eventually([&] { return each([](const Receiver& slow) { return slow.Finished() == 2; }); }));
+    EXPECT_TRUE(each([](const Receiver& slow) { return slow.object->Requests().size() == 2; }));
 }
 
 TEST_F(ServiceCallbacks, OnReplacesAndOffEndsAndTheDeadAreForgotten)
@@ -123,11 +136,10 @@ TEST_F(ServiceCallbacks, OnReplacesAndOffEndsAndTheDeadAreForgotten)
     Receiver first;
     Receiver second;
     Receiver dead;
-    EXPECT_EQ(Ask(Code::REGISTER_PROGRESS_CALLBACK, sptr<IRemoteObject>(first.object)), 0);
-    EXPECT_EQ(Ask(Code::REGISTER_PROGRESS_CALLBACK, sptr<IRemoteObject>(second.object)), 0);
-    caller.endpoint++;
-    EXPECT_EQ(Ask(Code::REGISTER_PROGRESS_CALLBACK, sptr<IRemoteObject>(dead.object)), 0);
-    caller.endpoint--;
+    Register(first);
+    Register(second);
+    Register(dead, 2);
+    caller.endpoint = 1;
     EXPECT_EQ(first.object->RecipientCount(), 0U);
     EXPECT_EQ(second.object->RecipientCount(), 1U);
     dead.object->Die();
@@ -139,7 +151,7 @@ TEST_F(ServiceCallbacks, OnReplacesAndOffEndsAndTheDeadAreForgotten)
 
     // Who comes later hears how it stands.
     Receiver late;
-    EXPECT_EQ(Ask(Code::REGISTER_PROGRESS_CALLBACK, sptr<IRemoteObject>(late.object)), 0);
+    Register(late);
     ASSERT_TRUE(Eventually([&] { return late.Finished() == 1; }));
     EXPECT_EQ(late.Progress()[0].first, MigrateStage::FINISH);
     Ask(Code::START_MIGRATE);
@@ -148,21 +160,23 @@ TEST_F(ServiceCallbacks, OnReplacesAndOffEndsAndTheDeadAreForgotten)
     EXPECT_TRUE(first.object->Requests().empty() && dead.object->Requests().empty());
 }
 
-TEST_F(ServiceCallbacks, ThereIsAnEndToHowManyAreKept)
+TEST_F(ServiceCallbacks, ThereIsAnEndToHowManyAreKeptAndTheyCostNoThreads)
 {
+    folders.AddPackage("a", 10);
     Run();
-    const sptr<ScriptedRemoteObject> object(new ScriptedRemoteObject);
-    while (caller.endpoint <= 2048) {
-        ASSERT_EQ(Ask(Code::REGISTER_PROGRESS_CALLBACK, sptr<IRemoteObject>(object)), 0);
-        caller.endpoint++;
+    const Receiver receiver;
+    for (uint64_t endpoint = 1; endpoint <= 2048; ++endpoint) {
+        Register(receiver, endpoint);
     }
-    EXPECT_EQ(
-        Ask(Code::REGISTER_PROGRESS_CALLBACK, sptr<IRemoteObject>(object)), MIGRATE_RESULT_OFFSET + MIGRATE_TOO_MANY);
-    caller.endpoint--;
-    EXPECT_EQ(Ask(Code::REGISTER_PROGRESS_CALLBACK, sptr<IRemoteObject>(object)), 0);  // in place of its own
+    EXPECT_EQ(Add(receiver, 2049), MIGRATE_RESULT_OFFSET + MIGRATE_TOO_MANY);
+    Register(receiver, 1);  // in place of its own
     const std::string name(1025, 'c');
-    EXPECT_NE(Ask(Code::REGISTER_RESERVE_OBSERVER, name.c_str(), sptr<IRemoteObject>(object)), 0);
-    EXPECT_EQ(Ask(Code::REGISTER_RESERVE_OBSERVER, name.c_str() + 1, sptr<IRemoteObject>(object)), 0);
+    EXPECT_NE(Ask(Code::REGISTER_RESERVE_OBSERVER, name.c_str(), sptr<IRemoteObject>(receiver.object)), 0);
+    EXPECT_EQ(Ask(Code::REGISTER_RESERVE_OBSERVER, name.c_str() + 1, sptr<IRemoteObject>(receiver.object)), 0);
+    Ask(Code::START_MIGRATE);
+    EXPECT_TRUE(Eventually([&] { return receiver.Finished() == 2048; }));
+    const auto threads = std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator());
+    EXPECT_LT(threads, 500);
 }
 
 TEST_F(ServiceCallbacks, AnObserverHearsOfEveryRestorationUntilItIsWithdrawn)

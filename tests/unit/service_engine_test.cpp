@@ -126,9 +126,10 @@ TEST_F(ServiceEngine, ASecondRunReplacesWhatTheFirstHasPlacedAndNothingElseAndIt
     EXPECT_EQ(engine->OwnBackups(5), 0);
     Run();
     EXPECT_EQ(engine->OwnBackups(6), MIGRATE_ERROR_OWNER);
+    EXPECT_TRUE(engine->OwnBackups(0) == 0 && engine->OwnBackups(5) == MIGRATE_ERROR_OWNER);  // root takes anybody's
     Folders::Write(folders.Source() / "a" / "data" / "file", "new");
     fs::rename(folders.Target() / "b", folders.Root() / "away");
-    EXPECT_EQ(engine->OwnBackups(5), MIGRATE_ERROR_TARGET);
+    EXPECT_EQ(engine->OwnBackups(0), MIGRATE_ERROR_TARGET);
     Folders::Write(folders.Target() / "b" / "precious", "mine");
     EXPECT_EQ(MoveAll(), "error 1: a:3/0 b:4/23 ");
     EXPECT_EQ(FileText(folders.Target() / "a" / "data" / "file"), "new");

@@ -9,9 +9,12 @@
 #include "json_parse.h"
 #include "migrate_server_stub.h"
 #include "service_fixture.h"
+#include "support/requests.h"
 #include "vexa/want/want.h"
 
 namespace VEXA::UpdateEngine::test {
+
+inline constexpr gid_t CONTROL_GROUP = 4242;
 
 class RequestsTest : public EngineTest {
 protected:
@@ -27,16 +30,9 @@ protected:
     {
         Open(bytesPerSecond);
         hub->Attach(engine);
-        stub = sptr<MigrateServerStub>(new MigrateServerStub(engine, hub));
+        stub = sptr<MigrateServerStub>(new MigrateServerStub(engine, hub, CONTROL_GROUP));
         engine->Start();
     }
-
-    static void Put(MessageParcel& data, bool value) { data.WriteBool(value); }
-    static void Put(MessageParcel& data, int32_t value) { data.WriteInt32(value); }
-    static void Put(MessageParcel& data, uint32_t value) { data.WriteUint32(value); }
-    static void Put(MessageParcel& data, const char* value) { data.WriteString(value); }
-    static void Put(MessageParcel& data, const sptr<IRemoteObject>& value) { data.WriteRemoteObject(value); }
-    static void Put(MessageParcel& data, const AAFwk::Want& value) { data.WriteParcelable(&value); }
 
     // The transport's result; the texts of the reply are in `replies`, a leading int64 in `number`.
     template <typename... Fields>
@@ -46,7 +42,7 @@ protected:
         MessageParcel reply;
         MessageOption option;
         data.WriteInterfaceToken(token);
-        (Put(data, fields), ...);
+        (VEXA::test::PutField{data}(fields), ...);
         const int32_t result = ipc::CarryOut(*stub, static_cast<uint32_t>(code), data, reply, option, caller);
         number = code == Code::GET_MIGRATION_DATA_SIZE && result == 0 ? reply.ReadInt64() : -1;
         replies.clear();

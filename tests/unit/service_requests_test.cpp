@@ -5,6 +5,7 @@
 
 #include "native_migrate/set_backup_file_own_stub.h"
 #include "service_requests_fixture.h"
+#include "vexa/testing/recording_log_sink.h"
 
 namespace VEXA::UpdateEngine::test {
 namespace {
@@ -13,27 +14,61 @@ using ServiceRequests = RequestsTest;
 
 class OwnNotice : public SetBackupFileOwnStub {
 public:
-    void OnSetBackupFileOwnFinished(int32_t errorCode) override { code = errorCode; }
+    void OnSetBackupFileOwnFinished(int32_t errorCode) override
+    {
+        code = errorCode;
+        Eventually([this] { return !isHeld; });
+    }
     std::atomic<int32_t> code{-1};
+    std::atomic<bool> isHeld{false};
 };
 
-TEST_F(ServiceRequests, WrongTokensUnknownCodesAndBadFieldsAreAnswered)
+const int32_t BAD = MIGRATE_RESULT_OFFSET + MIGRATE_BAD_ARGUMENT;
+
+TEST_F(ServiceRequests, EveryRequestHasItsRowAndOnlyFewMayChangeSomething)
+{
+    Run();
+    const std::set<uint32_t> changing{5, 6, 7, 8, 11, 13, 17, 19, 22, 23, 25, 26, 29, 31};
+    const std::set<uint32_t> asking{1, 2, 3, 4, 9, 10, 12, 14, 15, 16, 18, 20, 21, 24, 27, 28};
+    const std::set<uint32_t> withoutFields{3, 4, 5, 10, 14, 15, 17, 28};
+    std::set<uint32_t> rows;
+    std::ranges::transform(MigrateServerStub::Rows(), std::inserter(rows, rows.end()),
+        [](const RequestRow& row) { return static_cast<uint32_t>(row.code); });
+    std::set<uint32_t> tested;
+    std::ranges::set_union(changing, asking, std::inserter(tested, tested.end()));
+    EXPECT_TRUE(rows == VEXA::test::REQUEST_CODES && tested == VEXA::test::REQUEST_CODES);
+    const bool isRoot = geteuid() == 0;
+    ASSERT_TRUE(!isRoot || seteuid(4711) == 0);
+    const std::tuple<uid_t, std::vector<gid_t>, bool> callers[] = {{12345, {1}, false}, {uid_t(-1), {}, false},
+        {0, {}, true}, {geteuid(), {}, true}, {12345, {1, CONTROL_GROUP}, true}};
+    for (const auto& [user, groups, mayChange] : callers) {
+        caller = {{77, user, 1}, 1, groups};
+        for (const RequestRow& row : MigrateServerStub::Rows()) {
+            const auto code = static_cast<uint32_t>(row.code);
+            const bool isRefused = changing.contains(code) && !mayChange;
+            const int32_t answer = withoutFields.contains(code) ? 0 : BAD;  // there is nothing behind the token
+            const RecordedMessage line{isRefused ? KOLOG_WARN : KOLOG_INFO, "migrate_server_stub.cpp",
+                row.name + (" of process 77, user " + std::to_string(static_cast<int32_t>(user))) +
+                    (isRefused ? ": refused" : "")};
+            RecordingLogSink log;
+            EXPECT_EQ(Ask(row.code), isRefused ? MIGRATE_RESULT_OFFSET + MIGRATE_NOT_ALLOWED : answer) << line;
+            EXPECT_EQ(std::ranges::count(log.Messages(), line), changing.contains(code)) << line;
+            EXPECT_TRUE(!isRefused || (log.Messages().size() == 1 && State() == TaskStatus::IDLE)) << line;
+        }
+    }
+    ASSERT_TRUE(!isRoot || seteuid(0) == 0);
+    for (uint32_t code = 0; code <= 256; ++code) {
+        EXPECT_EQ(Ask(static_cast<Code>(code - 1)) == IPC_UNKNOWN_REQUEST, !rows.contains(code - 1)) << code - 1;
+    }
+}
+
+TEST_F(ServiceRequests, WrongTokensAndBadFieldsAreAnswered)
 {
     Run();
     token.back() = u's';
     EXPECT_EQ(Ask(Code::START_MIGRATE), MIGRATE_UNREACHABLE);
     token = MIGRATE_SERVER_DESCRIPTOR;
     EXPECT_EQ(State(), TaskStatus::IDLE);  // nothing was started
-    for (const uint32_t code : {0U, 30U, 32U, UINT32_MAX}) {
-        EXPECT_EQ(Ask(static_cast<Code>(code)), IPC_UNKNOWN_REQUEST) << code;
-    }
-
-    const int32_t bad = MIGRATE_RESULT_OFFSET + MIGRATE_BAD_ARGUMENT;
-    // Nothing behind the token.
-    for (const int code : {1, 2, 6, 7, 8, 9, 11, 12, 13, 16, 18, 19, 20, 21, 22, 23, 24, 25, 26, 27, 29, 31}) {
-        EXPECT_EQ(Ask(static_cast<Code>(code)), bad) << code;
-        EXPECT_TRUE(replies.empty());
-    }
     const sptr<IRemoteObject> noObject;
     EXPECT_THAT((std::vector{Ask(Code::GET_MIGRATE_STATUS, 6U), Ask(Code::START_PAK_MIGRATE, ""),
                     Ask(Code::REMOVE_MIGRATE, -2), Ask(Code::SET_MIGRATE_POLICY, 2), Ask(Code::PRESET_DATA, "[]"),
@@ -42,7 +77,7 @@ TEST_F(ServiceRequests, WrongTokensUnknownCodesAndBadFieldsAreAnswered)
                     Ask(Code::GET_RESTORE_APP_INFOS, "only the name"), Ask(Code::ADJUST_APP_PRIORITY, "r", "7x"),
                     Ask(Code::ADJUST_APP_PRIORITY, "r", "9999999999"), Ask(Code::REGISTER_PROGRESS_CALLBACK, noObject),
                     Ask(Code::REGISTER_RESERVE_OBSERVER, "caller", noObject)}),
-        testing::Each(bad));
+        testing::Each(BAD));
     EXPECT_THAT((std::vector{Ask(Code::RESTORE_APP, "r", ""), Ask(Code::GET_RESTORE_APP_STATUS, "r", ""),
                     Ask(Code::GET_RESTORE_APP_INFOS, "r", -1)}),
         testing::Each(MIGRATE_RESULT_OFFSET + MIGRATE_NO_SUCH_APP));
@@ -122,14 +157,26 @@ TEST_F(ServiceRequests, TheOwnerOfBackupFilesIsToldTheOutcome)
 {
     folders.AddPackage("a", 10);
     Run();
-    for (const int32_t expected : {MIGRATE_ERROR_NOTHING, 0}) {
-        const sptr<OwnNotice> notice(new OwnNotice);
+    caller.groups = {CONTROL_GROUP};
+    const sptr<OwnNotice> notice(new OwnNotice);
+    for (const auto& [user, expected] : {std::pair(5U, MIGRATE_ERROR_NOTHING), {5U, 0}, {6U, MIGRATE_ERROR_OWNER}}) {
+        caller.uid = user;
+        notice->code = -1;
         EXPECT_EQ(Ask(Code::SET_BACKUP_FILE_OWN, notice->AsObject()), 0);
         EXPECT_TRUE(replies.empty());
         EXPECT_TRUE(Eventually([&] { return notice->code == expected; })) << notice->code;
         Ask(Code::START_MIGRATE);
         ASSERT_TRUE(Ends());
     }
+    // While one is under way, 64 more have room.
+    notice->code = -1;
+    notice->isHeld = true;
+    for (int waiting = 0; waiting <= 65; ++waiting) {
+        const int32_t expected = waiting <= 64 ? 0 : MIGRATE_RESULT_OFFSET + MIGRATE_TOO_MANY;
+        EXPECT_EQ(Ask(Code::SET_BACKUP_FILE_OWN, notice->AsObject()), expected) << waiting;
+        ASSERT_TRUE(Eventually([&] { return notice->code == MIGRATE_ERROR_OWNER; }));
+    }
+    notice->isHeld = false;
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "process.h"
+#include "support/requests.h"
 #include "vexa/base/mutex.h"
 #include "vexa/ipc/context_object.h"
 #include "vexa/ipc/ipc_object_stub.h"
@@ -54,7 +55,7 @@ public:
     explicit Call(const sptr<IRemoteObject>& object, Code code, const Arguments&... arguments)
         : object_(object), code_(code)
     {
-        (Write(arguments), ...);
+        (PutField{data_}(arguments), ...);
     }
     int32_t Send(MessageOption option = MessageOption()) { return object_->SendRequest(code_, data_, reply_, option); }
     // The answer of a request that is expected to succeed.
@@ -63,10 +64,6 @@ public:
     MessageParcel& Reply() { return reply_; }
 
 private:
-    void Write(int32_t value) { data_.WriteInt32(value); }
-    void Write(const std::string& value) { data_.WriteString(value); }
-    void Write(const sptr<IRemoteObject>& value) { data_.WriteRemoteObject(value); }
-
     const sptr<IRemoteObject> object_;
     const Code code_;
     MessageParcel data_;
