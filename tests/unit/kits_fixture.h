@@ -60,9 +60,6 @@ inline ScriptedRemoteObject::Handler Answer(uint32_t code, Fields request, Field
     };
 }
 
-// The reserve client's requests; the others are the migration client's.
-inline const std::vector<uint32_t> RESERVE_CODES{18, 19, 20, 21, 22, 23, 24, 29};
-
 using Lines = std::vector<RecordedMessage>;
 
 inline Lines operator+(Lines left, const Lines& right)

@@ -1,10 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
-// The operations of the migration client: what each sends, binds and logs.
+// The operations of both clients: what each sends, binds and logs, and who may.
+#include <map>
+#include <set>
 #include <sstream>
 
 #include "kits_fixture.h"
 #include "migrate_server_kits_impl.h"
+#include "migrate_server_stub.h"
 #include "native_migrate/iset_backup_file_own_interface.h"
+#include "native_migrate/reserve_migrate_kits.h"
+#include "native_migrate/reserve_migrate_status_observer_stub.h"
 
 namespace VEXA::UpdateEngine {
 namespace {
@@ -39,112 +44,167 @@ const char* const UNTOUCHED = "before -1 0 0  0 0";
 const Field ERROR = R"({"message":"m","errorNum":7})";
 const char* const ONLY_ERROR = "before -1 0 0  0 7m";
 
+const Fields TEXT{"no { json"};
+const char* const ONLY_TEXT = "no { json -1 0 0  0 0";
+
+struct Clients {
+    MigrateServerKitsImpl kits;
+    ReserveMigrateKits reserve;
+};
+
 struct OperationCase {
     uint32_t code;
+    Who who;
     const char* startLine;
-    const char* resultName;  // null: a failed request has no line of its own
-    int32_t (*call)(MigrateServerKits&, Outputs&);
+    const char* failed;  // of the line of a failed request; null: there is none. The reserve client's has a " call "
+    int32_t (*call)(Clients&, Outputs&);
     Fields request;
     Fields reply = {ERROR};
     const char* shown = ONLY_ERROR;
+    const char* noToken = " InterfaceToken write error";  // of the reserve client
 };
 
-#define CALL(...) [](MigrateServerKits& kits, [[maybe_unused]] Outputs& out) { return kits.__VA_ARGS__; }
+#define CALL(...) [](Clients& both, [[maybe_unused]] Outputs& out) { return both.kits.__VA_ARGS__; }
+#define RESERVE(...) [](Clients& both, Outputs& out) { return both.reserve.__VA_ARGS__; }
 #define IMPL "MigrateServerKitsImpl::"
+class Observer : public ReserveMigrateStatusObserverStub {
+    int32_t OnRestoreStatusChanged(const std::string&) override { return 0; }
+};
+const char* const MIGRATION_FILE = "migrate_server_kits_impl.cpp";
+const sptr<IReserveMigrateStatusObserver> AN_OBSERVER(new Observer);
 const sptr<IRemoteObject> A_PROXY(new ScriptedRemoteObject);
+using enum Who;
 constexpr MigrateStage STAGE = static_cast<MigrateStage>(3);
 
 const OperationCase OPERATION_CASES[] = {
-    {1, "GetMigrateStatus start", IMPL "GetMigrateStatus", CALL(GetMigrateStatus(STAGE, out.status, out.error)), {3U},
-        {R"({"status":2})", ERROR}, "before -1 2 0  0 7m"},
-    {2, IMPL "getMigrateInfo start", IMPL "getMigrateInfo", CALL(GetMigrateInfo(STAGE, out.info, out.error)), {3U},
-        {R"({"migrateProgress":{"percent":40}})", ERROR}, "before -1 0 40  0 7m"},
-    {3, IMPL "getPakMigrateInfo start", IMPL "getPakMigrateInfo", CALL(GetPakMigrateInfo(out.paks, out.error)), {},
-        {R"([{"source":"p"}])", ERROR}, "before -1 0 0 p 0 7m"},
-    {4, IMPL "GetApkInfo start", IMPL "GetApkInfo", CALL(GetApkInfo(out.apks, out.error)), {}, {R"(["x"])", ERROR},
-        "before -1 0 0 x 0 7m"},
-    {5, IMPL "startMigrate start", IMPL "StartMigrate", CALL(StartMigrate(out.error)), {}},
-    {6, IMPL "startPakMigrate", IMPL "StartPakMigrate", CALL(StartPakMigrate("p", out.error)), {"p"}},
-    {7, IMPL "RemoveMigrate start", IMPL "RemoveMigrate", CALL(RemoveMigrate(-9, out.error)), {-9}},
-    {8, IMPL "RemovePakMigrate start", IMPL "RemovePakMigrate", CALL(RemovePakMigrate("", out.error)), {""}},
-    {9, "RegisterProgressCallBack Start", "RegisterProgressCallBack", CALL(On({})), {AN_OBJECT}, {}, UNTOUCHED},
-    {10, "UnRegisterAllProgressCallBack", "UnRegisterProgressCallBack", CALL(Off()), {}, {}, UNTOUCHED},
-    {11, "SetMigratePolicy", "SetMigratePolicy", CALL(SetMigratePolicy({1, 2}, out.error)), {2}},
-    {12, "CheckAppRestore, bundleName b", "CheckAppRestore", CALL(CheckAppRestore("b", out.text, out.error)), {"b"},
-        {"no { json", ERROR}, "no { json -1 0 0  0 7m"},
-    {13, "PresetData", "PresetData", CALL(PresetData("d", out.error)), {"d"}},
-    {14, "GetMigrateResult", "GetMigrateResult", CALL(GetMigrateResult(out.text, out.error)), {}, {"", ERROR},
+    {1, ANYBODY, "GetMigrateStatus start", IMPL "GetMigrateStatus",
+        CALL(GetMigrateStatus(STAGE, out.status, out.error)), {3U}, {R"({"status":2})", ERROR}, "before -1 2 0  0 7m"},
+    {2, ANYBODY, IMPL "getMigrateInfo start", IMPL "getMigrateInfo", CALL(GetMigrateInfo(STAGE, out.info, out.error)),
+        {3U}, {R"({"migrateProgress":{"percent":40}})", ERROR}, "before -1 0 40  0 7m"},
+    {3, ANYBODY, IMPL "getPakMigrateInfo start", IMPL "getPakMigrateInfo", CALL(GetPakMigrateInfo(out.paks, out.error)),
+        {}, {R"([{"source":"p"}])", ERROR}, "before -1 0 0 p 0 7m"},
+    {4, ANYBODY, IMPL "GetApkInfo start", IMPL "GetApkInfo", CALL(GetApkInfo(out.apks, out.error)), {},
+        {R"(["x"])", ERROR}, "before -1 0 0 x 0 7m"},
+    {5, CONTROL, IMPL "startMigrate start", IMPL "StartMigrate", CALL(StartMigrate(out.error)), {}},
+    {6, CONTROL, IMPL "startPakMigrate", IMPL "StartPakMigrate", CALL(StartPakMigrate("p", out.error)), {"p"}},
+    {7, CONTROL, IMPL "RemoveMigrate start", IMPL "RemoveMigrate", CALL(RemoveMigrate(-9, out.error)), {-9}},
+    {8, CONTROL, IMPL "RemovePakMigrate start", IMPL "RemovePakMigrate", CALL(RemovePakMigrate("", out.error)), {""}},
+    {9, ANYBODY, "RegisterProgressCallBack Start", "RegisterProgressCallBack", CALL(On({})), {AN_OBJECT}, {},
+        UNTOUCHED},
+    {10, ANYBODY, "UnRegisterAllProgressCallBack", "UnRegisterProgressCallBack", CALL(Off()), {}, {}, UNTOUCHED},
+    {11, CONTROL, "SetMigratePolicy", "SetMigratePolicy", CALL(SetMigratePolicy({1, 2}, out.error)), {2}},
+    {12, ANYBODY, "CheckAppRestore, bundleName b", "CheckAppRestore", CALL(CheckAppRestore("b", out.text, out.error)),
+        {"b"}, {"no { json", ERROR}, "no { json -1 0 0  0 7m"},
+    {13, CONTROL, "PresetData", "PresetData", CALL(PresetData("d", out.error)), {"d"}},
+    {14, ANYBODY, "GetMigrateResult", "GetMigrateResult", CALL(GetMigrateResult(out.text, out.error)), {}, {"", ERROR},
         " -1 0 0  0 7m"},
-    {15, "GetMigrationUsers", "GetMigrationUsers", CALL(GetMigrationUsers(out.users, out.error)), {},
+    {15, ANYBODY, "GetMigrationUsers", "GetMigrationUsers", CALL(GetMigrationUsers(out.users, out.error)), {},
         {R"([{"targetUser":5},{}])", ERROR}, "before -1 0 0 -1 0 7m"},
-    {16, "GetModuleMigrationPolicy", "GetModuleMigrationPolicy",
+    {16, ANYBODY, "GetModuleMigrationPolicy", "GetModuleMigrationPolicy",
         CALL(GetModuleMigrationPolicy(true, {{1, "a"}, {2, "\""}}, out.policies, out.error)),
         {true, R"([{"type":1,"id":"a"},{"type":2,"id":"\""}])"}, {R"([{"sourceModuleInfo":{"id":"s"}}])", ERROR},
         "before -1 0 0 s 0 7m"},
-    {16, "GetModuleMigrationPolicy", "GetModuleMigrationPolicy",
+    {16, ANYBODY, "GetModuleMigrationPolicy", "GetModuleMigrationPolicy",
         CALL(GetModuleMigrationPolicy(false, {}, out.policies, out.error)), {false, "[]"}, {"no json", ERROR}},
-    {17, IMPL "resumeMigration start", IMPL "ResumeMigration", CALL(ResumeMigration(out.error)), {}, {"no json"},
-        UNTOUCHED},
-    {25, IMPL "notifyEmporionCoreEvent start", IMPL "NotifyEmporionCoreEvent",
+    {17, CONTROL, IMPL "resumeMigration start", IMPL "ResumeMigration", CALL(ResumeMigration(out.error)), {},
+        {"no json"}, UNTOUCHED},
+    {25, CONTROL, IMPL "notifyEmporionCoreEvent start", IMPL "NotifyEmporionCoreEvent",
         CALL(NotifyEmporionCoreEvent(AAFwk::Want().SetAction("event"), out.error)), {AAFwk::Want().SetAction("event")}},
-    {26, "StartPakMigration, packageName:p, bundleName:b", IMPL "START_PAK_MIGRATION",
+    {26, CONTROL, "StartPakMigration, packageName:p, bundleName:b", IMPL "START_PAK_MIGRATION",
         CALL(StartPakMigration("p", "b", "x", out.error)), {"p", "b", "x"}},
-    {27, IMPL "GetPakMigrationTaskStatus start, bundleName:b", IMPL "GetPakMigrationTaskStatus",
+    {27, ANYBODY, IMPL "GetPakMigrationTaskStatus start, bundleName:b", IMPL "GetPakMigrationTaskStatus",
         CALL(GetPakMigrationTaskStatus("b", out.reserve, out.error)), {"b"}, {R"({"errorInfo":{"code":4}})", ERROR},
         "before -1 0 0  4 7m"},
-    {28, IMPL "GetMigrationDataSize", IMPL "GetMigrationDataSize", CALL(GetMigrationDataSize(out.size, out.error)), {},
-        {int64_t{1} << 40, ERROR}, "before 1099511627776 0 0  0 7m"},
-    {31, IMPL "SetBackupFileOwn", nullptr, CALL(SetBackupFileOwn(iface_cast<ISetBackupFileOwnInterface>(A_PROXY))),
-        {AN_OBJECT}, {}, UNTOUCHED},
+    {28, ANYBODY, IMPL "GetMigrationDataSize", IMPL "GetMigrationDataSize",
+        CALL(GetMigrationDataSize(out.size, out.error)), {}, {int64_t{1} << 40, ERROR},
+        "before 1099511627776 0 0  0 7m"},
+    {31, CONTROL, IMPL "SetBackupFileOwn", nullptr,
+        CALL(SetBackupFileOwn(iface_cast<ISetBackupFileOwnInterface>(A_PROXY))), {AN_OBJECT}, {}, UNTOUCHED},
+    {18, ANYBODY, "GetRestoreAppInfos", "GetRestoreAppInfos call eroor", RESERVE(GetRestoreAppInfos("t", -1, out.text)),
+        {"t", -1}, TEXT, ONLY_TEXT},
+    {19, CONTROL, "RestoreApp", "RestoreApp call eroor", RESERVE(RestoreApp("a", "b", out.text)), {"a", "b"}, TEXT,
+        ONLY_TEXT},
+    {20, ANYBODY, "RegisterCallback", "RegisterCallback call eroor",
+        RESERVE(RegisterCallback("c", AN_OBSERVER, out.text)), {"c", AN_OBJECT}, TEXT, ONLY_TEXT},
+    {21, ANYBODY, "UnRegisterCallback", "RegisterCallback call eroor", RESERVE(UnRegisterCallback("c", out.text)),
+        {"c"}, TEXT, ONLY_TEXT, " WriteInterfaceToken error"},
+    {22, CONTROL, "ClearApp", "ClearApp call error", RESERVE(ClearApp("a", "b", out.text)), {"a", "b"}, TEXT,
+        ONLY_TEXT},
+    {23, CONTROL, "ClearAllVirtualData", "ClearAllVirtualData call error", RESERVE(ClearAllVirtualData("t", out.text)),
+        {"t"}, TEXT, ONLY_TEXT},
+    {24, ANYBODY, "GetRestoreAppStatus", "GetRestoreAppStatus call error",
+        RESERVE(GetRestoreAppStatus("a", "", out.text)), {"a", ""}, TEXT, ONLY_TEXT},
+    {29, CONTROL, "AdjustAppPriority", "AdjustAppPriority call eroor", RESERVE(AdjustAppPriority("a", "b", out.text)),
+        {"a", "b"}, TEXT, ONLY_TEXT},
 };
 
-const LinesOf CLIENT{"migrate_server_kits_impl.cpp"};
-
-class KitsRequestsTest : public KitsTest {
-protected:
-    void RunCase(const OperationCase& operation, int32_t result, const Lines& lines)
-    {
-        Outputs outputs;
-        RecordingLogSink log;
-        EXPECT_EQ(operation.call(kits_, outputs), result);
-        EXPECT_EQ(Show(outputs), result == 0 ? operation.shown : UNTOUCHED);
-        EXPECT_EQ(log.Messages(), CLIENT.Info({operation.startLine}) + lines);
-    }
-
-    MigrateServerKitsImpl kits_;
-};
+using KitsRequestsTest = KitsTest;
 
 TEST_F(KitsRequestsTest, EveryOperationSendsBindsMapsAndLogs)
 {
-    std::set<uint32_t> tested(RESERVE_CODES.begin(), RESERVE_CODES.end());
-    std::ranges::transform(OPERATION_CASES, std::inserter(tested, tested.end()), &OperationCase::code);
-    EXPECT_EQ(tested, VEXA::test::REQUEST_CODES);
-    RunCase({31, IMPL "SetBackupFileOwn", nullptr, CALL(SetBackupFileOwn(nullptr)), {}}, 104,
-        CLIENT.Error({"SetBackupFileOwn callback is null"}));
+    Clients clients;
+    LinesOf client{MIGRATION_FILE};
+    const auto run = [&](const OperationCase& operation, int32_t result, const Lines& lines) {
+        Outputs outputs;
+        RecordingLogSink log;
+        EXPECT_EQ(operation.call(clients, outputs), result);
+        EXPECT_EQ(Show(outputs), result == 0 ? operation.shown : UNTOUCHED);
+        EXPECT_EQ(log.Messages(), client.Info({operation.startLine}) + lines);
+    };
+    run({31, CONTROL, IMPL "SetBackupFileOwn", nullptr, CALL(SetBackupFileOwn(nullptr)), {}}, 104,
+        client.Error({"SetBackupFileOwn callback is null"}));
     EXPECT_TRUE(manager_->Calls().empty());  // it is refused before any lookup
-    const Lines entry = CLIENT.Info({"GetService entry"});
-    for (const OperationCase& operation : OPERATION_CASES) {
-        SCOPED_TRACE(operation.startLine);
-        RunCase(operation, 104,
-            entry + CLIENT.Info({"GetService recreate service instance"}) +
-                CLIENT.Error({"Get remote object from samgr failed", "Service is null"}));
-    }
-    const sptr<ScriptedRemoteObject> service = RunService();
-    kits_.GetService();
-    for (const OperationCase& operation : OPERATION_CASES) {
-        for (const auto& [transport, result] : OUTCOMES) {
-            SCOPED_TRACE(operation.startLine + std::to_string(transport));
-            service->SetHandler(Answer(operation.code, operation.request, operation.reply, transport));
-            Lines lines = entry + ProxyLines(transport);
-            if (result != 0 && operation.resultName != nullptr) {
-                lines = lines + CLIENT.Error({operation.resultName + (" result is " + std::to_string(result))});
-            }
-            RunCase(operation, result, lines);
+    for (const bool isRunning : {false, true}) {
+        const sptr<ScriptedRemoteObject> service = isRunning ? RunService() : nullptr;
+        if (isRunning) {
+            clients.kits.GetService();
+            clients.reserve.GetService();
         }
-        const RefusingParcels refusing;
-        RunCase(operation, 104, entry + CLIENT.Error({"MigrateServerKitsImpl WriteInterfaceToken fail"}));
+        for (const OperationCase& operation : OPERATION_CASES) {
+            SCOPED_TRACE(operation.startLine);
+            const std::string failed = operation.failed != nullptr ? operation.failed : "";
+            const size_t call = failed.find(" call ");
+            const bool isReserve = call != std::string::npos;
+            client = {isReserve ? "reserve_migrate_kits.cpp" : MIGRATION_FILE};
+            const Lines entry = client.Info({"GetService entry"});
+            const auto refusal = [&](const char* reserve, const char* migration) {
+                return isReserve ? client.Info({failed.substr(0, call) + reserve}) : client.Error({migration});
+            };
+            if (!isRunning) {
+                run(operation, 104,
+                    entry + client.Info({"GetService recreate service instance"}) +
+                        client.Error({"Get remote object from samgr failed"}) +
+                        refusal(" error, remote server is null", "Service is null"));
+                continue;
+            }
+            for (const auto& [transport, result] : OUTCOMES) {
+                SCOPED_TRACE(transport);
+                service->SetHandler(Answer(operation.code, operation.request, operation.reply, transport));
+                const std::string line = failed + (isReserve ? ", ret=" : " result is ") + std::to_string(result);
+                const bool hasLine = result != 0 && !failed.empty();
+                run(operation, result, entry + ProxyLines(transport) + (hasLine ? client.Error({line}) : Lines()));
+            }
+            const RefusingParcels refusing;
+            run(operation, 104, entry + refusal(operation.noToken, "MigrateServerKitsImpl WriteInterfaceToken fail"));
+        }
+        EXPECT_TRUE(!isRunning || service->Requests().size() == std::size(OPERATION_CASES) * std::size(OUTCOMES));
     }
-    EXPECT_EQ(service->Requests().size(), std::size(OPERATION_CASES) * std::size(OUTCOMES));
+}
+
+TEST(RequestRowsTest, EveryRequestHasItsRowsAndTheServiceKnowsWhoMay)
+{
+    std::map<uint32_t, Who> tested;
+    for (const OperationCase& operation : OPERATION_CASES) {
+        tested[operation.code] = operation.who;
+    }
+    std::map<uint32_t, Who> served;
+    std::set<uint32_t> codes;
+    for (const RequestRow& row : MigrateServerStub::Rows()) {
+        served.emplace(static_cast<uint32_t>(row.code), row.who);
+        EXPECT_TRUE(codes.insert(static_cast<uint32_t>(row.code)).second) << row.name;
+    }
+    EXPECT_EQ(tested, served);
+    EXPECT_EQ(codes, VEXA::test::REQUEST_CODES);
 }
 
 }  // namespace

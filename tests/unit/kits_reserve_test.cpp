@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The reserve client: its operations, its observers across deaths of the service, and its own end.
+// The reserve client: its observers across deaths of the service, and its own end.
 #include <optional>
 
 #include "kits_fixture.h"
@@ -16,72 +16,6 @@ class Observer : public ReserveMigrateStatusObserverStub {
 
 const LinesOf CLIENT{"reserve_migrate_kits.cpp"};
 const Lines LOOKUP = CLIENT.Info({"GetService entry", "GetService recreate service instance"});
-
-struct ReserveCase {
-    uint32_t code;
-    const char* name;
-    int32_t (*call)(ReserveMigrateKits&, std::string&);
-    Fields request;
-    const char* failure;
-    std::string nameInLines;
-    const char* token = " InterfaceToken write error";
-};
-
-#define CALL(name, ...) \
-#name, [](ReserveMigrateKits & kits, std::string & reply) { return kits.name(__VA_ARGS__, reply); }
-
-const ReserveCase RESERVE_CASES[] = {
-    {18, CALL(GetRestoreAppInfos, "t", -1), {"t", -1}, "eroor", "GetRestoreAppInfos"},
-    {19, CALL(RestoreApp, "a", "b"), {"a", "b"}, "eroor", "RestoreApp"},
-    {20, CALL(RegisterCallback, "c", new Observer), {"c", AN_OBJECT}, "eroor", "RegisterCallback"},
-    {21, CALL(UnRegisterCallback, "c"), {"c"}, "eroor", "RegisterCallback", " WriteInterfaceToken error"},
-    {22, CALL(ClearApp, "a", "b"), {"a", "b"}, "error", "ClearApp"},
-    {23, CALL(ClearAllVirtualData, "t"), {"t"}, "error", "ClearAllVirtualData"},
-    {24, CALL(GetRestoreAppStatus, "a", ""), {"a", ""}, "error", "GetRestoreAppStatus"},
-    {29, CALL(AdjustAppPriority, "a", "b"), {"a", "b"}, "eroor", "AdjustAppPriority"},
-};
-
-class ReserveRequestsTest : public KitsTest {
-protected:
-    void RunCase(const ReserveCase& operation, int32_t result, const char* replyText, const Lines& lines)
-    {
-        std::string reply = "before";
-        RecordingLogSink log;
-        EXPECT_EQ(operation.call(kits_, reply), result);
-        EXPECT_EQ(reply, replyText);
-        EXPECT_EQ(log.Messages(), CLIENT.Info({operation.name}) + lines);
-    }
-
-    ReserveMigrateKits kits_;
-};
-
-TEST_F(ReserveRequestsTest, EveryOperationSendsMapsAndLogs)
-{
-    EXPECT_TRUE(std::ranges::equal(RESERVE_CASES, RESERVE_CODES, {}, &ReserveCase::code));
-    const Lines entry = CLIENT.Info({"GetService entry"});
-    for (const ReserveCase& operation : RESERVE_CASES) {
-        SCOPED_TRACE(operation.name);
-        RunCase(operation, 104, "before",
-            LOOKUP + CLIENT.Error({"Get remote object from samgr failed"}) +
-                CLIENT.Info({operation.nameInLines + " error, remote server is null"}));
-    }
-    const sptr<ScriptedRemoteObject> service = RunService();
-    kits_.GetService();
-    for (const ReserveCase& operation : RESERVE_CASES) {
-        for (const auto& [transport, result] : OUTCOMES) {
-            SCOPED_TRACE(operation.name + std::to_string(transport));
-            const char* const text = transport == 2000 ? "" : "no { json";
-            service->SetHandler(Answer(operation.code, operation.request, {text}, transport));
-            const Lines failed = CLIENT.Error(
-                {operation.nameInLines + " call " + operation.failure + ", ret=" + std::to_string(result)});
-            RunCase(operation, result, result == 0 ? text : "before",
-                entry + ProxyLines(transport) + (result == 0 ? Lines() : failed));
-        }
-        const RefusingParcels refusing;
-        RunCase(operation, 104, "before", entry + CLIENT.Info({operation.nameInLines + operation.token}));
-    }
-    EXPECT_EQ(service->Requests().size(), std::size(RESERVE_CASES) * std::size(OUTCOMES));
-}
 
 class ReserveObserversTest : public KitsTest {
 protected:
