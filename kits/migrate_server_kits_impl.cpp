@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "native_migrate/migrate_callback_stub.h"
+#include "vexa/base/delayed_ref_singleton.h"
 
 namespace VEXA::UpdateEngine {
 
@@ -13,11 +14,6 @@ constexpr MigrateRequest::RefusalLines REFUSAL_LINES{
     KOLOG_ERROR, KITS_LINE("Service is null"), KITS_LINE("MigrateServerKitsImpl WriteInterfaceToken fail")};
 
 }  // namespace
-
-MigrateServerKits& MigrateServerKits::GetKitsInstance()
-{
-    return MigrateServerKitsImpl::GetInstance();
-}
 
 // The process's instance lives for ever, so the death handler may hold it by a plain pointer.
 MigrateServerKitsImpl::MigrateServerKitsImpl()
@@ -37,60 +33,178 @@ int32_t MigrateServerKitsImpl::Call(
     });
 }
 
-int32_t MigrateServerKitsImpl::GetMigrateStatus(const MigrateStage& stage, MigrateStatus& status, BusinessError& error)
+namespace {
+
+// The operations that are one request and nothing else.
+class MigrateServerOperations final : public MigrateServerKitsImpl,
+                                      public DelayedRefSingleton<MigrateServerOperations> {
+public:
+    int32_t GetMigrateStatus(const MigrateStage& stage, MigrateStatus& status, BusinessError& error) override
+    {
+        KITS_LOGI("GetMigrateStatus start");
+        return Call(LOG_SITE(), MigrateRequestCode::GET_MIGRATE_STATUS, "MigrateServerKitsImpl::GetMigrateStatus",
+            Args(stage), Replies(status, error));
+    }
+
+    int32_t StartMigrate(BusinessError& error) override
+    {
+        KITS_LOGI("MigrateServerKitsImpl::startMigrate start");
+        return Call(LOG_SITE(), MigrateRequestCode::START_MIGRATE, "MigrateServerKitsImpl::StartMigrate", Args(),
+            Replies(error));
+    }
+
+    int32_t StartPakMigrate(const std::string& request, BusinessError& error) override
+    {
+        KITS_LOGI("MigrateServerKitsImpl::startPakMigrate");
+        return Call(LOG_SITE(), MigrateRequestCode::START_PAK_MIGRATE, "MigrateServerKitsImpl::StartPakMigrate",
+            Args(request), Replies(error));
+    }
+
+    int32_t RemoveMigrate(int32_t request, BusinessError& error) override
+    {
+        KITS_LOGI("MigrateServerKitsImpl::RemoveMigrate start");
+        return Call(LOG_SITE(), MigrateRequestCode::REMOVE_MIGRATE, "MigrateServerKitsImpl::RemoveMigrate",
+            Args(request), Replies(error));
+    }
+
+    int32_t RemovePakMigrate(const std::string& request, BusinessError& error) override
+    {
+        KITS_LOGI("MigrateServerKitsImpl::RemovePakMigrate start");
+        return Call(LOG_SITE(), MigrateRequestCode::REMOVE_PAK_MIGRATE, "MigrateServerKitsImpl::RemovePakMigrate",
+            Args(request), Replies(error));
+    }
+
+    int32_t GetMigrateInfo(const MigrateStage& stage, MigrateInfo& info, BusinessError& error) override
+    {
+        KITS_LOGI("MigrateServerKitsImpl::getMigrateInfo start");
+        return Call(LOG_SITE(), MigrateRequestCode::GET_MIGRATE_INFO, "MigrateServerKitsImpl::getMigrateInfo",
+            Args(stage), Replies(info, error));
+    }
+
+    int32_t GetPakMigrateInfo(std::vector<PakMigrateInfo>& infos, BusinessError& error) override
+    {
+        KITS_LOGI("MigrateServerKitsImpl::getPakMigrateInfo start");
+        return Call(LOG_SITE(), MigrateRequestCode::GET_PAK_MIGRATE_INFO, "MigrateServerKitsImpl::getPakMigrateInfo",
+            Args(), Replies(infos, error));
+    }
+
+    int32_t GetApkInfo(std::vector<std::string>& infos, BusinessError& error) override
+    {
+        KITS_LOGI("MigrateServerKitsImpl::GetApkInfo start");
+        return Call(LOG_SITE(), MigrateRequestCode::GET_APK_INFO, "MigrateServerKitsImpl::GetApkInfo", Args(),
+            Replies(infos, error));
+    }
+
+    int32_t SetMigratePolicy(const MigratePolicy& policy, BusinessError& error) override
+    {
+        KITS_LOGI("SetMigratePolicy");
+        return Call(LOG_SITE(), MigrateRequestCode::SET_MIGRATE_POLICY, "SetMigratePolicy", Args(policy.policy),
+            Replies(error));
+    }
+
+    int32_t CheckAppRestore(const std::string& bundleName, std::string& result, BusinessError& error) override
+    {
+        KITS_LOGI("CheckAppRestore, bundleName %{public}s", bundleName.c_str());
+        return Call(LOG_SITE(), MigrateRequestCode::CHECK_APP_RESTORE, "CheckAppRestore", Args(bundleName),
+            Replies(result, error));
+    }
+
+    int32_t PresetData(const std::string& data, BusinessError& error) override
+    {
+        KITS_LOGI("PresetData");
+        return Call(LOG_SITE(), MigrateRequestCode::PRESET_DATA, "PresetData", Args(data), Replies(error));
+    }
+
+    int32_t GetMigrateResult(std::string& result, BusinessError& error) override
+    {
+        KITS_LOGI("GetMigrateResult");
+        return Call(
+            LOG_SITE(), MigrateRequestCode::GET_MIGRATE_RESULT, "GetMigrateResult", Args(), Replies(result, error));
+    }
+
+    int32_t GetMigrationUsers(std::vector<MigrationUser>& users, BusinessError& error) override
+    {
+        KITS_LOGI("GetMigrationUsers");
+        return Call(
+            LOG_SITE(), MigrateRequestCode::GET_MIGRATION_USERS, "GetMigrationUsers", Args(), Replies(users, error));
+    }
+
+    int32_t GetModuleMigrationPolicy(const bool& flag, const std::vector<ModuleInfo>& modules,
+        std::vector<ModuleMigrationPolicy>& policies, BusinessError& error) override
+    {
+        KITS_LOGI("GetModuleMigrationPolicy");
+        const auto fill = [&](MigrateRequest& request) {
+            std::string moduleText;
+            if (!JsonFromStruct().TraverseData(moduleText, modules)) {
+                moduleText.clear();
+            }
+            request.Write(flag, moduleText);
+        };
+        return Call(LOG_SITE(), MigrateRequestCode::GET_MODULE_MIGRATION_POLICY, "GetModuleMigrationPolicy", fill,
+            Replies(policies, error));
+    }
+
+    int32_t ResumeMigration(BusinessError& error) override
+    {
+        KITS_LOGI("MigrateServerKitsImpl::resumeMigration start");
+        return Call(LOG_SITE(), MigrateRequestCode::RESUME_MIGRATION, "MigrateServerKitsImpl::ResumeMigration", Args(),
+            Replies(error));
+    }
+
+    int32_t StartPakMigration(const std::string& packageName, const std::string& bundleName,
+        const std::string& parameters, BusinessError& error) override
+    {
+        KITS_LOGI("StartPakMigration, packageName:%{public}s, bundleName:%{public}s", packageName.c_str(),
+            bundleName.c_str());
+        return Call(LOG_SITE(), MigrateRequestCode::START_PAK_MIGRATION, "MigrateServerKitsImpl::START_PAK_MIGRATION",
+            Args(packageName, bundleName, parameters), Replies(error));
+    }
+
+    int32_t NotifyEmporionCoreEvent(const AAFwk::Want& want, BusinessError& error) override
+    {
+        KITS_LOGI("MigrateServerKitsImpl::notifyEmporionCoreEvent start");
+        return Call(LOG_SITE(), MigrateRequestCode::NOTIFY_EMPORION_CORE_EVENT,
+            "MigrateServerKitsImpl::NotifyEmporionCoreEvent", Args(want), Replies(error));
+    }
+
+    int32_t GetPakMigrationTaskStatus(
+        const std::string& bundleName, ReserveMigrationStatus& status, BusinessError& error) override
+    {
+        KITS_LOGI("MigrateServerKitsImpl::GetPakMigrationTaskStatus start, bundleName:%{public}s", bundleName.c_str());
+        return Call(LOG_SITE(), MigrateRequestCode::GET_PAK_MIGRATION_TASK_STATUS,
+            "MigrateServerKitsImpl::GetPakMigrationTaskStatus", Args(bundleName), Replies(status, error));
+    }
+
+    int32_t GetMigrationDataSize(int64_t& size, BusinessError& error) override
+    {
+        KITS_LOGI("MigrateServerKitsImpl::GetMigrationDataSize");
+        return Call(LOG_SITE(), MigrateRequestCode::GET_MIGRATION_DATA_SIZE,
+            "MigrateServerKitsImpl::GetMigrationDataSize", Args(), Replies(size, error));
+    }
+
+    int32_t SetBackupFileOwn(const sptr<ISetBackupFileOwnInterface>& callback) override
+    {
+        KITS_LOGI("MigrateServerKitsImpl::SetBackupFileOwn");
+        if (callback == nullptr) {
+            KITS_LOGE("SetBackupFileOwn callback is null");
+            return MIGRATE_UNREACHABLE;
+        }
+        return Call(
+            LOG_SITE(), MigrateRequestCode::SET_BACKUP_FILE_OWN, nullptr,
+            [&](MigrateRequest& request) { request.Write(callback->AsObject()); }, Replies());
+    }
+};
+
+}  // namespace
+
+MigrateServerKits& MigrateServerKits::GetKitsInstance()
 {
-    KITS_LOGI("GetMigrateStatus start");
-    return Call(LOG_SITE(), MigrateRequestCode::GET_MIGRATE_STATUS, "MigrateServerKitsImpl::GetMigrateStatus",
-        Args(stage), Replies(status, error));
+    return MigrateServerOperations::GetInstance();
 }
 
-int32_t MigrateServerKitsImpl::StartMigrate(BusinessError& error)
+std::unique_ptr<MigrateServerKitsImpl> MigrateServerKitsImpl::Make()
 {
-    KITS_LOGI("MigrateServerKitsImpl::startMigrate start");
-    return Call(
-        LOG_SITE(), MigrateRequestCode::START_MIGRATE, "MigrateServerKitsImpl::StartMigrate", Args(), Replies(error));
-}
-
-int32_t MigrateServerKitsImpl::StartPakMigrate(const std::string& request, BusinessError& error)
-{
-    KITS_LOGI("MigrateServerKitsImpl::startPakMigrate");
-    return Call(LOG_SITE(), MigrateRequestCode::START_PAK_MIGRATE, "MigrateServerKitsImpl::StartPakMigrate",
-        Args(request), Replies(error));
-}
-
-int32_t MigrateServerKitsImpl::RemoveMigrate(int32_t request, BusinessError& error)
-{
-    KITS_LOGI("MigrateServerKitsImpl::RemoveMigrate start");
-    return Call(LOG_SITE(), MigrateRequestCode::REMOVE_MIGRATE, "MigrateServerKitsImpl::RemoveMigrate", Args(request),
-        Replies(error));
-}
-
-int32_t MigrateServerKitsImpl::RemovePakMigrate(const std::string& request, BusinessError& error)
-{
-    KITS_LOGI("MigrateServerKitsImpl::RemovePakMigrate start");
-    return Call(LOG_SITE(), MigrateRequestCode::REMOVE_PAK_MIGRATE, "MigrateServerKitsImpl::RemovePakMigrate",
-        Args(request), Replies(error));
-}
-
-int32_t MigrateServerKitsImpl::GetMigrateInfo(const MigrateStage& stage, MigrateInfo& info, BusinessError& error)
-{
-    KITS_LOGI("MigrateServerKitsImpl::getMigrateInfo start");
-    return Call(LOG_SITE(), MigrateRequestCode::GET_MIGRATE_INFO, "MigrateServerKitsImpl::getMigrateInfo", Args(stage),
-        Replies(info, error));
-}
-
-int32_t MigrateServerKitsImpl::GetPakMigrateInfo(std::vector<PakMigrateInfo>& infos, BusinessError& error)
-{
-    KITS_LOGI("MigrateServerKitsImpl::getPakMigrateInfo start");
-    return Call(LOG_SITE(), MigrateRequestCode::GET_PAK_MIGRATE_INFO, "MigrateServerKitsImpl::getPakMigrateInfo",
-        Args(), Replies(infos, error));
-}
-
-int32_t MigrateServerKitsImpl::GetApkInfo(std::vector<std::string>& infos, BusinessError& error)
-{
-    KITS_LOGI("MigrateServerKitsImpl::GetApkInfo start");
-    return Call(LOG_SITE(), MigrateRequestCode::GET_APK_INFO, "MigrateServerKitsImpl::GetApkInfo", Args(),
-        Replies(infos, error));
+    return std::make_unique<MigrateServerOperations>();
 }
 
 int32_t MigrateServerKitsImpl::On(const ProgressCallback& callback)
@@ -134,104 +248,6 @@ int32_t MigrateServerKitsImpl::Off()
         SettleCallback();
     }
     return result;
-}
-
-int32_t MigrateServerKitsImpl::SetMigratePolicy(const MigratePolicy& policy, BusinessError& error)
-{
-    KITS_LOGI("SetMigratePolicy");
-    return Call(
-        LOG_SITE(), MigrateRequestCode::SET_MIGRATE_POLICY, "SetMigratePolicy", Args(policy.policy), Replies(error));
-}
-
-int32_t MigrateServerKitsImpl::CheckAppRestore(const std::string& bundleName, std::string& result, BusinessError& error)
-{
-    KITS_LOGI("CheckAppRestore, bundleName %{public}s", bundleName.c_str());
-    return Call(
-        LOG_SITE(), MigrateRequestCode::CHECK_APP_RESTORE, "CheckAppRestore", Args(bundleName), Replies(result, error));
-}
-
-int32_t MigrateServerKitsImpl::PresetData(const std::string& data, BusinessError& error)
-{
-    KITS_LOGI("PresetData");
-    return Call(LOG_SITE(), MigrateRequestCode::PRESET_DATA, "PresetData", Args(data), Replies(error));
-}
-
-int32_t MigrateServerKitsImpl::GetMigrateResult(std::string& result, BusinessError& error)
-{
-    KITS_LOGI("GetMigrateResult");
-    return Call(LOG_SITE(), MigrateRequestCode::GET_MIGRATE_RESULT, "GetMigrateResult", Args(), Replies(result, error));
-}
-
-int32_t MigrateServerKitsImpl::GetMigrationUsers(std::vector<MigrationUser>& users, BusinessError& error)
-{
-    KITS_LOGI("GetMigrationUsers");
-    return Call(
-        LOG_SITE(), MigrateRequestCode::GET_MIGRATION_USERS, "GetMigrationUsers", Args(), Replies(users, error));
-}
-
-int32_t MigrateServerKitsImpl::GetModuleMigrationPolicy(const bool& flag, const std::vector<ModuleInfo>& modules,
-    std::vector<ModuleMigrationPolicy>& policies, BusinessError& error)
-{
-    KITS_LOGI("GetModuleMigrationPolicy");
-    const auto fill = [&](MigrateRequest& request) {
-        std::string moduleText;
-        if (!JsonFromStruct().TraverseData(moduleText, modules)) {
-            moduleText.clear();
-        }
-        request.Write(flag, moduleText);
-    };
-    return Call(LOG_SITE(), MigrateRequestCode::GET_MODULE_MIGRATION_POLICY, "GetModuleMigrationPolicy", fill,
-        Replies(policies, error));
-}
-
-int32_t MigrateServerKitsImpl::ResumeMigration(BusinessError& error)
-{
-    KITS_LOGI("MigrateServerKitsImpl::resumeMigration start");
-    return Call(LOG_SITE(), MigrateRequestCode::RESUME_MIGRATION, "MigrateServerKitsImpl::ResumeMigration", Args(),
-        Replies(error));
-}
-
-int32_t MigrateServerKitsImpl::StartPakMigration(
-    const std::string& packageName, const std::string& bundleName, const std::string& parameters, BusinessError& error)
-{
-    KITS_LOGI(
-        "StartPakMigration, packageName:%{public}s, bundleName:%{public}s", packageName.c_str(), bundleName.c_str());
-    return Call(LOG_SITE(), MigrateRequestCode::START_PAK_MIGRATION, "MigrateServerKitsImpl::START_PAK_MIGRATION",
-        Args(packageName, bundleName, parameters), Replies(error));
-}
-
-int32_t MigrateServerKitsImpl::NotifyEmporionCoreEvent(const AAFwk::Want& want, BusinessError& error)
-{
-    KITS_LOGI("MigrateServerKitsImpl::notifyEmporionCoreEvent start");
-    return Call(LOG_SITE(), MigrateRequestCode::NOTIFY_EMPORION_CORE_EVENT,
-        "MigrateServerKitsImpl::NotifyEmporionCoreEvent", Args(want), Replies(error));
-}
-
-int32_t MigrateServerKitsImpl::GetPakMigrationTaskStatus(
-    const std::string& bundleName, ReserveMigrationStatus& status, BusinessError& error)
-{
-    KITS_LOGI("MigrateServerKitsImpl::GetPakMigrationTaskStatus start, bundleName:%{public}s", bundleName.c_str());
-    return Call(LOG_SITE(), MigrateRequestCode::GET_PAK_MIGRATION_TASK_STATUS,
-        "MigrateServerKitsImpl::GetPakMigrationTaskStatus", Args(bundleName), Replies(status, error));
-}
-
-int32_t MigrateServerKitsImpl::GetMigrationDataSize(int64_t& size, BusinessError& error)
-{
-    KITS_LOGI("MigrateServerKitsImpl::GetMigrationDataSize");
-    return Call(LOG_SITE(), MigrateRequestCode::GET_MIGRATION_DATA_SIZE, "MigrateServerKitsImpl::GetMigrationDataSize",
-        Args(), Replies(size, error));
-}
-
-int32_t MigrateServerKitsImpl::SetBackupFileOwn(const sptr<ISetBackupFileOwnInterface>& callback)
-{
-    KITS_LOGI("MigrateServerKitsImpl::SetBackupFileOwn");
-    if (callback == nullptr) {
-        KITS_LOGE("SetBackupFileOwn callback is null");
-        return MIGRATE_UNREACHABLE;
-    }
-    return Call(
-        LOG_SITE(), MigrateRequestCode::SET_BACKUP_FILE_OWN, nullptr,
-        [&](MigrateRequest& request) { request.Write(callback->AsObject()); }, Replies());
 }
 
 sptr<IMigrateServer> MigrateServerKitsImpl::GetService()

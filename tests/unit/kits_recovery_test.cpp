@@ -31,7 +31,8 @@ protected:
         return request.data->ReadRemoteObject();
     }
 
-    MigrateServerKitsImpl kits_;
+    const std::unique_ptr<MigrateServerKitsImpl> made_ = MigrateServerKitsImpl::Make();
+    MigrateServerKitsImpl& kits_ = *made_;
 };
 
 TEST_F(KitsRecoveryTest, LookupStartsTheServiceOnceAndKeepsIt)

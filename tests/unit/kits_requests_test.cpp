@@ -48,7 +48,7 @@ const Fields TEXT{"no { json"};
 const char* const ONLY_TEXT = "no { json -1 0 0  0 0";
 
 struct Clients {
-    MigrateServerKitsImpl kits;
+    std::unique_ptr<MigrateServerKitsImpl> kits = MigrateServerKitsImpl::Make();
     ReserveMigrateKits reserve;
 };
 
@@ -64,7 +64,7 @@ struct OperationCase {
     const char* noToken = " InterfaceToken write error";  // of the reserve client
 };
 
-#define CALL(...) [](Clients& both, [[maybe_unused]] Outputs& out) { return both.kits.__VA_ARGS__; }
+#define CALL(...) [](Clients& both, [[maybe_unused]] Outputs& out) { return both.kits->__VA_ARGS__; }
 #define RESERVE(...) [](Clients& both, Outputs& out) { return both.reserve.__VA_ARGS__; }
 #define IMPL "MigrateServerKitsImpl::"
 class Observer : public ReserveMigrateStatusObserverStub {
@@ -157,7 +157,7 @@ TEST_F(KitsRequestsTest, EveryOperationSendsBindsMapsAndLogs)
     for (const bool isRunning : {false, true}) {
         const sptr<ScriptedRemoteObject> service = isRunning ? RunService() : nullptr;
         if (isRunning) {
-            clients.kits.GetService();
+            clients.kits->GetService();
             clients.reserve.GetService();
         }
         for (const OperationCase& operation : OPERATION_CASES) {
