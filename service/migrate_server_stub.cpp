@@ -9,6 +9,9 @@
 #include "service_log.h"
 #include "vexa/ipc/ipc_skeleton.h"
 
+// A line that a caller can cause as often as it likes: a few in a second are written.
+#define SA_LOGW_OF_CALLER(...) (IPCSkeleton::MayLogCaller() ? SA_LOGW(__VA_ARGS__) : void())
+
 namespace VEXA::UpdateEngine {
 
 std::span<const RequestRow> MigrateServerStub::Rows()
@@ -67,7 +70,7 @@ int32_t MigrateServerStub::OnRemoteRequest(
 {
     const pid_t process = IPCSkeleton::GetCallingPid();
     if (data.ReadInterfaceToken() != GetDescriptor()) {
-        SA_LOGE("a request with another interface's token, from process %{public}d", process);
+        SA_LOGW_OF_CALLER("a request with another interface's token, from process %{public}d", process);
         return MIGRATE_UNREACHABLE;
     }
     const auto row = std::ranges::find(Rows(), static_cast<MigrateRequestCode>(code), &RequestRow::code);
@@ -77,7 +80,7 @@ int32_t MigrateServerStub::OnRemoteRequest(
     if (row->who == Who::CONTROL) {
         const auto user = static_cast<int32_t>(IPCSkeleton::GetCallingUid());
         if (!MayControl()) {
-            SA_LOGW("%{public}s of process %{public}d, user %{public}d: refused", row->name, process, user);
+            SA_LOGW_OF_CALLER("%{public}s of process %{public}d, user %{public}d: refused", row->name, process, user);
             return MIGRATE_RESULT_OFFSET + MIGRATE_NOT_ALLOWED;
         }
         SA_LOGI("%{public}s of process %{public}d, user %{public}d", row->name, process, user);
@@ -86,7 +89,7 @@ int32_t MigrateServerStub::OnRemoteRequest(
     if (result == MIGRATE_SUCCESS) {
         return MIGRATE_SUCCESS;
     }
-    SA_LOGW("request %{public}u of process %{public}d: result %{public}d", code, process, result);
+    SA_LOGW_OF_CALLER("request %{public}u of process %{public}d: result %{public}d", code, process, result);
     return MIGRATE_RESULT_OFFSET + result;
 }
 

@@ -34,13 +34,21 @@ TEST_F(ServiceRequests, WhatChangesSomethingIsForRootTheOwnUserAndTheControlGrou
     ASSERT_TRUE(!isRoot || seteuid(4711) == 0);
     const std::tuple<uid_t, std::vector<gid_t>, bool> callers[] = {{12345, {1}, false}, {uid_t(-1), {}, false},
         {0, {}, true}, {geteuid(), {}, true}, {12345, {1, CONTROL_GROUP}, true}};
-    for (const auto& [user, groups, mayChange] : callers) {
-        caller = {{77, user, 1}, 1, groups};
+    pid_t process = 77;
+    for (const auto& [who, groups, mayChange] : callers) {
+        uid_t user = who;
         for (const RequestRow& row : MigrateServerStub::Rows()) {
             const bool isControl = row.who == Who::CONTROL;
             const bool isRefused = isControl && !mayChange;
+            if (user == uid_t(-1) && !isControl) {
+                continue;  // of one user only so many lines are written
+            }
+            user += who == 12345 ? 1 : 0;
+            caller = {{++process, user, 1}, 1, groups};
             const RecordedMessage line{isRefused ? KOLOG_WARN : KOLOG_INFO, "migrate_server_stub.cpp",
-                row.name + (" of process 77, user " + std::to_string(static_cast<int32_t>(user))) +
+                row.name +
+                    (" of process " + std::to_string(process) + ", user " +
+                        std::to_string(static_cast<int32_t>(user))) +
                     (isRefused ? ": refused" : "")};
             RecordingLogSink log;
             const int32_t result = Ask(row.code);  // nothing behind the token
