@@ -24,7 +24,7 @@
 list(TRANSFORM NM_TRANSPORT_LAYERS PREPEND vexa_ipc_ OUTPUT_VARIABLE nm_transport)
 set(NM_PLATFORM_COMPONENTS
     vexa_base vexa_log vexa_json vexa_ipc_objects ${nm_transport} vexa_ipc vexa_want vexa_samgr)
-set(NM_LIBRARY_COMPONENTS nm_log nm_json nm_ipc nm_kits nm_sa_load)
+set(NM_LIBRARY_COMPONENTS nm_log nm_json_binding nm_json nm_ipc nm_kits nm_sa_load)
 
 # Adds the folders that have a CMakeLists.txt.
 function(nm_add_folders)

@@ -2,11 +2,15 @@
 // Writes records as compact JSON, by their member lists.
 #pragma once
 
+#include <array>
+#include <charconv>
+#include <cmath>
 #include <locale>
 #include <sstream>
 #include <string>
 #include <string_view>
 
+#include "held_value.h"
 #include "json_string.h"
 #include "native_migrate/record_members.h"
 #include "record_traits.h"
@@ -115,6 +119,42 @@ public:
     bool AccessMember(std::stringstream& stream, T field, std::string_view key) const
     {
         return AccessMember(stream, static_cast<std::underlying_type_t<T>>(field), key);
+    }
+
+    // A value that was read from a text: the same value, as strict JSON. What is not a finite number, what is absent
+    // and what memory is too short for becomes null. Always true.
+    bool AccessMember(std::stringstream& stream, const JsonContext& value, std::string_view key) const
+    {
+        WriteKey(stream, key);
+        if (value.Type() == JsonContext::OBJECT || value.Type() == JsonContext::ARRAY) {
+            const bool isObject = value.Type() == JsonContext::OBJECT;
+            stream << (isObject ? '{' : '[');
+            for (const JsonContext& child : value) {
+                if (!isObject || WriteJsonString(stream, std::string(child.Key()))) {
+                    stream << (isObject ? ":" : "");
+                    AccessMember(stream, child, "");
+                }
+            }
+            if (value.size() > 0) {
+                stream.seekp(-1, std::ios_base::end);
+            }
+            stream << (isObject ? "}," : "],");
+            return true;
+        }
+        if (const auto truth = HeldValue<bool>(value)) {
+            return AccessMember(stream, *truth, "");
+        }
+        if (const auto number = HeldValue<double>(value); number.has_value() && std::isfinite(*number)) {
+            std::array<char, 400> digits;  // more than any double has
+            const auto end = std::to_chars(digits.begin(), digits.end(), *number, std::chars_format::fixed).ptr;
+            stream << std::string_view(digits.data(), static_cast<size_t>(end - digits.data())) << ',';
+            return true;
+        }
+        const auto text = HeldValue<std::string_view>(value);
+        if (!text.has_value() || !AccessMember(stream, std::string(*text), "")) {
+            stream << "null,";
+        }
+        return true;
     }
 
 private:
