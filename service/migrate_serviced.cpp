@@ -3,6 +3,7 @@
 #include <grp.h>
 
 #include <CLI/CLI.hpp>
+#include <charconv>
 #include <csignal>
 #include <cstdio>
 #include <memory>
@@ -94,6 +95,15 @@ int Run(const ServiceOptions& options)
     return 0;
 }
 
+// Empty, or what is wrong: the parser alone takes numbers that are negative or do not fit, and changes them.
+std::string IsCount(const std::string& text)
+{
+    uint64_t count = 0;
+    const char* const end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, count);
+    return error == std::errc() && stop == end ? "" : "no number of bytes: " + text;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -107,13 +117,19 @@ int main(int argc, char** argv)
     app.add_option(
         "--state", engine.stateFile, "File that the service keeps its state in (default: .migrate-state.db there)");
     app.add_option("--throttle", engine.bytesPerSecond, "Bytes that are copied in a second, at most; 0: no limit")
-        ->envname("MIGRATE_THROTTLE");
+        ->envname("MIGRATE_THROTTLE")
+        ->check(CLI::Validator(IsCount, "", ""));
     app.add_flag_callback(
         "--no-sync", [&engine] { engine.sync = false; },
         "Does not wait for the disk: faster, but a loss of power may cost packages that count as placed");
     app.add_option("--control-group", options.controlGroup,
         "Group that may change something, besides root and the user that this program runs as");
     app.set_version_flag("--version", "migrate_serviced " VEXA_VERSION);
-    CLI11_PARSE(app, argc, argv);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        constexpr int kUsage = 2;
+        return app.exit(error) == 0 ? 0 : kUsage;
+    }
     return Run(options);
 }
