@@ -25,7 +25,7 @@ set(NM_RULE_ipc include log json platform/base platform/log platform/json platfo
 set(NM_RULE_kits include log json ipc ${NM_PLATFORM})
 set(NM_RULE_sa_load include log platform/base platform/log platform/ipc platform/samgr)
 set(NM_RULE_service include log json ipc platform ${NM_PLATFORM})
-set(NM_RULE_tools include native_migrate platform ${NM_PLATFORM})
+set(NM_RULE_tools include json native_migrate platform ${NM_PLATFORM})
 
 # The folder of the rules that a source folder belongs to: its longest prefix that has a rule, else itself.
 function(nm_rule_folder out directory)

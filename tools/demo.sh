@@ -54,7 +54,7 @@ kill_in_the_middle() {
 in_session() {
     say "What is there, asked of a service that is started for the question"
     migratectl packages
-    echo "bytes to migrate: $(migratectl size)"
+    echo "to migrate: $(migratectl size)"
     migratectl users
 
     say "The migration, watched; the service is killed on the way"

@@ -2,114 +2,13 @@
 #include "migratectl_output.h"
 
 #include <algorithm>
-#include <array>
 #include <cstdio>
 
+#include "held_value.h"
 #include "native_migrate/migrate_protocol.h"
-#include "vexa/json/json_context.h"
+#include "native_migrate/migrate_results.h"
 
 namespace migratectl {
-
-using namespace VEXA::UpdateEngine;
-
-void AppendJson(std::string& out, const std::string& text)
-{
-    constexpr unsigned char kFirstPrintable = 0x20;
-    out += '"';
-    for (const char c : text) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += c;
-        } else if (static_cast<unsigned char>(c) < kFirstPrintable) {
-            std::array<char, 8> escape = {};
-            snprintf(escape.data(), escape.size(), "\\u%04x", static_cast<unsigned char>(c));
-            out += escape.data();
-        } else {
-            out += c;
-        }
-    }
-    out += '"';
-}
-
-const char* StatusName(int64_t status)
-{
-    constexpr std::array names{"idle", "running", "paused", "finished", "failed"};
-    return status >= 0 && status < static_cast<int64_t>(names.size()) ? names[static_cast<size_t>(status)] : "unknown";
-}
-
-bool HasEnded(int64_t status)
-{
-    return status == static_cast<int64_t>(TaskStatus::FINISHED) || status == static_cast<int64_t>(TaskStatus::FAILED);
-}
-
-std::string ShowValue(const std::string& key, int64_t value)
-{
-    return key == "status" ? StatusName(value) : std::to_string(value);
-}
-
-std::string ShowBytes(int64_t bytes)
-{
-    constexpr std::array units{"B", "kB", "MB", "GB", "TB"};
-    constexpr double kStep = 1000;
-    auto value = static_cast<double>(bytes);
-    size_t unit = 0;
-    while (value >= kStep && unit + 1 < units.size()) {
-        value /= kStep;
-        unit++;
-    }
-    std::array<char, 32> text = {};
-    snprintf(text.data(), text.size(), "%.*f %s", unit == 0 ? 0 : 1, value, units[unit]);
-    return text.data();
-}
-
-std::string Printable(const std::string& text)
-{
-    constexpr unsigned char kFirstPrintable = 0x20;
-    constexpr unsigned char kDelete = 0x7f;
-    std::string shown = text;
-    for (char& c : shown) {
-        const auto byte = static_cast<unsigned char>(c);
-        c = byte < kFirstPrintable || byte == kDelete ? '?' : c;
-    }
-    return shown;
-}
-
-void PrintTable(const std::vector<Fields>& rows)
-{
-    if (rows.empty()) {
-        return;
-    }
-    std::vector<Fields> lines(1);
-    for (const auto& [name, value] : rows.back()) {
-        lines.front().emplace_back(name, name);
-    }
-    lines.insert(lines.end(), rows.begin(), rows.end());
-    std::vector<size_t> widths;
-    for (Fields& line : lines) {
-        widths.resize(std::max(widths.size(), line.size()));
-        for (size_t i = 0; i < line.size(); ++i) {
-            line[i].second = Printable(line[i].second);
-            widths[i] = std::max(widths[i], line[i].second.size());
-        }
-    }
-    for (const Fields& line : lines) {
-        for (size_t i = 0; i < line.size(); ++i) {
-            const bool isLast = i + 1 == line.size();
-            printf("%-*s%s", isLast ? 0 : static_cast<int>(widths[i]), line[i].second.c_str(), isLast ? "\n" : "  ");
-        }
-    }
-}
-
-void PrintFields(const Fields& fields)
-{
-    size_t width = 0;
-    for (const auto& [name, value] : fields) {
-        width = std::max(width, name.size());
-    }
-    for (const auto& [name, value] : fields) {
-        printf("%-*s  %s\n", static_cast<int>(width), name.c_str(), Printable(value).c_str());
-    }
-}
 
 namespace {
 
@@ -133,58 +32,81 @@ const char* ResultText(int32_t result)
 
 }  // namespace
 
-int Judge(const Options& options, const std::string& what, int32_t result, const BusinessError& error)
+bool HasEnded(int64_t status)
 {
-    const char* const name = what.c_str();
+    return status == static_cast<int64_t>(TaskStatus::FINISHED) || status == static_cast<int64_t>(TaskStatus::FAILED);
+}
+
+void Print(const std::string& text)
+{
+    fwrite(text.data(), 1, text.size(), stdout);
+    fflush(stdout);
+}
+
+void PrintJson(const std::string& json)
+{
+    Print(EscapeOdd(json) + "\n");
+}
+
+void PrintRows(const Options& options, const std::vector<Fields>& rows)
+{
+    Print(FormatTable(rows, options.width()));
+}
+
+std::string ToJson(const std::string& text)
+{
+    const JsonContext json(text);
+    return json.IsDiscarded() ? ToJson<std::string>(text) : ToJson(json);
+}
+
+std::string ShowJson(const JsonContext& value)
+{
+    if (const auto text = HeldValue<std::string_view>(value)) {
+        return std::string(*text);
+    }
+    if (const auto truth = HeldValue<bool>(value)) {
+        return *truth ? "yes" : "no";
+    }
+    return value.Type() == JsonContext::NUMBER ? ShowNumber(value.Key(), NumberOf(value)) : "";
+}
+
+int64_t NumberOf(const JsonContext& value)
+{
+    // Large enough for every count that the service reports.
+    constexpr double kLargest = 9007199254740991.0;
+    return static_cast<int64_t>(std::clamp(HeldValue<double>(value).value_or(0), -kLargest, kLargest));
+}
+
+int Judge(const Options& options, const std::string& command, int32_t result, const BusinessError& error)
+{
+    const std::string what = "migratectl: " + command + ": ";
     if (result == MIGRATE_UNREACHABLE) {
-        fprintf(stderr, "migratectl: %s: the service can't be reached\n", name);
+        fprintf(stderr, "%sthe service can't be reached\n", what.c_str());
         return EXIT_UNREACHABLE;
     }
     if (result != MIGRATE_SUCCESS) {
-        fprintf(stderr, "migratectl: %s: %s (result %d)\n", name, ResultText(result), result);
+        fprintf(stderr, "%s%s (result %d)\n", what.c_str(), ResultText(result), result);
         return EXIT_REFUSED;
     }
     if (error.errorNum == 0) {
         return EXIT_DONE;
     }
     if (!options.json) {
-        fprintf(stderr, "migratectl: %s: %s (error %d)\n", name, Printable(error.message).c_str(), error.errorNum);
+        fprintf(stderr, "%s%s (error %d)\n", what.c_str(), Clean(error.message).c_str(), error.errorNum);
         for (const ErrorMessage& message : error.data) {
-            fprintf(stderr, "  %s (error %d)\n", Printable(message.errorMessage).c_str(), message.errorCode);
+            fprintf(stderr, "  %s (error %d)\n", Clean(message.errorMessage).c_str(), message.errorCode);
         }
     }
     return EXIT_REFUSED;
 }
 
-std::string ShowJson(const VEXA::JsonContext& value)
+int Finish(const Options& options, const std::string& command, int32_t result, const BusinessError& error,
+    const std::string& reply)
 {
-    const VEXA::JsonValue held = value.Value();
-    if (const auto* const text = std::get_if<std::optional<std::string_view>>(&held)) {
-        return std::string(text->value_or(""));
+    if (options.json) {
+        PrintJson("{\"result\":" + ToJson(result) + ",\"error\":" + ToJson(error) + ",\"reply\":" + reply + "}");
     }
-    if (const auto* const truth = std::get_if<std::optional<bool>>(&held)) {
-        return !truth->has_value() ? "" : **truth ? "yes" : "no";
-    }
-    return value.Type() == VEXA::JsonContext::NUMBER ? ShowValue(std::string(value.Key()), NumberOf(value)) : "";
-}
-
-int64_t NumberOf(const VEXA::JsonContext& value)
-{
-    const VEXA::JsonValue held = value.Value();
-    const auto* const number = std::get_if<std::optional<double>>(&held);
-    // Large enough for every count that the service reports.
-    constexpr double kLargest = 9007199254740991.0;
-    return number != nullptr ? static_cast<int64_t>(std::clamp(number->value_or(0), -kLargest, kLargest)) : 0;
-}
-
-RawJson AsRawJson(const std::string& text)
-{
-    if (!VEXA::JsonContext(text).IsDiscarded()) {
-        return {text};
-    }
-    RawJson quoted;
-    AppendJson(quoted.text, text);
-    return quoted;
+    return Judge(options, command, result, error);
 }
 
 }  // namespace migratectl

@@ -3,17 +3,13 @@
 #pragma once
 
 #include <cstdint>
-#include <cstdio>
 #include <string>
 #include <vector>
 
-#include "migratectl_json.h"
+#include "json_from_struct.h"
+#include "migratectl_table.h"
 #include "native_migrate/migrate_records.h"
-#include "native_migrate/migrate_results.h"
-
-namespace VEXA {
-class JsonContext;
-}
+#include "vexa/json/json_context.h"
 
 namespace migratectl {
 
@@ -26,52 +22,43 @@ enum ExitStatus : int {
     EXIT_OUTPUT = 5,       // done, but standard output does not take what is printed
 };
 
+// The columns of the terminal that standard output is; 0 when it is none.
+using ScreenWidth = size_t (*)();
+
 struct Options {
     bool json = false;
+    ScreenWidth width = nullptr;
 };
 
-const char* StatusName(int64_t status);
 bool HasEnded(int64_t status);
-// "12.3 MB".
-std::string ShowBytes(int64_t bytes);
-// The text with control characters made visible, for a terminal.
-std::string Printable(const std::string& text);
 
-// A row's names are the header. Columns are as wide as their longest value; an empty table has no header.
-void PrintTable(const std::vector<Fields>& rows);
-void PrintFields(const Fields& fields);
+// Writes to standard output at once; PrintJson a text that is JSON as a line that is valid whatever names it holds.
+void Print(const std::string& text);
+void PrintJson(const std::string& json);
+void PrintRows(const Options& options, const std::vector<Fields>& rows);
 
-// The exit status for a request's outcome. Says on standard error what went wrong, unless it is all well or --json is
-// given.
-int Judge(const Options& options, const std::string& what, int32_t result,
-    const VEXA::UpdateEngine::BusinessError& error = {});
-
-// The reply of a request that is answered with an error only.
-inline const RawJson NO_REPLY{"null"};
-
-// Ends a request: prints with --json one line {"result":..,"error":..,"reply":..}, and judges the outcome.
-template <typename Reply>
-int Finish(const Options& options, const std::string& what, int32_t result,
-    const VEXA::UpdateEngine::BusinessError& error, const Reply& reply)
+// A record, a list, a number or a value that was read, as JSON.
+template <typename T>
+std::string ToJson(const T& value)
 {
-    if (options.json) {
-        std::string text = "{\"result\":";
-        AppendJson(text, result);
-        text += ",\"error\":";
-        AppendJson(text, error);
-        text += ",\"reply\":";
-        AppendJson(text, reply);
-        printf("%s}\n", text.c_str());
-    }
-    return Judge(options, what, result, error);
+    std::string text;
+    JsonFromStruct().TraverseData(text, value);
+    return text;
 }
+// A text of the service: as its values when it is JSON, else as a JSON string.
+std::string ToJson(const std::string& text);
 
-// A JSON value as people read it: a status by its name, a text without quotes; nothing for an absent one.
-std::string ShowJson(const VEXA::JsonContext& value);
+// A JSON value as people read it: a number by its key, a text without quotes; nothing for an absent one.
+std::string ShowJson(const JsonContext& value);
 // 0 for what is no number.
-int64_t NumberOf(const VEXA::JsonContext& value);
+int64_t NumberOf(const JsonContext& value);
 
-// A text of the service for Finish: as it is when it is JSON, else as a JSON string.
-RawJson AsRawJson(const std::string& text);
+// The exit status for a request's outcome. Says on standard error what went wrong, but leaves the service's error to
+// --json.
+int Judge(const Options& options, const std::string& command, int32_t result, const BusinessError& error = {});
+// Ends a request: prints with --json one line {"result":..,"error":..,"reply":..}, and judges the outcome. `reply` is
+// JSON.
+int Finish(const Options& options, const std::string& command, int32_t result, const BusinessError& error,
+    const std::string& reply = "null");
 
 }  // namespace migratectl

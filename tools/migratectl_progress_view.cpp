@@ -1,30 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "migratectl_progress_view.h"
 
-#include <sys/ioctl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <set>
 
-#include "migratectl_output.h"
-
 namespace migratectl {
-
-using namespace VEXA::UpdateEngine;
 
 namespace {
 
 constexpr int32_t kRunning = static_cast<int32_t>(TaskStatus::RUNNING);
 constexpr int32_t kPaused = static_cast<int32_t>(TaskStatus::PAUSED);
-
-size_t TerminalWidth()
-{
-    constexpr size_t kUsual = 80;
-    winsize size = {};
-    return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : kUsual;
-}
 
 std::string Bar(int32_t percent)
 {
@@ -41,33 +27,26 @@ std::string Percent(int64_t percent)
     return std::string(kWidth - std::min(kWidth, text.size()), ' ') + text;
 }
 
-// One line of the screen, never two: the bars are redrawn by their number.
-void PrintCut(const std::string& text)
-{
-    printf("%s\x1b[K\n", text.substr(0, TerminalWidth() - 1).c_str());
-}
-
 }  // namespace
-
-ProgressView::ProgressView() : isTerminal_(isatty(STDOUT_FILENO) == 1) {}
 
 void ProgressView::Refresh(const MigrateInfo& info)
 {
-    progress_ = info.migrateProgress;
+    const auto before = rows_.size();
     std::set<uint32_t> known;
     Erase();
     for (const TaskInfo& task : info.taskInfos) {
         known.insert(task.id);
-        rows_[task.id].name = Printable(task.source);
+        rows_[task.id].name = Clean(task.source);
         Apply(task.id, static_cast<int32_t>(task.status), task.progress, task.requiredTraffic);
     }
+    ApplyWhole(info.migrateProgress, rows_.size() > before);
     std::erase_if(rows_, [&known](const auto& row) { return !known.contains(row.first); });
     Draw();
 }
 
 bool ProgressView::Update(const EventInfo& event)
 {
-    progress_ = event.progress;
+    ApplyWhole(event.progress, false);
     bool areKnown = true;
     Erase();
     for (const TaskProgress& task : event.taskProgresses) {
@@ -85,15 +64,24 @@ void ProgressView::Apply(uint32_t id, int32_t status, int32_t percent, int64_t l
 {
     Row& row = rows_[id];
     row.status = status;
-    row.percent = percent;
-    row.left = left;
+    if (percent >= row.percent) {
+        row.percent = percent;
+        row.left = left;
+    }
     PrintLine(row);
+}
+
+void ProgressView::ApplyWhole(const MigrateProgress& progress, bool hasGrown)
+{
+    if (hasGrown || progress.percent >= progress_.percent) {
+        progress_ = progress;
+    }
 }
 
 void ProgressView::PrintLine(Row& row) const
 {
     constexpr int32_t kTenth = 10;
-    const bool isWorthALine = isTerminal_ ? HasEnded(row.status) : row.status != 0;
+    const bool isWorthALine = IsTerminal() ? HasEnded(row.status) : row.status != 0;
     const bool isFurther = row.status == kRunning && row.percent / kTenth > row.shownTenth;
     if (!isWorthALine || (row.status == row.shownStatus && !isFurther)) {
         return;
@@ -104,21 +92,27 @@ void ProgressView::PrintLine(Row& row) const
     fflush(stdout);
 }
 
+// One line of the screen, never two: the bars are redrawn by their number.
+void ProgressView::PrintCut(const std::string& text) const
+{
+    printf("%s\x1b[K\n", Fit(text, width_() - 1).c_str());
+}
+
 void ProgressView::Draw()
 {
-    if (!isTerminal_) {
+    if (!IsTerminal()) {
         return;
     }
     for (const auto& [id, row] : rows_) {
         if (row.status == kRunning || row.status == kPaused) {
-            const std::string suffix = row.status == kPaused ? " paused" : "";
-            PrintCut(Percent(row.percent) + " " + Bar(row.percent) + " " + ShowBytes(row.left) + " left  " + row.name +
-                     suffix);
+            PrintCut(Percent(row.percent) + " " + Bar(row.percent) + " " + ShowBytes(row.left) +
+                     (row.status == kPaused ? " left, paused  " : " left  ") + row.name);
             barsDrawn_++;
         }
     }
-    PrintCut(Percent(progress_.percent) + " in all, " + ShowBytes(progress_.requiredTraffic) + " and " +
-             std::to_string(progress_.remainingTime) + " s left");
+    const auto seconds = static_cast<int64_t>(progress_.remainingTime);
+    PrintCut(Percent(progress_.percent) + " in all, " + ShowBytes(progress_.requiredTraffic) +
+             (seconds > 0 ? " and " + ShowNumber("remainingTime", seconds) : "") + " left");
     barsDrawn_++;
     fflush(stdout);
 }

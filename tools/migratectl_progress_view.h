@@ -6,19 +6,20 @@
 #include <map>
 #include <string>
 
-#include "native_migrate/migrate_records.h"
+#include "migratectl_output.h"
 
 namespace migratectl {
 
-// Belongs to one thread.
+// What is shown never goes back, whatever comes late or begins anew, except that the whole grows with packages that are
+// added. Belongs to one thread.
 class ProgressView {
 public:
-    ProgressView();
+    explicit ProgressView(ScreenWidth width) : width_(width) {}
 
     // What every task is called and how it stands.
-    void Refresh(const VEXA::UpdateEngine::MigrateInfo& info);
+    void Refresh(const MigrateInfo& info);
     // False when the event is of a task that Refresh has not named yet.
-    bool Update(const VEXA::UpdateEngine::EventInfo& event);
+    bool Update(const EventInfo& event);
     // Takes the bars away; what comes after is on lines of its own.
     void Finish();
 
@@ -28,19 +29,22 @@ private:
         int32_t status = 0;
         int32_t percent = 0;
         int64_t left = 0;
-        // What the last line printed said: an event may be older than what was asked for.
+        // What the last line printed said.
         int32_t shownStatus = 0;
         int32_t shownTenth = -1;
     };
 
     void Apply(uint32_t id, int32_t status, int32_t percent, int64_t left);
+    void ApplyWhole(const MigrateProgress& progress, bool hasGrown);
+    bool IsTerminal() const { return width_() > 0; }
+    void PrintCut(const std::string& text) const;
     void PrintLine(Row& row) const;
     void Draw();
     void Erase();
 
-    const bool isTerminal_;
+    const ScreenWidth width_;
     int barsDrawn_ = 0;
-    VEXA::UpdateEngine::MigrateProgress progress_;
+    MigrateProgress progress_;
     std::map<uint32_t, Row> rows_;
 };
 

@@ -1,161 +1,230 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "migratectl_watch.h"
-
+// Commands that start something and wait until it has ended.
 #include <algorithm>
 #include <chrono>
 #include <map>
-#include <utility>
-#include <vector>
+#include <memory>
+#include <optional>
+#include <thread>
 
 #include "migratectl_progress_view.h"
-#include "native_migrate/migrate_server_kits.h"
+#include "migratectl_request.h"
 #include "vexa/base/mutex.h"
 
 namespace migratectl {
-
-using namespace VEXA;
-using namespace VEXA::UpdateEngine;
-
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// The events between the IPC threads and the one that shows them. Never goes: an event may come late.
-class Events {
-public:
-    void Add(const EventInfo& event)
-    {
-        constexpr size_t kMost = 1000;
-        MutexLock lock(mutex_);
-        if (events_.size() < kMost) {
-            events_.push_back(event);
+// The package's task is found as the service finds packages: by directory, else by application. Of several the newest
+// counts, which is the one just asked for; what others wait for or fail with does not.
+std::optional<int> JudgeOne(const std::string& name, const MigrateInfo& info)
+{
+    const TaskInfo* found = nullptr;
+    for (const TaskInfo& task : info.taskInfos) {
+        const bool isIt = task.source == name;
+        if (isIt || (task.displayPolicy.displayBundleName == name && (found == nullptr || task.id > found->id))) {
+            found = &task;
         }
-        changed_.NotifyAll();
+        if (isIt) {
+            break;
+        }
     }
-    std::vector<EventInfo> Take(std::chrono::milliseconds wait)
-    {
-        MutexLock lock(mutex_);
-        changed_.WaitFor(mutex_, wait, [this]() VEXA_REQUIRES(mutex_) { return !events_.empty(); });
-        return std::exchange(events_, {});
+    if (found != nullptr && !HasEnded(static_cast<int64_t>(found->status))) {
+        return std::nullopt;
     }
+    return found != nullptr && found->status == TaskStatus::FINISHED ? EXIT_DONE : EXIT_INCOMPLETE;
+}
 
-private:
-    Mutex mutex_{LockRank::Program};
-    CondVar changed_;
-    std::vector<EventInfo> events_ VEXA_GUARDED_BY(mutex_);
-};
-
-class Watcher {
+// Follows what was asked for through the answers to GetMigrateInfo: one package, or all of them. Events only announce:
+// what counts is what the service says when it is asked. A death of the service on the way is survived: it is started
+// again by the next question.
+class Pursuit {
 public:
-    Watcher(const Options& options, std::shared_ptr<Events> events, bool hasTasks)
-        : options_(options), events_(std::move(events)), hasTasks_(hasTasks)
+    // Of the package that the line names, by its directory or its application; of all when it names none. `hasTasks`:
+    // there is something to move, even if nothing is seen of it.
+    Pursuit(const CommandLine& line, MigrateStage stage, bool hasTasks)
+        : line_(line), stage_(stage), hasTasks_(hasTasks)
     {}
 
-    int Run()
-    {
-        for (;;) {
-            const auto now = Clock::now();
-            if (isStale_ || now >= nextLook_) {
-                nextLook_ = now + kLook;
-                if (const int status = Look(now); status >= 0) {
-                    return status;
-                }
-            }
-            for (const EventInfo& event : events_->Take(kWait)) {
-                Show(event);
-            }
-        }
-    }
+    // Asks how things stand. The exit status when it is time to end: EXIT_DONE when what was asked for is moved,
+    // EXIT_INCOMPLETE when it has failed or was dropped, EXIT_UNREACHABLE when the service stays away for half a
+    // minute.
+    std::optional<int> Look(MigrateInfo& info);
+    // Whether the last look had an answer.
+    bool IsAnswered() const { return isAnswered_; }
 
 private:
-    static constexpr std::chrono::milliseconds kWait{200};
-    static constexpr std::chrono::seconds kLook{1};
-    static constexpr std::chrono::seconds kPatience{30};
+    std::optional<int> JudgeAll(const MigrateInfo& info);
 
-    // The exit status when it is time to end, else -1. Events only announce: what counts is what the service says
-    // when it is asked.
-    int Look(Clock::time_point now)
-    {
-        MigrateInfo info;
-        BusinessError error;
-        const int32_t result = MigrateServerKits::GetKitsInstance().GetMigrateInfo(MigrateStage::NONE, info, error);
-        if (result != MIGRATE_SUCCESS) {
-            if (now - lastAnswer_ < kPatience) {
-                return -1;
-            }
-            view_.Finish();
-            return Judge(options_, "watch", result);
-        }
-        lastAnswer_ = now;
-        isStale_ = false;
-        for (const TaskInfo& task : info.taskInfos) {
-            isMoved_[task.id] = isMoved_[task.id] || task.status == TaskStatus::FINISHED;
-        }
-        if (!options_.json) {
-            view_.Refresh(info);
-        }
-        const int32_t status = info.migrateProgress.status;
-        if (!HasEnded(status) && status != static_cast<int32_t>(TaskStatus::IDLE)) {
-            return -1;
-        }
-        view_.Finish();
-        return IsAllMoved() ? EXIT_DONE : EXIT_INCOMPLETE;
-    }
-
-    // Somebody may have dropped tasks. Where none was seen there was nothing to move, unless it is known better.
-    bool IsAllMoved() const
-    {
-        return isMoved_.empty()
-                   ? !hasTasks_
-                   : std::all_of(isMoved_.begin(), isMoved_.end(), [](const auto& task) { return task.second; });
-    }
-
-    void Show(const EventInfo& event)
-    {
-        isStale_ = isStale_ || HasEnded(event.progress.status);
-        if (!options_.json) {
-            isStale_ = !view_.Update(event) || isStale_;
-            return;
-        }
-        std::string text;
-        AppendJson(text, event);
-        printf("%s\n", text.c_str());
-        fflush(stdout);
-    }
-
-    const Options& options_;
-    const std::shared_ptr<Events> events_;
-    ProgressView view_;
+    const CommandLine& line_;
+    const MigrateStage stage_;
     const bool hasTasks_;
     std::map<uint32_t, bool> isMoved_;  // every task that there has been since the first look
-    bool isStale_ = true;
-    Clock::time_point nextLook_;
+    bool isAnswered_ = false;
     Clock::time_point lastAnswer_ = Clock::now();
 };
 
+std::optional<int> Pursuit::Look(MigrateInfo& info)
+{
+    constexpr std::chrono::seconds kPatience(30);
+    BusinessError error;
+    const int32_t result = Client<MigrateServerKits>().GetMigrateInfo(stage_, info, error);
+    isAnswered_ = result == MIGRATE_SUCCESS;
+    if (isAnswered_) {
+        lastAnswer_ = Clock::now();
+        return line_.name.empty() ? JudgeAll(info) : JudgeOne(line_.name, info);
+    }
+    const bool isPatient = Clock::now() - lastAnswer_ < kPatience;
+    return isPatient ? std::nullopt : std::optional(Judge(line_.options, line_.command, result));
+}
+
+// Somebody may have dropped tasks. Where none was seen there was nothing to move, unless it is known better.
+std::optional<int> Pursuit::JudgeAll(const MigrateInfo& info)
+{
+    for (const TaskInfo& task : info.taskInfos) {
+        isMoved_[task.id] = isMoved_[task.id] || task.status == TaskStatus::FINISHED;
+    }
+    const int32_t status = info.migrateProgress.status;
+    if (!HasEnded(status) && status != static_cast<int32_t>(TaskStatus::IDLE)) {
+        return std::nullopt;
+    }
+    const bool isAllMoved =
+        isMoved_.empty() ? !hasTasks_
+                         : std::all_of(isMoved_.begin(), isMoved_.end(), [](const auto& task) { return task.second; });
+    return isAllMoved ? EXIT_DONE : EXIT_INCOMPLETE;
+}
+
+// Shows a migration: by events, and once a second by what the service says when it is asked. Stays when it has ended,
+// because an event may come late.
+class Watcher {
+public:
+    explicit Watcher(const Options& options) : options_(options), view_(options.width) {}
+
+    // On the threads that bring events.
+    void OnEvent(const EventInfo& event)
+    {
+        MutexLock lock(mutex_);
+        if (!isShowing_) {
+            return;
+        }
+        const auto& tasks = event.taskProgresses;
+        isStale_ = isStale_ || HasEnded(event.progress.status) ||
+                   std::any_of(tasks.begin(), tasks.end(), [](const auto& task) { return HasEnded(task.status); });
+        if (options_.json) {
+            PrintJson(ToJson(event));
+        } else {
+            isStale_ = !view_.Update(event) || isStale_;
+        }
+        changed_.NotifyAll();
+    }
+
+    // Until there is an exit status.
+    int Run(Pursuit pursuit)
+    {
+        constexpr std::chrono::seconds kLook(1);
+        for (;;) {
+            Begin();
+            MigrateInfo info;
+            const auto status = pursuit.Look(info);
+            MutexLock lock(mutex_);
+            if (!options_.json && pursuit.IsAnswered()) {
+                view_.Refresh(info);
+            }
+            if (status.has_value()) {
+                isShowing_ = false;
+                view_.Finish();
+                return *status;
+            }
+            changed_.WaitFor(mutex_, kLook, [this]() VEXA_REQUIRES(mutex_) { return isStale_; });
+        }
+    }
+
+private:
+    // What comes from here on makes the answer stale.
+    void Begin()
+    {
+        MutexLock lock(mutex_);
+        isShowing_ = true;
+        isStale_ = false;
+    }
+
+    const Options options_;
+    Mutex mutex_{LockRank::Program};
+    CondVar changed_;
+    ProgressView view_ VEXA_GUARDED_BY(mutex_);
+    bool isShowing_ VEXA_GUARDED_BY(mutex_) = false;  // what happens before the start is no news
+    bool isStale_ VEXA_GUARDED_BY(mutex_) = false;
+};
+
+int32_t AskToStart(const CommandLine& line, BusinessError& error)
+{
+    auto& kits = Client<MigrateServerKits>();
+    if (line.name.empty()) {
+        return kits.StartMigrate(error);
+    }
+    if (line.target.empty() && line.priority == 0) {
+        return kits.StartPakMigrate(line.name, error);
+    }
+    const std::string parameters = "{\"priority\":" + std::to_string(line.priority) + "}";
+    return kits.StartPakMigration(line.name, line.target, parameters, error);
+}
+
+// `isUnderWay`: a migration is, started by the request or before.
+int Start(const CommandLine& line, bool& isUnderWay)
+{
+    BusinessError error;
+    const int32_t result = AskToStart(line, error);
+    const int status = Finish(line.options, line.command, result, error);
+    isUnderWay =
+        status == EXIT_DONE || error.errorNum == MIGRATE_ERROR_SOME_PACKAGES || error.errorNum == MIGRATE_ERROR_BUSY;
+    return status;
+}
+
 }  // namespace
 
-int StartAndWatch(const Options& options, const std::function<StartOutcome()>& start)
+int StartMigration(const CommandLine& line)
 {
-    auto& kits = MigrateServerKits::GetKitsInstance();
-    const auto events = std::make_shared<Events>();
-    ProgressCallback callback;
-    callback.onProgress = [events](const MigrateStage&, const EventInfo& event) { events->Add(event); };
-    int status = Judge(options, "watch", kits.On(callback));
+    bool isUnderWay = false;
+    if (!line.waits) {
+        return Start(line, isUnderWay);
+    }
+    auto& kits = Client<MigrateServerKits>();
+    const auto watcher = std::make_shared<Watcher>(line.options);
+    const auto watch = [watcher](const MigrateStage&, const EventInfo& event) { watcher->OnEvent(event); };
+    int status = Judge(line.options, line.command, kits.On({watch}));
     if (status != EXIT_DONE) {
         return status;
     }
-    const StartOutcome outcome = start();
-    status = outcome.exitStatus;
-    if (outcome.isUnderWay) {
-        // What happened before the start is no news.
-        events->Take(std::chrono::milliseconds(0));
-        const bool hasTasks = status != EXIT_DONE;
-        status = Watcher(options, events, hasTasks).Run();
-        PrintResult(options);
+    status = Start(line, isUnderWay);
+    if (isUnderWay) {
+        status = watcher->Run({line, MigrateStage::NONE, status != EXIT_DONE});
+        static const Action showAll = Request(ShowResult, &MigrateServerKits::GetMigrateResult);
+        static const Action showOne = Request(&MigrateServerKits::GetPakMigrationTaskStatus, &CommandLine::name);
+        (line.name.empty() ? showAll : showOne)(line);
     }
     kits.Off();
     return status;
+}
+
+int RestoreApp(const CommandLine& line)
+{
+    constexpr std::chrono::milliseconds kLook(200);
+    static const Action restore =
+        Request(ShowError(), &ReserveMigrateKits::RestoreApp, &CommandLine::name, &CommandLine::scene);
+    static const Action show =
+        Request(ShowEvents, &ReserveMigrateKits::GetRestoreAppStatus, &CommandLine::name, &CommandLine::scene);
+    if (const int status = restore(line); status != EXIT_DONE || !line.waits) {
+        return status;
+    }
+    Pursuit pursuit(line, MigrateStage::RESTORE, true);
+    for (;; std::this_thread::sleep_for(kLook)) {
+        MigrateInfo info;
+        if (const auto status = pursuit.Look(info)) {
+            show(line);
+            return *status;
+        }
+    }
 }
 
 }  // namespace migratectl

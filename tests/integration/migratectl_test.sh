@@ -1,12 +1,19 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# The command line's exit statuses, with vexa-session and migratectl on PATH.
+# The program and the real service: what a service of a test can't show. Needs vexa-session, migratectl and
+# migrate_serviced on PATH.
 set -euo pipefail
 
 root="$(mktemp -d "${TMPDIR:-/tmp}/migratectl-test.XXXXXX")"
 trap 'rm -rf "$root"' EXIT
 export MIGRATE_SOURCE="$root/source" MIGRATE_TARGET="$root/target" MIGRATE_THROTTLE=4000000 ROOT="$root"
 mkdir -p "$MIGRATE_SOURCE" "$MIGRATE_TARGET"
+
+for throttle in -1 4MB 1.5 18446744073709551616; do
+    status=0
+    MIGRATE_THROTTLE="$throttle" migrate_serviced --source "$root" --target "$root" 2>"$root/err" || status=$?
+    [[ "$status" == 2 ]] && grep -q "throttle: " "$root/err" || { echo "throttle $throttle: status $status"; exit 1; }
+done
 
 vexa-session -- bash -euo pipefail -c '
     expect() {
@@ -18,32 +25,51 @@ vexa-session -- bash -euo pipefail -c '
         cat "$ROOT/out" "$ROOT/err"
         exit 1
     }
+    # The output of the last command holds that line.
+    says() { grep -qxF -- "$1" "$ROOT/out" || { echo "not said: $1"; cat "$ROOT/out"; exit 1; }; }
+
     expect 0 start --watch  # nothing to do
-    mkdir "$MIGRATE_SOURCE/small" "$MIGRATE_SOURCE/large"
+    odd=$(printf "odd\033[31m\377\302\233")
+    mkdir "$MIGRATE_SOURCE/small" "$MIGRATE_SOURCE/large" "$MIGRATE_SOURCE/$odd" "$MIGRATE_SOURCE"/set-{a,b}
     echo small >"$MIGRATE_SOURCE/small/file"
     truncate -s 40000000 "$MIGRATE_SOURCE/large/file"  # ten seconds, of which none is waited for
-
-    # Nothing that can be taken for everything by mistake.
-    for command in start stop task "start small --as" "reserve list" "reserve clear"; do
-        expect 2 $command ""
+    for name in a b; do
+        echo "{\"bundleName\":\"set\",\"reserved\":true}" >"$MIGRATE_SOURCE/set-$name/manifest.json"
     done
-    expect 2 stop small --user 1
-    [[ -z "$(ls "$MIGRATE_TARGET")" ]]
+    truncate -s 2000000 "$MIGRATE_SOURCE/set-a/file"
 
+    expect 0 packages
+    says "odd?[31m??  odd?[31m??  idle"
+    expect 0 --json packages
+    grep -qF "odd\\u001b[31m\\udcff\\u009b" "$ROOT/out"
+
+    # Who asks for one package is answered for that, whatever becomes of others.
+    expect 0 reserve restore set-a
+    expect 0 reserve restore set-b --wait  # behind the other one
+    mkdir "$MIGRATE_TARGET/large"          # somebody else has that
+    expect 1 start
     expect 0 start small --watch
-    expect 0 task small
-    expect 1 task absent
+    says "100% finished small"
+    expect 3 start --watch
+    rmdir "$MIGRATE_TARGET/large"
     expect 1 start absent --watch
+    expect 1 task absent
     (
         until grep -q "running *large" "$ROOT/out"; do sleep 0.05; done
         migratectl stop large
     ) &
     expect 3 start large --watch
     wait
-    mkdir "$MIGRATE_TARGET/large"  # somebody else has that
-    expect 1 start
-    expect 3 start --watch
-    expect 0 status --stage all
+
+    for level in "" -v; do
+        expect 0 $level status --stage all
+        [[ "$(grep -c GetMigrateStatus "$ROOT/err")" == "$([[ -n "$level" ]] && echo 1 || echo 0)" ]]
+    done
+    expect 0 monitor status
+    grep -q "GetMigrateStatus start" "$ROOT/out"
+    for help in --help "reserve --help" --version; do
+        expect 0 $help
+    done
 
     for output in ">/dev/full" ">&-"; do
         status=0

@@ -1,0 +1,75 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "migratectl_table.h"
+
+#include <algorithm>
+#include <numeric>
+
+namespace migratectl {
+
+namespace {
+
+using Lines = std::vector<std::vector<std::string>>;
+
+constexpr size_t kGap = 2;
+
+std::vector<size_t> Widths(const Lines& lines, size_t most)
+{
+    std::vector<size_t> widths(lines.front().size());
+    for (const auto& line : lines) {
+        for (size_t i = 0; i < widths.size(); i++) {
+            widths[i] = std::max(widths[i], Columns(line[i]));
+        }
+    }
+    const size_t gaps = kGap * (widths.size() - 1);
+    const auto widest = [&widths] { return std::max_element(widths.begin(), widths.end()); };
+    while (most > 0 && std::accumulate(widths.begin(), widths.end(), gaps) > most && *widest() > 1) {
+        --*widest();
+    }
+    return widths;
+}
+
+std::string Format(const Lines& lines, size_t width)
+{
+    const auto widths = Widths(lines, width);
+    std::string text;
+    for (const auto& line : lines) {
+        for (size_t i = 0; i < line.size(); i++) {
+            text += Fit(line[i], widths[i]) + std::string(kGap, ' ');
+        }
+        text.erase(text.find_last_not_of(' ') + 1);
+        text += '\n';
+    }
+    return text;
+}
+
+}  // namespace
+
+std::string FormatTable(const std::vector<Fields>& rows, size_t width)
+{
+    if (rows.empty()) {
+        return "";
+    }
+    Lines lines(1);
+    for (const auto& [name, value] : rows.front()) {
+        lines.front().push_back(Clean(name));
+    }
+    for (const Fields& row : rows) {
+        auto& line = lines.emplace_back();
+        for (const auto& [name, value] : row) {
+            line.push_back(Clean(value));
+        }
+        line.resize(lines.front().size());
+    }
+    return Format(lines, width);
+}
+
+std::string FormatFields(const Fields& fields)
+{
+    Lines lines;
+    for (const auto& [name, value] : fields) {
+        lines.push_back({Clean(name), Clean(value)});
+    }
+    return lines.empty() ? "" : Format(lines, 0);
+}
+
+}  // namespace migratectl

@@ -1,0 +1,188 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "migratectl_text.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <ctime>
+#include <cwchar>
+
+namespace migratectl {
+
+namespace {
+
+// What a byte that begins no character counts as: a surrogate, which no valid text holds.
+constexpr char32_t kOddByte = 0xdc00;
+
+bool IsContinued(unsigned char byte)
+{
+    return (byte & 0xc0U) == 0x80U;
+}
+
+// Takes the next character off a text that is not empty.
+char32_t TakeCharacter(std::string_view& text)
+{
+    struct Kind {
+        unsigned char mask, lead;
+        char32_t least;  // what is smaller has a shorter form
+    };
+    static constexpr std::array<Kind, 4> kinds{
+        {{0x80, 0x00, 0}, {0xe0, 0xc0, 0x80}, {0xf0, 0xe0, 0x800}, {0xf8, 0xf0, 0x10000}}};
+    constexpr char32_t kLargest = 0x10ffff;
+    const auto first = static_cast<unsigned char>(text[0]);
+    for (size_t size = 1; size <= std::min(kinds.size(), text.size()); size++) {
+        const Kind& kind = kinds[size - 1];
+        const std::string_view rest = text.substr(1, size - 1);
+        if ((first & kind.mask) != kind.lead || !std::all_of(rest.begin(), rest.end(), IsContinued)) {
+            continue;
+        }
+        auto character = static_cast<char32_t>(first & ~kind.mask & 0xff);
+        for (const char c : rest) {
+            character = character << 6U | (static_cast<unsigned char>(c) & 0x3fU);
+        }
+        if (character >= kind.least && character <= kLargest && (character < 0xd800 || character > 0xdfff)) {
+            text.remove_prefix(size);
+            return character;
+        }
+    }
+    text.remove_prefix(1);
+    return kOddByte + first;
+}
+
+// -1 for what a terminal is not to get.
+int WidthOf(char32_t character)
+{
+    const bool turns = (character >= 0x202a && character <= 0x202e) || (character >= 0x2066 && character <= 0x2069);
+    return turns ? -1 : wcwidth(static_cast<wchar_t>(character));
+}
+
+template <typename... Values>
+std::string Format(const char* format, Values... values)
+{
+    std::array<char, 48> text = {};
+    snprintf(text.data(), text.size(), format, values...);
+    return text.data();
+}
+
+std::string ShowDuration(int64_t seconds)
+{
+    constexpr long long kMinute = 60;
+    const long long minutes = seconds / kMinute;
+    return seconds > 0 ? Format("%lld:%02lld:%02lld", minutes / 60, minutes % 60, seconds % kMinute) : "-";
+}
+
+std::string ShowDate(int64_t seconds)
+{
+    const time_t time = seconds;
+    tm date = {};
+    std::array<char, 48> text = {};
+    const bool isThere = time > 0 && localtime_r(&time, &date) != nullptr &&
+                         strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S %z", &date) > 0;
+    return isThere ? text.data() : "-";
+}
+
+template <size_t Count>
+const char* NameOf(int64_t value, const std::array<const char*, Count>& names)
+{
+    return value >= 0 && value < static_cast<int64_t>(Count) ? names[static_cast<size_t>(value)] : "unknown";
+}
+
+std::string ShowPauseReason(int64_t reason)
+{
+    return NameOf(reason, std::array{"none", "user", "network", "storage", "power"});
+}
+
+}  // namespace
+
+std::string Clean(std::string_view text)
+{
+    std::string clean;
+    while (!text.empty()) {
+        const std::string_view before = text;
+        const bool isHarmless = WidthOf(TakeCharacter(text)) >= 0;
+        clean += isHarmless ? before.substr(0, before.size() - text.size()) : "?";
+    }
+    return clean;
+}
+
+size_t Columns(std::string_view text)
+{
+    size_t columns = 0;
+    while (!text.empty()) {
+        columns += static_cast<size_t>(std::max(WidthOf(TakeCharacter(text)), 0));
+    }
+    return columns;
+}
+
+std::string Fit(std::string_view text, size_t columns)
+{
+    if (columns == 0) {
+        return "";
+    }
+    std::string fitting(text);
+    if (Columns(text) > columns) {
+        std::string_view rest = text;
+        size_t taken = 0;
+        size_t end = 0;
+        while (taken < columns) {  // one column is the ellipsis's
+            end = text.size() - rest.size();
+            taken += static_cast<size_t>(std::max(WidthOf(TakeCharacter(rest)), 0));
+        }
+        fitting = std::string(text.substr(0, end)) + "\u2026";
+    }
+    return fitting.append(columns - std::min(columns, Columns(fitting)), ' ');
+}
+
+std::string EscapeOdd(std::string_view json)
+{
+    constexpr char32_t kDelete = 0x7f;
+    constexpr char32_t kLastControl = 0x9f;
+    std::string escaped;
+    while (!json.empty()) {
+        const std::string_view before = json;
+        const char32_t character = TakeCharacter(json);
+        if ((character >= kDelete && character <= kLastControl) || (character & ~char32_t{0xff}) == kOddByte) {
+            escaped += Format("\\u%04x", static_cast<unsigned>(character));
+        } else {
+            escaped += before.substr(0, before.size() - json.size());
+        }
+    }
+    return escaped;
+}
+
+const char* StatusName(int64_t status)
+{
+    return NameOf(status, std::array{"idle", "running", "paused", "finished", "failed"});
+}
+
+std::string ShowBytes(int64_t bytes)
+{
+    constexpr std::array units{"B", "kB", "MB", "GB", "TB", "PB", "EB"};
+    constexpr double kStep = 1000;
+    constexpr double kShownAsStep = 999.95;  // with one digit behind the point
+    auto value = static_cast<double>(bytes);
+    size_t unit = 0;
+    while (value >= (unit == 0 ? kStep : kShownAsStep) && unit + 1 < units.size()) {
+        value /= kStep;
+        unit++;
+    }
+    return Format("%.*f %s", unit == 0 ? 0 : 1, value, units[unit]);
+}
+
+std::string ShowNumber(std::string_view key, int64_t value)
+{
+    using Show = std::string (*)(int64_t);
+    static constexpr std::pair<std::string_view, Show> kinds[] = {
+        {"status", [](int64_t status) { return std::string(StatusName(status)); }}, {"suspendReason", ShowPauseReason},
+        {"percent", [](int64_t percent) { return std::to_string(percent) + " %"; }}, {"remainingTime", ShowDuration},
+        {"requiredTraffic", ShowBytes}, {"requiredMigrationSpace", ShowBytes}, {"bytes", ShowBytes},
+        {"startTime", ShowDate}, {"endTime", ShowDate}};
+    for (const auto& [name, show] : kinds) {
+        if (name == key) {
+            return show(value);
+        }
+    }
+    return std::to_string(value);
+}
+
+}  // namespace migratectl
