@@ -72,8 +72,7 @@ std::string ShowJson(const JsonContext& value)
 
 int64_t NumberOf(const JsonContext& value)
 {
-    // Large enough for every count that the service reports.
-    constexpr double kLargest = 9007199254740991.0;
+    constexpr double kLargest = 9223372036854774784.0;  // that an int64_t holds
     return static_cast<int64_t>(std::clamp(HeldValue<double>(value).value_or(0), -kLargest, kLargest));
 }
 

@@ -8,10 +8,14 @@
 
 #include "json_from_struct.h"
 #include "migratectl_table.h"
+#include "migratectl_text.h"
 #include "native_migrate/migrate_records.h"
 #include "vexa/json/json_context.h"
 
 namespace migratectl {
+
+using namespace VEXA;
+using namespace VEXA::UpdateEngine;
 
 enum ExitStatus : int {
     EXIT_DONE = 0,

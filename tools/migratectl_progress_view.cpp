@@ -23,8 +23,7 @@ std::string Bar(int32_t percent)
 std::string Percent(int64_t percent)
 {
     const std::string text = std::to_string(percent) + "%";
-    constexpr size_t kWidth = 4;
-    return std::string(kWidth - std::min(kWidth, text.size()), ' ') + text;
+    return std::string(text.size() < 4 ? 4 - text.size() : 0, ' ') + text;
 }
 
 }  // namespace
@@ -123,12 +122,6 @@ void ProgressView::Erase()
         printf("\x1b[%dA\x1b[J", barsDrawn_);
     }
     barsDrawn_ = 0;
-}
-
-void ProgressView::Finish()
-{
-    Erase();
-    fflush(stdout);
 }
 
 }  // namespace migratectl

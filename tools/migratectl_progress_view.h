@@ -21,7 +21,7 @@ public:
     // False when the event is of a task that Refresh has not named yet.
     bool Update(const EventInfo& event);
     // Takes the bars away; what comes after is on lines of its own.
-    void Finish();
+    void Finish() { Erase(); }
 
 private:
     struct Row {

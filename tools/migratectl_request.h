@@ -28,59 +28,42 @@ inline ReserveMigrateKits& Client()
     return *kits;
 }
 
-// How a reply is shown to people.
-struct ShowReply {
-    void operator()(const Options& options, int64_t bytes) const;
-    void operator()(const Options& options, const std::vector<std::string>& names) const;
-    void operator()(const Options& options, const MigrateInfo& info) const;
-    template <Record T>
-    void operator()(const Options&, const T& record) const
-    {
-        Print(FormatFields(ToFields(record)));
-    }
-    template <Record T>
-    void operator()(const Options& options, const std::vector<T>& list) const
-    {
-        std::vector<Fields> rows;
-        for (const T& record : list) {
-            rows.push_back(ToFields(record));
-        }
-        PrintRows(options, rows);
-    }
-};
-void ShowResult(const Options& options, const std::string& text);
-void ShowApps(const Options& options, const std::string& text);
-void ShowEvents(const Options& options, const std::string& text);
-void ShowCheck(const Options& options, const std::string& text);
-// Of a reply that is the text of a BusinessError.
-struct ShowError {};
+// Shows a reply to people: a number as a size, names as lines, a record as its fields, and a list of records as a
+// table.
+void ShowReply(const Options& options, const JsonContext& reply);
+void ShowInfo(const Options& options, const JsonContext& info);
+void ShowResult(const Options& options, const JsonContext& result);
+void ShowApps(const Options& options, const JsonContext& apps);
+void ShowEvents(const Options& options, const JsonContext& events);
+void ShowCheck(const Options& options, const JsonContext& check);
+using Show = void (*)(const Options&, const JsonContext&);
+// In its place: the reply is the text of a BusinessError.
+constexpr Show AN_ERROR = nullptr;
 
 // End a request: what it replied is shown, or printed as JSON.
-inline int Conclude(const CommandLine& line, const ShowReply&, int32_t result, const BusinessError& error)
+inline int Conclude(const CommandLine& line, Show /*show*/, int32_t result, const BusinessError& error)
 {
     return Finish(line.options, line.command, result, error);
 }
 
-inline int Conclude(const CommandLine& line, const ShowError&, int32_t result, const std::string& reply)
+template <typename Reply>
+int Conclude(const CommandLine& line, Show show, int32_t result, const Reply& reply, const BusinessError& error = {})
 {
-    BusinessError error;
-    JsonToStruct().AccessMember(JsonContext(reply), error, "");
-    return Finish(line.options, line.command, result, error);
-}
-
-template <typename Show, typename Reply>
-int Conclude(
-    const CommandLine& line, const Show& show, int32_t result, const Reply& reply, const BusinessError& error = {})
-{
-    if (!line.options.json && result == MIGRATE_SUCCESS) {
-        show(line.options, reply);
+    const std::string json = ToJson(reply);
+    if (show == AN_ERROR) {
+        BusinessError replied;
+        JsonToStruct().AccessMember(JsonContext(json), replied, "");
+        return Finish(line.options, line.command, result, replied);
     }
-    return Finish(line.options, line.command, result, error, ToJson(reply));
+    if (!line.options.json && result == MIGRATE_SUCCESS) {
+        show(line.options, JsonContext(json));
+    }
+    return Finish(line.options, line.command, result, error, json);
 }
 
 // The action that asks with `ask`, which fills what it replies, and shows that.
-template <typename... Replies, typename Show, typename Ask>
-Action MakeAction(std::type_identity<std::tuple<Replies...>> /*replies*/, const Show& show, const Ask& ask)
+template <typename... Replies, typename Ask>
+Action MakeAction(std::type_identity<std::tuple<Replies...>> /*replies*/, Show show, const Ask& ask)
 {
     return [=](const CommandLine& line) {
         std::tuple<Replies...> replies;
@@ -93,8 +76,8 @@ template <size_t Fields, typename Parameters, size_t... Indices>
 auto RepliesBehind(std::index_sequence<Indices...> /*indices*/)
     -> std::tuple<std::decay_t<std::tuple_element_t<Fields + Indices, Parameters>>...>;
 
-template <typename Show, typename Kits, typename... Parameters, typename... Fields>
-Action Request(const Show& show, int32_t (Kits::*operation)(Parameters...), Fields CommandLine::*... fields)
+template <typename Kits, typename... Parameters, typename... Fields>
+Action Request(Show show, int32_t (Kits::*operation)(Parameters...), Fields CommandLine::*... fields)
 {
     constexpr size_t kFields = sizeof...(Fields);
     using Replies = decltype(RepliesBehind<kFields, std::tuple<Parameters...>>(
@@ -107,7 +90,7 @@ Action Request(const Show& show, int32_t (Kits::*operation)(Parameters...), Fiel
 template <typename Kits, typename... Parameters, typename... Fields>
 Action Request(int32_t (Kits::*operation)(Parameters...), Fields CommandLine::*... fields)
 {
-    return Request(ShowReply(), operation, fields...);
+    return Request(ShowReply, operation, fields...);
 }
 
 // Commands that are more than a request.

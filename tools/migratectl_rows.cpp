@@ -64,8 +64,7 @@ Argument NotWith(const char* other, const Argument& argument)
 template <typename Reply, typename Ask>
 Action RequestOf(const Ask& ask)
 {
-    using Show = std::conditional_t<std::is_same_v<Reply, std::string>, ShowError, ShowReply>;
-    return MakeAction(std::type_identity<std::tuple<Reply>>(), Show(), ask);
+    return MakeAction(std::type_identity<std::tuple<Reply>>(), AN_ERROR, ask);
 }
 
 int32_t Stop(const Line& line, BusinessError& error)
@@ -97,7 +96,7 @@ const Argument STAGE = Value("--stage", &Line::stage, "all, prepare, download, i
 
 const Command COMMANDS[] = {
     {"", "status", "The state of the migration", {STAGE}, Request(&Kits::GetMigrateStatus, &Line::stage)},
-    {"", "info", "Progress and tasks", {STAGE}, Request(&Kits::GetMigrateInfo, &Line::stage)},
+    {"", "info", "Progress and tasks", {STAGE}, Request(ShowInfo, &Kits::GetMigrateInfo, &Line::stage)},
     {"", "packages", "The packages of the source", {}, Request(&Kits::GetPakMigrateInfo)},
     {"", "apk", "The applications of the source", {}, Request(&Kits::GetApkInfo)},
     {"", "users", "The users of the source, and where they go", {}, Request(&Kits::GetMigrationUsers)},
@@ -146,10 +145,10 @@ const Command COMMANDS[] = {
     {"reserve", "clear", "Takes away what was restored of one",
         {Required(Value("name", &Line::name, "", IS_NAME)),
             Value("--scene", &Line::scene, "Only if it is of this scene")},
-        Request(ShowError(), &Reserve::ClearApp, &Line::name, &Line::scene)},
+        Request(AN_ERROR, &Reserve::ClearApp, &Line::name, &Line::scene)},
     {"reserve", "clear-all", "Takes away everything that was restored",
         {Value("--scene", &Line::scene, "Only what is of this scene")},
-        Request(ShowError(), &Reserve::ClearAllVirtualData, &Line::scene)},
+        Request(AN_ERROR, &Reserve::ClearAllVirtualData, &Line::scene)},
     {"reserve", "priority", "Which are restored first",
         {Required(Value("name", &Line::name, "", IS_NAME)),
             Required(Value("priority", &Line::number, "Higher goes first; 0 unless set"))},

@@ -12,14 +12,13 @@ namespace migratectl {
 namespace {
 
 // Runs a command with its log lines kept back until it has ended.
-int Monitor(const std::vector<std::string>& command, ScreenWidth width)
+int Monitor(std::vector<std::string> command, ScreenWidth width)
 {
     constexpr size_t kLines = 10000;
     static RingLogSink ring(kLines);
     LogSink* const before = SetLogSink(&ring);
-    std::vector<std::string> arguments{"-v"};
-    arguments.insert(arguments.end(), command.begin(), command.end());
-    const int status = Run(arguments, width);
+    command.insert(command.begin(), "-v");
+    const int status = Run(std::move(command), width);
     SetLogSink(before);
     for (const LogEntry& entry : ring.After(0)) {
         Print(ToLogLine(entry.AsRecord()) + "\n");

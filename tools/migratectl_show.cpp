@@ -5,16 +5,39 @@ namespace migratectl {
 
 namespace {
 
-// The members of an object, without its lists.
-Fields FieldsOf(const JsonContext& object)
+// The members of an object, those of nested ones with both names. A list within it, where wanted, is shown as
+// "1:one, 2:two", of elements with two members.
+Fields ToFields(const JsonContext& object, bool hasLists, const std::string& prefix = "")
 {
     Fields fields;
-    for (const JsonContext& field : object) {
-        if (field.Type() != JsonContext::ARRAY) {
-            fields.emplace_back(field.Key(), ShowJson(field));
+    for (const JsonContext& member : object) {
+        const std::string name = prefix + std::string(member.Key());
+        if (member.Type() == JsonContext::OBJECT) {
+            const Fields inner = ToFields(member, hasLists, name + ".");
+            fields.insert(fields.end(), inner.begin(), inner.end());
+        } else if (member.Type() != JsonContext::ARRAY) {
+            fields.emplace_back(name, ShowJson(member));
+        } else if (hasLists) {
+            std::string text;
+            for (const JsonContext& element : member) {
+                std::string separator = text.empty() ? "" : ", ";
+                for (const auto& [key, value] : ToFields(element, hasLists)) {
+                    text += std::exchange(separator, ":") + value;
+                }
+            }
+            fields.emplace_back(name, text);
         }
     }
     return fields;
+}
+
+void ShowRecords(const Options& options, const JsonContext& list)
+{
+    std::vector<Fields> rows;
+    for (const JsonContext& record : list) {
+        rows.push_back(ToFields(record, true));
+    }
+    PrintRows(options, rows);
 }
 
 // A column of a table: its title, and the member that it shows, which may be one of a member.
@@ -24,9 +47,8 @@ struct Column {
     const char* key;
 };
 
-void ShowColumns(const Options& options, const std::string& text, std::initializer_list<Column> columns)
+void ShowColumns(const Options& options, const JsonContext& list, std::initializer_list<Column> columns)
 {
-    const JsonContext list(text);
     std::vector<Fields> rows;
     for (const JsonContext& element : list) {
         Fields& row = rows.emplace_back();
@@ -39,59 +61,53 @@ void ShowColumns(const Options& options, const std::string& text, std::initializ
 
 }  // namespace
 
-void ShowReply::operator()(const Options& /*options*/, int64_t bytes) const
+void ShowReply(const Options& options, const JsonContext& reply)
 {
-    Print(ShowBytes(bytes) + "\n");
-}
-
-void ShowReply::operator()(const Options& /*options*/, const std::vector<std::string>& names) const
-{
-    for (const std::string& name : names) {
-        Print(Clean(name) + "\n");
+    const bool isList = reply.Type() == JsonContext::ARRAY;
+    if (isList && reply.size() > 0 && reply.begin()->Type() == JsonContext::STRING) {
+        for (const JsonContext& name : reply) {
+            Print(Clean(ShowJson(name)) + "\n");
+        }
+    } else if (isList) {
+        ShowRecords(options, reply);
+    } else if (reply.Type() == JsonContext::OBJECT) {
+        Print(FormatFields(ToFields(reply, true)));
+    } else {
+        Print(ShowBytes(NumberOf(reply)) + "\n");
     }
 }
 
-void ShowReply::operator()(const Options& options, const MigrateInfo& info) const
+void ShowInfo(const Options& options, const JsonContext& info)
 {
-    (*this)(options, info.migrateProgress);
-    std::vector<Fields> rows;
-    for (const TaskInfo& task : info.taskInfos) {
-        rows.push_back({{"id", std::to_string(task.id)}, {"status", StatusName(static_cast<int64_t>(task.status))},
-            {"done", ShowNumber("percent", task.progress)}, {"left", ShowBytes(task.requiredTraffic)},
-            {"user", std::to_string(task.userId)}, {"source", task.source}, {"target", task.target}});
-    }
-    PrintRows(options, rows);
+    ShowReply(options, info["migrateProgress"]);
+    ShowColumns(options, info["taskInfos"],
+        {{"id", "", "id"}, {"status", "", "status"}, {"done", "", "progress"}, {"left", "", "requiredTraffic"},
+            {"user", "", "userId"}, {"source", "", "source"}, {"target", "", "target"}});
 }
 
-void ShowResult(const Options& options, const std::string& text)
+void ShowResult(const Options& options, const JsonContext& result)
 {
-    const JsonContext result(text);
-    Print(FormatFields(FieldsOf(result)));
-    std::vector<Fields> packages;
-    for (const JsonContext& package : result["packages"]) {
-        packages.push_back(FieldsOf(package));
-    }
-    PrintRows(options, packages);
+    Print(FormatFields(ToFields(result, false)));
+    ShowRecords(options, result["packages"]);
 }
 
-void ShowApps(const Options& options, const std::string& text)
+void ShowApps(const Options& options, const JsonContext& apps)
 {
-    ShowColumns(options, text,
+    ShowColumns(options, apps,
         {{"package", "", "packageName"}, {"version", "", "versionName"}, {"code", "", "versionCode"},
             {"scene", "", "restoreScene"}, {"directory", "", "scanSourceDir"}});
 }
 
-void ShowEvents(const Options& options, const std::string& text)
+void ShowEvents(const Options& options, const JsonContext& events)
 {
     constexpr auto kApp = "restoreAppInfo";
-    ShowColumns(options, text,
+    ShowColumns(options, events,
         {{"status", "", "status"}, {"package", kApp, "packageName"}, {"version", kApp, "versionName"},
             {"scene", kApp, "restoreScene"}, {"error", "errorInfo", "reason"}});
 }
 
-void ShowCheck(const Options& /*options*/, const std::string& text)
+void ShowCheck(const Options& /*options*/, const JsonContext& check)
 {
-    const JsonContext check(text);
     const std::string reason = ShowJson(check["reason"]);
     Print(ShowJson(check["canRestore"]) + (reason.empty() ? "" : " " + Clean(reason)) + "\n");
 }

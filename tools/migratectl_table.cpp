@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <numeric>
 
+#include "migratectl_text.h"
+
 namespace migratectl {
 
 namespace {

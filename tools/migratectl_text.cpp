@@ -87,6 +87,16 @@ const char* NameOf(int64_t value, const std::array<const char*, Count>& names)
     return value >= 0 && value < static_cast<int64_t>(Count) ? names[static_cast<size_t>(value)] : "unknown";
 }
 
+std::string ShowPercent(int64_t percent)
+{
+    return std::to_string(percent) + " %";
+}
+
+std::string ShowStatus(int64_t status)
+{
+    return StatusName(status);
+}
+
 std::string ShowPauseReason(int64_t reason)
 {
     return NameOf(reason, std::array{"none", "user", "network", "storage", "power"});
@@ -172,11 +182,10 @@ std::string ShowBytes(int64_t bytes)
 std::string ShowNumber(std::string_view key, int64_t value)
 {
     using Show = std::string (*)(int64_t);
-    static constexpr std::pair<std::string_view, Show> kinds[] = {
-        {"status", [](int64_t status) { return std::string(StatusName(status)); }}, {"suspendReason", ShowPauseReason},
-        {"percent", [](int64_t percent) { return std::to_string(percent) + " %"; }}, {"remainingTime", ShowDuration},
-        {"requiredTraffic", ShowBytes}, {"requiredMigrationSpace", ShowBytes}, {"bytes", ShowBytes},
-        {"startTime", ShowDate}, {"endTime", ShowDate}};
+    static constexpr std::pair<std::string_view, Show> kinds[] = {{"status", ShowStatus},
+        {"suspendReason", ShowPauseReason}, {"percent", ShowPercent}, {"progress", ShowPercent},
+        {"remainingTime", ShowDuration}, {"requiredTraffic", ShowBytes}, {"requiredMigrationSpace", ShowBytes},
+        {"bytes", ShowBytes}, {"startTime", ShowDate}, {"endTime", ShowDate}};
     for (const auto& [name, show] : kinds) {
         if (name == key) {
             return show(value);

@@ -50,12 +50,38 @@ public:
     // Asks how things stand. The exit status when it is time to end: EXIT_DONE when what was asked for is moved,
     // EXIT_INCOMPLETE when it has failed or was dropped, EXIT_UNREACHABLE when the service stays away for half a
     // minute.
-    std::optional<int> Look(MigrateInfo& info);
+    std::optional<int> Look(MigrateInfo& info)
+    {
+        constexpr std::chrono::seconds kPatience(30);
+        BusinessError error;
+        const int32_t result = Client<MigrateServerKits>().GetMigrateInfo(stage_, info, error);
+        isAnswered_ = result == MIGRATE_SUCCESS;
+        if (isAnswered_) {
+            lastAnswer_ = Clock::now();
+            return line_.name.empty() ? JudgeAll(info) : JudgeOne(line_.name, info);
+        }
+        const bool isPatient = Clock::now() - lastAnswer_ < kPatience;
+        return isPatient ? std::nullopt : std::optional(Judge(line_.options, line_.command, result));
+    }
     // Whether the last look had an answer.
     bool IsAnswered() const { return isAnswered_; }
 
 private:
-    std::optional<int> JudgeAll(const MigrateInfo& info);
+    // Somebody may have dropped tasks. Where none was seen there was nothing to move, unless it is known better.
+    std::optional<int> JudgeAll(const MigrateInfo& info)
+    {
+        for (const TaskInfo& task : info.taskInfos) {
+            isMoved_[task.id] = isMoved_[task.id] || task.status == TaskStatus::FINISHED;
+        }
+        const int32_t status = info.migrateProgress.status;
+        if (!HasEnded(status) && status != static_cast<int32_t>(TaskStatus::IDLE)) {
+            return std::nullopt;
+        }
+        const bool isAllMoved = isMoved_.empty() ? !hasTasks_
+                                                 : std::all_of(isMoved_.begin(), isMoved_.end(),
+                                                       [](const auto& task) { return task.second; });
+        return isAllMoved ? EXIT_DONE : EXIT_INCOMPLETE;
+    }
 
     const CommandLine& line_;
     const MigrateStage stage_;
@@ -64,36 +90,6 @@ private:
     bool isAnswered_ = false;
     Clock::time_point lastAnswer_ = Clock::now();
 };
-
-std::optional<int> Pursuit::Look(MigrateInfo& info)
-{
-    constexpr std::chrono::seconds kPatience(30);
-    BusinessError error;
-    const int32_t result = Client<MigrateServerKits>().GetMigrateInfo(stage_, info, error);
-    isAnswered_ = result == MIGRATE_SUCCESS;
-    if (isAnswered_) {
-        lastAnswer_ = Clock::now();
-        return line_.name.empty() ? JudgeAll(info) : JudgeOne(line_.name, info);
-    }
-    const bool isPatient = Clock::now() - lastAnswer_ < kPatience;
-    return isPatient ? std::nullopt : std::optional(Judge(line_.options, line_.command, result));
-}
-
-// Somebody may have dropped tasks. Where none was seen there was nothing to move, unless it is known better.
-std::optional<int> Pursuit::JudgeAll(const MigrateInfo& info)
-{
-    for (const TaskInfo& task : info.taskInfos) {
-        isMoved_[task.id] = isMoved_[task.id] || task.status == TaskStatus::FINISHED;
-    }
-    const int32_t status = info.migrateProgress.status;
-    if (!HasEnded(status) && status != static_cast<int32_t>(TaskStatus::IDLE)) {
-        return std::nullopt;
-    }
-    const bool isAllMoved =
-        isMoved_.empty() ? !hasTasks_
-                         : std::all_of(isMoved_.begin(), isMoved_.end(), [](const auto& task) { return task.second; });
-    return isAllMoved ? EXIT_DONE : EXIT_INCOMPLETE;
-}
 
 // Shows a migration: by events, and once a second by what the service says when it is asked. Stays when it has ended,
 // because an event may come late.
@@ -166,8 +162,8 @@ int32_t AskToStart(const CommandLine& line, BusinessError& error)
     if (line.target.empty() && line.priority == 0) {
         return kits.StartPakMigrate(line.name, error);
     }
-    const std::string parameters = "{\"priority\":" + std::to_string(line.priority) + "}";
-    return kits.StartPakMigration(line.name, line.target, parameters, error);
+    return kits.StartPakMigration(
+        line.name, line.target, "{\"priority\":" + std::to_string(line.priority) + "}", error);
 }
 
 // `isUnderWay`: a migration is, started by the request or before.
@@ -211,7 +207,7 @@ int RestoreApp(const CommandLine& line)
 {
     constexpr std::chrono::milliseconds kLook(200);
     static const Action restore =
-        Request(ShowError(), &ReserveMigrateKits::RestoreApp, &CommandLine::name, &CommandLine::scene);
+        Request(AN_ERROR, &ReserveMigrateKits::RestoreApp, &CommandLine::name, &CommandLine::scene);
     static const Action show =
         Request(ShowEvents, &ReserveMigrateKits::GetRestoreAppStatus, &CommandLine::name, &CommandLine::scene);
     if (const int status = restore(line); status != EXIT_DONE || !line.waits) {
