@@ -71,7 +71,7 @@ private:
     std::optional<int> JudgeAll(const MigrateInfo& info)
     {
         for (const TaskInfo& task : info.taskInfos) {
-            isMoved_[task.id] = isMoved_[task.id] || task.status == TaskStatus::FINISHED;
+            isMoved_[task.id] = task.status == TaskStatus::FINISHED;
         }
         const int32_t status = info.migrateProgress.status;
         if (!HasEnded(status) && status != static_cast<int32_t>(TaskStatus::IDLE)) {
