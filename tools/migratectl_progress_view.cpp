@@ -80,7 +80,7 @@ void ProgressView::ApplyWhole(const MigrateProgress& progress, bool hasGrown)
 void ProgressView::PrintLine(Row& row) const
 {
     constexpr int32_t kTenth = 10;
-    const bool isWorthALine = IsTerminal() ? HasEnded(row.status) : row.status != 0;
+    const bool isWorthALine = !IsTerminal() || HasEnded(row.status);
     const bool isFurther = row.status == kRunning && row.percent / kTenth > row.shownTenth;
     if (!isWorthALine || (row.status == row.shownStatus && !isFurther)) {
         return;

@@ -68,7 +68,7 @@ int Run(std::vector<std::string> arguments, ScreenWidth width)
     app.add_subcommand("monitor", "Runs the command that follows, and then shows the library's log lines");
     const auto word = std::find_if(
         arguments.begin(), arguments.end(), [](const std::string& text) { return text.rfind('-', 0) != 0; });
-    if (word != arguments.end() && *word == "monitor" && word + 1 != arguments.end()) {
+    if (word != arguments.end() && *word == "monitor") {
         arguments.erase(word);
         return Monitor(arguments, width);
     }
@@ -78,10 +78,6 @@ int Run(std::vector<std::string> arguments, ScreenWidth width)
         app.parse(arguments);
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? EXIT_DONE : EXIT_USAGE;
-    }
-    if (!action) {
-        fprintf(stderr, "migratectl: monitor: no command is given\n");
-        return EXIT_USAGE;
     }
     KoLogSetLevel(isVerbose ? KOLOG_INFO : KOLOG_ERROR);
     return action(line);
