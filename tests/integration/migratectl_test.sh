@@ -65,7 +65,7 @@ vexa-session -- bash -euo pipefail -c '
         expect 0 $level status --stage all
         [[ "$(grep -c GetMigrateStatus "$ROOT/err")" == "$([[ -n "$level" ]] && echo 1 || echo 0)" ]]
     done
-    expect 0 monitor status
+    expect 0 -v monitor status
     grep -q "GetMigrateStatus start" "$ROOT/out"
     for help in --help "reserve --help" --version; do
         expect 0 $help

@@ -3,7 +3,6 @@
 // and returns, and in which form.
 #include <fstream>
 #include <regex>
-#include <sstream>
 
 #include "kits_fixture.h"
 #include "migratectl_command.h"
@@ -94,16 +93,21 @@ std::vector<Case> ReadCases(std::map<int32_t, std::string>& results)
     return cases;
 }
 
+std::string Outcome(const std::string& status, const std::string& out, const std::string& err)
+{
+    return status + '\n' + out + "---\n" + err;
+}
+
 class MigratectlTest : public KitsTest {
 protected:
     MigratectlTest()
     {
         setenv("TZ", "UTC-1", 1);
         manager_->SetLoadable(5, sptr<IRemoteObject>(new ScriptedRemoteObject));
-        service_->SetHandler([this](uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption&) {
+        service_->SetHandler([this](uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option) {
             const Step step = next_ < steps_.size() ? steps_[next_++] : Step{};
-            EXPECT_EQ(code, step.code);
-            EXPECT_EQ(Bytes(data), RequestBytes(u"VEXA.Updater.IMigrateServer", step.request)) << code;
+            const int32_t result =
+                Answer(step.code, step.request, step.replies, step.result)(code, data, reply, option);
             if (code == 9 || code == 20 || code == 31) {
                 data.ReadInterfaceToken();
                 static_cast<void>(code == 20 && data.ReadString().empty());
@@ -113,8 +117,7 @@ protected:
             if (!step.event.empty()) {
                 SendEvent(step.event);
             }
-            WriteFields(reply, step.replies);
-            return step.result;
+            return result;
         });
     }
     ~MigratectlTest() override { service_->Die(); }
@@ -127,11 +130,9 @@ protected:
         for (Step& step : steps_) {
             std::replace(step.replies.begin(), step.replies.end(), ERROR, Field(error));
         }
-        std::vector<std::string> words;
-        std::istringstream stream(line);
-        for (std::string word; stream >> word;) {
-            words.push_back(word == "''" ? "" : word);
-        }
+        const std::regex blanks(" +");
+        std::vector<std::string> words(std::sregex_token_iterator(line.begin(), line.end(), blanks, -1), {});
+        std::replace(words.begin(), words.end(), std::string("''"), std::string());
         static size_t columns;
         columns = width;
         testing::internal::CaptureStdout();
@@ -141,11 +142,6 @@ protected:
         const std::string out = testing::internal::GetCapturedStdout();
         const std::string err = testing::internal::GetCapturedStderr();
         return Outcome(std::to_string(status), out, status == 2 && !err.empty() ? "how it is wrong\n" : err);
-    }
-
-    static std::string Outcome(const std::string& status, const std::string& out, const std::string& err)
-    {
-        return status + '\n' + out + "---\n" + err;
     }
 
 private:
