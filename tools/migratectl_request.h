@@ -63,7 +63,7 @@ int Conclude(const CommandLine& line, Show show, int32_t result, const Reply& re
 
 // The action that asks with `ask`, which fills what it replies, and shows that.
 template <typename... Replies, typename Ask>
-Action MakeAction(std::type_identity<std::tuple<Replies...>> /*replies*/, Show show, const Ask& ask)
+Action MakeAction(std::type_identity<std::tuple<Replies...>> /*replies*/, Show show, Ask ask)
 {
     return [=](const CommandLine& line) {
         std::tuple<Replies...> replies;

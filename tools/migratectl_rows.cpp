@@ -62,7 +62,7 @@ Argument NotWith(const char* other, const Argument& argument)
 }
 
 template <typename Reply, typename Ask>
-Action RequestOf(const Ask& ask)
+Action RequestOf(Ask ask)
 {
     return MakeAction(std::type_identity<std::tuple<Reply>>(), AN_ERROR, ask);
 }

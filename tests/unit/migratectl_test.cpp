@@ -177,8 +177,8 @@ TEST_F(MigratectlTest, CommandsSendPrintAndReturnWhatIsWritten)
         if (steps.size() != 1 || steps[0].replies.empty() || expected['='] != "0") {
             continue;
         }
-        const auto json = [&](const std::string& error) {
-            return "{\"result\":0,\"error\":" + error + ",\"reply\":" + expected['j'] + "}\n";
+        const auto json = [reply = expected['j']](const std::string& error) {
+            return "{\"result\":0,\"error\":" + error + ",\"reply\":" + reply + "}\n";
         };
         const size_t second = line.rfind("reserve ", 0) == 0 ? 8 : 0;
         const std::string prefix = "migratectl: " + line.substr(0, line.find(' ', second)) + ": ";
