@@ -82,9 +82,10 @@ Action Request(Show show, int32_t (Kits::*operation)(Parameters...), Fields Comm
     constexpr size_t kFields = sizeof...(Fields);
     using Replies = decltype(RepliesBehind<kFields, std::tuple<Parameters...>>(
         std::make_index_sequence<sizeof...(Parameters) - kFields>()));
-    return MakeAction(std::type_identity<Replies>(), show, [=](const CommandLine& line, auto&... replies) {
-        return (Client<Kits>().*operation)(line.*fields..., replies...);
-    });
+    return MakeAction(
+        std::type_identity<Replies>(), show, [=]([[maybe_unused]] const CommandLine& line, auto&... replies) {
+            return (Client<Kits>().*operation)(line.*fields..., replies...);
+        });
 }
 
 template <typename Kits, typename... Parameters, typename... Fields>
