@@ -2,8 +2,8 @@
 // migrate_serviced: the reference migration service.
 #include <grp.h>
 
-#include <CLI/CLI.hpp>
 #include <charconv>
+#include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdio>
 #include <memory>
