@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "callback_hub.h"
 
+#include "engine_errors.h"
 #include "json_text.h"
 #include "native_migrate/ireserve_migrate_status_observer.h"
 #include "native_migrate/migrate_callback_proxy.h"

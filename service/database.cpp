@@ -8,16 +8,9 @@
 
 namespace VEXA::UpdateEngine {
 
-Statement::Statement(Database& database, const char* sql) : database_(database)
-{
-    if (sqlite3_prepare_v2(database.handle_, sql, -1, &statement_, nullptr) != SQLITE_OK) {
-        database.Fail();
-    }
-}
-
 Statement::~Statement()
 {
-    sqlite3_finalize(statement_);
+    sqlite3_reset(statement_);
 }
 
 void Statement::BindNumber(int64_t value)
@@ -60,18 +53,19 @@ void Statement::ReadNext(std::string& value)
     value = text != nullptr ? std::string(text, static_cast<size_t>(bytes)) : std::string();
 }
 
-std::unique_ptr<Database> Database::Open(const std::string& path, std::string& error)
+std::unique_ptr<Database> Database::Open(const std::string& path, std::string& error, bool& isDamaged)
 {
     sqlite3* handle = nullptr;
-    const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
+    const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW;
     const int result = sqlite3_open_v2(path.c_str(), &handle, flags, nullptr);
     std::unique_ptr<Database> database(new Database(handle));
-    sqlite3_busy_timeout(handle, static_cast<int>(kDatabaseWait.count()));
+    sqlite3_busy_timeout(handle, static_cast<int>(kLockWait.count()));
     // Exclusive: a second service on the same state must not start. The lock dies with its process.
     if (result != SQLITE_OK ||
         !database->Execute("PRAGMA locking_mode = EXCLUSIVE; PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL;"
                            "BEGIN EXCLUSIVE; COMMIT;")) {
-        error = path + ": " + (handle != nullptr ? sqlite3_errmsg(handle) : "out of memory");
+        error = database->LastError();
+        isDamaged = database->isDamaged_;
         return nullptr;
     }
     return database;
@@ -79,7 +73,24 @@ std::unique_ptr<Database> Database::Open(const std::string& path, std::string& e
 
 Database::~Database()
 {
+    for (const auto& [sql, statement] : statements_) {
+        sqlite3_finalize(statement);
+    }
     sqlite3_close(handle_);
+}
+
+Statement Database::Prepare(const char* sql)
+{
+    sqlite3_stmt*& statement = statements_[sql];
+    if (statement == nullptr && sqlite3_prepare_v2(handle_, sql, -1, &statement, nullptr) != SQLITE_OK) {
+        Fail();
+    }
+    return {*this, statement};
+}
+
+std::string Database::LastError() const
+{
+    return handle_ != nullptr ? sqlite3_errmsg(handle_) : "out of memory";
 }
 
 bool Database::Execute(const char* sql)
@@ -114,7 +125,10 @@ void Database::Rollback()
 
 bool Database::Fail()
 {
-    SA_LOGE("state: %{public}s", sqlite3_errmsg(handle_));
+    const int result = sqlite3_errcode(handle_);
+    // SQLITE_ERROR: the file lacks a table or a column.
+    isDamaged_ = result == SQLITE_CORRUPT || result == SQLITE_NOTADB || result == SQLITE_ERROR;
+    SA_LOGE("state: %{public}s", LastError().c_str());
     isBroken_ = isInTransaction_;
     return false;
 }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 
@@ -37,7 +38,7 @@ public:
 
 private:
     friend class Database;
-    Statement(Database& database, const char* sql);
+    Statement(Database& database, sqlite3_stmt* statement) : database_(database), statement_(statement) {}
     void BindNext(const std::string& value);
     template <typename Number>
     void BindNext(Number value)
@@ -54,7 +55,7 @@ private:
     }
 
     Database& database_;
-    sqlite3_stmt* statement_ = nullptr;
+    sqlite3_stmt* const statement_;  // the database's
     int bound_ = 0;
     int next_ = 0;
     int result_ = 0;
@@ -65,19 +66,25 @@ private:
 class Database {
 public:
     // Null, with the reason in `error`, when the file can't be opened as a database or another process has it open.
-    static std::unique_ptr<Database> Open(const std::string& path, std::string& error);
+    // `isDamaged` is set when what the file holds is the reason.
+    static std::unique_ptr<Database> Open(const std::string& path, std::string& error, bool& isDamaged);
     ~Database();
     Database(const Database&) = delete;
     Database& operator=(const Database&) = delete;
 
     // Several statements without values or rows.
     bool Execute(const char* sql);
-    Statement Prepare(const char* sql) { return {*this, sql}; }
+    // One at a time for each text, which must outlive the database.
+    Statement Prepare(const char* sql);
 
     void Begin();
     // False when not all of it could be written: then nothing is.
     bool Commit();
     void Rollback();
+
+    // Why the last statement failed, and whether that was what the file holds.
+    std::string LastError() const;
+    bool IsDamaged() const { return isDamaged_; }
 
 private:
     friend class Statement;
@@ -86,10 +93,12 @@ private:
     bool Fail();
 
     sqlite3* const handle_;
+    std::map<const char*, sqlite3_stmt*> statements_;
     bool isInTransaction_ = false;
     // A statement of the transaction has failed. SQLite may have ended it then, so that what follows would be written
     // alone: it is not tried.
     bool isBroken_ = false;
+    bool isDamaged_ = false;
 };
 
 }  // namespace VEXA::UpdateEngine

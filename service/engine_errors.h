@@ -2,13 +2,17 @@
 // What several of the engine's operations answer when they can't be carried out.
 #pragma once
 
-#include "migration_engine.h"
+#include <string>
+
+#include "native_migrate/migrate_records.h"
+#include "native_migrate/migrate_results.h"
 
 namespace VEXA::UpdateEngine {
 
-inline BusinessError SourceError()
+// An error that says something of the whole request.
+inline BusinessError MakeError(int32_t number, const std::string& message)
 {
-    return MakeError(MIGRATE_ERROR_SOURCE, "the source directory can't be read");
+    return {message, number, {}};
 }
 
 inline BusinessError StateError()
@@ -19,6 +23,16 @@ inline BusinessError StateError()
 inline BusinessError NoSuchPackage()
 {
     return MakeError(MIGRATE_ERROR_NOT_FOUND, "there is no package of that name");
+}
+
+inline ErrorInfo TargetTaken()
+{
+    return {MIGRATE_ERROR_TARGET, "the target has something else of that name", false};
+}
+
+inline ErrorInfo Stopped()
+{
+    return {MIGRATE_ERROR_STOPPED, "stopped", true};
 }
 
 }  // namespace VEXA::UpdateEngine

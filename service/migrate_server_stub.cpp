@@ -56,7 +56,10 @@ std::span<const RequestRow> MigrateServerStub::Rows()
 
 MigrateServerStub::MigrateServerStub(
     std::shared_ptr<MigrationEngine> engine, std::shared_ptr<CallbackHub> hub, std::optional<gid_t> controlGroup)
-    : engine_(std::move(engine)), hub_(std::move(hub)), controlGroup_(controlGroup), parts_(*engine_, *hub_)
+    : engine_(std::move(engine)),
+      hub_(std::move(hub)),
+      controlGroup_(controlGroup),
+      parts_(*engine_, *engine_, *engine_, *hub_)
 {}
 
 bool MigrateServerStub::MayControl() const

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <memory>
 #include <set>
@@ -35,19 +36,9 @@ int ReadSmallFile(int directoryFd, const char* name, std::string& text)
         return EFBIG;
     }
     text.resize(static_cast<size_t>(status.st_size));
-    size_t filled = 0;
-    while (filled < text.size()) {
-        const ssize_t count = read(file.Get(), text.data() + filled, text.size() - filled);
-        if (count < 0 && errno != EINTR) {
-            return errno;
-        }
-        if (count == 0) {
-            break;
-        }
-        filled += static_cast<size_t>(std::max<ssize_t>(count, 0));
-    }
-    text.resize(filled);
-    return 0;
+    const ssize_t count = read(file.Get(), text.data(), text.size());
+    text.resize(static_cast<size_t>(std::max<ssize_t>(count, 0)));
+    return count < 0 ? errno : 0;
 }
 
 ErrorInfo ReadManifest(int packageFd, PackageManifest& manifest)
@@ -62,6 +53,15 @@ ErrorInfo ReadManifest(int packageFd, PackageManifest& manifest)
     }
     if (fault != 0 || JsonParse::JsonStrToStruct(text, manifest) != JsonError::SUCCESS) {
         return {MIGRATE_ERROR_MANIFEST, "its manifest.json is not a manifest", false};
+    }
+    const auto& modules = manifest.modules;
+    const bool isLong = manifest.bundleName.size() > kLongestName || manifest.restoreScene.size() > kLongestName ||
+                        modules.size() > kMostModules ||
+                        std::any_of(modules.begin(), modules.end(),
+                            [](const ModuleInfo& module) { return module.id.size() > kLongestName; });
+    if (isLong) {
+        manifest = {};
+        return {MIGRATE_ERROR_MANIFEST, "its manifest.json has too many modules, or too long a name", false};
     }
     return {};
 }
@@ -84,14 +84,24 @@ void FillIn(Package& package)
 }
 
 // When several packages would go to the same place, only the first may.
-void FindClashes(std::vector<Package>& packages)
+void FindClashes(std::vector<PackageRef>& packages)
 {
-    std::set<std::string> targets;
-    for (Package& package : packages) {
-        if (!targets.insert(package.manifest.target).second && package.fault.code == 0) {
-            package.fault = {MIGRATE_ERROR_TARGET, "another package goes to the same place", false};
+    std::set<std::string_view> targets;
+    for (PackageRef& package : packages) {
+        if (!targets.insert(package->manifest.target).second && package->fault.code == 0) {
+            Package clash = *package;
+            clash.fault = {MIGRATE_ERROR_TARGET, "another package goes to the same place", false};
+            package = std::make_shared<const Package>(std::move(clash));
         }
     }
+}
+
+bool IsDirectory(DIR* parent, const dirent& entry)
+{
+    struct stat status = {};
+    return entry.d_type == DT_DIR ||
+           (entry.d_type == DT_UNKNOWN && fstatat(dirfd(parent), entry.d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+               S_ISDIR(status.st_mode));
 }
 
 }  // namespace
@@ -130,20 +140,39 @@ Package ReadPackage(int sourceFd, const std::string& directory)
     return package;
 }
 
-bool PackageCatalog::Read(std::vector<Package>& packages) const
+PackageCatalog::Stamp PackageCatalog::StampOf(int sourceFd, const std::string& directory)
+{
+    constexpr int64_t kNanoseconds = 1000000000;
+    struct stat status = {};
+    if (fstatat(sourceFd, (directory + "/" + kManifest).c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        return {errno};
+    }
+    return {0, static_cast<int64_t>(status.st_ino), status.st_size,
+        status.st_ctim.tv_sec * kNanoseconds + status.st_ctim.tv_nsec};
+}
+
+bool PackageCatalog::CanBeKept(const Stamp& stamp, const Package& package)
+{
+    // While it is that new, another change might leave the same time behind.
+    constexpr int64_t kTick = 100000000;
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return package.fault.code != MIGRATE_ERROR_UNREADABLE &&
+           std::chrono::duration_cast<std::chrono::nanoseconds>(now).count() - stamp.changed > kTick;
+}
+
+bool PackageCatalog::Read(std::vector<PackageRef>& packages) const
 {
     const std::unique_ptr<DIR, int (*)(DIR*)> source(opendir(source_.c_str()), &closedir);
     if (source == nullptr) {
         return false;
     }
+    const int fd = dirfd(source.get());
     std::vector<std::string> names;
     errno = 0;
     for (const dirent* entry = readdir(source.get()); entry != nullptr; entry = readdir(source.get())) {
-        const std::string name = entry->d_name;
-        struct stat status = {};
-        if (name != "." && name != ".." &&
-            fstatat(dirfd(source.get()), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(status.st_mode)) {
-            names.push_back(name);
+        const std::string_view name = entry->d_name;
+        if (name != "." && name != ".." && !IsReservedName(name) && IsDirectory(source.get(), *entry)) {
+            names.emplace_back(name);
         }
         errno = 0;
     }
@@ -151,20 +180,37 @@ bool PackageCatalog::Read(std::vector<Package>& packages) const
         return false;
     }
     std::sort(names.begin(), names.end());
-    for (const std::string& name : names) {
-        packages.push_back(ReadPackage(dirfd(source.get()), name));
+    std::shared_ptr<const Contents> before;
+    {
+        MutexLock lock(mutex_);
+        before = known_;
     }
-    FindClashes(packages);
+    auto now = std::make_shared<Contents>();
+    size_t kept = 0;
+    for (size_t at = 0; const std::string& name : names) {
+        // The stamp comes first: what changes while it is read has another one afterwards.
+        now->stamps.push_back(StampOf(fd, name));
+        while (at < before->read.size() && before->read[at]->directory < name) {
+            ++at;
+        }
+        const bool isSame =
+            at < before->read.size() && before->read[at]->directory == name && before->stamps[at] == now->stamps.back();
+        kept += isSame ? 1 : 0;
+        now->read.push_back(isSame ? before->read[at] : std::make_shared<const Package>(ReadPackage(fd, name)));
+        if (!isSame && !CanBeKept(now->stamps.back(), *now->read.back())) {
+            now->stamps.back().fault = -1;
+        }
+    }
+    if (kept == names.size() && kept == before->read.size()) {
+        packages = before->packages;
+        return true;
+    }
+    now->packages = now->read;
+    FindClashes(now->packages);
+    packages = now->packages;
+    MutexLock lock(mutex_);
+    known_ = std::move(now);
     return true;
-}
-
-const Package* PackageCatalog::Find(const std::vector<Package>& packages, const std::string& name)
-{
-    auto found = std::find_if(packages.begin(), packages.end(), [&](const Package& p) { return p.directory == name; });
-    if (found == packages.end()) {
-        found = std::find_if(packages.begin(), packages.end(), [&](const Package& p) { return p.IsCalled(name); });
-    }
-    return found != packages.end() ? &*found : nullptr;
 }
 
 }  // namespace VEXA::UpdateEngine

@@ -3,11 +3,13 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "native_migrate/module_info.h"
 #include "native_migrate/reserve_records.h"
+#include "vexa/base/mutex.h"
 
 namespace VEXA::UpdateEngine {
 
@@ -51,19 +53,42 @@ struct Package {
     RestoreAppInfo AsRestoreApp() const;
 };
 
-// Reads anew at every call: what it says is true of the directory now. From any thread.
+using PackageRef = std::shared_ptr<const Package>;
+
+// What it says is true of the directory at the time of the call. Manifests are read again only when they have changed.
+// From any thread.
 class PackageCatalog {
 public:
     explicit PackageCatalog(std::string source) : source_(std::move(source)) {}
 
-    // Every directory of the source, by name. Symbolic links and files beside them are no packages. False when the
-    // source can't be read.
-    bool Read(std::vector<Package>& packages) const;
-    // The package whose directory, or else whose bundle, has that name.
-    static const Package* Find(const std::vector<Package>& packages, const std::string& name);
+    // Every directory of the source, by name. Symbolic links, files and reserved names beside them are no packages.
+    // False when the source can't be read.
+    bool Read(std::vector<PackageRef>& packages) const;
 
 private:
+    // Which manifest has been read, or why none could be.
+    struct Stamp {
+        int fault = -1;
+        int64_t inode = 0;
+        int64_t bytes = 0;
+        int64_t changed = 0;  // nanoseconds since 1970
+
+        friend bool operator==(const Stamp&, const Stamp&) = default;
+    };
+    // By directory, as it was read last.
+    struct Contents {
+        std::vector<Stamp> stamps;
+        std::vector<PackageRef> read;
+        std::vector<PackageRef> packages;  // with the faults that come from others
+    };
+
+    static Stamp StampOf(int sourceFd, const std::string& directory);
+    // True when it may be taken for what is there as long as the stamp is the same.
+    static bool CanBeKept(const Stamp& stamp, const Package& package);
+
     const std::string source_;
+    mutable Mutex mutex_{LockRank::PackageCatalog};
+    mutable std::shared_ptr<const Contents> known_ VEXA_GUARDED_BY(mutex_) = std::make_shared<Contents>();
 };
 
 // Reads the manifest of one package directory. Without the file the package is called after its directory.

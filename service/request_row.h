@@ -13,7 +13,7 @@
 namespace VEXA::UpdateEngine {
 
 // Whose operations answer requests.
-using RequestParts = std::tuple<MigrationEngine&, CallbackHub&>;
+using RequestParts = std::tuple<MigrationQueries&, MigrationCommands&, Reservations&, CallbackHub&>;
 
 // Who may send a request: whoever may look the service up; only root, the service's user and the control group.
 enum class Who { ANYBODY, CONTROL };

@@ -9,14 +9,24 @@ namespace VEXA::UpdateEngine {
 
 // Bytes of a manifest. A package with a larger one can't be migrated.
 inline constexpr size_t kMaxManifestBytes = size_t{1024} * 1024;
+// Modules in a manifest. A package with more can't be migrated.
+inline constexpr size_t kMostModules = 1024;
+// Bytes of a name in a manifest. A package with a longer one can't be migrated.
+inline constexpr size_t kLongestName = 1024;
 // Levels of directories in a package: every level holds two descriptors while it is copied.
 inline constexpr int kMaxTreeDepth = 200;
+// Looks at a package's files, after the copy, for what has changed meanwhile and is copied again. What changes still
+// fails the package.
+inline constexpr int kMostLooks = 3;
+// Files and directories of a package that the disk is asked to take one by one. For more it takes all that is
+// unwritten, which may be other programs' too.
+inline constexpr size_t kMostSynced = 64;
 // Bytes copied at once, so that a copy can be stopped and its progress be told.
 inline constexpr size_t kPieceBytes = size_t{256} * 1024;
 // The longest sleep of a worker that has nothing to do, and how long a thread for deliveries stays without any.
 inline constexpr std::chrono::milliseconds kIdle = std::chrono::seconds(1);
-// How long the start waits for another process that uses the state.
-inline constexpr std::chrono::milliseconds kDatabaseWait = std::chrono::seconds(2);
+// How long the start waits for another process that uses the target or the state: it may just be dying.
+inline constexpr std::chrono::milliseconds kLockWait = std::chrono::seconds(2);
 
 // Callbacks, and as many observers, that can be registered.
 inline constexpr size_t kMostReceivers = 2048;

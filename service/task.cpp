@@ -5,6 +5,19 @@
 
 namespace VEXA::UpdateEngine {
 
+MigrateStage Task::Stage() const
+{
+    if (kind == TaskKind::RESTORE) {
+        return MigrateStage::RESTORE;
+    }
+    if (IsEnded()) {
+        return MigrateStage::FINISH;
+    }
+    return status == TaskStatus::IDLE         ? MigrateStage::PREPARE
+           : subStatus == MIGRATE_SUB_PLACING ? MigrateStage::INSTALL
+                                              : MigrateStage::DOWNLOAD;
+}
+
 int32_t Task::Percent() const
 {
     constexpr int32_t kAll = 100;

@@ -1,42 +1,77 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "task_store.h"
 
+#include <optional>
 #include <utility>
 
 #include "json_parse.h"
 #include "json_text.h"
+#include "plain_name.h"
+#include "service_log.h"
+#include "state_file.h"
 
 namespace VEXA::UpdateEngine {
 
 namespace {
 
-// A change of the tables needs a new name for the file's version and a way from the old one.
-constexpr int64_t kVersion = 1;
+// A change of the tables needs a new number and a way from the old one.
+constexpr int64_t kVersion = 2;
 constexpr char kTables[] =
     "BEGIN;"
     "CREATE TABLE IF NOT EXISTS task (id INTEGER PRIMARY KEY, kind, source, target, app, user, status, sub_status,"
-    " error_code, error_reason, can_retry, total_bytes, done_bytes, files, priority, device, inode, birth);"
-    "CREATE TABLE IF NOT EXISTS placed (target PRIMARY KEY, source, bundle_name, device, inode, birth, owner);"
+    " error_code, error_reason, can_retry, total_bytes, done_bytes, files, priority, inode, birth);"
+    "CREATE TABLE IF NOT EXISTS placed (target PRIMARY KEY, source, is_leaving, inode, birth, owner);"
     "CREATE TABLE IF NOT EXISTS value (key INTEGER PRIMARY KEY, value);"
     "CREATE TABLE IF NOT EXISTS priority (source PRIMARY KEY, value);"
     "CREATE TABLE IF NOT EXISTS preset (id INTEGER PRIMARY KEY, text);"
-    "PRAGMA user_version = 1;"
+    "PRAGMA user_version = 2;"
     "COMMIT;";
+// From version 1, which knew directories by their device too.
+constexpr char kFromVersion1[] =
+    "BEGIN;"
+    "ALTER TABLE task DROP COLUMN device;"
+    "ALTER TABLE placed DROP COLUMN device;"
+    "ALTER TABLE placed RENAME COLUMN bundle_name TO is_leaving;"
+    "UPDATE placed SET is_leaving = 0;"
+    "PRAGMA user_version = 2;"
+    "COMMIT;";
+
+// Whoever can write the state must not lead the service elsewhere with it.
+void Distrust(Task& task)
+{
+    const bool isStatus = task.status >= TaskStatus::IDLE && task.status <= TaskStatus::FAILED;
+    if (!task.IsEnded() && (!isStatus || !IsPlainName(task.source) || !IsPlainName(task.target))) {
+        task.status = TaskStatus::FAILED;
+        task.subStatus = MIGRATE_SUB_NONE;
+        task.error = {MIGRATE_ERROR_NAME, "the state has a name that can't be that of a directory", false};
+    }
+}
 
 }  // namespace
 
-std::unique_ptr<TaskStore> TaskStore::Open(const std::string& path, std::string& error)
+std::unique_ptr<TaskStore> TaskStore::Open(std::string path, std::string& error)
 {
-    auto database = Database::Open(path, error);
-    if (database == nullptr) {
+    if (!PrepareStateFile(path, error)) {
         return nullptr;
     }
-    std::unique_ptr<TaskStore> store(new TaskStore(std::move(database)));
-    if (!store->Load()) {
-        error = path + ": is not the service's state, or of another version";
-        return nullptr;
+    for (const bool isNew : {false, true}) {
+        bool isDamaged = false;
+        if (auto database = Database::Open(path, error, isDamaged)) {
+            std::unique_ptr<TaskStore> store(new TaskStore(std::move(database)));
+            if (store->Load(error, isDamaged)) {
+                return store;
+            }
+        }
+        if (isNew || !isDamaged) {
+            break;
+        }
+        SA_LOGE("the state is damaged and is set aside: %{public}s", error.c_str());
+        if (!SetStateAside(path, error) || !PrepareStateFile(path, error)) {
+            return nullptr;
+        }
     }
-    return store;
+    error = path + ": " + error;
+    return nullptr;
 }
 
 template <typename... Values>
@@ -49,209 +84,204 @@ bool TaskStore::Write(const char* sql, const Values&... values)
     return done;
 }
 
-bool TaskStore::Load()
+bool TaskStore::ForEachRow(const char* sql, const std::function<void(Statement&)>& read)
 {
-    auto version = database_->Prepare("PRAGMA user_version");
-    int64_t found = -1;
-    if (version.Step()) {
-        version.Read(found);
+    auto rows = database_->Prepare(sql);
+    while (rows.Step()) {
+        read(rows);
     }
-    version.Run();
-    // Not again in a file that has them: that would be a write, for which there may be no room.
-    if (found != kVersion && (found != 0 || !database_->Execute(kTables))) {
+    return rows.Run();
+}
+
+bool TaskStore::Load(std::string& error, bool& isDamaged)
+{
+    std::string found;
+    int64_t version = -1;
+    bool done = ForEachRow("PRAGMA quick_check(1)", [&](Statement& row) { row.Read(found); }) &&
+                ForEachRow("PRAGMA user_version", [&](Statement& row) { row.Read(version); });
+    if (done && found != "ok") {
+        error = found;
+        isDamaged = true;
         return false;
     }
-    LoadTasks();
-    auto placed = database_->Prepare("SELECT target, source, bundle_name, device, inode, birth, owner FROM placed");
-    while (placed.Step()) {
-        std::string target;
-        placed.Read(target);
-        Placed& record = contents_.placed[target];
-        FileId& id = record.id;
-        placed.Read(record.source, record.bundleName, id.device, id.inode, id.birth, record.owner);
+    if (done && version > kVersion) {
+        error = "is the state of a newer service, of version " + std::to_string(version);
+        return false;
     }
-    auto values = database_->Prepare("SELECT key, value FROM value");
-    while (values.Step()) {
+    // Not again in a file that has them: that would be a write, for which there may be no room.
+    done = done && (version == kVersion || database_->Execute(version == 1 ? kFromVersion1 : kTables));
+    done = done && ForEachRow(
+                       "SELECT id, kind, source, target, app, user, status, sub_status, error_code, error_reason,"
+                       " can_retry, total_bytes, done_bytes, files, priority, inode, birth FROM task",
+                       [this](Statement& row) {
+                           Task task;
+                           bool isRestore = false;
+                           std::string app;
+                           row.Read(task.id, isRestore, task.source, task.target, app, task.user, task.status,
+                               task.subStatus, task.error.code, task.error.reason, task.error.canRetry, task.totalBytes,
+                               task.doneBytes, task.files, task.priority, task.staged.inode, task.staged.birth);
+                           task.kind = isRestore ? TaskKind::RESTORE : TaskKind::MIGRATE;
+                           JsonParse::JsonStrToStruct(app, task.app);
+                           Distrust(task);
+                           tasks_.Put(task.id, std::make_shared<const Task>(task));
+                       });
+    done = done &&
+           ForEachRow("SELECT target, source, is_leaving, inode, birth, owner FROM placed", [this](Statement& row) {
+               std::string target;
+               Placed placed;
+               row.Read(target, placed.source, placed.isLeaving, placed.id.inode, placed.id.birth, placed.owner);
+               if (IsPlainName(target) && IsPlainName(placed.source)) {
+                   placed_[target] = placed;
+               }
+           });
+    done = done && ForEachRow("SELECT key, value FROM value", [this](Statement& row) {
         int64_t key = 0;
-        values.Read(key);
-        values.Read(contents_.values[key]);
-    }
-    auto priorities = database_->Prepare("SELECT source, value FROM priority");
-    while (priorities.Step()) {
+        row.Read(key);
+        row.Read(values_[key]);
+    });
+    done = done && ForEachRow("SELECT source, value FROM priority", [this](Statement& row) {
         std::string source;
-        priorities.Read(source);
-        priorities.Read(contents_.priorities[source]);
+        row.Read(source);
+        row.Read(priorities_[source]);
+    });
+    done = done && ForEachRow("SELECT text FROM preset", [this](Statement& row) { row.Read(preset_); });
+    if (!done) {
+        error = database_->LastError();
+        isDamaged = database_->IsDamaged();
     }
-    auto preset = database_->Prepare("SELECT text FROM preset");
-    if (preset.Step()) {
-        preset.Read(contents_.preset);
-    }
-    return true;
+    return done;
 }
 
-void TaskStore::LoadTasks()
+void TaskStore::Remember(std::function<void()> undo)
 {
-    auto rows = database_->Prepare(
-        "SELECT id, kind, source, target, app, user, status, sub_status, error_code, error_reason, can_retry,"
-        " total_bytes, done_bytes, files, priority, device, inode, birth FROM task");
-    while (rows.Step()) {
-        Task task;
-        std::string app;
-        rows.Read(task.id, task.kind, task.source, task.target, app, task.user, task.status, task.subStatus,
-            task.error.code, task.error.reason, task.error.canRetry, task.totalBytes, task.doneBytes, task.files,
-            task.priority, task.staged.device, task.staged.inode, task.staged.birth);
-        JsonParse::JsonStrToStruct(app, task.app);
-        contents_.tasks[task.id] = task;
+    if (isUndoable_) {
+        undo_.push_back(std::move(undo));
     }
 }
 
-Task* TaskStore::Find(uint32_t id)
+void TaskStore::PutTask(uint32_t id, TaskRef task)
 {
-    const auto found = contents_.tasks.find(id);
-    return found != contents_.tasks.end() ? &found->second : nullptr;
+    TaskRef before = tasks_.Put(id, std::move(task));
+    Remember([this, id, before] { tasks_.Put(id, before); });
 }
 
-Task* TaskStore::Find(TaskKind kind, const std::string& source)
-{
-    for (auto& [id, task] : contents_.tasks) {
-        if (task.kind == kind && task.source == source) {
-            return &task;
-        }
-    }
-    return nullptr;
-}
-
-std::vector<uint32_t> TaskStore::Select(const std::function<bool(const Task&)>& isMeant) const
-{
-    std::vector<uint32_t> ids;
-    for (const auto& [id, task] : contents_.tasks) {
-        if (isMeant(task)) {
-            ids.push_back(id);
-        }
-    }
-    return ids;
-}
-
-Task& TaskStore::Add(Task task)
+TaskRef TaskStore::Add(Task task)
 {
     task.id = static_cast<uint32_t>(Get(StateValue::NEXT_ID) + 1);
     Set(StateValue::NEXT_ID, task.id);
-    WriteTask(task);
-    return contents_.tasks[task.id] = std::move(task);
+    Save(task);
+    return tasks_.Find(task.id);
 }
 
 bool TaskStore::Save(const Task& task)
 {
-    contents_.tasks[task.id] = task;
+    Keep(task);
     return WriteTask(task);
 }
 
 void TaskStore::Erase(uint32_t id)
 {
-    contents_.tasks.erase(id);
+    PutTask(id, nullptr);
     Write("DELETE FROM task WHERE id = ?", id);
 }
 
 const Placed* TaskStore::FindPlaced(const std::string& target) const
 {
-    const auto found = contents_.placed.find(target);
-    return found != contents_.placed.end() ? &found->second : nullptr;
+    const auto found = placed_.find(target);
+    return found != placed_.end() ? &found->second : nullptr;
 }
 
-bool TaskStore::SavePlaced(const std::string& target, const Placed& placed)
+bool TaskStore::SavePlaced(const std::string& target, const Placed* placed)
 {
-    contents_.placed[target] = placed;
-    return WritePlaced(target, placed);
-}
-
-void TaskStore::ErasePlaced(const std::string& target)
-{
-    contents_.placed.erase(target);
-    Write("DELETE FROM placed WHERE target = ?", target);
+    const auto put = [this, target](const std::optional<Placed>& value) {
+        placed_.erase(target);
+        if (value) {
+            placed_.emplace(target, *value);
+        }
+    };
+    const Placed* const now = FindPlaced(target);
+    Remember([put, before = now != nullptr ? std::optional(*now) : std::nullopt] { put(before); });
+    if (placed == nullptr) {
+        put(std::nullopt);
+        return Write("DELETE FROM placed WHERE target = ?", target);
+    }
+    const Placed record = *placed;
+    put(record);
+    return WritePlaced(target, record);
 }
 
 int64_t TaskStore::Get(StateValue key) const
 {
-    const auto found = contents_.values.find(static_cast<int64_t>(key));
-    return found != contents_.values.end() ? found->second : 0;
+    const auto found = values_.find(static_cast<int64_t>(key));
+    return found != values_.end() ? found->second : 0;
 }
 
 bool TaskStore::Set(StateValue key, int64_t value)
 {
-    contents_.values[static_cast<int64_t>(key)] = value;
-    return WriteValue(static_cast<int64_t>(key), value);
+    const auto number = static_cast<int64_t>(key);
+    Remember([this, number, before = Get(key)] { values_[number] = before; });
+    values_[number] = value;
+    return Write("INSERT OR REPLACE INTO value VALUES (?, ?)", number, value);
 }
 
 bool TaskStore::SetPreset(const std::string& text)
 {
-    contents_.preset = text;
-    return WritePreset();
+    Remember([this, before = preset_] { preset_ = before; });
+    preset_ = text;
+    return Write("INSERT OR REPLACE INTO preset VALUES (1, ?)", text);
 }
 
 int32_t TaskStore::Priority(const std::string& source) const
 {
-    const auto found = contents_.priorities.find(source);
-    return found != contents_.priorities.end() ? found->second : 0;
+    const auto found = priorities_.find(source);
+    return found != priorities_.end() ? found->second : 0;
 }
 
 bool TaskStore::SetPriority(const std::string& source, int32_t priority)
 {
-    contents_.priorities[source] = priority;
-    return WritePriority(source, priority);
+    Remember([this, source, before = Priority(source)] { priorities_[source] = before; });
+    priorities_[source] = priority;
+    return Write("INSERT OR REPLACE INTO priority VALUES (?, ?)", source, priority);
 }
 
 void TaskStore::ClearPriorities()
 {
-    contents_.priorities.clear();
+    Remember([this, before = priorities_] { priorities_ = before; });
+    priorities_.clear();
     Write("DELETE FROM priority");
 }
 
 bool TaskStore::WriteTask(const Task& task)
 {
-    return Write("INSERT OR REPLACE INTO task VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)", task.id,
+    return Write("INSERT OR REPLACE INTO task VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)", task.id,
         task.kind, task.source, task.target, ToJson(task.app), task.user, task.status, task.subStatus, task.error.code,
         task.error.reason, task.error.canRetry, task.totalBytes, task.doneBytes, task.files, task.priority,
-        task.staged.device, task.staged.inode, task.staged.birth);
+        task.staged.inode, task.staged.birth);
 }
 
 bool TaskStore::WritePlaced(const std::string& target, const Placed& placed)
 {
-    return Write("INSERT OR REPLACE INTO placed VALUES (?, ?, ?, ?, ?, ?, ?)", target, placed.source, placed.bundleName,
-        placed.id.device, placed.id.inode, placed.id.birth, placed.owner);
-}
-
-bool TaskStore::WriteValue(int64_t key, int64_t value)
-{
-    return Write("INSERT OR REPLACE INTO value VALUES (?, ?)", key, value);
-}
-
-bool TaskStore::WritePriority(const std::string& source, int32_t priority)
-{
-    return Write("INSERT OR REPLACE INTO priority VALUES (?, ?)", source, priority);
-}
-
-bool TaskStore::WritePreset()
-{
-    return Write("INSERT OR REPLACE INTO preset VALUES (1, ?)", contents_.preset);
+    return Write("INSERT OR REPLACE INTO placed VALUES (?, ?, ?, ?, ?, ?)", target, placed.source, placed.isLeaving,
+        placed.id.inode, placed.id.birth, placed.owner);
 }
 
 void TaskStore::WriteEverything()
 {
     database_->Execute(
         "DELETE FROM task; DELETE FROM placed; DELETE FROM value; DELETE FROM priority; DELETE FROM preset;");
-    for (const auto& [id, task] : contents_.tasks) {
-        WriteTask(task);
+    for (const auto& [id, task] : tasks_.ById()) {
+        WriteTask(*task);
     }
-    for (const auto& [target, placed] : contents_.placed) {
+    for (const auto& [target, placed] : placed_) {
         WritePlaced(target, placed);
     }
-    for (const auto& [key, value] : contents_.values) {
-        WriteValue(key, value);
+    for (const auto& [key, value] : values_) {
+        Write("INSERT OR REPLACE INTO value VALUES (?, ?)", key, value);
     }
-    for (const auto& [source, priority] : contents_.priorities) {
-        WritePriority(source, priority);
+    for (const auto& [source, priority] : priorities_) {
+        Write("INSERT OR REPLACE INTO priority VALUES (?, ?)", source, priority);
     }
-    WritePreset();
+    Write("INSERT OR REPLACE INTO preset VALUES (1, ?)", preset_);
 }
 
 TaskStore::Transaction TaskStore::Begin(IfNotWritten ifNotWritten)
@@ -259,11 +289,10 @@ TaskStore::Transaction TaskStore::Begin(IfNotWritten ifNotWritten)
     return {*this, ifNotWritten};
 }
 
-TaskStore::Transaction::Transaction(TaskStore& store, IfNotWritten ifNotWritten) : store_(store)
+TaskStore::Transaction::Transaction(TaskStore& store, IfNotWritten ifNotWritten)
+    : store_(store), wasBehind_(store.isBehind_)
 {
-    if (ifNotWritten == IfNotWritten::TAKE_BACK) {
-        before_ = store.contents_;
-    }
+    store.isUndoable_ = ifNotWritten == IfNotWritten::TAKE_BACK;
     store.database_->Begin();
     if (store.isBehind_) {
         store.WriteEverything();
@@ -274,28 +303,26 @@ TaskStore::Transaction::~Transaction()
 {
     if (isOpen_) {
         store_.database_->Rollback();
-        TakeBack();
+        End(false);
     }
 }
 
 bool TaskStore::Transaction::Commit()
 {
-    isOpen_ = false;
     const bool done = store_.database_->Commit();
-    if (done) {
-        store_.isBehind_ = false;
-    } else {
-        TakeBack();
-    }
+    End(done);
     return done;
 }
 
-void TaskStore::Transaction::TakeBack()
+void TaskStore::Transaction::End(bool isWritten)
 {
-    if (before_) {
-        store_.contents_ = *std::move(before_);
-    } else {
-        store_.isBehind_ = true;
+    isOpen_ = false;
+    // A change that is taken back leaves the disk as it was, which lacks nothing more than before.
+    store_.isBehind_ = !isWritten && (!store_.isUndoable_ || wasBehind_);
+    auto undo = std::exchange(store_.undo_, {});
+    store_.isUndoable_ = false;
+    for (auto step = undo.rbegin(); !isWritten && step != undo.rend(); ++step) {
+        (*step)();
     }
 }
 

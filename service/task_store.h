@@ -6,12 +6,12 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "database.h"
 #include "task.h"
+#include "task_table.h"
 
 namespace VEXA::UpdateEngine {
 
@@ -27,30 +27,26 @@ class TaskStore {
 public:
     class Transaction;
 
-    // Null, with the reason, when the file can't be used.
-    static std::unique_ptr<TaskStore> Open(const std::string& path, std::string& error);
+    // Null, with the reason, when the file can't be used. A damaged one is renamed, and a new state begins.
+    static std::unique_ptr<TaskStore> Open(std::string path, std::string& error);
 
-    const std::map<uint32_t, Task>& Tasks() const { return contents_.tasks; }
-    // Null when there is none.
-    Task* Find(uint32_t id);
-    // The task of that kind for the source directory.
-    Task* Find(TaskKind kind, const std::string& source);
-    // The ids of all that are meant.
-    std::vector<uint32_t> Select(const std::function<bool(const Task&)>& isMeant) const;
+    const TaskTable& Tasks() const { return tasks_; }
     // Gives it the next id. The ids of tasks that are gone are not used again.
-    Task& Add(Task task);
+    TaskRef Add(Task task);
     bool Save(const Task& task);
+    // Changes it in memory only: what the next start has no use for.
+    void Keep(const Task& task) { PutTask(task.id, std::make_shared<const Task>(task)); }
     void Erase(uint32_t id);
 
-    const std::map<std::string, Placed>& AllPlaced() const { return contents_.placed; }
+    const std::map<std::string, Placed>& AllPlaced() const { return placed_; }
     const Placed* FindPlaced(const std::string& target) const;
-    bool SavePlaced(const std::string& target, const Placed& placed);
-    void ErasePlaced(const std::string& target);
+    // Null forgets it.
+    bool SavePlaced(const std::string& target, const Placed* placed);
 
     int64_t Get(StateValue key) const;
     bool Set(StateValue key, int64_t value);
     // The caller's own data, see PresetData.
-    const std::string& Preset() const { return contents_.preset; }
+    const std::string& Preset() const { return preset_; }
     bool SetPreset(const std::string& text);
 
     // By the source directories of reserved applications; 0 unless set.
@@ -62,29 +58,30 @@ public:
     Transaction Begin(IfNotWritten ifNotWritten);
 
 private:
-    struct Contents {
-        std::map<uint32_t, Task> tasks;
-        std::map<std::string, Placed> placed;  // by target
-        std::map<int64_t, int64_t> values;
-        std::map<std::string, int32_t> priorities;
-        std::string preset;
-    };
-
     explicit TaskStore(std::unique_ptr<Database> database) : database_(std::move(database)) {}
-    bool Load();
-    void LoadTasks();
+    // False, with the reason, when the file is damaged or can't be this version's.
+    bool Load(std::string& error, bool& isDamaged);
+    // Reads all rows of a query; false when one can't be read.
+    bool ForEachRow(const char* sql, const std::function<void(Statement&)>& read);
     template <typename... Values>
     bool Write(const char* sql, const Values&... values);
     bool WriteTask(const Task& task);
     bool WritePlaced(const std::string& target, const Placed& placed);
-    bool WriteValue(int64_t key, int64_t value);
-    bool WritePriority(const std::string& source, int32_t priority);
-    bool WritePreset();
     void WriteEverything();
+    void PutTask(uint32_t id, TaskRef task);
+    // `undo` brings back in memory what the open transaction is about to change.
+    void Remember(std::function<void()> undo);
 
     const std::unique_ptr<Database> database_;
-    Contents contents_;
+    TaskTable tasks_;
+    std::map<std::string, Placed> placed_;  // by target
+    std::map<int64_t, int64_t> values_;
+    std::map<std::string, int32_t> priorities_;
+    std::string preset_;
     bool isBehind_ = false;  // the disk lacks something that memory has
+    // What takes the changes of the open transaction back, the last change at the end.
+    std::vector<std::function<void()>> undo_;
+    bool isUndoable_ = false;
 };
 
 class TaskStore::Transaction {
@@ -94,16 +91,15 @@ public:
     Transaction(const Transaction&) = delete;
     Transaction& operator=(const Transaction&) = delete;
 
-    // When a TAKE_BACK fails, pointers and references to the store's tasks are void.
     bool Commit();
 
 private:
     friend class TaskStore;
     Transaction(TaskStore& store, IfNotWritten ifNotWritten);
-    void TakeBack();
+    void End(bool isWritten);
 
     TaskStore& store_;
-    std::optional<Contents> before_;  // to be taken back to
+    const bool wasBehind_;
     bool isOpen_ = true;
 };
 

@@ -17,6 +17,7 @@ public:
     // 0: no limit.
     explicit Throttle(uint64_t bytesPerSecond) : rate_(bytesPerSecond) {}
 
+    bool IsLimited() const { return rate_ != 0; }
     // The largest piece after which the wait is still short.
     size_t PieceBytes() const
     {

@@ -5,13 +5,16 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <climits>
 #include <cstring>
 #include <memory>
+#include <utility>
 #include <vector>
 
+#include "file_copier.h"
 #include "native_migrate/migrate_results.h"
 #include "vexa/base/unique_fd.h"
 
@@ -20,7 +23,6 @@ namespace VEXA::UpdateEngine {
 namespace {
 
 constexpr int kOpenDirectory = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-constexpr mode_t kPermissions = 07777;
 
 using Directory = std::unique_ptr<DIR, int (*)(DIR*)>;
 
@@ -34,8 +36,12 @@ Directory OpenDirectory(int parentFd, const std::string& name)
     return {directory, &closedir};
 }
 
-// The next entry's name; empty at the end, with errno 0, and on failure.
-std::string NextName(const Directory& directory)
+struct Entry {
+    std::string name;  // empty at the end, with errno 0, and on failure
+    unsigned char type = DT_UNKNOWN;
+};
+
+Entry NextEntry(const Directory& directory)
 {
     for (;;) {
         errno = 0;
@@ -44,9 +50,15 @@ std::string NextName(const Directory& directory)
             return {};
         }
         if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) {
-            return entry->d_name;
+            return {entry->d_name, entry->d_type};
         }
     }
+}
+
+// An entry is not there any more, or is something else by now.
+bool HasVanished(int reason)
+{
+    return reason == ENOENT || reason == ELOOP || reason == ENOTDIR;
 }
 
 // What a walk through a tree has met: the path to where it is, and the first fault.
@@ -86,10 +98,14 @@ protected:
     bool FailWriting() { return Fail(WriteFault(errno)); }
     bool FailStopped() { return Fail(MIGRATE_ERROR_STOPPED, "stopped", true); }
 
-    // Opens a directory of the tree; null when it can't be. A target within the tree would be copied into itself.
+    // Opens a directory of the tree; null when it can't be, without a fault when it has vanished meanwhile. A target
+    // within the tree would be copied into itself.
     Directory Enter(int parentFd, const std::string& name, int depth, struct stat& status)
     {
         Directory directory = OpenDirectory(parentFd, name);
+        if (directory == nullptr && depth > 0 && HasVanished(errno)) {
+            return directory;
+        }
         if (directory == nullptr || fstat(dirfd(directory.get()), &status) != 0) {
             FailReading();
         } else if (depth > kMaxTreeDepth) {
@@ -101,25 +117,23 @@ protected:
         }
         return {nullptr, &closedir};
     }
-    // Hands each entry's name and status to `visit`, until that returns false.
+    // Hands each entry to `visit`, until that returns false.
     template <typename Visit>
     bool ForEachEntry(const Directory& directory, const Visit& visit)
     {
-        for (std::string entry = NextName(directory); !entry.empty(); entry = NextName(directory)) {
-            const Step step(*this, entry);
-            struct stat status = {};
-            if (fstatat(dirfd(directory.get()), entry.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-                return FailReading();
-            }
+        for (Entry entry = NextEntry(directory); !entry.name.empty(); entry = NextEntry(directory)) {
+            const Step step(*this, entry.name);
             if (!goOn_()) {
                 return FailStopped();
             }
-            if (!visit(entry, status)) {
+            if (!visit(entry)) {
                 return false;
             }
         }
         return errno == 0 || FailReading();
     }
+    const std::string& Path() const { return path_; }
+    bool HasFailed() const { return fault_.code != 0; }
 
 private:
     const std::function<bool()> goOn_;
@@ -128,134 +142,194 @@ private:
     std::string path_;
 };
 
+uint64_t Mix(uint64_t sum, uint64_t value)
+{
+    constexpr uint64_t kFactor = 0x9E3779B97F4A7C15;
+    constexpr int kShift = 29;
+    sum = (sum ^ value) * kFactor;
+    return sum ^ (sum >> kShift);
+}
+
+// Of all that changes when somebody changes a file or directory; the last of it can't be set back.
+uint64_t DigestOf(const struct stat& status)
+{
+    uint64_t sum = status.st_mode;
+    for (const int64_t value : {static_cast<int64_t>(status.st_ino), status.st_size, status.st_mtim.tv_sec,
+             status.st_mtim.tv_nsec, status.st_ctim.tv_sec, status.st_ctim.tv_nsec}) {
+        sum = Mix(sum, static_cast<uint64_t>(value));
+    }
+    return sum;
+}
+
 class Copier : public Walk {
 public:
-    Copier(int targetFd, const CopyControl& control, TreeSize& copied)
+    Copier(int targetFd, const CopyControl& control, CopiedTree& copied)
         : Walk(targetFd, [&control] { return control.advance(0); }),
           control_(control),
           copied_(copied),
-          buffer_(control.pieceBytes)
+          files_(control.pieceBytes)
     {}
+
+    void Copy(int sourceFd, const std::string& name, int targetFd, const std::string& newName)
+    {
+        for (look_ = 0; look_ <= kMostLooks; ++look_) {
+            const size_t before = changes_;
+            copied_.size = {};
+            if (!CopyDirectory(sourceFd, name, targetFd, newName, 0)) {
+                return;
+            }
+            if (changes_ == before) {
+                copied_.isOnDisk = control_.syncsFew && synced_ <= kMostSynced;
+                copied_.lost = files_.Lost();
+                return;
+            }
+            std::sort(seen_.begin(), seen_.end());
+            known_ = std::exchange(seen_, {});
+        }
+        Fail(MIGRATE_ERROR_CHANGED, lastChange_ + (lastChange_.empty() ? "" : ": ") + "changed while it was copied",
+            true);
+    }
+
+private:
+    // True when this, at the path, is not what an earlier look has met.
+    bool IsNew(const struct stat& status)
+    {
+        seen_.emplace_back(std::hash<std::string>()(Path()), DigestOf(status));
+        if (std::binary_search(known_.begin(), known_.end(), seen_.back())) {
+            return false;
+        }
+        changes_++;
+        if (look_ > 0) {
+            lastChange_ = Path();
+        }
+        return true;
+    }
 
     bool CopyDirectory(int sourceFd, const std::string& name, int targetFd, const std::string& newName, int depth)
     {
         struct stat status = {};
         const Directory source = Enter(sourceFd, name, depth, status);
         if (source == nullptr) {
-            return false;
+            return !HasFailed();
         }
-        const UniqueFd target(MakeDirectory(targetFd, newName));
+        const size_t before = changes_;
+        const bool isNew = IsNew(status);
+        const UniqueFd target(OpenCopy(targetFd, newName, depth));
         if (!target) {
             return FailWriting();
         }
-        return ForEachEntry(source, [&](const std::string& entry, const struct stat& entryStatus) {
-            return CopyEntry(dirfd(source.get()), entry, entryStatus, target.Get(), depth);
-        }) && TakeOver(status, target.Get());
+        if (isNew && (depth == 0 || look_ > 0)) {
+            FileCopier::ClearAttributes(target.Get());
+        }
+        if (isNew && look_ > 0 && !RemoveVanished(dirfd(source.get()), target.Get())) {
+            return FailWriting();
+        }
+        const int copy = target.Get();
+        return ForEachEntry(source, [&](const Entry& entry) {
+            return CopyEntry(dirfd(source.get()), entry, copy, depth);
+        }) && (changes_ == before || Finish(dirfd(source.get()), copy, status));
     }
 
-private:
-    static int MakeDirectory(int parentFd, const std::string& name)
+    int OpenCopy(int parentFd, const std::string& name, int depth)
     {
-        constexpr mode_t kPrivate = 0700;
-        return mkdirat(parentFd, name.c_str(), kPrivate) == 0 ? openat(parentFd, name.c_str(), kOpenDirectory) : -1;
+        const int known = look_ > 0 ? openat(parentFd, name.c_str(), kOpenDirectory) : -1;
+        const bool isMade = known < 0 && (look_ == 0 || (depth > 0 && MakeFree(parentFd, name))) &&
+                            mkdirat(parentFd, name.c_str(), kPrivate) == 0;
+        return isMade ? openat(parentFd, name.c_str(), kOpenDirectory) : known;
     }
 
-    bool CopyEntry(int sourceFd, const std::string& name, const struct stat& status, int targetFd, int depth)
+    // In a later look a copy of what was there before may have the name, in a directory that is finished.
+    bool MakeFree(int parentFd, const std::string& name) const
     {
-        if (S_ISDIR(status.st_mode)) {
-            return CopyDirectory(sourceFd, name, targetFd, name, depth + 1);
+        return look_ == 0 || (fchmod(parentFd, kPrivate) == 0 && RemoveTree(parentFd, name, [] { return true; }));
+    }
+
+    bool RemoveVanished(int sourceFd, int targetFd)
+    {
+        const Directory target = OpenDirectory(targetFd, ".");
+        for (Entry entry = NextEntry(target); !entry.name.empty(); entry = NextEntry(target)) {
+            struct stat status = {};
+            if (fstatat(sourceFd, entry.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 &&
+                !MakeFree(targetFd, entry.name)) {
+                return false;
+            }
         }
-        copied_.files++;
-        if (S_ISREG(status.st_mode)) {
-            return CopyFile(sourceFd, name, targetFd);
+        return true;
+    }
+
+    bool CopyEntry(int sourceFd, const Entry& entry, int targetFd, int depth)
+    {
+        if (entry.type == DT_REG && look_ == 0) {
+            return CopyFile(sourceFd, entry.name, targetFd);
         }
-        if (S_ISLNK(status.st_mode)) {
-            return CopyLink(sourceFd, name, targetFd, status);
+        struct stat status = {};
+        if (entry.type != DT_DIR && fstatat(sourceFd, entry.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+            return HasVanished(errno) || FailReading();
         }
-        return Fail(MIGRATE_ERROR_UNSUPPORTED, "is no file, directory or symbolic link");
+        if (entry.type == DT_DIR || S_ISDIR(status.st_mode)) {
+            return CopyDirectory(sourceFd, entry.name, targetFd, entry.name, depth + 1);
+        }
+        if (S_ISREG(status.st_mode) && look_ == 0) {
+            return CopyFile(sourceFd, entry.name, targetFd);
+        }
+        if (!S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode)) {
+            return Fail(MIGRATE_ERROR_UNSUPPORTED, "is no file, directory or symbolic link");
+        }
+        if (!IsNew(status)) {
+            Count(status);
+            return true;
+        }
+        if (!MakeFree(targetFd, entry.name)) {
+            return FailWriting();
+        }
+        return S_ISREG(status.st_mode) ? CopyFile(sourceFd, entry.name, targetFd)
+                                       : CopyLink(sourceFd, entry.name, targetFd, status);
+    }
+
+    void Count(const struct stat& status)
+    {
+        copied_.size.files++;
+        copied_.size.bytes += S_ISREG(status.st_mode) ? static_cast<uint64_t>(status.st_size) : 0;
     }
 
     bool CopyFile(int sourceFd, const std::string& name, int targetFd)
     {
         const UniqueFd source(openat(sourceFd, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-        struct stat before = {};
-        if (!source || fstat(source.Get(), &before) != 0) {
-            return FailReading();
+        struct stat status = {};
+        if (!source || fstat(source.Get(), &status) != 0) {
+            return HasVanished(errno) || FailReading();
         }
-        if (!S_ISREG(before.st_mode)) {
-            return FailChanged();
+        // What it is instead, and what is changed from here on, the next look finds.
+        if (!S_ISREG(status.st_mode)) {
+            return true;
         }
-        constexpr mode_t kPrivate = 0600;
+        if (look_ == 0) {
+            IsNew(status);
+        }
+        constexpr mode_t kMode = 0600;
         const UniqueFd target(
-            openat(targetFd, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kPrivate));
+            openat(targetFd, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kMode));
         if (!target) {
             return FailWriting();
         }
-        if (!CopyContent(source.Get(), target.Get(), static_cast<uint64_t>(before.st_size))) {
-            return false;
+        if (look_ > 0) {
+            FileCopier::ClearAttributes(target.Get());
         }
-        struct stat after = {};
-        if (fstat(source.Get(), &after) != 0 || !IsSameContent(before, after)) {
-            return FailChanged();
+        bool goesOn = true;
+        const auto advance = [&](uint64_t bytes) { return goesOn = control_.advance(bytes); };
+        if (!files_.CopyContent(source.Get(), target.Get(), status, advance)) {
+            return FailCopying();
         }
-        return TakeOver(before, target.Get());
+        Count(status);
+        return goesOn ? Finish(source.Get(), target.Get(), status) : FailStopped();
     }
-
-    // A file that grows as fast as it is copied would never end: beyond its size it has changed.
-    bool CopyContent(int source, int target, uint64_t size)
-    {
-        uint64_t copied = 0;
-        for (;;) {
-            const ssize_t count = read(source, buffer_.data(), buffer_.size());
-            if (count < 0 && errno == EINTR) {
-                continue;
-            }
-            if (count < 0) {
-                return FailReading();
-            }
-            if (count == 0) {
-                return true;
-            }
-            const auto bytes = static_cast<size_t>(count);
-            if (!WriteAll(target, bytes)) {
-                return FailWriting();
-            }
-            copied += bytes;
-            copied_.bytes += bytes;
-            if (copied > size) {
-                return FailChanged();
-            }
-            if (!control_.advance(bytes)) {
-                return FailStopped();
-            }
-        }
-    }
-
-    bool WriteAll(int target, size_t bytes)
-    {
-        size_t written = 0;
-        while (written < bytes) {
-            const ssize_t count = write(target, buffer_.data() + written, bytes - written);
-            if (count < 0 && errno != EINTR) {
-                return false;
-            }
-            written += count > 0 ? static_cast<size_t>(count) : 0;
-        }
-        return true;
-    }
-
-    static bool IsSameContent(const struct stat& a, const struct stat& b)
-    {
-        return a.st_size == b.st_size && a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
-    }
-    bool FailChanged() { return Fail(MIGRATE_ERROR_CHANGED, "changed while it was copied", true); }
 
     bool CopyLink(int sourceFd, const std::string& name, int targetFd, const struct stat& status)
     {
         std::array<char, PATH_MAX + 1> text = {};
         const ssize_t length = readlinkat(sourceFd, name.c_str(), text.data(), text.size() - 1);
         if (length < 0) {
-            return FailReading();
+            return HasVanished(errno) || errno == EINVAL || FailReading();
         }
         const std::array<timespec, 2> times{status.st_atim, status.st_mtim};
         if (symlinkat(text.data(), targetFd, name.c_str()) != 0 ||
@@ -264,37 +338,30 @@ private:
             utimensat(targetFd, name.c_str(), times.data(), AT_SYMLINK_NOFOLLOW) != 0) {
             return FailWriting();
         }
+        Count(status);
         return true;
     }
 
-    // Owner first: a change of owner takes set-user-id bits away. Times last: writing changes them.
-    bool TakeOver(const struct stat& status, int target)
+    bool Finish(int source, int target, const struct stat& status)
     {
-        struct stat copy = {};
-        const std::array<timespec, 2> times{status.st_atim, status.st_mtim};
-        if ((geteuid() == 0 && fchown(target, status.st_uid, status.st_gid) != 0) || fstat(target, &copy) != 0 ||
-            fchmod(target, PermissionsOf(status, copy)) != 0 || futimens(target, times.data()) != 0) {
-            return FailWriting();
-        }
-        return true;
+        const bool done = files_.CopyAttributes(source, target, status) &&
+                          (!control_.syncsFew || ++synced_ > kMostSynced || fsync(target) == 0 || errno == EINVAL);
+        return done || FailCopying();
     }
+    bool FailCopying() { return files_.HasFailedReading() ? FailReading() : FailWriting(); }
 
-    static mode_t PermissionsOf(const struct stat& original, const struct stat& copy)
-    {
-        mode_t mode = original.st_mode & kPermissions;
-        if (copy.st_uid != original.st_uid) {
-            mode &= ~mode_t{S_ISUID};
-        }
-        // On a directory the bit says which group new files have.
-        if (copy.st_gid != original.st_gid && !S_ISDIR(original.st_mode)) {
-            mode &= ~mode_t{S_ISGID};
-        }
-        return mode;
-    }
-
+    static constexpr mode_t kPrivate = 0700;
     const CopyControl& control_;
-    TreeSize& copied_;
-    std::vector<char> buffer_;
+    CopiedTree& copied_;
+    FileCopier files_;
+    // Hashes of paths, with the digests of what was there: in this look, and in the one before.
+    using Seen = std::vector<std::pair<uint64_t, uint64_t>>;
+    Seen seen_;
+    Seen known_;
+    int look_ = 0;
+    size_t changes_ = 0;
+    size_t synced_ = 0;
+    std::string lastChange_;
 };
 
 class Measurer : public Walk {
@@ -305,15 +372,20 @@ public:
     {
         struct stat directoryStatus = {};
         const Directory directory = Enter(parentFd, name, depth, directoryStatus);
-        return directory != nullptr &&
-               ForEachEntry(directory, [&](const std::string& entry, const struct stat& status) {
-                   if (S_ISDIR(status.st_mode)) {
-                       return MeasureDirectory(dirfd(directory.get()), entry, depth + 1);
-                   }
-                   size_.files++;
-                   size_.bytes += S_ISREG(status.st_mode) ? static_cast<uint64_t>(status.st_size) : 0;
-                   return true;
-               });
+        return directory == nullptr ? !HasFailed() : ForEachEntry(directory, [&](const Entry& entry) {
+            struct stat status = {};
+            if (entry.type != DT_DIR &&
+                fstatat(dirfd(directory.get()), entry.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+                return HasVanished(errno) || FailReading();
+            }
+            if (entry.type == DT_DIR || S_ISDIR(status.st_mode)) {
+                return MeasureDirectory(dirfd(directory.get()), entry.name, depth + 1);
+            }
+            size_.files++;
+            size_.bytes += S_ISREG(status.st_mode) ? static_cast<uint64_t>(status.st_size) : 0;
+            size_.space += static_cast<uint64_t>(status.st_blocks) * 512;
+            return true;
+        });
     }
 
 private:
@@ -332,12 +404,12 @@ bool RemoveDirectory(int parentFd, const std::string& name, const std::function<
     }
     fchmod(dirfd(directory.get()), kPrivate);
     bool isEmpty = true;
-    for (std::string entry = NextName(directory); !entry.empty(); entry = NextName(directory)) {
+    for (Entry entry = NextEntry(directory); !entry.name.empty(); entry = NextEntry(directory)) {
         if (!goOn()) {
             return false;
         }
-        const bool isRemoved = unlinkat(dirfd(directory.get()), entry.c_str(), 0) == 0 ||
-                               RemoveDirectory(dirfd(directory.get()), entry, goOn, depth + 1);
+        const bool isRemoved = unlinkat(dirfd(directory.get()), entry.name.c_str(), 0) == 0 ||
+                               RemoveDirectory(dirfd(directory.get()), entry.name, goOn, depth + 1);
         isEmpty = isEmpty && isRemoved;
     }
     return isEmpty && unlinkat(parentFd, name.c_str(), AT_REMOVEDIR) == 0;
@@ -352,10 +424,10 @@ ErrorInfo WriteFault(int reason)
 }
 
 ErrorInfo CopyTree(int sourceFd, const std::string& name, int targetFd, const std::string& newName,
-    const CopyControl& control, TreeSize& copied)
+    const CopyControl& control, CopiedTree& copied)
 {
     Copier copier(targetFd, control, copied);
-    copier.CopyDirectory(sourceFd, name, targetFd, newName, 0);
+    copier.Copy(sourceFd, name, targetFd, newName);
     return std::move(copier).Fault();
 }
 

@@ -32,11 +32,11 @@ vexa-session -- bash -euo pipefail -c '
     odd=$(printf "odd\033[31m\377\302\233")
     mkdir "$MIGRATE_SOURCE/small" "$MIGRATE_SOURCE/large" "$MIGRATE_SOURCE/$odd" "$MIGRATE_SOURCE"/set-{a,b}
     echo small >"$MIGRATE_SOURCE/small/file"
-    truncate -s 40000000 "$MIGRATE_SOURCE/large/file"  # ten seconds, of which none is waited for
+    head -c 40000000 /dev/zero >"$MIGRATE_SOURCE/large/file"  # ten seconds, of which none is waited for
     for name in a b; do
         echo "{\"bundleName\":\"set\",\"reserved\":true}" >"$MIGRATE_SOURCE/set-$name/manifest.json"
     done
-    truncate -s 2000000 "$MIGRATE_SOURCE/set-a/file"
+    head -c 2000000 /dev/zero >"$MIGRATE_SOURCE/set-a/file"
 
     expect 0 packages
     says "odd?[31m??  odd?[31m??  idle"

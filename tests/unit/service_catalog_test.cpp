@@ -7,9 +7,9 @@ namespace {
 
 class ServiceCatalog : public testing::Test {
 protected:
-    std::vector<Package> ReadAll() const
+    std::vector<PackageRef> ReadAll() const
     {
-        std::vector<Package> packages;
+        std::vector<PackageRef> packages;
         EXPECT_TRUE(PackageCatalog(folders_.Source()).Read(packages));
         return packages;
     }
@@ -25,19 +25,22 @@ TEST_F(ServiceCatalog, AManifestTellsAndADirectoryWithoutOneIsCalledAfterItself)
     folders_.AddPackage("com.b", 1, R"({"target":"a"})");
     Folders::Write(folders_.Source() / "stray", "no package");
     fs::create_directory_symlink("a", folders_.Source() / "link");
+    folders_.AddPackages("lost+found .staging-1 .migrate-state.x", 1);
     const auto packages = ReadAll();
     ASSERT_EQ(packages.size(), 3U);
-    const PackageManifest& a = packages[0].manifest;
+    const PackageManifest& a = packages[0]->manifest;
     EXPECT_EQ(std::tuple(a.bundleName, a.target, a.targetUser, a.reserved), std::tuple("a", "a", 0, false));
-    const PackageManifest& b = packages[1].manifest;
+    const PackageManifest& b = packages[1]->manifest;
     EXPECT_EQ(b.bundleName + b.versionName + b.versionCode + b.target, "com.b1.27other");
     EXPECT_EQ(std::tuple(b.user, b.targetUser, b.modules.at(1).id), std::tuple(3, 100, "n"));
-    EXPECT_FALSE(packages[1].AsRestoreApp().isRestoreData || packages[1].fault.code != 0);
-    EXPECT_EQ(packages[2].fault.code, MIGRATE_ERROR_TARGET);           // the place of "a"
-    EXPECT_EQ(PackageCatalog::Find(packages, "com.b"), &packages[2]);  // directories before bundles
-    EXPECT_EQ(PackageCatalog::Find({packages[1]}, "com.b")->directory, "b");
-    EXPECT_EQ(PackageCatalog::Find(packages, "d"), nullptr);
-    std::vector<Package> none;
+    EXPECT_FALSE(packages[1]->AsRestoreApp().isRestoreData || packages[1]->fault.code != 0);
+    EXPECT_EQ(packages[2]->fault.code, MIGRATE_ERROR_TARGET);  // the place of "a"
+    std::vector<KnownPackage> known(2);
+    known[0].package = packages[1];
+    known[1].package = packages[2];
+    EXPECT_EQ(EngineState::Find(known, "com.b"), &known[1]);  // directories before bundles
+    EXPECT_EQ(EngineState::Find(known, "d"), nullptr);
+    std::vector<PackageRef> none;
     EXPECT_FALSE(PackageCatalog(folders_.Root() / "absent").Read(none));
 }
 
@@ -45,10 +48,18 @@ TEST_F(ServiceCatalog, BadManifestsAndNamesAreFaults)
 {
     const auto faultOf = [this](const std::string& manifest) {
         folders_.AddPackage("p", 1, manifest);
-        return ReadAll().at(0).fault.code;
+        return ReadAll().at(0)->fault.code;
     };
     const std::string large = "{}" + std::string(1048576 - 1, ' ');
-    for (const std::string& manifest : {std::string("{"), std::string(R"({"user":"root"})"), large}) {
+    std::string modules = R"({"type":1,"id":"m"})";
+    for (int i = 1; i < 1024; ++i) {
+        modules += R"(,{"type":1,"id":"m"})";
+    }
+    const std::string most = R"({"bundleName":")" + std::string(1024, 'b') + R"(","modules":[)" + modules;
+    EXPECT_EQ(faultOf(most + "]}"), 0);
+    const std::string longName = R"({"bundleName":")" + std::string(1025, 'b') + "\"}";
+    for (const std::string& manifest :
+        {std::string("{"), std::string(R"({"user":"root"})"), large, longName, most + R"(,{"type":1,"id":"m"}]})"}) {
         EXPECT_EQ(faultOf(manifest), MIGRATE_ERROR_MANIFEST) << manifest.substr(0, 60);
     }
     for (const std::string name : {"../out", "..", "/etc", "a/b", ".staging-1", ".migrate-state.db"}) {
@@ -60,7 +71,7 @@ TEST_F(ServiceCatalog, BadManifestsAndNamesAreFaults)
     fs::remove(folders_.Source() / "p" / "manifest.json");
     Folders::Write(folders_.Root() / "secret", "{}");
     fs::create_symlink("../../secret", folders_.Source() / "p" / "manifest.json");
-    EXPECT_EQ(ReadAll()[0].fault.code, MIGRATE_ERROR_MANIFEST);
+    EXPECT_EQ(ReadAll()[0]->fault.code, MIGRATE_ERROR_MANIFEST);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "service_fixture.h"
 
+#include <sys/statvfs.h>
 #include <sys/syscall.h>
 
 #include <atomic>
@@ -14,6 +15,7 @@ std::atomic<bool> g_isStateFull{false};
 // Of a file system that knows nothing but plain renames: 0, or which of them, counted from 1, fails.
 std::atomic<int> g_failingRename{-1};
 std::atomic<int> g_renames{0};
+std::atomic<unsigned> g_freeBlocks{1U << 30};
 
 long Result(int reason)
 {
@@ -29,10 +31,22 @@ extern "C" int syncfs(int) noexcept
     return static_cast<int>(Result(g_disk()));
 }
 
+extern "C" int fsync(int)
+{
+    return static_cast<int>(Result(g_disk()));
+}
+
 extern "C" __attribute__((visibility("default"))) ssize_t pwrite64(
     int fd, const void* data, size_t size, off64_t offset)
 {
     return g_isStateFull ? Result(ENOSPC) : syscall(SYS_pwrite64, fd, data, size, offset);
+}
+
+extern "C" int fstatvfs(int, struct statvfs* status) noexcept
+{
+    status->f_frsize = 4096;
+    status->f_bavail = g_freeBlocks;
+    return 0;
 }
 
 extern "C" int renameat2(int fromFd, const char* from, int toFd, const char* to, unsigned flags) noexcept
@@ -143,16 +157,27 @@ TEST_F(ServiceEngine, PausesAndGoesOnAlsoInTheNextLife)
     Run();
     EXPECT_EQ(engine->Pause(TaskPauseReason::USER).errorNum, MIGRATE_ERROR_NOTHING);
     RunSlowly();
+    const auto percentNow = [this] { return engine->GetInfo(MigrateStage::NONE).migrateProgress.percent; };
+    ASSERT_TRUE(Eventually([&] { return percentNow() > 0; }));
     EXPECT_EQ(engine->Pause(TaskPauseReason::NETWORK).errorNum, 0);
     EXPECT_EQ(engine->GetInfo(MigrateStage::NONE).taskInfos.at(0).pauseReason, TaskPauseReason::NETWORK);
     std::this_thread::sleep_for(50ms);  // the piece under way
     const int64_t before = engine->GetInfo(MigrateStage::NONE).migrateProgress.requiredTraffic;
     std::this_thread::sleep_for(100ms);
     EXPECT_EQ(engine->GetInfo(MigrateStage::NONE).migrateProgress.requiredTraffic, before);
-    Run();
+    const uint32_t percent = percentNow();
+    Run(kSlow);
     std::this_thread::sleep_for(20ms);
     EXPECT_EQ(State(), TaskStatus::PAUSED);
+    // What is copied again counts once.
+    EXPECT_EQ(percentNow(), percent);
     EXPECT_EQ(engine->Resume().errorNum, 0);
+    uint32_t last = percent;
+    EXPECT_TRUE(Eventually([&] {
+        const uint32_t now = percentNow();
+        EXPECT_TRUE(now >= last && now <= 100) << last << " " << now;
+        return (last = now) == 100;
+    }));
     EXPECT_EQ(Outcome(), "a:3/0 ");
     EXPECT_EQ(engine->Resume().errorNum, MIGRATE_ERROR_NOTHING);
 }
@@ -182,6 +207,17 @@ TEST_F(ServiceEngine, ThePolicyToStopFailsWhatWaits)
     EXPECT_EQ(engine->SetPolicy(MIGRATE_POLICY_STOP).errorNum, 0);
     EXPECT_EQ(MoveAll(), "a:4/24 b:4/28 ");
     EXPECT_TRUE(folders.TargetNames().empty());
+}
+
+TEST_F(ServiceEngine, WhatHasNoRoomIsNotBegun)
+{
+    folders.AddPackage("a", kLarge);
+    Folders::Write(folders.Source() / "hole" / "file", "");
+    fs::resize_file(folders.Source() / "hole" / "file", 1 << 30);
+    g_freeBlocks = 100;
+    Run();
+    EXPECT_EQ(MoveAll(), "a:4/26 hole:3/0 ");
+    g_freeBlocks = 1U << 30;
 }
 
 TEST_F(ServiceEngine, OnePackageAtATime)
@@ -219,16 +255,17 @@ TEST_F(ServiceEngine, ASuddenEndLeavesNoTraceAndIsNoticedBetweenTheRenameAndItsN
         ASSERT_NE(store, nullptr) << error;
         store->Set(StateValue::STATUS, static_cast<int64_t>(TaskStatus::RUNNING));
         for (const char* name : {"a", "b", "c"}) {
-            Task& task = *store->Find(TaskKind::MIGRATE, name);
+            Task task = *store->Tasks().Find(TaskKind::MIGRATE, name);
             task.staged = store->FindPlaced(name)->id;
+            task.staged.inode += task.source == "c" ? 1 : 0;
             task.status = TaskStatus::RUNNING;
             task.subStatus = MIGRATE_SUB_PLACING;
             store->Save(task);
         }
         Placed replaced = *store->FindPlaced("a");
         ++replaced.id.inode;
-        store->SavePlaced("a", replaced);
-        store->ErasePlaced("b");
+        store->SavePlaced("a", &replaced);
+        store->SavePlaced("b", nullptr);
     }
     fs::remove_all(folders.Target() / "b");
     fs::rename(folders.Target() / "c", folders.Target() / ".staging-3-old");
@@ -245,6 +282,72 @@ TEST_F(ServiceEngine, ASuddenEndLeavesNoTraceAndIsNoticedBetweenTheRenameAndItsN
     EXPECT_TRUE(Eventually([this] { return folders.TargetNames() == ".staging-of-mine a b c "; }));
     EXPECT_EQ(engine->OwnBackups(6), MIGRATE_ERROR_OWNER);
     EXPECT_EQ(engine->StartAll().errorNum, 0);  // all are known as its own
+}
+
+// The only copy of `b` is where a sudden end between two moves has left it, and that of `c` is nobody's.
+TEST_F(ServiceEngine, WhatIsInTheTargetIsKnownByItsMarksAlone)
+{
+    folders.AddPackages("a b", 10);
+    Run();
+    EXPECT_EQ(MoveAll(), "a:3/0 b:3/0 ");
+    std::string error;
+    const EngineOptions other{folders.Source(), folders.Target(), folders.Root() / "other.db"};
+    EXPECT_EQ(MigrationEngine::Open(other, listener, error), nullptr);
+    EXPECT_EQ(error, other.target + ": process " + std::to_string(getpid()) + " uses it as its target");
+    engine.reset();
+    fs::rename(folders.Target() / "b", folders.Target() / ".staging-9-old");
+    Folders::Write(folders.Target() / ".staging-8-old" / "c", "");
+    (Open(0, false, other.stateFile), engine->Start());
+    EXPECT_EQ(folders.TargetNames(), ".staging-8-old a b ");
+    EXPECT_EQ(engine->OwnBackups(5), 0);
+    EXPECT_EQ(MoveAll(), "a:3/0 b:3/0 ");
+    // Of another source it is another's.
+    engine.reset();
+    fs::rename(folders.Source(), folders.Root() / "moved");
+    folders.AddPackages("a", 10);
+    fs::remove(other.stateFile);
+    fs::rename(folders.Source(), folders.Root() / "second");
+    fs::create_directory_symlink("second", folders.Source());
+    (Open(0, false, other.stateFile), engine->Start());
+    EXPECT_EQ(MoveAll(), "error 1: a:4/23 ");
+}
+
+TEST_F(ServiceEngine, WhatIsClearedIsGoneOrStaysWithItsStatus)
+{
+    folders.AddPackage("r", 10, R"({"reserved":true})");
+    Run();
+    const auto status = [this] {
+        std::vector<PakMigrateInfo> packages;
+        EXPECT_EQ(engine->GetPackages(packages).errorNum, 0);
+        return packages.at(0).status;
+    };
+    engine->Restore("r", "");
+    ASSERT_TRUE(Eventually([&] { return status() == kFinished; }));
+    g_renames = 0;
+    g_failingRename = 1;
+    EXPECT_EQ(engine->ClearReserved("r", "").errorNum, MIGRATE_ERROR_WRITE);
+    EXPECT_EQ(status(), kFinished);
+    EXPECT_EQ(folders.TargetNames(), "r ");
+    g_failingRename = -1;
+    // The disk doesn't take the note: it is not gone without one.
+    g_disk = [] { return EIO; };
+    Run(0, true);
+    EXPECT_EQ(engine->ClearReserved("r", "").errorNum, MIGRATE_ERROR_STATE);
+    EXPECT_EQ(status(), kFinished);
+    EXPECT_EQ(folders.TargetNames(), "r ");
+    engine.reset();
+    {
+        // As a sudden end leaves it between the note and the rename.
+        std::string error;
+        const auto store = TaskStore::Open(folders.Target() / ".migrate-state.db", error);
+        ASSERT_NE(store, nullptr) << error;
+        Placed leaving = *store->FindPlaced("r");
+        leaving.isLeaving = true;
+        store->SavePlaced("r", &leaving);
+    }
+    Run();
+    EXPECT_EQ(status(), 0);
+    EXPECT_TRUE(Eventually([this] { return folders.TargetNames().empty(); }));
 }
 
 TEST_F(ServiceEngine, WhatCanNotBeRememberedIsRefused)
@@ -281,8 +384,8 @@ TEST_F(ServiceEngine, NothingIsPlacedThatTheNextStartWouldNotKnow)
     EXPECT_TRUE(folders.TargetNames().empty());
 
     // Too late for the note that it has been placed: the start after finds that out, and so does the next transaction.
-    g_disk = [] {
-        g_isStateFull = true;
+    g_disk = [this] {
+        g_isStateFull = engine->GetStatus(MigrateStage::INSTALL).isTaskExist;
         return 0;
     };
     for (const bool isWrittenLater : {false, true}) {
@@ -322,28 +425,49 @@ TEST_F(ServiceEngine, AFileSystemThatCanNotExchangeCostsNoPackageEither)
 }
 
 // The disk has the copy before it has the name, and the name before the task ends; requests are answered meanwhile.
+// What is small is synced by itself.
 TEST_F(ServiceEngine, APackageIsPlacedWhenTheDiskHasIt)
 {
-    const std::pair<int, const char*> failures[] = {{0, "a:3/0 "}, {ENOSPC, "a:4/26 "}, {EIO, "a:4/25 "}};
-    folders.AddPackage("a", 10);
-    for (const auto& [failure, result] : failures) {
+    folders.AddPackage("small", 10);
+    folders.AddPackage("large", 10);
+    for (int i = 0; i < 64; ++i) {
+        Folders::Write(folders.Source() / "large" / std::to_string(i), "");
+    }
+    for (const std::string name : {"small", "large"}) {
+        int calls = 0;
+        int failing = 0;
+        int reason = 0;
         std::string seen;
-        g_disk = [&, failure = failure] {
-            EXPECT_TRUE(engine->GetStatus(MigrateStage::INSTALL).isTaskExist);
-            seen += folders.TargetNames();
-            return failure;
+        g_disk = [&] {
+            EXPECT_TRUE(engine->GetStatus(MigrateStage::NONE).isTaskExist);
+            const std::string names = folders.TargetNames();
+            seen += seen.size() >= names.size() && seen.substr(seen.size() - names.size()) == names ? "" : names;
+            return ++calls == failing ? reason : 0;
         };
-        Run(0, true);
-        EXPECT_EQ(MoveAll(), result);
-        engine.reset();
-        EXPECT_EQ(folders.TargetNames(), failure == 0 ? "a " : "");
-        EXPECT_EQ(seen, failure == 0 ? ".staging-1 a " : ".staging-1 ");
-        fs::remove_all(folders.Target());
-        fs::create_directory(folders.Target());
+        const auto outcome = [&](int call, int fault) {
+            fs::remove_all(folders.Target());
+            fs::create_directory(folders.Target());
+            calls = 0;
+            failing = call;
+            reason = fault;
+            Run(0, true);
+            EXPECT_EQ(engine->StartPackage(Name(name.c_str())).errorNum, 0);
+            std::string text = Outcome();
+            engine.reset();
+            return text + folders.TargetNames();
+        };
+        EXPECT_EQ(outcome(0, 0), name + ":3/0 " + name + " ");
+        EXPECT_EQ(seen, ".staging-1 " + name + " ");
+        const int all = calls;
+        EXPECT_EQ(all, name == "small" ? 6 : 4);  // of the content; the mark, the state, and the name
+        for (int call = 1; call <= all; ++call) {
+            EXPECT_EQ(outcome(call, ENOSPC), name + ":4/26 " + (call == all ? name + " " : ""));
+        }
+        EXPECT_EQ(outcome(1, EIO), name + ":4/25 ");
     }
     // What is taken back meanwhile is not placed any more.
     g_disk = [this] {
-        EXPECT_EQ(engine->RemoveUser(MIGRATE_ALL_USERS).errorNum, 0);
+        engine->RemoveUser(MIGRATE_ALL_USERS);
         return 0;
     };
     Run(0, true);

@@ -118,11 +118,11 @@ protected:
 
     virtual EngineListener& Listener() { return listener; }
     // Ends the engine before, as a restart of the service does.
-    void Open(uint64_t bytesPerSecond = 0, bool sync = false)
+    void Open(uint64_t bytesPerSecond = 0, bool sync = false, const std::string& stateFile = "")
     {
         engine.reset();
         std::string error;
-        const EngineOptions options{folders.Source(), folders.Target(), "", bytesPerSecond, sync};
+        const EngineOptions options{folders.Source(), folders.Target(), stateFile, bytesPerSecond, sync};
         engine = MigrationEngine::Open(options, Listener(), error);
         ASSERT_NE(engine, nullptr) << error;
     }

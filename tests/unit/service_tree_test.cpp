@@ -1,11 +1,28 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <endian.h>
 #include <fcntl.h>
+#include <sys/syscall.h>
+#include <sys/xattr.h>
 
 #include <map>
 
+#include "access_list.h"
 #include "service_fixture.h"
 #include "tree_copier.h"
 #include "vexa/base/unique_fd.h"
+
+namespace {
+
+bool g_keepsAttributes = true;
+
+}  // namespace
+
+// In place of the C library's: a file system that keeps no attributes.
+extern "C" int fsetxattr(int fd, const char* name, const void* value, size_t size, int flags) noexcept
+{
+    errno = EOPNOTSUPP;
+    return g_keepsAttributes ? static_cast<int>(syscall(SYS_fsetxattr, fd, name, value, size, flags)) : -1;
+}
 
 namespace VEXA::UpdateEngine::test {
 namespace {
@@ -30,13 +47,38 @@ protected:
             EXPECT_EQ(lstat(path.c_str(), &status), 0);
             entries[path.lexically_relative(root)] = {status.st_mode, status.st_mtim.tv_sec, status.st_mtim.tv_nsec,
                 S_ISLNK(status.st_mode) ? fs::read_symlink(path).string() : "",
-                S_ISREG(status.st_mode) ? FileText(path) : ""};
+                (S_ISREG(status.st_mode) ? FileText(path) : "") + Attributes(path)};
         };
         add(root);
         for (const auto& entry : fs::recursive_directory_iterator(root)) {
             add(entry.path());
         }
         return entries;
+    }
+    static std::string Attributes(const fs::path& path)
+    {
+        std::string text;
+        char value[256];
+        for (const char* name : {kAccess, kDefault, "user.x", "trusted.x"}) {
+            const ssize_t length = lgetxattr(path.c_str(), name, value, sizeof(value));
+            text += length >= 0 ? name + std::string(value, static_cast<size_t>(length)) : "";
+        }
+        return text;
+    }
+    static constexpr char kAccess[] = "system.posix_acl_access";
+    static constexpr char kDefault[] = "system.posix_acl_default";
+    // rwx for the owner, and for user 5, the owning group, the mask and all others what is given.
+    static std::string List(uint16_t user, uint16_t group, uint16_t mask, uint16_t other)
+    {
+        const std::tuple<uint16_t, uint16_t, uint32_t> entries[] = {
+            {1, 7, ~0U}, {2, user, 5}, {4, group, ~0U}, {16, mask, ~0U}, {32, other, ~0U}};
+        std::string list("\2\0\0\0", 4);
+        for (const auto& [tag, access, id] : entries) {
+            const uint16_t words[] = {htole16(tag), htole16(access)};
+            const uint32_t number = htole32(id);
+            list.append(reinterpret_cast<const char*>(words), 4).append(reinterpret_cast<const char*>(&number), 4);
+        }
+        return list;
     }
     static void SetTime(const fs::path& path, time_t seconds, long nanoseconds)
     {
@@ -47,7 +89,7 @@ protected:
     Folders folders_;
     const UniqueFd source_{open(folders_.Source().c_str(), O_RDONLY | O_DIRECTORY)};
     const UniqueFd target_{open(folders_.Target().c_str(), O_RDONLY | O_DIRECTORY)};
-    TreeSize copied_;
+    CopiedTree copied_;
 };
 
 TEST_F(ServiceTree, EverythingOfATreeArrivesAndCanBeRemoved)
@@ -72,7 +114,7 @@ TEST_F(ServiceTree, EverythingOfATreeArrivesAndCanBeRemoved)
 
     const ErrorInfo fault = Copy("p");
     ASSERT_EQ(fault.code, 0) << fault.reason;
-    EXPECT_EQ(copied_.files, 8U);
+    EXPECT_EQ(copied_.size.files, 8U);
     EXPECT_EQ(Describe(folders_.Target() / "copy"), Describe(root));
 
     EXPECT_FALSE(Remove(false));
@@ -103,7 +145,8 @@ TEST_F(ServiceTree, WhatCanNotBeCopiedIsNamed)
         EXPECT_NE(fault.reason.find(reason), std::string::npos) << fault.reason;
         EXPECT_TRUE(Remove()) << name;
     };
-    expectFault("grows", MIGRATE_ERROR_CHANGED, "");
+    expectFault("grows", MIGRATE_ERROR_CHANGED, "data/file: changed");
+    EXPECT_TRUE(WriteFault(EDQUOT).canRetry);
     expectFault("pipe", MIGRATE_ERROR_UNSUPPORTED, "pipe: is no file");
     expectFault("fits", 0, "");
     expectFault("deep", MIGRATE_ERROR_UNSUPPORTED, "nested too deeply");
@@ -113,6 +156,91 @@ TEST_F(ServiceTree, WhatCanNotBeCopiedIsNamed)
     expectFault("taken", MIGRATE_ERROR_WRITE, "exists");
 }
 
+// Whatever changes at whichever moment, the copy is what is there in the end.
+TEST_F(ServiceTree, WhatChangesMeanwhileIsCopiedAgain)
+{
+    const fs::path root = folders_.Source() / "p";
+    const std::pair<const char*, std::function<void()>> changes[] = {
+        {"grows", [&] { Folders::Write(root / "d" / "1", "longer than before"); }},
+        {"has its time set back",
+            [&] {
+                Folders::Write(root / "d" / "1", "ONE");
+                SetTime(root / "d" / "1", 1500000000, 1);
+            }},
+        {"has another mode", [&] { fs::permissions(root / "d" / "1", fs::perms::owner_read); }},
+        {"is added", [&] { Folders::Write(root / "d" / "new", "new"); }},
+        {"is added with its directory", [&] { Folders::Write(root / "d" / "e" / "new", "new"); }},
+        {"vanishes", [&] { fs::remove(root / "d" / "2"); }},
+        {"vanishes with its directory", [&] { fs::remove_all(root / "d"); }},
+        {"becomes a directory", [&] { fs::remove(root / "d" / "2"), Folders::Write(root / "d" / "2" / "in", "in"); }},
+        {"becomes a file", [&] { fs::remove_all(root / "d"), Folders::Write(root / "d", "file"); }},
+        {"leads elsewhere", [&] { fs::remove(root / "link"), fs::create_symlink("elsewhere", root / "link"); }}};
+    for (const auto& [what, change] : changes) {
+        for (int moment = 1; moment <= 12; ++moment) {  // all calls of the first look
+            fs::remove_all(root);
+            Folders::Write(root / "d" / "1", "one");
+            SetTime(root / "d" / "1", 1500000000, 1);
+            Folders::Write(root / "d" / "2", "two");
+            Folders::Write(root / "other", "other");
+            fs::create_symlink("d", root / "link");
+            int calls = 0;
+            const ErrorInfo fault =
+                Copy("p", {[&, change = change](uint64_t) { return ++calls != moment || (change(), true); }, 2});
+            EXPECT_EQ(fault.code, 0) << what << " " << fault.reason;
+            EXPECT_EQ(Describe(folders_.Target() / "copy"), Describe(root)) << what << " at call " << moment;
+            EXPECT_TRUE(Remove());
+        }
+    }
+}
+
+TEST_F(ServiceTree, AttributesAndHolesAreKeptAndAccessIsNeverWider)
+{
+    const fs::path root = folders_.Source() / "p";
+    Folders::Write(root / "d" / "file", "text");
+    const std::string list = List(6, 0, 7, 0);
+    const auto set = [](const fs::path& path, const char* name, const std::string& value) {
+        return setxattr(path.c_str(), name, value.data(), value.size(), 0) == 0;
+    };
+    // What new files of the target get is no part of the original.
+    if (!set(root / "d" / "file", kAccess, list) || !set(folders_.Target(), kDefault, List(7, 7, 7, 7))) {
+        GTEST_SKIP() << "no access control lists here";
+    }
+    EXPECT_TRUE(
+        set(root / "d", kDefault, list) && set(root / "d" / "file", "user.x", "value") && set(root, "user.x", ""));
+    set(root / "d", "trusted.x", "root's");
+    std::ofstream(root / "sparse") << "begin";
+    fs::resize_file(root / "sparse", 1 << 28);
+    std::ofstream(root / "sparse", std::ios::app) << "end";
+    EXPECT_EQ(Copy("p").code, 0);
+    EXPECT_EQ(copied_.lost, "");
+    fs::resize_file(root / "sparse", 0);  // compared by size and blocks only
+    struct stat status = {};
+    const fs::path sparse = folders_.Target() / "copy" / "sparse";
+    EXPECT_EQ(stat(sparse.c_str(), &status), 0);
+    EXPECT_TRUE(status.st_size == (1 << 28) + 3 && status.st_blocks < 1000) << status.st_blocks;
+    const UniqueFd end(open(sparse.c_str(), O_RDONLY));
+    char text[4] = {};
+    EXPECT_EQ(pread(end.Get(), text, 3, 1 << 28), 3);
+    EXPECT_STREQ(text, "end");
+    fs::remove(sparse);
+    fs::remove(root / "sparse");
+    SetTime(root, 1, 1);
+    SetTime(folders_.Target() / "copy", 1, 1);
+    EXPECT_EQ(Describe(folders_.Target() / "copy"), Describe(root));
+    EXPECT_TRUE(Remove());
+
+    g_keepsAttributes = false;
+    EXPECT_EQ(Copy("p").code, 0);
+    g_keepsAttributes = true;
+    EXPECT_EQ(copied_.lost, "the target can't keep its access control lists and extended attributes");
+    EXPECT_EQ(stat((folders_.Target() / "copy" / "d" / "file").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0700U);
+    // The permissions of a copy without the list, and of one whose group is another.
+    EXPECT_EQ(PermissionsWithout(0675, List(7, 7, 6, 5)), 0664U);
+    EXPECT_EQ(PermissionsWithout(0675, List(0, 7, 7, 5)), 0600U);
+    EXPECT_EQ(PermissionsOfOtherGroup(0674), 0644U);
+}
+
 TEST_F(ServiceTree, ATreeThatHoldsTheTargetIsNeitherMeasuredNorCopied)
 {
     folders_.AddPackage("p", 10);
@@ -120,7 +248,7 @@ TEST_F(ServiceTree, ATreeThatHoldsTheTargetIsNeitherMeasuredNorCopied)
     TreeSize size;
     const auto goOn = [](auto...) { return true; };
     for (const ErrorInfo& fault : {MeasureTree(source_.Get(), "p", within.Get(), goOn, size),
-             CopyTree(source_.Get(), "p", within.Get(), "copy", {goOn}, size)}) {
+             CopyTree(source_.Get(), "p", within.Get(), "copy", {goOn}, copied_)}) {
         EXPECT_EQ(fault.code, MIGRATE_ERROR_UNSUPPORTED);
         EXPECT_EQ(fault.reason, "data: holds the target");
     }

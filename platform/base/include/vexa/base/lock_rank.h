@@ -20,6 +20,7 @@
     RANK(KitsGate, "the handlers that are running, for whoever waits for their end")                               \
     RANK(LoadSaInstance, "the pointer to the process's loader of services")                                        \
     RANK(Engine, "the service's tasks, reservations and files")                                                    \
+    RANK(PackageCatalog, "the manifests that the service has read")                                                \
     RANK(CallbackHub, "who receives the service's events; the engine tells it of one under its own mutex")         \
     RANK(Mailbox, "one receiver's events that wait; the hub posts to all under its own mutex")                     \
     RANK(DeliveryThreads, "the deliveries that wait for their time; a mailbox adds one under its own mutex")       \

@@ -1,0 +1,166 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "engine_state.h"
+
+#include <algorithm>
+#include <ctime>
+#include <utility>
+
+#include "engine_errors.h"
+#include "json_parse.h"
+#include "state_file.h"
+
+namespace VEXA::UpdateEngine {
+
+Task KnownPackage::MakeTask() const
+{
+    Task made;
+    made.kind = Kind();
+    made.source = package->directory;
+    made.target = package->manifest.target;
+    made.app = package->AsRestoreApp();
+    made.user = package->manifest.user;
+    made.error = fault;
+    made.status = fault.code == 0 ? TaskStatus::IDLE : TaskStatus::FAILED;
+    return made;
+}
+
+EngineState::EngineState(const EngineOptions& engineOptions, EngineListener& engineListener,
+    std::unique_ptr<TaskStore> taskStore, UniqueFd sourceFd, std::unique_ptr<TargetDirectory> targetDirectory)
+    : options(engineOptions),
+      listener(engineListener),
+      catalog(engineOptions.source),
+      source(std::move(sourceFd)),
+      target(std::move(targetDirectory)),
+      store(std::move(taskStore))
+{}
+
+BusinessError EngineState::ReadPackages(std::vector<KnownPackage>& packages) const
+{
+    std::vector<PackageRef> found;
+    if (!catalog.Read(found)) {
+        return MakeError(MIGRATE_ERROR_SOURCE, "the source directory can't be read");
+    }
+    std::vector<std::optional<FileId>> there;
+    there.reserve(found.size());
+    for (const PackageRef& package : found) {
+        there.push_back(target->IdOf(package->manifest.target));
+    }
+    packages.reserve(found.size());
+    // In pieces, so that nobody waits long for the lock.
+    constexpr size_t kPiece = 256;
+    while (packages.size() < found.size()) {
+        MutexLock lock(mutex);
+        for (size_t i = packages.size(), end = std::min(found.size(), i + kPiece); i < end; ++i) {
+            packages.push_back(Know(found[i], there[i]));
+        }
+    }
+    return {};
+}
+
+const KnownPackage* EngineState::Find(const std::vector<KnownPackage>& packages, const std::string& name)
+{
+    const KnownPackage* called = nullptr;
+    for (const KnownPackage& one : packages) {
+        if (one.package->directory == name) {
+            return &one;
+        }
+        called = called == nullptr && one.package->IsCalled(name) ? &one : called;
+    }
+    return called;
+}
+
+KnownPackage EngineState::Know(const PackageRef& package, std::optional<FileId> there) const
+{
+    const PackageManifest& manifest = package->manifest;
+    const Placed* const placed = store->FindPlaced(manifest.target);
+    // What has been placed or taken away since it was looked up is looked up again.
+    if (there && (placed == nullptr || placed->id != *there)) {
+        there = target->IdOf(manifest.target);
+    }
+    const bool isOwn = there && placed != nullptr && placed->id == *there;
+    KnownPackage known;
+    known.package = package;
+    known.task = store->Tasks().Find(known.Kind(), package->directory);
+    known.isPlaced = isOwn && !placed->isLeaving && placed->source == package->directory;
+    known.priority = store->Priority(package->directory);
+    known.fault = package->fault;
+    if (known.fault.code == 0 && there && !known.isPlaced && !(isOwn && placed->isLeaving)) {
+        known.fault = TargetTaken();
+    }
+    return known;
+}
+
+PresetChoices EngineState::Choices() const
+{
+    PresetChoices choices;
+    JsonParse::JsonStrToStruct(store->Preset(), choices);
+    return choices;
+}
+
+void EngineState::BeginRun()
+{
+    if (IsUnderWay()) {
+        return;
+    }
+    meter.Restart();
+    store->Set(StateValue::STATUS, static_cast<int64_t>(TaskStatus::RUNNING));
+    store->Set(StateValue::START_TIME, time(nullptr));
+    store->Set(StateValue::END_TIME, 0);
+}
+
+void EngineState::EndRunIfDone()
+{
+    const TaskSums& sums = store->Tasks().Sums(TaskKind::MIGRATE);
+    if (store->Tasks().CountIn(MigrateStage::FINISH) < sums.tasks) {
+        return;
+    }
+    const TaskStatus ended = sums.failed > 0 ? TaskStatus::FAILED : TaskStatus::FINISHED;
+    store->Set(StateValue::STATUS, static_cast<int64_t>(sums.tasks == 0 ? TaskStatus::IDLE : ended));
+    store->Set(StateValue::END_TIME, time(nullptr));
+}
+
+BusinessError EngineState::AddTask(const Task& task)
+{
+    const TaskRef earlier = store->Tasks().Find(task.kind, task.source);
+    auto transaction = store->Begin(IfNotWritten::TAKE_BACK);
+    if (earlier != nullptr) {
+        store->Erase(earlier->id);
+    }
+    if (task.kind == TaskKind::MIGRATE) {
+        BeginRun();
+    }
+    const TaskRef added = store->Add(task);
+    if (!transaction.Commit()) {
+        return StateError();
+    }
+    Report(*added);
+    Wake();
+    return added->error.code != 0 ? MakeError(added->error.code, added->error.reason) : BusinessError();
+}
+
+bool EngineState::MayGoOn(uint32_t id) const
+{
+    return !isStopping && store->Tasks().Find(id) != nullptr;
+}
+
+void EngineState::Report(const Task& task)
+{
+    if (task.kind == TaskKind::MIGRATE) {
+        listener.OnTask(task.AsProgress(PauseReason()));
+    } else {
+        listener.OnRestore(task.AsRestoreEvent());
+    }
+}
+
+void EngineState::Wake()
+{
+    ++turn;
+    changed.NotifyAll();
+}
+
+bool EngineState::SyncState() const
+{
+    return !options.sync || SyncStateFile(options.stateFile);
+}
+
+}  // namespace VEXA::UpdateEngine

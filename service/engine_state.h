@@ -1,0 +1,106 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the parts of the engine share: its directories and its state, and the changes that several of them make.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "native_migrate/migrate_records.h"
+#include "package_catalog.h"
+#include "service_records.h"
+#include "target_directory.h"
+#include "task_store.h"
+#include "throttle.h"
+#include "vexa/base/mutex.h"
+#include "vexa/base/unique_fd.h"
+
+namespace VEXA::UpdateEngine {
+
+// Told of changes in the order in which they happen, under the engine's lock: must return soon and not call back.
+class EngineListener {
+public:
+    virtual ~EngineListener() = default;
+    // A task of the migration has another status, or has come further.
+    virtual void OnTask(const TaskProgress& task) = 0;
+    // A reserved application has another status.
+    virtual void OnRestore(const RestoreEventInfo& event) = 0;
+};
+
+struct EngineOptions {
+    std::string source;
+    std::string target;           // must exist
+    std::string stateFile;        // empty: .migrate-state.db in the target
+    uint64_t bytesPerSecond = 0;  // of each worker; 0: as fast as it goes
+    bool sync = true;             // a package counts as placed when the disk has it, not before
+};
+
+// A package with what the service knows of it.
+struct KnownPackage {
+    PackageRef package;
+    TaskRef task;  // of its migration or restoration; null when there is none
+    bool isPlaced = false;
+    int32_t priority = 0;
+    ErrorInfo fault;  // the package's, or that its place in the target has something else
+
+    bool CanBeMigrated() const { return !package->manifest.reserved && package->fault.code == 0; }
+    TaskKind Kind() const { return package->manifest.reserved ? TaskKind::RESTORE : TaskKind::MIGRATE; }
+    Task MakeTask() const;
+};
+
+// Under the lock nothing is read from disk, but for single names, and nothing grows with a package's content.
+class EngineState {
+public:
+    EngineState(const EngineOptions& options, EngineListener& listener, std::unique_ptr<TaskStore> store,
+        UniqueFd sourceFd, std::unique_ptr<TargetDirectory> targetDirectory);
+
+    // Every package; an error when the source can't be read.
+    BusinessError ReadPackages(std::vector<KnownPackage>& packages) const VEXA_EXCLUDES(mutex);
+    // The one whose directory, or else whose bundle, has that name; null when there is none.
+    static const KnownPackage* Find(const std::vector<KnownPackage>& packages, const std::string& name);
+    // `there` is what has been seen in its place in the target.
+    KnownPackage Know(const PackageRef& package, std::optional<FileId> there) const VEXA_REQUIRES(mutex);
+
+    TaskStatus Status() const VEXA_REQUIRES(mutex) { return static_cast<TaskStatus>(store->Get(StateValue::STATUS)); }
+    bool IsUnderWay() const VEXA_REQUIRES(mutex)
+    {
+        return Status() == TaskStatus::RUNNING || Status() == TaskStatus::PAUSED;
+    }
+    TaskPauseReason PauseReason() const VEXA_REQUIRES(mutex)
+    {
+        return static_cast<TaskPauseReason>(store->Get(StateValue::PAUSE_REASON));
+    }
+    PresetChoices Choices() const VEXA_REQUIRES(mutex);
+    void BeginRun() VEXA_REQUIRES(mutex);
+    void EndRunIfDone() VEXA_REQUIRES(mutex);
+
+    // In place of the ended one of its kind and source. Returns the task's own error when it has one.
+    BusinessError AddTask(const Task& task) VEXA_REQUIRES(mutex);
+    // False when a worker's task is gone, or the engine ends.
+    bool MayGoOn(uint32_t id) const VEXA_REQUIRES(mutex);
+    void Report(const Task& task) VEXA_REQUIRES(mutex);
+    // Has the workers look again at what there is to do, and at whether what they do is still wanted.
+    void Wake() VEXA_REQUIRES(mutex);
+    // Waits until the disk has what has been committed. False, with errno, when it can't take it.
+    bool SyncState() const VEXA_EXCLUDES(mutex);
+
+    const EngineOptions options;
+    EngineListener& listener;
+    const PackageCatalog catalog;
+    const UniqueFd source;
+    const std::unique_ptr<TargetDirectory> target;
+
+    mutable Mutex mutex{LockRank::Engine};
+    CondVar changed;
+    const std::unique_ptr<TaskStore> store VEXA_PT_GUARDED_BY(mutex);
+    RateMeter meter VEXA_GUARDED_BY(mutex);
+    // Names in the target of what is still to be removed: cleared applications, and what a sudden end has left.
+    std::vector<std::string> rubbish VEXA_GUARDED_BY(mutex);
+    std::atomic<bool> isStopping{false};
+    std::atomic<uint32_t> turn{0};  // grows with every Wake
+};
+
+}  // namespace VEXA::UpdateEngine

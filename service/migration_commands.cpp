@@ -1,0 +1,263 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "migration_commands.h"
+
+#include "engine_errors.h"
+#include "json_text.h"
+#include "plain_name.h"
+#include "tree_copier.h"
+
+namespace VEXA::UpdateEngine {
+
+namespace {
+
+// Root may take what is anybody's.
+bool IsAnothers(const Placed& placed, uint32_t uid)
+{
+    return placed.owner >= 0 && placed.owner != uid && uid != 0;
+}
+
+}  // namespace
+
+BusinessError MigrationCommands::StartAll()
+{
+    std::vector<KnownPackage> packages;
+    if (BusinessError fault = state_.ReadPackages(packages); fault.errorNum != 0) {
+        return fault;
+    }
+    MutexLock lock(state_.mutex);
+    if (state_.IsUnderWay()) {
+        return MakeError(MIGRATE_ERROR_BUSY, "a migration is under way");
+    }
+    TaskStore& store = *state_.store;
+    const PresetChoices choices = state_.Choices();
+    BusinessError error;
+    auto transaction = store.Begin(IfNotWritten::TAKE_BACK);
+    for (const TaskRef& task : store.Tasks().Select(TaskKind::MIGRATE, [](const Task&) { return true; })) {
+        store.Erase(task->id);
+    }
+    state_.BeginRun();
+    std::vector<TaskRef> added;
+    for (const KnownPackage& one : packages) {
+        if (one.package->manifest.reserved || one.package->IsOneOf(choices.exclude)) {
+            continue;
+        }
+        added.push_back(store.Add(one.MakeTask()));
+        const Task& task = *added.back();
+        if (task.error.code != 0) {
+            error.data.push_back({task.error.code, task.source + ": " + task.error.reason});
+        }
+    }
+    state_.EndRunIfDone();
+    if (!transaction.Commit()) {
+        return StateError();
+    }
+    for (const TaskRef& task : added) {
+        state_.Report(*task);
+    }
+    state_.Wake();
+    if (!error.data.empty()) {
+        error.errorNum = MIGRATE_ERROR_SOME_PACKAGES;
+        error.message = "some packages can't be migrated";
+    }
+    return error;
+}
+
+BusinessError MigrationCommands::StartPackage(const Name& name)
+{
+    return StartPackageAs(name, "", {});
+}
+
+BusinessError MigrationCommands::StartPackageAs(
+    const Name& name, const std::string& targetName, const PakMigrationParameters& parameters)
+{
+    std::vector<KnownPackage> packages;
+    if (BusinessError fault = state_.ReadPackages(packages); fault.errorNum != 0) {
+        return fault;
+    }
+    const KnownPackage* const found = EngineState::Find(packages, name);
+    if (found == nullptr) {
+        return NoSuchPackage();
+    }
+    if (found->package->manifest.reserved) {
+        return MakeError(MIGRATE_ERROR_RESERVED, "it is set aside: restore it instead");
+    }
+    Package package = *found->package;
+    if (!targetName.empty()) {
+        package.manifest.target = targetName;
+        if (!IsPlainName(targetName)) {
+            package.fault = {MIGRATE_ERROR_NAME, "the new name can't be that of a directory in the target", false};
+        }
+    }
+    const auto there = state_.target->IdOf(package.manifest.target);
+    MutexLock lock(state_.mutex);
+    const KnownPackage known = state_.Know(std::make_shared<const Package>(package), there);
+    if (known.task != nullptr && !known.task->IsEnded()) {
+        return MakeError(MIGRATE_ERROR_BUSY, "its migration is under way");
+    }
+    Task task = known.MakeTask();
+    if (task.error.code != 0) {
+        BusinessError error = MakeError(task.error.code, "it can't be migrated");
+        error.data.push_back({task.error.code, task.source + ": " + task.error.reason});
+        return error;
+    }
+    task.priority = parameters.priority;
+    return state_.AddTask(task);
+}
+
+// Ended tasks go too, and with them what is remembered of them. A worker that has one in hand finds it gone.
+BusinessError MigrationCommands::Remove(const std::function<bool(const Task&)>& isMeant)
+{
+    MutexLock lock(state_.mutex);
+    const auto removed = state_.store->Tasks().Select(TaskKind::MIGRATE, isMeant);
+    if (removed.empty()) {
+        return MakeError(MIGRATE_ERROR_NOTHING, "there is no such task");
+    }
+    auto transaction = state_.store->Begin(IfNotWritten::TAKE_BACK);
+    for (const TaskRef& task : removed) {
+        state_.store->Erase(task->id);
+    }
+    state_.EndRunIfDone();
+    if (!transaction.Commit()) {
+        return StateError();
+    }
+    for (const TaskRef& one : removed) {
+        if (!one->IsEnded()) {
+            Task task = *one;
+            task.status = TaskStatus::FAILED;
+            task.subStatus = MIGRATE_SUB_NONE;
+            state_.Report(task);
+        }
+    }
+    state_.Wake();
+    return {};
+}
+
+BusinessError MigrationCommands::RemoveUser(User user)
+{
+    return Remove([user](const Task& task) { return user == MIGRATE_ALL_USERS || task.user == user; });
+}
+
+BusinessError MigrationCommands::RemovePackage(const Name& name)
+{
+    return Remove([&name](const Task& task) { return task.IsCalled(name); });
+}
+
+BusinessError MigrationCommands::Pause(TaskPauseReason reason)
+{
+    return Switch(TaskStatus::RUNNING, TaskStatus::PAUSED, reason);
+}
+
+BusinessError MigrationCommands::Resume()
+{
+    return Switch(TaskStatus::PAUSED, TaskStatus::RUNNING, TaskPauseReason::NONE);
+}
+
+BusinessError MigrationCommands::Switch(TaskStatus from, TaskStatus to, TaskPauseReason reason)
+{
+    MutexLock lock(state_.mutex);
+    if (state_.Status() != from) {
+        const bool isPause = to == TaskStatus::PAUSED;
+        return MakeError(MIGRATE_ERROR_NOTHING, isPause ? "no migration is running" : "no migration is paused");
+    }
+    const auto affected =
+        state_.store->Tasks().Select(TaskKind::MIGRATE, [from](const Task& task) { return task.status == from; });
+    auto transaction = state_.store->Begin(IfNotWritten::TAKE_BACK);
+    state_.store->Set(StateValue::STATUS, static_cast<int64_t>(to));
+    state_.store->Set(StateValue::PAUSE_REASON, static_cast<int64_t>(reason));
+    for (const TaskRef& one : affected) {
+        Task task = *one;
+        task.status = to;
+        state_.store->Save(task);
+    }
+    if (!transaction.Commit()) {
+        return StateError();
+    }
+    for (const TaskRef& one : affected) {
+        state_.Report(*state_.store->Tasks().Find(one->id));
+    }
+    state_.Wake();
+    return {};
+}
+
+BusinessError MigrationCommands::Notify(const MigrationEvent& event)
+{
+    if (event.action == MIGRATE_EVENT_PAUSE) {
+        return Pause(event.reason);
+    }
+    if (event.action == MIGRATE_EVENT_RESUME) {
+        return Resume();
+    }
+    return event.action == MIGRATE_EVENT_STOP ? RemoveUser(MIGRATE_ALL_USERS)
+                                              : MakeError(MIGRATE_ERROR_EVENT, "the service knows no such event");
+}
+
+BusinessError MigrationCommands::SetPolicy(Policy policy)
+{
+    MutexLock lock(state_.mutex);
+    auto transaction = state_.store->Begin(IfNotWritten::TAKE_BACK);
+    state_.store->Set(StateValue::POLICY, policy);
+    return transaction.Commit() ? BusinessError() : StateError();
+}
+
+BusinessError MigrationCommands::SetPreset(const PresetChoices& choices)
+{
+    MutexLock lock(state_.mutex);
+    auto transaction = state_.store->Begin(IfNotWritten::TAKE_BACK);
+    state_.store->SetPreset(ToJson(choices));
+    return transaction.Commit() ? BusinessError() : StateError();
+}
+
+int32_t MigrationCommands::OwnBackups(uint32_t uid)
+{
+    std::vector<std::string> targets;
+    int32_t fault = FindBackups(uid, targets);
+    for (auto target = targets.begin(); target != targets.end() && fault == 0; ++target) {
+        TreeSize size;
+        const auto goOn = [this] { return !state_.isStopping; };
+        fault = MeasureTree(state_.target->Fd(), *target, state_.target->Fd(), goOn, size).code;
+    }
+    return fault != 0 ? fault : targets.empty() ? MIGRATE_ERROR_NOTHING : RecordOwner(uid, targets);
+}
+
+int32_t MigrationCommands::FindBackups(uint32_t uid, std::vector<std::string>& targets) const
+{
+    std::map<std::string, Placed> packages;
+    {
+        MutexLock lock(state_.mutex);
+        packages = state_.store->AllPlaced();
+    }
+    for (const auto& [target, placed] : packages) {
+        if (IsAnothers(placed, uid)) {
+            return MIGRATE_ERROR_OWNER;
+        }
+        if (!placed.isLeaving && state_.target->IdOf(target) != placed.id) {
+            return MIGRATE_ERROR_TARGET;
+        }
+        if (!placed.isLeaving) {
+            targets.push_back(target);
+        }
+    }
+    return 0;
+}
+
+// All or none: what another user has taken meanwhile is his, unless root takes it.
+int32_t MigrationCommands::RecordOwner(uint32_t uid, const std::vector<std::string>& targets)
+{
+    MutexLock lock(state_.mutex);
+    auto transaction = state_.store->Begin(IfNotWritten::TAKE_BACK);
+    for (const std::string& target : targets) {
+        const Placed* const placed = state_.store->FindPlaced(target);
+        if (placed == nullptr || placed->isLeaving) {
+            return MIGRATE_ERROR_TARGET;
+        }
+        if (IsAnothers(*placed, uid)) {
+            return MIGRATE_ERROR_OWNER;
+        }
+        Placed owned = *placed;
+        owned.owner = uid;
+        state_.store->SavePlaced(target, &owned);
+    }
+    return transaction.Commit() ? 0 : MIGRATE_ERROR_STATE;
+}
+
+}  // namespace VEXA::UpdateEngine

@@ -1,0 +1,248 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "migration_queries.h"
+
+#include <algorithm>
+#include <map>
+#include <set>
+
+#include "engine_errors.h"
+#include "tree_copier.h"
+
+namespace VEXA::UpdateEngine {
+
+namespace {
+
+int32_t TargetUser(const Package& package, const PresetChoices& choices)
+{
+    for (const MigrationUser& user : choices.users) {
+        if (user.sourceUser == package.manifest.user) {
+            return user.targetUser;
+        }
+    }
+    return package.manifest.targetUser;
+}
+
+}  // namespace
+
+MigrateProgress MigrationQueries::Progress() const
+{
+    constexpr double kAll = 100;
+    const TaskTable& tasks = state_.store->Tasks();
+    const TaskSums& sums = tasks.Sums(TaskKind::MIGRATE);
+    const bool hasOpen = tasks.CountIn(MigrateStage::FINISH) < sums.tasks;
+    const TaskStatus status = state_.Status();
+    MigrateProgress progress;
+    progress.status = static_cast<int32_t>(status);
+    if (hasOpen && sums.unmeasured == 0 && sums.bytes > 0) {
+        // The whole is reached with the last package's end, not with its last byte.
+        const double part = static_cast<double>(sums.bytes - sums.remainingBytes) / static_cast<double>(sums.bytes);
+        progress.percent = std::min(static_cast<uint32_t>(part * kAll), static_cast<uint32_t>(kAll) - 1);
+    } else if (!hasOpen && status != TaskStatus::IDLE) {
+        progress.percent = static_cast<uint32_t>(kAll);
+    }
+    progress.remainingTime = state_.meter.SecondsFor(static_cast<uint64_t>(sums.remainingBytes));
+    progress.suspendReason = status == TaskStatus::PAUSED ? static_cast<int32_t>(state_.PauseReason()) : 0;
+    progress.requiredTraffic = sums.remainingBytes;
+    progress.requiredMigrationSpace = sums.remainingBytes;
+    return progress;
+}
+
+MigrateStatus MigrationQueries::GetStatus(MigrateStage stage) const
+{
+    MutexLock lock(state_.mutex);
+    MigrateStatus status;
+    status.isTaskExist = state_.store->Tasks().CountIn(stage) > 0;
+    status.status = static_cast<int32_t>(state_.Status());
+    return status;
+}
+
+MigrateInfo MigrationQueries::GetInfo(MigrateStage stage) const
+{
+    MigrateInfo info;
+    std::map<uint32_t, TaskRef> tasks;
+    TaskPauseReason reason = TaskPauseReason::NONE;
+    {
+        MutexLock lock(state_.mutex);
+        info.migrateProgress = Progress();
+        tasks = state_.store->Tasks().ById();
+        reason = state_.PauseReason();
+    }
+    uint32_t index = 0;
+    for (const auto& [id, task] : tasks) {
+        if (stage == MigrateStage::NONE ? task->kind == TaskKind::MIGRATE : task->Stage() == stage) {
+            info.taskInfos.push_back(task->AsInfo(reason, index));
+        }
+        index++;
+    }
+    return info;
+}
+
+void MigrationQueries::GetProgress(MigrateStage& stage, MigrateProgress& progress) const
+{
+    MutexLock lock(state_.mutex);
+    const TaskTable& tasks = state_.store->Tasks();
+    progress = Progress();
+    stage = MigrateStage::PREPARE;
+    if (!state_.IsUnderWay()) {
+        stage = state_.Status() == TaskStatus::IDLE ? MigrateStage::NONE : MigrateStage::FINISH;
+    } else if (tasks.CountIn(MigrateStage::INSTALL) > 0) {
+        stage = MigrateStage::INSTALL;
+    } else if (tasks.CountIn(MigrateStage::DOWNLOAD) > 0) {
+        stage = MigrateStage::DOWNLOAD;
+    }
+}
+
+void MigrationQueries::IntroduceTasks(const std::function<void(std::vector<TaskProgress>)>& receive) const
+{
+    MutexLock lock(state_.mutex);
+    std::vector<TaskProgress> tasks;
+    for (const auto& [id, task] : state_.store->Tasks().ById()) {
+        if (task->kind == TaskKind::MIGRATE) {
+            tasks.push_back(task->AsProgress(state_.PauseReason()));
+        }
+    }
+    receive(std::move(tasks));
+}
+
+MigrationResult MigrationQueries::GetResult() const
+{
+    MigrationResult result;
+    std::vector<TaskRef> tasks;
+    {
+        MutexLock lock(state_.mutex);
+        result.status = static_cast<int32_t>(state_.Status());
+        result.startTime = state_.store->Get(StateValue::START_TIME);
+        result.endTime = state_.store->Get(StateValue::END_TIME);
+        tasks = state_.store->Tasks().Select(TaskKind::MIGRATE, [](const Task&) { return true; });
+    }
+    for (const TaskRef& task : tasks) {
+        const bool isFinished = task->status == TaskStatus::FINISHED;
+        result.succeeded += isFinished ? 1 : 0;
+        result.failed += task->status == TaskStatus::FAILED ? 1 : 0;
+        result.bytes += isFinished ? task->doneBytes : 0;
+        result.packages.push_back({task->source, task->target, static_cast<int32_t>(task->status), task->doneBytes,
+            task->files, task->error.code, task->error.reason});
+    }
+    return result;
+}
+
+BusinessError MigrationQueries::ForEach(const std::function<void(const KnownPackage&)>& visit) const
+{
+    std::vector<KnownPackage> packages;
+    BusinessError fault = state_.ReadPackages(packages);
+    std::for_each(packages.begin(), packages.end(), visit);
+    return fault;
+}
+
+PresetChoices MigrationQueries::Choices() const
+{
+    MutexLock lock(state_.mutex);
+    return state_.Choices();
+}
+
+BusinessError MigrationQueries::GetPackages(std::vector<PakMigrateInfo>& packages) const
+{
+    return ForEach([&packages](const KnownPackage& one) {
+        TaskStatus status = one.isPlaced ? TaskStatus::FINISHED : TaskStatus::IDLE;
+        status = one.task != nullptr ? one.task->status : status;
+        const std::string& target = one.task != nullptr ? one.task->target : one.package->manifest.target;
+        packages.push_back({one.package->directory, target, static_cast<int32_t>(status)});
+    });
+}
+
+BusinessError MigrationQueries::GetBundleNames(std::vector<std::string>& names) const
+{
+    return ForEach([&names](const KnownPackage& one) {
+        if (one.CanBeMigrated()) {
+            names.push_back(one.package->manifest.bundleName);
+        }
+    });
+}
+
+BusinessError MigrationQueries::GetUsers(std::vector<MigrationUser>& users) const
+{
+    std::set<std::pair<int32_t, int32_t>> known;
+    return ForEach([&, choices = Choices()](const KnownPackage& one) {
+        const int32_t user = one.package->manifest.user;
+        const int32_t target = TargetUser(*one.package, choices);
+        if (known.emplace(user, target).second) {
+            users.push_back({user, target});
+        }
+    });
+}
+
+BusinessError MigrationQueries::GetModulePolicies(
+    bool isOnlyPlaced, const std::vector<ModuleInfo>& modules, std::vector<ModuleMigrationPolicy>& policies) const
+{
+    std::set<std::pair<int32_t, std::string>> all;
+    std::set<std::pair<int32_t, std::string>> meant;
+    std::vector<ModuleInfo> asked = modules;
+    BusinessError fault = ForEach([&](const KnownPackage& one) {
+        const bool isMeant = isOnlyPlaced ? one.isPlaced : one.CanBeMigrated();
+        for (const ModuleInfo& module : one.package->manifest.modules) {
+            if (modules.empty() && all.emplace(module.type, module.id).second) {
+                asked.push_back(module);
+            }
+            if (isMeant) {
+                meant.emplace(module.type, module.id);
+            }
+        }
+    });
+    for (const ModuleInfo& module : asked) {
+        ModuleMigrationPolicy policy;
+        policy.sourceModuleInfo = module;
+        if (meant.count({module.type, module.id}) != 0) {
+            policy.targetModuleInfos.push_back(module);
+        }
+        policies.push_back(policy);
+    }
+    return fault;
+}
+
+BusinessError MigrationQueries::GetDataSize(int64_t& bytes) const
+{
+    BusinessError error;
+    TreeSize size;
+    const auto goOn = [this] { return !state_.isStopping; };
+    BusinessError fault = ForEach([&, choices = Choices()](const KnownPackage& one) {
+        const std::string& directory = one.package->directory;
+        if (!one.CanBeMigrated() || one.package->IsOneOf(choices.exclude)) {
+            return;
+        }
+        const ErrorInfo reason = MeasureTree(state_.source.Get(), directory, state_.target->Fd(), goOn, size);
+        if (reason.code != 0) {
+            error.data.push_back({reason.code, directory + ": " + reason.reason});
+        }
+    });
+    bytes = static_cast<int64_t>(size.bytes);
+    if (!error.data.empty()) {
+        error.errorNum = MIGRATE_ERROR_SOME_PACKAGES;
+        error.message = "some packages can't be measured";
+    }
+    return fault.errorNum != 0 ? fault : error;
+}
+
+BusinessError MigrationQueries::GetPackageStatus(const Name& name, ReserveMigrationStatus& status) const
+{
+    {
+        MutexLock lock(state_.mutex);
+        const auto called = [&name](const Task& task) { return task.IsCalled(name); };
+        const auto tasks = state_.store->Tasks().Select(TaskKind::MIGRATE, called);
+        if (!tasks.empty()) {
+            status = {static_cast<int32_t>(tasks[0]->status), tasks[0]->error};
+            return {};
+        }
+    }
+    std::vector<KnownPackage> packages;
+    if (BusinessError fault = state_.ReadPackages(packages); fault.errorNum != 0) {
+        return fault;
+    }
+    const KnownPackage* const found = EngineState::Find(packages, name);
+    if (found == nullptr) {
+        return NoSuchPackage();
+    }
+    status.status = static_cast<int32_t>(found->isPlaced ? TaskStatus::FINISHED : TaskStatus::IDLE);
+    return {};
+}
+
+}  // namespace VEXA::UpdateEngine

@@ -1,0 +1,245 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "task_worker.h"
+
+#include <sys/statvfs.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "placement.h"
+#include "service_limits.h"
+#include "service_log.h"
+
+namespace VEXA::UpdateEngine {
+
+namespace {
+
+class TaskWorker {
+public:
+    TaskWorker(EngineState& state, TaskKind kind) : state_(state), kind_(kind), throttle_(state.options.bytesPerSecond)
+    {}
+
+    void Run()
+    {
+        while (!state_.isStopping) {
+            Work work;
+            {
+                MutexLock lock(state_.mutex);
+                turn_ = state_.turn;
+                work = NextWork();
+                if (work.IsNone()) {
+                    state_.changed.WaitFor(
+                        state_.mutex, kIdle, [this] { return state_.isStopping || state_.turn != turn_; });
+                    continue;
+                }
+            }
+            for (const std::string& name : work.rubbish) {
+                RemoveStaged(state_, name);
+            }
+            if (work.unmeasured != nullptr) {
+                Measure(*work.unmeasured);
+            } else if (work.idle != nullptr) {
+                RunTask(*work.idle);
+            }
+        }
+    }
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    struct Work {
+        TaskRef unmeasured;
+        TaskRef idle;
+        std::vector<std::string> rubbish;
+        bool IsNone() const { return unmeasured == nullptr && idle == nullptr && rubbish.empty(); }
+    };
+
+    // What is to be done first; rubbish is taken out.
+    Work NextWork() VEXA_REQUIRES(state_.mutex)
+    {
+        Work work;
+        work.unmeasured = state_.store->Tasks().NextUnmeasured(kind_);
+        if (kind_ == TaskKind::RESTORE) {
+            work.rubbish = std::exchange(state_.rubbish, {});
+        }
+        if (kind_ == TaskKind::RESTORE || state_.Status() == TaskStatus::RUNNING) {
+            work.idle = state_.store->Tasks().NextIdle(kind_);
+        }
+        return work;
+    }
+
+    // Sizes come first, so that percentages are those of the whole.
+    void Measure(const Task& task)
+    {
+        TreeSize size;
+        const auto goOn = [this, id = task.id] {
+            if (state_.turn == turn_) {
+                return true;
+            }
+            MutexLock lock(state_.mutex);
+            turn_ = state_.turn;
+            return state_.MayGoOn(id);
+        };
+        const ErrorInfo fault = MeasureTree(state_.source.Get(), task.source, state_.target->Fd(), goOn, size);
+        {
+            MutexLock lock(state_.mutex);
+            if (!state_.MayGoOn(task.id)) {
+                return;
+            }
+            Task measured = *state_.store->Tasks().Find(task.id);
+            measured.totalBytes = static_cast<int64_t>(size.bytes);
+            measured.files = static_cast<int64_t>(size.files);
+            measured.space = static_cast<int64_t>(size.space);
+            state_.store->Save(measured);
+        }
+        if (fault.code != 0) {
+            End(task.id, fault);
+        }
+    }
+
+    void RunTask(const Task& task)
+    {
+        copied_ = 0;
+        metered_ = 0;
+        {
+            MutexLock lock(state_.mutex);
+            const TaskRef now = state_.store->Tasks().Find(task.id);
+            const bool isPaused = kind_ == TaskKind::MIGRATE && state_.Status() != TaskStatus::RUNNING;
+            if (now == nullptr || now->status != TaskStatus::IDLE || isPaused) {
+                return;
+            }
+            Task running = *now;
+            running.status = TaskStatus::RUNNING;
+            running.subStatus = MIGRATE_SUB_COPYING;
+            state_.store->Keep(running);
+            state_.Report(running);
+        }
+        CopiedTree copied;
+        ErrorInfo fault = Copy(task, copied);
+        if (fault.code == 0) {
+            fault = Place(state_, task, copied);
+        } else {
+            RemoveStaged(state_, TargetDirectory::StagingName(task.id));
+        }
+        if (fault.code == 0) {
+            fault.reason = copied.lost;
+        }
+        End(task.id, fault);
+    }
+
+    ErrorInfo Copy(const Task& task, CopiedTree& copied)
+    {
+        struct statvfs disk = {};
+        if (fstatvfs(state_.target->Fd(), &disk) == 0 &&
+            static_cast<uint64_t>(task.space) / disk.f_frsize > static_cast<uint64_t>(disk.f_bavail)) {
+            return {MIGRATE_ERROR_NO_SPACE, "the target has no room for it", true};
+        }
+        CopyControl control;
+        control.pieceBytes = throttle_.PieceBytes();
+        control.syncsFew = state_.options.sync && task.files <= static_cast<int64_t>(kMostSynced);
+        control.advance = [this, id = task.id](uint64_t bytes) { return Advance(id, bytes); };
+        return CopyTree(state_.source.Get(), task.source, state_.target->Fd(), TargetDirectory::StagingName(task.id),
+            control, copied);
+    }
+
+    // Told of a copy's bytes; false ends it. Takes the lock only when there may be something to do or to hear of.
+    bool Advance(uint32_t id, uint64_t bytes)
+    {
+        copied_ += bytes;
+        const auto now = Clock::now();
+        const bool isTimeToTell = bytes > 0 && now - told_ >= kReportInterval;
+        if (!throttle_.IsLimited() && !isTimeToTell && state_.turn == turn_) {
+            return true;
+        }
+        MutexLock lock(state_.mutex);
+        turn_ = state_.turn;
+        if (const TaskRef task = state_.store->Tasks().Find(id); task != nullptr && isTimeToTell) {
+            TellProgress(*task, now);
+        }
+        if (throttle_.IsLimited()) {
+            state_.changed.WaitUntil(state_.mutex, throttle_.Spend(bytes, now),
+                [this, id]() VEXA_REQUIRES(state_.mutex) { return !state_.MayGoOn(id); });
+        }
+        while (kind_ == TaskKind::MIGRATE && state_.Status() == TaskStatus::PAUSED && state_.MayGoOn(id)) {
+            state_.changed.WaitFor(state_.mutex, kIdle, [this, id]() VEXA_REQUIRES(state_.mutex) {
+                return state_.Status() != TaskStatus::PAUSED || !state_.MayGoOn(id);
+            });
+        }
+        return state_.MayGoOn(id);
+    }
+
+    // What is copied a second time, after a restart or because it has changed, counts once. Nobody hears of what the
+    // next start would not know.
+    void TellProgress(const Task& task, Clock::time_point now) VEXA_REQUIRES(state_.mutex)
+    {
+        told_ = now;
+        Task further = task;
+        const auto most = std::max(task.doneBytes, task.totalBytes);
+        further.doneBytes = std::clamp(static_cast<int64_t>(copied_), task.doneBytes, most);
+        state_.store->Save(further);
+        if (kind_ == TaskKind::MIGRATE) {
+            state_.meter.Add(copied_ - std::exchange(metered_, copied_), now);
+            state_.Report(further);
+        }
+    }
+
+    void End(uint32_t id, const ErrorInfo& fault)
+    {
+        MutexLock lock(state_.mutex);
+        if (!state_.MayGoOn(id)) {
+            return;
+        }
+        Task task = *state_.store->Tasks().Find(id);
+        task.status = fault.code == 0 ? TaskStatus::FINISHED : TaskStatus::FAILED;
+        task.subStatus = MIGRATE_SUB_NONE;
+        task.error = fault;
+        if (fault.code != 0) {
+            SA_LOGE(
+                "%{public}s failed with %{public}d: %{public}s", task.source.c_str(), fault.code, fault.reason.c_str());
+        } else {
+            SA_LOGI("%{public}s is in its place", task.source.c_str());
+        }
+        auto transaction = state_.store->Begin(IfNotWritten::KEEP);
+        state_.store->Save(task);
+        if (kind_ == TaskKind::MIGRATE) {
+            state_.meter.Add(copied_ - std::exchange(metered_, copied_), Clock::now());
+            if (fault.code != 0 && state_.store->Get(StateValue::POLICY) == MIGRATE_POLICY_STOP) {
+                StopTheRest();
+            }
+            state_.EndRunIfDone();
+        }
+        transaction.Commit();
+        // Last, so that who hears of the last task's end finds the migration ended.
+        state_.Report(task);
+    }
+
+    void StopTheRest() VEXA_REQUIRES(state_.mutex)
+    {
+        const auto waiting = state_.store->Tasks().Select(
+            TaskKind::MIGRATE, [](const Task& task) { return task.status == TaskStatus::IDLE; });
+        for (const TaskRef& one : waiting) {
+            Task task = *one;
+            task.status = TaskStatus::FAILED;
+            task.error = {MIGRATE_ERROR_STOPPED, "another package failed before", true};
+            state_.store->Save(task);
+            state_.Report(task);
+        }
+    }
+
+    EngineState& state_;
+    const TaskKind kind_;
+    Throttle throttle_;
+    uint32_t turn_ = 0;       // whatever has been changed by then has been looked at
+    uint64_t copied_ = 0;     // bytes of the task in hand
+    uint64_t metered_ = 0;    // of these, those that the meter knows
+    Clock::time_point told_;  // when progress was told last
+};
+
+}  // namespace
+
+void RunTasks(EngineState& state, TaskKind kind)
+{
+    TaskWorker(state, kind).Run();
+}
+
+}  // namespace VEXA::UpdateEngine
