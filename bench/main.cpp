@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "bench_service.h"
+#include "copying.h"
 #include "idle_clients.h"
 #include "json_pair.h"
 #include "raw_stream.h"
@@ -48,11 +49,17 @@ int main(int argc, char** argv)
     app.add_option("--heap-calls", calls.heap, "Calls over which memory is watched")->capture_default_str();
     app.add_option("--idle", calls.idleClients, "Idle clients beside the measured one")->capture_default_str();
     app.add_option("--kills", calls.kills, "Kills of the service")->capture_default_str();
+    size_t copies = 3;
+    app.add_option("--copies", copies, "Copies of everything, beside cp -a")->capture_default_str();
     CLI11_PARSE(app, argc, argv);
 
     Report report;
     if (!MeasureRequests(calls, report)) {
         std::fprintf(stderr, "migrate_bench: the requests failed\n");
+        return 1;
+    }
+    if (!MeasureCopies(copies, report)) {
+        std::fprintf(stderr, "migrate_bench: the copies failed\n");
         return 1;
     }
     MeasureJson(report);
