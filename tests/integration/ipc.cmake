@@ -1,8 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-# The transport between real processes. The programs hold the transport's objects, so that its tables can be asked.
-nm_test_program(ipc_peer SOURCES ipc_peer.cpp USES vexa_ipc)
-set_target_properties(ipc_peer PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/tests/bin")
-nm_test(ipc_processes_test SOURCES ipc_processes_test.cpp USES vexa_ipc PROGRAMS ipc_peer LABELS integration)
+# The transport between real processes. The program holds the transport's objects, so that its tables can be asked.
+nm_test(ipc_processes_test SOURCES ipc_processes_test.cpp USES vexa_ipc LABELS integration)
 
 # By how much a process may grow over many passes. AddressSanitizer keeps up to 256 MiB of freed memory from being used
 # again, and ThreadSanitizer's own books grow with each new object; without them it is for the allocator's arenas.

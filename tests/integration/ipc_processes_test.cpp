@@ -30,18 +30,24 @@ protected:
     void SetUp() override
     {
         static const TestRuntime runtime;
-        hubProcess_ = ChildProcess({BesideMe("ipc_peer"), "hub"});
+        hubProcess_ = StartProcess("hub");
         setgroups(1, &kExtraGroup);  // as root
         ASSERT_TRUE(Eventually([this] {
             hub_ = GetContextObject();
             return hub_ != nullptr && Call(hub_, ADD_ONE, 1).Answer() == 2;
         }));
     }
-    Node Start(const std::string& name)
+    // Of those at the end of this file.
+    static ChildProcess StartProcess(const std::string& name)
     {
-        Node node{ChildProcess({BesideMe("ipc_peer"), name}), nullptr};
+        return ChildProcess(
+            {"/proc/self/exe", "--gtest_also_run_disabled_tests", "--gtest_filter=Process.DISABLED_" + name});
+    }
+    Node StartNode()
+    {
+        Node node{StartProcess("node"), nullptr};
         EXPECT_TRUE(Eventually([&] {
-            node.object = Call(hub_, GIVE, name).AnswerObject();
+            node.object = Call(hub_, GIVE, "node").AnswerObject();
             return node.object != nullptr && !node.object->IsObjectDead();
         }));
         return node;
@@ -55,7 +61,7 @@ protected:
 TEST_F(IpcProcesses, PassesLeaveNothingBehind)
 {
     constexpr int64_t kSlackBytes = int64_t{SLACK_MEBIBYTES} << 20;
-    const Node node = Start("node");
+    const Node node = StartNode();
     const std::array pids{node.process.Pid(), hubProcess_.Pid(), getpid()};
     std::array<int64_t, 3> before{};
     for (const int count : {2000, 25'000}) {
@@ -79,7 +85,7 @@ TEST_F(IpcProcesses, RequestsEndAtOnceWithTheProcess)
 {
     std::vector<std::chrono::duration<double>> waits;
     for (const int how : {SIGABRT, 0, SIGKILL, SIGKILL, SIGKILL, SIGKILL, SIGKILL}) {
-        const Node dying = Start("node");
+        const Node dying = StartNode();
         const sptr<IRemoteObject>& node = dying.object;
         const sptr<CountingRecipient> recipient(new CountingRecipient);
         ASSERT_TRUE(node->AddDeathRecipient(recipient));
@@ -97,29 +103,6 @@ TEST_F(IpcProcesses, RequestsEndAtOnceWithTheProcess)
     EXPECT_LT(waits[waits.size() / 2].count(), 0.1) << "the median, since the machine may be busy with other tests";
     EXPECT_LT(waits.back().count(), 2);
     EXPECT_FALSE(mine_->AddDeathRecipient(new CountingRecipient));
-}
-
-// A watch and its withdrawal race with the death: the recipient runs once or, if it was withdrawn, never.
-TEST_F(IpcProcesses, WatchesRaceWithDeath)
-{
-    for (int round = 0; round < 10; ++round) {
-        Node node = Start("node");
-        std::atomic<bool> stop{false};
-        std::vector<std::jthread> threads;
-        for (int t = 0; t < 4; ++t) {
-            threads.emplace_back([&] {
-                while (!stop) {
-                    const sptr<CountingRecipient> recipient(new CountingRecipient);
-                    node.object->AddDeathRecipient(recipient);
-                    const int runs = node.object->RemoveDeathRecipient(recipient) ? 0 : 1;
-                    EXPECT_TRUE(Eventually([&] { return recipient->count == runs; })) << runs;
-                }
-            });
-        }
-        node.process.Kill();
-        EXPECT_TRUE(Eventually([&] { return node.object->IsObjectDead(); }));
-        stop = true;
-    }
 }
 
 // A thread stays with a caller only while another is left for the rest.
@@ -141,7 +124,7 @@ TEST_F(IpcProcesses, BusyCallersGetTheirOwnAnswersAndDoNotKeepTheLastThread)
 
 TEST_F(IpcProcesses, ManySlowCallsOfOneProcessDoNotHoldUpAnother)
 {
-    const Node node = Start("node");
+    const Node node = StartNode();
     std::vector<std::jthread> slow;
     for (int i = 0; i < 64; ++i) {
         slow.emplace_back([this] { EXPECT_EQ(Call(hub_, HANG).Send(), IPC_DEAD_OBJECT); });
@@ -210,7 +193,7 @@ TEST_F(IpcProcesses, ForkedChildIsRefused)
 TEST_F(IpcProcesses, LeavingWithRequestsUnderWayEndsQuickly)
 {
     const auto start = Clock::now();
-    ChildProcess leaving({"/proc/self/exe", "--gtest_filter=LeavingProcess.*", "--gtest_also_run_disabled_tests"});
+    ChildProcess leaving = StartProcess("leaving");
     sptr<IRemoteObject> object;
     EXPECT_TRUE(Eventually([&] { return (object = Call(hub_, GIVE, "leaving").AnswerObject()) != nullptr; }));
     EXPECT_TRUE(Eventually([&] { return object->IsObjectDead(); })) << "although it has not ended";
@@ -219,8 +202,21 @@ TEST_F(IpcProcesses, LeavingWithRequestsUnderWayEndsQuickly)
     EXPECT_LT(Clock::now() - start, std::chrono::seconds(20));
 }
 
-// Run by the test above, in a process that it starts.
-TEST(LeavingProcess, DISABLED_ExitsFromAnotherThread)
+// What the other processes run. These two do so until they are killed.
+TEST(Process, DISABLED_hub)
+{
+    EXPECT_EQ(PublishContextObject(new TestObject), PublishResult::DONE);
+    pause();
+}
+
+TEST(Process, DISABLED_node)
+{
+    EXPECT_EQ(Call(GetContextObject(), KEEP, "node", sptr<IRemoteObject>(new TestObject)).Send(), 0);
+    pause();
+}
+
+// Exits from another thread.
+TEST(Process, DISABLED_leaving)
 {
     static sptr<IRemoteObject> hub;
     // Runs after the transport's own handler, which takes the socket along and ends all connections.
