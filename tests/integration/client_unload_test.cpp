@@ -33,6 +33,7 @@ TEST(ClientUnload, TheServicesDeathAfterTheLastUnloadHarmsNobody)
 {
     ClientWorld world;
     std::filesystem::create_directory(world.Source() + "/package");
+    world.StartManager();
     ASSERT_TRUE(Eventually([] { return IsAnswered(LoadedLibrary().Kits()); }));
     const pid_t service = world.Service();
     ASSERT_GT(service, 0);

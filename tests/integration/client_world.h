@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A manager with the reference service, which moves what is in one folder to another.
+// A manager, which the test starts, with the reference service, which moves what is in one folder to another.
 #pragma once
 
 #include "native_migrate/migrate_protocol.h"
@@ -18,7 +18,6 @@ public:
         AddProfile(UpdateEngine::MIGRATE_SERVICE_ID, MIGRATE_SERVICED,
             R"(, "startTimeout": 20, "arguments": ["--source", ")" + Source() + R"(", "--target", ")" + Target() +
                 R"(", "--state", ")" + Target() + R"(.state", "--no-sync")" + options + "]");
-        StartManager();
     }
 
     std::string Source() const { return Folder() + "/source"; }

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-//   samgr_peer serve ID    serves ID with one worker until it is ended: a request 1 gets its process id, or that of the
-//                          service with the number in the request, which the handler loads; any other its process id
+//   samgr_peer serve ID    serves ID until it is ended; every request gets its process id
 //   samgr_peer load ID     loads ID and prints its process id
 #include <unistd.h>
 
@@ -10,7 +9,6 @@
 
 #include "support/pid_of.h"
 #include "vexa/ipc/ipc_object_stub.h"
-#include "vexa/ipc/ipc_skeleton.h"
 #include "vexa/samgr/system_ability_manager_client.h"
 
 namespace {
@@ -19,15 +17,10 @@ using namespace VEXA;
 
 class PeerStub : public IPCObjectStub {
 public:
-    explicit PeerStub(const sptr<ISystemAbilityManager>& manager) : manager_(manager) {}
-    int32_t OnRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption&) override
+    int32_t OnRemoteRequest(uint32_t, MessageParcel&, MessageParcel& reply, MessageOption&) override
     {
-        const int32_t loaded = code == 1 ? data.ReadInt32() : 0;
-        return reply.WriteInt32(loaded > 0 ? test::PidOf(manager_->LoadSystemAbility(loaded, 5)) : getpid()) ? 0 : 1;
+        return reply.WriteInt32(getpid()) ? 0 : 1;
     }
-
-private:
-    const sptr<ISystemAbilityManager> manager_;
 };
 
 // Registers with the next manager where one has been killed before it has answered.
@@ -55,8 +48,7 @@ int main(int argc, char** argv)
         return 2;
     }
     if (role == "serve") {
-        IPCSkeleton::SetMaxWorkThreads(1);
-        return Serve(manager, atoi(argv[2]), new PeerStub(manager));
+        return Serve(manager, atoi(argv[2]), new PeerStub);
     }
     const int32_t pid = test::PidOf(manager->LoadSystemAbility(atoi(argv[2]), 5));
     printf("%d\n", pid);

@@ -21,7 +21,6 @@ namespace {
 constexpr int32_t kService = 1;
 constexpr int32_t kHangs = 3;
 constexpr int32_t kDescribes = 4;
-constexpr int32_t kStartsSlowly = 5;  // only its own program may register it
 constexpr int32_t kFirstFailure = 10;
 constexpr gid_t kForeignGroup = 54321;
 const bool kIsRoot = geteuid() == 0;
@@ -60,8 +59,6 @@ public:
         AddProfile(kHangs, "/bin/sh",
             R"(, "arguments": ["-c", "trap '' TERM; exec >&- 2>&-; sleep 9 & echo $$! >$$VEXA_RUNTIME_DIR.child; wait"])"
             R"(, "startTimeout": 60)");
-        AddProfile(kStartsSlowly, "/bin/sh",
-            R"(, "arguments": ["-c", "sleep 0.3; exec \"$$0\" serve 5", ")" SAMGR_PEER R"("], "register": [])");
         AddProfile(kDescribes, "/bin/sh",
             R"(, "arguments": ["-c", "${PEER_SCRIPT}", "5$", "a${PEER_DIRECTORY}b${PEER_DIRECTORY}$${x}"],)"
             R"( "directory": "${PEER_DIRECTORY}", "environment": {"PEER_VARIABLE": "a b", "VEXA_RUNTIME_DIR": "/"})" +
@@ -136,19 +133,6 @@ TEST_F(Samgr, FailedStartsAreReportedAtOnceWithTheirReason)
     std::ifstream(RuntimeDirectory() + ".child") >> child;
     EXPECT_GT(child, 0);
     EXPECT_TRUE(Eventually([child] { return !IsRunning(child); }, 5s));
-}
-
-// The outcome of a load comes as a request, for which a worker is left however few there are.
-TEST_F(Samgr, AHandlerLoadsAServiceOnItsProcesssOnlyWorker)
-{
-    const sptr<IRemoteObject> service = manager_->LoadSystemAbility(kService, 5);
-    std::atomic<int32_t> loaded{0};
-    std::thread loading([&] { loaded = PidOf(service, kStartsSlowly); });
-    while (loaded == 0) {
-        EXPECT_GT(PidOf(service), 0);
-    }
-    loading.join();
-    EXPECT_EQ(loaded, PidOf(manager_->CheckSystemAbility(kStartsSlowly)));
 }
 
 TEST_F(Samgr, ServicesOutliveAKilledManagerAndRegisterWithTheNext)

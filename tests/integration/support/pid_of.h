@@ -7,13 +7,12 @@
 
 namespace VEXA::test {
 
-// The process of the object, or of a service that it loads.
-inline pid_t PidOf(const sptr<IRemoteObject>& object, int32_t loaded = 0)
+// The process of the object.
+inline pid_t PidOf(const sptr<IRemoteObject>& object)
 {
     MessageParcel data;
     MessageParcel reply;
     MessageOption option;
-    data.WriteInt32(loaded);
     return object != nullptr && object->SendRequest(1, data, reply, option) == 0 ? reply.ReadInt32() : -1;
 }
 
