@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Connections as bytes in and out: frames however they arrive, links, both ends of a channel, and accepting.
 #include <sys/epoll.h>
-#include <sys/resource.h>
 
 #include "ipc_fixture.h"
 #include "parcel_access.h"
@@ -362,36 +361,6 @@ TEST_F(ServerChannelTest, HoldsFourLargeFramesOfAProcess)
     workers_.RunTasks();
     EXPECT_EQ(ended(), "abcde-ghijkl");
     EXPECT_EQ(taken, 2);
-}
-
-using ConnectionListenerTest = IpcParts;
-
-TEST_F(ConnectionListenerTest, AConnectionWaitsForADescriptor)
-{
-    ConnectionCounts counts([] { return SIZE_MAX; });
-    std::vector<Connection> taken;
-    const test::TempDir folder;
-    const std::string path = folder.Path() + "/socket";
-    const sptr<ConnectionListener> listener(new ConnectionListener(
-        ListenAt(path), reactor_, counts, [&](Connection connection) { taken.push_back(std::move(connection)); }));
-    ASSERT_TRUE(reactor_.Add(listener, EPOLLIN));
-    rlimit usual{};
-    getrlimit(RLIMIT_NOFILE, &usual);
-    const UniqueFd made[] = {ConnectTo(path), ConnectTo(path)};
-    rlimit few = usual;
-    few.rlim_cur = 1;
-    setrlimit(RLIMIT_NOFILE, &few);
-    reactor_.Turn(false);  // ticks for the first time
-    reactor_.Turn(false);
-    listener->AcceptAll();
-    setrlimit(RLIMIT_NOFILE, &usual);
-    reactor_.Turn(false);
-    EXPECT_TRUE(!HasEnded(made[0]) && taken.empty()) << "not before the next tick";
-    listener->OnTick(Now());
-    reactor_.Turn(false);
-    listener->AcceptAll();
-    EXPECT_EQ(taken.size(), 2U);
-    EXPECT_EQ(fcntl(taken.at(0).fd.Get(), F_GETFD), FD_CLOEXEC);
 }
 
 }  // namespace

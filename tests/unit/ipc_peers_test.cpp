@@ -57,6 +57,26 @@ TEST_F(IpcPeers, AProcessHasConnectionsForAQuarterOfTheDescriptors)
     EXPECT_EQ(connections.size(), 101U);
 }
 
+TEST_F(IpcPeers, AConnectionWaitsForADescriptorUntilATick)
+{
+    rlimit usual{};
+    getrlimit(RLIMIT_NOFILE, &usual);
+    const rlimit few{1, usual.rlim_max};
+    for (const char* const time : {"first", "second"}) {
+        const Stranger strangers[2];
+        const UniqueFd made[] = {ConnectTo(EndpointPath(transport_.Id())), ConnectTo(EndpointPath(transport_.Id()))};
+        setrlimit(RLIMIT_NOFILE, &few);
+        Write(made[0], Hello(strangers[0].id));
+        Deal(made[1], Hello(strangers[1].id));
+        setrlimit(RLIMIT_NOFILE, &usual);
+        Deal();
+        EXPECT_EQ(Heard(made[0]) + Heard(made[1]), "") << time;
+        transport_.Loop().Tick(Now());
+        Deal();
+        EXPECT_TRUE(Heard(made[0]) != "" && Heard(made[1]) != "") << time;
+    }
+}
+
 TEST_F(IpcPeers, AGreetingIsRefusedWithAReason)
 {
     const Stranger known = Meet();
