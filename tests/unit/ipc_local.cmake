@@ -1,4 +1,4 @@
 # SPDX-License-Identifier: Apache-2.0
 nm_test(ipc_local_test
-    SOURCES ipc_local_parcel_test.cpp ipc_local_object_test.cpp
+    SOURCES ipc_local_test.cpp
     USES vexa_testing vexa_ipc)
