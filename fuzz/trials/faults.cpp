@@ -11,6 +11,7 @@
 #include <new>
 #include <optional>
 
+#include "beside_me.h"
 #include "fault_control.h"
 #include "samgr_world.h"
 #include "vexa/ipc/ipc_object_stub.h"

@@ -12,6 +12,7 @@
 #include <map>
 #include <random>
 
+#include "beside_me.h"
 #include "native_migrate/migrate_protocol.h"
 #include "native_migrate/migrate_server_kits.h"
 #include "samgr_world.h"

@@ -47,7 +47,7 @@ protected:
     {
         Node node{StartProcess("node"), nullptr};
         EXPECT_TRUE(Eventually([&] {
-            node.object = Call(hub_, GIVE, "node").AnswerObject();
+            node.object = Call(hub_, GIVE).AnswerObject();
             return node.object != nullptr && !node.object->IsObjectDead();
         }));
         return node;
@@ -66,9 +66,9 @@ TEST_F(IpcProcesses, PassesLeaveNothingBehind)
     std::array<int64_t, 3> before{};
     for (const int count : {2000, 25'000}) {
         for (int i = 0; i < count; ++i) {
-            ASSERT_EQ(Call(node.object, KEEP, "", mine_).Send(), 0);
-            ASSERT_EQ(Call(node.object, GIVE, "").AnswerObject(), mine_);
-            ASSERT_EQ(Call(hub_, KEEP, "", Call(node.object, MAKE_NEW).AnswerObject()).Send(), 0);
+            ASSERT_EQ(Call(node.object, KEEP, mine_).Send(), 0);
+            ASSERT_EQ(Call(node.object, GIVE).AnswerObject(), mine_);
+            ASSERT_EQ(Call(hub_, KEEP, Call(node.object, MAKE_NEW).AnswerObject()).Send(), 0);
         }
         for (size_t i = 0; i < pids.size(); ++i) {
             int64_t all = 0;
@@ -195,7 +195,7 @@ TEST_F(IpcProcesses, LeavingWithRequestsUnderWayEndsQuickly)
     const auto start = Clock::now();
     ChildProcess leaving = StartProcess("leaving");
     sptr<IRemoteObject> object;
-    EXPECT_TRUE(Eventually([&] { return (object = Call(hub_, GIVE, "leaving").AnswerObject()) != nullptr; }));
+    EXPECT_TRUE(Eventually([&] { return (object = Call(hub_, GIVE).AnswerObject()) != nullptr; }));
     EXPECT_TRUE(Eventually([&] { return object->IsObjectDead(); })) << "although it has not ended";
     leaving.Signal(SIGTERM);
     EXPECT_TRUE(WIFSIGNALED(leaving.Wait())) << "with an exit status it has found something wrong";
@@ -211,7 +211,7 @@ TEST(Process, DISABLED_hub)
 
 TEST(Process, DISABLED_node)
 {
-    EXPECT_EQ(Call(GetContextObject(), KEEP, "node", sptr<IRemoteObject>(new TestObject)).Send(), 0);
+    EXPECT_EQ(Call(GetContextObject(), KEEP, sptr<IRemoteObject>(new TestObject)).Send(), 0);
     pause();
 }
 
@@ -232,7 +232,7 @@ TEST(Process, DISABLED_leaving)
     });
     hub = GetContextObject();
     ASSERT_NE(hub, nullptr);
-    EXPECT_EQ(Call(hub, KEEP, "leaving", sptr<IRemoteObject>(new TestObject)).Send(), 0);
+    EXPECT_EQ(Call(hub, KEEP, sptr<IRemoteObject>(new TestObject)).Send(), 0);
     ASSERT_EQ(InChild([] { return std::exit(0), 0; }), 34) << "the socket is its parent's";
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i) {

@@ -154,10 +154,4 @@ inline int InChild(const std::function<int()>& action)
     return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
 }
 
-// The folder of the running test program, and of the programs built beside it.
-inline std::string BesideMe(const std::string& program)
-{
-    return (std::filesystem::read_symlink("/proc/self/exe").parent_path() / program).string();
-}
-
 }  // namespace VEXA::test

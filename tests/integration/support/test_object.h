@@ -8,7 +8,6 @@
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
-#include <map>
 #include <stdexcept>
 #include <string>
 
@@ -26,8 +25,8 @@ namespace VEXA::test {
 enum Code : uint32_t {
     ADD_ONE = 1,  // int32 -> int32
     NEST,         // int32 depth, object -> int32: calls object->NEST(depth - 1, self), and adds one to its answer
-    KEEP,         // string name, object: keeps it under that name
-    GIVE,         // string name -> the object kept
+    KEEP,         // object: keeps it
+    GIVE,         // -> the object kept
     DIE,          // int32: of that signal; 0: exits
     HANG,         // does not answer
     ECHO,         // string -> string
@@ -82,9 +81,8 @@ public:
             case KEEP:
             case GIVE: {
                 MutexLock lock(mutex_);
-                sptr<IRemoteObject>& kept = kept_[data.ReadString()];
-                kept = code == KEEP ? data.ReadRemoteObject() : kept;
-                return code == KEEP || reply.WriteRemoteObject(kept) ? 0 : 1;
+                kept_ = code == KEEP ? data.ReadRemoteObject() : kept_;
+                return code == KEEP || reply.WriteRemoteObject(kept_) ? 0 : 1;
             }
             case DIE:
                 if (const int32_t signal = data.ReadInt32(); signal != 0) {
@@ -124,7 +122,7 @@ private:
     }
 
     Mutex mutex_{LockRank::Program};
-    std::map<std::string, sptr<IRemoteObject>> kept_ VEXA_GUARDED_BY(mutex_);
+    sptr<IRemoteObject> kept_ VEXA_GUARDED_BY(mutex_);
 };
 
 }  // namespace VEXA::test
