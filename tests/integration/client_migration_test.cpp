@@ -2,7 +2,6 @@
 // A migration and restorations, watched to their ends while their service is killed again and again.
 #include <algorithm>
 #include <atomic>
-#include <set>
 
 #include "client_world.h"
 #include "native_migrate/json_parse.h"

@@ -1,13 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //   samgr_peer serve ID    serves ID until it is ended; every request gets its process id
 //   samgr_peer load ID     loads ID and prints its process id
-#include <unistd.h>
-
 #include <cstdio>
-#include <cstdlib>
-#include <string>
 
 #include "support/pid_of.h"
+#include "support/processes.h"
 #include "vexa/ipc/ipc_object_stub.h"
 #include "vexa/samgr/system_ability_manager_client.h"
 
@@ -24,17 +21,14 @@ public:
 };
 
 // Registers with the next manager where one has been killed before it has answered.
-int Serve(sptr<ISystemAbilityManager> manager, int32_t id, const sptr<IRemoteObject>& object)
+int Serve(int32_t id, const sptr<IRemoteObject>& object)
 {
-    int32_t result = SAMGR_OK;
-    for (int attempt = 0; attempt < 500; ++attempt) {
+    int32_t result = IPC_DEAD_OBJECT;
+    test::Eventually([&] {
+        const auto manager = SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
         result = manager != nullptr ? manager->AddSystemAbility(id, object) : int32_t{IPC_DEAD_OBJECT};
-        if (result != IPC_DEAD_OBJECT && result != IPC_CONNECTION_LOST) {
-            break;
-        }
-        usleep(10'000);
-        manager = SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
-    }
+        return result != IPC_DEAD_OBJECT && result != IPC_CONNECTION_LOST;
+    });
     return result == SAMGR_OK ? pause() : 1;
 }
 
@@ -42,15 +36,14 @@ int Serve(sptr<ISystemAbilityManager> manager, int32_t id, const sptr<IRemoteObj
 
 int main(int argc, char** argv)
 {
-    const auto manager = SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
-    const std::string role = argc < 3 ? "" : argv[1];
-    if (role.empty() || manager == nullptr) {
+    if (argc < 3) {
         return 2;
     }
-    if (role == "serve") {
-        return Serve(manager, atoi(argv[2]), new PeerStub);
+    if (argv[1] == std::string("serve")) {
+        return Serve(atoi(argv[2]), new PeerStub);
     }
-    const int32_t pid = test::PidOf(manager->LoadSystemAbility(atoi(argv[2]), 5));
+    const auto manager = SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
+    const int32_t pid = manager != nullptr ? test::PidOf(manager->LoadSystemAbility(atoi(argv[2]), 5)) : -1;
     printf("%d\n", pid);
     return pid > 0 ? 0 : 1;
 }
