@@ -109,6 +109,8 @@ TEST_F(IpcProcesses, RequestsEndAtOnceWithTheProcess)
 TEST_F(IpcProcesses, BusyCallersGetTheirOwnAnswersAndDoNotKeepTheLastThread)
 {
     ASSERT_EQ(Call(hub_, LIMIT, 2).Send(), 0);
+    const sptr<IRemoteObject> another = Call(hub_, MAKE_NEW).AnswerObject();
+    const MessageOption oneWay(MessageOption::TF_ASYNC);
     std::latch served(8);
     std::vector<std::jthread> callers;
     for (int caller = 0; caller < 8; ++caller) {
@@ -117,9 +119,13 @@ TEST_F(IpcProcesses, BusyCallersGetTheirOwnAnswersAndDoNotKeepTheLastThread)
                 EXPECT_EQ(
                     Call(hub_, ADD_ONE, number + i).Answer(MessageOption(MessageOption::TF_SYNC, 2)), number + i + 1);
                 served.count_down(i == 0 ? 1 : 0);
+                Call(another, ADD_ONE, 1).Send(oneWay);
             }
         });
     }
+    callers.clear();
+    Call(another, KEEP, "", mine_).Send(oneWay);
+    EXPECT_TRUE(Eventually([&] { return Call(another, GIVE, "").AnswerObject() == mine_; })) << "none waits for ever";
 }
 
 TEST_F(IpcProcesses, ManySlowCallsOfOneProcessDoNotHoldUpAnother)

@@ -359,6 +359,9 @@ TEST(DeathNotifierTest, SevenThatTakeLongHoldUpNoneAndEightDo)
     std::this_thread::sleep_for(20ms);
     Post(notifier, new Slow);
     EXPECT_TRUE(Eventually([] { return Slow::begun == 11; }, 5s)) << "those that are idle are woken";
+    const Deadline stopped = Now();
+    notifier.Stop();
+    EXPECT_LT(Now() - stopped, 5s) << "and again to end";
 }
 
 }  // namespace

@@ -198,7 +198,7 @@ TEST(ClientChannelTest, BelievesWholeRepliesThatComeInTime)
         {"half of the data", large.substr(0, 4000), 0ms, IPC_CONNECTION_LOST, Reached::SENT},
         {"the end", "", 0ms, IPC_CONNECTION_LOST, Reached::TURNED_AWAY},
         {"a reply, and nothing more", reply, 20s, IPC_OK, Reached::SENT},
-        {"nothing", "", 250ms, IPC_TIMED_OUT, Reached::SENT},
+        {"nothing", "", 1000ms, IPC_TIMED_OUT, Reached::SENT},
         {"half of the data, and waits", large.substr(0, 4000), 250ms, IPC_TIMED_OUT, Reached::SENT},
         {"nothing by a time that is past", "", -10ms, IPC_TIMED_OUT, Reached::SENT},
         {"a large reply by a time that is past", large, -10ms, IPC_OK, Reached::SENT},

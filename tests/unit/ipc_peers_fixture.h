@@ -102,11 +102,15 @@ protected:
         return address;
     }
     // The kernel takes it for a connection of the process that has made it; a listener is whose it was last.
-    bool RefusesFromElsewhere(const std::string& bytes)
+    bool RefusesFromElsewhere(const std::string& bytes, int listener = -1)
     {
         sockaddr_un address = AddressOf(transport_.Id());
         const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        EXPECT_EQ(InChild([&] { return connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)); }), 0);
+        const auto inChild = [&] {
+            listen(listener, 1);
+            return connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+        };
+        EXPECT_EQ(InChild(inChild), 0);
         const UniqueFd connection = UniqueFd::Make([&] { return fd; });
         Deal(connection, bytes);
         return HasEnded(connection);

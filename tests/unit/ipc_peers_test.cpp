@@ -35,10 +35,17 @@ TEST_F(IpcPeers, AConnectionIsTakenByItsFirstFrame)
     }
     const Stranger living;
     EXPECT_TRUE(RefusesFromElsewhere(Hello(living.id)));
+    peers_.PeerAt(living.id);
+    EXPECT_TRUE(RefusesFromElsewhere(Hello(living.id))) << "nor while it is being greeted";
     EXPECT_TRUE(RefusesFromElsewhere(Hello(known.id, CHANNEL, known.key)));
     // The name of a process that is leaving is free before the process has gone.
     unlink(EndpointPath(known.id).c_str());
     EXPECT_TRUE(RefusesFromElsewhere(Hello(known.id)));
+    const Stranger left;
+    const int takenOver = dup(left.listener.Get());
+    Say(Hello(left.id)).Reset(), Deal();
+    EXPECT_TRUE(RefusesFromElsewhere(Hello(left.id), takenOver)) << "another has greeted as that";
+    close(takenOver);
 }
 
 // Those beyond are refused, and may come again.
@@ -136,6 +143,7 @@ TEST_F(IpcPeers, OfTwoThatGreetAtOnceOneConnectionStays)
         const Stranger other{id, ListenAt(EndpointPath(id)), {}, {}};
         const sptr<Peer> peer = peers_.PeerAt(id);
         const sptr<IRemoteObject> object = peer->Object(7);
+        EXPECT_FALSE(peer->Await(nullptr)) << "it awaits an answer already";
         UniqueFd own = AcceptFrom(other.listener);  // the transport's own
         const UniqueFd others = Say(Hello(id));
         const std::string answer = Hello(transport_.Id(), LINK, peer->IssuedKey(), HELLO_REPLY);
@@ -164,14 +172,24 @@ TEST_F(IpcPeers, AProcessThatIsOwedSomethingIsTriedAtEachTick)
         const ObjectId id = peers_.AddHolder(new IPCObjectStub, other.id);
         AcceptFrom(other.listener).Reset();
         Deal();
+        const sptr<Peer> peer = peers_.KnownPeer(other.id);
+        const sptr<IRemoteObject> object = peer->Object(7);  // dead, as there is no connection
         if (end[0] == 'l') {
             other.listener.Reset();
-        } else if (end[0] == 'h') {
+        } else {
             unlink(EndpointPath(other.id).c_str());
         }
         transport_.Loop().Tick(start);
+        if (end[0] == 'c') {
+            other.listener = ListenAt(EndpointPath(other.id));
+        }
         transport_.Loop().Tick(start + 5s);
         EXPECT_EQ(peers_.KnownPeer(other.id) != nullptr, end[0] != 'l') << end;
+        EXPECT_EQ(peer->Object(7)->IsObjectDead(), end[0] != 'c') << end;
+        if (end[0] == 'c') {  // and goes again
+            AcceptFrom(other.listener).Reset(), Deal();
+            unlink(EndpointPath(other.id).c_str());
+        }
         transport_.Loop().Tick(start + 5001ms);
         EXPECT_EQ(peers_.KnownPeer(other.id) != nullptr, end[0] == 'c') << end;
         EXPECT_EQ(transport_.Objects().Find(id, other.id) != nullptr, end[0] == 'c') << end;
@@ -418,17 +436,21 @@ TEST_F(IpcPeers, AnotherContextSocketIsHeardOfAndAfterADeathLookedFor)
     Meet();  // and its death
     deal();
     transport_.Watch().Look();
-    std::filesystem::remove_all(RuntimeDirectory());
+    const std::string away = RuntimeDirectory() + ".away";
+    std::filesystem::rename(RuntimeDirectory(), away);
     EXPECT_TRUE(CreateRuntimeDirectory());
     deal();
     ListenAt(ContextSocketPath());
     deal();
     EXPECT_EQ(news, 1);
+    const std::string own = EndpointPath(transport_.Id());
+    EXPECT_TRUE(unlink(own.c_str()) == 0 && Eventually([&] { return deal(), access(own.c_str(), F_OK) == 0; }));
     EXPECT_FALSE(Eventually([&] { return deal(), looks > 0; }, 1100ms));
     manager.Loop().CutAll();
     EXPECT_TRUE(Eventually([&] { return deal(), news == 2; })) << "the action may have reached the former publisher";
     EXPECT_TRUE(Eventually([&] { return deal(), looks > 0; }, 2s)) << "another directory may get the next one";
     EXPECT_EQ(transport_.Context().Reach(), nullptr);
+    std::filesystem::remove_all(away);
 }
 
 TEST_F(IpcPeers, NobodysContextObjectIsTaken)
@@ -501,9 +523,12 @@ TEST_F(IpcPeers, AProcessQueues64MebibytesAndLeaves64KibibytesAtItsDeath)
     EXPECT_EQ(windows(), "yyyyn");
     const FrameHeader word = MakeHeader(ONE_WAY, peers_.AddHolder(object, strangers[0].id));
     Deal(strangers[0].link, Times(3, FrameOf(word, 30'000)) + FrameOf(word, 4));
+    Deal(strangers[4].link, Times(2, FrameOf(word, 30'000)));
+    ProcessLife::Watch();  // a child closes what is the transport's
+    EXPECT_EQ(InChild([&] { return ProcessLife::Leave(), transport_.Workers().RunTasks(), object->calls; }), 0);
     shutdown(strangers[0].link.Get(), SHUT_RDWR);
     EXPECT_EQ(windows(), "nyyyy") << "the first has ended";
-    EXPECT_EQ(object->calls, 2);
+    EXPECT_EQ(object->calls, 2 + 2) << "all of those that live";
 }
 
 TEST_F(IpcPeers, ThePublisherClearsAwayTheSocketsOfTheDead)

@@ -19,6 +19,7 @@
 #include "vexa/ipc/context_object.h"
 #include "vexa/ipc/ipc_object_stub.h"
 #include "vexa/ipc/ipc_skeleton.h"
+#include "vexa/log/ring_log_sink.h"
 
 static std::atomic<bool> g_hasWatches{true};
 
@@ -92,6 +93,8 @@ TEST(RuntimeWatch, HearsOfAnotherContextObjectAlsoInADirectoryMadeAnew)
     make();
     publish();
     g_hasWatches = false;
+    RingLogSink log;
+    LogSink* const usual = SetLogSink(&log);
     OnContextObjectPublished([] {
         isAlone = !ipc::IpcProcess::Get().Start()->Workers().OthersWait();
         if (++published == 1) {
@@ -100,6 +103,9 @@ TEST(RuntimeWatch, HearsOfAnotherContextObjectAlsoInADirectoryMadeAnew)
     });
     expectNews("no watch at first");
     expectNews("none still");
+    SetLogSink(usual);
+    const auto warns = [](const LogEntry& line) { return line.message.starts_with("can't watch"); };
+    EXPECT_EQ(std::ranges::count_if(log.After(0), warns), 1);
     g_hasWatches = true;
     ASSERT_TRUE(RemoveUnderOthers(directory));
     make();
