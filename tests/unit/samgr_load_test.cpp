@@ -110,7 +110,8 @@ TEST_F(SamgrLoad, ThereIsOneOutcomeAndNoneForTheAbandoned)
     const std::tuple<sptr<IRemoteObject>, std::u16string, uint32_t, std::vector<int32_t>, int32_t> wrong[] = {
         {callback_, token + u"x", LOAD_FAILED, {kId, SAMGR_PROGRAM_SLOW, 0, 0}, SAMGR_BAD_REQUEST},
         {callback_, token, LOAD_FAILED, {kId, SAMGR_OK, 0, 0}, SAMGR_BAD_REQUEST},
-        {other, token, LOADED_FROM_DEVICE, {0, 0}, SAMGR_BAD_REQUEST}, {other, token, 4, {}, IPC_UNKNOWN_REQUEST}};
+        {other, token, LOADED_FROM_DEVICE, {0, 0}, SAMGR_BAD_REQUEST}, {other, token, 4, {}, IPC_UNKNOWN_REQUEST},
+        {other, token + u"x", 4, {}, SAMGR_BAD_REQUEST}};
     for (const auto& [receiver, name, code, words, result] : wrong) {
         MessageParcel data;
         data.WriteInterfaceToken(name);
@@ -154,6 +155,8 @@ TEST_F(SamgrLoad, NothingIsWaitedForLongerThanItsLimit)
         (decltype(waits){{CHECK_SYSTEM_ABILITY, 8}, {ADD_SYSTEM_ABILITY, 8}, {REMOVE_SYSTEM_ABILITY, 8},
             {LOAD_SYSTEM_ABILITY, 8}, {LOAD_SYSTEM_ABILITY, 5}, {LOAD_SYSTEM_ABILITY, 1}, {LOAD_SYSTEM_ABILITY, 1}}));
 
+    manager_->QueueAnswer(SAMGR_NOT_ALLOWED);
+    EXPECT_TRUE(!manager.LoadSystemAbility(kId, 20, &reason) && reason == ResultText(SAMGR_NOT_ALLOWED)) << reason;
     manager_->QueueAnswer(SAMGR_NOT_ALLOWED);
     EXPECT_EQ(manager.AddSystemAbility(kId, living_), SAMGR_NOT_ALLOWED);
     EXPECT_EQ(OwnServices::Get().Replace(kId, nullptr), nullptr);  // nothing is left to tell the next manager of
@@ -223,6 +226,11 @@ TEST(OwnServicesTest, AManagerThatCanNotBeReachedIsToldAgainButNotForEver)
         EXPECT_EQ(log.Messages(), std::vector(failures == 99 ? 1 : 0, line));
         EXPECT_TRUE(took >= (expected - 1) * 10ms && took < 1s);
     }
+    const auto start = steady_clock::now();
+    OwnServices::Get().Replace(kId, new IPCObjectStub);
+    OwnServices::Get().TellAll();
+    EXPECT_GE(steady_clock::now() - start, 190ms) << "there is no manager";
+    OwnServices::Get().Replace(kId, nullptr);
 }
 
 }  // namespace

@@ -181,6 +181,11 @@ TEST_F(SamgrTable, OnlyTheStartedProgramAndListedUsersMayRegister)
     UseProfile(Profile());
     End(program, 1);
     EXPECT_EQ(add(program, kOtherUser), SAMGR_NOT_ALLOWED);  // ended: the number may be anybody's
+    Profile open;
+    open.registrars.everyone = true;
+    UseProfile(open);
+    EXPECT_EQ(add(-1, kOtherUser), SAMGR_OK);
+    EXPECT_EQ(table_->Remove(kId, {-1, kOtherUser}), SAMGR_NOT_ALLOWED);  // another one that is not known
 }
 
 TEST_F(SamgrTable, LookupAndLoadFollowTheProfileOfNow)
@@ -262,6 +267,7 @@ TEST_F(SamgrTable, RequestsReachTheTableAndItsAnswersTheirCallers)
     EXPECT_TRUE(SystemAbilityManagerProxy(manager).CheckSystemAbility(kId) == object);
     const sptr<ScriptedRemoteObject> callback(new ScriptedRemoteObject);
     callback->QueueAnswer(IPC_FAILED);
+    callback->QueueAnswer(IPC_QUEUE_FULL);
     const std::tuple<uint32_t, sptr<IRemoteObject>, int32_t> requests[] = {{5, nullptr, IPC_UNKNOWN_REQUEST},
         {REMOVE_SYSTEM_ABILITY, nullptr, SAMGR_BAD_REQUEST},
         {LOAD_SYSTEM_ABILITY, manager, SAMGR_BAD_REQUEST},  // one of its own objects
@@ -282,7 +288,9 @@ TEST_F(SamgrTable, RequestsReachTheTableAndItsAnswersTheirCallers)
     EXPECT_EQ(log.Messages(),
         (std::vector{refused("registration of service 7", notAllowed),
             refused("registration of service 8", "no profile names it"), refused("removal of service 7", notAllowed),
-            refused("load of service 7", "the request makes no sense")}));
+            refused("load of service 7", "the request makes no sense"),
+            {KOLOG_WARN, "",
+                "the outcome of a load of service 7 was not delivered: " + std::to_string(IPC_QUEUE_FULL)}}));
     std::vector<sptr<IRemoteObject>> handed;
     for (const auto& request : callback->Requests()) {
         EXPECT_TRUE(request.code == LOAD_SUCCEEDED && request.flags == MessageOption::TF_ASYNC);
