@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
 
+#include <thread>
+
+#include "vexa/base/delayed_ref_singleton.h"
 #include "vexa/base/mutex.h"
 
 namespace VEXA {
@@ -49,6 +52,19 @@ TEST(LockRankTest, AThreadTakesMutexesFromTheOutermostInwardsOrEndsTheProcess)
     EXPECT_DEATH(Take(g_outer), "Engine is taken while Engine is held");
     g_outer.unlock();
     outer.Lock();
+}
+
+struct Single : DelayedRefSingleton<Single> {
+    static inline std::atomic<int> made{0};
+    Single() { ++made, std::this_thread::sleep_for(std::chrono::milliseconds(50)); }
+};
+
+TEST(DelayedRefSingletonTest, IsMadeOnceWhenTwoThreadsAskAtFirst)
+{
+    std::thread other(&Single::GetInstance);
+    Single::GetInstance();
+    other.join();
+    EXPECT_EQ(Single::made, 1);
 }
 
 }  // namespace

@@ -96,9 +96,11 @@ TEST(JsonBindTest, VectorsAreAppendedToUpToTheFirstMisfit)
             {"7", DATA_ERROR, "[]"}});
     Check(std::vector<MigrationUser>(), {{R"([{"sourceUser":1,"targetUser":2},{}])", SUCCESS,
                                             R"([{"sourceUser":1,"targetUser":2},{"sourceUser":-1,"targetUser":-1}])"}});
-    std::vector<RestoreEventInfo> events;
+    std::vector<RestoreEventInfo> events(1);
+    std::vector<RestoreAppInfo> apps(1);
     ASSERT_EQ(JsonParse::JsonStrToStruct(R"([{"restoreAppInfo":{"appName":"n"}}])", events), SUCCESS);
-    const RestoreAppInfo& app = events[0].restoreAppInfo;
+    EXPECT_TRUE(JsonParse::JsonStrToStruct("[{}]", apps) == SUCCESS && apps.size() == 2);
+    const RestoreAppInfo& app = events.at(1).restoreAppInfo;
     EXPECT_EQ(std::tuple(app.appName, app.isRestoreData, app.isTwinApp, app.appType), std::tuple("n", true, false, 1));
 }
 

@@ -47,7 +47,7 @@ TEST(JsonContextTest, HoldsEachKindInItsAlternativeAndFindsTheFirstOfSeveral)
     }
     EXPECT_EQ(Held<6>(json["e"]), "");
     EXPECT_EQ(Held<7>(json["a"])->count, 2U);
-    EXPECT_EQ(Held<8>(json["o"])->first->Key(), "x");
+    EXPECT_TRUE(Held<8>(json["o"])->count == 1 && Held<8>(json["o"])->first->Key() == "x");
     for (const char* key : {"z", "absent"}) {
         EXPECT_EQ(Held<0>(json[key]), std::nullopt) << key;
         EXPECT_EQ(json[key].begin(), json[key].end()) << key;
