@@ -124,8 +124,8 @@ TEST_F(IpcProcesses, BusyCallersGetTheirOwnAnswersAndDoNotKeepTheLastThread)
         });
     }
     callers.clear();
-    Call(another, KEEP, "", mine_).Send(oneWay);
-    EXPECT_TRUE(Eventually([&] { return Call(another, GIVE, "").AnswerObject() == mine_; })) << "none waits for ever";
+    Call(another, KEEP, mine_).Send(oneWay);
+    EXPECT_TRUE(Eventually([&] { return Call(another, GIVE).AnswerObject() == mine_; })) << "none waits for ever";
 }
 
 TEST_F(IpcProcesses, ManySlowCallsOfOneProcessDoNotHoldUpAnother)
