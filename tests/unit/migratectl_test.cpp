@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The command line, against a service in this process: tests/data/migratectl.txt says what each command sends, prints
 // and returns, and in which form.
+#include <charconv>
 #include <fstream>
-#include <regex>
 
 #include "kits_fixture.h"
 #include "migratectl_command.h"
@@ -33,6 +33,16 @@ const Field ERROR = "E";
 const std::string FINE = R"({"message":"","errorNum":0,"data":[]})";
 const std::string REFUSED = R"({"message":"n\u009b","errorNum":3,"data":[{"errorCode":23,"errorMessage":"a\u001b"}]})";
 
+std::vector<std::string> Split(std::string text, const std::string& separator)
+{
+    std::vector<std::string> parts;
+    for (size_t end = 0; (end = text.find(separator)) != std::string::npos; text.erase(0, end + separator.size())) {
+        parts.push_back(text.substr(0, end));
+    }
+    parts.push_back(text);
+    return parts;
+}
+
 Fields ParseFields(const std::string& text)
 {
     static const std::map<char, Field (*)(const std::string&)> kinds{
@@ -44,9 +54,7 @@ Fields ParseFields(const std::string& text)
         {'w', [](const std::string& value) -> Field { return AAFwk::Want().SetAction(value); }},
         {'s', [](const std::string& value) -> Field { return value; }}};
     Fields fields;
-    const std::regex separator(" \\| ");
-    for (std::sregex_token_iterator part(text.begin(), text.end(), separator, -1), end; part != end; ++part) {
-        const std::string word = part->str();
+    for (const std::string& word : Split(text, " | ")) {
         fields.push_back(word.find(':') == 1 ? kinds.at(word[0])(word.substr(2)) : Field(word));
     }
     return text.empty() ? Fields() : fields;
@@ -57,22 +65,25 @@ std::string Unescape(std::string text)
     for (size_t at = 0; (at = text.find("\\x", at)) != std::string::npos; at++) {
         text.replace(at, 4, 1, static_cast<char>(std::stoi(text.substr(at + 2, 2), nullptr, 16)));
     }
-    return std::regex_replace(text, std::regex("-PID"), std::to_string(-getpid()));
+    for (size_t at = 0; (at = text.find("-PID")) != std::string::npos;) {
+        text.replace(at, 4, std::to_string(-getpid()));
+    }
+    return text;
 }
 
 std::vector<Case> ReadCases(std::map<int32_t, std::string>& results)
 {
     std::vector<Case> cases;
     std::ifstream file(NM_TEST_DATA_DIR "/migratectl.txt");
-    const std::regex form("([^#])(-?[0-9]*) ?(.*)");
-    std::smatch parts;
     for (std::string line; std::getline(file, line);) {
-        if (!std::regex_match(line, parts, form)) {
+        const char kind = line.empty() ? '#' : line[0];
+        if (kind == '#') {
             continue;
         }
-        const char kind = line[0];
-        const int number = std::atoi(parts.str(2).c_str());
-        const std::string rest = Unescape(parts.str(3));
+        int number = 0;
+        const char* const end = line.data() + line.size();
+        const char* const after = std::from_chars(line.data() + 1, end, number).ptr;
+        const std::string rest = Unescape(std::string(after + (after != end && *after == ' ' ? 1 : 0), end));
         if (kind == '$') {
             cases.push_back({rest, static_cast<size_t>(number)});
         } else if (kind == '>') {
@@ -130,8 +141,8 @@ protected:
         for (Step& step : steps_) {
             std::replace(step.replies.begin(), step.replies.end(), ERROR, Field(error));
         }
-        const std::regex blanks(" +");
-        std::vector<std::string> words(std::sregex_token_iterator(line.begin(), line.end(), blanks, -1), {});
+        std::vector<std::string> words = Split(line, " ");
+        std::erase(words, "");
         std::replace(words.begin(), words.end(), std::string("''"), std::string());
         static size_t columns;
         columns = width;
