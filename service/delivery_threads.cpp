@@ -2,7 +2,7 @@
 #include "delivery_threads.h"
 
 #include <algorithm>
-#include <system_error>
+#include <exception>
 #include <utility>
 
 #include "service_limits.h"
@@ -64,8 +64,8 @@ void DeliveryThreads::AddThreads(size_t wanted)
         try {
             std::thread([this] { Work(); }).detach();
             threads_++;
-        } catch (const std::system_error&) {
-            return;  // the next look tries again
+        } catch (const std::exception&) {
+            return;  // no thread or no memory for one: the next look tries again
         }
     }
 }

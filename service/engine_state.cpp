@@ -57,6 +57,17 @@ BusinessError EngineState::ReadPackages(std::vector<KnownPackage>& packages) con
     return {};
 }
 
+BusinessError EngineState::ReadPackage(const std::string& name, KnownPackage& package) const
+{
+    std::vector<KnownPackage> packages;
+    BusinessError fault = ReadPackages(packages);
+    if (const KnownPackage* const found = Find(packages, name)) {
+        package = *found;
+        return fault;
+    }
+    return fault.errorNum != 0 ? fault : NoSuchPackage();
+}
+
 const KnownPackage* EngineState::Find(const std::vector<KnownPackage>& packages, const std::string& name)
 {
     const KnownPackage* called = nullptr;

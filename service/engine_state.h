@@ -59,6 +59,8 @@ public:
 
     // Every package; an error when the source can't be read.
     BusinessError ReadPackages(std::vector<KnownPackage>& packages) const VEXA_EXCLUDES(mutex);
+    // One of them; an error when there is none, too.
+    BusinessError ReadPackage(const std::string& name, KnownPackage& package) const VEXA_EXCLUDES(mutex);
     // The one whose directory, or else whose bundle, has that name; null when there is none.
     static const KnownPackage* Find(const std::vector<KnownPackage>& packages, const std::string& name);
     // `there` is what has been seen in its place in the target.

@@ -70,18 +70,14 @@ BusinessError MigrationCommands::StartPackage(const Name& name)
 BusinessError MigrationCommands::StartPackageAs(
     const Name& name, const std::string& targetName, const PakMigrationParameters& parameters)
 {
-    std::vector<KnownPackage> packages;
-    if (BusinessError fault = state_.ReadPackages(packages); fault.errorNum != 0) {
+    KnownPackage found;
+    if (BusinessError fault = state_.ReadPackage(name, found); fault.errorNum != 0) {
         return fault;
     }
-    const KnownPackage* const found = EngineState::Find(packages, name);
-    if (found == nullptr) {
-        return NoSuchPackage();
-    }
-    if (found->package->manifest.reserved) {
+    if (found.package->manifest.reserved) {
         return MakeError(MIGRATE_ERROR_RESERVED, "it is set aside: restore it instead");
     }
-    Package package = *found->package;
+    Package package = *found.package;
     if (!targetName.empty()) {
         package.manifest.target = targetName;
         if (!IsPlainName(targetName)) {

@@ -233,15 +233,11 @@ BusinessError MigrationQueries::GetPackageStatus(const Name& name, ReserveMigrat
             return {};
         }
     }
-    std::vector<KnownPackage> packages;
-    if (BusinessError fault = state_.ReadPackages(packages); fault.errorNum != 0) {
+    KnownPackage found;
+    if (BusinessError fault = state_.ReadPackage(name, found); fault.errorNum != 0) {
         return fault;
     }
-    const KnownPackage* const found = EngineState::Find(packages, name);
-    if (found == nullptr) {
-        return NoSuchPackage();
-    }
-    status.status = static_cast<int32_t>(found->isPlaced ? TaskStatus::FINISHED : TaskStatus::IDLE);
+    status.status = static_cast<int32_t>(found.isPlaced ? TaskStatus::FINISHED : TaskStatus::IDLE);
     return {};
 }
 

@@ -37,7 +37,8 @@ uint64_t Microseconds(steady_clock::time_point time)
         std::chrono::duration_cast<std::chrono::microseconds>(time.time_since_epoch()).count());
 }
 
-// Every process of a runtime directory leaves its traces there: an empty one has had no manager. It has two entries.
+// Every process of a runtime directory leaves its traces there: one that lists only itself and its parent has had no
+// manager.
 steady_clock::time_point StartsFrom()
 {
     const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(RuntimeDirectory().c_str()), &closedir);
