@@ -44,10 +44,9 @@ Board& TheBoard()
 {
     static Board* const board = [] {
         const int fd = open(getenv("STORM_BOARD"), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-        void* const memory = ftruncate(fd, sizeof(Board)) == 0
-                                 ? mmap(nullptr, sizeof(Board), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0)
-                                 : MAP_FAILED;
-        return memory != MAP_FAILED ? static_cast<Board*>(memory) : (abort(), nullptr);
+        const bool hasRoom = ftruncate(fd, sizeof(Board)) == 0;
+        void* const memory = mmap(nullptr, sizeof(Board), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        return hasRoom && memory != MAP_FAILED ? static_cast<Board*>(memory) : (abort(), nullptr);
     }();
     return *board;
 }
@@ -168,9 +167,8 @@ public:
         setenv("STORM_BOARD", (world_.Folder() + "/board").c_str(), 1);
         setenv("KOLOG_LEVEL", "error", 1);
         world_.AddProfile(MIGRATE_SERVICE_ID, BesideMe("storm"), R"(, "arguments": ["--serve"], "lookup": ["*"])");
-        Start(0);
-        for (int i = 0; i < kClients; ++i) {
-            Start(2 + i);
+        for (int i = 0; i <= kClients; ++i) {
+            Start(i);
         }
     }
     // Kills the manager, or up to three of the others in a row; then all has to be well again. A client tries once to
@@ -179,14 +177,15 @@ public:
     {
         const bool isManager = Draw(3) == 0;
         for (int left = isManager ? 1 : 1 + Draw(3); left > 0; --left) {
-            const int victim = isManager ? 0 : 1 + std::max(0, Draw(2 * kClients) - kClients + 1);
-            if (victim == 1) {
+            const int victim = isManager ? 0 : std::max(0, Draw(2 * kClients) - kClients + 1);
+            const bool isService = !isManager && victim == 0;
+            if (isService) {
                 kill(std::max<pid_t>(TheBoard().service, 2), SIGKILL);
             } else {
-                Victim(victim).Kill();
+                processes_[victim].Kill();
                 Start(victim);
             }
-            ++kills_[std::min(victim, 2)];
+            ++kills_[isManager ? 0 : isService ? 1 : 2];
             usleep(static_cast<useconds_t>(Draw(4000)));
         }
         while (waitpid(-1, nullptr, WNOHANG) > 0) {  // services whose manager was killed
@@ -195,12 +194,10 @@ public:
         const auto began = std::chrono::steady_clock::now();
         bool isWell = true;
         for (int i = 0; i < kClients; ++i) {
-            if (!Eventually([&] { return TheBoard().well[i] >= round; })) {
-                printf("round %" PRIu64 ": client %d (process %d) is deaf\n", round, i, clients_[i].Pid());
-                isWell = false;
-            }
-            if (TheBoard().wrong[i] > 0) {
-                printf("round %" PRIu64 ": client %d missed a notice, or was told twice\n", round, i);
+            const bool isDeaf = !Eventually([&] { return TheBoard().well[i] >= round; });
+            if (isDeaf || TheBoard().wrong[i] > 0) {
+                printf("round %" PRIu64 ": client %d (process %d) %s\n", round, i, processes_[1 + i].Pid(),
+                    isDeaf ? "is deaf" : "missed a notice, or was told twice");
                 isWell = false;
             }
         }
@@ -210,26 +207,22 @@ public:
     void Report(double seconds) const
     {
         const int all = kills_[0] + kills_[1] + kills_[2];
-        printf("%d kills (manager %d, service %d, clients %d), %.0f a second, %" PRIu64
-               " notices; longest recovery "
-               "%.2f s\n",
-            all, kills_[0], kills_[1], kills_[2], all / seconds, TheBoard().told.load(),
-            std::chrono::duration<double>(longest_).count());
+        printf("%d kills (manager %d, service %d, clients %d), %.0f a second, %" PRIu64 " notices", all, kills_[0],
+            kills_[1], kills_[2], all / seconds, TheBoard().told.load());
+        printf("; longest recovery %.2f s\n", std::chrono::duration<double>(longest_).count());
     }
 
 private:
     int Draw(int below) { return static_cast<int>(random_() % static_cast<uint32_t>(below)); }
-    ChildProcess& Victim(int number) { return number == 0 ? manager_ : clients_[number - 2]; }
     void Start(int number)
     {
-        Victim(number) = number == 0 ? ChildProcess({SAMGRD, "--profiles", world_.Profiles()})
-                                     : ChildProcess({BesideMe("storm"), "--client", std::to_string(number - 2)});
+        processes_[number] = number == 0 ? ChildProcess({SAMGRD, "--profiles", world_.Profiles()})
+                                         : ChildProcess({BesideMe("storm"), "--client", std::to_string(number - 1)});
     }
 
     const SamgrWorld world_;
     std::mt19937 random_;
-    ChildProcess manager_;
-    ChildProcess clients_[kClients];
+    ChildProcess processes_[1 + kClients];  // the manager first
     int kills_[3] = {};
     std::chrono::steady_clock::duration longest_{};
 };
@@ -239,11 +232,8 @@ private:
 int main(int argc, char** argv)
 {
     const std::string mode = argc > 1 ? argv[1] : "30";
-    if (mode == "--serve") {
-        return Serve();
-    }
-    if (mode == "--client") {
-        return RunClient(atoi(argv[2]));
+    if (mode.starts_with("--")) {
+        return mode == "--serve" ? Serve() : RunClient(atoi(argv[2]));
     }
     const uint32_t seed = argc > 2 ? static_cast<uint32_t>(atoi(argv[2])) : std::random_device()();
     setlinebuf(stdout);
@@ -252,8 +242,7 @@ int main(int argc, char** argv)
     const auto began = std::chrono::steady_clock::now();
     const auto passed = [&] { return std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count(); };
     bool isWell = true;
-    while (isWell && passed() < atoi(mode.c_str())) {
-        isWell = storm.Blow();
+    for (; isWell && passed() < atoi(mode.c_str()); isWell = storm.Blow()) {
     }
     storm.Report(passed());
     return isWell ? 0 : 1;
