@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What binding a text costs above cJSON's parse and delete of it, measured in turns so that both see the same machine.
+// Compares binding a text with cJSON's parse and delete of it. The two take turns, so that both see the same machine.
 // "bind" and "ratio" run from the text to the record. "ratio_released" includes the record's release, which in the C
 // library also pays for tidying up behind cJSON's many small blocks. Ratios are medians of the rounds' ratios.
 #include <benchmark/benchmark.h>

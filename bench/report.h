@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the benchmarks have found: a table for people and a JSON list for programs.
+// The results of the benchmarks, as a table for people and as a JSON list for programs.
 #pragma once
 
 #include <string>

@@ -32,7 +32,7 @@ Side StartMigrateSide(const World& world)
     return world.RequestSide("request.start_migrate", &StartMigrate);
 }
 
-// What the client's heap and both processes' memory grow by over many requests, once everything is warm.
+// Measures by how much the client's heap and both processes' memory grow over many requests, once everything is warm.
 bool MeasureGrowth(const World& world, size_t calls, Report& report)
 {
     const Side side = StartMigrateSide(world);

@@ -28,7 +28,7 @@
 
 namespace VEXA::test {
 
-// What the kernel refuses from now on, as often as that.
+// System calls that fail from now on; a number says how often each still does.
 struct Faults {
     int accepts = 0;
     int sends = 0;
@@ -222,7 +222,7 @@ private:
     {
         for (const Life* other : now_) {
             const sptr<ipc::Peer> peer = at.Knows(*other);
-            // What only this process has yet is not known here.
+            // A process that still has unsent frames is not killed: the world doesn't know what they say.
             if (peer && !peer->WaitLinkFlushed({})) {
                 return;
             }
@@ -334,7 +334,7 @@ private:
             Take(at, number, parcel.ReadRemoteObject());
         }
     }
-    // Of what a dead process was about to give, the owner counts the receiver as a holder already.
+    // The owner counts the receiver as a holder of the objects that a dead process was about to hand over.
     void Lose(const Sending& sending)
     {
         for (const size_t object : sending.cargo) {

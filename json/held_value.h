@@ -8,7 +8,7 @@
 
 namespace VEXA::UpdateEngine {
 
-// What `json` holds, if that is a T.
+// Returns the value of `json` when it is a T, else nothing.
 template <typename T>
 std::optional<T> HeldValue(const JsonContext& json)
 {

@@ -52,7 +52,7 @@ public:
     }
 
 private:
-    // What a vector is made ready for at once; a length that came from elsewhere costs memory only as it is read.
+    // Elements that a vector has room for at once. Beyond that, memory is taken only as elements are really read.
     static constexpr size_t RESERVED_ELEMENTS = 1024;
 
     template <Record T, typename Field>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What kinds of fields and targets the JSON binding tells apart.
+// The kinds of fields and targets that the JSON binding tells apart.
 #pragma once
 
 #include <cstddef>

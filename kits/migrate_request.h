@@ -18,7 +18,7 @@ namespace VEXA::UpdateEngine {
 // Keeps the proxy until the request has ended, so that a death meanwhile doesn't take it away.
 class MigrateRequest {
 public:
-    // What a client logs when a request can't be begun.
+    // The lines that a client logs when a request can't be begun, and their level.
     struct RefusalLines {
         uint32_t level;
         LogFormat<> noService;

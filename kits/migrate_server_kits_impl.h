@@ -11,7 +11,7 @@
 
 namespace VEXA::UpdateEngine {
 
-// What the operations of the migration client share. Each operation stands once, in the class that Make returns.
+// The parts that the operations of the migration client share. The operations are those of the class that Make returns.
 class MigrateServerKitsImpl : public MigrateServerKits {
 public:
     MigrateServerKitsImpl();

@@ -11,7 +11,7 @@
 
 namespace VEXA::UpdateEngine {
 
-// What one ReserveMigrateKits knows. The death handler reaches it by a weak reference and holds it while it runs, so
+// The state of one ReserveMigrateKits. The death handler reaches it by a weak reference and holds it while it runs, so
 // that the kits object may go at any time, even inside the handler.
 class ReserveMigrateSession : public RefBase {
 public:

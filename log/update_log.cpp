@@ -41,7 +41,7 @@ CheckedFormat<const char*, int, const char*> LineFormat(std::string_view placeho
     return {"[%{public}s(%{public}d)]%s", log_format::Marker::OPTIONAL};
 }
 
-// What the lines of one print operation have in common.
+// The label, level and source that all lines of one print operation share.
 struct LineSource {
     const KoLogLabel& label;
     uint32_t level;

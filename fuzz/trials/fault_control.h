@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the trial of faults and the library that it loads into every process have in common: a file in memory.
+// The file in memory that the trial of faults shares with the library that it loads into every process.
 #pragma once
 
 #include <atomic>

@@ -60,7 +60,7 @@ public:
     }
     void Note(int calls) const { std::ofstream(Source().string() + ".calls") << calls; }
     int Noted() const { return atoi(test::FileText(Source().string() + ".calls").c_str()); }
-    // What is wrong after that; empty: nothing.
+    // Starts the service once more and returns what is wrong then; empty when nothing is.
     std::string Check() const
     {
         std::unique_ptr<MigrationEngine> engine = Start();

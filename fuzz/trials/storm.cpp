@@ -31,7 +31,7 @@ using namespace VEXA::UpdateEngine;
 
 constexpr int kClients = 4;
 
-// What the processes know of each other beside the library: a file in memory, all zeros at first.
+// The file in memory by which the processes know of each other without the library. It is all zeros at first.
 struct Board {
     std::atomic<uint64_t> round;           // goes up after each kill
     std::atomic<pid_t> service;            // the instance that registered last

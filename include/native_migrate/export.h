@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What libnative_migrate exports; everything else is built hidden.
+// Marks the symbols that libnative_migrate exports. All others are hidden.
 #pragma once
 
 #define NATIVE_MIGRATE_EXPORT __attribute__((visibility("default")))

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What travels between the library and the migration service: the service's number, the interface descriptors, the
-// request codes and the results. Both sides include this header.
+// The agreement between the library and the migration service: the service's number, the interface descriptors, and the
+// codes and fields of requests. Both sides include this header.
 #pragma once
 
 #include <cstdint>

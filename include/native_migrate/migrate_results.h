@@ -7,24 +7,25 @@
 
 namespace VEXA::UpdateEngine {
 
-// Results of requests, as the clients return them; 104 stands for everything that kept a request from being answered.
-inline constexpr int32_t MIGRATE_BAD_ARGUMENT = 1;  // a field is missing or holds what it must not
+// Results of requests, as the clients return them. 104 is the library's own: the request was not answered.
+inline constexpr int32_t MIGRATE_BAD_ARGUMENT = 1;  // a field is missing or has a value that is not allowed
 inline constexpr int32_t MIGRATE_NO_SUCH_APP = 2;   // no application of that name is set aside
-inline constexpr int32_t MIGRATE_TOO_MANY = 3;      // as many callbacks or observers as the service keeps are there
-inline constexpr int32_t MIGRATE_INTERNAL = 4;      // the service could not make or keep what was asked for
+inline constexpr int32_t MIGRATE_TOO_MANY = 3;      // the service has as many callbacks, observers or jobs as it keeps
+inline constexpr int32_t MIGRATE_INTERNAL = 4;      // the service could not make the reply, or write its state
 inline constexpr int32_t MIGRATE_NOT_ALLOWED = 5;   // the caller may not change anything
 
-// BusinessError::errorNum, ErrorMessage::errorCode, ErrorInfo::code and the code of a backup-file notice; 0: no error.
-// Of the whole request:
+// The numbers in BusinessError::errorNum, ErrorMessage::errorCode, ErrorInfo::code and the notice of backup files. 0 is
+// no error.
+// These concern the whole request:
 inline constexpr int32_t MIGRATE_ERROR_SOME_PACKAGES = 1;  // some packages can't be migrated; `data` says which and why
-inline constexpr int32_t MIGRATE_ERROR_BUSY = 2;           // under way already
-inline constexpr int32_t MIGRATE_ERROR_NOTHING = 3;        // nothing is there that it could apply to
+inline constexpr int32_t MIGRATE_ERROR_BUSY = 2;           // a migration or restoration is under way already
+inline constexpr int32_t MIGRATE_ERROR_NOTHING = 3;        // there is nothing that the request could apply to
 inline constexpr int32_t MIGRATE_ERROR_NOT_FOUND = 4;      // there is no package of that name
-inline constexpr int32_t MIGRATE_ERROR_EVENT = 5;          // an event that means nothing to the service
+inline constexpr int32_t MIGRATE_ERROR_EVENT = 5;          // the service doesn't know the event
 inline constexpr int32_t MIGRATE_ERROR_SOURCE = 6;         // the source directory can't be read
 inline constexpr int32_t MIGRATE_ERROR_STATE = 7;          // the service's state can't be written; of a package too
-// Of one package:
-inline constexpr int32_t MIGRATE_ERROR_MANIFEST = 20;     // its manifest is not one
+// These concern one package:
+inline constexpr int32_t MIGRATE_ERROR_MANIFEST = 20;     // its manifest is not valid
 inline constexpr int32_t MIGRATE_ERROR_NAME = 21;         // its name can't be a directory's, or is kept for the service
 inline constexpr int32_t MIGRATE_ERROR_UNREADABLE = 22;   // something in it can't be read
 inline constexpr int32_t MIGRATE_ERROR_TARGET = 23;       // the target has something else under its name
@@ -37,7 +38,7 @@ inline constexpr int32_t MIGRATE_ERROR_RESERVED = 29;     // it is set aside: to
 inline constexpr int32_t MIGRATE_ERROR_OWNER = 30;        // it belongs to another user
 
 // The status of tasks, of the migration as a whole and of reserved applications is a TaskStatus. As a whole: IDLE
-// before the first start, FINISHED when every task has, FAILED when all have ended and some failed.
+// before the first start, FINISHED when every task has finished, FAILED when all have ended and some have failed.
 
 // TaskInfo::subStatus.
 inline constexpr uint32_t MIGRATE_SUB_NONE = 0;

@@ -85,7 +85,7 @@ public:
     // Sets what happens when a package fails. Only `policy.policy` is sent: MIGRATE_POLICY_GO_ON or _STOP.
     virtual int32_t SetMigratePolicy(const MigratePolicy& policy, BusinessError& error) = 0;
 
-    // Whether an application can be restored. `result`: the service's text, unparsed.
+    // Asks whether an application can be restored. `result`: the service's text, unparsed.
     virtual int32_t CheckAppRestore(const std::string& bundleName, std::string& result, BusinessError& error) = 0;
 
     // Gives the service data to keep for the starts that follow. `data`: its choices as a JSON object, or empty.

@@ -17,7 +17,7 @@ enum class MigrateStage : uint32_t {
     FINISH = 5,
 };
 
-// What SetMigratePolicy is given. Only `policy` is sent.
+// The argument of SetMigratePolicy. Only `policy` is sent.
 struct MigratePolicy {
     int32_t type = 0;
     int32_t policy = 0;

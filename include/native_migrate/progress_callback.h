@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a client passes to be told of the migration's progress.
+// The callable that a client registers for progress events.
 #pragma once
 
 #include <functional>

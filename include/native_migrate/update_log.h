@@ -19,7 +19,7 @@ enum UpdateLogLevel : int32_t {
     UPDATE_ERROR = 3,
 };
 
-// What a print operation gets.
+// The argument of a print operation.
 struct UpdateLogContent {
     KoLogLabel label{};  // for the caller's own use: the lines carry the label of UPDATE_LABEL
     UpdateLogLevel level = UPDATE_INFO;
@@ -58,7 +58,7 @@ public:
     static std::pair<std::string, std::string> SplitLogByFmtLabel(const std::string& log, const std::string& fmtLabel);
     // How often `sub` occurs in `str`, overlapping occurrences included; an empty `sub` occurs length + 1 times.
     static int32_t FindSubStrCount(const std::string& str, const std::string& sub);
-    // What follows the last slash, or the last backslash when there is no slash, or all of the path.
+    // The part of the path behind the last slash, or behind the last backslash when there is no slash, or all of it.
     static std::string GetBriefFileName(const std::string& path);
     // The format with every "%{public}" made "%", those included that only come about by that.
     static std::string OutputDueUploadLog(const std::string& log);

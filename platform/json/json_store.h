@@ -9,7 +9,7 @@
 
 namespace VEXA {
 
-// What the root of a tree owns: cJSON's tree, and the memory of all values below the root. The store and its first
+// Owns, for the root of a tree, cJSON's tree and the memory of all values below the root. The store and its first
 // block are one allocation, so that a small text costs one.
 class JsonStore {
 public:

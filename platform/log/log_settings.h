@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the environment says about the log. Set-user-id programs don't listen to it.
+// The settings of the log that come from the environment. A set-user-id program ignores them.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What this process serves, so that it can register again with a manager that has replaced a dead one.
+// The services of this process, kept so that it can register them with a manager that has replaced a dead one.
 #pragma once
 
 #include <cstdint>

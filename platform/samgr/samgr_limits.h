@@ -34,7 +34,7 @@ inline constexpr std::chrono::milliseconds kReturnTime = std::chrono::millisecon
 inline constexpr std::chrono::milliseconds kStopTime = std::chrono::seconds(2);
 // How long the manager then waits for killed programs, which the kernel may be unable to end.
 inline constexpr std::chrono::milliseconds kKillTime = std::chrono::seconds(1);
-// What has failed for want of memory or descriptors is tried again after so long.
+// An operation that has failed for want of memory or descriptors is tried again after so long.
 inline constexpr std::chrono::milliseconds kRetryPause = std::chrono::milliseconds(10);
 // A profile that can't be opened for that reason is tried so often, each time after a longer pause.
 inline constexpr int kMostTries = 10;

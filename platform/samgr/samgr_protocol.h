@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the manager and its clients say to each other. Every request begins with its interface's token.
+// Requests between the manager and its clients. Each begins with its interface's token.
 #pragma once
 
 #include <cstdint>
@@ -19,7 +19,7 @@ enum ManagerRequest : uint32_t {
     REMOVE_SYSTEM_ABILITY = 4,  // int32 id ->
 };
 
-// What each of them begins with.
+// Writes the fields that every request to the manager begins with.
 inline bool WriteHead(MessageParcel& data, int32_t systemAbilityId)
 {
     return data.WriteInterfaceToken(ISystemAbilityManager::GetDescriptor()) && data.WriteInt32(systemAbilityId);
@@ -32,7 +32,7 @@ enum LoadCallbackRequest : uint32_t {
     LOADED_FROM_DEVICE = 3,  // string device id, int32 id, object
 };
 
-// What a result of the manager's operations means, for logs and for callers that are people.
+// Returns the meaning of a result of the manager's operations, for log lines and for people.
 inline const char* ResultText(int32_t result)
 {
     static constexpr std::pair<int32_t, const char*> texts[] = {

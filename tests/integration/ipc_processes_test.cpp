@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What only real processes show of the transport: death, exit and fork, memory, nesting, many threads at once.
+// Tests of the transport that need real processes: death, exit and fork, memory, nesting, many threads at once.
 #include <grp.h>
 #include <gtest/gtest.h>
 
@@ -37,7 +37,7 @@ protected:
             return hub_ != nullptr && Call(hub_, ADD_ONE, 1).Answer() == 2;
         }));
     }
-    // Of those at the end of this file.
+    // `name` is one of the processes at the end of this file.
     static ChildProcess StartProcess(const std::string& name)
     {
         return ChildProcess(
@@ -208,7 +208,7 @@ TEST_F(IpcProcesses, LeavingWithRequestsUnderWayEndsQuickly)
     EXPECT_LT(Clock::now() - start, std::chrono::seconds(20));
 }
 
-// What the other processes run. These two do so until they are killed.
+// The programs of the other processes. These two run until they are killed.
 TEST(Process, DISABLED_hub)
 {
     EXPECT_EQ(PublishContextObject(new TestObject), PublishResult::DONE);

@@ -25,7 +25,7 @@ constexpr int32_t kFirstFailure = 10;
 constexpr gid_t kForeignGroup = 54321;
 const bool kIsRoot = geteuid() == 0;
 
-// What a program was started with, on its output. The last descriptor is the one that lists them.
+// Prints everything that the program was started with. The last descriptor is the one that lists the others.
 constexpr char kDescription[] = R"sh(
     echo "$0 $1; $PEER_VARIABLE; ${NOTIFY_SOCKET-none}; $PWD; ${VEXA_RUNTIME_DIR##*/}"
     echo "session $(($(cut -d ' ' -f 6 /proc/$$/stat) - $$)), $(grep -Ec 'SigBlk:.0*$|SigIgn:.0*1000$' /proc/$$/status)"

@@ -12,7 +12,7 @@ namespace VEXA::ipc {
 inline constexpr uint32_t kMaxQueuedOneWayFrames = 1024;
 // Bytes of data in those requests: one of the largest possible size fits.
 inline constexpr uint64_t kMaxQueuedOneWayBytes = uint64_t{16} * 1024 * 1024;
-// What every one-way request takes of the receiver's window besides its data: about the memory that it needs in a
+// Bytes that every one-way request takes of the receiver's window besides its data: about the memory it needs in a
 // queue.
 inline constexpr uint64_t kFrameCost = 1024;
 // The window of a session at first, for which nothing is charged. It is never smaller.

@@ -100,7 +100,7 @@ constexpr Length ParseLength(const char*& text)
     return Length::NONE;
 }
 
-// Whether the letter is known and may follow the length.
+// True when the letter is known and may follow the length.
 constexpr bool LetterFits(const Conversion& conversion)
 {
     const auto isOneOf = [&](std::string_view letters) { return letters.find(conversion.letter) != letters.npos; };

@@ -76,7 +76,7 @@ public:
         sd_notify(0, "READY=1");
         const int result = sd_event_loop(loop_);
         if (result < 0) {
-            // What the loop has been told by then may be lost, so it can't go on.
+            // Events of the loop may be lost by then, so the manager can't go on.
             fprintf(stderr, "samgrd: the event loop has failed: %s\n", strerror(-result));
             return EXIT_CANT_SERVE;
         }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the manager knows of a service: one JSON file each. docs/manager.md describes the fields.
+// The profile of a service, read from one JSON file. docs/manager.md describes the fields.
 #pragma once
 
 #include <sys/types.h>

@@ -29,7 +29,7 @@ struct StartFailure {
     int32_t error;
 };
 
-// What a service manager told this process alone.
+// Variables by which a service manager tells this process something that is not meant for its children.
 constexpr const char* kPrivateVariables[] = {"NOTIFY_SOCKET", "LISTEN_FDS", "LISTEN_PID", "LISTEN_FDNAMES",
     "WATCHDOG_USEC", "WATCHDOG_PID", "MAINPID", "INVOCATION_ID", "JOURNAL_STREAM"};
 

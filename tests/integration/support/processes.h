@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What tests across processes need: a runtime directory of their own, child processes that end with them, and waiting
+// Tools for tests across processes: a runtime directory of their own, child processes that end with them, and waiting
 // for a condition instead of for a time.
 #pragma once
 

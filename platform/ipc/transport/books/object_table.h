@@ -19,7 +19,7 @@ namespace VEXA::ipc {
 // alive: the granting process still does. All operations may be called from any thread.
 class ObjectTable {
 public:
-    // Of objects that nobody holds any more: their last references go when the caller drops them, outside the table's
+    // Objects that nobody holds any more. Their last references go when the caller drops them, outside the table's
     // lock.
     using Dropped = std::list<sptr<IRemoteObject>>;
 

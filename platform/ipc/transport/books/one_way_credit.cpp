@@ -7,7 +7,7 @@
 namespace VEXA::ipc {
 namespace {
 
-// What so many requests take of the window.
+// The part of the receiver's window that so many requests take.
 uint64_t Cost(uint64_t frames, uint64_t bytes)
 {
     return frames * kFrameCost + bytes;

@@ -52,7 +52,7 @@ bool ObjectTransfer::Pack(MessageParcel& parcel, Peer& receiver, FrameHeader& he
 {
     const std::vector<sptr<IRemoteObject>>& objects = ParcelAccess::Objects(parcel);
     uint8_t* const table = ParcelAccess::AppendRaw(parcel, objects.size() * sizeof(ObjectEntry));
-    // What asks for the reply to be packed has carried the request out, and must not do it again.
+    // Shortage is waited out here: when a reply is packed, the request has been carried out and can't be repeated.
     if (table == nullptr || !RetryForMemory([&] { items_.reserve(objects.size()); })) {
         return false;
     }

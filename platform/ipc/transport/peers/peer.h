@@ -103,7 +103,7 @@ public:
     sptr<IRemoteObject> Object(ObjectId id);
     // Is called at the end of an object: gives the references back that it stood for.
     void Forget(const PeerObject& object);
-    // What stands for an object, and a reference to it while it is told of its death.
+    // The proxy of one object, and a reference that keeps it alive while it is told of its death.
     struct Known {
         PeerObject* object = nullptr;
         sptr<PeerObject> held;

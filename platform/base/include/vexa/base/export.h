@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What libvexa_platform exports; everything else is built hidden.
+// Marks the symbols that libvexa_platform exports. All others are hidden.
 #pragma once
 
 #define VEXA_EXPORT __attribute__((visibility("default")))

@@ -26,7 +26,7 @@ struct JsonChildren {
 struct JsonArray : JsonChildren {};
 struct JsonObject : JsonChildren {};
 
-// What a value holds. An empty optional holds nothing, as null and an absent value do. Every number is a double; the
+// The content of a value. An empty optional has none, as with null and an absent value. Every number is a double; the
 // integer alternatives are not used.
 using JsonValue = std::variant<std::optional<bool>, std::optional<int32_t>, std::optional<uint32_t>,
     std::optional<uint64_t>, std::optional<int64_t>, std::optional<double>, std::optional<std::string_view>,
@@ -62,13 +62,13 @@ public:
     JsonContext& operator=(const JsonContext&) = delete;
 
     bool IsDiscarded() const { return discarded_; }
-    // Whether this is an object with a member `key`, letter case included.
+    // True when this is an object with a member `key`, compared letter by letter.
     bool IsContains(std::string_view key) const { return Find(key) != nullptr; }
     // The member, the first of several alike; an absent value when there is none.
     const JsonContext& operator[](std::string_view key) const;
     // A Kind.
     uint32_t Type() const { return kind_; }
-    // What the value holds, put into the variant.
+    // Returns the content.
     JsonValue Value() const;
     // This value's key in its object, else "".
     std::string_view Key() const { return {key_, keySize_}; }

@@ -43,8 +43,8 @@ VEXA_EXPORT void KoLogSetLevel(uint32_t level);
 VEXA_EXPORT uint32_t KoLogGetLevel();
 VEXA_EXPORT bool KoLogIsLoggable(uint32_t level);
 
-// Whether this is a debug process, whose lines show private arguments: KOLOG_DEBUG_PROCESS of the environment (any
-// value but "" and "0") as it stands at the first line, else not. The call overrides the environment.
+// Makes this a debug process, whose lines show private arguments, or not. Without the call, KOLOG_DEBUG_PROCESS of the
+// environment makes it one, with any value but "" and "0", as it stands at the first line.
 VEXA_EXPORT void KoLogSetPrivateShown(bool shown);
 
 }  // namespace VEXA

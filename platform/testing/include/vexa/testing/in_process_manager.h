@@ -40,17 +40,17 @@ public:
 
     // The service is running as that object; null: not running. A dead object counts as not running.
     void SetRunning(int32_t id, const sptr<IRemoteObject>& object);
-    // What a load of either kind starts and leaves running; null, or a dead object: the load fails.
+    // The object that a load of either kind starts and leaves running. With null, or a dead object, the load fails.
     void SetLoadable(int32_t id, const sptr<IRemoteObject>& object);
-    // Answers in place of the two tables above; an empty one brings them back.
+    // Functions that answer instead of the two tables above; an empty one brings its table back.
     void OnCheck(CheckAnswer answer);
     void OnLoad(LoadAnswer answer);
 
-    // What the asynchronous load returns: other than SAMGR_OK, no callback follows.
+    // The result that the asynchronous load returns. With any other than SAMGR_OK, no callback follows.
     void SetAsyncResult(int32_t result);
     // While held, accepted asynchronous loads wait for TakeHeld. Otherwise the callback runs on another thread at once.
     void HoldCallbacks(bool hold);
-    // Hands the held ones over; their callbacks are the caller's business.
+    // Hands the held loads over. The caller runs their callbacks, or lets them go.
     std::vector<PendingLoad> TakeHeld();
     // Waits until all callbacks that were started have returned.
     void WaitForCallbacks();
