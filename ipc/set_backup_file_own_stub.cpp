@@ -15,7 +15,7 @@ int32_t SetBackupFileOwnStub::OnRemoteRequest(uint32_t code, MessageParcel& data
     const bool isFinished = code == SET_BACKUP_FILE_OWN_FINISHED_CODE;
     if (data.ReadInterfaceToken() != GetDescriptor()) {
         KITS_LOGE("SetBackupFileOwnStub, ReadInterfaceToken fail");
-        // The client waits for an end of its request: it hears of a bad one too.
+        // The client waits for the notice, so a notice with a wrong token ends its wait too.
         if (isFinished) {
             OnSetBackupFileOwnFinished(CALLBACK_BAD_REQUEST);
         }

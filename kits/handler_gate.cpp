@@ -36,7 +36,8 @@ bool HandlerGate::Close()
     const auto onlySelfInside = [&]() VEXA_NO_THREAD_SAFETY_ANALYSIS {
         return std::all_of(inside_.begin(), inside_.end(), [self](std::thread::id id) { return id == self; });
     };
-    // Giving up would let a handler meet what its caller is about to destroy; the handlers' own waits are bounded.
+    // The wait goes on until all have left, because the caller then destroys what they use. Their own waits are
+    // bounded.
     while (!left_.WaitFor(mutex_, std::chrono::seconds(10), onlySelfInside)) {
     }
     return inside_.empty();

@@ -7,9 +7,9 @@
 
 namespace VEXA::UpdateEngine {
 
-// Holds a mutex that another thread may be holding for the length of a lookup. The wait for it can be that of a thread
-// which carries out requests, and the lookup's outcome comes as one. In a child that was forked during a lookup nobody
-// ends it: there the lock is not to be had, and its owner must leave alone what the mutex guards.
+// Holds a mutex that another thread may keep for the length of a lookup. A worker that waits for it is counted as
+// blocked, because the lookup's outcome comes as a request that needs a worker. In a child that was forked during a
+// lookup the mutex stays locked for ever: there the lock fails, and its owner must not touch what the mutex guards.
 class VEXA_SCOPED_CAPABILITY LookupLock {
 public:
     explicit LookupLock(Mutex& mutex) VEXA_ACQUIRE(mutex) : mutex_(mutex), held_(Acquire(mutex)) {}

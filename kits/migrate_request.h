@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// One request to the migration service, as both clients send it. An operation reads as what is its own: its code, its
-// arguments and its replies.
+// One request to the migration service, as both clients send it. The code of an operation holds only its request code,
+// its arguments and its replies.
 #pragma once
 
 #include <string>

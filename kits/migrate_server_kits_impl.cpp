@@ -35,7 +35,7 @@ int32_t MigrateServerKitsImpl::Call(
 
 namespace {
 
-// The operations that are one request and nothing else.
+// The operations that consist of one request.
 class MigrateServerOperations final : public MigrateServerKitsImpl,
                                       public DelayedRefSingleton<MigrateServerOperations> {
 public:
@@ -226,7 +226,8 @@ int32_t MigrateServerKitsImpl::On(const ProgressCallback& callback)
     if (registrations_.End()) {
         SettleCallback();
     } else if (isServiceDead) {
-        // It may have died before the callback was stored, and its death handler may have found none to register again.
+        // The service may have died before the callback was stored. The death handler then found none to register
+        // again.
         ResumeRegisterCallback();
     }
     return result;

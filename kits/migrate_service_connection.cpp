@@ -62,7 +62,7 @@ sptr<IMigrateServer> MigrateServiceConnection::GetService(const LogSite& site)
     if (object == nullptr) {
         return nullptr;
     }
-    // Watched before the proxy is in use, so that no death falls in between.
+    // The watch begins before the proxy is used, so that no death falls in between.
     Watch(site, object);
     migrateServer_ = MakeProxy(object);
     return migrateServer_;

@@ -110,7 +110,7 @@ int32_t ReserveMigrateKits::UnRegisterCallback(const std::string& caller, std::s
         request.Write(caller);
         session_->Forget(caller);
     };
-    // Its other lines speak of RegisterCallback.
+    // The failure lines of UnRegisterCallback say RegisterCallback: the texts are part of the interface.
     constexpr OperationLines lines{{KOLOG_INFO, KITS_LINE("RegisterCallback error, remote server is null"),
                                        KITS_LINE("RegisterCallback WriteInterfaceToken error")},
         KITS_LINE("RegisterCallback call eroor, ret=%{public}d")};
@@ -220,7 +220,7 @@ bool ReserveMigrateSession::RegisterAgain(const sptr<IMigrateServer>& service, c
 
 void ReserveMigrateSession::Close()
 {
-    // In a child of fork no handler runs, though one may have run in its parent.
+    // No handler runs in a child of fork. The gate may still count one that was running in the parent.
     if (IPCSkeleton::IsForkedChild() || !gate_.Close()) {
         return;
     }

@@ -18,7 +18,7 @@
 namespace VEXA {
 namespace {
 
-// Below every level: the environment has not been read yet.
+// The environment has not been read yet. No level is lower, so the first line always gets to where it is read.
 constexpr uint32_t LEVEL_UNREAD = 0;
 enum : int { PRIVATE_UNREAD, PRIVATE_HIDDEN, PRIVATE_SHOWN };
 
@@ -27,7 +27,7 @@ constinit std::atomic<uint32_t> g_level{LEVEL_UNREAD};
 constinit std::atomic<int> g_private{PRIVATE_UNREAD};
 constinit std::atomic<uint64_t> g_dropped{0};
 constinit SinkSlot g_slot;
-// A sink that logs must not come back to itself.
+// True while this thread is in a sink: lines that the sink logs itself are discarded, else it would call itself.
 thread_local bool t_insideSink = false;
 
 [[maybe_unused]] const int g_forkHandler = pthread_atfork(nullptr, nullptr, [] { g_slot.ForgetOtherThreads(); });

@@ -23,7 +23,7 @@ using samgr::LoadOutcome;
 using samgr::PendingLoad;
 using std::chrono::steady_clock;
 
-// Where the thread of a synchronous load waits.
+// Lets the thread of a synchronous load wait for the outcome.
 class LoadWait {
 public:
     void Set(const LoadOutcome& outcome)
@@ -142,7 +142,7 @@ int32_t SystemAbilityManagerProxy::AddSystemAbility(int32_t systemAbilityId, con
     if (object == nullptr) {
         return SAMGR_BAD_REQUEST;
     }
-    // Noted first: a manager that takes over while the request is under way is then told as well.
+    // The service is noted before the request, so that a manager that takes over meanwhile is told of it as well.
     auto& own = samgr::OwnServices::Get();
     const sptr<IRemoteObject> previous = own.Replace(systemAbilityId, object);
     const int32_t result = samgr::Register(Remote(), systemAbilityId, object);

@@ -66,7 +66,7 @@ public:
             return EXIT_CANT_SERVE;
         }
         MakeTable();
-        // The programs live on, and register with the other manager.
+        // The programs of this manager live on, and register with the manager that has replaced it.
         const auto onReplaced = [] { _exit(ExplainOther()); };
         const PublishResult published = PublishContextObject(sptr<IRemoteObject>(new ManagerStub(table_)), onReplaced);
         if (published != PublishResult::DONE) {
@@ -148,7 +148,7 @@ private:
             loop_, nullptr, CLOCK_MONOTONIC, Microseconds(steady_clock::now() + after), 1000, handler, this);
     }
 
-    // Later, as the runner still lists the program whose end it reports.
+    // The check is deferred, because the runner still lists the program whose end it is reporting.
     void EndLoopWhenStopped()
     {
         sd_event_source* check = nullptr;

@@ -45,7 +45,7 @@ try {
         const int status = app.exit(error);
         return status == 0 ? 0 : VEXA::samgr::EXIT_USAGE;
     }
-    // A manager does not look where another one serves.
+    // Unlike a client, a manager does not choose its directory by where another manager serves.
     if (runtimeDirectory.empty()) {
         runtimeDirectory = geteuid() == 0 ? VEXA::kSystemRuntimeDirectory : VEXA::UserRuntimeDirectory();
     }

@@ -214,7 +214,7 @@ void ServiceTable::Start(int32_t id, Service& service, Completions& completions)
         Finish(service, {id, SAMGR_NO_PROFILE, nullptr, ResultText(SAMGR_NO_PROFILE)}, completions);
         return;
     }
-    // Once the program runs nothing may be lacking.
+    // The table's entry is allocated before the program runs: its lack would leave a program that nobody knows.
     decltype(programs_) started{{0, {id, setting_.now(), false}}};
     std::string reason;
     const pid_t pid = setting_.starter->Start(*service.profile, reason);

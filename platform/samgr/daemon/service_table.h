@@ -30,7 +30,7 @@ public:
         ProgramStarter* starter = nullptr;
         std::function<TimePoint()> now;
         std::function<void()> wake;
-        // Until then nothing is started, so that services that have outlived another manager can register first.
+        // No program is started before this time, so that services that have outlived another manager register first.
         TimePoint startsFrom;
     };
     explicit ServiceTable(Setting setting);

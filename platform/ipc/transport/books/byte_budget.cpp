@@ -30,7 +30,7 @@ bool ByteBudget::Charge::Set(const Account& account, uint64_t bytes, std::functi
         }
         std::function<void()> goOn = std::move((*next)->later_);
         waiting.erase(next);
-        // The pool may run it at once.
+        // The lock is released first, because the pool may run the task at once, on this thread.
         lock.Unlock();
         budget_.workers_.Post(std::move(goOn));
         lock.Lock();

@@ -20,7 +20,7 @@ int32_t ErrorOf(Transfer failed)
 
 }  // namespace
 
-// Opening the channel and sending have taken their part of the time.
+// Sets the socket's receive time-out to the time that is left after opening the channel and sending.
 void ClientChannel::LimitReceive(Deadline deadline)
 {
     using std::chrono::milliseconds;

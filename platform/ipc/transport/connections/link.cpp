@@ -80,7 +80,7 @@ void Link::Flush()
     }
 }
 
-// Makes the reactor read the end, also where the peer has shut down only what it receives.
+// Shuts the socket down, so that the reactor reads its end even if the peer has only stopped receiving.
 void Link::EndLocked()
 {
     outClosed_ = true;

@@ -112,7 +112,7 @@ Unpacked UnpackObjects(PeerDirectory& peers, MessageParcel& parcel, const FrameH
     std::vector<sptr<IRemoteObject>>& objects = ParcelAccess::Objects(parcel);
     objects.reserve(header.objects);
     Unpacked result;
-    // Goes on where an earlier call had no memory.
+    // An earlier call may have run out of memory. This one goes on behind the objects that it has made.
     for (size_t i = objects.size(); i < header.objects; ++i) {
         const ObjectEntry entry = EntryOf(parcel, header, i);
         sptr<IRemoteObject> object;

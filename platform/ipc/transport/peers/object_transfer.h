@@ -45,7 +45,7 @@ private:
 // and those in its table.
 bool HoldsAll(PeerDirectory& peers, Parcel& frame, const FrameHeader& header, const Peer& sender);
 // Tells the same, but false only after reading all grants that have arrived: a third process may have made the sender a
-// holder just now. Not for the reactor's thread while it settles.
+// holder just now. The reactor's thread must not call this while it settles.
 bool AwaitGrants(PeerDirectory& peers, Parcel& frame, const FrameHeader& header, const Peer& sender);
 
 struct Unpacked {

@@ -76,7 +76,7 @@ bool Peer::OnReply(const sptr<Link>& link, bool wasUnknown, const ChannelKey& ke
         return false;
     }
     Learn(link);
-    // The process has decided for this connection.
+    // By answering, the peer has chosen this connection. The other one is not needed any more.
     if (link_ != nullptr && link_ != link) {
         link_->Shutdown();
     }

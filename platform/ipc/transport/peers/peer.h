@@ -28,7 +28,7 @@ public:
 
     const sptr<Peer>& Owner() const { return owner_; }
     ObjectId Id() const { return id_; }
-    // False when the connection has gone that the object came to use: it never serves again.
+    // False when the connection that the object came to use has ended. The object never serves again then.
     bool IsCurrent() const;
     uint32_t Generation() const { return generation_; }
     // Counts the references to the object that have been received; they are given back together when this ends.
@@ -132,7 +132,8 @@ private:
     void Stand(const sptr<Link>& link, const ChannelKey& key) VEXA_REQUIRES(mutex_);
 
     const EndpointId self_;
-    // But for the endpoint it is written once, by the reactor's thread, before others know of the greeting.
+    // The endpoint is known from the start. The rest is written once, by the reactor's thread, before others know of
+    // the greeting.
     Caller who_;
     const ChannelKey issuedKey_;
     const MakeObject makeObject_;

@@ -80,7 +80,7 @@ private:
     bool Connect(const sptr<Peer>& peer) VEXA_REQUIRES(mutex_);
     // Drops a peer, and all that its process holds. Like all that a death needs, it takes no memory.
     void Forget(const sptr<Peer>& peer) VEXA_REQUIRES(mutex_);
-    // Clears a holder from the table again, where it died, and was cleared, before it was counted there.
+    // Removes a dead holder from the table once more: it may have been counted after its death had cleared it.
     void DropIfDead(EndpointId holder);
     // True when the process that claims the endpoint listens there.
     bool IsEndpointOf(EndpointId claimed, const Credentials& credentials) const;

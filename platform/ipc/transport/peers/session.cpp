@@ -234,7 +234,8 @@ Link::Verdict Session::HandleRefusal(Refusal reason, const HelloBody& body)
         peer_->otherVersion = body.version;
     }
     if (reason == Refusal::STANDS && greeting_ != nullptr) {
-        // The publisher is a process that is known already. The session with it may be about to stand here.
+        // The publisher is a process that is known already, so this one uses the session with it, standing or about to
+        // stand.
         const sptr<Peer> known = parts_.peers.KnownPeer(body.sender);
         if (known != nullptr && known->IsWith(Who()) && !greeting_->isTaken.exchange(true)) {
             greeting_->peer.set_value(known);

@@ -19,7 +19,7 @@ namespace VEXA::ipc {
 namespace {
 
 constexpr uint32_t kDirectoryEvents = IN_CREATE | IN_MOVE | IN_DELETE | IN_MOVE_SELF | IN_DELETE_SELF;
-// A listening socket keeps its file: what is told of its removal is the change of the number of links.
+// The kernel keeps the file of a listening socket, and reports its removal as a change of the number of links.
 constexpr uint32_t kSocketEvents = IN_ATTRIB | IN_MOVE_SELF;
 
 }  // namespace
@@ -82,7 +82,7 @@ void RuntimeWatch::Look()
     }
     lock.Unlock();
     if (isNew && !RunForeign("the action for a new context object", action)) {
-        // It runs again at the next tick.
+        // The action has failed. Without a known socket, the next tick takes the present one for new and runs it again.
         lock.Lock();
         socket_ = FileId();
         looking_ = reactor_.NeedTicks();

@@ -50,7 +50,7 @@ Transport::Transport(const ThreadStarter& startThread)
           }),
       contextSocket_(ContextSocketPath(), reactor_, connections_, [this](Connection one) { Accept(std::move(one)); }),
       publisher_(contextSocket_),
-      // Only a publisher makes the directory.
+      // Only a publisher makes the directory; a process without one waits until the directory is there.
       watch_(reactor_, workers_, contextLink_, EndpointPath(id_), [this] {
           return publisher_.Renew() && access(EndpointDirectory().c_str(), F_OK) == 0 && endpoint_.Provide();
       })

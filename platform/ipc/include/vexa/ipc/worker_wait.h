@@ -11,8 +11,8 @@ namespace ipc {
 struct Worker;
 }
 
-// For the scope of a wait of this thread for something that another process brings about. Where the thread carries out
-// requests, another one takes its place, so that requests, and what is waited for if it comes as one, find a thread.
+// Lives while this thread waits for something that another process brings about. If the thread is a worker, another
+// worker takes its place, so that there is a thread for requests, one of which may bring what is waited for.
 class VEXA_EXPORT WorkerWait {
 public:
     WorkerWait();

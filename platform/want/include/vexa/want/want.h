@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// An intent: what is wanted of whom, with typed parameters.
+// A record of an intent: the action that is wanted, the application that is to carry it out, and typed parameters.
 #pragma once
 
 #include <cstdint>
