@@ -3,3 +3,7 @@
 add_test(NAME doc_tables
     COMMAND bash cmake/doc_tables.sh --check
     WORKING_DIRECTORY "${PROJECT_SOURCE_DIR}")
+# An error line that the page for its readers does not explain.
+add_test(NAME doc_error_lines
+    COMMAND bash cmake/error_lines.sh
+    WORKING_DIRECTORY "${PROJECT_SOURCE_DIR}")
