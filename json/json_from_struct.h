@@ -60,7 +60,7 @@ public:
         WriteKey(stream, key);
         stream << '{';
         const Depth depth(stream);
-        return (WriteMember(stream, record, std::get<Indices>(MEMBERS<T>)) && ...);
+        return (WriteMember(stream, record, std::get<Indices>(kMembers<T>)) && ...);
     }
 
     template <Record T>

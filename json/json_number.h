@@ -9,7 +9,7 @@
 namespace VEXA::UpdateEngine {
 
 // The largest integer below which a double holds every one.
-inline constexpr double MAX_SAFE_NUMBER = 9007199254740991.0;
+inline constexpr double kMaxSafeNumber = 9007199254740991.0;
 
 // Stores `number`, truncated toward zero. False, with `target` left alone, when that does not fit.
 template <Number T>

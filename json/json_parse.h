@@ -46,7 +46,7 @@ public:
         if (!number.has_value()) {
             return HoldsNothing(key);
         }
-        const bool safe = *number <= MAX_SAFE_NUMBER && *number >= -MAX_SAFE_NUMBER;
+        const bool safe = *number <= kMaxSafeNumber && *number >= -kMaxSafeNumber;
         if (!safe || !StoreNumber(*number, target)) {
             KITS_LOGE("number extra long : %{public}s ", std::string(key).c_str());
             return JsonError::NUMBER_EXTRA_LONG;

@@ -39,7 +39,7 @@ public:
     {
         bool found = true;
         const JsonContext& value = GetMemberValue(json, key, found);
-        return !found || (BindMember(value, record, std::get<Indices>(MEMBERS<T>)) && ...);
+        return !found || (BindMember(value, record, std::get<Indices>(kMembers<T>)) && ...);
     }
 
     // Sets one field from the value under `key`.
@@ -53,7 +53,7 @@ public:
 
 private:
     // Elements that a vector has room for at once. Beyond that, memory is taken only as elements are really read.
-    static constexpr size_t RESERVED_ELEMENTS = 1024;
+    static constexpr size_t kReservedElements = 1024;
 
     template <Record T, typename Field>
     bool BindMember(const JsonContext& json, T& record, const Member<T, Field>& member) const
@@ -105,7 +105,7 @@ private:
         if (kind != JsonContext::ARRAY && kind != JsonContext::NULL_VALUE && kind != JsonContext::ABSENT) {
             return false;
         }
-        field.reserve(field.size() + std::min(value.size(), RESERVED_ELEMENTS));
+        field.reserve(field.size() + std::min(value.size(), kReservedElements));
         for (const JsonContext& child : value) {
             if (!Bind(child, field.emplace_back())) {
                 field.pop_back();

@@ -68,6 +68,6 @@ consteval auto CountedMembers()
 }
 
 template <Record T>
-inline constexpr auto MEMBERS = CountedMembers<T>();
+inline constexpr auto kMembers = CountedMembers<T>();
 
 }  // namespace VEXA::UpdateEngine

@@ -25,7 +25,7 @@ void Read(const JsonContext& json, TaskInfo& task, const Member<TaskInfo, Field>
 
 void TaskInfo::FromJson(const JsonContext& json, TaskInfo& task)
 {
-    std::apply([&](const auto&... member) { (Read(json, task, member), ...); }, MEMBERS<TaskInfo>);
+    std::apply([&](const auto&... member) { (Read(json, task, member), ...); }, kMembers<TaskInfo>);
 }
 
 }  // namespace VEXA::UpdateEngine

@@ -10,7 +10,7 @@ namespace VEXA::UpdateEngine {
 
 namespace {
 
-constexpr MigrateRequest::RefusalLines REFUSAL_LINES{
+constexpr MigrateRequest::RefusalLines kRefusalLines{
     KOLOG_ERROR, KITS_LINE("Service is null"), KITS_LINE("MigrateServerKitsImpl WriteInterfaceToken fail")};
 
 }  // namespace
@@ -26,7 +26,7 @@ int32_t MigrateServerKitsImpl::Call(
     const LogSite& site, MigrateRequestCode code, const char* name, const Fill& fill, const Take& take)
 {
     MigrateRequest request(GetService());
-    return ExchangeRequest(request, site, REFUSAL_LINES, code, fill, take, [&](int32_t result) {
+    return ExchangeRequest(request, site, kRefusalLines, code, fill, take, [&](int32_t result) {
         if (name != nullptr) {
             KITS_LOG_AT(site, KOLOG_ERROR, "%{public}s result is %{public}d", name, result);
         }
@@ -239,7 +239,7 @@ int32_t MigrateServerKitsImpl::Off()
     registrations_.Begin(RegistrationOverlap::By::CALLER);
     MigrateRequest request(GetService());
     const int32_t result = ExchangeRequest(
-        request, LOG_SITE(), REFUSAL_LINES, MigrateRequestCode::UNREGISTER_PROGRESS_CALLBACK, Args(),
+        request, LOG_SITE(), kRefusalLines, MigrateRequestCode::UNREGISTER_PROGRESS_CALLBACK, Args(),
         [&](const MigrateRequest&) { StoreCallback(nullptr); },
         [&](int32_t failure) {
             StoreCallback(nullptr);

@@ -10,7 +10,7 @@ namespace VEXA::UpdateEngine {
 
 namespace {
 
-constexpr int32_t LOAD_TIMEOUT_SECONDS = 5;
+constexpr int32_t kLoadTimeoutSeconds = 5;
 
 sptr<IRemoteObject> FindMigrateService(const LogSite& site)
 {
@@ -21,7 +21,7 @@ sptr<IRemoteObject> FindMigrateService(const LogSite& site)
     }
     sptr<IRemoteObject> object = manager->CheckSystemAbility(MIGRATE_SERVICE_ID);
     if (object == nullptr) {
-        object = manager->LoadSystemAbility(MIGRATE_SERVICE_ID, LOAD_TIMEOUT_SECONDS);
+        object = manager->LoadSystemAbility(MIGRATE_SERVICE_ID, kLoadTimeoutSeconds);
     }
     if (object == nullptr) {
         KITS_LOG_AT(site, KOLOG_ERROR, "Get remote object from samgr failed");

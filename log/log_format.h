@@ -9,7 +9,7 @@
 namespace VEXA::UpdateEngine {
 
 // The start of every line's format; its two arguments are the file's base name and the line.
-inline constexpr std::string_view LOG_PREFIX = "[%{public}s(%{public}d)]";
+inline constexpr std::string_view kLogPrefix = "[%{public}s(%{public}d)]";
 
 // A whole format, prefix included, for a message with arguments of the types Args, all of which are public.
 template <typename... Args>
@@ -17,7 +17,7 @@ class LogFormat : public CheckedFormat<const char*, int, Args...> {
 public:
     consteval LogFormat(const char* text) : CheckedFormat<const char*, int, Args...>(text, log_format::Marker::PUBLIC)
     {
-        if (std::string_view(text).substr(0, LOG_PREFIX.size()) != LOG_PREFIX) {
+        if (std::string_view(text).substr(0, kLogPrefix.size()) != kLogPrefix) {
             log_format::Fault("a log line begins with the file and line prefix", true);
         }
     }

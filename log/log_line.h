@@ -27,7 +27,7 @@ struct LogSite {
     int line;
 };
 
-inline constexpr KoLogLabel KITS_LABEL = UPDATE_LABEL[7];
+inline constexpr KoLogLabel kKitsLabel = UPDATE_LABEL[7];
 
 consteval const char* BaseName(const char* path)
 {
@@ -42,7 +42,7 @@ consteval const char* BaseName(const char* path)
 template <typename... Args>
 inline void LogLine(const LogSite& site, uint32_t level, LogFormat<std::type_identity_t<Args>...> format, Args... args)
 {
-    KoLogLine(KITS_LABEL, level, format, site.file, site.line, args...);
+    KoLogLine(kKitsLabel, level, format, site.file, site.line, args...);
 }
 
 }  // namespace VEXA::UpdateEngine

@@ -10,10 +10,10 @@
 namespace VEXA::UpdateEngine {
 namespace {
 
-constexpr std::string_view PLAIN = "%s";
-constexpr std::string_view PRIVATE = "%{private}s";
-constexpr std::string_view PUBLIC = "%{public}s";
-constexpr std::string_view PUBLIC_MARK = "%{public}";
+constexpr std::string_view kPlain = "%s";
+constexpr std::string_view kPrivate = "%{private}s";
+constexpr std::string_view kPublic = "%{public}s";
+constexpr std::string_view kPublicMark = "%{public}";
 
 // Zero for a level that is not printed.
 uint32_t PlatformLevel(UpdateLogLevel level)
@@ -32,10 +32,10 @@ uint32_t PlatformLevel(UpdateLogLevel level)
 
 CheckedFormat<const char*, int, const char*> LineFormat(std::string_view placeholder)
 {
-    if (placeholder == PUBLIC) {
+    if (placeholder == kPublic) {
         return "[%{public}s(%{public}d)]%{public}s";
     }
-    if (placeholder == PRIVATE) {
+    if (placeholder == kPrivate) {
         return "[%{public}s(%{public}d)]%{private}s";
     }
     return {"[%{public}s(%{public}d)]%s", log_format::Marker::OPTIONAL};
@@ -119,9 +119,9 @@ void UpdateLog::PrintLongLog(uint32_t subModule, const UpdateLogContent& content
     const std::string placeholder = GetFmtLabel(content.log);
     const auto [head, tail] = SplitLogByFmtLabel(content.log, placeholder);
     const LineSource source = SourceOf(subModule, content);
-    source.PrintPieces(PUBLIC, head);
+    source.PrintPieces(kPublic, head);
     source.PrintPieces(placeholder, content.args);
-    source.PrintPieces(PUBLIC, tail);
+    source.PrintPieces(kPublic, tail);
 }
 
 std::string UpdateLog::GetFmtLabel(const std::string& log)
@@ -129,7 +129,7 @@ std::string UpdateLog::GetFmtLabel(const std::string& log)
     if (FindSubStrCount(log, "%") != 1) {
         return "";
     }
-    for (const std::string_view placeholder : {PLAIN, PRIVATE, PUBLIC}) {
+    for (const std::string_view placeholder : {kPlain, kPrivate, kPublic}) {
         if (log.find(placeholder) != log.npos) {  // once, as its percent sign is the only one
             return std::string(placeholder);
         }
@@ -174,9 +174,9 @@ std::string UpdateLog::OutputDueUploadLog(const std::string& log)
     passed.reserve(log.size());
     for (const char next : log) {
         passed.push_back(next);
-        if (next == PUBLIC_MARK.back() && passed.size() >= PUBLIC_MARK.size() &&
-            passed.compare(passed.size() - PUBLIC_MARK.size(), PUBLIC_MARK.size(), PUBLIC_MARK) == 0) {
-            passed.resize(passed.size() - PUBLIC_MARK.size() + 1);
+        if (next == kPublicMark.back() && passed.size() >= kPublicMark.size() &&
+            passed.compare(passed.size() - kPublicMark.size(), kPublicMark.size(), kPublicMark) == 0) {
+            passed.resize(passed.size() - kPublicMark.size() + 1);
         }
     }
     return passed;

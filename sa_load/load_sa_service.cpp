@@ -15,7 +15,7 @@ namespace {
 
 enum LoadStatus : int32_t { PENDING = 0, LOADED = 1, FAILED = 2 };
 
-constexpr int MAX_PAUSES = 101;
+constexpr int kMaxPauses = 101;
 constexpr std::chrono::milliseconds PAUSE(50);
 
 }  // namespace
@@ -91,7 +91,7 @@ bool LoadSaService::CheckSaLoaded()
     const WorkerWait wait;
     KITS_LOGI("Waiting for CheckSaLoaded");
     int32_t status = PENDING;
-    for (int pauses = 0; pauses < MAX_PAUSES && status == PENDING; ++pauses) {
+    for (int pauses = 0; pauses < kMaxPauses && status == PENDING; ++pauses) {
         Pause();
         status = loadStatus_;
     }

@@ -6,10 +6,10 @@
 
 namespace VEXA {
 
-inline constexpr KoLogLabel IPC_LABEL{KOLOG_TYPE_CORE, 0xD001510, "VEXA_IPC"};
+inline constexpr KoLogLabel kIpcLabel{KOLOG_TYPE_CORE, 0xD001510, "VEXA_IPC"};
 
 }  // namespace VEXA
 
-#define IPC_LOG(level, ...) ::VEXA::KoLogLine(::VEXA::IPC_LABEL, level, __VA_ARGS__)
+#define IPC_LOG(level, ...) ::VEXA::KoLogLine(::VEXA::kIpcLabel, level, __VA_ARGS__)
 #define IPC_LOGE(...) IPC_LOG(::VEXA::KOLOG_ERROR, __VA_ARGS__)
 #define IPC_LOGW(...) IPC_LOG(::VEXA::KOLOG_WARN, __VA_ARGS__)

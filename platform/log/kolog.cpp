@@ -19,11 +19,11 @@ namespace VEXA {
 namespace {
 
 // The environment has not been read yet. No level is lower, so the first line always gets to where it is read.
-constexpr uint32_t LEVEL_UNREAD = 0;
+constexpr uint32_t kLevelUnread = 0;
 enum : int { PRIVATE_UNREAD, PRIVATE_HIDDEN, PRIVATE_SHOWN };
 
 // All built without a constructor that runs and never destroyed, so that lines can be printed at any time.
-constinit std::atomic<uint32_t> g_level{LEVEL_UNREAD};
+constinit std::atomic<uint32_t> g_level{kLevelUnread};
 constinit std::atomic<int> g_private{PRIVATE_UNREAD};
 constinit std::atomic<uint64_t> g_dropped{0};
 constinit SinkSlot g_slot;
@@ -35,7 +35,7 @@ thread_local bool t_insideSink = false;
 uint32_t ReadLevel()
 {
     uint32_t level = g_level.load(std::memory_order_relaxed);
-    if (level == LEVEL_UNREAD) {
+    if (level == kLevelUnread) {
         const uint32_t read = EnvironmentLevel();
         level = g_level.compare_exchange_strong(level, read) ? read : level;
     }
@@ -141,7 +141,7 @@ bool KoLogIsLoggable(uint32_t level)
 
 void KoLogSetLevel(uint32_t level)
 {
-    g_level.store(std::max(level, LEVEL_UNREAD + 1), std::memory_order_relaxed);
+    g_level.store(std::max(level, kLevelUnread + 1), std::memory_order_relaxed);
 }
 
 uint32_t KoLogGetLevel()

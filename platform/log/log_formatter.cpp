@@ -18,8 +18,8 @@ namespace {
 using log_format::Conversion;
 using log_format::Length;
 
-constexpr std::string_view PRIVATE_TEXT = "<private>";
-constexpr int NUMBER_MAX = static_cast<int>(kLogMessageBytes);
+constexpr std::string_view kPrivateText = "<private>";
+constexpr int kNumberMax = static_cast<int>(kLogMessageBytes);
 
 // The arguments that are left. A class, so that it can be handed on by reference, which va_list itself can't.
 class Arguments {
@@ -68,16 +68,16 @@ private:
 // is none. No number is larger than a message, where more would only be cut off again.
 void FetchWidth(Arguments& arguments, Conversion& conversion)
 {
-    if (conversion.width == Conversion::FROM_ARGUMENT) {
-        const int width = std::max(arguments.Next<int>(), -NUMBER_MAX);
+    if (conversion.width == Conversion::kFromArgument) {
+        const int width = std::max(arguments.Next<int>(), -kNumberMax);
         conversion.leftAligned |= width < 0;
         conversion.width = std::abs(width);
     }
-    if (conversion.precision == Conversion::FROM_ARGUMENT) {
-        conversion.precision = std::max(arguments.Next<int>(), Conversion::ABSENT);
+    if (conversion.precision == Conversion::kFromArgument) {
+        conversion.precision = std::max(arguments.Next<int>(), Conversion::kAbsent);
     }
-    conversion.width = std::min(conversion.width, NUMBER_MAX);
-    conversion.precision = std::min(conversion.precision, NUMBER_MAX);
+    conversion.width = std::min(conversion.width, kNumberMax);
+    conversion.precision = std::min(conversion.precision, kNumberMax);
 }
 
 // Prints one value with the C library, under the conversion's flags.
@@ -87,7 +87,7 @@ void PrintValue(MessageBuffer& out, const Conversion& conversion, std::string_vi
     char format[16];
     char* end = format;
     *end++ = '%';
-    for (const auto& [letter, flag] : log_format::FLAGS) {
+    for (const auto& [letter, flag] : log_format::kFlags) {
         if (conversion.*flag) {
             *end++ = letter;
         }
@@ -145,7 +145,7 @@ void Show(MessageBuffer& out, bool shown, T value, Print print)
     if (shown) {
         print(value);
     } else {
-        out.Append(PRIVATE_TEXT);
+        out.Append(kPrivateText);
     }
 }
 

@@ -12,8 +12,8 @@ namespace VEXA {
 template <size_t Capacity>
 class TextBuffer {
 public:
-    static constexpr std::string_view TRUNCATED = "<truncated>";
-    static_assert(Capacity > TRUNCATED.size());
+    static constexpr std::string_view kTruncated = "<truncated>";
+    static_assert(Capacity > kTruncated.size());
 
     void Append(std::string_view text)
     {
@@ -35,7 +35,7 @@ public:
     {
         if (needed > Room()) {
             size_ = Capacity;
-            std::memcpy(data_ + Capacity - TRUNCATED.size(), TRUNCATED.data(), TRUNCATED.size());
+            std::memcpy(data_ + Capacity - kTruncated.size(), kTruncated.data(), kTruncated.size());
             truncated_ = true;
         } else {
             size_ += needed;

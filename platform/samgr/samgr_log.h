@@ -6,11 +6,11 @@
 
 namespace VEXA {
 
-inline constexpr KoLogLabel SAMGR_LABEL{KOLOG_TYPE_CORE, 0xD001511, "VEXA_SAMGR"};
+inline constexpr KoLogLabel kSamgrLabel{KOLOG_TYPE_CORE, 0xD001511, "VEXA_SAMGR"};
 
 }  // namespace VEXA
 
-#define SAMGR_LOG(level, ...) ::VEXA::KoLogLine(::VEXA::SAMGR_LABEL, level, __VA_ARGS__)
+#define SAMGR_LOG(level, ...) ::VEXA::KoLogLine(::VEXA::kSamgrLabel, level, __VA_ARGS__)
 #define SAMGR_LOGE(...) SAMGR_LOG(::VEXA::KOLOG_ERROR, __VA_ARGS__)
 #define SAMGR_LOGW(...) SAMGR_LOG(::VEXA::KOLOG_WARN, __VA_ARGS__)
 #define SAMGR_LOGI(...) SAMGR_LOG(::VEXA::KOLOG_INFO, __VA_ARGS__)

@@ -49,7 +49,7 @@ constexpr Kind KindOf(const Conversion& conversion)
     const bool isSigned = conversion.letter == 'd' || conversion.letter == 'i';
     const bool isReal = std::string_view("fFeEgGaA").find(conversion.letter) != std::string_view::npos;
     const char letter = isSigned ? 'd' : isReal ? 'f' : 'u';
-    if (conversion.width == Conversion::FROM_ARGUMENT || conversion.precision == Conversion::FROM_ARGUMENT) {
+    if (conversion.width == Conversion::kFromArgument || conversion.precision == Conversion::kFromArgument) {
         return {'*'};
     }
     if (conversion.letter == 's' || conversion.letter == 'p' || conversion.letter == 'c') {

@@ -14,8 +14,8 @@ enum class Length { NONE, CHAR, SHORT, LONG, LONG_LONG, SIZE, MAX, PTRDIFF, LONG
 
 struct Conversion {
     // A width or precision that stands in the arguments.
-    static constexpr int FROM_ARGUMENT = -2;
-    static constexpr int ABSENT = -1;
+    static constexpr int kFromArgument = -2;
+    static constexpr int kAbsent = -1;
 
     bool isPublic = false;
     bool isMarked = false;  // with either marker
@@ -24,14 +24,14 @@ struct Conversion {
     bool space = false;
     bool alternate = false;
     bool zeroFilled = false;
-    int width = ABSENT;
-    int precision = ABSENT;
+    int width = kAbsent;
+    int precision = kAbsent;
     Length length = Length::NONE;
     char letter = '\0';
 
     bool IsPlain() const
     {
-        return !leftAligned && !plus && !space && !alternate && !zeroFilled && width == ABSENT && precision == ABSENT;
+        return !leftAligned && !plus && !space && !alternate && !zeroFilled && width == kAbsent && precision == kAbsent;
     }
 };
 
@@ -49,12 +49,12 @@ constexpr bool Take(const char*& text, std::string_view word)
     return true;
 }
 
-inline constexpr std::pair<char, bool Conversion::*> FLAGS[] = {{'-', &Conversion::leftAligned},
+inline constexpr std::pair<char, bool Conversion::*> kFlags[] = {{'-', &Conversion::leftAligned},
     {'+', &Conversion::plus}, {' ', &Conversion::space}, {'#', &Conversion::alternate}, {'0', &Conversion::zeroFilled}};
 
 constexpr bool TakeFlag(const char*& text, Conversion& conversion)
 {
-    for (const auto& [letter, flag] : FLAGS) {
+    for (const auto& [letter, flag] : kFlags) {
         if (*text == letter) {
             conversion.*flag = true;
             ++text;
@@ -77,22 +77,22 @@ constexpr int ParseNumber(const char*& text)
 constexpr void ParseWidth(const char*& text, Conversion& conversion)
 {
     if (Take(text, "*")) {
-        conversion.width = Conversion::FROM_ARGUMENT;
+        conversion.width = Conversion::kFromArgument;
     } else if (*text >= '1' && *text <= '9') {
         conversion.width = ParseNumber(text);
     }
     if (Take(text, ".")) {
-        conversion.precision = Take(text, "*") ? Conversion::FROM_ARGUMENT : ParseNumber(text);
+        conversion.precision = Take(text, "*") ? Conversion::kFromArgument : ParseNumber(text);
     }
 }
 
-inline constexpr std::pair<std::string_view, Length> LENGTHS[] = {{"hh", Length::CHAR}, {"h", Length::SHORT},
+inline constexpr std::pair<std::string_view, Length> kLengths[] = {{"hh", Length::CHAR}, {"h", Length::SHORT},
     {"ll", Length::LONG_LONG}, {"l", Length::LONG}, {"z", Length::SIZE}, {"j", Length::MAX}, {"t", Length::PTRDIFF},
     {"L", Length::LONG_DOUBLE}};
 
 constexpr Length ParseLength(const char*& text)
 {
-    for (const auto& [letters, length] : LENGTHS) {
+    for (const auto& [letters, length] : kLengths) {
         if (Take(text, letters)) {
             return length;
         }
