@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <utility>
 
@@ -38,9 +39,8 @@ LogSink* MakeNamedSink(std::string_view name)
     return nullptr;
 }
 
-void ReportUnusable(LogSink& sink, std::string_view name, int error)
+void Report(LogSink& sink, const std::string& message)
 {
-    const std::string message = "KOLOG_SINK=" + std::string(name) + " can't be used, error " + std::to_string(error);
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
     sink.Write({KOLOG_TYPE_CORE, KOLOG_WARN, 0, "KOLOG", getpid(), gettid(), now, "%{public}s", message});
@@ -55,7 +55,9 @@ LogSink* MakeEnvironmentSink()
         const int error = errno;
         sink = MakeStderrLogSink().release();
         if (!wantsStderr) {
-            ReportUnusable(*sink, name, error);
+            const char* const reason =
+                error == EINVAL ? "it is none of stderr, file:PATH, journal and ring" : strerror(error);
+            Report(*sink, "KOLOG_SINK=" + std::string(name) + " can't be used: " + reason);
         }
     }
     return sink;
@@ -63,7 +65,7 @@ LogSink* MakeEnvironmentSink()
 
 }  // namespace
 
-uint32_t LevelFromText(std::string_view text)
+std::optional<uint32_t> LevelFromText(std::string_view text)
 {
     static constexpr std::pair<std::string_view, uint32_t> names[] = {{"debug", KOLOG_DEBUG}, {"info", KOLOG_INFO},
         {"warn", KOLOG_WARN}, {"error", KOLOG_ERROR}, {"fatal", KOLOG_FATAL}};
@@ -74,12 +76,19 @@ uint32_t LevelFromText(std::string_view text)
     }
     uint32_t number = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    return error == std::errc() && end == text.data() + text.size() && number > 0 ? number : KOLOG_INFO;
+    const bool isNumber = error == std::errc() && end == text.data() + text.size() && number > 0;
+    return isNumber ? std::optional(number) : std::nullopt;
 }
 
 uint32_t EnvironmentLevel()
 {
-    return LevelFromText(FromEnvironment("KOLOG_LEVEL"));
+    const std::string_view text = FromEnvironment("KOLOG_LEVEL");
+    const std::optional<uint32_t> level = LevelFromText(text);
+    if (!level && !text.empty()) {
+        Report(EnvironmentSink(), "KOLOG_LEVEL=" + std::string(text) +
+                                      " is none of debug, info, warn, error, fatal and a number; it is info now");
+    }
+    return level.value_or(KOLOG_INFO);
 }
 
 bool EnvironmentShowsPrivate()
