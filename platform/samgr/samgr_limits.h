@@ -61,6 +61,8 @@ inline constexpr std::chrono::seconds kMaxStartTimeout = std::chrono::seconds(30
 
 // Bytes of a line of a program's output in the log. A longer one continues as another line.
 inline constexpr size_t kMaxOutputLine = 1000;
+// Bytes of a program's last line in the reason of its failure, so that a reason stays short.
+inline constexpr size_t kMaxLastLine = 200;
 // Reads of output after a program's end, together a full pipe: what the program has started may write on without end.
 inline constexpr int kLastReads = 16;
 

@@ -17,9 +17,10 @@ enum ManagerRequest : uint32_t {
     LOAD_SYSTEM_ABILITY = 2,    // int32 id, callback object ->
     ADD_SYSTEM_ABILITY = 3,     // int32 id, object ->
     REMOVE_SYSTEM_ABILITY = 4,  // int32 id ->
+    LIST_SYSTEM_ABILITIES = 5,  // -> string: a JSON list
 };
 
-// Writes the fields that every request to the manager begins with.
+// Writes the fields that every request to the manager but the list begins with; that has the token alone.
 inline bool WriteHead(MessageParcel& data, int32_t systemAbilityId)
 {
     return data.WriteInterfaceToken(ISystemAbilityManager::GetDescriptor()) && data.WriteInt32(systemAbilityId);

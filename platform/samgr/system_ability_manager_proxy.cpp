@@ -159,4 +159,19 @@ int32_t SystemAbilityManagerProxy::RemoveSystemAbility(int32_t systemAbilityId)
     return samgr::Register(Remote(), systemAbilityId, nullptr);
 }
 
+int32_t SystemAbilityManagerProxy::ListSystemAbilities(std::string& services)
+{
+    MessageParcel data;
+    MessageParcel reply;
+    MessageOption option(MessageOption::TF_SYNC, samgr::kManagerWaitSeconds);
+    int32_t result = data.WriteInterfaceToken(GetDescriptor())
+                         ? Remote()->SendRequest(samgr::LIST_SYSTEM_ABILITIES, data, reply, option)
+                         : int32_t{IPC_FAILED};
+    result = result == SAMGR_OK && !reply.ReadString(services) ? int32_t{IPC_FAILED} : result;
+    if (result != SAMGR_OK) {
+        SAMGR_LOGE("the services can't be listed: %{public}s (%{public}d)", samgr::ResultText(result), result);
+    }
+    return result;
+}
+
 }  // namespace VEXA

@@ -17,6 +17,7 @@ public:
     int32_t LoadSystemAbility(int32_t systemAbilityId, const sptr<ISystemAbilityLoadCallback>& callback) override;
     int32_t AddSystemAbility(int32_t systemAbilityId, const sptr<IRemoteObject>& object) override;
     int32_t RemoveSystemAbility(int32_t systemAbilityId) override;
+    int32_t ListSystemAbilities(std::string& services) override;
 
 private:
     static BrokerDelegator<SystemAbilityManagerProxy> delegator_;

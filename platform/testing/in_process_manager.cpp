@@ -22,6 +22,12 @@ void ScriptedManager::SetLoadable(int32_t id, const sptr<IRemoteObject>& object)
     loadable_[id].Swap(swapped);
 }
 
+void ScriptedManager::SetListed(std::string services)
+{
+    MutexLock lock(mutex_);
+    listed_.swap(services);
+}
+
 void ScriptedManager::OnCheck(CheckAnswer answer)
 {
     MutexLock lock(mutex_);
@@ -131,6 +137,13 @@ int32_t ScriptedManager::RemoveSystemAbility(int32_t systemAbilityId)
 {
     Record({Operation::REMOVE, systemAbilityId, 0});
     SetRunning(systemAbilityId, nullptr);
+    return SAMGR_OK;
+}
+
+int32_t ScriptedManager::ListSystemAbilities(std::string& services)
+{
+    MutexLock lock(mutex_);
+    services = listed_;
     return SAMGR_OK;
 }
 

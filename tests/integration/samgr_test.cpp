@@ -36,9 +36,11 @@ constexpr char kDescription[] = R"sh(
 
 // Loads that fail: the rest of the profile, and the reason.
 const std::pair<const char*, const char*> kFailures[] = {
-    {R"(, "arguments": ["-c", "exit 3"])", "ended with status 3 before"},
+    {R"(, "arguments": ["-c", "echo no room >&2; echo end; exit 3"])",
+        "ended with status 3 before it registered: no room"},
     {R"(, "arguments": ["-c", "kill -SEGV $$$$"])", "ended by signal 11"},
-    {R"(, "arguments": ["-c", "sleep 60 & echo $$! >$$VEXA_RUNTIME_DIR.child; wait"], "startTimeout": 0.3)", "in time"},
+    {R"(, "arguments": ["-c", "printf late >&2; sleep 60 & echo $$! >$$VEXA_RUNTIME_DIR.child; wait"], "startTimeout": 0.3)",
+        "in time and was ended: late"},
     {R"(, "arguments": ["${NOT_SET}"])", "NOT_SET"}, {R"(, "arguments": ["${HOME"])", "not closed"},
     {R"(, "directory": "/no/such")", "changing to its directory: No such file"}};
 

@@ -41,8 +41,9 @@ TEST(SamgrProfile, NumbersAndUsersAreReadAndHaveDefaults)
 TEST(SamgrProfile, FaultsAreNamed)
 {
     const std::string sound = R"({"id": 1, "program": "p"})";
-    std::vector<std::pair<std::string, std::string>> cases{{"[" + sound + "]", "JSON"}, {sound + " x", "JSON"},
-        {sound + '\0', "JSON"}, {R"({"program": "p"})", "id"}, {R"({"id": 1})", "program"}};
+    std::vector<std::pair<std::string, std::string>> cases{{"[" + sound + "]", "one JSON object"},
+        {sound + "\n\nx", "line 3 is"}, {"\n" + sound + '\0', "line 2 is"}, {R"({"program": "p"})", "id"},
+        {R"({"id": 1})", "program"}};
     // The first member of a name counts, and each fault names it.
     for (const std::string member :
         {R"("id": 0)", R"("id": 1.5)", R"("id": 2147483648)", R"("program": "")", R"("arguements": [])",
@@ -76,9 +77,10 @@ TEST(SamgrProfile, DirectoriesAreReadInOrderAndTheFirstOfAnIdentifierWins)
     RecordingLogSink log;
     const auto profiles = ReadProfiles({folder + "/absent", folder});
     const std::pair<const char*, const char*> leftOut[] = {{"b.json", "another one names service 1 already"},
-        {"c.json", "is larger than 65536 bytes"}, {"d.json", "is not one JSON object"}, {"f.json", "is not a file"},
+        {"c.json", "is larger than 65536 bytes"}, {"d.json", "line 1 is not JSON"}, {"f.json", "is not a file"},
         {"g.json", "is not a file"}};
-    std::vector lines{RecordedMessage{KOLOG_WARN, "", "profiles of " + folder + "/absent: No such file or directory"}};
+    std::vector lines{
+        RecordedMessage{KOLOG_ERROR, "", "profiles of " + folder + "/absent can't be read: No such file or directory"}};
     for (const auto& [name, reason] : leftOut) {
         lines.push_back({KOLOG_ERROR, "", "profile " + folder + "/" + name + " is left out: " + reason});
     }

@@ -35,9 +35,11 @@ class CountingStarter : public ProgramStarter {
 public:
     pid_t Start(const Profile&, std::string&) override { return 1000 + starts++; }
     void Kill(pid_t pid) override { killed.push_back(pid); }
+    std::string LastLine(pid_t) override { return lastLine; }
 
     int starts = 0;
     std::vector<pid_t> killed;
+    std::string lastLine;
 };
 
 class SamgrTable : public testing::Test {
@@ -106,13 +108,15 @@ TEST_F(SamgrTable, LoadsOfOneServiceStartOneProgramAndAllGetItsObject)
 
 TEST_F(SamgrTable, FailedStartsLeaveNothingStarting)
 {
-    const auto expectOutcome = [this](int32_t error) {
+    const auto expectOutcome = [this](int32_t error, const std::string& reason = "") {
         ASSERT_TRUE(outcomes_.size() == 1 && outcomes_[0].error == error) << error;
+        EXPECT_TRUE(reason.empty() || outcomes_[0].reason == reason) << outcomes_[0].reason;
         EXPECT_EQ(table_->RunDue(), TimePoint::max());
         outcomes_.clear();
     };
     End(LoadAndStart(), 0);
-    expectOutcome(SAMGR_PROGRAM_EXITED);
+    expectOutcome(SAMGR_PROGRAM_EXITED, "service[1000] ended with status 0 before it registered");
+    starter_.lastLine = std::string(199, 'x') + "\u00e9 and more";
     const pid_t slow = LoadAndStart();
     now_ += 4999ms;
     UseProfile(Profile(), kId + 1);
@@ -123,13 +127,14 @@ TEST_F(SamgrTable, FailedStartsLeaveNothingStarting)
     UseProfile(Profile());
     now_ += 1ms;
     table_->RunDue();
-    expectOutcome(SAMGR_PROGRAM_SLOW);
+    expectOutcome(SAMGR_PROGRAM_SLOW, "process 1001 did not register in time and was ended: " + std::string(199, 'x'));
+    starter_.lastLine = "it";
     EXPECT_EQ(starter_.killed, std::vector<pid_t>{slow});
     const pid_t next = LoadAndStart();
     End(slow, SIGKILL);
     EXPECT_TRUE(outcomes_.empty()) << "that was not the end of this one";
     End(next, 0);
-    expectOutcome(SAMGR_PROGRAM_EXITED);
+    expectOutcome(SAMGR_PROGRAM_EXITED, "service[1003] ended with status 0 before it registered: it");
     Load();
     table_->SetProfiles({});
     table_->RunDue();
@@ -214,6 +219,42 @@ TEST_F(SamgrTable, LookupAndLoadFollowTheProfileOfNow)
     EXPECT_EQ(Load(), SAMGR_NO_PROFILE);
 }
 
+TEST_F(SamgrTable, TheListShowsWhoMayLookUpHowEachServiceStands)
+{
+    Profile closed;
+    closed.uid = 30;
+    closed.lookup.uids = {kServiceUser};
+    UseProfile(closed);
+    const sptr<IRemoteObject> manager(new ManagerStub(table_));
+    const auto list = [&] {
+        std::string listed;
+        EXPECT_EQ(SystemAbilityManagerProxy(manager).ListSystemAbilities(listed), SAMGR_OK);
+        return listed;
+    };
+    EXPECT_EQ(list() + table_->List(kClient), "[][]");
+    closed.lookup.uids = {geteuid(), kOtherUser};
+    UseProfile(closed);
+    const auto expect = [&list](const std::string& process, const std::string& counts) {
+        EXPECT_EQ(list(), R"([{"id":7,"program":"service","state":)" + process + "," + counts + "\"}]");
+    };
+    const std::string none = R"("idle","pid":null,"user":null)";
+    Load();
+    expect(R"("waiting","pid":null,"user":null)", R"("starts":0,"failures":0,"lastFailure":")");
+    table_->RunDue();
+    expect(R"("starting","pid":1000,"user":30)", R"("starts":1,"failures":0,"lastFailure":")");
+    Register(1000);
+    expect(R"("running","pid":1000,"user":600)", R"("starts":1,"failures":0,"lastFailure":")");
+    starter_.lastLine = "it";
+    End(1000, -3);
+    expect(none, R"("starts":1,"failures":1,"lastFailure":"service[1000] ended with status 3: it)");
+    End(LoadAndStart(), SIGKILL);
+    const std::string killed = "service[1001] was ended by signal 9 (Killed) before it registered: it";
+    expect(none, R"("starts":2,"failures":2,"lastFailure":")" + killed);
+    Register(LoadAndStart());
+    End(1002, 0);
+    expect(none, R"("starts":3,"failures":2,"lastFailure":")" + killed);
+}
+
 TEST_F(SamgrTable, StartsWaitForServicesOfAFormerManager)
 {
     table_ = sptr<ServiceTable>(new ServiceTable({&starter_, [this] { return now_; }, [] {}, now_ + 300ms}));
@@ -268,7 +309,7 @@ TEST_F(SamgrTable, RequestsReachTheTableAndItsAnswersTheirCallers)
     const sptr<ScriptedRemoteObject> callback(new ScriptedRemoteObject);
     callback->QueueAnswer(IPC_FAILED);
     callback->QueueAnswer(IPC_QUEUE_FULL);
-    const std::tuple<uint32_t, sptr<IRemoteObject>, int32_t> requests[] = {{5, nullptr, IPC_UNKNOWN_REQUEST},
+    const std::tuple<uint32_t, sptr<IRemoteObject>, int32_t> requests[] = {{6, nullptr, IPC_UNKNOWN_REQUEST},
         {REMOVE_SYSTEM_ABILITY, nullptr, SAMGR_BAD_REQUEST},
         {LOAD_SYSTEM_ABILITY, manager, SAMGR_BAD_REQUEST},  // one of its own objects
         {LOAD_SYSTEM_ABILITY, callback, SAMGR_OK}};

@@ -49,14 +49,17 @@ ManagerStub::ManagerStub(const sptr<ServiceTable>& table)
 
 int32_t ManagerStub::OnRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option)
 {
-    if (code < CHECK_SYSTEM_ABILITY || code > REMOVE_SYSTEM_ABILITY) {
+    if (code < CHECK_SYSTEM_ABILITY || code > LIST_SYSTEM_ABILITIES) {
         return IPCObjectStub::OnRemoteRequest(code, data, reply, option);
     }
     int32_t id = 0;
-    if (data.ReadInterfaceToken() != GetObjectDescriptor() || !data.ReadInt32(id)) {
+    if (data.ReadInterfaceToken() != GetObjectDescriptor() || (code != LIST_SYSTEM_ABILITIES && !data.ReadInt32(id))) {
         return SAMGR_BAD_REQUEST;
     }
     const Caller caller{IPCSkeleton::GetCallingPid(), IPCSkeleton::GetCallingUid(), &IPCSkeleton::IsCallerInGroup};
+    if (code == LIST_SYSTEM_ABILITIES) {
+        return reply.WriteString(table_->List(caller)) ? SAMGR_OK : int32_t{IPC_FAILED};
+    }
     int32_t result = SAMGR_OK;
     const char* operation = "removal";
     if (code == CHECK_SYSTEM_ABILITY) {

@@ -140,14 +140,14 @@ private:
     // A service that registers again with the next manager is not that one's child: it must be allowed as a user.
     void ReadOwnUser(Profile& profile)
     {
-        uid_t uid = geteuid();
-        if (!profile.user.empty() && !FindUid(profile.user, uid)) {
+        profile.uid = geteuid();
+        if (!profile.user.empty() && !FindUid(profile.user, profile.uid)) {
             Fault("user \"" + profile.user + "\" is not known");
         }
         if (Item("register") == nullptr) {
-            profile.registrars.uids = {geteuid(), uid};
+            profile.registrars.uids = {geteuid(), profile.uid};
         }
-        profile.lookup.uids = {0, geteuid(), uid};
+        profile.lookup.uids = {0, geteuid(), profile.uid};
     }
 
     void ReadAccess(const char* key, AccessList& list)
@@ -228,7 +228,7 @@ std::vector<std::filesystem::path> ProfileFiles(const std::string& directory)
     const std::unique_ptr<DIR, decltype(close)> folder(opendir(directory.c_str()), close);
     if (folder == nullptr) {
         ThrowWithoutMemory(errno);
-        SAMGR_LOGW("profiles of %{public}s: %{public}s", directory.c_str(), std::strerror(errno));
+        SAMGR_LOGE("profiles of %{public}s can't be read: %{public}s", directory.c_str(), std::strerror(errno));
     }
     while (const dirent* const entry = folder != nullptr ? readdir(folder.get()) : nullptr) {
         const auto path = std::filesystem::path(directory) / entry->d_name;
@@ -264,13 +264,15 @@ bool ParseProfile(const std::string& text, Profile& profile, std::string& error)
 {
     profile = Profile();
     error.clear();
-    const bool hasNul = text.find('\0') != std::string::npos;
+    const size_t nul = text.find('\0');
+    const char* end = text.c_str() + std::min(nul, text.size());
     errno = 0;
     const JsonRoot root(
-        hasNul ? nullptr : cJSON_ParseWithLengthOpts(text.c_str(), text.size() + 1, nullptr, 1), &cJSON_Delete);
+        nul != text.npos ? nullptr : cJSON_ParseWithLengthOpts(text.c_str(), text.size() + 1, &end, 1), &cJSON_Delete);
     ThrowWithoutMemory(root == nullptr ? errno : 0);  // the text may be a sound one
     if (!cJSON_IsObject(root.get())) {
-        error = "is not one JSON object";
+        const auto line = std::to_string(1 + std::count(text.c_str(), end, '\n'));
+        error = root == nullptr ? "line " + line + " is not JSON" : "is not one JSON object";
         return false;
     }
     return ProfileReader(root.get(), error).Read(profile);

@@ -38,8 +38,9 @@ struct Profile {
     int32_t id = 0;
     std::string program;
     std::vector<std::string> arguments;
-    std::string user;       // empty: the manager's own
-    std::string directory;  // empty: /
+    std::string user;                    // empty: the manager's own
+    uid_t uid = static_cast<uid_t>(-1);  // of that user
+    std::string directory;               // empty: /
     std::map<std::string, std::string> environment;
     std::chrono::milliseconds startTimeout = kStartTimeout;
     AccessList registrars;

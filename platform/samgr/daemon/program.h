@@ -27,6 +27,9 @@ public:
     virtual pid_t Start(const Profile& profile, std::string& reason) = 0;
     // Ends a program that Start has started and whose end has not been reported.
     virtual void Kill(pid_t pid) = 0;
+    // Returns the last line that such a program has written to standard error, empty for none; still when its end is
+    // reported.
+    virtual std::string LastLine(pid_t pid) = 0;
 };
 
 }  // namespace VEXA::samgr

@@ -29,30 +29,49 @@ struct ProgramRunner::Program {
         : runner(owner),
           name(programName),
           spawned(std::move(started)),
-          lines([this](const std::string& line) { LogLine(name, spawned.pid, line); })
+          output{spawned.output, OutputLines([this](const std::string& line) { LogLine(name, spawned.pid, line); })},
+          errors{spawned.errors, OutputLines([this](const std::string& line) {
+                     LogLine(name, spawned.pid, line);
+                     lastLine = line;
+                 })}
     {}
-    ~Program()
-    {
-        sd_event_source_disable_unref(output);
-        sd_event_source_disable_unref(exit);
-    }
+    ~Program() { sd_event_source_disable_unref(exit); }
 
-    // False at the end of the output, or when there is nothing to read now.
-    bool ReadSome()
-    {
-        std::array<char, 4096> chunk;
-        const ssize_t count = read(spawned.output.Get(), chunk.data(), chunk.size());
-        if (count > 0) {
-            lines.Take(chunk.data(), static_cast<size_t>(count));
+    // Its standard output or error.
+    struct Stream {
+        const UniqueFd& fd;
+        OutputLines lines;
+        sd_event_source* source = nullptr;
+
+        ~Stream() { sd_event_source_disable_unref(source); }
+        // False at the end of the stream, or when there is nothing to read now.
+        bool ReadSome()
+        {
+            std::array<char, 4096> chunk;
+            const ssize_t count = read(fd.Get(), chunk.data(), chunk.size());
+            if (count > 0) {
+                lines.Take(chunk.data(), static_cast<size_t>(count));
+            }
+            return count > 0;
         }
-        return count > 0;
-    }
+        bool Watch(sd_event* loop)
+        {
+            return sd_event_add_io(loop, &source, fd.Get(), EPOLLIN, &ProgramRunner::OnOutput, this) >= 0;
+        }
+        void ReadLast()
+        {
+            for (int reads = 0; reads < kLastReads && ReadSome(); ++reads) {
+            }
+            lines.Flush();
+        }
+    };
 
     ProgramRunner& runner;
     const std::string name;
     SpawnedProgram spawned;
-    OutputLines lines;
-    sd_event_source* output = nullptr;
+    std::string lastLine;  // of standard error
+    Stream output;
+    Stream errors;
     sd_event_source* exit = nullptr;
 };
 
@@ -91,14 +110,13 @@ bool ProgramRunner::Watch(Program& program)
 {
     return sd_event_add_child(loop_, &program.exit, program.spawned.pid, WEXITED, &ProgramRunner::OnExit, &program) >=
                0 &&
-           sd_event_add_io(
-               loop_, &program.output, program.spawned.output.Get(), EPOLLIN, &ProgramRunner::OnOutput, &program) >= 0;
+           program.output.Watch(loop_) && program.errors.Watch(loop_);
 }
 
 int ProgramRunner::OnOutput(sd_event_source* source, int, uint32_t events, void* data)
 {
-    auto* program = static_cast<Program*>(data);
-    if (!program->ReadSome() && (events & (EPOLLHUP | EPOLLERR)) != 0) {
+    auto* stream = static_cast<Program::Stream*>(data);
+    if (!stream->ReadSome() && (events & (EPOLLHUP | EPOLLERR)) != 0) {
         sd_event_source_set_enabled(source, SD_EVENT_OFF);
     }
     return 0;
@@ -109,9 +127,8 @@ int ProgramRunner::OnExit(sd_event_source*, const siginfo_t* info, void* data)
     auto* program = static_cast<Program*>(data);
     ProgramRunner& runner = program->runner;
     const pid_t pid = program->spawned.pid;
-    for (int reads = 0; reads < kLastReads && program->ReadSome(); ++reads) {
-    }
-    program->lines.Flush();
+    program->output.ReadLast();
+    program->errors.ReadLast();
     ProgramEnd end;
     end.bySignal = info->si_code != CLD_EXITED;
     end.status = info->si_status;
@@ -132,6 +149,16 @@ void ProgramRunner::Kill(pid_t pid)
         kill(pid, SIGKILL);  // before it has made its session, there is no group
         kill(-pid, SIGKILL);
     }
+}
+
+std::string ProgramRunner::LastLine(pid_t pid)
+{
+    const auto found = programs_.find(pid);
+    if (found == programs_.end()) {
+        return "";
+    }
+    found->second->errors.lines.Flush();
+    return found->second->lastLine;
 }
 
 void ProgramRunner::SignalAll(int signal)

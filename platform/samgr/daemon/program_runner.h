@@ -23,6 +23,7 @@ public:
 
     pid_t Start(const Profile& profile, std::string& reason) override;
     void Kill(pid_t pid) override;
+    std::string LastLine(pid_t pid) override;
     // Sends the signal to every program and what it has started in its session's first process group.
     void SignalAll(int signal);
     bool Empty() const { return programs_.empty(); }

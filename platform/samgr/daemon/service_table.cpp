@@ -1,9 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "daemon/service_table.h"
 
+#include <cjson/cJSON.h>
+
 #include <algorithm>
 #include <csignal>
 #include <cstring>
+#include <memory>
+#include <new>
 #include <utility>
 
 #include "samgr_limits.h"
@@ -13,17 +17,28 @@ namespace VEXA::samgr {
 
 namespace {
 
-LoadOutcome EndOutcome(int32_t id, const ProfilePtr& profile, pid_t pid, const ProgramEnd& end)
+// How the program ended, and what it said last.
+std::string EndReason(
+    const Profile* profile, pid_t pid, const ProgramEnd& end, bool isRegistered, const std::string& said)
 {
     const std::string program = (profile != nullptr ? profile->program : "program") + "[" + std::to_string(pid) + "]";
     if (end.startErrno != 0) {
-        return {id, SAMGR_PROGRAM_MISSING, nullptr,
-            program + " can't be started: " + end.startStep + ": " + strerror(end.startErrno)};
+        return program + " can't be started: " + end.startStep + ": " + strerror(end.startErrno);
     }
     const std::string how =
         end.bySignal ? " was ended by signal " + std::to_string(end.status) + " (" + strsignal(end.status) + ")"
                      : " ended with status " + std::to_string(end.status);
-    return {id, SAMGR_PROGRAM_EXITED, nullptr, program + how + " before it registered"};
+    return program + how + (isRegistered ? "" : " before it registered") + said;
+}
+
+// The last line of a program as the end of a reason, cut between two characters.
+std::string Said(const std::string& line)
+{
+    size_t length = std::min(line.size(), kMaxLastLine);
+    while (length > 0 && length < line.size() && (line[length] & 0xC0) == 0x80) {
+        --length;
+    }
+    return line.empty() ? line : ": " + line.substr(0, length);
 }
 
 }  // namespace
@@ -149,6 +164,7 @@ int32_t ServiceTable::Add(int32_t id, const Caller& caller, const sptr<IRemoteOb
         service->object = object;
         service->recipient = recipient;
         service->owner = caller.pid;
+        service->ownerUid = caller.uid;
         if (program != nullptr) {
             program->registered = true;
         }
@@ -178,6 +194,41 @@ int32_t ServiceTable::Remove(int32_t id, const Caller& caller)
     object->RemoveDeathRecipient(recipient);
     SAMGR_LOGI("service %{public}d is withdrawn by process %{public}d", id, caller.pid);
     return SAMGR_OK;
+}
+
+std::string ServiceTable::List(const Caller& caller)
+{
+    const std::unique_ptr<cJSON, decltype(&cJSON_Delete)> list(cJSON_CreateArray(), &cJSON_Delete);
+    MutexLock lock(mutex_);
+    for (const auto& [id, service] : services_) {
+        if (service.profile != nullptr && service.profile->lookup.Allows(caller) &&
+            !Describe(id, service, list.get())) {
+            throw std::bad_alloc();
+        }
+    }
+    const std::unique_ptr<char, decltype(&cJSON_free)> text(cJSON_PrintUnformatted(list.get()), &cJSON_free);
+    return text != nullptr ? std::string(text.get()) : throw std::bad_alloc();
+}
+
+bool ServiceTable::Describe(int32_t id, const Service& service, cJSON* list)
+{
+    static constexpr const char* phases[] = {"idle", "waiting", "starting"};
+    const bool isRunning = Lives(service);
+    const bool hasProcess = isRunning || service.phase == Phase::kStarting;
+    cJSON* const object = cJSON_CreateObject();
+    const auto text = [object](const char* key, const char* value) {
+        return cJSON_AddStringToObject(object, key, value) != nullptr;
+    };
+    const auto number = [object](const char* key, double value, bool isThere) {
+        return (isThere ? cJSON_AddNumberToObject(object, key, value) : cJSON_AddNullToObject(object, key)) != nullptr;
+    };
+    return cJSON_AddItemToArray(list, object) != 0 && number("id", id, true) &&
+           text("program", service.profile->program.c_str()) &&
+           text("state", isRunning ? "running" : phases[static_cast<size_t>(service.phase)]) &&
+           number("pid", isRunning ? service.owner : service.program, hasProcess) &&
+           number("user", isRunning ? service.ownerUid : service.profile->uid, hasProcess) &&
+           number("starts", service.starts, true) && number("failures", service.failures, true) &&
+           text("lastFailure", service.lastFailure.c_str());
 }
 
 ServiceTable::TimePoint ServiceTable::RunDue()
@@ -225,6 +276,7 @@ void ServiceTable::Start(int32_t id, Service& service, Completions& completions)
     }
     service.phase = Phase::kStarting;
     service.program = pid;
+    ++service.starts;
     service.due = setting_.now() + service.profile->startTimeout;
     auto program = started.extract(started.begin());
     program.key() = pid;
@@ -236,19 +288,29 @@ void ServiceTable::Start(int32_t id, Service& service, Completions& completions)
 void ServiceTable::TimeOut(int32_t id, Service& service, Completions& completions) const
 {
     setting_.starter->Kill(service.program);
-    const std::string reason = "process " + std::to_string(service.program) + " did not register in time and was ended";
+    const std::string reason = "process " + std::to_string(service.program) +
+                               " did not register in time and was ended" +
+                               Said(setting_.starter->LastLine(service.program));
     Finish(service, {id, SAMGR_PROGRAM_SLOW, nullptr, reason}, completions);
 }
 
 // Leaves the service idle; those who wait get the outcome once the lock is free.
 void ServiceTable::Finish(Service& service, const LoadOutcome& outcome, Completions& completions)
 {
+    std::string reason = outcome.reason;  // first, as it may throw
     completions.push_back({outcome, {}});
     completions.back().waiting.swap(service.waiting);
     service.phase = Phase::kIdle;
     if (outcome.error != SAMGR_OK) {
-        SAMGR_LOGE("service %{public}d: %{public}s", outcome.systemAbilityId, outcome.reason.c_str());
+        NoteFailure(outcome.systemAbilityId, service, std::move(reason));
     }
+}
+
+void ServiceTable::NoteFailure(int32_t id, Service& service, std::string reason)
+{
+    SAMGR_LOGE("service %{public}d: %{public}s", id, reason.c_str());
+    ++service.failures;
+    service.lastFailure = std::move(reason);
 }
 
 void ServiceTable::Run(const Completions& completions)
@@ -276,11 +338,17 @@ void ServiceTable::OnProgramEnd(pid_t pid, const ProgramEnd& end)
         }
         const auto [id, startedAt, registered] = program->second;
         Service& service = services_[id];
+        const bool hasFailed = end.bySignal || end.status != 0;
+        std::string reason =
+            EndReason(service.profile.get(), pid, end, registered, Said(setting_.starter->LastLine(pid)));
         if (service.phase == Phase::kStarting && service.program == pid) {
-            Finish(service, EndOutcome(id, service.profile, pid, end), completions);
+            const int32_t error = end.startErrno != 0 ? SAMGR_PROGRAM_MISSING : SAMGR_PROGRAM_EXITED;
+            Finish(service, {id, error, nullptr, std::move(reason)}, completions);
+        } else if (registered && hasFailed && !stopped_) {
+            NoteFailure(id, service, std::move(reason));
         }
-        service.throttle.Note({startedAt, setting_.now(), registered, end.bySignal || end.status != 0,
-            end.bySignal && end.status == SIGKILL});
+        service.throttle.Note(
+            {startedAt, setting_.now(), registered, hasFailed, end.bySignal && end.status == SIGKILL});
         programs_.erase(program);
     }
     Run(completions);

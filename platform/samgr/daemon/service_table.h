@@ -17,6 +17,8 @@
 #include "vexa/base/mutex.h"
 #include "vexa/ipc/iremote_object.h"
 
+struct cJSON;
+
 namespace VEXA::samgr {
 
 // Requests come from any thread and never block; programs are started, and time-outs noticed, by RunDue, which one
@@ -44,6 +46,8 @@ public:
     int32_t Load(int32_t id, const Caller& caller, LoadDone done);
     int32_t Add(int32_t id, const Caller& caller, const sptr<IRemoteObject>& object);
     int32_t Remove(int32_t id, const Caller& caller);
+    // The services that the caller may look up, as ISystemAbilityManager's list.
+    std::string List(const Caller& caller);
 
     // Does what is due; returns when it wants to be called next, TimePoint::max() for not at all.
     TimePoint RunDue();
@@ -59,12 +63,16 @@ private:
         ProfilePtr profile;
         sptr<IRemoteObject> object;  // registered, null when there is none
         sptr<IRemoteObject::DeathRecipient> recipient;
-        pid_t owner = -1;  // the process that registered it
+        pid_t owner = -1;  // the process that registered it, and its user
+        uid_t ownerUid = static_cast<uid_t>(-1);
         Phase phase = Phase::kIdle;
         TimePoint due;       // of the start or of its time-out, unless idle
         pid_t program = -1;  // the one whose registration the start waits for
         RestartThrottle throttle;
         std::vector<LoadDone> waiting;
+        int32_t starts = 0;
+        int32_t failures = 0;
+        std::string lastFailure;
     };
     struct Program {
         int32_t id = 0;
@@ -82,9 +90,12 @@ private:
     // Returns the service to whoever may look it up; null, with the result for the others.
     Service* FindFor(const Caller& caller, int32_t id, int32_t& result) VEXA_REQUIRES(mutex_);
     Program* FindProgram(int32_t id, pid_t pid) VEXA_REQUIRES(mutex_);
+    // Appends the service to a list. False without memory.
+    static bool Describe(int32_t id, const Service& service, cJSON* list);
     static void Forget(Service& service);
     static bool Lives(const Service& service);
     void Start(int32_t id, Service& service, Completions& completions) VEXA_REQUIRES(mutex_);
+    static void NoteFailure(int32_t id, Service& service, std::string reason);
     void TimeOut(int32_t id, Service& service, Completions& completions) const VEXA_REQUIRES(mutex_);
     static void Finish(Service& service, const LoadOutcome& outcome, Completions& completions);
     static void Run(const Completions& completions);

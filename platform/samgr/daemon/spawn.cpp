@@ -145,6 +145,7 @@ struct ChildView {
     char* const* environment;
     int input;
     int output;
+    int errors;
     int failure;
 };
 
@@ -181,7 +182,7 @@ void ResetSignals()
 {
     setsid();
     if (dup2(view.input, STDIN_FILENO) < 0 || dup2(view.output, STDOUT_FILENO) < 0 ||
-        dup2(view.output, STDERR_FILENO) < 0) {
+        dup2(view.errors, STDERR_FILENO) < 0) {
         FailChild(view.failure, STEP_PIPES);
     }
     if (view.plan->account && !BecomeUser(*view.plan->account)) {
@@ -219,16 +220,18 @@ bool PlanProgram(const Profile& profile, SpawnPlan& plan, std::string& reason)
 bool Spawn(const SpawnPlan& plan, SpawnedProgram& spawned, std::string& reason)
 {
     UniqueFd outputEnd;
+    UniqueFd errorsEnd;
     UniqueFd failureEnd;
     const UniqueFd input(open("/dev/null", O_RDONLY | O_CLOEXEC));
     if (input.Get() < 0 || !MakePipe(spawned.output, outputEnd, reason) ||
-        !MakePipe(spawned.failure, failureEnd, reason)) {
+        !MakePipe(spawned.errors, errorsEnd, reason) || !MakePipe(spawned.failure, failureEnd, reason)) {
         reason = reason.empty() ? "/dev/null can't be opened" : reason;
         return false;
     }
     const auto arguments = Pointers(plan.arguments);
     const auto environment = Pointers(plan.environment);
-    const ChildView view{&plan, arguments.data(), environment.data(), input.Get(), outputEnd.Get(), failureEnd.Get()};
+    const ChildView view{
+        &plan, arguments.data(), environment.data(), input.Get(), outputEnd.Get(), errorsEnd.Get(), failureEnd.Get()};
     // No handler of this process may run in the child.
     sigset_t all;
     sigset_t before;

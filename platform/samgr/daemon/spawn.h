@@ -30,7 +30,8 @@ bool PlanProgram(const Profile& profile, SpawnPlan& plan, std::string& reason);
 
 struct SpawnedProgram {
     pid_t pid = -1;
-    UniqueFd output;   // its standard output and error; does not block
+    UniqueFd output;  // its standard output, and its standard error; neither blocks
+    UniqueFd errors;
     UniqueFd failure;  // says why it could not be executed, see ReadStartFailure
 };
 

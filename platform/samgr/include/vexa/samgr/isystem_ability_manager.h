@@ -47,6 +47,10 @@ public:
     virtual int32_t AddSystemAbility(int32_t systemAbilityId, const sptr<IRemoteObject>& object) = 0;
     // SAMGR_NOT_ALLOWED also when this process has not added that service, or its object has died.
     virtual int32_t RemoveSystemAbility(int32_t systemAbilityId) = 0;
+
+    // The services that the caller may look up, as JSON for people and scripts, which may gain keys: a list of objects
+    // with "id", "program", "state", "pid", "user", "starts", "failures" and "lastFailure" (docs/manager.md).
+    virtual int32_t ListSystemAbilities(std::string& services) = 0;
 };
 
 }  // namespace VEXA

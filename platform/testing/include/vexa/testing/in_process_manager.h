@@ -46,6 +46,8 @@ public:
     void OnCheck(CheckAnswer answer);
     void OnLoad(LoadAnswer answer);
 
+    // Sets the JSON text that the list of services is; an empty list unless set.
+    void SetListed(std::string services);
     // The result that the asynchronous load returns. With any other than SAMGR_OK, no callback follows.
     void SetAsyncResult(int32_t result);
     // While held, accepted asynchronous loads wait for TakeHeld. Otherwise the callback runs on another thread at once.
@@ -64,6 +66,7 @@ public:
     int32_t LoadSystemAbility(int32_t systemAbilityId, const sptr<ISystemAbilityLoadCallback>& callback) override;
     int32_t AddSystemAbility(int32_t systemAbilityId, const sptr<IRemoteObject>& object) override;
     int32_t RemoveSystemAbility(int32_t systemAbilityId) override;
+    int32_t ListSystemAbilities(std::string& services) override;
 
 private:
     using Objects = std::map<int32_t, sptr<IRemoteObject>>;
@@ -76,6 +79,7 @@ private:
     mutable Mutex mutex_{LockRank::TestManager};
     Objects running_ VEXA_GUARDED_BY(mutex_);
     Objects loadable_ VEXA_GUARDED_BY(mutex_);
+    std::string listed_ VEXA_GUARDED_BY(mutex_) = "[]";
     CheckAnswer checkAnswer_ VEXA_GUARDED_BY(mutex_);
     LoadAnswer loadAnswer_ VEXA_GUARDED_BY(mutex_);
     std::vector<Call> calls_ VEXA_GUARDED_BY(mutex_);
