@@ -60,6 +60,20 @@ void ScriptedRemoteObject::ClearRequests()
     cleared.swap(requests_);
 }
 
+void ScriptedRemoteObject::HoldRequests(std::chrono::milliseconds limit)
+{
+    MutexLock lock(mutex_);
+    isHolding_ = true;
+    holdLimit_ = limit;
+}
+
+void ScriptedRemoteObject::ReleaseRequests()
+{
+    MutexLock lock(mutex_);
+    isHolding_ = false;
+    released_.NotifyAll();
+}
+
 void ScriptedRemoteObject::RefuseDeathRecipients(bool refuse)
 {
     MutexLock lock(mutex_);
@@ -84,6 +98,7 @@ void ScriptedRemoteObject::Die(NoticeThread thread)
     {
         MutexLock lock(mutex_);
         dead_ = true;
+        released_.NotifyAll();
         recipients.swap(recipients_);
     }
     const auto notify = [this, &recipients] {
@@ -120,6 +135,10 @@ int32_t ScriptedRemoteObject::SendRequest(
     {
         MutexLock lock(mutex_);
         requests_.push_back(std::move(request));
+        const auto mayGoOn = [this]() VEXA_REQUIRES(mutex_) { return !isHolding_ || dead_; };
+        if ((option.GetFlags() & MessageOption::TF_ASYNC) == 0 && !released_.WaitFor(mutex_, holdLimit_, mayGoOn)) {
+            return IPC_TIMED_OUT;
+        }
         handler = NextHandler();
     }
     return handler ? handler(code, data, reply, option) : IPC_OK;

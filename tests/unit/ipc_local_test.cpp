@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <functional>
+#include <future>
 #include <memory>
 #include <string>
 
@@ -237,6 +238,29 @@ TEST(InterfaceCast, GivesTheOriginalAtHomeAndAProxyElsewhere)
     sptr<IRemoteObject> to(object);
     to = std::move(from);
     EXPECT_TRUE(to == remote && from == nullptr);
+}
+
+TEST(ScriptedObjectTest, HangsUntilItIsLetGoOrDiesOrTheTimeIsOver)
+{
+    using namespace std::chrono_literals;
+    const sptr<ScriptedRemoteObject> object(new ScriptedRemoteObject);
+    const auto ask = [object](int32_t flags) {
+        MessageParcel parcel;
+        MessageOption option(flags);
+        return object->SendRequest(1, parcel, parcel, option);
+    };
+    object->HoldRequests(1ms);
+    EXPECT_EQ(ask(MessageOption::TF_SYNC), IPC_TIMED_OUT);
+    const std::pair<void (*)(ScriptedRemoteObject&), int32_t> ends[] = {
+        {[](auto& held) { held.ReleaseRequests(); }, IPC_OK}, {[](auto& held) { held.Die(); }, IPC_DEAD_OBJECT}};
+    for (const auto& [end, result] : ends) {
+        object->HoldRequests();
+        EXPECT_EQ(ask(MessageOption::TF_ASYNC), IPC_OK);
+        auto answer = std::async(std::launch::async, ask, MessageOption::TF_SYNC);
+        EXPECT_EQ(answer.wait_for(10ms), std::future_status::timeout);
+        end(*object);
+        EXPECT_EQ(answer.get(), result);
+    }
 }
 
 TEST(ObjectDeathTest, DeletedWhileHeldEndsTheProcessUnlessThatLeaves)

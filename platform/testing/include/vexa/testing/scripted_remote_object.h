@@ -2,6 +2,7 @@
 // A remote object without another process: a proxy that answers as a test says, and dies when it says so.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -47,6 +48,12 @@ public:
     // Forgets them, and the objects that they carry: those may hold this one.
     void ClearRequests();
 
+    // Makes the object hang: from now on a request, unless it is one-way, returns only after ReleaseRequests, which
+    // lets it be answered, or Die. After `limit` it gets IPC_TIMED_OUT; the limit stands for the request's wait time,
+    // so that a test of time-outs need not wait for so long.
+    void HoldRequests(std::chrono::milliseconds limit = std::chrono::seconds(MessageOption::TF_WAIT_TIME));
+    void ReleaseRequests();
+
     // While refused, AddDeathRecipient returns false.
     void RefuseDeathRecipients(bool refuse);
     // How many recipients are registered now; how often one was added with success.
@@ -75,6 +82,9 @@ private:
     std::vector<sptr<DeathRecipient>> recipients_ VEXA_GUARDED_BY(mutex_);
     std::vector<std::thread> lateNotices_ VEXA_GUARDED_BY(mutex_);
     size_t added_ VEXA_GUARDED_BY(mutex_) = 0;
+    CondVar released_;
+    std::chrono::milliseconds holdLimit_ VEXA_GUARDED_BY(mutex_){0};
+    bool isHolding_ VEXA_GUARDED_BY(mutex_) = false;
     bool refuseRecipients_ VEXA_GUARDED_BY(mutex_) = false;
     bool dead_ VEXA_GUARDED_BY(mutex_) = false;
 };
