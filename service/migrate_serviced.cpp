@@ -125,10 +125,14 @@ int main(int argc, char** argv)
     app.add_option("--control-group", options.controlGroup,
         "Group that may change something, besides root and the user that this program runs as");
     app.set_version_flag("--version", "migrate_serviced " VEXA_VERSION);
+    constexpr int kUsage = 2;
     try {
         app.parse(argc, argv);
+    } catch (const CLI::RequiredError& error) {
+        // An unknown option may be the reason for what is missing.
+        const auto unknown = app.remaining();
+        return unknown.empty() ? app.exit(error) : app.exit(CLI::ExtrasError(unknown)), kUsage;
     } catch (const CLI::ParseError& error) {
-        constexpr int kUsage = 2;
         return app.exit(error) == 0 ? 0 : kUsage;
     }
     return Run(options);

@@ -9,9 +9,9 @@
 #include <thread>
 
 #include "migratectl_request.h"
-#include "native_migrate/load_sa_service.h"
 #include "native_migrate/reserve_migrate_status_observer_stub.h"
 #include "native_migrate/set_backup_file_own_stub.h"
+#include "vexa/samgr/system_ability_manager_client.h"
 
 namespace migratectl {
 
@@ -99,11 +99,13 @@ int WatchRestorations(const CommandLine& line)
 
 int LoadService(const CommandLine& line)
 {
-    const bool isLoaded = LoadSaService::GetInstance()->TryLoadSa(line.number);
-    if (!isLoaded) {
-        fprintf(stderr, "migratectl: load: service %d does not run\n", line.number);
+    constexpr int32_t kSeconds = 5;
+    const auto manager = SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
+    BusinessError error;
+    if (manager != nullptr && manager->LoadSystemAbility(line.number, kSeconds, &error.message) == nullptr) {
+        error.errorNum = MIGRATE_ERROR_NOTHING;
     }
-    return isLoaded ? EXIT_DONE : EXIT_REFUSED;
+    return Finish(line.options, line.command, manager != nullptr ? MIGRATE_SUCCESS : MIGRATE_UNREACHABLE, error);
 }
 
 }  // namespace migratectl

@@ -7,6 +7,8 @@
 #include "held_value.h"
 #include "native_migrate/migrate_protocol.h"
 #include "native_migrate/migrate_results.h"
+#include "vexa/ipc/context_object.h"
+#include "vexa/samgr/system_ability_manager_client.h"
 
 namespace migratectl {
 
@@ -28,6 +30,22 @@ const char* ResultText(int32_t result)
         default:
             return "the service refused";
     }
+}
+
+// Says, behind a colon, why there is no manager, or why the migration service has failed last if it does not run.
+std::string UnreachableReason()
+{
+    std::string reason = ContextObjectFailure();
+    std::string list;
+    const auto manager = reason.empty() ? SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager() : nullptr;
+    if (manager != nullptr && manager->ListSystemAbilities(list) == SAMGR_OK) {
+        const JsonContext services(list);
+        for (const JsonContext& service : services) {
+            const bool isIt = NumberOf(service["id"]) == MIGRATE_SERVICE_ID && ShowJson(service["state"]) != "running";
+            reason = isIt ? ShowJson(service["lastFailure"]) : reason;
+        }
+    }
+    return reason.empty() ? "" : ": " + reason;
 }
 
 }  // namespace
@@ -80,7 +98,7 @@ int Judge(const Options& options, const std::string& command, int32_t result, co
 {
     const std::string what = "migratectl: " + command + ": ";
     if (result == MIGRATE_UNREACHABLE) {
-        fprintf(stderr, "%sthe service can't be reached\n", what.c_str());
+        fprintf(stderr, "%sthe service can't be reached%s\n", what.c_str(), Clean(UnreachableReason()).c_str());
         return EXIT_UNREACHABLE;
     }
     if (result != MIGRATE_SUCCESS) {

@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 
 #include "migratectl_request.h"
+#include "vexa/samgr/system_ability_manager_client.h"
 
 namespace VEXA::UpdateEngine {
 
@@ -92,6 +93,13 @@ int32_t SetPriority(const Line& line, std::string& reply)
     return Client<Reserve>().AdjustAppPriority(line.name, std::to_string(line.number), reply);
 }
 
+int32_t ListServices(const Line&, std::string& services)
+{
+    const auto manager = SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
+    const bool isListed = manager != nullptr && manager->ListSystemAbilities(services) == SAMGR_OK;
+    return isListed ? MIGRATE_SUCCESS : MIGRATE_UNREACHABLE;
+}
+
 const Argument STAGE = Value("--stage", &Line::stage, "all, prepare, download, install, restore or finish", IS_STAGE);
 
 const Command COMMANDS[] = {
@@ -128,6 +136,8 @@ const Command COMMANDS[] = {
     {"", "task", "The state of one package", {Required(Value("package", &Line::name, "", IS_NAME))},
         Request(&Kits::GetPakMigrationTaskStatus, &Line::name)},
     {"", "own", "Makes what was migrated the caller's backup files", {}, OwnBackups},
+    {"", "list", "The services of the system, and how they stand", {},
+        MakeAction(std::type_identity<std::tuple<std::string>>(), ShowReply, ListServices)},
     {"", "load", "Starts any system service by its number", {Required(Value("id", &Line::number, ""))}, LoadService},
     {"reserve", "list", "The applications that are set aside, first those of priority",
         {Value("name", &Line::name, "Only this one", IS_NAME), Value("--most", &Line::number, "At most so many")},

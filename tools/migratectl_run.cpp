@@ -76,6 +76,10 @@ int Run(std::vector<std::string> arguments, ScreenWidth width)
     std::reverse(arguments.begin(), arguments.end());
     try {
         app.parse(arguments);
+    } catch (const CLI::RequiredError& error) {
+        // An unknown word may be the reason for what is missing.
+        const auto unknown = app.remaining();
+        return unknown.empty() ? app.exit(error) : app.exit(CLI::ExtrasError(unknown)), EXIT_USAGE;
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? EXIT_DONE : EXIT_USAGE;
     }

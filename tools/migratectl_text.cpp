@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "migratectl_text.h"
 
+#include <pwd.h>
+
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -102,6 +104,12 @@ std::string ShowPauseReason(int64_t reason)
     return NameOf(reason, std::array{"none", "user", "network", "storage", "power"});
 }
 
+std::string ShowUser(int64_t uid)
+{
+    const passwd* const user = getpwuid(static_cast<uid_t>(uid));
+    return user != nullptr ? user->pw_name : std::to_string(uid);
+}
+
 }  // namespace
 
 std::string Clean(std::string_view text)
@@ -182,7 +190,7 @@ std::string ShowBytes(int64_t bytes)
 std::string ShowNumber(std::string_view key, int64_t value)
 {
     using Show = std::string (*)(int64_t);
-    static constexpr std::pair<std::string_view, Show> kinds[] = {{"status", ShowStatus},
+    static constexpr std::pair<std::string_view, Show> kinds[] = {{"user", ShowUser}, {"status", ShowStatus},
         {"suspendReason", ShowPauseReason}, {"percent", ShowPercent}, {"progress", ShowPercent},
         {"remainingTime", ShowDuration}, {"requiredTraffic", ShowBytes}, {"requiredMigrationSpace", ShowBytes},
         {"bytes", ShowBytes}, {"startTime", ShowDate}, {"endTime", ShowDate}};

@@ -28,6 +28,7 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
+constexpr int kUsage = 2;
 constexpr int kSessionFailed = 125;
 constexpr int kCommandNotExecutable = 126;
 constexpr int kCommandNotFound = 127;
@@ -381,8 +382,8 @@ int main(int argc, char** argv)
     Options options;
     CLI::App app(
         "Runs a command with a system-ability manager of its own, and ends everything with it.\n"
-        "The exit status is the command's, 128 + N if it died by signal N; 125 when the session failed,\n"
-        "126 or 127 when the command can't be run.",
+        "The exit status is the command's, 128 + N if it died by signal N; 2 for wrong arguments,\n"
+        "125 when the session failed, 126 or 127 when the command can't be run.",
         "vexa-session");
     app.add_option("--profiles", options.profiles, "Directory of service profiles; may be given more than once")
         ->expected(1)
@@ -397,12 +398,11 @@ int main(int argc, char** argv)
     try {
         app.parse(static_cast<int>(dashes - argv), argv);
     } catch (const CLI::ParseError& error) {
-        const int status = app.exit(error);
-        return status == 0 ? 0 : kSessionFailed;
+        return app.exit(error) == 0 ? 0 : kUsage;
     }
     if (options.command.empty()) {
         fprintf(stderr, "vexa-session: no command is given after --\n");
-        return kSessionFailed;
+        return kUsage;
     }
     return RunGuarded(std::move(options));
 }

@@ -3,6 +3,7 @@
 
 #include <utility>
 
+#include "context_link.h"
 #include "process.h"
 #include "process_life.h"
 
@@ -14,6 +15,7 @@ sptr<IRemoteObject> GetContextObject()
         return nullptr;
     }
     const NoCancel guard;
+    ipc::t_noPublisher = 0;
     ipc::IpcProcess& process = ipc::IpcProcess::Get();
     if (ipc::Transport* const own = process.Running()) {
         if (sptr<IRemoteObject> object = own->Objects().Find(ipc::kContextObject, own->Id())) {
@@ -22,6 +24,11 @@ sptr<IRemoteObject> GetContextObject()
     }
     const sptr<ipc::Peer> peer = process.ContextPeer();
     return peer != nullptr ? peer->Object(ipc::kContextObject) : nullptr;
+}
+
+std::string ContextObjectFailure()
+{
+    return ipc::t_noPublisher != 0 ? ipc::NoPublisherText(ipc::t_noPublisher) : "";
 }
 
 PublishResult PublishContextObject(const sptr<IRemoteObject>& object, std::function<void()> onReplaced)

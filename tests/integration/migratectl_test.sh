@@ -14,6 +14,12 @@ for throttle in -1 4MB 1.5 18446744073709551616; do
     MIGRATE_THROTTLE="$throttle" migrate_serviced --source "$root" --target "$root" 2>"$root/err" || status=$?
     [[ "$status" == 2 ]] && grep -q "throttle: " "$root/err" || { echo "throttle $throttle: status $status"; exit 1; }
 done
+for program in samgrd migrate_serviced vexa-session migratectl; do
+    "$program" --bogus status 2>"$root/err" && exit 1 || [[ $? == 2 ]]
+    grep -q -- --bogus "$root/err" || { echo "$program does not name a bad option"; exit 1; }
+done
+MIGRATE_SOURCE=/no/such vexa-session -- migratectl status 2>"$root/err" && exit 1 || [[ $? == 4 ]]
+grep -q "^migratectl.*migrate_serviced: /no/such: No such file" "$root/err"
 
 vexa-session -- bash -euo pipefail -c '
     expect() {
@@ -77,4 +83,5 @@ vexa-session -- bash -euo pipefail -c '
         [[ "$status" == 5 ]] && grep -q "output" "$ROOT/err" || { echo "$output: exit status $status"; exit 1; }
     done
     VEXA_RUNTIME_DIR="$ROOT/none" expect 4 status
+    grep -q "^migratectl.* $ROOT/none/samgr.sock: No such file" "$ROOT/err"
 '

@@ -115,6 +115,8 @@ protected:
     {
         setenv("TZ", "UTC-1", 1);
         manager_->SetLoadable(5, sptr<IRemoteObject>(new ScriptedRemoteObject));
+        manager_->SetListed(R"([{"id":5,"state":"running","pid":42,"user":0,"lastFailure":""},)"
+                            R"({"id":6,"state":"idle","pid":null,"user":null,"lastFailure":"no room\u001b"}])");
         service_->SetHandler([this](uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option) {
             const Step step = next_ < steps_.size() ? steps_[next_++] : Step{};
             const int32_t result =

@@ -28,7 +28,13 @@ bool IsTrusted(uid_t user)
 
 void LogNoPublisher()
 {
-    IPC_LOGE("no manager can be reached at %{public}s: %{public}s", ContextSocketPath().c_str(), std::strerror(errno));
+    t_noPublisher = errno;
+    IPC_LOGE("%{public}s", NoPublisherText(t_noPublisher).c_str());
+}
+
+std::string NoPublisherText(int error)
+{
+    return "no manager can be reached at " + ContextSocketPath() + ": " + std::strerror(error);
 }
 
 sptr<Peer> ContextLink::Reach()

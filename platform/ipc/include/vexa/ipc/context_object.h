@@ -26,6 +26,10 @@ VEXA_EXPORT const std::string& RuntimeDirectory();
 // After the publisher's death the next call connects to the process that has taken its place.
 VEXA_EXPORT sptr<IRemoteObject> GetContextObject();
 
+// Why the calling thread's last call of GetContextObject found none: the socket that it tried, and the system's reason.
+// Empty when it found one or did not try.
+VEXA_EXPORT std::string ContextObjectFailure();
+
 enum class PublishResult {
     DONE,
     TAKEN,   // a living process publishes one already
