@@ -30,8 +30,12 @@ private:
 
 }  // namespace
 
-int main()
+int main(int argc, char** argv)
 {
+    if (argc > 1) {
+        fprintf(stderr, "backup_owner: not expected: %s\n", argv[1]);
+        return 2;
+    }
     const VEXA::sptr<Owner> owner(new Owner);
     std::future<int32_t> outcome = owner->Outcome();
     const int32_t result =

@@ -12,7 +12,7 @@ int main(int argc, char** argv)
 {
     const int32_t id = argc == 2 ? atoi(argv[1]) : 0;
     if (id <= 0) {
-        fprintf(stderr, "usage: load_service NUMBER\n");
+        fprintf(stderr, "usage: load_service NUMBER, not %s\n", argv[argc - 1]);
         return 2;
     }
     // Blocks for up to 5 seconds; why a load failed is in the log.

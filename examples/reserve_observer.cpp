@@ -58,8 +58,8 @@ private:
 
 int main(int argc, char** argv)
 {
-    if (argc != 2) {
-        fprintf(stderr, "usage: reserve_observer PACKAGE\n");
+    if (argc != 2 || argv[1][0] == '-') {
+        fprintf(stderr, "usage: reserve_observer PACKAGE, not %s\n", argv[argc - 1]);
         return 2;
     }
     ReserveMigrateKits kits;

@@ -4,12 +4,17 @@
 #include <cstdio>
 #include <thread>
 
+#include "native_migrate/migrate_results.h"
 #include "native_migrate/migrate_server_kits.h"
 
 using namespace VEXA::UpdateEngine;
 
-int main()
+int main(int argc, char** argv)
 {
+    if (argc > 1) {
+        fprintf(stderr, "watch_migration: not expected: %s\n", argv[1]);
+        return 2;
+    }
     MigrateServerKits& kits = MigrateServerKits::GetKitsInstance();
 
     // Runs on a thread of the library's pool.
@@ -28,17 +33,28 @@ int main()
         fprintf(stderr, "the migration was not started: %d\n", result);
         return 1;
     }
-    // The others are migrated all the same.
+    if (error.errorNum != 0) {
+        fprintf(stderr, "%s\n", error.message.c_str());
+    }
     for (const ErrorMessage& message : error.data) {
         fprintf(stderr, "%s\n", message.errorMessage.c_str());
     }
+    if (error.errorNum != 0 && error.errorNum != MIGRATE_ERROR_SOME_PACKAGES) {
+        return 1;
+    }
 
     // Events come and go with connections; what counts is the state. A question that finds the service dead starts it.
-    for (;;) {
+    auto lastAnswer = std::chrono::steady_clock::now();
+    while (std::chrono::steady_clock::now() - lastAnswer < std::chrono::seconds(30)) {
         MigrateInfo info;
         BusinessError ignored;
         if (kits.GetMigrateInfo(MigrateStage::NONE, info, ignored) == 0) {
+            lastAnswer = std::chrono::steady_clock::now();
             const auto status = static_cast<TaskStatus>(info.migrateProgress.status);
+            if (status == TaskStatus::IDLE) {
+                puts("there is nothing to move");
+                return 0;
+            }
             if (status == TaskStatus::FINISHED || status == TaskStatus::FAILED) {
                 kits.Off();
                 puts(status == TaskStatus::FINISHED ? "everything was moved" : "something was not moved");
@@ -47,4 +63,6 @@ int main()
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
     }
+    fprintf(stderr, "the service stays away\n");
+    return 1;
 }

@@ -18,6 +18,8 @@ mkdir -p "$MIGRATE_SOURCE/plain" "$MIGRATE_SOURCE/aside" "$MIGRATE_TARGET"
 echo plain >"$MIGRATE_SOURCE/plain/file"
 echo '{"bundleName":"org.example.aside","reserved":true}' >"$MIGRATE_SOURCE/aside/manifest.json"
 
+mkdir "$root/empty"
+MIGRATE_SOURCE="$root/empty" vexa-session -- watch_migration  # there is nothing to do
 vexa-session -- bash -euo pipefail -c '
     expect() {
         local status=0 wanted="$1"
@@ -29,6 +31,9 @@ vexa-session -- bash -euo pipefail -c '
     expect 1 load_service 77
     expect 1 backup_owner
     expect 0 watch_migration
+    for program in watch_migration backup_owner reserve_observer load_service; do
+        expect 2 $program --bogus 2>&1 | grep -q -- --bogus
+    done
     expect 0 backup_owner
     expect 1 reserve_observer org.example.absent
     expect 0 reserve_observer org.example.aside
