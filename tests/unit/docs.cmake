@@ -7,3 +7,7 @@ add_test(NAME doc_tables
 add_test(NAME doc_error_lines
     COMMAND bash cmake/error_lines.sh
     WORKING_DIRECTORY "${PROJECT_SOURCE_DIR}")
+# A link to a page, file or heading that has moved.
+add_test(NAME doc_links
+    COMMAND bash cmake/doc_links.sh
+    WORKING_DIRECTORY "${PROJECT_SOURCE_DIR}")
