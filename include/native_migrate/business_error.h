@@ -10,6 +10,7 @@
 
 namespace VEXA::UpdateEngine {
 
+// One thing that has gone wrong, such as a package that can't be migrated.
 struct ErrorMessage {
     int32_t errorCode = 0;
     std::string errorMessage;
@@ -21,6 +22,7 @@ struct ErrorMessage {
     }
 };
 
+// Tells what the service could not do with a request that it has taken. `errorNum` is 0 when there was nothing.
 struct BusinessError {
     std::string message;
     int32_t errorNum = 0;

@@ -49,7 +49,7 @@ follow() {
     commands "$1" >commands.sh
     bash -euo pipefail -c '
         at=
-        trap "status=\$?; [[ \$status == 0 ]] || { echo \"\$at fails with \$status:\"; cat output; }" EXIT
+        trap "status=\$?; [[ \$status == 0 ]] || { echo \"\$at fails with \$status:\"; tail -n 40 output; }" EXIT
         expect() {
             local line
             while IFS= read -r line; do
