@@ -9,25 +9,25 @@
 namespace VEXA::ipc {
 namespace {
 
-thread_local const Caller* currentCaller = nullptr;
+thread_local const Caller* t_caller = nullptr;
 
 }  // namespace
 
 const Caller* CurrentCaller()
 {
-    return currentCaller;
+    return t_caller;
 }
 
 int32_t CarryOut(IRemoteObject& object, uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option,
     const Caller& caller)
 {
-    const Caller* const outer = std::exchange(currentCaller, &caller);
+    const Caller* const outer = std::exchange(t_caller, &caller);
     int32_t result = IPC_OK;
     if (!RunForeign("a request's handler", [&] { result = object.SendRequest(code, data, reply, option); })) {
         ParcelAccess::Clear(reply);
         result = IPC_HANDLER_THREW;
     }
-    currentCaller = outer;
+    t_caller = outer;
     return result;
 }
 

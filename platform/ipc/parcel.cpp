@@ -17,16 +17,16 @@ static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "values are copied as t
 
 constexpr size_t kAlignment = 4;
 
-thread_local size_t threadLimit = IPC_MAX_PARCEL_BYTES;
+thread_local size_t t_limit = IPC_MAX_PARCEL_BYTES;
 
 // A long block that a parcel has given back, for the next one that needs so much: fresh memory, which the kernel clears
 // page by page, costs more than the copy of a long text into it. The block begins with its length.
-std::atomic<uint8_t*> keptBlock{nullptr};
+std::atomic<uint8_t*> g_keptBlock{nullptr};
 
 // Takes the kept block, and tells its length, where it has the `bytes`; else null.
 uint8_t* TakeKeptBlock(size_t& bytes)
 {
-    uint8_t* const block = bytes >= ipc::kLeastKeptBlock ? keptBlock.exchange(nullptr) : nullptr;
+    uint8_t* const block = bytes >= ipc::kLeastKeptBlock ? g_keptBlock.exchange(nullptr) : nullptr;
     size_t length = 0;
     if (block != nullptr) {
         std::memcpy(&length, block, sizeof(length));
@@ -43,7 +43,7 @@ void KeepOrFree(uint8_t* block, size_t bytes)
 {
     if (bytes >= ipc::kLeastKeptBlock && bytes <= ipc::kMostKeptBlock) {
         std::memcpy(block, &bytes, sizeof(bytes));
-        block = keptBlock.exchange(block);
+        block = g_keptBlock.exchange(block);
     }
     std::free(block);
 }
@@ -58,13 +58,13 @@ constexpr N Padded(N bytes)
 
 size_t SetThreadParcelLimit(size_t bytes)
 {
-    const size_t previous = threadLimit;
-    threadLimit = std::min<size_t>(bytes, IPC_MAX_PARCEL_BYTES);
+    const size_t previous = t_limit;
+    t_limit = std::min<size_t>(bytes, IPC_MAX_PARCEL_BYTES);
     return previous;
 }
 
 // The inline storage stays uninitialised: every request makes two parcels, and most fill a tenth of it.
-Parcel::Parcel() : storage_(inline_), limit_(threadLimit) {}
+Parcel::Parcel() : storage_(inline_), limit_(t_limit) {}
 
 Parcel::~Parcel()
 {

@@ -7,7 +7,7 @@ namespace VEXA::samgr {
 namespace {
 
 rlimit given{};
-bool raised = false;
+bool g_isRaised = false;
 
 }  // namespace
 
@@ -15,13 +15,13 @@ void RaiseDescriptorLimit(rlim_t most)
 {
     if (getrlimit(RLIMIT_NOFILE, &given) == 0 && given.rlim_cur < std::min(given.rlim_max, most)) {
         const rlimit more{std::min(given.rlim_max, most), given.rlim_max};
-        raised = setrlimit(RLIMIT_NOFILE, &more) == 0;
+        g_isRaised = setrlimit(RLIMIT_NOFILE, &more) == 0;
     }
 }
 
 void RestoreDescriptorLimit()
 {
-    if (raised) {
+    if (g_isRaised) {
         setrlimit(RLIMIT_NOFILE, &given);
     }
 }

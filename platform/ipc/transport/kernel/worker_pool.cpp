@@ -45,12 +45,12 @@ struct Worker {
 
 namespace {
 
-thread_local ipc::Worker* currentWorker = nullptr;
+thread_local ipc::Worker* t_worker = nullptr;
 
 }  // namespace
 
 // A wait within a wait is not counted again.
-WorkerWait::WorkerWait() : worker_(std::exchange(currentWorker, nullptr))
+WorkerWait::WorkerWait() : worker_(std::exchange(t_worker, nullptr))
 {
     if (worker_ != nullptr) {
         process_ = worker_->process.exchange(0);
@@ -65,7 +65,7 @@ WorkerWait::~WorkerWait()
     if (worker_ != nullptr) {
         worker_->pool.blocked_.fetch_sub(1);
         worker_->process.store(process_);
-        currentWorker = worker_;
+        t_worker = worker_;
     }
 }
 
@@ -133,7 +133,7 @@ void WorkerPool::KeepOneWaiting()
 void WorkerPool::Run()
 {
     Worker self(*this);
-    currentWorker = &self;
+    t_worker = &self;
     for (;;) {
         epoll_event event{};
         const int count = epoll_wait(epoll_.Get(), &event, 1, -1);
@@ -170,7 +170,7 @@ void WorkerPool::Run()
 
 bool WorkerPool::Begin(uint64_t process, const std::function<void()>& later)
 {
-    Worker* const self = currentWorker;
+    Worker* const self = t_worker;
     if (self == nullptr) {
         return true;
     }
@@ -195,8 +195,8 @@ bool WorkerPool::Begin(uint64_t process, const std::function<void()>& later)
 
 void WorkerPool::Done()
 {
-    if (currentWorker != nullptr) {
-        currentWorker->process.store(0);
+    if (t_worker != nullptr) {
+        t_worker->process.store(0);
         LookAtParked();
     }
 }
@@ -206,7 +206,7 @@ bool WorkerPool::HasShare(uint64_t process)
     size_t own = 1;
     bool hasOthers = false;
     for (const Worker* worker = workers_; worker != nullptr; worker = worker->next) {
-        const uint64_t its = worker != currentWorker ? worker->process.load() : 0;
+        const uint64_t its = worker != t_worker ? worker->process.load() : 0;
         own += its == process || its == kUndecided ? 1 : 0;
         hasOthers = hasOthers || (its != 0 && its != process && its != kUndecided);
     }
