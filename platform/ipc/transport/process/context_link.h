@@ -13,9 +13,9 @@ namespace VEXA::ipc {
 
 // Says, with errno, that no process publishes the context object.
 void LogNoPublisher();
-// The errno of its last call in this thread; 0 for none. No object, so that exit handlers may use it.
+// The errno of this thread's last LogNoPublisher; 0 for none. A plain number, so that exit handlers may use it.
 inline thread_local int t_noPublisher = 0;
-// What it says of that error number.
+// Returns the text of LogNoPublisher for that errno.
 std::string NoPublisherText(int error);
 
 // All operations may be called from any thread.
