@@ -15,40 +15,45 @@ inline constexpr char16_t MIGRATE_CALLBACK_DESCRIPTOR[] = u"VEXA.UpdateEngine.IM
 inline constexpr char16_t SET_BACKUP_FILE_OWN_DESCRIPTOR[] = u"VEXA.UpdateEngine.ISetBackupFileOwnInterface";
 inline constexpr char16_t RESERVE_STATUS_OBSERVER_DESCRIPTOR[] = u"VEXA.Updater.IMigrateVirtStatusObserver";
 
-// Requests to the migration service. Behind the token come the request's fields; "->" gives the reply's fields. Texts
-// are strings; an error is the JSON text of a BusinessError.
-enum class MigrateRequestCode : uint32_t {
-    GET_MIGRATE_STATUS = 1,              // uint32 stage -> MigrateStatus, error
-    GET_MIGRATE_INFO = 2,                // uint32 stage -> MigrateInfo, error
-    GET_PAK_MIGRATE_INFO = 3,            // -> list of PakMigrateInfo, error
-    GET_APK_INFO = 4,                    // -> list of strings, error
-    START_MIGRATE = 5,                   // -> error
-    START_PAK_MIGRATE = 6,               // text -> error
-    REMOVE_MIGRATE = 7,                  // int32 -> error
-    REMOVE_PAK_MIGRATE = 8,              // text -> error
-    REGISTER_PROGRESS_CALLBACK = 9,      // remote object of IMigrateCallBack ->
-    UNREGISTER_PROGRESS_CALLBACK = 10,   // ->
-    SET_MIGRATE_POLICY = 11,             // int32 -> error
-    CHECK_APP_RESTORE = 12,              // text -> text, error
-    PRESET_DATA = 13,                    // text -> error
-    GET_MIGRATE_RESULT = 14,             // -> text, error
-    GET_MIGRATION_USERS = 15,            // -> list of MigrationUser, error
-    GET_MODULE_MIGRATION_POLICY = 16,    // bool, list of ModuleInfo -> list of ModuleMigrationPolicy, error
-    RESUME_MIGRATION = 17,               // -> error
-    GET_RESTORE_APP_INFOS = 18,          // text, int32 -> text
-    RESTORE_APP = 19,                    // text, text -> text
-    REGISTER_RESERVE_OBSERVER = 20,      // caller, remote object of IReserveMigrateStatusObserver -> text
-    UNREGISTER_RESERVE_OBSERVER = 21,    // caller -> text
-    CLEAR_APP = 22,                      // text, text -> text
-    CLEAR_ALL_VIRTUAL_DATA = 23,         // text -> text
-    GET_RESTORE_APP_STATUS = 24,         // text, text -> text
-    NOTIFY_EMPORION_CORE_EVENT = 25,     // parcelable Want -> error
-    START_PAK_MIGRATION = 26,            // text, text, text -> error
-    GET_PAK_MIGRATION_TASK_STATUS = 27,  // text -> ReserveMigrationStatus, error
-    GET_MIGRATION_DATA_SIZE = 28,        // -> int64, error
-    ADJUST_APP_PRIORITY = 29,            // text, text -> text
-    SET_BACKUP_FILE_OWN = 31,            // remote object of ISetBackupFileOwnInterface ->
-};
+// REQUEST(code, number, fields): the requests to the migration service. Behind the token come the request's fields,
+// type and name each; "->" gives the reply's. Records, and lists of them, are JSON texts. A Want is a parcelable, whose
+// presence mark stands before it; the trace shows its action, which is its first text.
+#define MIGRATE_REQUESTS(REQUEST)                                                                                   \
+    REQUEST(GET_MIGRATE_STATUS, 1, "uint32 stage -> MigrateStatus status, BusinessError error")                     \
+    REQUEST(GET_MIGRATE_INFO, 2, "uint32 stage -> MigrateInfo info, BusinessError error")                           \
+    REQUEST(GET_PAK_MIGRATE_INFO, 3, "-> PakMigrateInfo[] infos, BusinessError error")                              \
+    REQUEST(GET_APK_INFO, 4, "-> string[] infos, BusinessError error")                                              \
+    REQUEST(START_MIGRATE, 5, "-> BusinessError error")                                                             \
+    REQUEST(START_PAK_MIGRATE, 6, "text package -> BusinessError error")                                            \
+    REQUEST(REMOVE_MIGRATE, 7, "int32 user -> BusinessError error")                                                 \
+    REQUEST(REMOVE_PAK_MIGRATE, 8, "text package -> BusinessError error")                                           \
+    REQUEST(REGISTER_PROGRESS_CALLBACK, 9, "object IMigrateCallBack")                                               \
+    REQUEST(UNREGISTER_PROGRESS_CALLBACK, 10, "")                                                                   \
+    REQUEST(SET_MIGRATE_POLICY, 11, "int32 policy -> BusinessError error")                                          \
+    REQUEST(CHECK_APP_RESTORE, 12, "text bundle -> text result, BusinessError error")                               \
+    REQUEST(PRESET_DATA, 13, "text data -> BusinessError error")                                                    \
+    REQUEST(GET_MIGRATE_RESULT, 14, "-> text result, BusinessError error")                                          \
+    REQUEST(GET_MIGRATION_USERS, 15, "-> MigrationUser[] users, BusinessError error")                               \
+    REQUEST(GET_MODULE_MIGRATION_POLICY, 16,                                                                        \
+        "bool flag, ModuleInfo[] modules -> ModuleMigrationPolicy[] policies, BusinessError error")                 \
+    REQUEST(RESUME_MIGRATION, 17, "-> BusinessError error")                                                         \
+    REQUEST(GET_RESTORE_APP_INFOS, 18, "text name, int32 number -> text infos")                                     \
+    REQUEST(RESTORE_APP, 19, "text name, text scene -> text error")                                                 \
+    REQUEST(REGISTER_RESERVE_OBSERVER, 20, "text caller, object IReserveMigrateStatusObserver -> text error")       \
+    REQUEST(UNREGISTER_RESERVE_OBSERVER, 21, "text caller -> text error")                                           \
+    REQUEST(CLEAR_APP, 22, "text name, text scene -> text error")                                                   \
+    REQUEST(CLEAR_ALL_VIRTUAL_DATA, 23, "text scene -> text error")                                                 \
+    REQUEST(GET_RESTORE_APP_STATUS, 24, "text name, text scene -> text events")                                     \
+    REQUEST(NOTIFY_EMPORION_CORE_EVENT, 25, "bool isPresent, Want want -> BusinessError error")                     \
+    REQUEST(START_PAK_MIGRATION, 26, "text package, text bundle, text parameters -> BusinessError error")           \
+    REQUEST(GET_PAK_MIGRATION_TASK_STATUS, 27, "text bundle -> ReserveMigrationStatus status, BusinessError error") \
+    REQUEST(GET_MIGRATION_DATA_SIZE, 28, "-> int64 size, BusinessError error")                                      \
+    REQUEST(ADJUST_APP_PRIORITY, 29, "text name, text priority -> text error")                                      \
+    REQUEST(SET_BACKUP_FILE_OWN, 31, "object ISetBackupFileOwnInterface")
+
+#define MIGRATE_REQUEST_CODE(code, number, fields) code = number,
+enum class MigrateRequestCode : uint32_t { MIGRATE_REQUESTS(MIGRATE_REQUEST_CODE) };
+#undef MIGRATE_REQUEST_CODE
 
 // A progress event: uint32 stage, JSON text of an EventInfo.
 inline constexpr uint32_t MIGRATE_PROGRESS_CODE = 1;

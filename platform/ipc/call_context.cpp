@@ -5,6 +5,7 @@
 
 #include "foreign_code.h"
 #include "parcel_access.h"
+#include "trace.h"
 
 namespace VEXA::ipc {
 namespace {
@@ -19,8 +20,9 @@ const Caller* CurrentCaller()
 }
 
 int32_t CarryOut(IRemoteObject& object, uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option,
-    const Caller& caller)
+    const Caller& caller, uint64_t number)
 {
+    RequestTrace trace({false, false, caller.pid, number}, code, option.IsOneWay(), data);
     const Caller* const outer = std::exchange(t_caller, &caller);
     int32_t result = IPC_OK;
     if (!RunForeign("a request's handler", [&] { result = object.SendRequest(code, data, reply, option); })) {
@@ -28,7 +30,7 @@ int32_t CarryOut(IRemoteObject& object, uint32_t code, MessageParcel& data, Mess
         result = IPC_HANDLER_THREW;
     }
     t_caller = outer;
-    return result;
+    return trace.End(result, reply);
 }
 
 }  // namespace VEXA::ipc

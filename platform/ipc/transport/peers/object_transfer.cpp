@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "object_transfer.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstring>
 
 #include "ipc_log.h"
 #include "parcel_access.h"
+#include "trace.h"
 #include "transport/limits.h"
 
 namespace VEXA::ipc {
@@ -16,6 +19,15 @@ ObjectEntry EntryOf(Parcel& frame, const FrameHeader& header, size_t index)
     ObjectEntry entry;
     std::memcpy(&entry, ParcelAccess::Data(frame) + header.bytes + index * sizeof(entry), sizeof(entry));
     return entry;
+}
+
+void Trace(bool isOut, Peer& peer, const FrameHeader& header, const sptr<IRemoteObject>& object, ObjectId id)
+{
+    if (IsTraced() && object != nullptr) {
+        const PeerObject* const proxy = dynamic_cast<const PeerObject*>(object.GetRefPtr());
+        TraceObject({isOut, isOut == (header.kind != FrameKind::REPLY), peer.Pid(), header.extra}, *object,
+            proxy != nullptr ? proxy->Owner()->Pid() : getpid(), id);
+    }
 }
 
 }  // namespace
@@ -66,6 +78,7 @@ bool ObjectTransfer::Pack(MessageParcel& parcel, Peer& receiver, FrameHeader& he
             Undo();
             return false;
         }
+        Trace(true, receiver, header, object, item.entry.id);
     }
     header.objects = static_cast<uint16_t>(objects.size());
     return true;
@@ -125,6 +138,7 @@ Unpacked UnpackObjects(PeerDirectory& peers, MessageParcel& parcel, const FrameH
             result.unreachable += !owner->IsConnected() && !peers.HasDied(entry.owner) ? 1 : 0;
             object = owner->Object(entry.id);
         }
+        Trace(false, *sender, header, object, entry.id);
         objects.push_back(std::move(object));
     }
     result.isSound = std::ranges::find(objects, nullptr) == objects.end();

@@ -46,7 +46,7 @@ void OneWayQueues::RunQueue(const IRemoteObject* object)
         lock.Unlock();
         MessageParcel reply;
         MessageOption option(MessageOption::TF_ASYNC);
-        CarryOut(*request.object, request.code, *request.data, reply, option, request.sender->Who());
+        CarryOut(*request.object, request.code, *request.data, reply, option, request.sender->Who(), request.number);
         workers_.Done();
     }
 }

@@ -23,6 +23,7 @@ public:
         OneWayDebt::Charge charge;  // of the sender's debt, until the request is done
         uint32_t code;
         std::unique_ptr<MessageParcel> data;
+        uint64_t number;
     };
 
     // A request with the memory that its queue may need: only Prepare may throw.

@@ -63,6 +63,8 @@ public:
     ByteBudget::Account Account() const { return {ProcessNumber(Who(), Id()), Who().uid}; }
     bool Dead() const { return state_.load(std::memory_order_acquire) == State::DEAD; }
     bool Stands() const { return state_.load(std::memory_order_acquire) == State::STANDS; }
+    // The process's number; -1 before it has greeted.
+    pid_t Pid() const { return Stands() || Dead() ? Who().pid : -1; }
     // Is odd while there is a connection, greeting or standing, and counts on when there is one and when it has gone.
     uint32_t Generation() const { return generation_.load(std::memory_order_acquire); }
     bool IsConnected() const { return Generation() % 2 != 0; }

@@ -10,6 +10,7 @@
 
 #include "peer_log.h"
 #include "runtime_paths.h"
+#include "trace.h"
 #include "transport/limits.h"
 
 namespace VEXA::ipc {
@@ -221,6 +222,9 @@ void PeerDirectory::OnLinkEnd(const sptr<Peer>& peer, const sptr<Link>& link, Re
     }
     lock.Unlock();
     if (isDeath) {
+        if (IsTraced()) {
+            TraceDeath(peer->Pid());
+        }
         parts_.onDeath(peer->Id());
     }
     parts_.reactor.ResumeLater();  // another connection may have waited for this end

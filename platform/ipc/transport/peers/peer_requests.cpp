@@ -46,7 +46,7 @@ int32_t PeerRequests::Dispatch(MessageParcel& request, const FrameHeader& header
         return IPC_REFUSED;
     }
     MessageOption option;
-    return CarryOut(*object, header.code, request, reply, option, peer_->Who());
+    return CarryOut(*object, header.code, request, reply, option, peer_->Who(), header.extra);
 }
 
 }  // namespace VEXA::ipc

@@ -10,6 +10,7 @@
 #include "parcel_access.h"
 #include "process_life.h"
 #include "runtime_paths.h"
+#include "trace.h"
 #include "transport/limits.h"
 #include "vexa/ipc/message_option.h"
 #include "vexa/ipc/worker_wait.h"
@@ -50,7 +51,11 @@ int32_t RemoteProxy::SendRequest(uint32_t code, MessageParcel& data, MessageParc
     if (data.GetDataSize() > IPC_MAX_PARCEL_BYTES || ParcelAccess::Objects(data).size() > IPC_MAX_PARCEL_OBJECTS) {
         return IPC_TOO_LARGE;
     }
-    return option.IsOneWay() ? SendOneWay(code, data) : SendSync(code, data, reply, option.GetWaitTime());
+    const uint64_t number = peers_.NextRequest();
+    RequestTrace trace({true, true, Process().Pid(), number}, code, option.IsOneWay(), data);
+    return trace.End(
+        option.IsOneWay() ? SendOneWay(number, code, data) : SendSync(number, code, data, reply, option.GetWaitTime()),
+        reply);
 }
 
 int32_t RemoteProxy::Lost(std::chrono::milliseconds lag) const
@@ -82,11 +87,12 @@ ClientChannel RemoteProxy::OpenChannel(Deadline deadline, int32_t& error)
     return channel;
 }
 
-int32_t RemoteProxy::SendSync(uint32_t code, MessageParcel& data, MessageParcel& reply, int32_t waitTime)
+int32_t RemoteProxy::SendSync(
+    uint64_t number, uint32_t code, MessageParcel& data, MessageParcel& reply, int32_t waitTime)
 {
     const Deadline deadline = std::chrono::steady_clock::now() + std::chrono::seconds(waitTime);
     ObjectTransfer transfer(peers_);
-    const FrameHeader request = MakeHeader(FrameKind::REQUEST, Id(), peers_.NextRequest());
+    const FrameHeader request = MakeHeader(FrameKind::REQUEST, Id(), number);
     const size_t size = Frame(request, code, data, Process(), transfer);
     if (size == 0) {
         return IPC_FAILED;
@@ -122,10 +128,10 @@ int32_t RemoteProxy::SendSync(uint32_t code, MessageParcel& data, MessageParcel&
     return error != IPC_OK ? error : static_cast<int32_t>(header.code);
 }
 
-int32_t RemoteProxy::SendOneWay(uint32_t code, MessageParcel& data)
+int32_t RemoteProxy::SendOneWay(uint64_t number, uint32_t code, MessageParcel& data)
 {
     ObjectTransfer transfer(peers_);
-    const FrameHeader request = MakeHeader(FrameKind::ONE_WAY, Id(), peers_.NextRequest());
+    const FrameHeader request = MakeHeader(FrameKind::ONE_WAY, Id(), number);
     const size_t size = Frame(request, code, data, Process(), transfer);
     if (size == 0) {
         return IPC_FAILED;

@@ -24,8 +24,8 @@ public:
     void NotifyDeath() override;
 
 private:
-    int32_t SendSync(uint32_t code, MessageParcel& data, MessageParcel& reply, int32_t waitTime);
-    int32_t SendOneWay(uint32_t code, MessageParcel& data);
+    int32_t SendSync(uint64_t number, uint32_t code, MessageParcel& data, MessageParcel& reply, int32_t waitTime);
+    int32_t SendOneWay(uint64_t number, uint32_t code, MessageParcel& data);
     ClientChannel OpenChannel(Deadline deadline, int32_t& error);
     // Returns the result of a request that has lost its connection. Waits so long for word of the process's death.
     int32_t Lost(std::chrono::milliseconds lag = {}) const;

@@ -291,7 +291,7 @@ Link::Verdict Session::HandleOneWay(const FrameHeader& header, MessageParcel& fr
         object = new IPCObjectStub;  // takes the request and answers nobody
     }
     // All that may throw comes before the frame is taken.
-    OneWayQueues::Arrival arrival = OneWayQueues::Prepare({object, peer_, nullptr, header.code, nullptr});
+    OneWayQueues::Arrival arrival = OneWayQueues::Prepare({object, peer_, nullptr, header.code, nullptr, header.extra});
     arrival.request.front().data = TakeFrame(frame);
     arrival.request.front().charge = std::move(arriving_);
     parts_.oneWays.Add(std::move(arrival));
