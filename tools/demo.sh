@@ -69,8 +69,8 @@ in_session() {
     diff "$DEMO_DIR/source.txt" "$DEMO_DIR/target.txt" || fail "the target differs from the source"
     echo "$(find "$MIGRATE_TARGET" -type f ! -path '*/.migrate-state*' | wc -l) files are identical"
 
-    say "The log lines of one request, in order"
-    migratectl monitor status | grep MIGRATE_KITS || fail "the request left no lines"
+    say "What this process sent for one request, and was answered"
+    migratectl trace status 2>&1 | grep GET_MIGRATE_STATUS || fail "the request left no lines"
 }
 
 if [[ "${1:-}" == --in-session ]]; then

@@ -1,29 +1,45 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <unistd.h>
+
 #include <algorithm>
 #include <CLI/CLI.hpp>
 #include <clocale>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 #include <map>
 
 #include "migratectl_command.h"
+#include "vexa/ipc/context_object.h"
 #include "vexa/log/kolog.h"
-#include "vexa/log/ring_log_sink.h"
 
 namespace migratectl {
 namespace {
 
-// Runs a command with its log lines kept back until it has ended.
-int Monitor(std::vector<std::string> command, ScreenWidth width)
+// Becomes a traced session of the command. Where a manager serves already, the command stays its client: in a session
+// that is traced its lines join the others', and elsewhere this process shows its own.
+int Trace(std::vector<std::string> command, bool isJson, bool isVerbose)
 {
-    constexpr size_t kLines = 10000;
-    static RingLogSink ring(kLines);
-    LogSink* const before = SetLogSink(&ring);
-    command.insert(command.begin(), "-v");
-    const int status = Run(std::move(command), width);
-    SetLogSink(before);
-    for (const LogEntry& entry : ring.After(0)) {
-        Print(ToLogLine(entry.AsRecord()) + "\n");
+    command.insert(command.begin(), isVerbose ? 1 : 0, "-v");
+    command.insert(command.begin(), isJson ? 1 : 0, "--json");
+    isJson = std::find(command.begin(), command.end(), "--json") != command.end();
+    setenv("KOLOG_LEVEL", "error", 0);
+    std::error_code error;
+    const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", error);
+    const std::filesystem::path session = self.parent_path() / "vexa-session";
+    std::vector<const char*> words{session.c_str(), "--trace", isJson ? "--json" : "--trace", "--"};
+    if (std::filesystem::exists(RuntimeDirectory() + "/samgr.sock", error)) {
+        setenv("VEXA_TRACE", isJson ? "json" : "1", 0);
+        words.clear();
     }
-    return status;
+    words.push_back(self.c_str());
+    for (const std::string& word : command) {
+        words.push_back(word.c_str());
+    }
+    words.push_back(nullptr);
+    execv(words[0], const_cast<char**>(words.data()));
+    perror(words[0]);
+    return EXIT_USAGE;
 }
 
 void AddCommands(CLI::App& app, CommandLine& line, Action& chosen)
@@ -64,14 +80,10 @@ int Run(std::vector<std::string> arguments, ScreenWidth width)
         "Exit status: 0 done, 1 refused by the service, 2 wrong arguments, 3 ended with something not moved,\n"
         "4 the service can't be reached, 5 done, but the output can't be written.");
     AddCommands(app, line, action);
-    // For the help only: what follows is another command line, and none of the parser's business.
-    app.add_subcommand("monitor", "Runs the command that follows, and then shows the library's log lines");
-    const auto word = std::find_if(
-        arguments.begin(), arguments.end(), [](const std::string& text) { return text.rfind('-', 0) != 0; });
-    if (word != arguments.end() && *word == "monitor") {
-        arguments.erase(word);
-        return Monitor(arguments, width);
-    }
+    CLI::App* const trace =
+        app.add_subcommand("trace", "Shows what all processes say to each other for the command that follows");
+    trace->fallthrough(false)->prefix_command()->callback(
+        [&] { action = [&](const CommandLine&) { return Trace(trace->remaining(), line.options.json, isVerbose); }; });
 
     std::reverse(arguments.begin(), arguments.end());
     try {

@@ -20,6 +20,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -44,6 +45,7 @@ constexpr size_t kLongestTemporary = 48;
 struct Options {
     std::vector<std::string> profiles;
     std::string manager;
+    std::string trace;  // its file's name within the session's folder; empty without one
     std::vector<std::string> command;
 };
 
@@ -121,6 +123,7 @@ public:
             status = WaitForCommand();
         }
         EndAll();
+        ShowTrace();
         std::error_code error;
         if (!folder_.empty()) {
             std::filesystem::remove_all(folder_, error);
@@ -213,6 +216,9 @@ private:
             _exit(kSessionFailed);
         }
         setenv("VEXA_RUNTIME_DIR", runtimeDirectory_.c_str(), 1);
+        if (!options_.trace.empty()) {
+            setenv("VEXA_TRACE", (folder_ + options_.trace).c_str(), 1);
+        }
         if (isManager) {
             setsid();  // what the terminal sends is for the command
             setenv("NOTIFY_SOCKET", NotifyPath().c_str(), 1);
@@ -326,6 +332,20 @@ private:
         }
     }
 
+    // The lines of all processes by their times.
+    void ShowTrace() const
+    {
+        std::multimap<double, std::string> lines;
+        std::ifstream file(folder_ + options_.trace);
+        for (std::string line; std::getline(file, line);) {
+            const size_t time = std::min(line.find_first_of("0123456789"), line.size());
+            lines.emplace(strtod(line.c_str() + time, nullptr), line);
+        }
+        for (const auto& [time, line] : lines) {
+            fprintf(stderr, "%s\n", line.c_str());
+        }
+    }
+
     const Options options_;
     sigset_t originalMask_ = {};
     int signals_ = -1;
@@ -389,6 +409,10 @@ int main(int argc, char** argv)
         ->expected(1)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
     app.add_option("--samgrd", options.manager, "The manager's program (default: the one installed with this)");
+    bool isTraced = false;
+    bool isJson = false;
+    app.add_flag("--trace", isTraced, "At the end, show on standard error what all processes said to each other");
+    app.add_flag("--json", isJson, "The trace with one JSON object a line")->needs("--trace");
     app.footer("The command and its arguments come last, after --.");
     app.set_version_flag("--version", "vexa-session " VEXA_VERSION);
     // Split here: the parser would look for options of its own, and for further dashes, in the command's arguments.
@@ -400,6 +424,7 @@ int main(int argc, char** argv)
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : kUsage;
     }
+    options.trace = !isTraced ? "" : isJson ? "/trace.json" : "/trace";
     if (options.command.empty()) {
         fprintf(stderr, "vexa-session: no command is given after --\n");
         return kUsage;

@@ -71,8 +71,8 @@ vexa-session -- bash -euo pipefail -c '
         expect 0 $level status --stage all
         [[ "$(grep -c GetMigrateStatus "$ROOT/err")" == "$([[ -n "$level" ]] && echo 1 || echo 0)" ]]
     done
-    expect 0 -v monitor status
-    grep -q "GetMigrateStatus start" "$ROOT/out"
+    expect 0 trace status  # this side alone, as the others are not traced
+    [[ "$(grep -c GET_MIGRATE_STATUS "$ROOT/err")" == 2 ]]
     for help in --help "reserve --help" --version; do
         expect 0 $help
     done
@@ -85,3 +85,24 @@ vexa-session -- bash -euo pipefail -c '
     VEXA_RUNTIME_DIR="$ROOT/none" expect 4 status
     grep -q "^migratectl.* $ROOT/none/samgr.sock: No such file" "$ROOT/err"
 '
+
+# Process, direction, event and request of the lines of a trace with that word, each process without its number.
+told() { grep "$1" "$root/err" | sed -E 's/^[0-9.]+ ([a-z_]+)\[[0-9]+\] (to|from) [a-z_]+\[[0-9]+\] ([a-z]+) ?([^ ]*).*/\1 \2 \3 \4/'; }
+
+export VEXA_RUNTIME_DIR="$root/none"  # no manager serves here
+migratectl trace status >/dev/null 2>"$root/err"
+number="$(told GET_MIGRATE_STATUS | awk 'NR == 1 { print $4 }')"
+diff <(told GET_MIGRATE_STATUS) - <<END
+migratectl to request $number
+migrate_service from request $number
+migrate_service to reply $number
+migratectl from reply $number
+END
+vexa-session --trace -- bash -euo pipefail -c '
+    migratectl load 65792
+    pgrep -f "^[^ ]*migrate_serviced --source $MIGRATE_SOURCE " >"$ROOT/pid"
+    kill -9 "$(cat "$ROOT/pid")"
+    migratectl status
+' >/dev/null 2>"$root/err"
+grep -q " samgrd\[[0-9]*\] from [a-z_]*\[$(cat "$root/pid")\] death$" "$root/err" || { cat "$root/err"; exit 1; }
+migratectl trace --json status 2>&1 >/dev/null | grep -q "^{\"time\":.*GET_MIGRATE_STATUS.*}$"

@@ -37,7 +37,6 @@ struct LogEntry {
           format(record.format),
           message(record.message)
     {}
-    LogRecord AsRecord() const { return {type, level, domain, tag.c_str(), pid, tid, time, format.c_str(), message}; }
 };
 
 // Keeps the last `capacity` lines (at least 1). All operations may be called from any thread; they wait for each
