@@ -10,13 +10,13 @@ set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 
-set(CMAKE_RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/bin")
-set(CMAKE_LIBRARY_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/lib")
-set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/lib")
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/bin")
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/lib")
+set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/lib")
 set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
 set(CMAKE_INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
 
-if(NOT CMAKE_BUILD_TYPE)
+if(PROJECT_IS_TOP_LEVEL AND NOT CMAKE_BUILD_TYPE)
     set(CMAKE_BUILD_TYPE Release CACHE STRING "" FORCE)
 endif()
 set(CMAKE_CXX_FLAGS_RELEASE "-O2 -DNDEBUG")
@@ -27,12 +27,16 @@ if(NM_CCACHE AND NOT DEFINED CMAKE_CXX_COMPILER_LAUNCHER)
 endif()
 
 find_package(Threads REQUIRED)
+include(CheckPIESupported)
+check_pie_supported()
 
-# Every target of ours links this: the warnings and the sanitizers.
+# Every target of ours links this: the warnings, the hardening and the sanitizers. What is compiled holds no path of the
+# machine that compiled it, so that two builds in two folders are equal.
 add_library(nm_settings INTERFACE)
 target_compile_options(nm_settings INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion
     $<$<BOOL:${NM_WERROR}>:-Werror>
+    "-ffile-prefix-map=${PROJECT_BINARY_DIR}=build" "-ffile-prefix-map=${PROJECT_SOURCE_DIR}=."
     $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
 # Inline code of ours checks the order of mutexes everywhere or nowhere; a consumer's never does.
 target_compile_definitions(nm_settings INTERFACE
@@ -44,6 +48,6 @@ if(NM_SANITIZE)
     target_link_options(nm_settings INTERFACE -fsanitize=${NM_SANITIZE})
 else()
     target_compile_options(nm_settings INTERFACE -fstack-protector-strong
-        $<$<CONFIG:Release>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>)
+        $<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>)
     target_link_options(nm_settings INTERFACE -Wl,-z,relro,-z,now,-z,defs)
 endif()

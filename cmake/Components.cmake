@@ -251,6 +251,12 @@ function(nm_fuzzer name)
     set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/fuzz")
 endfunction()
 
+# Before 1.0 a minor version may break the interface, so its number is part of the library's name.
+set(NM_SOVERSION ${PROJECT_VERSION_MAJOR})
+if(NM_SOVERSION EQUAL 0)
+    set(NM_SOVERSION 0.${PROJECT_VERSION_MINOR})
+endif()
+
 # A shared library made of components. PUBLIC lists the shared libraries its users see too.
 function(nm_shared_library target)
     cmake_parse_arguments(PARSE_ARGV 1 ARG "" "EXPORT_NAME" "COMPONENTS;PUBLIC;LINKS")
@@ -267,10 +273,17 @@ function(nm_shared_library target)
     target_link_libraries(${target} PUBLIC ${ARG_PUBLIC} PRIVATE $<BUILD_INTERFACE:nm_settings> ${links} ${ARG_LINKS})
     # The code stays mapped once loaded: death recipients and singletons that are never destroyed point into it.
     target_link_options(${target} PRIVATE -Wl,-z,nodelete)
+    string(TOUPPER "${target}_${NM_SOVERSION}" node)
+    set(map "${CMAKE_CURRENT_BINARY_DIR}/${target}.map")
+    configure_file("${PROJECT_SOURCE_DIR}/cmake/exports.map.in" "${map}" @ONLY)
+    target_link_options(${target} PRIVATE "-Wl,--version-script=${map}")
+    set_property(TARGET ${target} PROPERTY LINK_DEPENDS "${map}")
+    # Its headers need no more than this, whatever the library itself is compiled as.
+    target_compile_features(${target} INTERFACE cxx_std_17)
     set_target_properties(${target} PROPERTIES
         LINKER_LANGUAGE CXX
         VERSION ${PROJECT_VERSION}
-        SOVERSION ${PROJECT_VERSION_MAJOR}
+        SOVERSION ${NM_SOVERSION}
         INSTALL_RPATH "$ORIGIN"
         EXPORT_NAME ${ARG_EXPORT_NAME})
 endfunction()
