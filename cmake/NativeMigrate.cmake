@@ -10,7 +10,10 @@ if(TARGET nm_kits AND TARGET vexa_platform)
 
     add_library(native_migrate::native_migrate ALIAS native_migrate)
     add_library(vexa::platform ALIAS vexa_platform)
-    add_library(nm_testing_kit INTERFACE)
-    target_link_libraries(nm_testing_kit INTERFACE vexa_testing vexa_platform)
+    # Within this tree users of the testing kit choose what it stands on; for others that is the shared library.
+    add_library(nm_testing_kit STATIC EXCLUDE_FROM_ALL $<TARGET_OBJECTS:vexa_testing>)
+    set_target_properties(nm_testing_kit PROPERTIES LINKER_LANGUAGE CXX)
+    target_include_directories(nm_testing_kit INTERFACE $<TARGET_PROPERTY:vexa_testing,INTERFACE_INCLUDE_DIRECTORIES>)
+    target_link_libraries(nm_testing_kit PUBLIC vexa_platform)
     add_library(vexa::testing ALIAS nm_testing_kit)
 endif()

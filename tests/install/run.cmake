@@ -26,15 +26,22 @@ run(${COMPILER} -std=c++17 ${CONSUMER}/main.cpp -o ${WORK_DIR}/by_pkg_config ${f
     -Wl,-rpath,${WORK_DIR}/prefix/${LIB_DIR})
 run(${WORK_DIR}/by_pkg_config)
 
-# By taking the tree in: the same names, no tests, and no warning that is an error. The program is compiled only, as the
-# library has been built often enough.
-run(${configure} -B ${WORK_DIR}/taken_in -DSOURCE_TREE=${SOURCE_TREE} -DCMAKE_CXX_COMPILER_LAUNCHER=${LAUNCHER}
-    -DCMAKE_EXPORT_COMPILE_COMMANDS=ON)
-if(GENERATOR STREQUAL "Ninja")
-    run(${CMAKE_COMMAND} --build ${WORK_DIR}/taken_in --target CMakeFiles/consumer.dir/main.cpp.o)
-endif()
-file(READ "${WORK_DIR}/taken_in/compile_commands.json" commands)
+# By taking the tree in: the same names, no tests, and no warning that is an error. The libraries are not built once more:
+# the program is linked as that build would, with those of this one.
+set(taken_in "${WORK_DIR}/taken_in")
+run(${configure} -B ${taken_in} -DSOURCE_TREE=${SOURCE_TREE} -DCMAKE_EXPORT_COMPILE_COMMANDS=ON)
+file(READ "${taken_in}/compile_commands.json" commands)
 no_match("compiled for who takes the tree in" "${commands}" "-Werror|/tests/unit/[^ ]*")
+if(GENERATOR STREQUAL "Ninja")
+    run(ninja -C ${taken_in} CMakeFiles/consumer.dir/main.cpp.o)
+    run(ninja -C ${taken_in} nm_testing_kit)
+    file(COPY "${BUILD_TREE}/lib/" DESTINATION "${taken_in}/_deps/native_migrate-build/lib"
+        FILES_MATCHING PATTERN "*.so*")
+    execute_process(COMMAND ninja -C ${taken_in} -t commands consumer OUTPUT_VARIABLE commands)
+    string(REGEX MATCH "[^\n]* -o consumer [^\n]*" link "${commands}")
+    execute_process(COMMAND sh -c "${link}" WORKING_DIRECTORY "${taken_in}" COMMAND_ERROR_IS_FATAL ANY)
+    run(${taken_in}/consumer)
+endif()
 
 # Each program finds its libraries where it was moved to.
 file(GLOB programs "${WORK_DIR}/prefix/${BIN_DIR}/*")
