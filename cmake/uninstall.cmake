@@ -1,7 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
 # Removes what the last `cmake --install` of this build tree has laid down, of all components or of one, and the folders
-# that are empty then. Configuration stays: it may have been changed since.
-file(GLOB manifests "${BUILD_TREE}/install_manifest*.txt")
+# that are empty then. Configuration stays: it may have been changed since. KIND is "_" for what was installed by
+# components.
+file(GLOB manifests "${BUILD_TREE}/install_manifest${KIND}*.txt")
 if(NOT manifests)
     message(FATAL_ERROR "Nothing has been installed from ${BUILD_TREE}.")
 endif()

@@ -61,9 +61,12 @@ endforeach()
 execute_process(COMMAND grep -rlF ${SOURCE_TREE} ${WORK_DIR}/prefix OUTPUT_VARIABLE naming)
 no_match("has a path of the build" "${naming}" "${WORK_DIR}/prefix[^\n]*")
 
-# What is installed can be removed again, except configuration.
-run(${CMAKE_COMMAND} --install ${BUILD_TREE} --prefix ${WORK_DIR}/native_migrate)
-run(${CMAKE_COMMAND} -DBUILD_TREE=${BUILD_TREE} -P ${SOURCE_TREE}/cmake/uninstall.cmake)
+# What is installed can be removed again, except configuration. Other tests install from the same tree, but never by
+# components, which leave lists of their own.
+foreach(component libraries development programs)
+    run(${CMAKE_COMMAND} --install ${BUILD_TREE} --prefix ${WORK_DIR}/native_migrate --component ${component})
+endforeach()
+run(${CMAKE_COMMAND} -DBUILD_TREE=${BUILD_TREE} -DKIND=_ -P ${SOURCE_TREE}/cmake/uninstall.cmake)
 file(GLOB_RECURSE left "${WORK_DIR}/native_migrate/*")
 no_match("left" "${left}" "${WORK_DIR}/native_migrate/[^e;][^;]*")
 if(NOT EXISTS "${WORK_DIR}/native_migrate/etc/default/samgrd")
