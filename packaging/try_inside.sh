@@ -29,7 +29,7 @@ within() {
 }
 as() { setpriv --reuid="$1" --regid="$1" --init-groups env HOME="/home/$1" "${@:2}"; }
 their() { as mover env XDG_RUNTIME_DIR="/run/user/$(id -u mover)" "$@"; }
-install() { apt-get install --quiet --yes /try/"$1"/*.deb; }
+packages() { apt-get install --quiet --yes /try/"$1"/*.deb; }
 # Names of processes are cut after 15 characters.
 running() { pgrep -x 'samgrd|migrate_service'; }
 nothing_left() { ! running && ! systemctl cat samgrd.service 2>/dev/null && [[ ! -e /run/vexa ]]; }
@@ -41,7 +41,7 @@ within 300 systemctl is-system-running || systemctl list-units --failed
 source=/var/lib/native-migrate/source target=/var/lib/native-migrate/target
 
 echo "Installed"
-check "the packages install" install 1
+check "the packages install" packages 1
 [[ -n "$worked" ]] || exit 1
 check "the manager runs" within 50 systemctl is-active samgrd.service
 check "the group is there" getent group migrate
@@ -59,7 +59,17 @@ check "a member of the group looks at the packages" as mover migratectl packages
 check "somebody else may not" not as stranger migratectl packages
 check "a package is migrated" as mover migratectl start mail --watch
 check "owners and modes are kept" diff <(names_of $source/mail) <(names_of $target/mail)
+
+# A profile of the administrator's goes before the one that is shipped.
+install --directory --owner=mover /srv/target
+sed 's|"id"|"user": "mover", "id"|; s|${MIGRATE_TARGET}|/srv/target|' /usr/share/vexa/profiles/65792.json \
+    >/etc/vexa/profiles/migration.json
 check "a reload is taken" systemctl reload samgrd.service
+pkill -x migrate_service
+check "the service can run as another user" within 50 as mover migratectl start mail --watch
+check "it does" pgrep -u mover -x migrate_service
+rm /etc/vexa/profiles/migration.json
+systemctl restart samgrd.service
 for page in samgrd.8 migrate_serviced.8 migratectl.1 vexa-session.1 vexa-profile.5; do
     check "there is a page for $page" test -s "/usr/share/man/man${page##*.}/$page.gz"
 done
@@ -87,7 +97,7 @@ systemctl restart samgrd.service
 check "a migration begins" as mover migratectl start large
 before=$(running)
 # shellcheck disable=SC2086
-check "the upgrade goes through" install 2
+check "the upgrade goes through" packages 2
 check "nothing of the old version runs" bash -c 'for pid in '"${before//$'\n'/ }"'; do [[ ! -e /proc/$pid ]] || exit 1; done'
 check "the manager runs" within 50 systemctl is-active samgrd.service
 check "changed configuration stays" grep -q '^MIGRATE_THROTTLE=8000000' /etc/default/samgrd
@@ -101,7 +111,7 @@ check "configuration is left" grep -q '^MIGRATE_THROTTLE=8000000' /etc/default/s
 check "what was migrated is left" test "$kept" = "$(names_of $target)"
 
 echo "Installed again, and purged"
-check "the packages install" install 2
+check "the packages install" packages 2
 check "the manager runs" within 50 systemctl is-active samgrd.service
 check "the service runs" migratectl status
 kept=$(names_of $target)
