@@ -4,6 +4,7 @@
 // and compares.
 #pragma once
 
+#include <sys/epoll.h>
 #include <sys/random.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -15,6 +16,7 @@
 #include <cstdio>
 #include <cstring>
 #include <deque>
+#include <filesystem>
 #include <map>
 #include <set>
 
@@ -62,6 +64,15 @@ extern "C" int socket(int domain, int type, int protocol) noexcept
     using namespace VEXA::test;
     return Fails(faults.sockets, EMFILE) ? -1 : static_cast<int>(syscall(SYS_socket, domain, type, protocol));
 }
+// Of those that are ready, any may come first.
+extern "C" int epoll_wait(int set, epoll_event* events, int most, int wait)
+{
+    epoll_event ready[16];
+    const int count = static_cast<int>(syscall(SYS_epoll_pwait, set, ready, 16, wait, nullptr, 8));
+    std::rotate(ready, ready + (count > 0 ? ++VEXA::test::randomNumbers % static_cast<uint64_t>(count) : 0),
+        ready + std::max(count, 0));
+    return std::copy_n(ready, std::min(count, most), events), std::min(count, most);
+}
 extern "C" ssize_t getrandom(void* bytes, size_t size, unsigned)
 {
     const uint64_t next = ++VEXA::test::randomNumbers * 0x9E3779B97F4A7C15;
@@ -95,6 +106,7 @@ public:
         for (size_t place = 0; place < now_.size(); ++place) {
             Begin(place);
         }
+        descriptors_ = OpenDescriptors();
     }
 
     // The first thing that went wrong; empty while nothing has.
@@ -128,8 +140,16 @@ public:
             }
         }
         for (Life* life : now_) {
+            for (const Life* other : now_) {
+                const sptr<ipc::Peer> peer = life->Knows(*other);
+                Check(
+                    !failure_.empty() || !peer || peer->TellObjects().empty(), "an object that nobody holds is known");
+            }
+        }
+        for (Life* life : now_) {
             Kill(*life);
         }
+        Check(OpenDescriptors() == descriptors_, "a descriptor is lost");
     }
 
 private:
@@ -183,8 +203,9 @@ private:
         ipc::FrameHeader header{};
         std::function<void()> hasArrived{};  // tells the sender; holds what the sender does until then
         std::vector<size_t> cargo{};
-        size_t target = 0;    // of a one-way request
-        uint32_t number = 0;  // of a one-way request; later ones have larger numbers
+        size_t target = 0;     // of a one-way request
+        uint32_t number = 0;   // of a one-way request; later ones have larger numbers
+        bool mayWait = false;  // with its sender, until the receiver has room for it
     };
 
     void Check(bool holds, const char* what)
@@ -192,6 +213,11 @@ private:
         if (!holds && failure_.empty()) {
             failure_ = std::string(what) + ", step " + std::to_string(step_);
         }
+    }
+
+    static ptrdiff_t OpenDescriptors()
+    {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
     }
 
     void Begin(size_t place)
@@ -226,6 +252,9 @@ private:
             if (peer && !peer->WaitLinkFlushed({})) {
                 return;
             }
+        }
+        if (std::ranges::any_of(underWay_, [&](const Sending& each) { return each.from == &at && each.mayWait; })) {
+            return;
         }
         // Its connections end, and it reaches nobody: what it would still say is not heard.
         const std::unique_ptr<ipc::Transport> transport = std::move(at.transport);
@@ -291,6 +320,10 @@ private:
     void Take(Life& at, size_t number, const sptr<IRemoteObject>& object)
     {
         const bool isOwn = &Home(number) == &at;
+        if (object && !isOwn) {
+            const auto named = names_.try_emplace({Home(number).id, Proxy(object).Id()}, number).first;
+            Check(named->second == number, "a number is used again");
+        }
         sptr<IRemoteObject>& kept = at.held.try_emplace(number, object).first->second;
         Check(object && (!isOwn || object.GetRefPtr() == at.stubs[number]), "an object has come as another");
         if (kept != object && kept->IsObjectDead()) {
@@ -316,6 +349,8 @@ private:
     std::vector<size_t> Load(Life& at, MessageParcel& parcel)
     {
         std::vector<size_t> cargo;
+        // Now and then more than the receiver's first window.
+        parcel.WriteString(std::string(draw_(32) == 0 ? 1000 * draw_(100) : 0, 'x'));
         for (size_t left = draw_(4); left > 0; --left) {
             const auto* const held = draw_(3) > 0 ? AnyOfOthers(at) : nullptr;
             if (held == nullptr || CanTravel(*Proxy(held->second).Owner())) {
@@ -329,6 +364,7 @@ private:
     }
     void Unload(Life& at, MessageParcel& parcel)
     {
+        parcel.ReadString();
         while (parcel.GetReadableBytes() > 0) {
             const uint64_t number = parcel.ReadUint64();
             Take(at, number, parcel.ReadRemoteObject());
@@ -369,6 +405,8 @@ private:
         const int32_t result = object->SendRequest(++number_, *sending.frame, reply, option);
         Check(result == (isDead ? IPC_CONNECTION_LOST : IPC_OK) || !sending.to->transport, "a request has another end");
         if (result == IPC_OK && sending.to->transport) {
+            const auto waits = [&](const Sending& other) { return other.from == &at && other.mayWait; };
+            sending.mayWait = sending.frame->GetDataSize() > 10'000 || std::ranges::any_of(underWay_, waits);
             sending.frame.reset();
             sending.target = number;
             sending.number = number_;
@@ -523,6 +561,8 @@ private:
     uint32_t number_ = 0;
     std::array<Life*, 3> now_{};
     std::vector<Life*> homes_;  // by objects
+    std::map<std::pair<ipc::EndpointId, ipc::ObjectId>, size_t> names_;
+    ptrdiff_t descriptors_ = 0;  // open at first
     std::deque<Life> lives_;
     std::vector<Sending> underWay_;
     std::vector<size_t> replyCargo_;

@@ -58,29 +58,6 @@ protected:
     const sptr<IRemoteObject> mine_{new TestObject};
 };
 
-TEST_F(IpcProcesses, PassesLeaveNothingBehind)
-{
-    constexpr int64_t kSlackBytes = int64_t{SLACK_MEBIBYTES} << 20;
-    const Node node = StartNode();
-    const std::array pids{node.process.Pid(), hubProcess_.Pid(), getpid()};
-    std::array<int64_t, 3> before{};
-    for (const int count : {2000, 25'000}) {
-        for (int i = 0; i < count; ++i) {
-            ASSERT_EQ(Call(node.object, KEEP, mine_).Send(), 0);
-            ASSERT_EQ(Call(node.object, GIVE).AnswerObject(), mine_);
-            ASSERT_EQ(Call(hub_, KEEP, Call(node.object, MAKE_NEW).AnswerObject()).Send(), 0);
-        }
-        for (size_t i = 0; i < pids.size(); ++i) {
-            int64_t all = 0;
-            int64_t resident = 0;
-            std::ifstream("/proc/" + std::to_string(pids[i]) + "/statm") >> all >> resident;
-            resident *= sysconf(_SC_PAGESIZE);
-            EXPECT_TRUE(before[i] == 0 || resident < before[i] + kSlackBytes) << resident - before[i] << " in " << i;
-            before[i] = resident;
-        }
-    }
-}
-
 TEST_F(IpcProcesses, RequestsEndAtOnceWithTheProcess)
 {
     std::vector<std::chrono::duration<double>> waits;

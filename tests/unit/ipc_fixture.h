@@ -116,6 +116,11 @@ inline bool HasEnded(const UniqueFd& fd)
 class IpcParts : public testing::Test {
 protected:
     IpcParts() { EXPECT_TRUE(workers_.Open() && reactor_.Open()); }
+    ~IpcParts() override
+    {
+        ByteBudget::Charge all(budget_);
+        EXPECT_TRUE(all.Set({1, 7}, 67108864) && all.Set({}, 0) && all.Set({2, 1}, 67108864)) << "nothing is charged";
+    }
 
     WorkerPool workers_{&StartNone};
     Reactor reactor_{&StartNone};
