@@ -167,6 +167,7 @@ private:
         Objects held{};                 // its own objects and others'
         std::set<size_t> leftBehind{};  // counted as held: a process died that had said so and was yet to give it
         std::map<size_t, sptr<Watcher>> watchers{};  // of those that it holds
+        std::map<const Life*, size_t> ahead{};       // sent to each since all was done there, as its window counts it
         uint64_t stoppedUntil = 0;
 
         ipc::PeerDirectory& Peers() const { return transport->Peers(); }
@@ -402,11 +403,13 @@ private:
         }
         MessageParcel reply;
         MessageOption option(MessageOption::TF_ASYNC);
+        size_t& ahead = at.ahead[sending.to];
+        ahead = Proxy(object).Owner()->Credit().IsWhole() ? 0 : ahead;
         const int32_t result = object->SendRequest(++number_, *sending.frame, reply, option);
         Check(result == (isDead ? IPC_CONNECTION_LOST : IPC_OK) || !sending.to->transport, "a request has another end");
         if (result == IPC_OK && sending.to->transport) {
-            const auto waits = [&](const Sending& other) { return other.from == &at && other.mayWait; };
-            sending.mayWait = sending.frame->GetDataSize() > 10'000 || std::ranges::any_of(underWay_, waits);
+            ahead += 1024 + sending.frame->GetDataSize();
+            sending.mayWait = ahead > 65536;
             sending.frame.reset();
             sending.target = number;
             sending.number = number_;

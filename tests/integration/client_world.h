@@ -23,7 +23,17 @@ public:
     std::string Source() const { return Folder() + "/source"; }
     std::string Target() const { return Folder() + "/target"; }
     // The service's process; -1 while there is none.
-    pid_t Service() const { return PidOfProgram(*this, "migrate_serviced"); }
+    pid_t Service() const
+    {
+        const std::string manager = std::to_string(Manager().Pid());
+        std::ifstream children("/proc/" + manager + "/task/" + manager + "/children");
+        pid_t child = -1;
+        // The kernel cuts the name.
+        while (children >> child &&
+               (FileText("/proc/" + std::to_string(child) + "/comm") != "migrate_service\n" || !IsRunning(child))) {
+        }
+        return children ? child : -1;
+    }
 };
 
 // True when a service has answered.

@@ -66,21 +66,4 @@ private:
     ChildProcess manager_;
 };
 
-// The living process of that program; -1 when there is none.
-inline pid_t PidOfProgram(const SamgrWorld& world, const std::string& program)
-{
-    constexpr size_t kLongestName = 15;  // the kernel cuts the others
-    const std::string name = "(" + program.substr(0, kLongestName) + ") ";
-    const std::string parent = " " + std::to_string(world.Manager().Pid()) + " ";
-    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-        const std::string stat = FileText(entry.path() / "stat");
-        const size_t state = stat.find(name) + name.size();
-        if (stat.find(name) != std::string::npos && stat[state] != 'Z' &&
-            stat.compare(state + 1, parent.size(), parent) == 0) {
-            return std::stoi(entry.path().filename());
-        }
-    }
-    return -1;
-}
-
 }  // namespace VEXA::test

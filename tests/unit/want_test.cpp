@@ -61,12 +61,6 @@ std::string Word(uint32_t value)
     return {reinterpret_cast<const char*>(&value), sizeof(value)};
 }
 
-// A want of one parameter-to-be: empty texts, no flags, then `count` and `params`.
-std::unique_ptr<Want> FromParams(uint32_t count, const std::string& params)
-{
-    return FromBytes(std::string(4 * 8 + 4, '\0') + Word(count) + params);
-}
-
 TEST(WantTest, TravelsInItsBytes)
 {
     const Want want = Sample();
@@ -83,42 +77,34 @@ TEST(WantTest, TravelsInItsBytes)
     }
 }
 
-TEST(WantTest, RefusesParametersThatAreNone)
+TEST(WantTest, ParametersAreReadAndWrittenWithinTheirLimits)
 {
     const std::string a = "\1\0\0\0a\0\0\0"s;
     const std::string b = "\1\0\0\0b\0\0\0"s;
     const std::string yes = Word(0) + Word(1);
-    const std::string room(Want::MAX_LIST * 8 + 64, '\0');
-
-    EXPECT_NE(FromParams(2, a + yes + b + yes), nullptr);
-    EXPECT_EQ(FromParams(2, b + yes + a + yes), nullptr) << "out of order";
-    EXPECT_EQ(FromParams(2, a + yes + a + yes), nullptr) << "twice";
-    EXPECT_EQ(FromParams(1, a + Word(6) + Word(1)), nullptr) << "unknown type";
-    EXPECT_EQ(FromParams(3, a + yes + b + yes), nullptr) << "count beyond the bytes";
     std::string many;
+    Want largest;
     for (int i = 0; i < 1025; ++i) {
         many += Word(4) + std::to_string(1000 + i) + Word(0) + yes;
+        largest = i < 1024 ? largest.SetParam(std::to_string(i), i) : largest;
     }
-    EXPECT_NE(FromParams(1024, many), nullptr);
-    EXPECT_EQ(FromParams(1025, many), nullptr) << "count beyond the limit";
-    EXPECT_NE(FromParams(1, a + Word(5) + Word(Want::MAX_LIST) + room), nullptr);
-    EXPECT_EQ(FromParams(1, a + Word(5) + Word(Want::MAX_LIST + 1) + room), nullptr) << "list beyond the limit";
-    EXPECT_EQ(FromParams(1, a + Word(5) + Word(9) + std::string(64, '\0')), nullptr) << "list beyond the bytes";
-}
-
-TEST(WantTest, DoesNotTravelBeyondItsLimits)
-{
+    const std::string room(16384 * 8 + 64, '\0');
+    const std::tuple<const char*, uint32_t, std::string, bool> rows[] = {{"two", 2, a + yes + b + yes, true},
+        {"out of order", 2, b + yes + a + yes, false}, {"twice", 2, a + yes + a + yes, false},
+        {"unknown type", 1, a + Word(6) + Word(1), false}, {"count beyond the bytes", 3, a + yes + b + yes, false},
+        {"all", 1024, many, true}, {"count beyond the limit", 1025, many, false},
+        {"the longest list", 1, a + Word(5) + Word(16384) + room, true},
+        {"list beyond the limit", 1, a + Word(5) + Word(16385) + room, false},
+        {"list beyond the bytes", 1, a + Word(5) + Word(9) + std::string(64, '\0'), false}};
+    for (const auto& [name, count, params, isSound] : rows) {
+        // Behind empty texts and no flags.
+        EXPECT_EQ(FromBytes(std::string(4 * 8 + 4, '\0') + Word(count) + params) != nullptr, isSound) << name;
+    }
     Parcel parcel;
-    Want list;
-    EXPECT_TRUE(list.SetParam("v", Texts(Want::MAX_LIST)).Marshalling(parcel));
-    EXPECT_FALSE(list.SetParam("v", Texts(Want::MAX_LIST + 1)).Marshalling(parcel));
-
-    Want many;
-    for (uint32_t i = 0; i < Want::MAX_PARAMS; ++i) {
-        many.SetParam(std::to_string(i), static_cast<int32_t>(i));
-    }
-    EXPECT_NE(FromBytes(Bytes(many)), nullptr);
-    EXPECT_FALSE(many.SetParam("one more", 1).Marshalling(parcel));
+    EXPECT_NE(FromBytes(Bytes(largest)), nullptr);
+    EXPECT_FALSE(largest.SetParam("one more", 1).Marshalling(parcel));
+    EXPECT_TRUE(Want().SetParam("v", Texts(16384)).Marshalling(parcel));
+    EXPECT_FALSE(Want().SetParam("v", Texts(16385)).Marshalling(parcel));
 }
 
 TEST(WantTest, KeepsTheTypeOfAParameter)
