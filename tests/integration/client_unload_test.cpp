@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// The library loaded and unloaded by a program that is not linked with it.
 #include <dlfcn.h>
 
 #include <atomic>

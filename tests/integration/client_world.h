@@ -36,7 +36,6 @@ public:
     }
 };
 
-// True when a service has answered.
 inline bool IsAnswered(UpdateEngine::MigrateServerKits& kits)
 {
     UpdateEngine::BusinessError error;

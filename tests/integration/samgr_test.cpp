@@ -77,7 +77,6 @@ public:
     }
 };
 
-// The process of the object.
 pid_t PidOf(const sptr<IRemoteObject>& object)
 {
     MessageParcel data;

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a process counts: one-way requests under way, what a peer gets wrong, connections; and the notices of deaths.
 #include <latch>
 #include <numeric>
 

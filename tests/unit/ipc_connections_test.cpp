@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Connections as bytes in and out: frames however they arrive, links, both ends of a channel, and accepting.
 #include <sys/epoll.h>
 
 #include "ipc_fixture.h"

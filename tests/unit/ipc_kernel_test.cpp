@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Sockets, the reactor and the workers.
 #include <sys/epoll.h>
 
 #include <latch>

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Parcels, and objects and interfaces within one process.
 #include <gtest/gtest.h>
 
 #include <cstring>

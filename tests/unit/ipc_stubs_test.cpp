@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// The callback interfaces' stubs and proxies, and the service's proxy.
 #include "kits_fixture.h"
 #include "migrate_service_proxy.h"
 #include "native_migrate/migrate_callback_proxy.h"

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Texts bound to records by their member lists, single keys read, and records written as texts.
 #include <cjson/cJSON.h>
 #include <gtest/gtest.h>
 

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// The connection of the migration client: lookup, death of the service, callbacks across it.
 #include <future>
 
 #include "kits_fixture.h"
@@ -34,7 +33,7 @@ protected:
     MigrateServerKitsImpl& kits_ = *made_;
 };
 
-TEST_F(KitsRecoveryTest, LookupStartsTheServiceOnceAndKeepsIt)
+TEST_F(KitsRecoveryTest, LookupStartsTheServiceOnceKeepsItAndSurvivesEveryGap)
 {
     const sptr<ScriptedRemoteObject> service = PrepareService();
     RecordingLogSink log;
@@ -46,21 +45,18 @@ TEST_F(KitsRecoveryTest, LookupStartsTheServiceOnceAndKeepsIt)
     kits_.GetService();
     EXPECT_EQ(manager_->Calls(), (ManagerCalls{CHECK, LOAD, CHECK}));
     EXPECT_EQ(service->AddedCount(), 2U);
-}
 
-TEST_F(KitsRecoveryTest, EveryGapOfALookupIsSurvived)
-{
-    const sptr<ScriptedRemoteObject> service = RunService();
+    kits_.DoReset();
     service->RefuseDeathRecipients(true);
-    RecordingLogSink log;
+    log.Clear();
     kits_.AddDeathRecipient(nullptr);
     EXPECT_NE(kits_.GetService(), nullptr);
     service->RefuseDeathRecipients(false);
     kits_.AddDeathRecipient(service);  // a refused watch isn't repeated
-    EXPECT_EQ(service->AddedCount(), 0U);
+    EXPECT_EQ(service->AddedCount(), 2U);
     kits_.DoReset();
     kits_.AddDeathRecipient(service);
-    EXPECT_EQ(service->AddedCount(), 1U);
+    EXPECT_EQ(service->AddedCount(), 3U);
     const UnreachableManager none;
     EXPECT_EQ(kits_.GetService(), nullptr);
     CommonDeathRecipient(nullptr).OnRemoteDied(nullptr);

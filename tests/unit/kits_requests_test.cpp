@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// The operations of both clients: what each sends, binds and logs, and who may.
 #include <map>
 #include <set>
 #include <sstream>

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// The reserve client: its observers across deaths of the service, and its own end.
 #include <optional>
 
 #include "kits_fixture.h"

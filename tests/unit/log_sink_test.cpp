@@ -56,7 +56,6 @@ TEST(KoLogTest, LinesBelowTheLevelAreNotLookedAt)
         ElementsAre(RecordedMessage{KOLOG_WARN, "", "warn"}, RecordedMessage{KOLOG_ERROR, "", "<bad format>"}));
 }
 
-// A sink of the test's own.
 class CallingSink : public LogSink {
 public:
     explicit CallingSink(std::function<bool(const LogRecord&)> write) : write_(std::move(write)) {}

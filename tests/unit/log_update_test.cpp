@@ -70,25 +70,22 @@ TEST(UpdateLogTest, LabelsAndLevels)
 
 TEST(UpdateLogTest, SingleLineMapsLevelLabelAndPrivacy)
 {
-    RecordingLogSink log;
     UpdateLog::SetLogLevel(UPDATE_ERROR);  // printing does not ask for it
-    UpdateLog::PrintSingleLine(7, Content("%{public}s", "100% text", UPDATE_DEBUG));
-    UpdateLog::PrintSingleLine(0, Content("%{private}s", "100% text", UPDATE_INFO));
-    UpdateLog::PrintSingleLine(11, Content("%s", "100% text", UPDATE_ERROR));
-    UpdateLog::PrintSingleLine(2, Content("%{public}s ", "100% text", UPDATE_INFO));
-    const std::vector<std::string> lines{
-        "3%{public}s|100% text", "4%{private}s|<private>", "6%s|<private>", "4%s|<private>"};
-    EXPECT_EQ(Lines(log), lines);
-    log.Clear();
-    // No such level, no such label.
-    const std::pair<uint32_t, int32_t> silent[] = {{7, 2}, {7, -1}, {12, 1}, {UINT32_MAX, 3}};
-    for (const auto& [index, level] : silent) {
-        const UpdateLogContent content = Content("%{public}s", "x", level);
+    // Of those without a line there is no such level, or no such label.
+    const std::tuple<uint32_t, const char*, int32_t, std::vector<std::string>> rows[] = {
+        {7, "%{public}s", UPDATE_DEBUG, {"3%{public}s|100% text"}}, {0, "%{private}s", 1, {"4%{private}s|<private>"}},
+        {11, "%s", UPDATE_ERROR, {"6%s|<private>"}}, {2, "%{public}s ", 1, {"4%s|<private>"}}, {7, "%{public}s", 2, {}},
+        {7, "%{public}s", -1, {}}, {12, "%{public}s", 1, {}}, {UINT32_MAX, "%{public}s", 3, {}}};
+    for (const auto& [index, format, level, lines] : rows) {
+        RecordingLogSink log;
+        const UpdateLogContent content = Content(format, "100% text", level);
         UpdateLog::PrintSingleLine(index, content);
-        UpdateLog::PrintLog(index, content);
-        UpdateLog::PrintLongLog(index, content);
+        if (lines.empty()) {
+            UpdateLog::PrintLog(index, content);
+            UpdateLog::PrintLongLog(index, content);
+        }
+        EXPECT_EQ(Lines(log), lines) << index << format << level;
     }
-    EXPECT_TRUE(log.Entries().empty());
 }
 
 // A cost that grew with the square would take minutes for the last size.

@@ -30,7 +30,6 @@ public:
     bool isDead = false;
 };
 
-// Gives out process ids from 1000 on.
 class CountingStarter : public ProgramStarter {
 public:
     pid_t Start(const Profile&, std::string&) override { return 1000 + starts++; }
