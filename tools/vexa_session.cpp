@@ -11,7 +11,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <chrono>
 #include <CLI/CLI.hpp>
 #include <csignal>
@@ -20,6 +19,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <string>
 #include <vector>
@@ -81,40 +81,34 @@ bool IsToBePassedOn(int signalCode)
     return signalCode != SI_KERNEL;
 }
 
-pid_t ParentOf(const std::string& pid)
-{
-    std::ifstream file("/proc/" + pid + "/stat");
-    std::string text;
-    std::getline(file, text);
-    // The name, in brackets, may hold anything: "12 (na) me) S 1 ...".
-    const size_t bracket = text.rfind(") ");
-    pid_t parent = 0;
-    if (bracket != std::string::npos && bracket + 4 < text.size()) {
-        std::from_chars(text.data() + bracket + 4, text.data() + text.size(), parent);
-    }
-    return parent;
-}
-
 // The children of this process. None of their ids can be another process's until we have waited for it.
 std::vector<pid_t> Children()
 {
-    std::vector<pid_t> children;
-    std::error_code error;
-    for (std::filesystem::directory_iterator entry("/proc", error), end; !error && entry != end;
-         entry.increment(error)) {
-        const std::string name = entry->path().filename();
-        pid_t pid = 0;
-        const auto parsed = std::from_chars(name.data(), name.data() + name.size(), pid);
-        if (parsed.ec == std::errc() && parsed.ptr == name.data() + name.size() && ParentOf(name) == getpid()) {
-            children.push_back(pid);
+    std::ifstream children("/proc/thread-self/children");
+    return {std::istream_iterator<pid_t>(children), {}};
+}
+
+// The kernel ends the child with SIGTERM when this process is gone, however it went.
+pid_t Fork()
+{
+    const pid_t self = getpid();
+    const pid_t pid = fork();
+    if (pid < 0) {
+        perror("vexa-session: fork");
+    } else if (pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        if (getppid() != self) {
+            _exit(kSessionFailed);
         }
     }
-    return children;
+    return pid;
 }
 
 class Session {
 public:
-    explicit Session(Options options) : options_(std::move(options)) {}
+    // `originalMask`: of signals, for what is started. Those that are handled are blocked by now.
+    Session(Options options, const sigset_t& originalMask) : options_(std::move(options)), originalMask_(originalMask)
+    {}
 
     int Run()
     {
@@ -142,7 +136,6 @@ private:
     bool TakeSignals()
     {
         const sigset_t set = HandledSignals();
-        sigprocmask(SIG_BLOCK, &set, &originalMask_);
         signals_ = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
         return (signals_ >= 0 && prctl(PR_SET_CHILD_SUBREAPER, 1) == 0) || Complain("signals");
     }
@@ -167,11 +160,7 @@ private:
         sockaddr_un address = {};
         address.sun_family = AF_UNIX;
         const std::string path = NotifyPath();
-        if (path.size() >= sizeof(address.sun_path)) {
-            errno = ENAMETOOLONG;
-            return Complain(path.c_str());
-        }
-        path.copy(address.sun_path, path.size());
+        path.copy(address.sun_path, sizeof(address.sun_path) - 1);
         notify_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
         return (notify_ >= 0 && bind(notify_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) ||
                Complain("socket");
@@ -200,20 +189,10 @@ private:
         return command_ > 0;
     }
 
-    // The kernel ends the child with SIGTERM when this process is gone, however it went.
     pid_t Start(const std::vector<std::string>& arguments, bool isManager)
     {
-        const pid_t self = getpid();
-        const pid_t pid = fork();
-        if (pid < 0) {
-            Complain("fork");
-        }
-        if (pid != 0) {
+        if (const pid_t pid = Fork(); pid != 0) {
             return pid;
-        }
-        prctl(PR_SET_PDEATHSIG, SIGTERM);
-        if (getppid() != self) {
-            _exit(kSessionFailed);
         }
         setenv("VEXA_RUNTIME_DIR", runtimeDirectory_.c_str(), 1);
         if (!options_.trace.empty()) {
@@ -347,7 +326,7 @@ private:
     }
 
     const Options options_;
-    sigset_t originalMask_ = {};
+    const sigset_t originalMask_;
     int signals_ = -1;
     int notify_ = -1;
     std::string folder_;
@@ -360,27 +339,17 @@ private:
     steady_clock::time_point commandDeadline_;
 };
 
-// Runs the session in a child, which is told with SIGTERM when this process is gone: what started it may kill it in any
-// way, and the session still ends everything and cleans up.
+// Runs the session in a child: whoever started this process may kill it in any way, and the session still ends
+// everything and cleans up.
 int RunGuarded(Options options)
 {
     signal(SIGCHLD, SIG_DFL);  // whoever ignores it has passed that on, and would leave us nothing to wait for
     sigset_t originalMask;
     const sigset_t set = HandledSignals();
     sigprocmask(SIG_BLOCK, &set, &originalMask);
-    const pid_t self = getpid();
-    const pid_t session = fork();
-    if (session < 0) {
-        perror("vexa-session: fork");
-        return kSessionFailed;
-    }
-    if (session == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGTERM);
-        if (getppid() != self) {
-            return kSessionFailed;
-        }
-        sigprocmask(SIG_SETMASK, &originalMask, nullptr);
-        return Session(std::move(options)).Run();
+    const pid_t session = Fork();
+    if (session <= 0) {
+        return session < 0 ? kSessionFailed : Session(std::move(options), originalMask).Run();
     }
     for (;;) {
         siginfo_t info = {};
