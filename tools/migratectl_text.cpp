@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <ctime>
 #include <cwchar>
+#include <locale>
 
 namespace migratectl {
 
@@ -16,39 +17,23 @@ namespace {
 // What a byte that begins no character counts as: a surrogate, which no valid text holds.
 constexpr char32_t kOddByte = 0xdc00;
 
-bool IsContinued(unsigned char byte)
-{
-    return (byte & 0xc0U) == 0x80U;
-}
-
 // Takes the next character off a text that is not empty.
 char32_t TakeCharacter(std::string_view& text)
 {
-    struct Kind {
-        unsigned char mask, lead;
-        char32_t least;  // what is smaller has a shorter form
-    };
-    static constexpr std::array<Kind, 4> kinds{
-        {{0x80, 0x00, 0}, {0xe0, 0xc0, 0x80}, {0xf0, 0xe0, 0x800}, {0xf8, 0xf0, 0x10000}}};
-    constexpr char32_t kLargest = 0x10ffff;
-    const auto first = static_cast<unsigned char>(text[0]);
-    for (size_t size = 1; size <= std::min(kinds.size(), text.size()); size++) {
-        const Kind& kind = kinds[size - 1];
-        const std::string_view rest = text.substr(1, size - 1);
-        if ((first & kind.mask) != kind.lead || !std::all_of(rest.begin(), rest.end(), IsContinued)) {
-            continue;
-        }
-        auto character = static_cast<char32_t>(first & ~kind.mask & 0xff);
-        for (const char c : rest) {
-            character = character << 6U | (static_cast<unsigned char>(c) & 0x3fU);
-        }
-        if (character >= kind.least && character <= kLargest && (character < 0xd800 || character > 0xdfff)) {
-            text.remove_prefix(size);
-            return character;
-        }
+    static const auto& utf8 = std::use_facet<std::codecvt<char32_t, char8_t, std::mbstate_t>>(std::locale::classic());
+    const auto* const begin = reinterpret_cast<const char8_t*>(text.data());
+    const char8_t* end = begin;
+    char32_t character = 0;
+    char32_t* behind = nullptr;
+    std::mbstate_t state = {};
+    utf8.in(state, begin, begin + text.size(), end, &character, &character + 1, behind);
+    const bool isSurrogate = character >= 0xd800 && character <= 0xdfff;
+    if (end == begin || isSurrogate) {
+        end = begin + 1;
+        character = kOddByte + *begin;
     }
-    text.remove_prefix(1);
-    return kOddByte + first;
+    text.remove_prefix(static_cast<size_t>(end - begin));
+    return character;
 }
 
 // -1 for what a terminal is not to get.
@@ -87,21 +72,6 @@ template <size_t Count>
 const char* NameOf(int64_t value, const std::array<const char*, Count>& names)
 {
     return value >= 0 && value < static_cast<int64_t>(Count) ? names[static_cast<size_t>(value)] : "unknown";
-}
-
-std::string ShowPercent(int64_t percent)
-{
-    return std::to_string(percent) + " %";
-}
-
-std::string ShowStatus(int64_t status)
-{
-    return StatusName(status);
-}
-
-std::string ShowPauseReason(int64_t reason)
-{
-    return NameOf(reason, std::array{"none", "user", "network", "storage", "power"});
 }
 
 std::string ShowUser(int64_t uid)
@@ -190,8 +160,13 @@ std::string ShowBytes(int64_t bytes)
 std::string ShowNumber(std::string_view key, int64_t value)
 {
     using Show = std::string (*)(int64_t);
+    constexpr Show ShowPercent = [](int64_t percent) { return std::to_string(percent) + " %"; };
+    constexpr Show ShowStatus = [](int64_t status) -> std::string { return StatusName(status); };
+    constexpr Show ShowReason = [](int64_t reason) -> std::string {
+        return NameOf(reason, std::array{"none", "user", "network", "storage", "power"});
+    };
     static constexpr std::pair<std::string_view, Show> kinds[] = {{"user", ShowUser}, {"status", ShowStatus},
-        {"suspendReason", ShowPauseReason}, {"percent", ShowPercent}, {"progress", ShowPercent},
+        {"suspendReason", ShowReason}, {"percent", ShowPercent}, {"progress", ShowPercent},
         {"remainingTime", ShowDuration}, {"requiredTraffic", ShowBytes}, {"requiredMigrationSpace", ShowBytes},
         {"bytes", ShowBytes}, {"startTime", ShowDate}, {"endTime", ShowDate}};
     for (const auto& [name, show] : kinds) {
