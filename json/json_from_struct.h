@@ -173,4 +173,13 @@ private:
     }
 };
 
+// A record, a list, a number or a value that was read, as JSON. What memory is too short for is cut off.
+template <typename T>
+std::string ToJson(const T& data)
+{
+    std::string text;
+    JsonFromStruct().TraverseData(text, data);
+    return text;
+}
+
 }  // namespace VEXA::UpdateEngine

@@ -2,7 +2,7 @@
 #include "callback_hub.h"
 
 #include "engine_errors.h"
-#include "json_text.h"
+#include "json_from_struct.h"
 #include "native_migrate/ireserve_migrate_status_observer.h"
 #include "native_migrate/migrate_callback_proxy.h"
 #include "native_migrate/migrate_results.h"

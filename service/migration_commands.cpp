@@ -2,7 +2,7 @@
 #include "migration_commands.h"
 
 #include "engine_errors.h"
-#include "json_text.h"
+#include "json_from_struct.h"
 #include "plain_name.h"
 #include "tree_copier.h"
 

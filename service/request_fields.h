@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "json_parse.h"
-#include "json_text.h"
 #include "native_migrate/migrate_results.h"
 #include "native_migrate/migrate_stage.h"
 #include "operation_fields.h"

@@ -5,7 +5,6 @@
 #include <utility>
 
 #include "json_parse.h"
-#include "json_text.h"
 #include "plain_name.h"
 #include "service_log.h"
 #include "state_file.h"

@@ -41,14 +41,7 @@ void Print(const std::string& text);
 void PrintJson(const std::string& json);
 void PrintRows(const Options& options, const std::vector<Fields>& rows);
 
-// A record, a list, a number or a value that was read, as JSON.
-template <typename T>
-std::string ToJson(const T& value)
-{
-    std::string text;
-    JsonFromStruct().TraverseData(text, value);
-    return text;
-}
+using UpdateEngine::ToJson;
 // A text of the service: as its values when it is JSON, else as a JSON string.
 std::string ToJson(const std::string& text);
 
