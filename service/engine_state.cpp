@@ -2,7 +2,9 @@
 #include "engine_state.h"
 
 #include <algorithm>
+#include <chrono>
 #include <ctime>
+#include <thread>
 #include <utility>
 
 #include "engine_errors.h"
@@ -10,6 +12,14 @@
 #include "state_file.h"
 
 namespace VEXA::UpdateEngine {
+
+namespace {
+
+// How much is done under the lock before others may have it, and for how long.
+constexpr size_t kPiece = 128;
+constexpr std::chrono::microseconds kPause(100);
+
+}  // namespace
 
 Task KnownPackage::MakeTask() const
 {
@@ -47,8 +57,7 @@ BusinessError EngineState::ReadPackages(std::vector<KnownPackage>& packages) con
     }
     packages.reserve(found.size());
     // In pieces, so that nobody waits long for the lock.
-    constexpr size_t kPiece = 256;
-    while (packages.size() < found.size()) {
+    for (; packages.size() < found.size(); std::this_thread::sleep_for(kPause)) {
         MutexLock lock(mutex);
         for (size_t i = packages.size(), end = std::min(found.size(), i + kPiece); i < end; ++i) {
             packages.push_back(Know(found[i], there[i]));
@@ -130,18 +139,16 @@ void EngineState::EndRunIfDone()
     store->Set(StateValue::END_TIME, time(nullptr));
 }
 
-BusinessError EngineState::AddTask(const Task& task)
+BusinessError EngineState::AddTask(const Task& task, StateChange& change)
 {
-    const TaskRef earlier = store->Tasks().Find(task.kind, task.source);
-    auto transaction = store->Begin(IfNotWritten::TAKE_BACK);
-    if (earlier != nullptr) {
+    if (const TaskRef earlier = store->Tasks().Find(task.kind, task.source)) {
         store->Erase(earlier->id);
     }
     if (task.kind == TaskKind::MIGRATE) {
         BeginRun();
     }
     const TaskRef added = store->Add(task);
-    if (!transaction.Commit()) {
+    if (!change.Commit()) {
         return StateError();
     }
     Report(*added);
@@ -172,6 +179,39 @@ void EngineState::Wake()
 bool EngineState::SyncState() const
 {
     return !options.sync || SyncStateFile(options.stateFile);
+}
+
+StateChange::StateChange(EngineState& state, IfNotWritten ifNotWritten) VEXA_NO_THREAD_SAFETY_ANALYSIS
+    : store_(*state.store),
+      changing_(state.changing),
+      lock_(state.mutex)
+{
+    store_.Begin(ifNotWritten);
+}
+
+StateChange::~StateChange() VEXA_NO_THREAD_SAFETY_ANALYSIS
+{
+    if (!isCommitted_) {
+        store_.TakeBack();
+    }
+}
+
+bool StateChange::Commit() VEXA_NO_THREAD_SAFETY_ANALYSIS
+{
+    lock_.Unlock();
+    isCommitted_ = store_.Commit();
+    lock_.Lock();
+    return isCommitted_;
+}
+
+// A mutex is not fair: whoever waits for it needs time to wake up.
+void StateChange::Breathe() VEXA_NO_THREAD_SAFETY_ANALYSIS
+{
+    if (++steps_ % kPiece == 0) {
+        lock_.Unlock();
+        std::this_thread::sleep_for(kPause);
+        lock_.Lock();
+    }
 }
 
 }  // namespace VEXA::UpdateEngine

@@ -38,6 +38,8 @@ struct EngineOptions {
     bool sync = true;             // a package counts as placed when the disk has it, not before
 };
 
+class StateChange;
+
 // A package with what the service knows of it.
 struct KnownPackage {
     PackageRef package;
@@ -51,7 +53,8 @@ struct KnownPackage {
     Task MakeTask() const;
 };
 
-// Under the lock nothing is read from disk, but for single names, and nothing grows with a package's content.
+// Under the lock nothing is read from disk, but for single names, and nothing grows with a package's content. Whatever
+// belongs to the state is changed in a StateChange only.
 class EngineState {
 public:
     EngineState(const EngineOptions& options, EngineListener& listener, std::unique_ptr<TaskStore> store,
@@ -79,8 +82,9 @@ public:
     void BeginRun() VEXA_REQUIRES(mutex);
     void EndRunIfDone() VEXA_REQUIRES(mutex);
 
-    // In place of the ended one of its kind and source. Returns the task's own error when it has one.
-    BusinessError AddTask(const Task& task) VEXA_REQUIRES(mutex);
+    // Carries out a change that puts it in place of the ended one of its kind and source. Returns the task's own error
+    // when it has one.
+    BusinessError AddTask(const Task& task, StateChange& change) VEXA_REQUIRES(mutex);
     // False when a worker's task is gone, or the engine ends.
     bool MayGoOn(uint32_t id) const VEXA_REQUIRES(mutex);
     void Report(const Task& task) VEXA_REQUIRES(mutex);
@@ -95,6 +99,7 @@ public:
     const UniqueFd source;
     const std::unique_ptr<TargetDirectory> target;
 
+    Mutex changing{LockRank::EngineChange};
     mutable Mutex mutex{LockRank::Engine};
     CondVar changed;
     const std::unique_ptr<TaskStore> store VEXA_PT_GUARDED_BY(mutex);
@@ -103,6 +108,30 @@ public:
     std::vector<std::string> rubbish VEXA_GUARDED_BY(mutex);
     std::atomic<bool> isStopping{false};
     std::atomic<uint32_t> turn{0};  // grows with every Wake
+};
+
+// One change of the state, in memory and on disk, under the engine's lock. While the disk takes it only other changes
+// wait: the lock is free for those who ask, and what they hear may be ahead of the disk.
+class VEXA_SCOPED_CAPABILITY StateChange {
+public:
+    explicit StateChange(EngineState& state, IfNotWritten ifNotWritten = IfNotWritten::TAKE_BACK)
+        VEXA_ACQUIRE(state.changing, state.mutex);
+    // What has not been committed is not written.
+    ~StateChange() VEXA_RELEASE();
+    StateChange(const StateChange&) = delete;
+    StateChange& operator=(const StateChange&) = delete;
+
+    // False when the disk does not take it.
+    bool Commit();
+    // Called for each of many steps, so that those who ask need not wait for all.
+    void Breathe();
+
+private:
+    TaskStore& store_;
+    MutexLock changing_;
+    MutexLock lock_;
+    bool isCommitted_ = false;
+    size_t steps_ = 0;
 };
 
 }  // namespace VEXA::UpdateEngine

@@ -24,34 +24,36 @@ BusinessError MigrationCommands::StartAll()
     if (BusinessError fault = state_.ReadPackages(packages); fault.errorNum != 0) {
         return fault;
     }
-    MutexLock lock(state_.mutex);
+    StateChange change(state_);
     if (state_.IsUnderWay()) {
         return MakeError(MIGRATE_ERROR_BUSY, "a migration is under way");
     }
     TaskStore& store = *state_.store;
     const PresetChoices choices = state_.Choices();
     BusinessError error;
-    auto transaction = store.Begin(IfNotWritten::TAKE_BACK);
     for (const TaskRef& task : store.Tasks().Select(TaskKind::MIGRATE, [](const Task&) { return true; })) {
+        change.Breathe();
         store.Erase(task->id);
     }
-    state_.BeginRun();
     std::vector<TaskRef> added;
     for (const KnownPackage& one : packages) {
         if (one.package->manifest.reserved || one.package->IsOneOf(choices.exclude)) {
             continue;
         }
+        change.Breathe();
         added.push_back(store.Add(one.MakeTask()));
         const Task& task = *added.back();
         if (task.error.code != 0) {
             error.data.push_back({task.error.code, task.source + ": " + task.error.reason});
         }
     }
+    state_.BeginRun();
     state_.EndRunIfDone();
-    if (!transaction.Commit()) {
+    if (!change.Commit()) {
         return StateError();
     }
     for (const TaskRef& task : added) {
+        change.Breathe();
         state_.Report(*task);
     }
     state_.Wake();
@@ -85,7 +87,7 @@ BusinessError MigrationCommands::StartPackageAs(
         }
     }
     const auto there = state_.target->IdOf(package.manifest.target);
-    MutexLock lock(state_.mutex);
+    StateChange change(state_);
     const KnownPackage known = state_.Know(std::make_shared<const Package>(package), there);
     if (known.task != nullptr && !known.task->IsEnded()) {
         return MakeError(MIGRATE_ERROR_BUSY, "its migration is under way");
@@ -97,23 +99,23 @@ BusinessError MigrationCommands::StartPackageAs(
         return error;
     }
     task.priority = parameters.priority;
-    return state_.AddTask(task);
+    return state_.AddTask(task, change);
 }
 
 // Ended tasks go too, and with them what is remembered of them. A worker that has one in hand finds it gone.
 BusinessError MigrationCommands::Remove(const std::function<bool(const Task&)>& isMeant)
 {
-    MutexLock lock(state_.mutex);
+    StateChange change(state_);
     const auto removed = state_.store->Tasks().Select(TaskKind::MIGRATE, isMeant);
     if (removed.empty()) {
         return MakeError(MIGRATE_ERROR_NOTHING, "there is no such task");
     }
-    auto transaction = state_.store->Begin(IfNotWritten::TAKE_BACK);
     for (const TaskRef& task : removed) {
+        change.Breathe();
         state_.store->Erase(task->id);
     }
     state_.EndRunIfDone();
-    if (!transaction.Commit()) {
+    if (!change.Commit()) {
         return StateError();
     }
     for (const TaskRef& one : removed) {
@@ -150,14 +152,13 @@ BusinessError MigrationCommands::Resume()
 
 BusinessError MigrationCommands::Switch(TaskStatus from, TaskStatus to, TaskPauseReason reason)
 {
-    MutexLock lock(state_.mutex);
+    StateChange change(state_);
     if (state_.Status() != from) {
         const bool isPause = to == TaskStatus::PAUSED;
         return MakeError(MIGRATE_ERROR_NOTHING, isPause ? "no migration is running" : "no migration is paused");
     }
     const auto affected =
         state_.store->Tasks().Select(TaskKind::MIGRATE, [from](const Task& task) { return task.status == from; });
-    auto transaction = state_.store->Begin(IfNotWritten::TAKE_BACK);
     state_.store->Set(StateValue::STATUS, static_cast<int64_t>(to));
     state_.store->Set(StateValue::PAUSE_REASON, static_cast<int64_t>(reason));
     for (const TaskRef& one : affected) {
@@ -165,7 +166,7 @@ BusinessError MigrationCommands::Switch(TaskStatus from, TaskStatus to, TaskPaus
         task.status = to;
         state_.store->Save(task);
     }
-    if (!transaction.Commit()) {
+    if (!change.Commit()) {
         return StateError();
     }
     for (const TaskRef& one : affected) {
@@ -189,18 +190,16 @@ BusinessError MigrationCommands::Notify(const MigrationEvent& event)
 
 BusinessError MigrationCommands::SetPolicy(Policy policy)
 {
-    MutexLock lock(state_.mutex);
-    auto transaction = state_.store->Begin(IfNotWritten::TAKE_BACK);
+    StateChange change(state_);
     state_.store->Set(StateValue::POLICY, policy);
-    return transaction.Commit() ? BusinessError() : StateError();
+    return change.Commit() ? BusinessError() : StateError();
 }
 
 BusinessError MigrationCommands::SetPreset(const PresetChoices& choices)
 {
-    MutexLock lock(state_.mutex);
-    auto transaction = state_.store->Begin(IfNotWritten::TAKE_BACK);
+    StateChange change(state_);
     state_.store->SetPreset(ToJson(choices));
-    return transaction.Commit() ? BusinessError() : StateError();
+    return change.Commit() ? BusinessError() : StateError();
 }
 
 int32_t MigrationCommands::OwnBackups(uint32_t uid)
@@ -239,8 +238,7 @@ int32_t MigrationCommands::FindBackups(uint32_t uid, std::vector<std::string>& t
 // All or none: what another user has taken meanwhile is his, unless root takes it.
 int32_t MigrationCommands::RecordOwner(uint32_t uid, const std::vector<std::string>& targets)
 {
-    MutexLock lock(state_.mutex);
-    auto transaction = state_.store->Begin(IfNotWritten::TAKE_BACK);
+    StateChange change(state_);
     for (const std::string& target : targets) {
         const Placed* const placed = state_.store->FindPlaced(target);
         if (placed == nullptr || placed->isLeaving) {
@@ -253,7 +251,7 @@ int32_t MigrationCommands::RecordOwner(uint32_t uid, const std::vector<std::stri
         owned.owner = uid;
         state_.store->SavePlaced(target, &owned);
     }
-    return transaction.Commit() ? 0 : MIGRATE_ERROR_STATE;
+    return change.Commit() ? 0 : MIGRATE_ERROR_STATE;
 }
 
 }  // namespace VEXA::UpdateEngine

@@ -15,7 +15,7 @@ namespace {
 
 ErrorInfo Note(EngineState& state, const Task& task, const FileId& staged, const CopiedTree& copied)
 {
-    MutexLock lock(state.mutex);
+    StateChange change(state, IfNotWritten::KEEP);
     if (!state.MayGoOn(task.id)) {
         return Stopped();
     }
@@ -25,7 +25,8 @@ ErrorInfo Note(EngineState& state, const Task& task, const FileId& staged, const
     noted.files = static_cast<int64_t>(copied.size.files);
     noted.subStatus = MIGRATE_SUB_PLACING;
     noted.staged = staged;
-    const bool isWritten = state.store->Save(noted);
+    state.store->Save(noted);
+    const bool isWritten = change.Commit();
     state.Report(noted);
     // Without that note the next start would not know the package for its own.
     return isWritten ? ErrorInfo() : ErrorInfo{MIGRATE_ERROR_STATE, StateError().message, true};
@@ -39,7 +40,7 @@ bool SyncCopy(const EngineState& state, const CopiedTree& copied)
 
 ErrorInfo MoveIntoPlace(EngineState& state, uint32_t id)
 {
-    MutexLock lock(state.mutex);
+    StateChange change(state, IfNotWritten::KEEP);
     if (!state.MayGoOn(id)) {
         return Stopped();
     }
@@ -58,6 +59,7 @@ ErrorInfo MoveIntoPlace(EngineState& state, uint32_t id)
         return WriteFault(errno);
     }
     NotePlaced(state, *task);
+    change.Commit();
     return {};
 }
 

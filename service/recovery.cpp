@@ -19,15 +19,14 @@ public:
 
     void Run()
     {
-        MutexLock lock(state_.mutex);
-        auto transaction = state_.store->Begin(IfNotWritten::KEEP);
+        StateChange change(state_, IfNotWritten::KEEP);
         Adopt();
         FinishLeaving();
         PutBack();
         ReopenTasks(TaskKind::MIGRATE);
         ReopenTasks(TaskKind::RESTORE);
         CollectRubbish();
-        transaction.Commit();
+        change.Commit();
     }
 
 private:

@@ -120,13 +120,13 @@ BusinessError Reservations::Restore(const Name& name, const std::string& scene)
     if (!scene.empty()) {
         task.app.restoreScene = scene;
     }
-    MutexLock lock(state_.mutex);
+    StateChange change(state_);
     const TaskRef earlier = state_.store->Tasks().Find(TaskKind::RESTORE, task.source);
     if (earlier != nullptr && !earlier->IsEnded()) {
         return MakeError(MIGRATE_ERROR_BUSY, "it is being restored");
     }
     task.priority = state_.store->Priority(task.source);
-    return state_.AddTask(task);
+    return state_.AddTask(task, change);
 }
 
 BusinessError Reservations::ClearReserved(const Name& name, const std::string& scene)
@@ -170,9 +170,8 @@ BusinessError Reservations::Clear(std::vector<KnownPackage> packages, const std:
 // A restoration under way ends without a trace.
 BusinessError Reservations::NoteLeaving(const std::vector<KnownPackage>& packages, bool isAll)
 {
-    MutexLock lock(state_.mutex);
+    StateChange change(state_);
     TaskStore& store = *state_.store;
-    auto transaction = store.Begin(IfNotWritten::TAKE_BACK);
     for (const KnownPackage& one : packages) {
         if (const TaskRef task = store.Tasks().Find(TaskKind::RESTORE, one.package->directory)) {
             store.Erase(task->id);
@@ -188,7 +187,7 @@ BusinessError Reservations::NoteLeaving(const std::vector<KnownPackage>& package
     if (isAll) {
         store.ClearPriorities();
     }
-    if (!transaction.Commit()) {
+    if (!change.Commit()) {
         return StateError();
     }
     state_.Wake();
@@ -197,7 +196,7 @@ BusinessError Reservations::NoteLeaving(const std::vector<KnownPackage>& package
 
 BusinessError Reservations::TakeAway(const KnownPackage& package, bool isNoted)
 {
-    MutexLock lock(state_.mutex);
+    StateChange change(state_, IfNotWritten::KEEP);
     const std::string& target = package.package->manifest.target;
     const Placed* const placed = state_.store->FindPlaced(target);
     if (placed != nullptr && !placed->isLeaving) {
@@ -213,6 +212,7 @@ BusinessError Reservations::TakeAway(const KnownPackage& package, bool isNoted)
         stays.isLeaving = false;
         state_.store->SavePlaced(target, isGone ? nullptr : &stays);
     }
+    change.Commit();
     state_.listener.OnRestore(event);
     state_.Wake();
     return isGone    ? BusinessError()
@@ -226,16 +226,15 @@ BusinessError Reservations::AdjustPriority(const Name& name, NumberText priority
     if (BusinessError error = FindReserved(name, package); error.errorNum != 0) {
         return error;
     }
-    MutexLock lock(state_.mutex);
+    StateChange change(state_);
     const std::string& directory = package.package->directory;
-    auto transaction = state_.store->Begin(IfNotWritten::TAKE_BACK);
     state_.store->SetPriority(directory, priority);
     if (const TaskRef known = state_.store->Tasks().Find(TaskKind::RESTORE, directory)) {
         Task task = *known;
         task.priority = priority;
         state_.store->Save(task);
     }
-    return transaction.Commit() ? BusinessError() : StateError();
+    return change.Commit() ? BusinessError() : StateError();
 }
 
 }  // namespace VEXA::UpdateEngine

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "task_store.h"
 
-#include <optional>
+#include <algorithm>
 #include <utility>
 
 #include "json_parse.h"
@@ -48,7 +48,7 @@ void Distrust(Task& task)
 
 }  // namespace
 
-std::unique_ptr<TaskStore> TaskStore::Open(std::string path, std::string& error)
+std::unique_ptr<TaskStore> TaskStore::Open(std::string path, std::string& error, std::function<bool()> beforeLoad)
 {
     if (!PrepareStateFile(path, error)) {
         return nullptr;
@@ -57,7 +57,7 @@ std::unique_ptr<TaskStore> TaskStore::Open(std::string path, std::string& error)
         bool isDamaged = false;
         if (auto database = Database::Open(path, error, isDamaged)) {
             std::unique_ptr<TaskStore> store(new TaskStore(std::move(database)));
-            if (store->Load(error, isDamaged)) {
+            if (store->Load(beforeLoad, error, isDamaged)) {
                 return store;
             }
         }
@@ -69,18 +69,18 @@ std::unique_ptr<TaskStore> TaskStore::Open(std::string path, std::string& error)
             return nullptr;
         }
     }
-    error = path + ": " + error;
+    error = error.empty() ? "" : path + ": " + error;
     return nullptr;
 }
 
+// A failure is the commit's too.
 template <typename... Values>
-bool TaskStore::Write(const char* sql, const Values&... values)
+void TaskStore::Write(const char* sql, const Values&... values)
 {
+    isChanged_ = true;
     auto statement = database_->Prepare(sql);
     statement.Bind(values...);
-    const bool done = statement.Run();
-    isBehind_ = isBehind_ || !done;
-    return done;
+    statement.Run();
 }
 
 bool TaskStore::ForEachRow(const char* sql, const std::function<void(Statement&)>& read)
@@ -92,19 +92,22 @@ bool TaskStore::ForEachRow(const char* sql, const std::function<void(Statement&)
     return rows.Run();
 }
 
-bool TaskStore::Load(std::string& error, bool& isDamaged)
+bool TaskStore::Load(std::function<bool()>& beforeLoad, std::string& error, bool& isDamaged)
 {
     std::string found;
     int64_t version = -1;
-    bool done = ForEachRow("PRAGMA quick_check(1)", [&](Statement& row) { row.Read(found); }) &&
-                ForEachRow("PRAGMA user_version", [&](Statement& row) { row.Read(version); });
+    bool done = ForEachRow("PRAGMA user_version", [&](Statement& row) { row.Read(version); });
+    if (done && version > kVersion) {
+        error = "is the state of a newer service, of version " + std::to_string(version);
+        return false;
+    }
+    if (done && beforeLoad != nullptr && !std::exchange(beforeLoad, nullptr)()) {
+        return false;
+    }
+    done = done && ForEachRow("PRAGMA quick_check(1)", [&](Statement& row) { row.Read(found); });
     if (done && found != "ok") {
         error = found;
         isDamaged = true;
-        return false;
-    }
-    if (done && version > kVersion) {
-        error = "is the state of a newer service, of version " + std::to_string(version);
         return false;
     }
     // Not again in a file that has them: that would be a write, for which there may be no room.
@@ -158,10 +161,23 @@ void TaskStore::Remember(std::function<void()> undo)
     }
 }
 
-void TaskStore::PutTask(uint32_t id, TaskRef task)
+void TaskStore::Put(uint32_t id, TaskRef task)
 {
     TaskRef before = tasks_.Put(id, std::move(task));
     Remember([this, id, before] { tasks_.Put(id, before); });
+}
+
+template <typename Key, typename Value>
+void TaskStore::Put(std::map<Key, Value>& map, const Key& key, const std::optional<Value>& value)
+{
+    const auto found = map.find(key);
+    const auto before = found != map.end() ? std::optional(found->second) : std::nullopt;
+    Remember([this, &map, key, before] { Put(map, key, before); });
+    if (value) {
+        map[key] = *value;
+    } else {
+        map.erase(key);
+    }
 }
 
 TaskRef TaskStore::Add(Task task)
@@ -172,15 +188,15 @@ TaskRef TaskStore::Add(Task task)
     return tasks_.Find(task.id);
 }
 
-bool TaskStore::Save(const Task& task)
+void TaskStore::Save(const Task& task)
 {
     Keep(task);
-    return WriteTask(task);
+    WriteTask(task);
 }
 
 void TaskStore::Erase(uint32_t id)
 {
-    PutTask(id, nullptr);
+    Put(id, nullptr);
     Write("DELETE FROM task WHERE id = ?", id);
 }
 
@@ -190,23 +206,15 @@ const Placed* TaskStore::FindPlaced(const std::string& target) const
     return found != placed_.end() ? &found->second : nullptr;
 }
 
-bool TaskStore::SavePlaced(const std::string& target, const Placed* placed)
+void TaskStore::SavePlaced(const std::string& target, const Placed* placed)
 {
-    const auto put = [this, target](const std::optional<Placed>& value) {
-        placed_.erase(target);
-        if (value) {
-            placed_.emplace(target, *value);
-        }
-    };
-    const Placed* const now = FindPlaced(target);
-    Remember([put, before = now != nullptr ? std::optional(*now) : std::nullopt] { put(before); });
-    if (placed == nullptr) {
-        put(std::nullopt);
-        return Write("DELETE FROM placed WHERE target = ?", target);
+    const auto record = placed != nullptr ? std::optional(*placed) : std::nullopt;
+    Put(placed_, target, record);
+    if (record) {
+        WritePlaced(target, *record);
+    } else {
+        Write("DELETE FROM placed WHERE target = ?", target);
     }
-    const Placed record = *placed;
-    put(record);
-    return WritePlaced(target, record);
 }
 
 int64_t TaskStore::Get(StateValue key) const
@@ -215,19 +223,18 @@ int64_t TaskStore::Get(StateValue key) const
     return found != values_.end() ? found->second : 0;
 }
 
-bool TaskStore::Set(StateValue key, int64_t value)
+void TaskStore::Set(StateValue key, int64_t value)
 {
     const auto number = static_cast<int64_t>(key);
-    Remember([this, number, before = Get(key)] { values_[number] = before; });
-    values_[number] = value;
-    return Write("INSERT OR REPLACE INTO value VALUES (?, ?)", number, value);
+    Put(values_, number, std::optional(value));
+    Write("INSERT OR REPLACE INTO value VALUES (?, ?)", number, value);
 }
 
-bool TaskStore::SetPreset(const std::string& text)
+void TaskStore::SetPreset(const std::string& text)
 {
     Remember([this, before = preset_] { preset_ = before; });
     preset_ = text;
-    return Write("INSERT OR REPLACE INTO preset VALUES (1, ?)", text);
+    Write("INSERT OR REPLACE INTO preset VALUES (1, ?)", text);
 }
 
 int32_t TaskStore::Priority(const std::string& source) const
@@ -236,11 +243,10 @@ int32_t TaskStore::Priority(const std::string& source) const
     return found != priorities_.end() ? found->second : 0;
 }
 
-bool TaskStore::SetPriority(const std::string& source, int32_t priority)
+void TaskStore::SetPriority(const std::string& source, int32_t priority)
 {
-    Remember([this, source, before = Priority(source)] { priorities_[source] = before; });
-    priorities_[source] = priority;
-    return Write("INSERT OR REPLACE INTO priority VALUES (?, ?)", source, priority);
+    Put(priorities_, source, std::optional(priority));
+    Write("INSERT OR REPLACE INTO priority VALUES (?, ?)", source, priority);
 }
 
 void TaskStore::ClearPriorities()
@@ -250,17 +256,17 @@ void TaskStore::ClearPriorities()
     Write("DELETE FROM priority");
 }
 
-bool TaskStore::WriteTask(const Task& task)
+void TaskStore::WriteTask(const Task& task)
 {
-    return Write("INSERT OR REPLACE INTO task VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)", task.id,
-        task.kind, task.source, task.target, ToJson(task.app), task.user, task.status, task.subStatus, task.error.code,
+    Write("INSERT OR REPLACE INTO task VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)", task.id, task.kind,
+        task.source, task.target, ToJson(task.app), task.user, task.status, task.subStatus, task.error.code,
         task.error.reason, task.error.canRetry, task.totalBytes, task.doneBytes, task.files, task.priority,
         task.staged.inode, task.staged.birth);
 }
 
-bool TaskStore::WritePlaced(const std::string& target, const Placed& placed)
+void TaskStore::WritePlaced(const std::string& target, const Placed& placed)
 {
-    return Write("INSERT OR REPLACE INTO placed VALUES (?, ?, ?, ?, ?, ?)", target, placed.source, placed.isLeaving,
+    Write("INSERT OR REPLACE INTO placed VALUES (?, ?, ?, ?, ?, ?)", target, placed.source, placed.isLeaving,
         placed.id.inode, placed.id.birth, placed.owner);
 }
 
@@ -283,46 +289,33 @@ void TaskStore::WriteEverything()
     Write("INSERT OR REPLACE INTO preset VALUES (1, ?)", preset_);
 }
 
-TaskStore::Transaction TaskStore::Begin(IfNotWritten ifNotWritten)
+void TaskStore::Begin(IfNotWritten ifNotWritten)
 {
-    return {*this, ifNotWritten};
-}
-
-TaskStore::Transaction::Transaction(TaskStore& store, IfNotWritten ifNotWritten)
-    : store_(store), wasBehind_(store.isBehind_)
-{
-    store.isUndoable_ = ifNotWritten == IfNotWritten::TAKE_BACK;
-    store.database_->Begin();
-    if (store.isBehind_) {
-        store.WriteEverything();
+    isUndoable_ = ifNotWritten == IfNotWritten::TAKE_BACK;
+    isChanged_ = false;
+    database_->Begin();
+    if (isBehind_) {
+        WriteEverything();
     }
 }
 
-TaskStore::Transaction::~Transaction()
+bool TaskStore::Commit()
 {
-    if (isOpen_) {
-        store_.database_->Rollback();
-        End(false);
+    const bool done = database_->Commit();
+    if (done) {
+        isBehind_ = false;
+        undo_.clear();
     }
-}
-
-bool TaskStore::Transaction::Commit()
-{
-    const bool done = store_.database_->Commit();
-    End(done);
     return done;
 }
 
-void TaskStore::Transaction::End(bool isWritten)
+void TaskStore::TakeBack()
 {
-    isOpen_ = false;
-    // A change that is taken back leaves the disk as it was, which lacks nothing more than before.
-    store_.isBehind_ = !isWritten && (!store_.isUndoable_ || wasBehind_);
-    auto undo = std::exchange(store_.undo_, {});
-    store_.isUndoable_ = false;
-    for (auto step = undo.rbegin(); !isWritten && step != undo.rend(); ++step) {
-        (*step)();
-    }
+    database_->Rollback();
+    isBehind_ = isBehind_ || (isChanged_ && !isUndoable_);
+    isUndoable_ = false;
+    const auto undo = std::exchange(undo_, {});
+    std::for_each(undo.rbegin(), undo.rend(), [](const auto& step) { step(); });
 }
 
 }  // namespace VEXA::UpdateEngine

@@ -6,6 +6,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -22,54 +23,62 @@ enum class StateValue { STATUS, PAUSE_REASON, POLICY, START_TIME, END_TIME, NEXT
 // the change, for what has happened. That gets to the disk with the next transaction that it takes.
 enum class IfNotWritten { TAKE_BACK, KEEP };
 
-// Not thread-safe. Writers return false when the disk didn't take it; outside a transaction memory keeps it.
+// Not thread-safe, but Commit uses nothing that is read by those who only ask. Changes come between Begin and Commit or
+// TakeBack.
 class TaskStore {
 public:
-    class Transaction;
-
     // Null, with the reason, when the file can't be used. A damaged one is renamed, and a new state begins.
-    static std::unique_ptr<TaskStore> Open(std::string path, std::string& error);
+    // `beforeLoad` is called when the file is this process's alone, before all of it is read and checked, which takes
+    // time. It ends that with false.
+    static std::unique_ptr<TaskStore> Open(
+        std::string path, std::string& error, std::function<bool()> beforeLoad = nullptr);
 
     const TaskTable& Tasks() const { return tasks_; }
     // Gives it the next id. The ids of tasks that are gone are not used again.
     TaskRef Add(Task task);
-    bool Save(const Task& task);
+    void Save(const Task& task);
     // Changes it in memory only: what the next start has no use for.
-    void Keep(const Task& task) { PutTask(task.id, std::make_shared<const Task>(task)); }
+    void Keep(const Task& task) { Put(task.id, std::make_shared<const Task>(task)); }
     void Erase(uint32_t id);
 
     const std::map<std::string, Placed>& AllPlaced() const { return placed_; }
     const Placed* FindPlaced(const std::string& target) const;
     // Null forgets it.
-    bool SavePlaced(const std::string& target, const Placed* placed);
+    void SavePlaced(const std::string& target, const Placed* placed);
 
     int64_t Get(StateValue key) const;
-    bool Set(StateValue key, int64_t value);
+    void Set(StateValue key, int64_t value);
     // The caller's own data, see PresetData.
     const std::string& Preset() const { return preset_; }
-    bool SetPreset(const std::string& text);
+    void SetPreset(const std::string& text);
 
     // By the source directories of reserved applications; 0 unless set.
     int32_t Priority(const std::string& source) const;
-    bool SetPriority(const std::string& source, int32_t priority);
+    void SetPriority(const std::string& source, int32_t priority);
     void ClearPriorities();
 
-    // Changes made while the result lives go to disk together, with its Commit. One at a time.
-    Transaction Begin(IfNotWritten ifNotWritten);
+    void Begin(IfNotWritten ifNotWritten);
+    // False when the disk does not take what has been changed: then TakeBack comes next.
+    bool Commit();
+    // Ends the change without the disk, and in memory as said at the begin.
+    void TakeBack();
 
 private:
     explicit TaskStore(std::unique_ptr<Database> database) : database_(std::move(database)) {}
     // False, with the reason, when the file is damaged or can't be this version's.
-    bool Load(std::string& error, bool& isDamaged);
+    bool Load(std::function<bool()>& beforeLoad, std::string& error, bool& isDamaged);
     // Reads all rows of a query; false when one can't be read.
     bool ForEachRow(const char* sql, const std::function<void(Statement&)>& read);
     template <typename... Values>
-    bool Write(const char* sql, const Values&... values);
-    bool WriteTask(const Task& task);
-    bool WritePlaced(const std::string& target, const Placed& placed);
+    void Write(const char* sql, const Values&... values);
+    void WriteTask(const Task& task);
+    void WritePlaced(const std::string& target, const Placed& placed);
     void WriteEverything();
-    void PutTask(uint32_t id, TaskRef task);
-    // `undo` brings back in memory what the open transaction is about to change.
+    // Change memory; null removes.
+    void Put(uint32_t id, TaskRef task);
+    template <typename Key, typename Value>
+    void Put(std::map<Key, Value>& map, const Key& key, const std::optional<Value>& value);
+    // `undo` brings back in memory what is about to be changed.
     void Remember(std::function<void()> undo);
 
     const std::unique_ptr<Database> database_;
@@ -78,29 +87,11 @@ private:
     std::map<int64_t, int64_t> values_;
     std::map<std::string, int32_t> priorities_;
     std::string preset_;
-    bool isBehind_ = false;  // the disk lacks something that memory has
-    // What takes the changes of the open transaction back, the last change at the end.
+    bool isBehind_ = false;   // the disk lacks something that memory has
+    bool isChanged_ = false;  // since Begin
+    // What takes the changes since Begin back, the last change at the end.
     std::vector<std::function<void()>> undo_;
     bool isUndoable_ = false;
-};
-
-class TaskStore::Transaction {
-public:
-    // Without a Commit nothing of it is written.
-    ~Transaction();
-    Transaction(const Transaction&) = delete;
-    Transaction& operator=(const Transaction&) = delete;
-
-    bool Commit();
-
-private:
-    friend class TaskStore;
-    Transaction(TaskStore& store, IfNotWritten ifNotWritten);
-    void End(bool isWritten);
-
-    TaskStore& store_;
-    const bool wasBehind_;
-    bool isOpen_ = true;
 };
 
 }  // namespace VEXA::UpdateEngine

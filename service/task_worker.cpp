@@ -82,7 +82,7 @@ private:
         };
         const ErrorInfo fault = MeasureTree(state_.source.Get(), task.source, state_.target->Fd(), goOn, size);
         {
-            MutexLock lock(state_.mutex);
+            StateChange change(state_, IfNotWritten::KEEP);
             if (!state_.MayGoOn(task.id)) {
                 return;
             }
@@ -91,6 +91,7 @@ private:
             measured.files = static_cast<int64_t>(size.files);
             measured.space = static_cast<int64_t>(size.space);
             state_.store->Save(measured);
+            change.Commit();
         }
         if (fault.code != 0) {
             End(task.id, fault);
@@ -102,7 +103,7 @@ private:
         copied_ = 0;
         metered_ = 0;
         {
-            MutexLock lock(state_.mutex);
+            const StateChange change(state_, IfNotWritten::KEEP);
             const TaskRef now = state_.store->Tasks().Find(task.id);
             const bool isPaused = kind_ == TaskKind::MIGRATE && state_.Status() != TaskStatus::RUNNING;
             if (now == nullptr || now->status != TaskStatus::IDLE || isPaused) {
@@ -151,11 +152,11 @@ private:
         if (!throttle_.IsLimited() && !isTimeToTell && state_.turn == turn_) {
             return true;
         }
+        if (isTimeToTell) {
+            TellProgress(id, now);
+        }
         MutexLock lock(state_.mutex);
         turn_ = state_.turn;
-        if (const TaskRef task = state_.store->Tasks().Find(id); task != nullptr && isTimeToTell) {
-            TellProgress(*task, now);
-        }
         if (throttle_.IsLimited()) {
             state_.changed.WaitUntil(state_.mutex, throttle_.Spend(bytes, now),
                 [this, id]() VEXA_REQUIRES(state_.mutex) { return !state_.MayGoOn(id); });
@@ -170,13 +171,19 @@ private:
 
     // What is copied a second time, after a restart or because it has changed, counts once. Nobody hears of what the
     // next start would not know.
-    void TellProgress(const Task& task, Clock::time_point now) VEXA_REQUIRES(state_.mutex)
+    void TellProgress(uint32_t id, Clock::time_point now)
     {
         told_ = now;
-        Task further = task;
-        const auto most = std::max(task.doneBytes, task.totalBytes);
-        further.doneBytes = std::clamp(static_cast<int64_t>(copied_), task.doneBytes, most);
+        StateChange change(state_, IfNotWritten::KEEP);
+        const TaskRef task = state_.store->Tasks().Find(id);
+        if (task == nullptr) {
+            return;
+        }
+        Task further = *task;
+        const auto most = std::max(task->doneBytes, task->totalBytes);
+        further.doneBytes = std::clamp(static_cast<int64_t>(copied_), task->doneBytes, most);
         state_.store->Save(further);
+        change.Commit();
         if (kind_ == TaskKind::MIGRATE) {
             state_.meter.Add(copied_ - std::exchange(metered_, copied_), now);
             state_.Report(further);
@@ -185,7 +192,7 @@ private:
 
     void End(uint32_t id, const ErrorInfo& fault)
     {
-        MutexLock lock(state_.mutex);
+        StateChange change(state_, IfNotWritten::KEEP);
         if (!state_.MayGoOn(id)) {
             return;
         }
@@ -199,7 +206,6 @@ private:
         } else {
             SA_LOGI("%{public}s is in its place", task.source.c_str());
         }
-        auto transaction = state_.store->Begin(IfNotWritten::KEEP);
         state_.store->Save(task);
         if (kind_ == TaskKind::MIGRATE) {
             state_.meter.Add(copied_ - std::exchange(metered_, copied_), Clock::now());
@@ -208,7 +214,7 @@ private:
             }
             state_.EndRunIfDone();
         }
-        transaction.Commit();
+        change.Commit();
         // Last, so that who hears of the last task's end finds the migration ended.
         state_.Report(task);
     }

@@ -47,12 +47,16 @@ TEST_F(ServiceStore, EverythingThatIsCommittedIsThereAfterAReopen)
     {
         auto store = Open();
         ASSERT_NE(store, nullptr) << error_;
+        store->Begin(IfNotWritten::KEEP);
         id = store->Add(task)->id;
         store->Erase(store->Add(task)->id);
         const Placed placed{"s", {2, 3}, 77, true};
-        EXPECT_TRUE(store->SavePlaced("t", &placed));
-        EXPECT_TRUE(store->Set(StateValue::START_TIME, 5) && store->SetPriority("s", 9) && store->SetPreset("{}"));
-        const auto lost = store->Begin(IfNotWritten::TAKE_BACK);
+        store->SavePlaced("t", &placed);
+        store->Set(StateValue::START_TIME, 5);
+        store->SetPriority("s", 9);
+        store->SetPreset("{}");
+        EXPECT_TRUE(store->Commit());
+        store->Begin(IfNotWritten::TAKE_BACK);
         store->Add(task);
         store->Set(StateValue::START_TIME, 6);
     }
@@ -106,14 +110,14 @@ TEST_F(ServiceStore, ADamagedStateIsNoticedAndSetAside)
     task.app.appName = std::string(200, 'n');
     {
         const auto store = Open();
-        auto transaction = store->Begin(IfNotWritten::KEEP);
+        store->Begin(IfNotWritten::KEEP);
         for (int i = 0; i < 100; ++i) {
             task.source = task.target = std::to_string(i);
             store->Add(task);
             const Placed placed{task.source, {i, i}};
             store->SavePlaced(task.target, &placed);
         }
-        EXPECT_TRUE(transaction.Commit());
+        EXPECT_TRUE(store->Commit());
     }
     const std::string whole = FileText(File());
     ASSERT_GT(whole.size(), 10 * kPage);

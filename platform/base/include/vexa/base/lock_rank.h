@@ -19,6 +19,7 @@
     RANK(KitsOverlap, "the count of registrations that are under way")                                             \
     RANK(KitsGate, "the handlers that are running, for whoever waits for their end")                               \
     RANK(LoadSaInstance, "the pointer to the process's loader of services")                                        \
+    RANK(EngineChange, "a change of the service's state, until the disk has taken it")                             \
     RANK(Engine, "the service's tasks, reservations and files")                                                    \
     RANK(PackageCatalog, "the manifests that the service has read")                                                \
     RANK(CallbackHub, "who receives the service's events; the engine tells it of one under its own mutex")         \
