@@ -54,12 +54,8 @@ std::span<const RequestRow> MigrateServerStub::Rows()
     return kRows;
 }
 
-MigrateServerStub::MigrateServerStub(
-    std::shared_ptr<MigrationEngine> engine, std::shared_ptr<CallbackHub> hub, std::optional<gid_t> controlGroup)
-    : engine_(std::move(engine)),
-      hub_(std::move(hub)),
-      controlGroup_(controlGroup),
-      parts_(*engine_, *engine_, *engine_, *hub_)
+MigrateServerStub::MigrateServerStub(std::shared_future<RequestParts> parts, std::optional<gid_t> controlGroup)
+    : IPCObjectStub(MIGRATE_SERVER_DESCRIPTOR), parts_(std::move(parts)), controlGroup_(controlGroup)
 {}
 
 bool MigrateServerStub::MayControl() const
@@ -72,7 +68,7 @@ int32_t MigrateServerStub::OnRemoteRequest(
     uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option)
 {
     const pid_t process = IPCSkeleton::GetCallingPid();
-    if (data.ReadInterfaceToken() != GetDescriptor()) {
+    if (data.ReadInterfaceToken() != MIGRATE_SERVER_DESCRIPTOR) {
         SA_LOGW_OF_CALLER("a request with another interface's token, from process %{public}d", process);
         return MIGRATE_UNREACHABLE;
     }
@@ -88,20 +84,13 @@ int32_t MigrateServerStub::OnRemoteRequest(
         }
         SA_LOGI("%{public}s of process %{public}d, user %{public}d", row->name, process, user);
     }
-    const int32_t result = row->answer(parts_, data, reply);
+    const bool isReady = parts_.wait_for(kStartWait) == std::future_status::ready;
+    const int32_t result = isReady ? row->answer(parts_.get(), data, reply) : MIGRATE_INTERNAL;
     if (result == MIGRATE_SUCCESS) {
         return MIGRATE_SUCCESS;
     }
     SA_LOGW_OF_CALLER("request %{public}u of process %{public}d: result %{public}d", code, process, result);
     return MIGRATE_RESULT_OFFSET + result;
-}
-
-int32_t MigrateServerStub::SendRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply)
-{
-    MessageOption option;
-    const int32_t result = OnRemoteRequest(code, data, reply, option);
-    const bool isUnreachable = result != MIGRATE_SUCCESS && result < MIGRATE_RESULT_OFFSET;
-    return isUnreachable ? MIGRATE_UNREACHABLE : std::max(result - MIGRATE_RESULT_OFFSET, MIGRATE_SUCCESS);
 }
 
 }  // namespace VEXA::UpdateEngine

@@ -5,25 +5,23 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <future>
 #include <memory>
 #include <optional>
 #include <span>
 
-#include "callback_hub.h"
-#include "migration_engine.h"
-#include "native_migrate/imigrate_server.h"
 #include "request_row.h"
-#include "vexa/ipc/iremote_stub.h"
+#include "vexa/ipc/ipc_object_stub.h"
 
 namespace VEXA::UpdateEngine {
 
 // Reads requests, hands them to the engine or the hub, and writes the replies. A request whose fields are not all there
 // or hold what they must not is answered with MIGRATE_BAD_ARGUMENT. No handler waits for copying or for a client.
-class MigrateServerStub : public IRemoteStub<IMigrateServer> {
+class MigrateServerStub : public IPCObjectStub {
 public:
+    // Requests that come before the engine wait for it, kStartWait at most: then the result is MIGRATE_INTERNAL.
     // `controlGroup`: may change something, besides root and this process's user.
-    MigrateServerStub(std::shared_ptr<MigrationEngine> engine, std::shared_ptr<CallbackHub> hub,
-        std::optional<gid_t> controlGroup = std::nullopt);
+    MigrateServerStub(std::shared_future<RequestParts> parts, std::optional<gid_t> controlGroup = std::nullopt);
 
     // All requests, one row each.
     static std::span<const RequestRow> Rows();
@@ -31,16 +29,12 @@ public:
     // 0; a service's result plus MIGRATE_RESULT_OFFSET; MIGRATE_UNREACHABLE for a wrong interface token; for a code
     // that is none of the interface's what the runtime's default handler says.
     int32_t OnRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option) override;
-    // For a caller in this process.
-    int32_t SendRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply) override;
 
 private:
     bool MayControl() const;
 
-    const std::shared_ptr<MigrationEngine> engine_;
-    const std::shared_ptr<CallbackHub> hub_;
+    const std::shared_future<RequestParts> parts_;
     const std::optional<gid_t> controlGroup_;
-    const RequestParts parts_;
 };
 
 }  // namespace VEXA::UpdateEngine

@@ -2,10 +2,10 @@
 // migrate_serviced: the reference migration service.
 #include <grp.h>
 
-#include <charconv>
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdio>
+#include <future>
 #include <memory>
 #include <optional>
 #include <string>
@@ -74,16 +74,17 @@ int Run(const ServiceOptions& options)
     pthread_sigmask(SIG_BLOCK, &stop, nullptr);
 
     std::string error;
+    std::promise<RequestParts> parts;
+    const sptr<IRemoteObject> stub(new MigrateServerStub(parts.get_future().share(), FindGroup(options.controlGroup)));
     const auto hub = std::make_shared<CallbackHub>();
-    const std::shared_ptr<MigrationEngine> engine = MigrationEngine::Open(options.engine, *hub, error);
+    const std::shared_ptr<MigrationEngine> engine =
+        MigrationEngine::Open(options.engine, *hub, error, [&stub] { return Register(stub); });
     if (engine == nullptr) {
-        fprintf(stderr, "migrate_serviced: %s\n", error.c_str());
+        fprintf(stderr, "%s", error.empty() ? "" : ("migrate_serviced: " + error + "\n").c_str());
         return 1;
     }
     hub->Attach(engine);
-    if (!Register(new MigrateServerStub(engine, hub, FindGroup(options.controlGroup)))) {
-        return 1;
-    }
+    parts.set_value({engine, engine, engine, hub});
     engine->Start();
     SA_LOGI("serving %{public}s to %{public}s", options.engine.source.c_str(), options.engine.target.c_str());
     int signal = 0;
@@ -95,15 +96,6 @@ int Run(const ServiceOptions& options)
     return 0;
 }
 
-// Empty, or what is wrong: the parser alone takes numbers that are negative or do not fit, and changes them.
-std::string IsCount(const std::string& text)
-{
-    uint64_t count = 0;
-    const char* const end = text.data() + text.size();
-    const auto [stop, error] = std::from_chars(text.data(), end, count);
-    return error == std::errc() && stop == end ? "" : "no number of bytes: " + text;
-}
-
 }  // namespace
 
 int main(int argc, char** argv)
@@ -111,6 +103,8 @@ int main(int argc, char** argv)
     OccupyStandardStreams();
     ServiceOptions options;
     EngineOptions& engine = options.engine;
+    // Without it the parser takes numbers that are negative or do not fit, and changes them.
+    const CLI::Range isCount(int64_t{0}, int64_t{1} << 60);
     CLI::App app("The reference migration service: moves packages from one directory to another.", "migrate_serviced");
     app.add_option("--source", engine.source, "Directory that holds the packages")->required();
     app.add_option("--target", engine.target, "Directory that they are moved to")->required();
@@ -118,7 +112,7 @@ int main(int argc, char** argv)
         "--state", engine.stateFile, "File that the service keeps its state in (default: .migrate-state.db there)");
     app.add_option("--throttle", engine.bytesPerSecond, "Bytes that are copied in a second, at most; 0: no limit")
         ->envname("MIGRATE_THROTTLE")
-        ->check(CLI::Validator(IsCount, "", ""));
+        ->check(isCount);
     app.add_flag_callback(
         "--no-sync", [&engine] { engine.sync = false; },
         "Does not wait for the disk: faster, but a loss of power may cost packages that count as placed");

@@ -13,7 +13,7 @@
 namespace VEXA::UpdateEngine {
 
 std::unique_ptr<MigrationEngine> MigrationEngine::Open(
-    EngineOptions options, EngineListener& listener, std::string& error)
+    EngineOptions options, EngineListener& listener, std::string& error, std::function<bool()> beforeChecks)
 {
     UniqueFd source(open(options.source.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!source) {
@@ -27,7 +27,7 @@ std::unique_ptr<MigrationEngine> MigrationEngine::Open(
     if (options.stateFile.empty()) {
         options.stateFile = options.target + "/.migrate-state.db";
     }
-    auto store = TaskStore::Open(options.stateFile, error);
+    auto store = TaskStore::Open(options.stateFile, error, std::move(beforeChecks));
     if (store == nullptr) {
         return nullptr;
     }

@@ -3,6 +3,7 @@
 // what it has done. Knows nothing of IPC.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -29,7 +30,10 @@ namespace VEXA::UpdateEngine {
 class MigrationEngine : public MigrationQueries, public MigrationCommands, public Reservations {
 public:
     // Null, with the reason in `error`, when the directories or the state can't be used. Starts nothing yet.
-    static std::unique_ptr<MigrationEngine> Open(EngineOptions options, EngineListener& listener, std::string& error);
+    // `beforeChecks` is called when they are this process's alone, before the checks and scans that take time; false
+    // from it is the end, without a reason.
+    static std::unique_ptr<MigrationEngine> Open(EngineOptions options, EngineListener& listener, std::string& error,
+        std::function<bool()> beforeChecks = nullptr);
     // As Stop.
     ~MigrationEngine();
     MigrationEngine(const MigrationEngine&) = delete;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The fields of requests and replies.
+// The fields of requests.
 #pragma once
 
 #include <charconv>
@@ -47,12 +47,11 @@ struct FieldReader {
     bool Read(MigrationEvent& event) const
     {
         const std::unique_ptr<AAFwk::Want> want = data.ReadParcelable<AAFwk::Want>();
-        if (want == nullptr) {
-            return false;
+        if (want != nullptr) {
+            const auto reason = want->GetParam<int32_t>("reason", static_cast<int32_t>(event.reason));
+            event = {want->GetAction(), static_cast<TaskPauseReason>(reason)};
         }
-        const auto reason = want->GetParam<int32_t>("reason", static_cast<int32_t>(event.reason));
-        event = {want->GetAction(), static_cast<TaskPauseReason>(reason)};
-        return true;
+        return want != nullptr;
     }
     template <typename Interface>
     bool Read(sptr<Interface>& remote) const
@@ -71,19 +70,6 @@ struct FieldReader {
     }
 
     MessageParcel& data;
-};
-
-// Writes the fields of a reply. False when they are too large.
-struct FieldWriter {
-    bool Write(const std::string& text) const { return reply.WriteString(text); }
-    bool Write(int64_t number) const { return reply.WriteInt64(number); }
-    template <typename T>
-    bool Write(const T& record) const
-    {
-        return Write(ToJson(record));
-    }
-
-    MessageParcel& reply;
 };
 
 }  // namespace VEXA::UpdateEngine

@@ -13,7 +13,8 @@
 namespace VEXA::UpdateEngine {
 
 // Whose operations answer requests.
-using RequestParts = std::tuple<MigrationQueries&, MigrationCommands&, Reservations&, CallbackHub&>;
+using RequestParts = std::tuple<std::shared_ptr<MigrationQueries>, std::shared_ptr<MigrationCommands>,
+    std::shared_ptr<Reservations>, std::shared_ptr<CallbackHub>>;
 
 // Who may send a request: whoever may look the service up; only root, the service's user and the control group.
 enum class Who { ANYBODY, CONTROL };
@@ -29,6 +30,17 @@ struct RequestRow {
 // The reply of an operation that returns a BusinessError. BOTH: its value and the error. ONE_TEXT: the value, or the
 // error of an operation without one; that nothing has the name, and that there is no value, are results of the request.
 enum class Reply { BOTH, ONE_TEXT };
+
+// Writes a field of a reply; false when it is too large.
+template <typename T>
+bool Write(MessageParcel& reply, const T& value)
+{
+    if constexpr (std::is_same_v<T, int64_t>) {
+        return reply.WriteInt64(value);
+    } else {
+        return reply.WriteString(ToJson(value));
+    }
+}
 
 template <typename Owner, typename Outcome, typename... Arguments>
 struct Signature {
@@ -46,15 +58,15 @@ struct Signature {
         if (!std::apply(read, values)) {
             return MIGRATE_BAD_ARGUMENT;
         }
-        const auto carryOut = [&parts](auto&... value) { return (std::get<Owner&>(parts).*kOperation)(value...); };
+        Owner& owner = *std::get<std::shared_ptr<Owner>>(parts);
+        const auto carryOut = [&owner](auto&... value) { return (owner.*kOperation)(value...); };
         const Outcome outcome = std::apply(carryOut, values);
         const auto finish = [&](const auto&... last) {
-            const FieldWriter writer{reply};
             bool isWritten = true;
             if constexpr (kHasReply) {
-                isWritten = writer.Write(std::get<sizeof...(Arguments) - 1>(values));
+                isWritten = Write(reply, std::get<sizeof...(Arguments) - 1>(values));
             }
-            return (isWritten && ... && writer.Write(last)) ? MIGRATE_SUCCESS : MIGRATE_INTERNAL;
+            return (isWritten && ... && Write(reply, last)) ? MIGRATE_SUCCESS : MIGRATE_INTERNAL;
         };
         if constexpr (std::is_same_v<Outcome, int32_t>) {
             return outcome == MIGRATE_SUCCESS ? finish() : outcome;

@@ -27,6 +27,8 @@ inline constexpr size_t kPieceBytes = size_t{256} * 1024;
 inline constexpr std::chrono::milliseconds kIdle = std::chrono::seconds(1);
 // How long the start waits for another process that uses the target or the state: it may just be dying.
 inline constexpr std::chrono::milliseconds kLockWait = std::chrono::seconds(2);
+// How long a request waits while the state and the target are still being checked. Less than a client waits.
+inline constexpr std::chrono::milliseconds kStartWait = std::chrono::seconds(6);
 
 // Callbacks, and as many observers, that can be registered.
 inline constexpr size_t kMostReceivers = 2048;

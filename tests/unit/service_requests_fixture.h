@@ -30,7 +30,9 @@ protected:
     {
         Open(bytesPerSecond);
         hub->Attach(engine);
-        stub = sptr<MigrateServerStub>(new MigrateServerStub(engine, hub, CONTROL_GROUP));
+        std::promise<RequestParts> parts;
+        parts.set_value({engine, engine, engine, hub});
+        stub = sptr<MigrateServerStub>(new MigrateServerStub(parts.get_future(), CONTROL_GROUP));
         engine->Start();
     }
 
