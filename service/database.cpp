@@ -8,45 +8,12 @@
 
 namespace VEXA::UpdateEngine {
 
-Statement::~Statement()
-{
-    sqlite3_reset(statement_);
-}
-
-void Statement::BindNumber(int64_t value)
-{
-    sqlite3_bind_int64(statement_, ++bound_, value);
-}
-
-// As bytes: names of files need not be UTF-8.
-void Statement::BindNext(const std::string& value)
-{
-    sqlite3_bind_blob64(statement_, ++bound_, value.data(), value.size(), SQLITE_TRANSIENT);
-}
-
-bool Statement::Step()
-{
-    next_ = 0;
-    result_ = statement_ != nullptr ? sqlite3_step(statement_) : SQLITE_ERROR;
-    return result_ == SQLITE_ROW;
-}
-
-bool Statement::Run()
-{
-    if (database_.isBroken_) {
-        return false;
-    }
-    while (Step()) {
-    }
-    return result_ == SQLITE_DONE || database_.Fail();
-}
-
-int64_t Statement::NextNumber()
+int64_t Row::NextNumber()
 {
     return sqlite3_column_int64(statement_, next_++);
 }
 
-void Statement::ReadNext(std::string& value)
+void Row::ReadNext(std::string& value)
 {
     const auto* const text = static_cast<const char*>(sqlite3_column_blob(statement_, next_));
     const int bytes = sqlite3_column_bytes(statement_, next_++);
@@ -79,13 +46,39 @@ Database::~Database()
     sqlite3_close(handle_);
 }
 
-Statement Database::Prepare(const char* sql)
+sqlite3_stmt* Database::Prepare(const char* sql)
 {
     sqlite3_stmt*& statement = statements_[sql];
     if (statement == nullptr && sqlite3_prepare_v2(handle_, sql, -1, &statement, nullptr) != SQLITE_OK) {
         Fail();
     }
-    return {*this, statement};
+    return statement;
+}
+
+void Database::BindNumber(sqlite3_stmt* statement, int at, int64_t value)
+{
+    sqlite3_bind_int64(statement, at, value);
+}
+
+// As bytes: names of files need not be UTF-8.
+void Database::Bind(sqlite3_stmt* statement, int at, const std::string& value)
+{
+    sqlite3_bind_blob64(statement, at, value.data(), value.size(), SQLITE_TRANSIENT);
+}
+
+bool Database::Run(sqlite3_stmt* statement, const std::function<void(Row&)>& read)
+{
+    if (statement == nullptr || isBroken_) {
+        return false;
+    }
+    int result = SQLITE_ROW;
+    while ((result = sqlite3_step(statement)) == SQLITE_ROW) {
+        Row row(statement);
+        read(row);
+    }
+    const bool done = result == SQLITE_DONE || Fail();
+    sqlite3_reset(statement);
+    return done;
 }
 
 std::string Database::LastError() const
@@ -100,24 +93,13 @@ bool Database::Execute(const char* sql)
 
 void Database::Begin()
 {
-    isInTransaction_ = true;
+    isBroken_ = false;
     Execute("BEGIN IMMEDIATE");
-}
-
-bool Database::Commit()
-{
-    const bool done = Execute("COMMIT");
-    if (!done) {
-        Rollback();
-    }
-    isInTransaction_ = false;
-    return done;
 }
 
 void Database::Rollback()
 {
     isBroken_ = false;
-    isInTransaction_ = false;
     if (sqlite3_get_autocommit(handle_) == 0) {
         Execute("ROLLBACK");
     }
@@ -129,7 +111,7 @@ bool Database::Fail()
     // SQLITE_ERROR: the file lacks a table or a column.
     isDamaged_ = result == SQLITE_CORRUPT || result == SQLITE_NOTADB || result == SQLITE_ERROR;
     SA_LOGE("state: %{public}s", LastError().c_str());
-    isBroken_ = isInTransaction_;
+    isBroken_ = true;
     return false;
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -12,40 +13,17 @@ struct sqlite3_stmt;
 
 namespace VEXA::UpdateEngine {
 
-class Database;
-
-// One statement. Numbers, enumerators and texts are given to it, and read from a row, in their order.
-class Statement {
+// The values of a row, read in their order.
+class Row {
 public:
-    ~Statement();
-    Statement(const Statement&) = delete;
-    Statement& operator=(const Statement&) = delete;
-
-    template <typename... Values>
-    void Bind(const Values&... values)
-    {
-        (BindNext(values), ...);
-    }
-    // True when there is a row to read.
-    bool Step();
+    explicit Row(sqlite3_stmt* statement) : statement_(statement) {}
     template <typename... Values>
     void Read(Values&... values)
     {
         (ReadNext(values), ...);
     }
-    // Runs to the end; false, with a line in the log, when that fails.
-    bool Run();
 
 private:
-    friend class Database;
-    Statement(Database& database, sqlite3_stmt* statement) : database_(database), statement_(statement) {}
-    void BindNext(const std::string& value);
-    template <typename Number>
-    void BindNext(Number value)
-    {
-        BindNumber(static_cast<int64_t>(value));
-    }
-    void BindNumber(int64_t value);
     int64_t NextNumber();
     void ReadNext(std::string& value);
     template <typename Number>
@@ -54,15 +32,12 @@ private:
         value = static_cast<Number>(NextNumber());
     }
 
-    Database& database_;
-    sqlite3_stmt* const statement_;  // the database's
-    int bound_ = 0;
+    sqlite3_stmt* const statement_;
     int next_ = 0;
-    int result_ = 0;
 };
 
-// Belongs to one thread at a time. What a statement has written is there after the process's death, however it ended.
-// Between Begin and Commit it is written together, or not at all.
+// Belongs to one thread at a time. What has been written is there after the process's death, however it ended. Between
+// Begin and Commit it is written together, or not at all. A failure leaves a line in the log.
 class Database {
 public:
     // Null, with the reason in `error`, when the file can't be opened as a database or another process has it open.
@@ -74,12 +49,21 @@ public:
 
     // Several statements without values or rows.
     bool Execute(const char* sql);
-    // One at a time for each text, which must outlive the database.
-    Statement Prepare(const char* sql);
+    // One statement with numbers, enumerators and texts for its question marks. Its text must outlive the database.
+    template <typename... Values>
+    bool Write(const char* sql, const Values&... values)
+    {
+        sqlite3_stmt* const statement = Prepare(sql);
+        int at = 0;
+        (Bind(statement, ++at, values), ...);
+        return Run(statement, nullptr);
+    }
+    // Reads all rows of a query; false when one can't be read. Its text must outlive the database.
+    bool ForEachRow(const char* sql, const std::function<void(Row&)>& read) { return Run(Prepare(sql), read); }
 
     void Begin();
-    // False when not all of it could be written: then nothing is.
-    bool Commit();
+    // False when not all of it could be written: then Rollback comes next.
+    bool Commit() { return Execute("COMMIT"); }
     void Rollback();
 
     // Why the last statement failed, and whether that was what the file holds.
@@ -87,16 +71,23 @@ public:
     bool IsDamaged() const { return isDamaged_; }
 
 private:
-    friend class Statement;
     explicit Database(sqlite3* handle) : handle_(handle) {}
+    sqlite3_stmt* Prepare(const char* sql);
+    static void Bind(sqlite3_stmt* statement, int at, const std::string& value);
+    static void BindNumber(sqlite3_stmt* statement, int at, int64_t value);
+    template <typename Number>
+    static void Bind(sqlite3_stmt* statement, int at, Number value)
+    {
+        BindNumber(statement, at, static_cast<int64_t>(value));
+    }
+    bool Run(sqlite3_stmt* statement, const std::function<void(Row&)>& read);
     // Notes, and logs, that a statement has failed.
     bool Fail();
 
     sqlite3* const handle_;
     std::map<const char*, sqlite3_stmt*> statements_;
-    bool isInTransaction_ = false;
-    // A statement of the transaction has failed. SQLite may have ended it then, so that what follows would be written
-    // alone: it is not tried.
+    // A statement has failed. SQLite may have ended the transaction then, so that what follows would be written alone:
+    // it is not tried.
     bool isBroken_ = false;
     bool isDamaged_ = false;
 };

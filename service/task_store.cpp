@@ -78,25 +78,18 @@ template <typename... Values>
 void TaskStore::Write(const char* sql, const Values&... values)
 {
     isChanged_ = true;
-    auto statement = database_->Prepare(sql);
-    statement.Bind(values...);
-    statement.Run();
-}
-
-bool TaskStore::ForEachRow(const char* sql, const std::function<void(Statement&)>& read)
-{
-    auto rows = database_->Prepare(sql);
-    while (rows.Step()) {
-        read(rows);
-    }
-    return rows.Run();
+    database_->Write(sql, values...);
 }
 
 bool TaskStore::Load(std::function<bool()>& beforeLoad, std::string& error, bool& isDamaged)
 {
     std::string found;
     int64_t version = -1;
-    bool done = ForEachRow("PRAGMA user_version", [&](Statement& row) { row.Read(version); });
+    bool done = true;
+    const auto load = [&](const char* sql, const std::function<void(Row&)>& read) {
+        done = done && database_->ForEachRow(sql, read);
+    };
+    load("PRAGMA user_version", [&](Row& row) { row.Read(version); });
     if (done && version > kVersion) {
         error = "is the state of a newer service, of version " + std::to_string(version);
         return false;
@@ -104,7 +97,7 @@ bool TaskStore::Load(std::function<bool()>& beforeLoad, std::string& error, bool
     if (done && beforeLoad != nullptr && !std::exchange(beforeLoad, nullptr)()) {
         return false;
     }
-    done = done && ForEachRow("PRAGMA quick_check(1)", [&](Statement& row) { row.Read(found); });
+    load("PRAGMA quick_check(1)", [&](Row& row) { row.Read(found); });
     if (done && found != "ok") {
         error = found;
         isDamaged = true;
@@ -112,41 +105,37 @@ bool TaskStore::Load(std::function<bool()>& beforeLoad, std::string& error, bool
     }
     // Not again in a file that has them: that would be a write, for which there may be no room.
     done = done && (version == kVersion || database_->Execute(version == 1 ? kFromVersion1 : kTables));
-    done = done && ForEachRow(
-                       "SELECT id, kind, source, target, app, user, status, sub_status, error_code, error_reason,"
-                       " can_retry, total_bytes, done_bytes, files, priority, inode, birth FROM task",
-                       [this](Statement& row) {
-                           Task task;
-                           bool isRestore = false;
-                           std::string app;
-                           row.Read(task.id, isRestore, task.source, task.target, app, task.user, task.status,
-                               task.subStatus, task.error.code, task.error.reason, task.error.canRetry, task.totalBytes,
-                               task.doneBytes, task.files, task.priority, task.staged.inode, task.staged.birth);
-                           task.kind = isRestore ? TaskKind::RESTORE : TaskKind::MIGRATE;
-                           JsonParse::JsonStrToStruct(app, task.app);
-                           Distrust(task);
-                           tasks_.Put(task.id, std::make_shared<const Task>(task));
-                       });
-    done = done &&
-           ForEachRow("SELECT target, source, is_leaving, inode, birth, owner FROM placed", [this](Statement& row) {
-               std::string target;
-               Placed placed;
-               row.Read(target, placed.source, placed.isLeaving, placed.id.inode, placed.id.birth, placed.owner);
-               if (IsPlainName(target) && IsPlainName(placed.source)) {
-                   placed_[target] = placed;
-               }
-           });
-    done = done && ForEachRow("SELECT key, value FROM value", [this](Statement& row) {
+    load("SELECT * FROM task", [this](Row& row) {
+        Task task;
+        bool isRestore = false;
+        std::string app;
+        row.Read(task.id, isRestore, task.source, task.target, app, task.user, task.status, task.subStatus,
+            task.error.code, task.error.reason, task.error.canRetry, task.totalBytes, task.doneBytes, task.files,
+            task.priority, task.staged.inode, task.staged.birth);
+        task.kind = isRestore ? TaskKind::RESTORE : TaskKind::MIGRATE;
+        JsonParse::JsonStrToStruct(app, task.app);
+        Distrust(task);
+        tasks_.Put(task.id, std::make_shared<const Task>(task));
+    });
+    load("SELECT * FROM placed", [this](Row& row) {
+        std::string target;
+        Placed placed;
+        row.Read(target, placed.source, placed.isLeaving, placed.id.inode, placed.id.birth, placed.owner);
+        if (IsPlainName(target) && IsPlainName(placed.source)) {
+            placed_[target] = placed;
+        }
+    });
+    load("SELECT * FROM value", [this](Row& row) {
         int64_t key = 0;
         row.Read(key);
         row.Read(values_[key]);
     });
-    done = done && ForEachRow("SELECT source, value FROM priority", [this](Statement& row) {
+    load("SELECT * FROM priority", [this](Row& row) {
         std::string source;
         row.Read(source);
         row.Read(priorities_[source]);
     });
-    done = done && ForEachRow("SELECT text FROM preset", [this](Statement& row) { row.Read(preset_); });
+    load("SELECT text FROM preset", [this](Row& row) { row.Read(preset_); });
     if (!done) {
         error = database_->LastError();
         isDamaged = database_->IsDamaged();

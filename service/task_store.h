@@ -67,8 +67,6 @@ private:
     explicit TaskStore(std::unique_ptr<Database> database) : database_(std::move(database)) {}
     // False, with the reason, when the file is damaged or can't be this version's.
     bool Load(std::function<bool()>& beforeLoad, std::string& error, bool& isDamaged);
-    // Reads all rows of a query; false when one can't be read.
-    bool ForEachRow(const char* sql, const std::function<void(Statement&)>& read);
     template <typename... Values>
     void Write(const char* sql, const Values&... values);
     void WriteTask(const Task& task);
