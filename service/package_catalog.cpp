@@ -1,17 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "package_catalog.h"
 
-#include <dirent.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <memory>
 #include <set>
 
+#include "directory.h"
 #include "json_parse.h"
 #include "native_migrate/migrate_results.h"
 #include "plain_name.h"
@@ -96,11 +94,11 @@ void FindClashes(std::vector<PackageRef>& packages)
     }
 }
 
-bool IsDirectory(DIR* parent, const dirent& entry)
+bool IsDirectory(int parentFd, const Entry& entry)
 {
     struct stat status = {};
-    return entry.d_type == DT_DIR ||
-           (entry.d_type == DT_UNKNOWN && fstatat(dirfd(parent), entry.d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+    return entry.type == DT_DIR ||
+           (entry.type == DT_UNKNOWN && fstatat(parentFd, entry.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
                S_ISDIR(status.st_mode));
 }
 
@@ -162,19 +160,16 @@ bool PackageCatalog::CanBeKept(const Stamp& stamp, const Package& package)
 
 bool PackageCatalog::Read(std::vector<PackageRef>& packages) const
 {
-    const std::unique_ptr<DIR, int (*)(DIR*)> source(opendir(source_.c_str()), &closedir);
+    const Directory source(opendir(source_.c_str()), &closedir);
     if (source == nullptr) {
         return false;
     }
     const int fd = dirfd(source.get());
     std::vector<std::string> names;
-    errno = 0;
-    for (const dirent* entry = readdir(source.get()); entry != nullptr; entry = readdir(source.get())) {
-        const std::string_view name = entry->d_name;
-        if (name != "." && name != ".." && !IsReservedName(name) && IsDirectory(source.get(), *entry)) {
-            names.emplace_back(name);
+    for (Entry entry = NextEntry(source); !entry.name.empty(); entry = NextEntry(source)) {
+        if (!IsReservedName(entry.name) && IsDirectory(fd, entry)) {
+            names.push_back(entry.name);
         }
-        errno = 0;
     }
     if (errno != 0) {
         return false;

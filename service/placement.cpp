@@ -6,7 +6,6 @@
 #include <cstring>
 
 #include "engine_errors.h"
-#include "move.h"
 #include "service_log.h"
 
 namespace VEXA::UpdateEngine {
@@ -45,7 +44,6 @@ ErrorInfo MoveIntoPlace(EngineState& state, uint32_t id)
         return Stopped();
     }
     const TaskRef task = state.store->Tasks().Find(id);
-    const int target = state.target->Fd();
     const std::string staged = TargetDirectory::StagingName(id);
     const auto there = state.target->IdOf(task->target);
     const Placed* const placed = state.store->FindPlaced(task->target);
@@ -53,8 +51,8 @@ ErrorInfo MoveIntoPlace(EngineState& state, uint32_t id)
     if (there && !(isOwn && (placed->isLeaving || placed->source == task->source))) {
         return TargetTaken();
     }
-    const bool isDone = there ? Exchange(target, staged, task->target, TargetDirectory::AsideName(id))
-                              : MoveToFreeName(target, staged, task->target);
+    const bool isDone = there ? state.target->Exchange(staged, task->target, TargetDirectory::AsideName(id))
+                              : state.target->MoveToFreeName(staged, task->target);
     if (!isDone) {
         return WriteFault(errno);
     }
@@ -109,7 +107,7 @@ bool MoveAway(EngineState& state, const std::string& name)
         const int64_t number = state.store->Get(StateValue::NEXT_ID) + 1;
         state.store->Set(StateValue::NEXT_ID, number);
         const std::string aside = TargetDirectory::StagingName(static_cast<uint32_t>(number));
-        if (MoveToFreeName(state.target->Fd(), name, aside)) {
+        if (state.target->MoveToFreeName(name, aside)) {
             state.rubbish.push_back(aside);
             return true;
         }

@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include "move.h"
 #include "placement.h"
 #include "service_log.h"
 
@@ -59,7 +58,7 @@ private:
             if (place.target.empty() || IdOf(place.target)) {
                 continue;
             }
-            if (MoveToFreeName(state_.target->Fd(), name, place.target)) {
+            if (state_.target->MoveToFreeName(name, place.target)) {
                 Know(place);
             } else {
                 SA_LOGE("%{public}s can't be put back: %{public}s", place.target.c_str(), strerror(errno));

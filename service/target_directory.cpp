@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "target_directory.h"
 
-#include <dirent.h>
-#include <fcntl.h>
+#include <linux/fs.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 
@@ -10,11 +9,13 @@
 #include <cerrno>
 #include <charconv>
 #include <climits>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <functional>
 #include <thread>
 
+#include "directory.h"
 #include "plain_name.h"
 #include "service_limits.h"
 
@@ -45,14 +46,9 @@ bool IsStagingName(std::string_view name)
 std::vector<std::string> NamesIn(int fd)
 {
     std::vector<std::string> names;
-    UniqueFd again(openat(fd, ".", kOpenDirectory));
-    const std::unique_ptr<DIR, int (*)(DIR*)> directory(again ? fdopendir(again.Get()) : nullptr, &closedir);
-    if (directory == nullptr) {
-        return names;
-    }
-    again.Release();
-    for (const dirent* entry = readdir(directory.get()); entry != nullptr; entry = readdir(directory.get())) {
-        names.emplace_back(entry->d_name);
+    const Directory directory = OpenDirectory(fd, ".");
+    for (Entry entry; directory != nullptr && !(entry = NextEntry(directory)).name.empty();) {
+        names.push_back(entry.name);
     }
     return names;
 }
@@ -60,6 +56,11 @@ std::vector<std::string> NamesIn(int fd)
 std::string MarkName(const FileId& id)
 {
     return std::to_string(id.inode) + "-" + std::to_string(id.birth);
+}
+
+bool IsUnknownFlag(int reason)
+{
+    return reason == EINVAL || reason == ENOSYS;
 }
 
 // The process that has the lock is the one that has last written its number there.
@@ -128,6 +129,34 @@ std::optional<FileId> TargetDirectory::IdOf(const std::string& name) const
         id.birth = status.stx_btime.tv_sec * kNanoseconds + status.stx_btime.tv_nsec;
     }
     return id;
+}
+
+bool TargetDirectory::Rename(const std::string& from, const std::string& to, unsigned flags) const
+{
+    return (flags == 0 ? renameat(Fd(), from.c_str(), Fd(), to.c_str())
+                       : renameat2(Fd(), from.c_str(), Fd(), to.c_str(), flags)) == 0;
+}
+
+bool TargetDirectory::MoveToFreeName(const std::string& from, const std::string& to) const
+{
+    return Rename(from, to, RENAME_NOREPLACE) || (IsUnknownFlag(errno) && Rename(from, to));
+}
+
+bool TargetDirectory::Exchange(const std::string& from, const std::string& to, const std::string& aside) const
+{
+    if (Rename(from, to, RENAME_EXCHANGE)) {
+        return true;
+    }
+    if (!IsUnknownFlag(errno) || !Rename(to, aside)) {
+        return false;
+    }
+    if (Rename(from, to)) {
+        return true;
+    }
+    const int reason = errno;
+    Rename(aside, to);
+    errno = reason;
+    return false;
 }
 
 std::vector<std::string> TargetDirectory::StagedNames() const

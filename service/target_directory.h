@@ -47,6 +47,16 @@ public:
     bool SetMark(const Mark& mark) const;
     void RemoveMark(const FileId& id) const;
 
+    // Rename, on file systems too that know only the plain way. False, with errno, on failure.
+    //
+    // Fails with EEXIST or ENOTEMPTY when something has the new name. Without help of the file system what only just
+    // came there may be replaced, if it is an empty directory or no directory.
+    bool MoveToFreeName(const std::string& from, const std::string& to) const;
+    // Both have the other's name afterwards. A file system that can't do that in one step leaves what had the name `to`
+    // under the name `aside`, which must be free, and `to` is free for a moment: what ends the process just then leaves
+    // nothing under that name.
+    bool Exchange(const std::string& from, const std::string& to, const std::string& aside) const;
+
     // Wait until the disk has all that was written; the marks; the names. False, with errno, on failure.
     bool SyncAll() const { return syncfs(target_.Get()) == 0; }
     bool SyncMarks() const { return SyncDirectory(marks_.Get()); }
@@ -55,6 +65,8 @@ public:
 private:
     // Some file systems have nothing to sync in a directory.
     static bool SyncDirectory(int fd) { return fsync(fd) == 0 || errno == EINVAL; }
+    // Flags are not known everywhere.
+    bool Rename(const std::string& from, const std::string& to, unsigned flags = 0) const;
     TargetDirectory(UniqueFd target, UniqueFd lock, UniqueFd marks, std::string source)
         : target_(std::move(target)), lock_(std::move(lock)), marks_(std::move(marks)), source_(std::move(source))
     {}

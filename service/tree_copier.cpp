@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tree_copier.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -10,50 +9,18 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <memory>
 #include <utility>
 #include <vector>
 
+#include "directory.h"
 #include "file_copier.h"
 #include "native_migrate/migrate_results.h"
-#include "vexa/base/unique_fd.h"
 
 namespace VEXA::UpdateEngine {
 
 namespace {
 
 constexpr int kOpenDirectory = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-
-using Directory = std::unique_ptr<DIR, int (*)(DIR*)>;
-
-Directory OpenDirectory(int parentFd, const std::string& name)
-{
-    UniqueFd fd(openat(parentFd, name.c_str(), kOpenDirectory));
-    DIR* const directory = fd ? fdopendir(fd.Get()) : nullptr;
-    if (directory != nullptr) {
-        fd.Release();
-    }
-    return {directory, &closedir};
-}
-
-struct Entry {
-    std::string name;  // empty at the end, with errno 0, and on failure
-    unsigned char type = DT_UNKNOWN;
-};
-
-Entry NextEntry(const Directory& directory)
-{
-    for (;;) {
-        errno = 0;
-        const dirent* const entry = readdir(directory.get());
-        if (entry == nullptr) {
-            return {};
-        }
-        if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) {
-            return {entry->d_name, entry->d_type};
-        }
-    }
-}
 
 // An entry is not there any more, or is something else by now.
 bool HasVanished(int reason)
@@ -69,21 +36,6 @@ public:
     ErrorInfo Fault() && { return std::move(fault_); }
 
 protected:
-    class Step {
-    public:
-        Step(Walk& walk, const std::string& name) : walk_(walk), length_(walk.path_.size())
-        {
-            walk.path_ += (length_ == 0 ? "" : "/") + name;
-        }
-        ~Step() { walk_.path_.resize(length_); }
-        Step(const Step&) = delete;
-        Step& operator=(const Step&) = delete;
-
-    private:
-        Walk& walk_;
-        const size_t length_;
-    };
-
     // All return false, for a walk to end with.
     bool Fail(ErrorInfo fault)
     {
@@ -121,14 +73,16 @@ protected:
     template <typename Visit>
     bool ForEachEntry(const Directory& directory, const Visit& visit)
     {
+        const size_t length = path_.size();
         for (Entry entry = NextEntry(directory); !entry.name.empty(); entry = NextEntry(directory)) {
-            const Step step(*this, entry.name);
+            path_ += (length == 0 ? "" : "/") + entry.name;
             if (!goOn_()) {
                 return FailStopped();
             }
             if (!visit(entry)) {
                 return false;
             }
+            path_.resize(length);
         }
         return errno == 0 || FailReading();
     }
