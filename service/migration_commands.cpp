@@ -204,42 +204,36 @@ BusinessError MigrationCommands::SetPreset(const PresetChoices& choices)
 
 int32_t MigrationCommands::OwnBackups(uint32_t uid)
 {
-    std::vector<std::string> targets;
-    int32_t fault = FindBackups(uid, targets);
-    for (auto target = targets.begin(); target != targets.end() && fault == 0; ++target) {
-        TreeSize size;
-        const auto goOn = [this] { return !state_.isStopping; };
-        fault = MeasureTree(state_.target->Fd(), *target, state_.target->Fd(), goOn, size).code;
-    }
-    return fault != 0 ? fault : targets.empty() ? MIGRATE_ERROR_NOTHING : RecordOwner(uid, targets);
-}
-
-int32_t MigrationCommands::FindBackups(uint32_t uid, std::vector<std::string>& targets) const
-{
     std::map<std::string, Placed> packages;
     {
         MutexLock lock(state_.mutex);
         packages = state_.store->AllPlaced();
     }
+    std::erase_if(packages, [](const auto& package) { return package.second.isLeaving; });
     for (const auto& [target, placed] : packages) {
         if (IsAnothers(placed, uid)) {
             return MIGRATE_ERROR_OWNER;
         }
-        if (!placed.isLeaving && state_.target->IdOf(target) != placed.id) {
+        if (state_.target->IdOf(target) != placed.id) {
             return MIGRATE_ERROR_TARGET;
         }
-        if (!placed.isLeaving) {
-            targets.push_back(target);
+    }
+    for (const auto& [target, placed] : packages) {
+        TreeSize size;
+        const auto goOn = [this] { return !state_.isStopping; };
+        const int fd = state_.target->Fd();
+        if (const ErrorInfo fault = MeasureTree(fd, target, fd, goOn, size); fault.code != 0) {
+            return fault.code;
         }
     }
-    return 0;
+    return packages.empty() ? MIGRATE_ERROR_NOTHING : RecordOwner(uid, packages);
 }
 
 // All or none: what another user has taken meanwhile is his, unless root takes it.
-int32_t MigrationCommands::RecordOwner(uint32_t uid, const std::vector<std::string>& targets)
+int32_t MigrationCommands::RecordOwner(uint32_t uid, const std::map<std::string, Placed>& packages)
 {
     StateChange change(state_);
-    for (const std::string& target : targets) {
+    for (const auto& [target, before] : packages) {
         const Placed* const placed = state_.store->FindPlaced(target);
         if (placed == nullptr || placed->isLeaving) {
             return MIGRATE_ERROR_TARGET;

@@ -40,10 +40,7 @@ private:
     BusinessError Remove(const std::function<bool(const Task&)>& isMeant) VEXA_EXCLUDES(state_.mutex);
     // Between running and paused.
     BusinessError Switch(TaskStatus from, TaskStatus to, TaskPauseReason reason) VEXA_EXCLUDES(state_.mutex);
-
-    // The packages that are to be a user's; 0, or why they can't be.
-    int32_t FindBackups(uint32_t uid, std::vector<std::string>& targets) const VEXA_EXCLUDES(state_.mutex);
-    int32_t RecordOwner(uint32_t uid, const std::vector<std::string>& targets) VEXA_EXCLUDES(state_.mutex);
+    int32_t RecordOwner(uint32_t uid, const std::map<std::string, Placed>& packages) VEXA_EXCLUDES(state_.mutex);
 
     EngineState& state_;
 };

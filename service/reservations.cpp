@@ -15,6 +15,11 @@ BusinessError NotSetAside()
     return MakeError(MIGRATE_ERROR_NOT_FOUND, "no application of that name is set aside");
 }
 
+BusinessError BeingRestored()
+{
+    return MakeError(MIGRATE_ERROR_BUSY, "it is being restored");
+}
+
 RestoreEventInfo EventOf(const KnownPackage& one)
 {
     if (one.task != nullptr) {
@@ -40,18 +45,13 @@ BusinessError Reservations::ReadReserved(std::vector<KnownPackage>& packages) co
     return fault;
 }
 
-BusinessError Reservations::FindReserved(const std::string& name, KnownPackage& package) const
+BusinessError Reservations::WithReserved(
+    const std::string& name, const std::function<BusinessError(const KnownPackage&)>& act) const
 {
     std::vector<KnownPackage> packages;
-    if (BusinessError fault = ReadReserved(packages); fault.errorNum != 0) {
-        return fault;
-    }
+    BusinessError fault = ReadReserved(packages);
     const KnownPackage* const found = EngineState::Find(packages, name);
-    if (found == nullptr) {
-        return NotSetAside();
-    }
-    package = *found;
-    return {};
+    return fault.errorNum != 0 ? fault : found != nullptr ? act(*found) : NotSetAside();
 }
 
 BusinessError Reservations::GetReserved(const std::string& name, int32_t most, std::vector<RestoreAppInfo>& apps) const
@@ -70,9 +70,7 @@ BusinessError Reservations::GetRestoreStatus(
     const std::string& name, const std::string& scene, std::vector<RestoreEventInfo>& events) const
 {
     std::vector<KnownPackage> packages;
-    if (BusinessError fault = ReadReserved(packages); fault.errorNum != 0) {
-        return fault;
-    }
+    BusinessError fault = ReadReserved(packages);
     bool isKnown = name.empty();
     for (const KnownPackage& one : packages) {
         const bool isMeant = name.empty() || one.package->IsCalled(name);
@@ -81,7 +79,7 @@ BusinessError Reservations::GetRestoreStatus(
             events.push_back(EventOf(one));
         }
     }
-    return isKnown ? BusinessError() : NotSetAside();
+    return fault.errorNum != 0 || isKnown ? fault : NotSetAside();
 }
 
 void Reservations::IntroduceRestores(const std::function<void(std::vector<RestoreEventInfo>)>& receive) const
@@ -98,53 +96,40 @@ void Reservations::IntroduceRestores(const std::function<void(std::vector<Restor
 
 AppRestoreCheck Reservations::CheckRestore(const Name& name) const
 {
-    AppRestoreCheck check{name, false, {}};
-    KnownPackage package;
-    if (const BusinessError error = FindReserved(name, package); error.errorNum != 0) {
-        check.reason = error.message;
-        return check;
-    }
-    const bool isUnderWay = package.task != nullptr && !package.task->IsEnded();
-    check.reason = isUnderWay ? "it is being restored" : package.fault.reason;
-    check.canRestore = check.reason.empty();
-    return check;
+    const BusinessError error = WithReserved(name, [](const KnownPackage& package) {
+        const bool isUnderWay = package.task != nullptr && !package.task->IsEnded();
+        return isUnderWay ? BeingRestored() : MakeError(package.fault.code, package.fault.reason);
+    });
+    return {name, error.message.empty(), error.message};
 }
 
 BusinessError Reservations::Restore(const Name& name, const std::string& scene)
 {
-    KnownPackage package;
-    if (BusinessError error = FindReserved(name, package); error.errorNum != 0) {
-        return error;
-    }
-    Task task = package.MakeTask();
-    if (!scene.empty()) {
-        task.app.restoreScene = scene;
-    }
-    StateChange change(state_);
-    const TaskRef earlier = state_.store->Tasks().Find(TaskKind::RESTORE, task.source);
-    if (earlier != nullptr && !earlier->IsEnded()) {
-        return MakeError(MIGRATE_ERROR_BUSY, "it is being restored");
-    }
-    task.priority = state_.store->Priority(task.source);
-    return state_.AddTask(task, change);
+    return WithReserved(name, [&](const KnownPackage& package) {
+        Task task = package.MakeTask();
+        if (!scene.empty()) {
+            task.app.restoreScene = scene;
+        }
+        StateChange change(state_);
+        const TaskRef earlier = state_.store->Tasks().Find(TaskKind::RESTORE, task.source);
+        if (earlier != nullptr && !earlier->IsEnded()) {
+            return BeingRestored();
+        }
+        task.priority = state_.store->Priority(task.source);
+        return state_.AddTask(task, change);
+    });
 }
 
 BusinessError Reservations::ClearReserved(const Name& name, const std::string& scene)
 {
-    KnownPackage package;
-    if (BusinessError error = FindReserved(name, package); error.errorNum != 0) {
-        return error;
-    }
-    return Clear({package}, scene, false);
+    return WithReserved(name, [&](const KnownPackage& package) { return Clear({package}, scene, false); });
 }
 
 BusinessError Reservations::ClearAllReserved(const std::string& scene)
 {
     std::vector<KnownPackage> packages;
-    if (BusinessError fault = ReadReserved(packages); fault.errorNum != 0) {
-        return fault;
-    }
-    return Clear(std::move(packages), scene, true);
+    const BusinessError fault = ReadReserved(packages);
+    return fault.errorNum != 0 ? fault : Clear(std::move(packages), scene, true);
 }
 
 // As safe as placing: that they leave is noted, and on the disk, before they do. A start that finds the note ends it.
@@ -222,19 +207,17 @@ BusinessError Reservations::TakeAway(const KnownPackage& package, bool isNoted)
 
 BusinessError Reservations::AdjustPriority(const Name& name, NumberText priority)
 {
-    KnownPackage package;
-    if (BusinessError error = FindReserved(name, package); error.errorNum != 0) {
-        return error;
-    }
-    StateChange change(state_);
-    const std::string& directory = package.package->directory;
-    state_.store->SetPriority(directory, priority);
-    if (const TaskRef known = state_.store->Tasks().Find(TaskKind::RESTORE, directory)) {
-        Task task = *known;
-        task.priority = priority;
-        state_.store->Save(task);
-    }
-    return change.Commit() ? BusinessError() : StateError();
+    return WithReserved(name, [&](const KnownPackage& package) {
+        StateChange change(state_);
+        const std::string& directory = package.package->directory;
+        state_.store->SetPriority(directory, priority);
+        if (const TaskRef known = state_.store->Tasks().Find(TaskKind::RESTORE, directory)) {
+            Task task = *known;
+            task.priority = priority;
+            state_.store->Save(task);
+        }
+        return change.Commit() ? BusinessError() : StateError();
+    });
 }
 
 }  // namespace VEXA::UpdateEngine

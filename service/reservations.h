@@ -32,9 +32,11 @@ public:
     BusinessError AdjustPriority(const Name& name, NumberText priority);
 
 private:
-    // All applications that are set aside, or the one of that name; its errorNum says why there is none.
+    // All applications that are set aside.
     BusinessError ReadReserved(std::vector<KnownPackage>& packages) const;
-    BusinessError FindReserved(const std::string& name, KnownPackage& package) const;
+    // Does that with the one of that name, unless there is none.
+    BusinessError WithReserved(
+        const std::string& name, const std::function<BusinessError(const KnownPackage&)>& act) const;
     BusinessError Clear(std::vector<KnownPackage> packages, const std::string& scene, bool isAll);
     // Notes that they are to leave their places.
     BusinessError NoteLeaving(const std::vector<KnownPackage>& packages, bool isAll) VEXA_EXCLUDES(state_.mutex);
