@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "callback_hub.h"
 
+#include <algorithm>
+
 #include "engine_errors.h"
 #include "json_from_struct.h"
 #include "native_migrate/ireserve_migrate_status_observer.h"
@@ -36,21 +38,18 @@ bool DeliverRestores(const sptr<IRemoteObject>& object, const std::vector<Restor
     return IsAlive(object->SendRequest(RESERVE_STATUS_CODE, data, reply, option), "a reserve status");
 }
 
-bool RunAll(const std::vector<std::function<void()>>& jobs)
-{
-    for (const auto& job : jobs) {
-        job();
-    }
-    return true;
-}
-
 }  // namespace
 
 CallbackHub::CallbackHub()
     : progress_(std::make_shared<Receivers<TaskProgress>>(threads_)),
       observers_(std::make_shared<Receivers<RestoreEventInfo>>(threads_)),
       jobs_(std::make_shared<Mailbox<std::function<void()>>>(
-          threads_, std::chrono::milliseconds(0), kMostJobs, &RunAll, nullptr))
+          threads_, std::chrono::milliseconds(0), kMostJobs,
+          [](const auto& jobs) {
+              std::for_each(jobs.begin(), jobs.end(), [](const auto& job) { job(); });
+              return true;
+          },
+          nullptr))
 {}
 
 int32_t CallbackHub::AddProgress(const sptr<IRemoteObject>& object)

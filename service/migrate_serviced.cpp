@@ -57,13 +57,6 @@ bool Register(const sptr<IRemoteObject>& object)
     return result == SAMGR_OK;
 }
 
-void Unregister()
-{
-    if (const auto manager = SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager()) {
-        manager->RemoveSystemAbility(MIGRATE_SERVICE_ID);
-    }
-}
-
 int Run(const ServiceOptions& options)
 {
     // Before the first thread, so that no thread takes one of them.
@@ -90,7 +83,9 @@ int Run(const ServiceOptions& options)
     int signal = 0;
     sigwait(&stop, &signal);
     SA_LOGI("ends on signal %{public}d", signal);
-    Unregister();
+    if (const auto manager = SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager()) {
+        manager->RemoveSystemAbility(MIGRATE_SERVICE_ID);
+    }
     engine->Stop();
     hub->Close();
     return 0;
