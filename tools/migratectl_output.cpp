@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <map>
 
 #include "held_value.h"
 #include "native_migrate/migrate_protocol.h"
@@ -16,20 +17,13 @@ namespace {
 
 const char* ResultText(int32_t result)
 {
-    switch (result) {
-        case MIGRATE_BAD_ARGUMENT:
-            return "the service does not take these arguments";
-        case MIGRATE_NO_SUCH_APP:
-            return "no application of that name is set aside";
-        case MIGRATE_TOO_MANY:
-            return "the service has too many callbacks";
-        case MIGRATE_INTERNAL:
-            return "the service could not do it";
-        case MIGRATE_NOT_ALLOWED:
-            return "only root, the service's user and its control group may change anything";
-        default:
-            return "the service refused";
-    }
+    static const std::map<int32_t, const char*> texts{
+        {MIGRATE_BAD_ARGUMENT, "the service does not take these arguments"},
+        {MIGRATE_NO_SUCH_APP, "no application of that name is set aside"},
+        {MIGRATE_TOO_MANY, "the service has too many callbacks"}, {MIGRATE_INTERNAL, "the service could not do it"},
+        {MIGRATE_NOT_ALLOWED, "only root, the service's user and its control group may change anything"}};
+    const auto found = texts.find(result);
+    return found != texts.end() ? found->second : "the service refused";
 }
 
 // Says, behind a colon, why there is no manager, or why the migration service has failed last if it does not run.

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <tuple>
+#include <utility>
 
 #include "json_to_struct.h"
 #include "migratectl_command.h"
@@ -61,37 +62,40 @@ int Conclude(const CommandLine& line, Show show, int32_t result, const Reply& re
     return Finish(line.options, line.command, result, error, json);
 }
 
-// The action that asks with `ask`, which fills what it replies, and shows that.
-template <typename... Replies, typename Ask>
-Action MakeAction(std::type_identity<std::tuple<Replies...>> /*replies*/, Show show, Ask ask)
+template <typename Kits, typename... Parameters, typename... Fields, size_t... Replies>
+Action MakeRequest(Show show, int32_t (Kits::*operation)(Parameters...), std::index_sequence<Replies...> /*replies*/,
+    Fields CommandLine::*... fields)
 {
-    return [=](const CommandLine& line) {
-        std::tuple<Replies...> replies;
-        const int32_t result = std::apply([&](Replies&... reply) { return ask(line, reply...); }, replies);
-        return std::apply([&](Replies&... reply) { return Conclude(line, show, result, reply...); }, replies);
+    using All = std::tuple<std::decay_t<Parameters>...>;
+    return [=]([[maybe_unused]] const CommandLine& line) {
+        std::tuple<std::tuple_element_t<sizeof...(Fields) + Replies, All>...> replies;
+        const int32_t result = (Client<Kits>().*operation)(line.*fields..., std::get<Replies>(replies)...);
+        return Conclude(line, show, result, std::get<Replies>(replies)...);
     };
 }
-
-template <size_t Fields, typename Parameters, size_t... Indices>
-auto RepliesBehind(std::index_sequence<Indices...> /*indices*/)
-    -> std::tuple<std::decay_t<std::tuple_element_t<Fields + Indices, Parameters>>...>;
 
 template <typename Kits, typename... Parameters, typename... Fields>
 Action Request(Show show, int32_t (Kits::*operation)(Parameters...), Fields CommandLine::*... fields)
 {
-    constexpr size_t kFields = sizeof...(Fields);
-    using Replies = decltype(RepliesBehind<kFields, std::tuple<Parameters...>>(
-        std::make_index_sequence<sizeof...(Parameters) - kFields>()));
-    return MakeAction(
-        std::type_identity<Replies>(), show, [=]([[maybe_unused]] const CommandLine& line, auto&... replies) {
-            return (Client<Kits>().*operation)(line.*fields..., replies...);
-        });
+    using Replies = std::make_index_sequence<sizeof...(Parameters) - sizeof...(Fields)>;
+    return MakeRequest(show, operation, Replies(), fields...);
 }
 
 template <typename Kits, typename... Parameters, typename... Fields>
 Action Request(int32_t (Kits::*operation)(Parameters...), Fields CommandLine::*... fields)
 {
     return Request(ShowReply, operation, fields...);
+}
+
+// Of an operation whose arguments are not the command line's fields.
+template <typename Reply>
+Action Request(Show show, int32_t (*ask)(const CommandLine& line, Reply& reply))
+{
+    return [=](const CommandLine& line) {
+        Reply reply;
+        const int32_t result = ask(line, reply);
+        return Conclude(line, show, result, reply);
+    };
 }
 
 // Commands that are more than a request.

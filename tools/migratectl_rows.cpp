@@ -62,12 +62,6 @@ Argument NotWith(const char* other, const Argument& argument)
     return [=](CLI::App& app, CommandLine& line) { return argument(app, line)->excludes(app.get_option(other)); };
 }
 
-template <typename Reply, typename Ask>
-Action RequestOf(Ask ask)
-{
-    return MakeAction(std::type_identity<std::tuple<Reply>>(), AN_ERROR, ask);
-}
-
 int32_t Stop(const Line& line, BusinessError& error)
 {
     auto& kits = Client<Kits>();
@@ -122,12 +116,12 @@ const Command COMMANDS[] = {
     {"", "stop", "Drops the tasks of the migration",
         {Value("package", &Line::name, "Only that of this package", IS_NAME),
             NotWith("package", Value("--user", &Line::user, "Only those of this user"))},
-        RequestOf<BusinessError>(Stop)},
-    {"", "pause", "Suspends the migration", {}, RequestOf<BusinessError>(Pause)},
+        Request(AN_ERROR, Stop)},
+    {"", "pause", "Suspends the migration", {}, Request(AN_ERROR, Pause)},
     {"", "resume", "Goes on with a suspended migration", {}, Request(&Kits::ResumeMigration)},
     {"", "policy", "What happens when a package has failed",
         {Required(Value("policy", &Line::text, "go-on or stop", CLI::IsMember({"go-on", "stop"})))},
-        RequestOf<BusinessError>(SetPolicy)},
+        Request(AN_ERROR, SetPolicy)},
     {"", "preset", "Choices for the starts that follow",
         {Required(
             Value("choices", &Line::text, "A JSON object with the lists \"exclude\" and \"users\"; \"\" for none"))},
@@ -136,8 +130,7 @@ const Command COMMANDS[] = {
     {"", "task", "The state of one package", {Required(Value("package", &Line::name, "", IS_NAME))},
         Request(&Kits::GetPakMigrationTaskStatus, &Line::name)},
     {"", "own", "Makes what was migrated the caller's backup files", {}, OwnBackups},
-    {"", "list", "The services of the system, and how they stand", {},
-        MakeAction(std::type_identity<std::tuple<std::string>>(), ShowReply, ListServices)},
+    {"", "list", "The services of the system, and how they stand", {}, Request(ShowReply, ListServices)},
     {"", "load", "Starts any system service by its number", {Required(Value("id", &Line::number, ""))}, LoadService},
     {"reserve", "list", "The applications that are set aside, first those of priority",
         {Value("name", &Line::name, "Only this one", IS_NAME), Value("--most", &Line::number, "At most so many")},
@@ -162,7 +155,7 @@ const Command COMMANDS[] = {
     {"reserve", "priority", "Which are restored first",
         {Required(Value("name", &Line::name, "", IS_NAME)),
             Required(Value("priority", &Line::number, "Higher goes first; 0 unless set"))},
-        RequestOf<std::string>(SetPriority)},
+        Request(AN_ERROR, SetPriority)},
     {"reserve", "watch", "Shows every change of their status",
         {Value("--seconds", &Line::number, "For so long; else until interrupted", CLI::Range(0, INT32_MAX))},
         WatchRestorations},

@@ -120,7 +120,11 @@ public:
     {
         constexpr std::chrono::seconds kLook(1);
         for (;;) {
-            Begin();
+            {
+                MutexLock lock(mutex_);
+                isShowing_ = true;
+                isStale_ = false;  // what comes from here on makes the answer stale
+            }
             MigrateInfo info;
             const auto status = pursuit.Look(info);
             MutexLock lock(mutex_);
@@ -137,14 +141,6 @@ public:
     }
 
 private:
-    // What comes from here on makes the answer stale.
-    void Begin()
-    {
-        MutexLock lock(mutex_);
-        isShowing_ = true;
-        isStale_ = false;
-    }
-
     const Options options_;
     Mutex mutex_{LockRank::Program};
     CondVar changed_;
@@ -166,35 +162,27 @@ int32_t AskToStart(const CommandLine& line, BusinessError& error)
         line.name, line.target, "{\"priority\":" + std::to_string(line.priority) + "}", error);
 }
 
-// `isUnderWay`: a migration is, started by the request or before.
-int Start(const CommandLine& line, bool& isUnderWay)
-{
-    BusinessError error;
-    const int32_t result = AskToStart(line, error);
-    const int status = Finish(line.options, line.command, result, error);
-    isUnderWay =
-        status == EXIT_DONE || error.errorNum == MIGRATE_ERROR_SOME_PACKAGES || error.errorNum == MIGRATE_ERROR_BUSY;
-    return status;
-}
-
 }  // namespace
 
 int StartMigration(const CommandLine& line)
 {
-    bool isUnderWay = false;
-    if (!line.waits) {
-        return Start(line, isUnderWay);
-    }
     auto& kits = Client<MigrateServerKits>();
     const auto watcher = std::make_shared<Watcher>(line.options);
-    const auto watch = [watcher](const MigrateStage&, const EventInfo& event) { watcher->OnEvent(event); };
-    int status = Judge(line.options, line.command, kits.On({watch}));
-    if (status != EXIT_DONE) {
+    if (line.waits) {
+        const auto watch = [watcher](const MigrateStage&, const EventInfo& event) { watcher->OnEvent(event); };
+        if (const int status = Judge(line.options, line.command, kits.On({watch})); status != EXIT_DONE) {
+            return status;
+        }
+    }
+    BusinessError error;
+    const int32_t result = AskToStart(line, error);
+    int status = Finish(line.options, line.command, result, error);
+    if (!line.waits) {
         return status;
     }
-    status = Start(line, isUnderWay);
-    if (isUnderWay) {
-        status = watcher->Run({line, MigrateStage::NONE, status != EXIT_DONE});
+    const bool isBegun = status == EXIT_DONE;
+    if (isBegun || error.errorNum == MIGRATE_ERROR_SOME_PACKAGES || error.errorNum == MIGRATE_ERROR_BUSY) {
+        status = watcher->Run({line, MigrateStage::NONE, !isBegun});
         static const Action showAll = Request(ShowResult, &MigrateServerKits::GetMigrateResult);
         static const Action showOne = Request(&MigrateServerKits::GetPakMigrationTaskStatus, &CommandLine::name);
         (line.name.empty() ? showAll : showOne)(line);
