@@ -20,11 +20,6 @@ inline BusinessError StateError()
     return MakeError(MIGRATE_ERROR_STATE, "the service's state can't be written");
 }
 
-inline BusinessError NoSuchPackage()
-{
-    return MakeError(MIGRATE_ERROR_NOT_FOUND, "there is no package of that name");
-}
-
 inline ErrorInfo TargetTaken()
 {
     return {MIGRATE_ERROR_TARGET, "the target has something else of that name", false};

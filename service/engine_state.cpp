@@ -27,7 +27,7 @@ Task KnownPackage::MakeTask() const
     made.kind = Kind();
     made.source = package->directory;
     made.target = package->manifest.target;
-    made.app = package->AsRestoreApp();
+    made.app = package->app;
     made.user = package->manifest.user;
     made.error = fault;
     made.status = fault.code == 0 ? TaskStatus::IDLE : TaskStatus::FAILED;
@@ -74,7 +74,7 @@ BusinessError EngineState::ReadPackage(const std::string& name, KnownPackage& pa
         package = *found;
         return fault;
     }
-    return fault.errorNum != 0 ? fault : NoSuchPackage();
+    return fault.errorNum != 0 ? fault : MakeError(MIGRATE_ERROR_NOT_FOUND, "there is no package of that name");
 }
 
 const KnownPackage* EngineState::Find(const std::vector<KnownPackage>& packages, const std::string& name)
@@ -122,7 +122,7 @@ void EngineState::BeginRun()
     if (IsUnderWay()) {
         return;
     }
-    meter.Restart();
+    meter = {};
     store->Set(StateValue::STATUS, static_cast<int64_t>(TaskStatus::RUNNING));
     store->Set(StateValue::START_TIME, time(nullptr));
     store->Set(StateValue::END_TIME, 0);

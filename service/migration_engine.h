@@ -22,11 +22,9 @@ namespace VEXA::UpdateEngine {
 // const reference are the request's fields, and what it takes by reference, or returns in place of an error, is the
 // reply.
 //
-// A package is copied to a directory of the target whose name begins with ".staging-", and that is renamed when it is
-// complete: under its name the target has all of a package or what was there before. A directory that the engine has
-// not placed itself is never replaced. Whatever ends the process, or with `sync` the whole machine, the next engine on
-// the same state goes on with the packages that had not reached their place, and removes the staging directories
-// meanwhile.
+// Under its name the target has all of a package or what was there before; what the engine has not placed itself is
+// never replaced. Whatever ends the process, or with `sync` the whole machine, the next engine on the same state goes
+// on.
 class MigrationEngine : public MigrationQueries, public MigrationCommands, public Reservations {
 public:
     // Null, with the reason in `error`, when the directories or the state can't be used. Starts nothing yet.

@@ -39,7 +39,7 @@ int ReadSmallFile(int directoryFd, const char* name, std::string& text)
     return count < 0 ? errno : 0;
 }
 
-ErrorInfo ReadManifest(int packageFd, PackageManifest& manifest)
+ErrorInfo ReadManifest(int packageFd, PackageManifest& manifest, RestoreAppInfo& app)
 {
     std::string text;
     const int fault = ReadSmallFile(packageFd, kManifest, text);
@@ -49,16 +49,18 @@ ErrorInfo ReadManifest(int packageFd, PackageManifest& manifest)
     if (fault == EACCES) {
         return {MIGRATE_ERROR_UNREADABLE, "its manifest can't be read", false};
     }
-    if (fault != 0 || JsonParse::JsonStrToStruct(text, manifest) != JsonError::SUCCESS) {
+    if (fault != 0 || JsonParse::JsonStrToStruct(text, manifest) != JsonError::SUCCESS ||
+        JsonParse::JsonStrToStruct(text, app) != JsonError::SUCCESS) {
         return {MIGRATE_ERROR_MANIFEST, "its manifest.json is not a manifest", false};
     }
     const auto& modules = manifest.modules;
-    const bool isLong = manifest.bundleName.size() > kLongestName || manifest.restoreScene.size() > kLongestName ||
+    const bool isLong = manifest.bundleName.size() > kLongestName || app.restoreScene.size() > kLongestName ||
                         modules.size() > kMostModules ||
                         std::any_of(modules.begin(), modules.end(),
                             [](const ModuleInfo& module) { return module.id.size() > kLongestName; });
     if (isLong) {
         manifest = {};
+        app = {};
         return {MIGRATE_ERROR_MANIFEST, "its manifest.json has too many modules, or too long a name", false};
     }
     return {};
@@ -70,6 +72,8 @@ void FillIn(Package& package)
     if (manifest.bundleName.empty()) {
         manifest.bundleName = package.directory;
     }
+    package.app.packageName = manifest.bundleName;
+    package.app.scanSourceDir = package.directory;
     if (manifest.target.empty()) {
         manifest.target = package.directory;
     }
@@ -109,28 +113,13 @@ bool Package::IsOneOf(const std::vector<std::string>& names) const
     return std::any_of(names.begin(), names.end(), [this](const std::string& name) { return IsCalled(name); });
 }
 
-RestoreAppInfo Package::AsRestoreApp() const
-{
-    return {.packageName = manifest.bundleName,
-        .versionName = manifest.versionName,
-        .versionCode = manifest.versionCode,
-        .signature = manifest.signature,
-        .scanSourceDir = directory,
-        .restoreScene = manifest.restoreScene,
-        .isRestoreData = manifest.isRestoreData,
-        .abiType = manifest.abiType,
-        .isTwinApp = manifest.isTwinApp,
-        .appName = manifest.appName,
-        .appType = manifest.appType};
-}
-
 Package ReadPackage(int sourceFd, const std::string& directory)
 {
     Package package;
     package.directory = directory;
     const UniqueFd fd(openat(sourceFd, directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (fd) {
-        package.fault = ReadManifest(fd.Get(), package.manifest);
+        package.fault = ReadManifest(fd.Get(), package.manifest, package.app);
     } else {
         package.fault = {MIGRATE_ERROR_UNREADABLE, strerror(errno), false};
     }
@@ -164,47 +153,43 @@ bool PackageCatalog::Read(std::vector<PackageRef>& packages) const
     if (source == nullptr) {
         return false;
     }
-    const int fd = dirfd(source.get());
-    std::vector<std::string> names;
-    for (Entry entry = NextEntry(source); !entry.name.empty(); entry = NextEntry(source)) {
-        if (!IsReservedName(entry.name) && IsDirectory(fd, entry)) {
-            names.push_back(entry.name);
-        }
-    }
-    if (errno != 0) {
-        return false;
-    }
-    std::sort(names.begin(), names.end());
     std::shared_ptr<const Contents> before;
     {
         MutexLock lock(mutex_);
         before = known_;
     }
-    auto now = std::make_shared<Contents>();
+    const int fd = dirfd(source.get());
+    const auto now = std::make_shared<Contents>();
     size_t kept = 0;
-    for (size_t at = 0; const std::string& name : names) {
-        // The stamp comes first: what changes while it is read has another one afterwards.
-        now->stamps.push_back(StampOf(fd, name));
-        while (at < before->read.size() && before->read[at]->directory < name) {
-            ++at;
+    for (Entry entry = NextEntry(source); !entry.name.empty(); entry = NextEntry(source)) {
+        if (IsReservedName(entry.name) || !IsDirectory(fd, entry)) {
+            continue;
         }
-        const bool isSame =
-            at < before->read.size() && before->read[at]->directory == name && before->stamps[at] == now->stamps.back();
-        kept += isSame ? 1 : 0;
-        now->read.push_back(isSame ? before->read[at] : std::make_shared<const Package>(ReadPackage(fd, name)));
-        if (!isSame && !CanBeKept(now->stamps.back(), *now->read.back())) {
-            now->stamps.back().fault = -1;
+        // The stamp comes first: what changes while it is read has another one afterwards.
+        const Stamp stamp = StampOf(fd, entry.name);
+        const auto known = before->read.find(entry.name);
+        if (known != before->read.end() && known->second.first == stamp) {
+            now->read.insert(*known);
+            kept++;
+        } else {
+            const auto package = std::make_shared<const Package>(ReadPackage(fd, entry.name));
+            now->read.emplace(entry.name, std::pair(CanBeKept(stamp, *package) ? stamp : Stamp(), package));
         }
     }
-    if (kept == names.size() && kept == before->read.size()) {
+    if (errno != 0) {
+        return false;
+    }
+    if (kept == now->read.size() && kept == before->read.size()) {
         packages = before->packages;
         return true;
     }
-    now->packages = now->read;
+    for (const auto& [name, known] : now->read) {
+        now->packages.push_back(known.second);
+    }
     FindClashes(now->packages);
     packages = now->packages;
     MutexLock lock(mutex_);
-    known_ = std::move(now);
+    known_ = now;
     return true;
 }
 

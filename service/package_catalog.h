@@ -3,8 +3,10 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "native_migrate/module_info.h"
@@ -13,44 +15,33 @@
 
 namespace VEXA::UpdateEngine {
 
-// What the file manifest.json of a package may say of it; docs/service.md describes the keys.
+// What the file manifest.json of a package may say of it, beside the RestoreAppInfo; docs/service.md describes the
+// keys.
 struct PackageManifest {
     std::string bundleName;
-    std::string versionName;
-    std::string versionCode;
     std::vector<ModuleInfo> modules;
     int32_t user = 0;
     int32_t targetUser = -1;
     std::string target;
     bool reserved = false;
-    std::string signature;
-    std::string restoreScene;
-    bool isRestoreData = true;
-    int32_t abiType = 0;
-    bool isTwinApp = false;
-    std::string appName;
-    int32_t appType = 1;
 
     static constexpr auto Members()
     {
         using M = PackageManifest;
-        return MemberList(Member{"bundleName", &M::bundleName}, Member{"versionName", &M::versionName},
-            Member{"versionCode", &M::versionCode}, Member{"modules", &M::modules}, Member{"user", &M::user},
-            Member{"targetUser", &M::targetUser}, Member{"target", &M::target}, Member{"reserved", &M::reserved},
-            Member{"signature", &M::signature}, Member{"restoreScene", &M::restoreScene},
-            Member{"isRestoreData", &M::isRestoreData}, Member{"abiType", &M::abiType},
-            Member{"isTwinApp", &M::isTwinApp}, Member{"appName", &M::appName}, Member{"appType", &M::appType});
+        return MemberList(Member{"bundleName", &M::bundleName}, Member{"modules", &M::modules},
+            Member{"user", &M::user}, Member{"targetUser", &M::targetUser}, Member{"target", &M::target},
+            Member{"reserved", &M::reserved});
     }
 };
 
 struct Package {
     std::string directory;     // its name in the source
     PackageManifest manifest;  // `bundleName`, `target` and `targetUser` filled in where the file is silent
+    RestoreAppInfo app;        // has the names of this package, and for the rest the file's members of the same names
     ErrorInfo fault;           // why it can't be migrated; code 0: it can, as far as is known
 
     bool IsCalled(const std::string& name) const { return directory == name || manifest.bundleName == name; }
     bool IsOneOf(const std::vector<std::string>& names) const;
-    RestoreAppInfo AsRestoreApp() const;
 };
 
 using PackageRef = std::shared_ptr<const Package>;
@@ -75,11 +66,9 @@ private:
 
         friend bool operator==(const Stamp&, const Stamp&) = default;
     };
-    // By directory, as it was read last.
     struct Contents {
-        std::vector<Stamp> stamps;
-        std::vector<PackageRef> read;
-        std::vector<PackageRef> packages;  // with the faults that come from others
+        std::map<std::string, std::pair<Stamp, PackageRef>> read;  // by directory, as it was read last
+        std::vector<PackageRef> packages;                          // with the faults that come from others
     };
 
     static Stamp StampOf(int sourceFd, const std::string& directory);

@@ -26,7 +26,7 @@ RestoreEventInfo EventOf(const KnownPackage& one)
         return one.task->AsRestoreEvent();
     }
     const TaskStatus status = one.isPlaced ? TaskStatus::FINISHED : TaskStatus::IDLE;
-    return {one.package->AsRestoreApp(), static_cast<int32_t>(status), one.fault};
+    return {one.package->app, static_cast<int32_t>(status), one.fault};
 }
 
 bool IsInScene(const KnownPackage& one, const std::string& scene)

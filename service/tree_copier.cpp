@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "directory.h"
+#include "engine_errors.h"
 #include "file_copier.h"
-#include "native_migrate/migrate_results.h"
 
 namespace VEXA::UpdateEngine {
 
@@ -48,7 +48,7 @@ protected:
     bool Fail(int32_t code, const std::string& reason, bool canRetry = false) { return Fail({code, reason, canRetry}); }
     bool FailReading() { return Fail(MIGRATE_ERROR_UNREADABLE, strerror(errno)); }
     bool FailWriting() { return Fail(WriteFault(errno)); }
-    bool FailStopped() { return Fail(MIGRATE_ERROR_STOPPED, "stopped", true); }
+    bool FailStopped() { return Fail(Stopped()); }
 
     // Opens a directory of the tree; null when it can't be, without a fault when it has vanished meanwhile. A target
     // within the tree would be copied into itself.
@@ -96,23 +96,12 @@ private:
     std::string path_;
 };
 
-uint64_t Mix(uint64_t sum, uint64_t value)
-{
-    constexpr uint64_t kFactor = 0x9E3779B97F4A7C15;
-    constexpr int kShift = 29;
-    sum = (sum ^ value) * kFactor;
-    return sum ^ (sum >> kShift);
-}
-
 // Of all that changes when somebody changes a file or directory; the last of it can't be set back.
 uint64_t DigestOf(const struct stat& status)
 {
-    uint64_t sum = status.st_mode;
-    for (const int64_t value : {static_cast<int64_t>(status.st_ino), status.st_size, status.st_mtim.tv_sec,
-             status.st_mtim.tv_nsec, status.st_ctim.tv_sec, status.st_ctim.tv_nsec}) {
-        sum = Mix(sum, static_cast<uint64_t>(value));
-    }
-    return sum;
+    const int64_t values[] = {status.st_mode, static_cast<int64_t>(status.st_ino), status.st_size,
+        status.st_mtim.tv_sec, status.st_mtim.tv_nsec, status.st_ctim.tv_sec, status.st_ctim.tv_nsec};
+    return std::hash<std::string_view>()({reinterpret_cast<const char*>(values), sizeof(values)});
 }
 
 class Copier : public Walk {
@@ -213,20 +202,19 @@ private:
 
     bool CopyEntry(int sourceFd, const Entry& entry, int targetFd, int depth)
     {
-        if (entry.type == DT_REG && look_ == 0) {
-            return CopyFile(sourceFd, entry.name, targetFd);
-        }
         struct stat status = {};
-        if (entry.type != DT_DIR && fstatat(sourceFd, entry.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        const bool isKnown = entry.type == DT_DIR || (entry.type == DT_REG && look_ == 0);
+        if (!isKnown && fstatat(sourceFd, entry.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
             return HasVanished(errno) || FailReading();
         }
-        if (entry.type == DT_DIR || S_ISDIR(status.st_mode)) {
+        const mode_t type = isKnown ? DTTOIF(entry.type) : status.st_mode & S_IFMT;
+        if (type == S_IFDIR) {
             return CopyDirectory(sourceFd, entry.name, targetFd, entry.name, depth + 1);
         }
-        if (S_ISREG(status.st_mode) && look_ == 0) {
+        if (type == S_IFREG && look_ == 0) {
             return CopyFile(sourceFd, entry.name, targetFd);
         }
-        if (!S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode)) {
+        if (type != S_IFREG && type != S_IFLNK) {
             return Fail(MIGRATE_ERROR_UNSUPPORTED, "is no file, directory or symbolic link");
         }
         if (!IsNew(status)) {
@@ -236,8 +224,8 @@ private:
         if (!MakeFree(targetFd, entry.name)) {
             return FailWriting();
         }
-        return S_ISREG(status.st_mode) ? CopyFile(sourceFd, entry.name, targetFd)
-                                       : CopyLink(sourceFd, entry.name, targetFd, status);
+        return type == S_IFREG ? CopyFile(sourceFd, entry.name, targetFd)
+                               : CopyLink(sourceFd, entry.name, targetFd, status);
     }
 
     void Count(const struct stat& status)

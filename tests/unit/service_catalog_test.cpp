@@ -31,9 +31,9 @@ TEST_F(ServiceCatalog, AManifestTellsAndADirectoryWithoutOneIsCalledAfterItself)
     const PackageManifest& a = packages[0]->manifest;
     EXPECT_EQ(std::tuple(a.bundleName, a.target, a.targetUser, a.reserved), std::tuple("a", "a", 0, false));
     const PackageManifest& b = packages[1]->manifest;
-    EXPECT_EQ(b.bundleName + b.versionName + b.versionCode + b.target, "com.b1.27other");
+    EXPECT_EQ(b.bundleName + packages[1]->app.versionName + packages[1]->app.versionCode + b.target, "com.b1.27other");
     EXPECT_EQ(std::tuple(b.user, b.targetUser, b.modules.at(1).id), std::tuple(3, 100, "n"));
-    EXPECT_FALSE(packages[1]->AsRestoreApp().isRestoreData || packages[1]->fault.code != 0);
+    EXPECT_FALSE(packages[1]->app.isRestoreData || packages[1]->fault.code != 0);
     EXPECT_EQ(packages[2]->fault.code, MIGRATE_ERROR_TARGET);  // the place of "a"
     std::vector<KnownPackage> known(2);
     known[0].package = packages[1];
