@@ -58,12 +58,6 @@ MigrateServerStub::MigrateServerStub(std::shared_future<RequestParts> parts, std
     : IPCObjectStub(MIGRATE_SERVER_DESCRIPTOR), parts_(std::move(parts)), controlGroup_(controlGroup)
 {}
 
-bool MigrateServerStub::MayControl() const
-{
-    const uid_t user = IPCSkeleton::GetCallingUid();
-    return user == 0 || user == geteuid() || (controlGroup_ && IPCSkeleton::IsCallerInGroup(*controlGroup_));
-}
-
 int32_t MigrateServerStub::OnRemoteRequest(
     uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option)
 {
@@ -77,8 +71,9 @@ int32_t MigrateServerStub::OnRemoteRequest(
         return IPCObjectStub::OnRemoteRequest(code, data, reply, option);
     }
     if (row->who == Who::CONTROL) {
-        const auto user = static_cast<int32_t>(IPCSkeleton::GetCallingUid());
-        if (!MayControl()) {
+        const uid_t caller = IPCSkeleton::GetCallingUid();
+        const auto user = static_cast<int32_t>(caller);
+        if (caller != 0 && caller != geteuid() && !(controlGroup_ && IPCSkeleton::IsCallerInGroup(*controlGroup_))) {
             SA_LOGW_OF_CALLER("%{public}s of process %{public}d, user %{public}d: refused", row->name, process, user);
             return MIGRATE_RESULT_OFFSET + MIGRATE_NOT_ALLOWED;
         }

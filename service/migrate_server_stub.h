@@ -31,8 +31,6 @@ public:
     int32_t OnRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& option) override;
 
 private:
-    bool MayControl() const;
-
     const std::shared_future<RequestParts> parts_;
     const std::optional<gid_t> controlGroup_;
 };

@@ -10,20 +10,6 @@
 
 namespace VEXA::UpdateEngine {
 
-namespace {
-
-int32_t TargetUser(const Package& package, const PresetChoices& choices)
-{
-    for (const MigrationUser& user : choices.users) {
-        if (user.sourceUser == package.manifest.user) {
-            return user.targetUser;
-        }
-    }
-    return package.manifest.targetUser;
-}
-
-}  // namespace
-
 MigrateProgress MigrationQueries::Progress() const
 {
     constexpr double kAll = 100;
@@ -164,7 +150,8 @@ BusinessError MigrationQueries::GetUsers(std::vector<MigrationUser>& users) cons
     std::set<std::pair<int32_t, int32_t>> known;
     return ForEach([&, choices = Choices()](const KnownPackage& one) {
         const int32_t user = one.package->manifest.user;
-        const int32_t target = TargetUser(*one.package, choices);
+        const auto chosen = std::ranges::find(choices.users, user, &MigrationUser::sourceUser);
+        const int32_t target = chosen != choices.users.end() ? chosen->targetUser : one.package->manifest.targetUser;
         if (known.emplace(user, target).second) {
             users.push_back({user, target});
         }

@@ -22,51 +22,38 @@ public:
     void Run()
     {
         while (!state_.isStopping) {
-            Work work;
+            TaskRef unmeasured;
+            TaskRef idle;
+            std::vector<std::string> rubbish;
             {
                 MutexLock lock(state_.mutex);
                 turn_ = state_.turn;
-                work = NextWork();
-                if (work.IsNone()) {
+                unmeasured = state_.store->Tasks().NextUnmeasured(kind_);
+                if (kind_ == TaskKind::RESTORE || state_.Status() == TaskStatus::RUNNING) {
+                    idle = state_.store->Tasks().NextIdle(kind_);
+                }
+                if (kind_ == TaskKind::RESTORE) {
+                    rubbish = std::exchange(state_.rubbish, {});
+                }
+                if (unmeasured == nullptr && idle == nullptr && rubbish.empty()) {
                     state_.changed.WaitFor(
                         state_.mutex, kIdle, [this] { return state_.isStopping || state_.turn != turn_; });
                     continue;
                 }
             }
-            for (const std::string& name : work.rubbish) {
+            for (const std::string& name : rubbish) {
                 RemoveStaged(state_, name);
             }
-            if (work.unmeasured != nullptr) {
-                Measure(*work.unmeasured);
-            } else if (work.idle != nullptr) {
-                RunTask(*work.idle);
+            if (unmeasured != nullptr) {
+                Measure(*unmeasured);
+            } else if (idle != nullptr) {
+                RunTask(*idle);
             }
         }
     }
 
 private:
     using Clock = std::chrono::steady_clock;
-
-    struct Work {
-        TaskRef unmeasured;
-        TaskRef idle;
-        std::vector<std::string> rubbish;
-        bool IsNone() const { return unmeasured == nullptr && idle == nullptr && rubbish.empty(); }
-    };
-
-    // What is to be done first; rubbish is taken out.
-    Work NextWork() VEXA_REQUIRES(state_.mutex)
-    {
-        Work work;
-        work.unmeasured = state_.store->Tasks().NextUnmeasured(kind_);
-        if (kind_ == TaskKind::RESTORE) {
-            work.rubbish = std::exchange(state_.rubbish, {});
-        }
-        if (kind_ == TaskKind::RESTORE || state_.Status() == TaskStatus::RUNNING) {
-            work.idle = state_.store->Tasks().NextIdle(kind_);
-        }
-        return work;
-    }
 
     // Sizes come first, so that percentages are those of the whole.
     void Measure(const Task& task)

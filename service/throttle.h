@@ -25,15 +25,11 @@ public:
         return rate_ == 0 ? kPieceBytes : std::clamp<size_t>(rate_ / kPiecesPerSecond, 1, kPieceBytes);
     }
 
-    // Until when to wait after `bytes` more. Time that was not used is not saved up.
+    // Until when to wait after `bytes` more, at a limited rate. Time that was not used is not saved up.
     Clock::time_point Spend(uint64_t bytes, Clock::time_point now)
     {
-        free_ = std::max(free_, now);
-        if (rate_ != 0) {
-            const double seconds = static_cast<double>(bytes) / static_cast<double>(rate_);
-            free_ += std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
-        }
-        return free_;
+        const std::chrono::duration<double> time(static_cast<double>(bytes) / static_cast<double>(rate_));
+        return free_ = std::max(free_, now) + std::chrono::duration_cast<Clock::duration>(time);
     }
 
 private:
@@ -46,7 +42,6 @@ class RateMeter {
 public:
     using Clock = std::chrono::steady_clock;
 
-    void Restart() { *this = RateMeter(); }
     void Add(uint64_t bytes, Clock::time_point now)
     {
         if (last_ != Clock::time_point()) {
