@@ -60,11 +60,6 @@ void PrintJson(const std::string& json)
     Print(EscapeOdd(json) + "\n");
 }
 
-void PrintRows(const Options& options, const std::vector<Fields>& rows)
-{
-    Print(FormatTable(rows, options.width()));
-}
-
 std::string ToJson(const std::string& text)
 {
     const JsonContext json(text);

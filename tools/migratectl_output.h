@@ -39,7 +39,6 @@ bool HasEnded(int64_t status);
 // Writes to standard output at once; PrintJson a text that is JSON as a line that is valid whatever names it holds.
 void Print(const std::string& text);
 void PrintJson(const std::string& json);
-void PrintRows(const Options& options, const std::vector<Fields>& rows);
 
 using UpdateEngine::ToJson;
 // A text of the service: as its values when it is JSON, else as a JSON string.

@@ -37,7 +37,7 @@ void ShowRecords(const Options& options, const JsonContext& list)
     for (const JsonContext& record : list) {
         rows.push_back(ToFields(record, true));
     }
-    PrintRows(options, rows);
+    Print(FormatTable(rows, options.width()));
 }
 
 // A column of a table: its title, and the member that it shows, which may be one of a member.
@@ -56,7 +56,7 @@ void ShowColumns(const Options& options, const JsonContext& list, std::initializ
             row.emplace_back(title, ShowJson((*outer != '\0' ? element[outer] : element)[key]));
         }
     }
-    PrintRows(options, rows);
+    Print(FormatTable(rows, options.width()));
 }
 
 }  // namespace

@@ -36,6 +36,17 @@ char32_t TakeCharacter(std::string_view& text)
     return character;
 }
 
+// Hands over each character of a text, with its bytes.
+template <typename Visit>
+void ForEachCharacter(std::string_view text, const Visit& visit)
+{
+    while (!text.empty()) {
+        const std::string_view before = text;
+        const char32_t character = TakeCharacter(text);
+        visit(character, before.substr(0, before.size() - text.size()));
+    }
+}
+
 // -1 for what a terminal is not to get.
 int WidthOf(char32_t character)
 {
@@ -85,38 +96,31 @@ std::string ShowUser(int64_t uid)
 std::string Clean(std::string_view text)
 {
     std::string clean;
-    while (!text.empty()) {
-        const std::string_view before = text;
-        const bool isHarmless = WidthOf(TakeCharacter(text)) >= 0;
-        clean += isHarmless ? before.substr(0, before.size() - text.size()) : "?";
-    }
+    ForEachCharacter(
+        text, [&clean](char32_t character, std::string_view bytes) { clean += WidthOf(character) >= 0 ? bytes : "?"; });
     return clean;
 }
 
 size_t Columns(std::string_view text)
 {
     size_t columns = 0;
-    while (!text.empty()) {
-        columns += static_cast<size_t>(std::max(WidthOf(TakeCharacter(text)), 0));
-    }
+    ForEachCharacter(text, [&columns](char32_t character, std::string_view /*bytes*/) {
+        columns += static_cast<size_t>(std::max(WidthOf(character), 0));
+    });
     return columns;
 }
 
 std::string Fit(std::string_view text, size_t columns)
 {
-    if (columns == 0) {
-        return "";
-    }
     std::string fitting(text);
     if (Columns(text) > columns) {
-        std::string_view rest = text;
-        size_t taken = 0;
-        size_t end = 0;
-        while (taken < columns) {  // one column is the ellipsis's
-            end = text.size() - rest.size();
-            taken += static_cast<size_t>(std::max(WidthOf(TakeCharacter(rest)), 0));
-        }
-        fitting = std::string(text.substr(0, end)) + "\u2026";
+        fitting.clear();
+        size_t taken = 1;  // by the ellipsis
+        ForEachCharacter(text, [&](char32_t character, std::string_view bytes) {
+            taken += static_cast<size_t>(std::max(WidthOf(character), 0));
+            fitting += taken <= columns ? bytes : "";
+        });
+        fitting += columns > 0 ? "\u2026" : "";
     }
     return fitting.append(columns - std::min(columns, Columns(fitting)), ' ');
 }
@@ -126,15 +130,11 @@ std::string EscapeOdd(std::string_view json)
     constexpr char32_t kDelete = 0x7f;
     constexpr char32_t kLastControl = 0x9f;
     std::string escaped;
-    while (!json.empty()) {
-        const std::string_view before = json;
-        const char32_t character = TakeCharacter(json);
-        if ((character >= kDelete && character <= kLastControl) || (character & ~char32_t{0xff}) == kOddByte) {
-            escaped += Format("\\u%04x", static_cast<unsigned>(character));
-        } else {
-            escaped += before.substr(0, before.size() - json.size());
-        }
-    }
+    ForEachCharacter(json, [&escaped](char32_t character, std::string_view bytes) {
+        const bool isControl = character >= kDelete && character <= kLastControl;
+        const bool isOdd = isControl || (character & ~char32_t{0xff}) == kOddByte;
+        escaped += isOdd ? Format("\\u%04x", static_cast<unsigned>(character)) : std::string(bytes);
+    });
     return escaped;
 }
 
