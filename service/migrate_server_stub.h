@@ -6,7 +6,6 @@
 
 #include <cstdint>
 #include <future>
-#include <memory>
 #include <optional>
 #include <span>
 

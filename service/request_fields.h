@@ -5,7 +5,6 @@
 #include <charconv>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "json_parse.h"
 #include "native_migrate/migrate_results.h"

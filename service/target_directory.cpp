@@ -6,17 +6,14 @@
 #include <sys/stat.h>
 
 #include <array>
-#include <cerrno>
 #include <charconv>
 #include <climits>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <functional>
 #include <thread>
 
 #include "directory.h"
-#include "plain_name.h"
 #include "service_limits.h"
 
 namespace VEXA::UpdateEngine {
