@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <string>
-#include <vector>
 
 #include "json_from_struct.h"
 #include "migratectl_table.h"

@@ -32,7 +32,7 @@ std::vector<size_t> Widths(const Lines& lines, size_t most)
 
 std::string Format(const Lines& lines, size_t width)
 {
-    const auto widths = Widths(lines, width);
+    const auto widths = lines.empty() ? std::vector<size_t>() : Widths(lines, width);
     std::string text;
     for (const auto& line : lines) {
         for (size_t i = 0; i < line.size(); i++) {
@@ -48,19 +48,17 @@ std::string Format(const Lines& lines, size_t width)
 
 std::string FormatTable(const std::vector<Fields>& rows, size_t width)
 {
-    if (rows.empty()) {
-        return "";
-    }
-    Lines lines(1);
-    for (const auto& [name, value] : rows.front()) {
-        lines.front().push_back(Clean(name));
-    }
+    Lines lines(rows.empty() ? 0 : 1);
     for (const Fields& row : rows) {
-        auto& line = lines.emplace_back();
+        std::vector<std::string> line;
         for (const auto& [name, value] : row) {
+            if (lines.size() == 1) {
+                lines[0].push_back(Clean(name));
+            }
             line.push_back(Clean(value));
         }
-        line.resize(lines.front().size());
+        line.resize(lines[0].size());
+        lines.push_back(line);
     }
     return Format(lines, width);
 }
@@ -71,7 +69,7 @@ std::string FormatFields(const Fields& fields)
     for (const auto& [name, value] : fields) {
         lines.push_back({Clean(name), Clean(value)});
     }
-    return lines.empty() ? "" : Format(lines, 0);
+    return Format(lines, 0);
 }
 
 }  // namespace migratectl

@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <thread>
+#include <tuple>
 
 #include "migratectl_progress_view.h"
 #include "migratectl_request.h"
@@ -20,20 +21,17 @@ using Clock = std::chrono::steady_clock;
 // counts, which is the one just asked for; what others wait for or fail with does not.
 std::optional<int> JudgeOne(const std::string& name, const MigrateInfo& info)
 {
-    const TaskInfo* found = nullptr;
-    for (const TaskInfo& task : info.taskInfos) {
-        const bool isIt = task.source == name;
-        if (isIt || (task.displayPolicy.displayBundleName == name && (found == nullptr || task.id > found->id))) {
-            found = &task;
-        }
-        if (isIt) {
-            break;
-        }
+    const auto rank = [&name](const TaskInfo& task) {
+        return std::tuple(task.source == name, task.displayPolicy.displayBundleName == name, task.id);
+    };
+    const auto found = std::ranges::max_element(info.taskInfos, {}, rank);
+    if (found == info.taskInfos.end() || rank(*found) < std::tuple(false, true, 0U)) {
+        return EXIT_INCOMPLETE;
     }
-    if (found != nullptr && !HasEnded(static_cast<int64_t>(found->status))) {
+    if (!HasEnded(static_cast<int64_t>(found->status))) {
         return std::nullopt;
     }
-    return found != nullptr && found->status == TaskStatus::FINISHED ? EXIT_DONE : EXIT_INCOMPLETE;
+    return found->status == TaskStatus::FINISHED ? EXIT_DONE : EXIT_INCOMPLETE;
 }
 
 // Follows what was asked for through the answers to GetMigrateInfo: one package, or all of them. Events only announce:

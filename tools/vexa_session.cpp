@@ -113,7 +113,7 @@ public:
     int Run()
     {
         int status = kSessionFailed;
-        if (TakeSignals() && MakeDirectories() && StartManager() && StartCommand()) {
+        if (TakeSignals() && MakeDirectories() && StartManager() && (command_ = Start(options_.command, false)) > 0) {
             status = WaitForCommand();
         }
         EndAll();
@@ -183,12 +183,6 @@ private:
         return ready;
     }
 
-    bool StartCommand()
-    {
-        command_ = Start(options_.command, false);
-        return command_ > 0;
-    }
-
     pid_t Start(const std::vector<std::string>& arguments, bool isManager)
     {
         if (const pid_t pid = Fork(); pid != 0) {
@@ -219,13 +213,11 @@ private:
     {
         const auto deadline = steady_clock::now() + kReadyTime;
         while (!ReadReady()) {
-            if (manager_ <= 0) {
-                fprintf(stderr, "vexa-session: the manager ended with status %d before it was ready\n",
-                    ExitStatus(managerStatus_));
-                return false;
-            }
-            if (stoppedBy_ != 0 || steady_clock::now() >= deadline) {
-                fprintf(stderr, "vexa-session: the manager did not become ready\n");
+            const bool hasEnded = manager_ <= 0;
+            if (hasEnded || stoppedBy_ != 0 || steady_clock::now() >= deadline) {
+                const std::string how =
+                    hasEnded ? " and ended with status " + std::to_string(ExitStatus(managerStatus_)) : "";
+                fprintf(stderr, "vexa-session: the manager did not become ready%s\n", how.c_str());
                 return false;
             }
             Wait(deadline);
