@@ -207,14 +207,14 @@ private:
         if (!isKnown && fstatat(sourceFd, entry.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
             return HasVanished(errno) || FailReading();
         }
-        const mode_t type = isKnown ? DTTOIF(entry.type) : status.st_mode & S_IFMT;
-        if (type == S_IFDIR) {
+        const unsigned char type = isKnown ? entry.type : IFTODT(status.st_mode);
+        if (type == DT_DIR) {
             return CopyDirectory(sourceFd, entry.name, targetFd, entry.name, depth + 1);
         }
-        if (type == S_IFREG && look_ == 0) {
+        if (type == DT_REG && look_ == 0) {
             return CopyFile(sourceFd, entry.name, targetFd);
         }
-        if (type != S_IFREG && type != S_IFLNK) {
+        if (type != DT_REG && type != DT_LNK) {
             return Fail(MIGRATE_ERROR_UNSUPPORTED, "is no file, directory or symbolic link");
         }
         if (!IsNew(status)) {
@@ -224,7 +224,7 @@ private:
         if (!MakeFree(targetFd, entry.name)) {
             return FailWriting();
         }
-        return type == S_IFREG ? CopyFile(sourceFd, entry.name, targetFd)
+        return type == DT_REG ? CopyFile(sourceFd, entry.name, targetFd)
                                : CopyLink(sourceFd, entry.name, targetFd, status);
     }
 
