@@ -16,7 +16,7 @@ namespace VEXA::UpdateEngine {
 namespace {
 
 // How much is done under the lock before others may have it, and for how long.
-constexpr size_t kPiece = 128;
+constexpr size_t kPiece = 256;
 constexpr std::chrono::microseconds kPause(100);
 
 }  // namespace

@@ -153,43 +153,49 @@ bool PackageCatalog::Read(std::vector<PackageRef>& packages) const
     if (source == nullptr) {
         return false;
     }
-    std::shared_ptr<const Contents> before;
-    {
-        MutexLock lock(mutex_);
-        before = known_;
-    }
     const int fd = dirfd(source.get());
-    const auto now = std::make_shared<Contents>();
-    size_t kept = 0;
+    std::vector<std::string> names;
     for (Entry entry = NextEntry(source); !entry.name.empty(); entry = NextEntry(source)) {
-        if (IsReservedName(entry.name) || !IsDirectory(fd, entry)) {
-            continue;
-        }
-        // The stamp comes first: what changes while it is read has another one afterwards.
-        const Stamp stamp = StampOf(fd, entry.name);
-        const auto known = before->read.find(entry.name);
-        if (known != before->read.end() && known->second.first == stamp) {
-            now->read.insert(*known);
-            kept++;
-        } else {
-            const auto package = std::make_shared<const Package>(ReadPackage(fd, entry.name));
-            now->read.emplace(entry.name, std::pair(CanBeKept(stamp, *package) ? stamp : Stamp(), package));
+        if (!IsReservedName(entry.name) && IsDirectory(fd, entry)) {
+            names.push_back(std::move(entry.name));
         }
     }
     if (errno != 0) {
         return false;
     }
-    if (kept == now->read.size() && kept == before->read.size()) {
+    std::sort(names.begin(), names.end());
+    std::shared_ptr<const Contents> before;
+    {
+        MutexLock lock(mutex_);
+        before = known_;
+    }
+    auto now = std::make_shared<Contents>();
+    size_t kept = 0;
+    for (auto earlier = before->read.begin(); const std::string& name : names) {
+        // The stamp comes first: what changes while it is read has another one afterwards.
+        const Stamp stamp = StampOf(fd, name);
+        while (earlier != before->read.end() && earlier->second->directory < name) {
+            ++earlier;
+        }
+        if (earlier != before->read.end() && earlier->second->directory == name && earlier->first == stamp) {
+            now->read.push_back(*earlier);
+            kept++;
+        } else {
+            const auto package = std::make_shared<const Package>(ReadPackage(fd, name));
+            now->read.emplace_back(CanBeKept(stamp, *package) ? stamp : Stamp(), package);
+        }
+    }
+    if (kept == names.size() && kept == before->read.size()) {
         packages = before->packages;
         return true;
     }
-    for (const auto& [name, known] : now->read) {
-        now->packages.push_back(known.second);
+    for (const auto& [stamp, package] : now->read) {
+        now->packages.push_back(package);
     }
     FindClashes(now->packages);
     packages = now->packages;
     MutexLock lock(mutex_);
-    known_ = now;
+    known_ = std::move(now);
     return true;
 }
 

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <string>
 #include <utility>
@@ -67,8 +66,8 @@ private:
         friend bool operator==(const Stamp&, const Stamp&) = default;
     };
     struct Contents {
-        std::map<std::string, std::pair<Stamp, PackageRef>> read;  // by directory, as it was read last
-        std::vector<PackageRef> packages;                          // with the faults that come from others
+        std::vector<std::pair<Stamp, PackageRef>> read;  // by directory, as it was read last
+        std::vector<PackageRef> packages;                // with the faults that come from others
     };
 
     static Stamp StampOf(int sourceFd, const std::string& directory);
