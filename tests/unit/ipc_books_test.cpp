@@ -178,7 +178,7 @@ TEST(PeerLinesTest, FiveOfAProcessAndTwentyOfAUserInASecond)
     Deadline now = Now();
     // After so many milliseconds, how many of ten lines of a process and user are written.
     const std::tuple<int, pid_t, uid_t, int> rows[] = {{0, 1, 7, 5}, {0, 2, 7, 5}, {999, 1, 7, 0}, {0, 3, 7, 5},
-        {0, 4, 7, 5}, {0, 5, 7, 0}, {0, 6, 8, 5}, {1, 5, 7, 5}};
+        {0, 4, 7, 5}, {0, 5, 7, 0}, {0, 6, 8, 5}, {1, 1, 7, 5}};
     for (const auto& [passed, process, user, written] : rows) {
         now += std::chrono::milliseconds(passed);
         int taken = 0;

@@ -137,6 +137,9 @@ TEST_F(ReserveObserversTest, EndDropsTheObservers)
     session->Keep("a", observer);
     session->Connection().AddDeathRecipient(LOG_SITE(), service);  // without a proxy, so that nobody withdraws it
     session->Close();
+    kits_->AddDeathRecipient(service);
+    EXPECT_EQ(service->AddedCount(), 2U);
+    kits_.reset();
     RecordingLogSink log;
     service->Die();
     EXPECT_TRUE(log.Messages().empty()) << "the session is closed";

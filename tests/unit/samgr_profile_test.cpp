@@ -43,7 +43,7 @@ TEST(SamgrProfile, FaultsAreNamed)
     const std::string sound = R"({"id": 1, "program": "p"})";
     std::vector<std::pair<std::string, std::string>> cases{{"[" + sound + "]", "one JSON object"},
         {sound + "\n\nx", "line 3 is"}, {"\n" + sound + '\0', "line 2 is"}, {R"({"program": "p"})", "id"},
-        {R"({"id": 1})", "program"}};
+        {R"({"id": 1})", "program"}, {R"({"id": 1, "user": 7})", "program"}};
     // The first member of a name counts, and each fault names it.
     for (const std::string member :
         {R"("id": 0)", R"("id": 1.5)", R"("id": 2147483648)", R"("program": "")", R"("arguements": [])",

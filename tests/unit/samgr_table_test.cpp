@@ -107,7 +107,10 @@ TEST_F(SamgrTable, LoadsOfOneServiceStartOneProgramAndAllGetItsObject)
 
 TEST_F(SamgrTable, FailedStartsLeaveNothingStarting)
 {
-    const auto expectOutcome = [this](int32_t error, const std::string& reason = "") {
+    RecordingLogSink log(KOLOG_ERROR);
+    const auto expectOutcome = [&](int32_t error, const std::string& reason = "") {
+        EXPECT_FALSE(log.Messages().empty()) << error;
+        log.Clear();
         ASSERT_TRUE(outcomes_.size() == 1 && outcomes_[0].error == error) << error;
         EXPECT_TRUE(reason.empty() || outcomes_[0].reason == reason) << outcomes_[0].reason;
         EXPECT_EQ(table_->RunDue(), TimePoint::max());
