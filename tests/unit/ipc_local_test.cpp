@@ -6,6 +6,7 @@
 #include <future>
 #include <memory>
 #include <string>
+#include <tuple>
 
 #include "parcel_access.h"
 #include "vexa/ipc/iremote_proxy.h"
@@ -43,12 +44,7 @@ struct Text : Parcelable {
 };
 
 // One value, its bytes as docs/wire-format.md lists them, and its reader: true when the value was there and right.
-struct Golden {
-    const char* name;
-    std::string bytes;
-    std::function<bool(Parcel&)> write;
-    std::function<bool(Parcel&)> read;
-};
+using Golden = std::tuple<const char*, std::string, std::function<bool(Parcel&)>, std::function<bool(Parcel&)>>;
 
 template <typename T, typename Argument>
 Golden Value(const char* name, const std::string& bytes, bool (Parcel::*write)(Argument), bool (Parcel::*read)(T&),

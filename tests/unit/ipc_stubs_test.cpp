@@ -47,17 +47,8 @@ Lines OwnLines(const std::string& code, const std::string& error)
            OWN_FILE.Error({"SetBackupFileOwnStub, " + error});
 }
 
-struct StubCase {
-    sptr<IPCObjectStub> stub;
-    std::u16string token;
-    uint32_t code;
-    Fields arguments;
-    int32_t result;
-    Calls calls;
-    Lines lines;
-};
-
-const StubCase STUB_CASES[] = {
+// The stub, the token, the code and the arguments; the result, the calls and the lines.
+const std::tuple<sptr<IPCObjectStub>, std::u16string, uint32_t, Fields, int32_t, Calls, Lines> STUB_CASES[] = {
     {PROGRESS_STUB, PROGRESS, 1, {3U, R"({"progress":{"percent":40}})"}, 0, {"3 40"}, {}},
     {PROGRESS_STUB, PROGRESS, 1, {4000000000U}, 0, {"4000000000 0"}, {}},
     {PROGRESS_STUB, PROGRESS, 2, {3U, "{}"}, IPC_UNKNOWN_REQUEST, {}, {}},
@@ -76,18 +67,19 @@ const StubCase STUB_CASES[] = {
 
 TEST(CallbackStubs, CheckTheTokenThenTheCodeThenDeliver)
 {
-    for (const StubCase& expected : STUB_CASES) {
+    for (const auto& expected : STUB_CASES) {
         SCOPED_TRACE(&expected - STUB_CASES);
+        const auto& [stub, token, code, arguments, result, calls, lines] = expected;
         g_calls.clear();
         MessageParcel data;
         MessageParcel reply;
         MessageOption option;
-        data.WriteInterfaceToken(expected.token);
-        WriteFields(data, expected.arguments);
+        data.WriteInterfaceToken(token);
+        WriteFields(data, arguments);
         RecordingLogSink log;
-        EXPECT_EQ(expected.stub->OnRemoteRequest(expected.code, data, reply, option), expected.result);
-        EXPECT_EQ(g_calls, expected.calls);
-        EXPECT_EQ(log.Messages(), expected.lines);
+        EXPECT_EQ(stub->OnRemoteRequest(code, data, reply, option), result);
+        EXPECT_EQ(g_calls, calls);
+        EXPECT_EQ(log.Messages(), lines);
         EXPECT_EQ(reply.GetDataSize(), 0U);
     }
 }

@@ -23,20 +23,17 @@ std::string Written(const T& data, bool result = true)
     return text;
 }
 
-struct BindCase {
-    const char* text;
-    JsonError result;
-    std::string left;  // the record afterwards, as the text that it is written as
-};
+// A text, its result, and the record afterwards, as the text that it is written as.
+using BindCase = std::tuple<const char*, JsonError, std::string>;
 
 template <typename T>
 void Check(const T& start, const std::vector<BindCase>& cases)
 {
     RecordingLogSink log;
-    for (const BindCase& c : cases) {
+    for (const auto& [text, result, left] : cases) {
         T record = start;
-        EXPECT_EQ(JsonParse::JsonStrToStruct(c.text, record), c.result) << c.text;
-        EXPECT_EQ(Written(record), c.left) << c.text;
+        EXPECT_EQ(JsonParse::JsonStrToStruct(text, record), result) << text;
+        EXPECT_EQ(Written(record), left) << text;
     }
     EXPECT_TRUE(log.Messages().empty());
 }
