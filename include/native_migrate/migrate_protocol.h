@@ -51,7 +51,7 @@ inline constexpr char16_t RESERVE_STATUS_OBSERVER_DESCRIPTOR[] = u"VEXA.Updater.
     REQUEST(ADJUST_APP_PRIORITY, 29, "text name, text priority -> text error")                                      \
     REQUEST(SET_BACKUP_FILE_OWN, 31, "object ISetBackupFileOwnInterface")
 
-#define MIGRATE_REQUEST_CODE(code, number, fields) code = number,
+#define MIGRATE_REQUEST_CODE(code, number, fields) code = (number),
 enum class MigrateRequestCode : uint32_t { MIGRATE_REQUESTS(MIGRATE_REQUEST_CODE) };
 #undef MIGRATE_REQUEST_CODE
 

@@ -82,7 +82,7 @@ void Print(const TracePoint& point, const char* event, const std::string& operat
 // Reads from where the parcel is read next, up to the first field that is not there.
 std::string ReadFields(Parcel& parcel, std::string_view wanted)
 {
-    const std::string quote = Traced().isJson ? "\"" : "'";
+    const char* const quote = Traced().isJson ? "\"" : "'";
     std::string fields;
     std::istringstream words{std::string(wanted)};
     bool isRead = true;
@@ -93,8 +93,9 @@ std::string ReadFields(Parcel& parcel, std::string_view wanted)
         const bool isWord = type == "int32" || type == "uint32" || type == "bool" || type == "object";
         isRead = isWord ? parcel.ReadInt32(word) : type == "int64" ? parcel.ReadInt64(number) : parcel.ReadString(text);
         const bool isNumber = isRead && (isWord || type == "int64");
+        number += type == "uint32" ? int64_t{static_cast<uint32_t>(word)} : word;
         AddField(fields, name.substr(0, name.find(',')),
-            isNumber ? std::to_string(number + word) : quote + Clean(text) + quote);
+            isNumber ? std::to_string(number) : std::string(quote).append(Clean(text)).append(quote));
     }
     return fields;
 }

@@ -35,7 +35,7 @@ int TellAll(const std::string& form)
     const std::string file = folder.Path() + form;
     setenv("VEXA_TRACE", file.c_str(), 1);
     const sptr<IRemoteObject> object(new IPCObjectStub(u"x.J"));
-    Tell(u"x.I", true, false, -3, -1, 5U, int64_t{1} << 40, true, object, "\"\\\x1b\xc3\n");
+    Tell(u"x.I", true, false, -3, -1, 4000000000U, int64_t{1} << 40, true, object, "\"\\\x1b\xc3\n");
     Tell(u"x.I", false, true, 0, 1, 2U, int64_t{3}, false, sptr<IRemoteObject>(), std::string(201, 'l'));
     Tell(u"x.I", true, true, 0, 1, 2U);
     Tell(u"x\n.I", false, false, 9, 1);
