@@ -185,14 +185,14 @@ TEST_F(ServiceCallbacks, AnObserverHearsOfEveryRestorationUntilItIsWithdrawn)
     Run();
     Receiver own;
     Receiver other;
-    EXPECT_EQ(ErrorOf(Code::REGISTER_RESERVE_OBSERVER, "name", sptr<IRemoteObject>(own.object)), 0);
+    EXPECT_EQ(Ask(Code::REGISTER_RESERVE_OBSERVER, "name", sptr<IRemoteObject>(own.object)), 0);
     caller.endpoint++;  // another process's name is another one
-    EXPECT_EQ(ErrorOf(Code::REGISTER_RESERVE_OBSERVER, "name", sptr<IRemoteObject>(other.object)), 0);
+    EXPECT_EQ(Ask(Code::REGISTER_RESERVE_OBSERVER, "name", sptr<IRemoteObject>(other.object)), 0);
     caller.endpoint--;
     Ask(Code::RESTORE_APP, "r1", "");
     const std::string first = "r1:0 r1:1 r1:1 r1:3 ";
     EXPECT_TRUE(Eventually([&] { return own.Restores() == first && other.Restores() == first; }));
-    EXPECT_EQ(ErrorOf(Code::UNREGISTER_RESERVE_OBSERVER, "name"), 0);
+    EXPECT_EQ(Ask(Code::UNREGISTER_RESERVE_OBSERVER, "name"), 0);
     Ask(Code::RESTORE_APP, "r2", "");
     EXPECT_TRUE(Eventually([&] { return other.Restores() == first + "r2:0 r2:1 r2:1 r2:3 "; }));
     EXPECT_EQ(own.Restores(), first);

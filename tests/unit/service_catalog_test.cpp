@@ -55,12 +55,17 @@ TEST_F(ServiceCatalog, BadManifestsAndNamesAreFaults)
     for (int i = 1; i < 1024; ++i) {
         modules += R"(,{"type":1,"id":"m"})";
     }
-    const std::string most = R"({"bundleName":")" + std::string(1024, 'b') + R"(","modules":[)" + modules;
+    const std::string most = R"({"modules":[)" + modules;
     EXPECT_EQ(faultOf(most + "]}"), 0);
-    const std::string longName = R"({"bundleName":")" + std::string(1025, 'b') + "\"}";
     for (const std::string& manifest :
-        {std::string("{"), std::string(R"({"user":"root"})"), large, longName, most + R"(,{"type":1,"id":"m"}]})"}) {
+        {std::string("{"), std::string(R"({"user":"root"})"), large, most + R"(,{"type":1,"id":"m"}]})"}) {
         EXPECT_EQ(faultOf(manifest), MIGRATE_ERROR_MANIFEST) << manifest.substr(0, 60);
+    }
+    const std::string longest(1024, 'n');
+    for (const std::string begin : {R"({"bundleName":")", R"({"restoreScene":")", R"({"modules":[{"type":1,"id":")"}) {
+        const std::string end = begin.find('[') == begin.npos ? "\"}" : "\"}]}";
+        EXPECT_EQ(faultOf(begin + longest + end), 0) << begin;
+        EXPECT_EQ(faultOf(begin + longest + "n" + end), MIGRATE_ERROR_MANIFEST) << begin;
     }
     for (const std::string name : {"../out", "..", "/etc", "a/b", ".staging-1", ".migrate-state.db"}) {
         EXPECT_EQ(faultOf("{\"target\":\"" + name + "\"}"), MIGRATE_ERROR_NAME) << name;

@@ -6,11 +6,13 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <atomic>
 #include <set>
 
 #include "migration_engine.h"
 #include "support/processes.h"
 #include "vexa/base/mutex.h"
+#include "vexa/testing/recording_log_sink.h"
 
 namespace VEXA::UpdateEngine::test {
 
@@ -18,12 +20,18 @@ namespace fs = std::filesystem;
 using VEXA::test::Eventually;
 using VEXA::test::FileText;
 
-// "r1:0 r1:1 r1:3 ", the status of every event.
+// "/26r ", the code of an error, and whether the same may be tried again.
+inline std::string Fault(const ErrorInfo& error)
+{
+    return (error.code != 0 ? "/" + std::to_string(error.code) : "") + (error.canRetry ? "r " : " ");
+}
+
+// "r1:0 r1:1 r1:3 ", the status of every event, with its error.
 inline std::string Statuses(const std::vector<RestoreEventInfo>& events)
 {
     std::string text;
     for (const RestoreEventInfo& event : events) {
-        text += event.restoreAppInfo.scanSourceDir + ":" + std::to_string(event.status) + " ";
+        text += event.restoreAppInfo.scanSourceDir + ":" + std::to_string(event.status) + Fault(event.errorInfo);
     }
     return text;
 }
@@ -85,6 +93,9 @@ private:
     const VEXA::test::TempDir root_;
 };
 
+// No room is left for the state: of the tests of the engine alone.
+extern std::atomic<bool> g_isStateFull;
+
 inline constexpr auto kFinished = static_cast<int32_t>(TaskStatus::FINISHED);
 
 class RecordingListener : public EngineListener {
@@ -92,14 +103,16 @@ public:
     void OnTask(const TaskProgress& task) override
     {
         MutexLock lock(mutex_);
-        heard_ += task.status == kFinished ? std::to_string(task.id) + " " : "";
+        const bool isEnd = task.status >= kFinished;
+        heard_ += isEnd ? std::to_string(task.id) + (task.status == kFinished ? " " : "! ") : "";
     }
     void OnRestore(const RestoreEventInfo& event) override
     {
         MutexLock lock(mutex_);
         heard_ += Statuses({event});
     }
-    // The numbers of the migration's tasks that have finished, and the status of every restoration's event, in order.
+    // The numbers of the migration's tasks that have finished, or failed (!), and the status of every restoration's
+    // event, in order.
     std::string Heard() const
     {
         MutexLock lock(mutex_);
@@ -144,12 +157,15 @@ protected:
         return Eventually([this] { return State() == TaskStatus::FINISHED || State() == TaskStatus::FAILED; });
     }
     bool IsCopying() const { return engine->GetStatus(MigrateStage::DOWNLOAD).isTaskExist; }
-    // "a:3/0 b:4/24", status and error of every package in the result.
+    // "a:3 b:4/26r ", status and error of every package in the result.
     std::string Results() const
     {
         std::string text;
         for (const PackageResult& one : engine->GetResult().packages) {
-            text += one.source + ":" + std::to_string(one.status) + "/" + std::to_string(one.errorCode) + " ";
+            ReserveMigrationStatus status;
+            EXPECT_EQ(engine->GetPackageStatus(Name(one.source.c_str()), status).errorNum, 0);
+            EXPECT_EQ(std::pair(one.status, one.errorCode), std::pair(status.status, status.errorInfo.code));
+            text += one.source + ":" + std::to_string(one.status) + Fault(status.errorInfo);
         }
         return text;
     }
@@ -163,6 +179,17 @@ protected:
         return (error == 0 ? "" : "error " + std::to_string(error) + ": ") + Outcome();
     }
 
+    // The lines of the log so far, without those that only inform.
+    std::string Lines() const
+    {
+        std::string text;
+        for (const RecordedMessage& line : log.Messages()) {
+            text += line.level > KOLOG_INFO ? line.text + "\n" : "";
+        }
+        return text;
+    }
+
+    RecordingLogSink log;
     Folders folders;
     RecordingListener listener;
     std::shared_ptr<MigrationEngine> engine;

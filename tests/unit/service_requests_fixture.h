@@ -22,18 +22,23 @@ protected:
 
     void TearDown() override
     {
-        engine->Stop();
+        if (engine != nullptr) {
+            engine->Stop();
+        }
         hub->Close();
     }
     EngineListener& Listener() override { return *hub; }
-    void Run(uint64_t bytesPerSecond = 0)
+    void Run(uint64_t bytesPerSecond = 0, bool works = true)
     {
+        stub = nullptr;
         Open(bytesPerSecond);
         hub->Attach(engine);
         std::promise<RequestParts> parts;
         parts.set_value({engine, engine, engine, hub});
         stub = sptr<MigrateServerStub>(new MigrateServerStub(parts.get_future(), CONTROL_GROUP));
-        engine->Start();
+        if (works) {
+            engine->Start();
+        }
     }
 
     // The transport's result; the texts of the reply are in `replies`, a leading int64 in `number`.
@@ -41,10 +46,14 @@ protected:
     int32_t Ask(Code code, const Fields&... fields)
     {
         MessageParcel data;
-        MessageParcel reply;
-        MessageOption option;
         data.WriteInterfaceToken(token);
         (VEXA::test::PutField{data}(fields), ...);
+        return Send(code, data);
+    }
+    int32_t Send(Code code, MessageParcel& data)
+    {
+        MessageParcel reply;
+        MessageOption option;
         const int32_t result = ipc::CarryOut(*stub, static_cast<uint32_t>(code), data, reply, option, caller);
         number = code == Code::GET_MIGRATION_DATA_SIZE && result == 0 ? reply.ReadInt64() : -1;
         replies.clear();
@@ -53,30 +62,6 @@ protected:
         }
         return result;
     }
-    // The first text of the reply.
-    template <typename... Fields>
-    std::string TextOf(Code code, const Fields&... fields)
-    {
-        EXPECT_EQ(Ask(code, fields...), 0);
-        return replies.empty() ? "no text" : replies[0];
-    }
-    template <typename Record, typename... Fields>
-    Record RecordOf(Code code, const Fields&... fields)
-    {
-        Record record{};
-        EXPECT_EQ(JsonParse::JsonStrToStruct(TextOf(code, fields...), record), JsonError::SUCCESS);
-        return record;
-    }
-    // The number of the error record that ends the reply.
-    template <typename... Fields>
-    int32_t ErrorOf(Code code, const Fields&... fields)
-    {
-        TextOf(code, fields...);
-        BusinessError error;
-        EXPECT_EQ(JsonParse::JsonStrToStruct(replies.empty() ? "" : replies.back(), error), JsonError::SUCCESS);
-        return error.errorNum;
-    }
-
     const std::shared_ptr<CallbackHub> hub = std::make_shared<CallbackHub>();
     sptr<MigrateServerStub> stub;
     ipc::Caller caller{{getpid(), geteuid(), getegid()}, 1, {}};

@@ -50,7 +50,7 @@ TEST_F(ServiceRequests, WhatChangesSomethingIsForRootTheOwnUserAndTheControlGrou
                     (" of process " + std::to_string(process) + ", user " +
                         std::to_string(static_cast<int32_t>(user))) +
                     (isRefused ? ": refused" : "")};
-            RecordingLogSink log;
+            log.Clear();
             const int32_t result = Ask(row.code);  // nothing behind the token
             const bool isMissing = withFields.contains(static_cast<uint32_t>(row.code));
             EXPECT_TRUE(isRefused ? result == MIGRATE_RESULT_OFFSET + MIGRATE_NOT_ALLOWED
@@ -70,92 +70,18 @@ TEST_F(ServiceRequests, WhatChangesSomethingIsForRootTheOwnUserAndTheControlGrou
 TEST_F(ServiceRequests, WrongTokensAndBadFieldsAreAnswered)
 {
     Run();
+    caller = {{7, 5151, 1}, 1, {CONTROL_GROUP}};  // of one user only so many lines are written
     token.back() = u's';
     EXPECT_EQ(Ask(Code::START_MIGRATE), MIGRATE_UNREACHABLE);
+    EXPECT_EQ(Lines(), "a request with another interface's token, from process 7\n");
     token = MIGRATE_SERVER_DESCRIPTOR;
     EXPECT_EQ(State(), TaskStatus::IDLE);  // nothing was started
     const sptr<IRemoteObject> noObject;
-    EXPECT_THAT((std::vector{Ask(Code::GET_MIGRATE_STATUS, 6U), Ask(Code::START_PAK_MIGRATE, ""),
-                    Ask(Code::REMOVE_MIGRATE, -2), Ask(Code::SET_MIGRATE_POLICY, 2), Ask(Code::PRESET_DATA, "[]"),
-                    Ask(Code::PRESET_DATA, R"({"exclude":"b"})"), Ask(Code::GET_MODULE_MIGRATION_POLICY, true, "{"),
-                    Ask(Code::START_PAK_MIGRATION, "p", "b", "{\"priority\":\"high\"}"),
-                    Ask(Code::GET_RESTORE_APP_INFOS, "only the name"), Ask(Code::ADJUST_APP_PRIORITY, "r", "7x"),
-                    Ask(Code::ADJUST_APP_PRIORITY, "r", "9999999999"), Ask(Code::REGISTER_PROGRESS_CALLBACK, noObject),
-                    Ask(Code::REGISTER_RESERVE_OBSERVER, "caller", noObject)}),
+    log.Clear();
+    EXPECT_THAT((std::vector{Ask(Code::REGISTER_PROGRESS_CALLBACK, noObject), Ask(Code::SET_BACKUP_FILE_OWN, noObject),
+                    Ask(Code::NOTIFY_EMPORION_CORE_EVENT), Ask(Code::REGISTER_RESERVE_OBSERVER, "caller", noObject)}),
         testing::Each(BAD));
-    EXPECT_THAT((std::vector{Ask(Code::RESTORE_APP, "r", ""), Ask(Code::GET_RESTORE_APP_STATUS, "r", ""),
-                    Ask(Code::GET_RESTORE_APP_INFOS, "r", -1)}),
-        testing::Each(MIGRATE_RESULT_OFFSET + MIGRATE_NO_SUCH_APP));
-}
-
-TEST_F(ServiceRequests, EveryRequestOfTheMigrationIsAnsweredWithItsFields)
-{
-    folders.AddPackage("a", 1000, R"({"bundleName":"com.a","user":3,"modules":[{"type":1,"id":"m"}]})");
-    Run();
-    EXPECT_EQ(TextOf(Code::GET_MIGRATE_STATUS, 0U), R"({"isTaskExist":false,"status":0})");
-    EXPECT_EQ(TextOf(Code::GET_PAK_MIGRATE_INFO), R"([{"source":"a","target":"a","status":0}])");
-    EXPECT_EQ(replies.size(), 2U);
-    EXPECT_EQ(TextOf(Code::GET_APK_INFO), R"(["com.a"])");
-    EXPECT_EQ(TextOf(Code::GET_MIGRATION_USERS), R"([{"sourceUser":3,"targetUser":3}])");
-    EXPECT_EQ(TextOf(Code::GET_MODULE_MIGRATION_POLICY, false, R"([{"type":1,"id":"m"}])"),
-        R"([{"sourceModuleInfo":{"type":1,"id":"m"},"targetModuleInfos":[{"type":1,"id":"m"}]}])");
-    EXPECT_EQ(ErrorOf(Code::GET_MIGRATION_DATA_SIZE), 0);
-    EXPECT_EQ(number, 1000 + static_cast<int64_t>(fs::file_size(folders.Source() / "a" / "manifest.json")));
-    EXPECT_EQ(TextOf(Code::CHECK_APP_RESTORE, "com.a").rfind(R"({"bundleName":"com.a","canRestore":false,)", 0), 0U);
-    EXPECT_TRUE(Ask(Code::SET_MIGRATE_POLICY, MIGRATE_POLICY_GO_ON) == 0 && Ask(Code::PRESET_DATA, "") == 0);
-    for (const char* action : {"pause", "resume", "stop"}) {
-        EXPECT_EQ(ErrorOf(Code::NOTIFY_EMPORION_CORE_EVENT, AAFwk::Want().SetAction(action)), MIGRATE_ERROR_NOTHING)
-            << action;
-    }
-    EXPECT_EQ(ErrorOf(Code::NOTIFY_EMPORION_CORE_EVENT, AAFwk::Want().SetAction("dance")), MIGRATE_ERROR_EVENT);
-    EXPECT_EQ(ErrorOf(Code::RESUME_MIGRATION), MIGRATE_ERROR_NOTHING);
-
-    EXPECT_EQ(ErrorOf(Code::START_MIGRATE), 0);
-    EXPECT_EQ(replies.size(), 1U);
-    ASSERT_TRUE(Ends());
-    const auto info = RecordOf<MigrateInfo>(Code::GET_MIGRATE_INFO, 5U);
-    ASSERT_EQ(info.taskInfos.size(), 1U);
-    const TaskInfo& task = info.taskInfos[0];
-    EXPECT_EQ(std::tuple(task.userId, task.displayPolicy.displayBundleName, task.configStage),
-        std::tuple(3, "com.a", TaskConfigStage::DEFAULT));
-    EXPECT_EQ(info.migrateProgress.percent, 100U);
-    EXPECT_EQ(RecordOf<MigrationResult>(Code::GET_MIGRATE_RESULT).succeeded, 1U);
-    EXPECT_EQ(TextOf(Code::GET_PAK_MIGRATION_TASK_STATUS, "com.a"),
-        R"({"status":3,"errorInfo":{"code":0,"reason":"","canRetry":false}})");
-    EXPECT_TRUE(ErrorOf(Code::REMOVE_PAK_MIGRATE, "com.a") == 0 && ErrorOf(Code::START_PAK_MIGRATE, "com.a") == 0);
-    ASSERT_TRUE(Ends());
-    EXPECT_EQ(ErrorOf(Code::START_PAK_MIGRATION, "a", "", R"({"priority":3})"), 0);
-    ASSERT_TRUE(Ends());
-    EXPECT_TRUE(ErrorOf(Code::REMOVE_MIGRATE, 3) == 0 && State() == TaskStatus::IDLE);
-}
-
-TEST_F(ServiceRequests, ReservedApplicationsAreAnsweredWithOneText)
-{
-    folders.AddPackage("r1", 10, R"({"reserved":true,"bundleName":"com.r1"})");
-    folders.AddPackage("r2", 10, R"({"reserved":true,"bundleName":"com.r2"})");
-    Run();
-    const auto appsOf = [this](const char* name, int32_t count) {
-        std::string names;
-        for (const auto& app : RecordOf<std::vector<RestoreAppInfo>>(Code::GET_RESTORE_APP_INFOS, name, count)) {
-            names += app.packageName + " ";
-        }
-        return names;
-    };
-    EXPECT_EQ(Ask(Code::ADJUST_APP_PRIORITY, "com.r2", "-0"), 0);
-    EXPECT_EQ(Ask(Code::ADJUST_APP_PRIORITY, "com.r2", "5"), 0);
-    EXPECT_EQ(TextOf(Code::GET_APK_INFO), "[]");  // they are set aside
-    EXPECT_EQ(appsOf("", -1) + appsOf("", 1) + appsOf("com.r1", 9), "com.r2 com.r1 com.r2 com.r1 ");
-
-    EXPECT_EQ(ErrorOf(Code::RESTORE_APP, "com.r1", "day"), 0);
-    EXPECT_EQ(replies.size(), 1U);
-    EXPECT_TRUE(Eventually([this] {
-        return Statuses(RecordOf<std::vector<RestoreEventInfo>>(Code::GET_RESTORE_APP_STATUS, "com.r1", "day")) ==
-               "r1:3 ";
-    }));
-    EXPECT_EQ(ErrorOf(Code::CLEAR_APP, "com.r1", ""), 0);
-    EXPECT_EQ(ErrorOf(Code::CLEAR_APP, "com.r1", ""), MIGRATE_ERROR_NOTHING);
-    EXPECT_EQ(ErrorOf(Code::CLEAR_ALL_VIRTUAL_DATA, ""), 0);
-    EXPECT_EQ(ErrorOf(Code::UNREGISTER_RESERVE_OBSERVER, "nobody"), MIGRATE_ERROR_NOTHING);
+    EXPECT_EQ(Lines().rfind("request 9 of process 7: result 1\n", 0), 0U);
 }
 
 TEST_F(ServiceRequests, TheOwnerOfBackupFilesIsToldTheOutcome)

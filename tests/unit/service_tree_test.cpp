@@ -135,17 +135,23 @@ TEST_F(ServiceTree, WhatCanNotBeCopiedIsNamed)
     fs::create_directories(folders_.Source().string() + "/fits" + levels);
     fs::create_directories(folders_.Source().string() + "/deep" + levels + "/d");
     fs::create_directories(folders_.Source() / "taken");
-    folders_.AddPackage("grows", 100000);
+    folders_.AddPackage("grows", 10);
     fs::create_directory_symlink("/etc", folders_.Source() / "link");
-    const auto expectFault = [this](const char* name, int32_t code, const char* reason) {
+    int changes = 0;  // that are still to come, one with each copy of that file
+    const auto expectFault = [&](const char* name, int32_t code, const char* reason) {
         const std::string file = folders_.Source() / "grows" / "data" / "file";
-        const auto append = [&](uint64_t bytes) { return bytes == 0 || std::ofstream(file, std::ios::app) << "more"; };
+        const auto append = [&](uint64_t bytes) {
+            return bytes == 0 || changes-- <= 0 || std::ofstream(file, std::ios::app) << "more";
+        };
         const ErrorInfo fault = Copy(name, {append, 64 * 1024});
         EXPECT_EQ(std::pair(fault.code, fault.canRetry), std::pair(code, code == MIGRATE_ERROR_CHANGED)) << name;
         EXPECT_NE(fault.reason.find(reason), std::string::npos) << fault.reason;
         EXPECT_TRUE(Remove()) << name;
     };
-    expectFault("grows", MIGRATE_ERROR_CHANGED, "data/file: changed");
+    changes = 2;
+    expectFault("grows", 0, "");
+    changes = 3;
+    expectFault("grows", MIGRATE_ERROR_CHANGED, "data/file: changed while it was copied");
     EXPECT_TRUE(WriteFault(EDQUOT).canRetry);
     expectFault("pipe", MIGRATE_ERROR_UNSUPPORTED, "pipe: is no file");
     expectFault("fits", 0, "");

@@ -1,0 +1,176 @@
+// SPDX-License-Identifier: Apache-2.0
+// The service, asked as clients ask it: tests/data/service.txt says what is there, what is asked, and what comes of it.
+#include "database.h"
+#include "service_requests_fixture.h"
+
+namespace {
+
+std::atomic<time_t> g_now;
+
+}  // namespace
+
+// In place of the C library's: a second later at every look.
+extern "C" time_t time(time_t*) noexcept
+{
+    return g_now++;
+}
+
+namespace VEXA::UpdateEngine::test {
+namespace {
+
+struct Scenario {
+    std::string title;
+    std::vector<std::pair<char, std::string>> steps = {};
+
+    friend void PrintTo(const Scenario& scenario, std::ostream* out) { *out << scenario.title; }
+};
+
+std::vector<Scenario> ReadScenarios()
+{
+    std::vector<Scenario> scenarios;
+    std::ifstream file(NM_TEST_DATA_DIR "/service.txt");
+    for (std::string line; std::getline(file, line);) {
+        const std::string rest = line.size() > 2 ? line.substr(2) : "";
+        if (!line.empty() && line[0] == '=') {
+            scenarios.push_back({rest});
+        } else if (!line.empty() && line[0] != '#') {
+            scenarios.back().steps.emplace_back(line[0], rest);
+        }
+    }
+    return scenarios;
+}
+
+// Takes off the front of the text what stands before the separator.
+std::string TakeWord(std::string& text, char separator = ' ')
+{
+    const std::string word = text.substr(0, text.find(separator));
+    text.erase(0, word.size() + 1);
+    return word;
+}
+
+class ServiceScenarios : public RequestsTest, public testing::WithParamInterface<Scenario> {
+protected:
+    EngineListener& Listener() override { return listener; }
+
+    void Take(char kind, std::string rest)
+    {
+        const auto blank = [](const std::string& text) { return text.empty() ? "" : text + " "; };
+        const auto path = [&] { return folders.Root() / TakeWord(rest); };
+        if (kind == '+') {
+            const std::string name = TakeWord(rest);
+            const size_t bytes = std::stoul(TakeWord(rest));
+            folders.AddPackage(name, bytes, rest);
+        } else if (kind == 'w') {
+            const fs::path file = path();
+            Folders::Write(file, rest);
+        } else if (kind == 'p') {
+            folders.AddUnsupported(rest);
+        } else if (kind == 'x') {
+            fs::remove_all(path());
+        } else if (kind == 'm') {
+            const fs::path from = path();
+            fs::rename(from, path());
+        } else if (kind == 'r') {
+            Run(rest == "slow" ? kSlow : 0, rest != "idle");
+        } else if (kind == 's') {
+            engine.reset();
+            stub = nullptr;
+            std::string error;
+            bool isDamaged = false;
+            const auto state = Database::Open(folders.Target() / ".migrate-state.db", error, isDamaged);
+            ASSERT_TRUE(state != nullptr && state->Execute(rest.c_str())) << error;
+        } else if (kind == '>') {
+            request_ = rest;
+        } else if (kind == '<') {
+            EXPECT_EQ(Answer(), rest);
+        } else if (kind == '~') {
+            EXPECT_TRUE(Eventually([&] { return Answer() == rest; })) << Answer();
+        } else if (kind == 'c') {
+            const fs::path file = path();
+            EXPECT_EQ(FileText(file), rest);
+        } else if (kind == 't') {
+            EXPECT_TRUE(Eventually([&] { return folders.TargetNames() == blank(rest); })) << folders.TargetNames();
+        } else if (kind == 'h') {
+            const auto heard = [this] { return listener.Heard().substr(heard_); };
+            EXPECT_TRUE(Eventually([&] { return heard() == blank(rest); })) << heard();
+            heard_ = listener.Heard().size();
+        } else if (kind == 'l') {
+            EXPECT_EQ(Lines(), rest + "\n");
+            log.Clear();
+        } else {
+            FAIL() << "no such step";
+        }
+    }
+
+private:
+    // The results and texts that the service answers the request with. An error stands as E, its number, its message
+    // and its data.
+    std::string Answer()
+    {
+        std::string rest = request_;
+        const std::string name = TakeWord(rest, '|');
+        const auto row = std::ranges::find(MigrateServerStub::Rows(), name, &RequestRow::name);
+        MessageParcel data;
+        data.WriteInterfaceToken(token);
+        for (auto left = std::ranges::count(request_, '|'); left > 0; --left) {
+            PutOne(data, TakeWord(rest, '|'));
+        }
+        std::string text;
+        const int32_t result = Send(row->code, data);
+        text = result != 0 ? std::to_string(result - MIGRATE_RESULT_OFFSET) : number >= 0 ? std::to_string(number) : "";
+        for (const std::string& reply : replies) {
+            BusinessError error;
+            text += text.empty() ? "" : " ";
+            if (reply.rfind("{\"message\":", 0) != 0) {
+                text += reply;
+                continue;
+            }
+            JsonParse::JsonStrToStruct(reply, error);
+            text += error.errorNum == 0 ? "E" : "E" + std::to_string(error.errorNum) + " " + error.message;
+            for (const auto& one : error.data) {
+                text += "; " + std::to_string(one.errorCode) + " " + one.errorMessage;
+            }
+        }
+        return text;
+    }
+    static void PutOne(MessageParcel& data, const std::string& field)
+    {
+        const char kind = field.size() > 1 && field[1] == ':' ? field[0] : 's';
+        const std::string value = kind == 's' ? field : field.substr(2);
+        const VEXA::test::PutField put{data};
+        if (kind == 'u') {
+            put(static_cast<uint32_t>(std::stoul(value)));
+        } else if (kind == 'i') {
+            put(std::stoi(value));
+        } else if (kind == 'b') {
+            put(value == "1");
+        } else if (kind == 'w') {
+            std::string rest = value;
+            AAFwk::Want want;
+            want.SetAction(TakeWord(rest));
+            put(rest.empty() ? want : want.SetParam("reason", std::stoi(rest)));
+        } else {
+            put(value);
+        }
+    }
+
+    std::string request_;
+    size_t heard_ = 0;
+};
+
+TEST_P(ServiceScenarios, GoAsWritten)
+{
+    g_now = 1000;
+    for (const auto& [kind, rest] : GetParam().steps) {
+        SCOPED_TRACE(std::string(1, kind) + " " + rest);
+        Take(kind, rest);
+        if (HasFatalFailure()) {
+            return;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(All, ServiceScenarios, testing::ValuesIn(ReadScenarios()));
+
+}  // namespace
+}  // namespace VEXA::UpdateEngine::test
