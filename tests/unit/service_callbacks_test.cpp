@@ -124,9 +124,24 @@ TEST_F(ServiceCallbacks, SlowClientsHoldUpNobodyAndGetTheLastWord)
     Ask(Code::START_PAK_MIGRATE, "b");
     EXPECT_TRUE(Eventually([&] { return quick.Finished() == 2; }));
     EXPECT_TRUE(each(hasOne));
+    // What waits for one that is withdrawn is not sent any more.
+    caller.endpoint = 2;
+    EXPECT_EQ(Ask(Code::UNREGISTER_PROGRESS_CALLBACK), 0);
+    // Of more than 65536 changes that wait, only the last of each task is kept.
+    for (uint32_t change = 0; change <= 65536; ++change) {
+        hub->OnTask({.id = change % 3 + 5, .status = 1, .progress = static_cast<int32_t>(change)});
+    }
     *isHeld = false;
-    EXPECT_TRUE(Eventually([&] { return each([](const Receiver& slow) { return slow.Finished() == 2; }); }));
-    EXPECT_TRUE(each([](const Receiver& slow) { return slow.object->Requests().size() == 2; }));
+    EXPECT_TRUE(Eventually([&] { return std::ranges::count(all, size_t{2}, &Receiver::Finished) == 19; }));
+    EXPECT_EQ(std::ranges::count_if(all, hasOne), 1);
+    std::map<uint32_t, int32_t> last;
+    const auto tasks = all[1].Progress().back().second.taskProgresses;
+    for (const TaskProgress& task : tasks) {
+        last[task.id] = task.progress;
+    }
+    EXPECT_EQ(last, (std::map<uint32_t, int32_t>{{2, 100}, {5, 65535}, {6, 65536}, {7, 65534}}));
+    EXPECT_LT(tasks.size(), 20U);
+    EXPECT_TRUE(hasOne(all[0]));
 }
 
 TEST_F(ServiceCallbacks, OnReplacesAndOffEndsAndTheDeadAreForgotten)
@@ -151,6 +166,7 @@ TEST_F(ServiceCallbacks, OnReplacesAndOffEndsAndTheDeadAreForgotten)
 
     // Who comes later hears how it stands.
     Receiver late;
+    late.object->SetHandler([](uint32_t, MessageParcel&, MessageParcel&, MessageOption&) { return 5; });
     Register(late);
     ASSERT_TRUE(Eventually([&] { return late.Finished() == 1; }));
     EXPECT_EQ(late.Progress()[0].first, MigrateStage::FINISH);
@@ -158,6 +174,15 @@ TEST_F(ServiceCallbacks, OnReplacesAndOffEndsAndTheDeadAreForgotten)
     ASSERT_TRUE(Eventually([&] { return late.Finished() == 2; }));
     EXPECT_EQ(second.object->Requests().size(), heard);
     EXPECT_TRUE(first.object->Requests().empty() && dead.object->Requests().empty());
+    EXPECT_TRUE(Lines().starts_with("a progress event was answered with 5\n")) << Lines();
+    // Whose process has ended hears no more, even before its death is known.
+    late.object->SetHandler([](uint32_t, MessageParcel&, MessageParcel&, MessageOption&) { return IPC_DEAD_OBJECT; });
+    hub->OnTask({});
+    const size_t all = late.object->Requests().size() + 1;
+    EXPECT_TRUE(Eventually([&] { return late.object->Requests().size() == all; }));
+    hub->OnTask({});
+    std::this_thread::sleep_for(250ms);
+    EXPECT_EQ(late.object->Requests().size(), all);
 }
 
 TEST_F(ServiceCallbacks, ThereIsAnEndToHowManyAreKeptAndTheyCostNoThreads)

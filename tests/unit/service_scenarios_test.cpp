@@ -65,6 +65,9 @@ protected:
             Folders::Write(file, rest);
         } else if (kind == 'p') {
             folders.AddUnsupported(rest);
+        } else if (kind == 'k') {
+            const fs::path link = path();
+            fs::create_directory_symlink(rest, link);
         } else if (kind == 'x') {
             fs::remove_all(path());
         } else if (kind == 'm') {
@@ -72,6 +75,12 @@ protected:
             fs::rename(from, path());
         } else if (kind == 'r') {
             Run(rest == "slow" ? kSlow : 0, rest != "idle");
+        } else if (kind == 'e') {
+            std::string error;
+            engine.reset();
+            EXPECT_EQ(
+                MigrationEngine::Open({folders.Source(), folders.Target(), "", 0, false}, listener, error), nullptr);
+            EXPECT_EQ(error, folders.Root() / rest);
         } else if (kind == 's') {
             engine.reset();
             stub = nullptr;
@@ -85,6 +94,9 @@ protected:
             EXPECT_EQ(Answer(), rest);
         } else if (kind == '~') {
             EXPECT_TRUE(Eventually([&] { return Answer() == rest; })) << Answer();
+        } else if (kind == 'o') {
+            const auto user = static_cast<uint32_t>(std::stoul(TakeWord(rest)));
+            EXPECT_EQ(std::to_string(engine->OwnBackups(user)), rest);
         } else if (kind == 'c') {
             const fs::path file = path();
             EXPECT_EQ(FileText(file), rest);

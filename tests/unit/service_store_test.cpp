@@ -183,32 +183,5 @@ TEST_F(ServiceStore, ADamagedStateIsNoticedAndSetAside)
     }
 }
 
-TEST_F(ServiceStore, NoNameOfTheStateLeadsElsewhereAndAnOlderOneIsTakenOver)
-{
-    Execute(
-        "CREATE TABLE task (id INTEGER PRIMARY KEY, kind, source, target, app, user, status, sub_status, error_code,"
-        " error_reason, can_retry, total_bytes, done_bytes, files, priority, device, inode, birth);"
-        "CREATE TABLE placed (target PRIMARY KEY, source, bundle_name, device, inode, birth, owner);"
-        "CREATE TABLE value (key INTEGER PRIMARY KEY, value);"
-        "CREATE TABLE priority (source PRIMARY KEY, value);"
-        "CREATE TABLE preset (id INTEGER PRIMARY KEY, text);"
-        "INSERT INTO task VALUES (1, 0, 'a', '../b', '{}', 0, 1, 2, 0, '', 0, -1, 0, 0, 0, 9, 2, 3),"
-        " (2, 0, '/etc', 'b', '{}', 0, 0, 0, 0, '', 0, -1, 0, 0, 0, 9, 2, 3),"
-        " (3, 0, 'a', 'b', '{}', 0, 77, 0, 0, '', 0, -1, 0, 0, 0, 9, 2, 3),"
-        " (4, 1, 'a', 'b', '{}', 0, 2, 0, 0, '', 0, -1, 0, 0, 0, 9, 2, 3);"
-        "INSERT INTO placed VALUES ('x/..', 'a', 'b', 9, 2, 3, 5), ('b', '..', 'b', 9, 2, 3, 5),"
-        " ('c', 'a', 'b', 9, 2, 3, 5); PRAGMA user_version = 1");
-    const auto store = Open();
-    ASSERT_NE(store, nullptr) << error_;
-    std::string statuses;
-    for (const auto& [id, task] : store->Tasks().ById()) {
-        statuses += std::to_string(static_cast<int>(task->status)) + "/" + std::to_string(task->error.code) + " ";
-    }
-    EXPECT_EQ(statuses, "4/21 4/21 4/21 2/0 ");
-    ASSERT_EQ(store->AllPlaced().size(), 1U);
-    EXPECT_EQ(store->FindPlaced("c")->id, (FileId{2, 3}));
-    EXPECT_FALSE(store->FindPlaced("c")->isLeaving);
-}
-
 }  // namespace
 }  // namespace VEXA::UpdateEngine::test

@@ -13,15 +13,48 @@
 
 namespace {
 
-bool g_keepsAttributes = true;
+// The call that fails, and its errno.
+std::string g_failing;
+int g_reason = 0;
+
+long Unless(const char* name, long number, auto... arguments)
+{
+    errno = g_reason;
+    return g_failing == name ? -1 : syscall(number, arguments...);
+}
 
 }  // namespace
 
-// In place of the C library's: a file system that keeps no attributes.
-extern "C" int fsetxattr(int fd, const char* name, const void* value, size_t size, int flags) noexcept
+// In place of the C library's.
+#define FAILING(Result, name, number, parameters, ...)                  \
+    extern "C" Result name parameters                                   \
+    {                                                                   \
+        return static_cast<Result>(Unless(#name, number, __VA_ARGS__)); \
+    }
+FAILING(int, fchmod, SYS_fchmod, (int fd, mode_t mode) noexcept, fd, mode)
+FAILING(int, fchown, SYS_fchown, (int fd, uid_t user, gid_t group) noexcept, fd, user, group)
+FAILING(int, fchownat, SYS_fchownat, (int fd, const char* name, uid_t user, gid_t group, int flags) noexcept, fd, name,
+    user, group, flags)
+FAILING(int, fsetxattr, SYS_fsetxattr, (int fd, const char* name, const void* value, size_t size, int flags) noexcept,
+    fd, name, value, size, flags)
+FAILING(ssize_t, fgetxattr, SYS_fgetxattr, (int fd, const char* name, void* value, size_t size) noexcept, fd, name,
+    value, size)
+FAILING(ssize_t, flistxattr, SYS_flistxattr, (int fd, char* names, size_t size) noexcept, fd, names, size)
+FAILING(int, ftruncate, SYS_ftruncate, (int fd, off_t size) noexcept, fd, size)
+FAILING(int, futimens, SYS_utimensat, (int fd, const timespec* times) noexcept, fd, nullptr, times, 0)
+FAILING(int, mkdirat, SYS_mkdirat, (int fd, const char* name, mode_t mode) noexcept, fd, name, mode)
+FAILING(ssize_t, readlinkat, SYS_readlinkat, (int fd, const char* name, char* text, size_t size) noexcept, fd, name,
+    text, size)
+FAILING(int, symlinkat, SYS_symlinkat, (const char* text, int fd, const char* name) noexcept, text, fd, name)
+FAILING(ssize_t, pread, SYS_pread64, (int fd, void* data, size_t size, off_t at), fd, data, size, at)
+// A disk that takes no more than a few thousand bytes at once.
+FAILING(ssize_t, pwrite, SYS_pwrite64, (int fd, const void* data, size_t size, off_t at), fd, data,
+    std::min<size_t>(size, 5000), at)
+
+extern "C" ssize_t copy_file_range(int from, off64_t* at, int to, off64_t* toAt, size_t size, unsigned flags)
 {
-    errno = EOPNOTSUPP;
-    return g_keepsAttributes ? static_cast<int>(syscall(SYS_fsetxattr, fd, name, value, size, flags)) : -1;
+    const bool isOff = g_failing == "pread" || g_failing == "pwrite";
+    return Unless(isOff ? g_failing.c_str() : "copy_file_range", SYS_copy_file_range, from, at, to, toAt, size, flags);
 }
 
 namespace VEXA::UpdateEngine::test {
@@ -112,10 +145,21 @@ TEST_F(ServiceTree, EverythingOfATreeArrivesAndCanBeRemoved)
     ASSERT_EQ(chmod((root / "locked").c_str(), 0555), 0);
     SetTime(root, 1100000000, 5);
 
-    const ErrorInfo fault = Copy("p");
-    ASSERT_EQ(fault.code, 0) << fault.reason;
-    EXPECT_EQ(copied_.size.files, 8U);
-    EXPECT_EQ(Describe(folders_.Target() / "copy"), Describe(root));
+    for (const std::string failing : {"copy_file_range", ""}) {
+        g_failing = failing;
+        g_reason = EXDEV;
+        const ErrorInfo fault = Copy("p");
+        ASSERT_EQ(fault.code, 0) << fault.reason;
+        EXPECT_TRUE(copied_.size.files == 8 && copied_.size.bytes == 700044) << copied_.size.bytes;
+        EXPECT_EQ(Describe(folders_.Target() / "copy"), Describe(root));
+        EXPECT_TRUE(!failing.empty() ? Remove() : true);
+    }
+    TreeSize size;
+    EXPECT_EQ(MeasureTree(
+                  source_.Get(), "p", target_.Get(), [] { return true; }, size)
+                  .code,
+        0);
+    EXPECT_TRUE(size.files == 8 && size.bytes == 700044) << size.bytes;
 
     EXPECT_FALSE(Remove(false));
     EXPECT_EQ(Describe(folders_.Target() / "copy").size(), Describe(root).size());
@@ -160,6 +204,38 @@ TEST_F(ServiceTree, WhatCanNotBeCopiedIsNamed)
     expectFault("link", MIGRATE_ERROR_UNREADABLE, "");
     fs::create_directories(folders_.Target() / "copy");
     expectFault("taken", MIGRATE_ERROR_WRITE, "exists");
+
+    const fs::path root = folders_.Source() / "p";
+    Folders::Write(root / "file", "text");
+    fs::resize_file(root / "file", 1 << 20);
+    fs::create_symlink("file", root / "link");
+    EXPECT_EQ(setxattr((root / "file").c_str(), "user.x", "", 0, 0), 0);
+    const std::tuple<const char*, int, int32_t, const char*> faults[] = {
+        {"fgetxattr", EIO, MIGRATE_ERROR_UNREADABLE, "file: "}, {"fgetxattr", ENODATA, 0, ""},
+        {"flistxattr", EIO, MIGRATE_ERROR_UNREADABLE, "file: "}, {"flistxattr", EOPNOTSUPP, 0, ""},
+        {"fsetxattr", EIO, MIGRATE_ERROR_WRITE, "file: "}, {"fsetxattr", ENOSPC, 0, ""},
+        {"fsetxattr", EDQUOT, MIGRATE_ERROR_NO_SPACE, "file: "}, {"fchown", EPERM, MIGRATE_ERROR_WRITE, "file: "},
+        {"fchownat", EPERM, MIGRATE_ERROR_WRITE, "link: "}, {"fchmod", EPERM, MIGRATE_ERROR_WRITE, "file: "},
+        {"futimens", EPERM, MIGRATE_ERROR_WRITE, "file: "}, {"symlinkat", ENOSPC, MIGRATE_ERROR_NO_SPACE, "link: "},
+        {"readlinkat", EIO, MIGRATE_ERROR_UNREADABLE, "link: "}, {"mkdirat", EROFS, MIGRATE_ERROR_WRITE, ""},
+        {"ftruncate", EIO, MIGRATE_ERROR_WRITE, "file: "}, {"pread", EIO, MIGRATE_ERROR_UNREADABLE, "file: "},
+        {"pwrite", ENOSPC, MIGRATE_ERROR_NO_SPACE, "file: "}};
+    for (const auto& [call, reason, code, place] : faults) {
+        g_failing = call;
+        g_reason = reason;
+        const ErrorInfo fault = Copy("p");
+        g_failing = "";
+        EXPECT_EQ(std::pair(fault.code, fault.reason),
+            std::pair(code, code == 0 ? "" : place + std::string(strerror(reason))))
+            << call;
+        EXPECT_TRUE(Remove()) << call;
+    }
+    // Somebody else's file in the copy.
+    const ErrorInfo fault = Copy("p", {[this](uint64_t) {
+        std::ofstream(folders_.Target() / "copy" / "file");
+        return true;
+    }});
+    EXPECT_EQ(std::pair(fault.code, fault.reason), std::pair(MIGRATE_ERROR_WRITE, std::string("file: File exists")));
 }
 
 // Whatever changes at whichever moment, the copy is what is there in the end.
@@ -235,9 +311,10 @@ TEST_F(ServiceTree, AttributesAndHolesAreKeptAndAccessIsNeverWider)
     EXPECT_EQ(Describe(folders_.Target() / "copy"), Describe(root));
     EXPECT_TRUE(Remove());
 
-    g_keepsAttributes = false;
+    g_failing = "fsetxattr";
+    g_reason = EOPNOTSUPP;
     EXPECT_EQ(Copy("p").code, 0);
-    g_keepsAttributes = true;
+    g_failing = "";
     EXPECT_EQ(copied_.lost, "the target can't keep its access control lists and extended attributes");
     EXPECT_EQ(stat((folders_.Target() / "copy" / "d" / "file").c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0700U);
