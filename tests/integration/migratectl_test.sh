@@ -21,6 +21,41 @@ done
 MIGRATE_SOURCE=/no/such vexa-session -- migratectl status 2>"$root/err" && exit 1 || [[ $? == 4 ]]
 grep -q "^migratectl.*migrate_serviced: /no/such: No such file" "$root/err"
 
+# refused STATUS REASON ARGUMENTS...: what the service says when it does not start.
+refused() {
+    local status=0 wanted="$1" reason="$2"
+    shift 2
+    timeout 20 migrate_serviced "$@" >"$root/out" 2>"$root/err" || status=$?
+    [[ "$status" == "$wanted" ]] && grep -qF -- "$reason" "$root/err" || { echo "$*: status $status"; cat "$root/err"; exit 1; }
+}
+refused 2 "--target is required" --source "$root"
+refused 2 "--source is required" --target "$root"
+refused 1 "migrate_serviced: $root/none: No such file" --source "$root/none" --target "$root"
+VEXA_RUNTIME_DIR="$root/none" refused 1 "no manager answers in $root/none" --source "$root/source" --target "$root/target"
+migrate_serviced --version | grep -q "^migrate_serviced [0-9]"
+# With a profile whose service nobody starts, and under which one that is started by hand may register.
+mkdir "$root/profiles" "$root/empty" "$root/fresh"
+echo '{"id":65792,"program":"/bin/false"}' >"$root/profiles/65792.json"
+export -f refused
+export root
+vexa-session --profiles "$root/empty" -- bash -euo pipefail -c '
+    refused 1 "the manager did not take the service (result 2)" --source "$root/source" --target "$root/target"
+'
+vexa-session --profiles "$root/profiles" -- bash -euo pipefail -c '
+    KOLOG_LEVEL=info migrate_serviced --source "$root/source" --target "$root/fresh" --state "$root/state" --no-sync \
+        --control-group nosuch 2>"$root/log" &
+    for _ in {1..200}; do ! migratectl status >"$root/out" 2>&1 || break; sleep 0.05; done
+    grep -q "there is no group nosuch: only root" "$root/log" && grep -q "serving $root/source to $root/fresh" "$root/log"
+    [[ -s "$root/state" && ! -e "$root/fresh/.migrate-state.db" ]]
+    migratectl start
+    mkdir "$root/other"
+    refused 1 "the manager did not take the service" --source "$root/source" --target "$root/other"
+    refused 1 "process $! uses it as its target" --source "$root/source" --target "$root/fresh"
+    for _ in 1 2; do kill $!; done
+    status=0; wait $! || status=$?
+    [[ "$status" == 0 ]] && grep -q "ends on signal 15" "$root/log" || { echo "the end of the service: $status"; cat "$root/log"; exit 1; }
+'
+
 vexa-session -- bash -euo pipefail -c '
     expect() {
         local status=0 wanted="$1"
@@ -75,6 +110,17 @@ vexa-session -- bash -euo pipefail -c '
     [[ "$(grep -c GET_MIGRATE_STATUS "$ROOT/err")" == 2 ]]
     for help in --help "reserve --help" --version; do
         expect 0 $help
+    done
+
+    # On a terminal that does not say how wide it is, and on one that does.
+    long=$(printf "x%.0s" {1..100})
+    mkdir "$MIGRATE_SOURCE/$long"
+    for columns in 0 60; do
+        script -qec "stty cols $columns; migratectl packages; migratectl start $long --watch" /dev/null >"$ROOT/out"
+        # Of the table; that something has ended is said on a line of its own, however long.
+        longest=$(tr "\r" "\n" <"$ROOT/out" | sed "s/\x1b\[[0-9]*[A-Z]//g; /xx/d" |
+            awk "length > most { most = length } END { print most }")
+        [[ "$longest" == "$((columns > 0 ? columns : 80))" ]] || { echo "$columns columns: $longest"; exit 1; }
     done
 
     for output in ">/dev/full" ">&-"; do

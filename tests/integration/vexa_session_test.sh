@@ -1,0 +1,141 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+# What vexa-session makes of its options, its environment and its end. Needs vexa-session and samgrd on PATH.
+set -euo pipefail
+
+root="$(mktemp -d /tmp/vexa-st.XXXXXX)"
+trap 'rm -rf "$root"' EXIT
+export TMPDIR="$root" ROOT="$root" KOLOG_LEVEL=fatal
+
+fail() {
+    echo "$*"
+    cat "$root/out" "$root/err"
+    exit 1
+}
+# expect STATUS COMMAND...: it ends within 20 seconds, with that status.
+expect() {
+    local status=0 wanted="$1"
+    shift
+    timeout -k 1 20 "$@" >"$root/out" 2>"$root/err" || status=$?
+    [[ "$status" == "$wanted" ]] || fail "$*: exit status $status instead of $wanted"
+}
+says() { [[ "$(cat "$root/out" "$root/err")" == "$1" ]] || fail "instead of: $1"; }
+leaves_nothing() { [[ -z "$(find "$root" -name "vexa-session.*")" ]] || fail "a folder is left"; }
+# until FILE: it appears, within 20 seconds.
+until_there() {
+    for _ in {1..400}; do
+        [[ -e "$1" ]] && return
+        sleep 0.05
+    done
+    fail "$1 is missing"
+}
+
+# Options, and how the command ends.
+expect 0 vexa-session --help
+expect 0 vexa-session --version
+expect 125 vexa-session --no-such-option -- true
+expect 125 vexa-session
+says "vexa-session: no command is given after --"
+expect 125 vexa-session true
+expect 0 vexa-session -- true
+expect 7 vexa-session -- sh -c 'exit 7'
+expect 143 vexa-session -- sh -c 'kill $$'
+expect 127 vexa-session -- /no/such/command
+says "vexa-session: /no/such/command: No such file or directory"
+expect 127 vexa-session -- no-such-command
+expect 126 vexa-session -- "$root"
+says "vexa-session: $root: Permission denied"
+expect 0 vexa-session -- printf '%s,' a -- --help
+says "a,--,--help,"
+leaves_nothing
+
+# The environment: a runtime directory of its own, whatever is set outside, in TMPDIR where that leaves room.
+show='echo "${VEXA_RUNTIME_DIR%/vexa-session.*} ${NOTIFY_SOCKET-none} $(grep -c "SigBlk:.*0000$" /proc/self/status)"'
+show="$show; [ -S \"\$VEXA_RUNTIME_DIR/samgr.sock\" ]; [ \"\$(stat -c %a \"\$VEXA_RUNTIME_DIR\")\" = 700 ]"
+long="$root/$(printf 'x%.0s' {1..50})"
+for length in 48 49; do
+    mkdir -p "${long:0:$length}"
+    VEXA_RUNTIME_DIR="$root/outer" TMPDIR="${long:0:$length}" expect 0 vexa-session -- sh -euc "$show"
+    says "$([[ "$length" == 48 ]] && echo "${long:0:48}" || echo /tmp) none 1"
+done
+(cd "$root" && TMPDIR=. expect 0 vexa-session -- sh -euc "$show" && says "/tmp none 1")
+TMPDIR="$root/absent" expect 125 vexa-session -- true
+says "vexa-session: $root/absent: No such file or directory"
+(trap '' CHLD && expect 5 vexa-session -- sh -c 'exit 5')
+
+# The manager: found beside the program or installed, given the profiles, in a session of its own.
+samgrd="$(command -v samgrd)"
+mkdir "$root/bin" "$root/libexec"
+cp "$(command -v vexa-session)" "$root/bin"
+expect 125 "$root/bin/vexa-session" -- true
+ln -s "$samgrd" "$root/libexec/samgrd"
+expect 0 "$root/bin/vexa-session" -- true
+printf '#!/bin/sh\necho manager >"$ROOT/beside"; exec "%s" "$@"\n' "$samgrd" >"$root/bin/samgrd"
+chmod +x "$root/bin/samgrd"
+expect 0 "$root/bin/vexa-session" -- true
+[[ -e "$root/beside" ]] || fail "the manager beside the program was not taken"
+cat >"$root/manager" <<END
+#!/bin/bash
+read -r _ _ _ _ _ session _ <"/proc/\$\$/stat"
+echo "\$* \$((session == \$\$))" >"$root/arguments"
+trap 'echo told >"$root/told"' TERM
+"$samgrd" &
+echo \$! >"$root/samgrd.pid"
+for _ in {1..200}; do wait; done
+END
+chmod +x "$root/manager"
+# It does not end when it is told to: it is killed, and with it what it has started.
+start="$SECONDS"
+expect 3 vexa-session --samgrd "$root/manager" --profiles "$root/a" --profiles b -- sh -c "exit 3"
+((SECONDS - start >= 4 && SECONDS - start <= 9)) || fail "it took $((SECONDS - start)) seconds"
+[[ "$(cat "$root/arguments")" == "--profiles $root/a --profiles b 1" ]] || fail "$(cat "$root/arguments")"
+[[ -e "$root/told" ]] || fail "the manager was not told to end"
+! kill -0 "$(cat "$root/samgrd.pid")" 2>"$root/err" || fail "a process is left"
+expect 125 vexa-session --samgrd /bin/false -- touch "$root/started"
+says "vexa-session: the manager ended with status 1 before it was ready"
+expect 125 vexa-session --samgrd "$root/absent" -- touch "$root/started"
+printf '#!/bin/sh\necho >"$ROOT/begun"; exec sleep 600\n' >"$root/mute"
+chmod +x "$root/mute"
+expect 125 vexa-session --samgrd "$root/mute" -- touch "$root/started"
+says "vexa-session: the manager did not become ready"
+rm "$root/begun"
+vexa-session --samgrd "$root/mute" -- touch "$root/started" 2>"$root/err" &
+until_there "$root/begun"
+kill "$!"
+status=0
+wait "$!" || status=$?
+[[ "$status" == 143 ]] || fail "a session that is stopped before it is ready: $status"
+[[ ! -e "$root/started" ]] || fail "the command was started without a manager"
+leaves_nothing
+
+set -m  # else what runs in the background ignores SIGINT
+# Signals reach the command, which gets five seconds; then it is killed. Whatever it has left behind ends.
+for signal in TERM INT HUP QUIT KILL; do
+    rm -f "$root/pid"
+    command='trap "sleep 0.1; exit 9" TERM INT HUP QUIT; setsid sleep 600 & echo $! >"$ROOT/new"; mv "$ROOT/new" "$ROOT/pid"; wait'
+    vexa-session -- bash -c "$command" &
+    until_there "$root/pid"
+    kill -s "$signal" "$!"
+    status=0
+    wait "$!" 2>"$root/err" || status=$?
+    [[ "$status" == "$([[ "$signal" == KILL ]] && echo 137 || echo 9)" ]] || fail "$signal: exit status $status"
+    for _ in {1..400}; do
+        kill -0 "$(cat "$root/pid")" 2>"$root/err" || break
+        sleep 0.05
+    done
+    ! kill -0 "$(cat "$root/pid")" 2>"$root/err" || fail "$signal: a process is left"
+done
+rm "$root/pid"
+start="$SECONDS"
+vexa-session -- bash -c 'trap "" TERM; echo >"$ROOT/pid"; sleep 600 & wait; wait' &
+until_there "$root/pid"
+kill "$!"
+status=0
+wait "$!" || status=$?
+[[ "$status" == 137 ]] || fail "a command that does not end: $status"
+((SECONDS - start >= 4 && SECONDS - start <= 9)) || fail "it took $((SECONDS - start)) seconds"
+for _ in {1..400}; do
+    [[ -n "$(find "$root" -name "vexa-session.*")" ]] || break
+    sleep 0.05
+done
+leaves_nothing
