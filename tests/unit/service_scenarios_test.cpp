@@ -52,69 +52,90 @@ class ServiceScenarios : public RequestsTest, public testing::WithParamInterface
 protected:
     EngineListener& Listener() override { return listener; }
 
-    void Take(char kind, std::string rest)
+    void Take(char kind, const std::string& rest)
     {
-        const auto blank = [](const std::string& text) { return text.empty() ? "" : text + " "; };
-        const auto path = [&] { return folders.Root() / TakeWord(rest); };
-        if (kind == '+') {
-            const std::string name = TakeWord(rest);
-            const size_t bytes = std::stoul(TakeWord(rest));
-            folders.AddPackage(name, bytes, rest);
-        } else if (kind == 'w') {
-            const fs::path file = path();
-            Folders::Write(file, rest);
-        } else if (kind == 'p') {
-            folders.AddUnsupported(rest);
-        } else if (kind == 'k') {
-            const fs::path link = path();
-            fs::create_directory_symlink(rest, link);
-        } else if (kind == 'x') {
-            fs::remove_all(path());
-        } else if (kind == 'm') {
-            const fs::path from = path();
-            fs::rename(from, path());
-        } else if (kind == 'r') {
-            Run(rest == "slow" ? kSlow : 0, rest != "idle");
-        } else if (kind == 'e') {
-            std::string error;
-            engine.reset();
-            EXPECT_EQ(
-                MigrationEngine::Open({folders.Source(), folders.Target(), "", 0, false}, listener, error), nullptr);
-            EXPECT_EQ(error, folders.Root() / rest);
-        } else if (kind == 's') {
-            engine.reset();
-            stub = nullptr;
-            std::string error;
-            bool isDamaged = false;
-            const auto state = Database::Open(folders.Target() / ".migrate-state.db", error, isDamaged);
-            ASSERT_TRUE(state != nullptr && state->Execute(rest.c_str())) << error;
-        } else if (kind == '>') {
-            request_ = rest;
-        } else if (kind == '<') {
-            EXPECT_EQ(Answer(), rest);
-        } else if (kind == '~') {
-            EXPECT_TRUE(Eventually([&] { return Answer() == rest; })) << Answer();
-        } else if (kind == 'o') {
-            const auto user = static_cast<uint32_t>(std::stoul(TakeWord(rest)));
-            EXPECT_EQ(std::to_string(engine->OwnBackups(user)), rest);
-        } else if (kind == 'c') {
-            const fs::path file = path();
-            EXPECT_EQ(FileText(file), rest);
-        } else if (kind == 't') {
-            EXPECT_TRUE(Eventually([&] { return folders.TargetNames() == blank(rest); })) << folders.TargetNames();
-        } else if (kind == 'h') {
-            const auto heard = [this] { return listener.Heard().substr(heard_); };
-            EXPECT_TRUE(Eventually([&] { return heard() == blank(rest); })) << heard();
-            heard_ = listener.Heard().size();
-        } else if (kind == 'l') {
-            EXPECT_EQ(Lines(), rest + "\n");
-            log.Clear();
-        } else {
+        if (!Arrange(kind, rest) && !Check(kind, rest)) {
             FAIL() << "no such step";
         }
     }
 
 private:
+    bool Arrange(char kind, std::string rest)
+    {
+        const fs::path file = folders.Root() / rest.substr(0, rest.find(' '));
+        std::string more = rest.substr(std::min(rest.size(), rest.find(' ') + 1));
+        std::string error;
+        bool isDamaged = false;
+        switch (kind) {
+            case '+':
+                rest = TakeWord(more);
+                return folders.AddPackage(file.filename(), std::stoul(rest), more), true;
+            case 'p':
+                return folders.AddUnsupported(rest), true;
+            case 'w':
+                return Folders::Write(file, more), true;
+            case 'k':
+                return fs::create_directory_symlink(more, file), true;
+            case 'x':
+                return fs::remove_all(file), true;
+            case 'm':
+                return fs::rename(file, folders.Root() / more), true;
+            case 'r':
+                return Run(rest == "slow" ? kSlow : 0, rest != "idle"), true;
+            case 's':
+                stub = nullptr;
+                engine.reset();
+                return Database::Open(folders.Target() / ".migrate-state.db", error, isDamaged)->Execute(rest.c_str());
+            default:
+                return false;
+        }
+    }
+    bool Check(char kind, const std::string& rest)
+    {
+        const size_t blank = rest.find(' ');
+        const std::string names = rest.empty() ? "" : rest + " ";
+        const auto heard = [this] { return listener.Heard().substr(heard_); };
+        std::string error;
+        switch (kind) {
+            case '>':
+                request_ = rest;
+                break;
+            case '<':
+                EXPECT_EQ(Answer(), rest);
+                break;
+            case '~':
+                EXPECT_TRUE(Eventually([&] { return Answer() == rest; })) << Answer();
+                break;
+            case 'e':
+                stub = nullptr;
+                engine.reset();
+                EXPECT_EQ(MigrationEngine::Open({folders.Source(), folders.Target(), ""}, listener, error), nullptr);
+                EXPECT_EQ(error, folders.Root() / rest);
+                break;
+            case 'o':
+                EXPECT_EQ(std::to_string(engine->OwnBackups(static_cast<uint32_t>(std::stoul(rest)))),
+                    rest.substr(blank + 1));
+                break;
+            case 'c':
+                EXPECT_EQ(FileText(folders.Root() / rest.substr(0, blank)), rest.substr(blank + 1));
+                break;
+            case 't':
+                EXPECT_TRUE(Eventually([&] { return folders.TargetNames() == names; })) << folders.TargetNames();
+                break;
+            case 'h':
+                EXPECT_TRUE(Eventually([&] { return heard() == names; })) << heard();
+                heard_ = listener.Heard().size();
+                break;
+            case 'l':
+                EXPECT_EQ(Lines(), rest + "\n");
+                log.Clear();
+                break;
+            default:
+                return false;
+        }
+        return true;
+    }
+
     // The results and texts that the service answers the request with. An error stands as E, its number, its message
     // and its data.
     std::string Answer()
