@@ -61,7 +61,7 @@ done
 (cd "$root" && TMPDIR=. expect 0 vexa-session -- sh -euc "$show" && says "/tmp none 1")
 TMPDIR="$root/absent" expect 125 vexa-session -- true
 says "vexa-session: $root/absent: No such file or directory"
-(trap '' CHLD && expect 5 vexa-session -- sh -c 'exit 5')
+expect 5 env --ignore-signal=CHLD vexa-session -- sh -c 'exit 5'
 
 # The manager: found beside the program or installed, given the profiles, in a session of its own.
 samgrd="$(command -v samgrd)"
