@@ -95,6 +95,10 @@ vexa-session -- bash -euo pipefail -c '
     rmdir "$MIGRATE_TARGET/large"
     expect 1 start absent --watch
     expect 1 task absent
+    expect 2 task
+    grep -q "name is required" "$ROOT/err"
+    expect 2 task --no-such-option
+    grep -q "not expected: --no-such-option" "$ROOT/err"
     (
         until grep -q "running *large" "$ROOT/out"; do sleep 0.05; done
         migratectl stop large

@@ -33,10 +33,10 @@ until_there() {
 # Options, and how the command ends.
 expect 0 vexa-session --help
 expect 0 vexa-session --version
-expect 125 vexa-session --no-such-option -- true
-expect 125 vexa-session
+expect 2 vexa-session --no-such-option -- true
+expect 2 vexa-session
 says "vexa-session: no command is given after --"
-expect 125 vexa-session true
+expect 2 vexa-session true
 expect 0 vexa-session -- true
 expect 7 vexa-session -- sh -c 'exit 7'
 expect 143 vexa-session -- sh -c 'kill $$'
@@ -125,7 +125,24 @@ for signal in TERM INT HUP QUIT KILL; do
     done
     ! kill -0 "$(cat "$root/pid")" 2>"$root/err" || fail "$signal: a process is left"
 done
+# Manager and command end with the session even if that is killed in the middle.
 rm "$root/pid"
+vexa-session -- sh -c 'echo $$ $PPID >"$ROOT/new"; mv "$ROOT/new" "$ROOT/pid"; exec sleep 600' &
+until_there "$root/pid"
+read -r command session <"$root/pid"
+manager="$(grep -lE "^PPid:\s+$session\$" /proc/[0-9]*/status 2>/dev/null | grep -o "[0-9]*" | grep -vx "$command")"
+kill -KILL "$session"
+status=0
+wait "$!" || status=$?
+[[ "$status" == 137 ]] || fail "a session that is killed: $status"
+for pid in "$command" "$manager"; do
+    for _ in {1..400}; do
+        kill -0 "$pid" 2>"$root/err" || break
+        sleep 0.05
+    done
+    ! kill -0 "$pid" 2>"$root/err" || fail "process $pid is left"
+done
+rm -r "$root"/vexa-session.* "$root/pid"
 start="$SECONDS"
 vexa-session -- bash -c 'trap "" TERM; echo >"$ROOT/pid"; sleep 600 & wait; wait' &
 until_there "$root/pid"

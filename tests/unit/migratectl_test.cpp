@@ -203,6 +203,9 @@ TEST_F(MigratectlTest, CommandsSendPrintAndReturnWhatIsWritten)
         for (const auto& [result, words] : results) {
             steps[0].result = result;
             EXPECT_EQ(Run(line, width, steps, FINE), Outcome(result < 0 ? "4" : "1", "", prefix + words + '\n'));
+            const std::string begin =
+                "\n{\"result\":" + std::to_string(result < 0 ? 104 : result % 2000) + ",\"error\":" + FINE;
+            EXPECT_NE(Run("--json " + line, width, steps, FINE).find(begin), std::string::npos) << begin;
         }
     }
 }

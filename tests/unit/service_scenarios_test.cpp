@@ -116,6 +116,9 @@ private:
                 EXPECT_EQ(std::to_string(engine->OwnBackups(static_cast<uint32_t>(std::stoul(rest)))),
                     rest.substr(blank + 1));
                 break;
+            case 'i':
+                engine->IntroduceTasks([&](const auto& tasks) { EXPECT_EQ(ToJson(tasks), rest); });
+                break;
             case 'c':
                 EXPECT_EQ(FileText(folders.Root() / rest.substr(0, blank)), rest.substr(blank + 1));
                 break;
