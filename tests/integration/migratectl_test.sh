@@ -96,7 +96,7 @@ vexa-session -- bash -euo pipefail -c '
     expect 1 start absent --watch
     expect 1 task absent
     expect 2 task
-    grep -q "name is required" "$ROOT/err"
+    grep -q "package is required" "$ROOT/err"
     expect 2 task --no-such-option
     grep -q "not expected: --no-such-option" "$ROOT/err"
     (
