@@ -30,6 +30,8 @@ lines '^ *# *include +"(.*/)?transport/' "${product[@]}" | grep -vE '^platform/i
     rule "A layer of the transport is included past its component"
 lines 'KoLogPrint' "${product[@]}" | grep -vE '^platform/log/|: *//' |
     rule "A log line whose format is not checked while compiling; use KoLogLine of checked_log.h"
+lines '\bconst(expr)? [A-Za-z_:<>*, ]*\b[A-Z][A-Z0-9]*(_[A-Z0-9]+)*( =|\{|\[)' "${product[@]}" | grep -vE '^include/|/include/|[:;] *//' |
+    rule "A constant of the inside is not in kUpperCamelCase (docs/naming.md)"
 lines 'cJSON_(InitHooks|GetErrorPtr)' "${product[@]}" |
     rule "These change or read state of every user of cJSON in the process"
 find "${product[@]}" tests bench fuzz examples -name '*.h' -exec grep -L '^#pragma once' {} + 2>/dev/null |

@@ -64,7 +64,7 @@ extern "C" int socket(int domain, int type, int protocol) noexcept
     using namespace VEXA::test;
     return Fails(faults.sockets, EMFILE) ? -1 : static_cast<int>(syscall(SYS_socket, domain, type, protocol));
 }
-// Of those that are ready, any may come first.
+// Any of the descriptors that are ready may come first.
 extern "C" int epoll_wait(int set, epoll_event* events, int most, int wait)
 {
     epoll_event ready[16];

@@ -10,8 +10,8 @@
 
 namespace VEXA::UpdateEngine {
 
-// The permissions for a copy without the access control list that the original has, so that nobody may do more than
-// with it. The list is the value of the attribute system.posix_acl_access.
+// Returns the permissions for a copy that lacks the original's access control list, so that nobody may do more than
+// with the list. The list is the value of the attribute system.posix_acl_access.
 inline mode_t PermissionsWithout(mode_t permissions, const std::string& list)
 {
     enum Tag : uint16_t { USER = 2, OWNING_GROUP = 4, GROUP = 8, MASK = 16 };
@@ -27,13 +27,13 @@ inline mode_t PermissionsWithout(mode_t permissions, const std::string& list)
         }
         return access;
     };
-    // Whom the list names, up to the mask, may be anybody in the group, or anybody else.
+    // Users that the list names may be in the group or not, so both get no more than each of them, up to the mask.
     const mode_t group = accessOf(OWNING_GROUP | USER | MASK);
     const mode_t other = permissions & accessOf(USER | GROUP | MASK);
     return (permissions & ~mode_t{S_IRWXG | S_IRWXO}) | group << 3 | other;
 }
 
-// The same for a copy whose group is another: what is for the group is no more than what all others may.
+// Does the same for a copy with another group: that group may do no more than all others.
 inline mode_t PermissionsOfOtherGroup(mode_t permissions)
 {
     return permissions & (~mode_t{S_IRWXG} | (permissions & S_IRWXO) << 3);

@@ -19,7 +19,7 @@ namespace VEXA::UpdateEngine {
 
 namespace {
 
-// False when the receiver has died; what a living one answers is its own business.
+// False when the receiver has died. The answer of a living one does not matter.
 bool IsAlive(int32_t result, const char* what)
 {
     if (result != IPC_OK) {

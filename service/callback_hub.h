@@ -20,10 +20,10 @@ public:
     CallbackHub();
     ~CallbackHub() override { Close(); }  // a delivery uses all members
 
-    // Before the first request. The engine tells how everything stands, and changes the owner of backup files.
+    // Comes before the first request. The engine tells how everything stands, and changes the owner of backup files.
     void Attach(const std::shared_ptr<MigrationEngine>& engine) { engine_ = engine; }
 
-    // In place of the caller's earlier one. 0, or MIGRATE_TOO_MANY when there is no room.
+    // Registers a callback in place of the caller's earlier one. 0, or MIGRATE_TOO_MANY when there is no room.
     int32_t AddProgress(const sptr<IRemoteObject>& object);
     int32_t RemoveProgress();
     // The same, in place of the caller's earlier one of that name. `error` stays empty.

@@ -27,7 +27,7 @@ std::unique_ptr<Database> Database::Open(const std::string& path, std::string& e
     const int result = sqlite3_open_v2(path.c_str(), &handle, flags, nullptr);
     std::unique_ptr<Database> database(new Database(handle));
     sqlite3_busy_timeout(handle, static_cast<int>(kLockWait.count()));
-    // Exclusive: a second service on the same state must not start. The lock dies with its process.
+    // The lock is exclusive, because a second service on the same state must not start. It dies with its process.
     if (result != SQLITE_OK ||
         !database->Execute("PRAGMA locking_mode = EXCLUSIVE; PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL;"
                            "BEGIN EXCLUSIVE; COMMIT;")) {
@@ -60,7 +60,7 @@ void Database::BindNumber(sqlite3_stmt* statement, int at, int64_t value)
     sqlite3_bind_int64(statement, at, value);
 }
 
-// As bytes: names of files need not be UTF-8.
+// Texts are stored as bytes, because names of files need not be UTF-8.
 void Database::Bind(sqlite3_stmt* statement, int at, const std::string& value)
 {
     sqlite3_bind_blob64(statement, at, value.data(), value.size(), SQLITE_TRANSIENT);
@@ -108,7 +108,7 @@ void Database::Rollback()
 bool Database::Fail()
 {
     const int result = sqlite3_errcode(handle_);
-    // SQLITE_ERROR: the file lacks a table or a column.
+    // SQLITE_ERROR says that the file lacks a table or a column.
     isDamaged_ = result == SQLITE_CORRUPT || result == SQLITE_NOTADB || result == SQLITE_ERROR;
     SA_LOGE("state: %{public}s", LastError().c_str());
     isBroken_ = true;

@@ -47,7 +47,7 @@ public:
     Database(const Database&) = delete;
     Database& operator=(const Database&) = delete;
 
-    // Several statements without values or rows.
+    // Runs several statements without values or rows.
     bool Execute(const char* sql);
     // One statement with numbers, enumerators and texts for its question marks. Its text must outlive the database.
     template <typename... Values>

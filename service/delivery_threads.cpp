@@ -48,7 +48,8 @@ void DeliveryThreads::Watch()
         const auto due = waiting_.empty() ? now + kIdle : waiting_.begin()->first;
         auto look = threads_ == 0 ? due : due + kDeliveryPatience;
         if (look <= now) {
-            // Half as many again when all are held up, so that even a thousand slow deliveries soon have their threads.
+            // With all held up, half as many again are added, so that even a thousand slow deliveries soon have
+            // threads.
             AddThreads(started_ == seen ? threads_ / 2 + 1 : 1);
             seen = started_;
             look = now + kDeliveryPatience;

@@ -20,12 +20,12 @@ public:
     using Delivery = std::function<void()>;
 
     DeliveryThreads() : watcher_([this] { Watch(); }) {}
-    // As Close.
+    // Closes, as Close does.
     ~DeliveryThreads();
 
-    // Runs it at that time or soon after; never once the threads are closed.
+    // Runs the delivery at that time or soon after; never once the threads are closed.
     void RunAt(Clock::time_point time, Delivery delivery);
-    // Drops what waits, and waits for what is under way.
+    // Drops deliveries that wait, and waits for those that are under way.
     void Close();
 
 private:

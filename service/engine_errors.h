@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What several of the engine's operations answer when they can't be carried out.
+// Errors with which several of the engine's operations answer.
 #pragma once
 
 #include <string>

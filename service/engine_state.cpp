@@ -56,7 +56,7 @@ BusinessError EngineState::ReadPackages(std::vector<KnownPackage>& packages) con
         there.push_back(target->IdOf(package->manifest.target));
     }
     packages.reserve(found.size());
-    // In pieces, so that nobody waits long for the lock.
+    // This goes in pieces, so that nobody waits long for the lock.
     for (; packages.size() < found.size(); std::this_thread::sleep_for(kPause)) {
         MutexLock lock(mutex);
         for (size_t i = packages.size(), end = std::min(found.size(), i + kPiece); i < end; ++i) {
@@ -93,7 +93,7 @@ KnownPackage EngineState::Know(const PackageRef& package, std::optional<FileId> 
 {
     const PackageManifest& manifest = package->manifest;
     const Placed* const placed = store->FindPlaced(manifest.target);
-    // What has been placed or taken away since it was looked up is looked up again.
+    // A package that has been placed or taken away since the look is looked at again.
     if (there && (placed == nullptr || placed->id != *there)) {
         there = target->IdOf(manifest.target);
     }

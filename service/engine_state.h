@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the parts of the engine share: its directories and its state, and the changes that several of them make.
+// The directories and the state that the parts of the engine share, and the changes that several of them make.
 #pragma once
 
 #include <atomic>
@@ -20,7 +20,7 @@
 
 namespace VEXA::UpdateEngine {
 
-// Told of changes in the order in which they happen, under the engine's lock: must return soon and not call back.
+// Is told of changes in the order in which they happen, under the engine's lock: must return soon and not call back.
 class EngineListener {
 public:
     virtual ~EngineListener() = default;
@@ -60,11 +60,11 @@ public:
     EngineState(const EngineOptions& options, EngineListener& listener, std::unique_ptr<TaskStore> store,
         UniqueFd sourceFd, std::unique_ptr<TargetDirectory> targetDirectory);
 
-    // Every package; an error when the source can't be read.
+    // Returns every package; an error when the source can't be read.
     BusinessError ReadPackages(std::vector<KnownPackage>& packages) const VEXA_EXCLUDES(mutex);
-    // One of them; an error when there is none, too.
+    // Returns one package; an error also when there is none of that name.
     BusinessError ReadPackage(const std::string& name, KnownPackage& package) const VEXA_EXCLUDES(mutex);
-    // The one whose directory, or else whose bundle, has that name; null when there is none.
+    // Returns the package whose directory, or else whose bundle, has that name; null when there is none.
     static const KnownPackage* Find(const std::vector<KnownPackage>& packages, const std::string& name);
     // `there` is what has been seen in its place in the target.
     KnownPackage Know(const PackageRef& package, std::optional<FileId> there) const VEXA_REQUIRES(mutex);
@@ -88,7 +88,7 @@ public:
     // False when a worker's task is gone, or the engine ends.
     bool MayGoOn(uint32_t id) const VEXA_REQUIRES(mutex);
     void Report(const Task& task) VEXA_REQUIRES(mutex);
-    // Has the workers look again at what there is to do, and at whether what they do is still wanted.
+    // Makes the workers look again for work, and whether their present work is still wanted.
     void Wake() VEXA_REQUIRES(mutex);
     // Waits until the disk has what has been committed. False, with errno, when it can't take it.
     bool SyncState() const VEXA_EXCLUDES(mutex);
@@ -104,19 +104,19 @@ public:
     CondVar changed;
     const std::unique_ptr<TaskStore> store VEXA_PT_GUARDED_BY(mutex);
     RateMeter meter VEXA_GUARDED_BY(mutex);
-    // Names in the target of what is still to be removed: cleared applications, and what a sudden end has left.
+    // Names in the target that are still to be removed: cleared applications, and the rest of a sudden end.
     std::vector<std::string> rubbish VEXA_GUARDED_BY(mutex);
     std::atomic<bool> isStopping{false};
     std::atomic<uint32_t> turn{0};  // grows with every Wake
 };
 
 // One change of the state, in memory and on disk, under the engine's lock. While the disk takes it only other changes
-// wait: the lock is free for those who ask, and what they hear may be ahead of the disk.
+// wait: the lock is free for those who ask, and their answers may be ahead of the disk.
 class VEXA_SCOPED_CAPABILITY StateChange {
 public:
     explicit StateChange(EngineState& state, IfNotWritten ifNotWritten = IfNotWritten::TAKE_BACK)
         VEXA_ACQUIRE(state.changing, state.mutex);
-    // What has not been committed is not written.
+    // Without a commit nothing of the change is written.
     ~StateChange() VEXA_RELEASE();
     StateChange(const StateChange&) = delete;
     StateChange& operator=(const StateChange&) = delete;

@@ -22,12 +22,12 @@ namespace VEXA::UpdateEngine {
 // failure.
 class FileCopier {
 public:
-    // Told of every piece; when it says no, what follows is left out.
+    // Is called after every piece; when it returns false, the rest is left out.
     using Advance = std::function<bool(uint64_t bytes)>;
 
     explicit FileCopier(size_t pieceBytes) : pieceBytes_(pieceBytes) {}
 
-    // Copies what the source has now, up to the size of `status`, and leaves its holes.
+    // Copies the source's present content, up to the size of `status`, and leaves its holes.
     bool CopyContent(int source, int target, const struct stat& status, const Advance& advance)
     {
         constexpr off_t kBlock = 512;
@@ -59,12 +59,12 @@ public:
         return !hasHoles || ftruncate(target, size) == 0;
     }
 
-    // Owners, attributes, permissions and times.
+    // Copies owners, attributes, permissions and times.
     bool CopyAttributes(int source, int target, const struct stat& status)
     {
         const timespec times[] = {status.st_atim, status.st_mtim};
-        // Owner first: a change of owner takes set-user-id bits and capabilities away. Times last: all else changes
-        // them.
+        // Owner first, as its change takes set-user-id bits and capabilities away. The times come last: all else
+        // changes them.
         if (isRoot_ && fchown(target, status.st_uid, status.st_gid) != 0) {
             return false;
         }
@@ -77,7 +77,7 @@ public:
         return done && CopyAccess(target, status, list) && futimens(target, times) == 0;
     }
 
-    // Takes away what a new file or directory has got from the one that it was made in.
+    // Takes away the attributes that a new file or directory has inherited from its directory, such as a list.
     static void ClearAttributes(int target)
     {
         std::string names;
@@ -88,7 +88,7 @@ public:
     // True when it was the source that could not be read, and not the target that could not be written.
     bool HasFailedReading() const { return hasFailedReading_; }
 
-    // What the target's file system could not keep so far, in words.
+    // Says in words what the target's file system could not keep so far.
     std::string Lost() const
     {
         std::string text;
@@ -103,7 +103,7 @@ private:
     static constexpr char kDefaultList[] = "system.posix_acl_default";
     static constexpr size_t kLongest = size_t{64} * 1024;  // the kernel's limit for names and for a value
 
-    // Bytes copied: 0 at the source's end.
+    // Returns the bytes that were copied, 0 at the source's end.
     ssize_t CopyPiece(int source, int target, off_t at, size_t bytes)
     {
         if (copiesInKernel_) {
@@ -113,7 +113,7 @@ private:
             if (count > 0) {
                 return count;
             }
-            // Between file systems, for instance. Reading and writing finds out what else may be wrong.
+            // The kernel can't do that between file systems, for instance. Reading and writing finds any other fault.
             copiesInKernel_ = count == 0;
         }
         buffer_.resize(pieceBytes_);
@@ -130,7 +130,7 @@ private:
         return count;
     }
 
-    // The names of all attributes, each with a zero behind it.
+    // Returns the names of all attributes, each with a zero behind it.
     static bool List(int fd, std::string& names)
     {
         ssize_t length = flistxattr(fd, nullptr, 0);
@@ -153,7 +153,7 @@ private:
         return true;
     }
 
-    // Empty when it has gone meanwhile.
+    // Returns the attribute's value, empty when it has gone meanwhile.
     bool Read(int source, const char* name, std::string& value)
     {
         value.resize(kLongest);
@@ -192,7 +192,7 @@ private:
             // On a directory the bit says which group new files have.
             mode &= S_ISDIR(status.st_mode) ? kPermissions : ~mode_t{S_ISGID};
         }
-        // A list names what the owning group may, and would give it to the other group.
+        // A list has an entry for the owning group, which would then hold for the other group.
         return fchmod(target, mode) == 0 &&
                (list.empty() || Keep(hasOtherGroup ? -1 : target, kAccessList, list, "access control lists"));
     }

@@ -48,7 +48,7 @@ public:
         }
         return true;
     }
-    // No delivery begins after this. Doesn't wait.
+    // Lets no further delivery begin. Doesn't wait.
     void Close()
     {
         MutexLock lock(mutex_);

@@ -9,7 +9,7 @@
 #include "service_log.h"
 #include "vexa/ipc/ipc_skeleton.h"
 
-// A line that a caller can cause as often as it likes: a few in a second are written.
+// Writes a line that a caller can cause as often as it likes: a few in a second.
 #define SA_LOGW_OF_CALLER(...) (IPCSkeleton::MayLogCaller() ? SA_LOGW(__VA_ARGS__) : void())
 
 namespace VEXA::UpdateEngine {

@@ -28,7 +28,7 @@ struct ServiceOptions {
     std::string controlGroup;
 };
 
-// None when the name is empty or no group's; the latter is logged.
+// Returns the group of that name; without a value when the name is empty, or no group has it, which is logged.
 std::optional<gid_t> FindGroup(const std::string& name)
 {
     const group* const found = name.empty() ? nullptr : getgrnam(name.c_str());
@@ -59,7 +59,7 @@ bool Register(const sptr<IRemoteObject>& object)
 
 int Run(const ServiceOptions& options)
 {
-    // Before the first thread, so that no thread takes one of them.
+    // The signals are blocked before the first thread starts, so that no thread takes one of them.
     sigset_t stop;
     sigemptyset(&stop);
     sigaddset(&stop, SIGTERM);

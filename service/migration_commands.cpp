@@ -10,7 +10,7 @@ namespace VEXA::UpdateEngine {
 
 namespace {
 
-// Root may take what is anybody's.
+// Root may take backup files of anybody.
 bool IsAnothers(const Placed& placed, uint32_t uid)
 {
     return placed.owner >= 0 && placed.owner != uid && uid != 0;
@@ -229,7 +229,7 @@ int32_t MigrationCommands::OwnBackups(uint32_t uid)
     return packages.empty() ? MIGRATE_ERROR_NOTHING : RecordOwner(uid, packages);
 }
 
-// All or none: what another user has taken meanwhile is his, unless root takes it.
+// All are taken or none. A package that another user has taken meanwhile is that user's, unless root takes it.
 int32_t MigrationCommands::RecordOwner(uint32_t uid, const std::map<std::string, Placed>& packages)
 {
     StateChange change(state_);

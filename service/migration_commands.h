@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the engine is told to do with the migration.
+// The operations by which the engine is told what to do with the migration.
 #pragma once
 
 #include <functional>
@@ -37,7 +37,7 @@ public:
 
 private:
     BusinessError Remove(const std::function<bool(const Task&)>& isMeant) VEXA_EXCLUDES(state_.mutex);
-    // Between running and paused.
+    // Changes from running to paused, or back.
     BusinessError Switch(TaskStatus from, TaskStatus to, TaskPauseReason reason) VEXA_EXCLUDES(state_.mutex);
     int32_t RecordOwner(uint32_t uid, const std::map<std::string, Placed>& packages) VEXA_EXCLUDES(state_.mutex);
 

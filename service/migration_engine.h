@@ -32,7 +32,7 @@ public:
     // from it is the end, without a reason.
     static std::unique_ptr<MigrationEngine> Open(EngineOptions options, EngineListener& listener, std::string& error,
         std::function<bool()> beforeChecks = nullptr);
-    // As Stop.
+    // Stops, as Stop does.
     ~MigrationEngine();
     MigrationEngine(const MigrationEngine&) = delete;
     MigrationEngine& operator=(const MigrationEngine&) = delete;

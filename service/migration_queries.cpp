@@ -20,7 +20,7 @@ MigrateProgress MigrationQueries::Progress() const
     MigrateProgress progress;
     progress.status = static_cast<int32_t>(status);
     if (hasOpen && sums.unmeasured == 0 && sums.bytes > 0) {
-        // The whole is reached with the last package's end, not with its last byte.
+        // 100 % of the whole is reached with the last package's end, not with its last byte.
         const double part = static_cast<double>(sums.bytes - sums.remainingBytes) / static_cast<double>(sums.bytes);
         progress.percent = std::min(static_cast<uint32_t>(part * kAll), static_cast<uint32_t>(kAll) - 1);
     } else if (!hasOpen && status != TaskStatus::IDLE) {

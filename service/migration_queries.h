@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the engine tells of the source, the target and the migration.
+// The operations that tell of the source, the target and the migration.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Arguments of operations that may not have every value. Whoever reads a request checks them.
+// Types of arguments that allow only some values. The reader of a request checks them.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@ namespace VEXA::UpdateEngine {
 struct Name : std::string {
     using std::string::string;
 };
-// What an observer is registered under: a name of at most kLongestCaller bytes.
+// The name that an observer is registered under, of at most kLongestCaller bytes.
 struct ObserverName : Name {
     using Name::Name;
 };

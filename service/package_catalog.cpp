@@ -140,7 +140,7 @@ PackageCatalog::Stamp PackageCatalog::StampOf(int sourceFd, const std::string& d
 
 bool PackageCatalog::CanBeKept(const Stamp& stamp, const Package& package)
 {
-    // While it is that new, another change might leave the same time behind.
+    // While the stamp is that new, another change might leave the same time behind.
     constexpr int64_t kTick = 100000000;
     const auto now = std::chrono::system_clock::now().time_since_epoch();
     return package.fault.code != MIGRATE_ERROR_UNREADABLE &&
@@ -172,7 +172,7 @@ bool PackageCatalog::Read(std::vector<PackageRef>& packages) const
     auto now = std::make_shared<Contents>();
     size_t kept = 0;
     for (auto earlier = before->read.begin(); const std::string& name : names) {
-        // The stamp comes first: what changes while it is read has another one afterwards.
+        // The stamp is taken first: a manifest that changes while it is read then has another one.
         const Stamp stamp = StampOf(fd, name);
         while (earlier != before->read.end() && earlier->second->directory < name) {
             ++earlier;

@@ -14,8 +14,7 @@
 
 namespace VEXA::UpdateEngine {
 
-// What the file manifest.json of a package may say of it, beside the RestoreAppInfo; docs/service.md describes the
-// keys.
+// The content of a package's manifest.json, beside the RestoreAppInfo; docs/service.md describes the keys.
 struct PackageManifest {
     std::string bundleName;
     std::vector<ModuleInfo> modules;
@@ -45,8 +44,8 @@ struct Package {
 
 using PackageRef = std::shared_ptr<const Package>;
 
-// What it says is true of the directory at the time of the call. Manifests are read again only when they have changed.
-// From any thread.
+// Answers from the directory as it is at the time of the call. Manifests are read again only when they have changed.
+// All operations may be called from any thread.
 class PackageCatalog {
 public:
     explicit PackageCatalog(std::string source) : source_(std::move(source)) {}

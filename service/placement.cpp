@@ -27,7 +27,7 @@ ErrorInfo Note(EngineState& state, const Task& task, const FileId& staged, const
     state.store->Save(noted);
     const bool isWritten = change.Commit();
     state.Report(noted);
-    // Without that note the next start would not know the package for its own.
+    // Without that note the next start would not know the package as its own.
     return isWritten ? ErrorInfo() : ErrorInfo{MIGRATE_ERROR_STATE, StateError().message, true};
 }
 

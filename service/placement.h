@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// How a copy comes to its place in the target, and how what was there leaves it.
+// Brings a copy to its place in the target, and takes an older one away.
 #pragma once
 
 #include <string>
@@ -16,8 +16,8 @@ ErrorInfo Place(EngineState& state, const Task& task, const CopiedTree& copied) 
 // Notes that what a task has staged is in its place.
 void NotePlaced(EngineState& state, const Task& task) VEXA_REQUIRES(state.mutex);
 
-// Moves what has the name to a staging name that no task's copy will have, to be removed as rubbish. False, with errno,
-// when it can't be.
+// Moves what has the name to a staging name that no task's copy will have, from where it is removed as rubbish. False,
+// with errno, when it can't be moved.
 bool MoveAway(EngineState& state, const std::string& name) VEXA_REQUIRES(state.mutex);
 
 // Removes what is in staging, and its mark. Ends early when the engine does.

@@ -5,15 +5,15 @@
 
 namespace VEXA::UpdateEngine {
 
-// What the service keeps in the target beside the packages begins with these.
-inline constexpr std::string_view STAGING_PREFIX = ".staging-";
-inline constexpr std::string_view STATE_PREFIX = ".migrate-state";
+// The names of the service's own files in the target begin with these.
+inline constexpr std::string_view kStagingPrefix = ".staging-";
+inline constexpr std::string_view kStatePrefix = ".migrate-state";
 
-// Names in the source or target that are no package's: the service's own, and where a file system keeps what a check of
-// it has found.
+// Names in the source or target that no package can have: the service's own, and the folder in which a check of the
+// file system puts what it has found.
 inline bool IsReservedName(std::string_view name)
 {
-    return name.rfind(STAGING_PREFIX, 0) == 0 || name.rfind(STATE_PREFIX, 0) == 0 || name == "lost+found";
+    return name.rfind(kStagingPrefix, 0) == 0 || name.rfind(kStatePrefix, 0) == 0 || name == "lost+found";
 }
 
 // True when `name` can be a package's directory: one component of a path that leads nowhere else and is not reserved.

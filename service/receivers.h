@@ -33,7 +33,7 @@ void KeepLast(std::vector<Item>& items)
     std::reverse(items.begin(), items.end());
 }
 
-// Those who have registered for one kind of events. Each has a mailbox of its own, and is dropped when its process has
+// The receivers of one kind of events. Each has a mailbox of its own, and is dropped when its process has
 // died. All operations may be called from any thread.
 template <typename Item>
 class Receivers : public std::enable_shared_from_this<Receivers<Item>> {
@@ -60,7 +60,7 @@ public:
                 threads_, kReportInterval, kMostItems, std::move(deliver), &KeepLast<Item>)};
         Receiver replaced;
         bool isAdded = false;
-        // Under the lock of whoever introduces, too: nothing is sent or dropped here.
+        // This also runs under the lock of `introduce`'s caller, so nothing is sent or dropped here.
         introduce([&](std::vector<Item> first) {
             MutexLock lock(mutex_);
             replaced = TakeOut(key, nullptr);
@@ -74,7 +74,7 @@ public:
         });
         replaced.EndWatch();
         if (isAdded) {
-            // Behind the entry: a death that follows at once must find it.
+            // The watch comes after the entry, because a death that follows at once must find the entry.
             object->AddDeathRecipient(receiver.watch);
         }
         return isAdded;

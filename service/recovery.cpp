@@ -50,7 +50,7 @@ private:
         }
     }
 
-    // Packages that were moved aside for others that have not come.
+    // Puts back packages that were moved aside for a successor that has not come.
     void PutBack() VEXA_REQUIRES(state_.mutex)
     {
         for (const std::string& name : state_.target->StagedNames()) {
@@ -71,7 +71,7 @@ private:
         const auto open = state_.store->Tasks().Select(kind, [](const Task& task) { return !task.IsEnded(); });
         for (const TaskRef& one : open) {
             Task task = *one;
-            // The rename may have happened, and only its note been lost.
+            // The rename may have happened, and only the note of it may be lost.
             const bool isPlaced = task.subStatus == MIGRATE_SUB_PLACING && IdOf(task.target) == task.staged;
             if (isPlaced) {
                 NotePlaced(state_, task);
@@ -107,7 +107,7 @@ private:
 
     std::optional<FileId> IdOf(const std::string& name) const { return state_.target->IdOf(name); }
 
-    // Without a target when nobody knows it.
+    // Returns a place without a target when its name is not known.
     Mark PlaceOf(const std::string& asideName) const VEXA_REQUIRES(state_.mutex)
     {
         const auto id = IdOf(asideName);

@@ -5,8 +5,8 @@
 
 namespace VEXA::UpdateEngine {
 
-// What the start does before the workers: undoes, or ends, what a sudden end has left half done, and adopts what has a
-// mark.
+// Runs at the start, before the workers: undoes or completes what a sudden end has left half done, and adopts packages
+// that have a mark.
 void Recover(EngineState& state) VEXA_EXCLUDES(state.mutex);
 
 }  // namespace VEXA::UpdateEngine

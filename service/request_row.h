@@ -12,11 +12,12 @@
 
 namespace VEXA::UpdateEngine {
 
-// Whose operations answer requests.
+// The objects whose operations answer requests.
 using RequestParts = std::tuple<std::shared_ptr<MigrationQueries>, std::shared_ptr<MigrationCommands>,
     std::shared_ptr<Reservations>, std::shared_ptr<CallbackHub>>;
 
-// Who may send a request: whoever may look the service up; only root, the service's user and the control group.
+// ANYBODY: all who may look the service up may send the request. CONTROL: only root, the service's user and the control
+// group may.
 enum class Who { ANYBODY, CONTROL };
 
 struct RequestRow {

@@ -132,7 +132,8 @@ BusinessError Reservations::ClearAllReserved(const std::string& scene)
     return fault.errorNum != 0 ? fault : Clear(std::move(packages), scene, true);
 }
 
-// As safe as placing: that they leave is noted, and on the disk, before they do. A start that finds the note ends it.
+// Clearing is as safe as placing: the note that they leave is on the disk before they do. A start that finds the note
+// completes the clearing.
 BusinessError Reservations::Clear(std::vector<KnownPackage> packages, const std::string& scene, bool isAll)
 {
     std::erase_if(packages,

@@ -34,7 +34,7 @@ public:
 private:
     // All applications that are set aside.
     BusinessError ReadReserved(std::vector<KnownPackage>& packages) const;
-    // Does that with the one of that name, unless there is none.
+    // Does that with the application of that name, if there is one.
     BusinessError WithReserved(
         const std::string& name, const std::function<BusinessError(const KnownPackage&)>& act) const;
     BusinessError Clear(std::vector<KnownPackage> packages, const std::string& scene, bool isAll);

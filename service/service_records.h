@@ -62,7 +62,7 @@ struct AppRestoreCheck {
     }
 };
 
-// What PresetData is given: choices for the starts that follow.
+// The argument of PresetData: choices for the starts that follow.
 struct PresetChoices {
     std::vector<std::string> exclude;  // packages that StartMigrate leaves alone
     std::vector<MigrationUser> users;  // to which user each goes; others go where their manifest says

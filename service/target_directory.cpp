@@ -34,8 +34,8 @@ bool TakeNumber(std::string_view& text, int64_t& number)
 bool IsStagingName(std::string_view name)
 {
     int64_t number = 0;
-    const bool hasPrefix = name.starts_with(STAGING_PREFIX);
-    name.remove_prefix(hasPrefix ? STAGING_PREFIX.size() : 0);
+    const bool hasPrefix = name.starts_with(kStagingPrefix);
+    name.remove_prefix(hasPrefix ? kStagingPrefix.size() : 0);
     return hasPrefix && TakeNumber(name, number) && number >= 0 && (name.empty() || name == "-old");
 }
 
@@ -65,7 +65,7 @@ UniqueFd Lock(int target, std::string& error)
 {
     constexpr mode_t kPrivate = 0600;
     constexpr auto kPoll = std::chrono::milliseconds(20);
-    const std::string name = std::string(STATE_PREFIX) + ".lock";
+    const std::string name = std::string(kStatePrefix) + ".lock";
     UniqueFd file(openat(target, name.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kPrivate));
     const auto deadline = std::chrono::steady_clock::now() + kLockWait;
     while (file && flock(file.Get(), LOCK_EX | LOCK_NB) != 0) {
@@ -93,7 +93,7 @@ std::unique_ptr<TargetDirectory> TargetDirectory::Open(
     const std::string& path, const std::string& source, std::string& error)
 {
     constexpr mode_t kPrivate = 0700;
-    const std::string marks = std::string(STATE_PREFIX) + ".placed";
+    const std::string marks = std::string(kStatePrefix) + ".placed";
     UniqueFd target(open(path.c_str(), kOpenDirectory));
     error = target ? "" : strerror(errno);
     UniqueFd lock = target ? Lock(target.Get(), error) : UniqueFd();

@@ -17,7 +17,7 @@
 
 namespace VEXA::UpdateEngine {
 
-// That a directory of the target is the service's, and where its place is. It stands beside the packages, so that it
+// Says that a directory of the target is the service's, and where it belongs. It stands beside the packages, so that it
 // outlives the state; and under the directory's identity, so that a package and its successor both have theirs.
 struct Mark {
     FileId id;
@@ -33,7 +33,7 @@ public:
     static std::unique_ptr<TargetDirectory> Open(
         const std::string& path, const std::string& source, std::string& error);
 
-    static std::string StagingName(uint32_t id) { return std::string(STAGING_PREFIX) + std::to_string(id); }
+    static std::string StagingName(uint32_t id) { return std::string(kStagingPrefix) + std::to_string(id); }
     // Where the older package is while the task's copy takes its place, if the file system can't exchange them.
     static std::string AsideName(uint32_t id) { return StagingName(id) + "-old"; }
     static bool IsAsideName(const std::string& name) { return name.ends_with("-old"); }
@@ -49,12 +49,11 @@ public:
 
     // Rename, on file systems too that know only the plain way. False, with errno, on failure.
     //
-    // Fails with EEXIST or ENOTEMPTY when something has the new name. Without help of the file system what only just
-    // came there may be replaced, if it is an empty directory or no directory.
+    // Fails with EEXIST or ENOTEMPTY when something has the new name. Where the file system can't rule that out by
+    // itself, an empty directory or a file that appears there at that very moment may be replaced.
     bool MoveToFreeName(const std::string& from, const std::string& to) const;
-    // Both have the other's name afterwards. A file system that can't do that in one step leaves what had the name `to`
-    // under the name `aside`, which must be free, and `to` is free for a moment: what ends the process just then leaves
-    // nothing under that name.
+    // Exchanges two names. A file system that can't do that in one step leaves what had the name `to` under the name
+    // `aside`, which must be free. Then `to` is free for a moment, and stays free if the process ends just then.
     bool Exchange(const std::string& from, const std::string& to, const std::string& aside) const;
 
     // Wait until the disk has all that was written; the marks; the names. False, with errno, on failure.
@@ -65,7 +64,7 @@ public:
 private:
     // Some file systems have nothing to sync in a directory.
     static bool SyncDirectory(int fd) { return fsync(fd) == 0 || errno == EINVAL; }
-    // Flags are not known everywhere.
+    // Not every file system knows the flags.
     bool Rename(const std::string& from, const std::string& to, unsigned flags = 0) const;
     TargetDirectory(UniqueFd target, UniqueFd lock, UniqueFd marks, std::string source)
         : target_(std::move(target)), lock_(std::move(lock)), marks_(std::move(marks)), source_(std::move(source))

@@ -28,7 +28,7 @@ int32_t Task::Percent() const
         return 0;
     }
     const double part = static_cast<double>(doneBytes) / static_cast<double>(totalBytes);
-    // The whole is reached when the package is in its place.
+    // 100 % is reached when the package is in its place.
     return std::clamp(static_cast<int32_t>(part * kAll), 0, kAll - 1);
 }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the service does for one package, and what it remembers of packages that it has placed in the target.
+// A task is the service's work for one package. A placed package is one that the service has put into the target.
 #pragma once
 
 #include <cstdint>
@@ -13,9 +13,9 @@ namespace VEXA::UpdateEngine {
 
 enum class TaskKind : int32_t { MIGRATE = 0, RESTORE = 1 };
 
-// Which directory of the target something is, whatever its name and whichever device the target has become. A file
-// system uses the inode of a removed one again; the birth, in nanoseconds since 1970, tells them apart. It is 0 where
-// the file system doesn't know it.
+// Identifies a directory of the target, whatever its name and whichever device the target has become. A file system
+// uses the inode of a removed directory again; the time of birth, in nanoseconds since 1970, tells the two apart. It is
+// 0 where the file system doesn't know it.
 struct FileId {
     int64_t inode = 0;
     int64_t birth = 0;

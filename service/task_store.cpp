@@ -35,7 +35,7 @@ constexpr char kFromVersion1[] =
     "PRAGMA user_version = 2;"
     "COMMIT;";
 
-// Whoever can write the state must not lead the service elsewhere with it.
+// Names are checked, so that nobody who can write the state leads the service elsewhere with it.
 void Distrust(Task& task)
 {
     const bool isStatus = task.status >= TaskStatus::IDLE && task.status <= TaskStatus::FAILED;
@@ -103,7 +103,7 @@ bool TaskStore::Load(std::function<bool()>& beforeLoad, std::string& error, bool
         isDamaged = true;
         return false;
     }
-    // Not again in a file that has them: that would be a write, for which there may be no room.
+    // Tables that the file has are not made again: that would be a write, for which there may be no room.
     done = done && (version == kVersion || database_->Execute(version == 1 ? kFromVersion1 : kTables));
     load("SELECT * FROM task", [this](Row& row) {
         Task task;

@@ -19,8 +19,8 @@ namespace VEXA::UpdateEngine {
 // Single values of the state.
 enum class StateValue { STATUS, PAUSE_REASON, POLICY, START_TIME, END_TIME, NEXT_ID };
 
-// What memory has when the disk does not take a change: what was before it, for a request, which then is refused; or
-// the change, for what has happened. That gets to the disk with the next transaction that it takes.
+// Says what memory has when the disk does not take a change. TAKE_BACK: the state before the change; a request is then
+// refused. KEEP: the change, because it has happened; it gets to the disk with the next transaction that succeeds.
 enum class IfNotWritten { TAKE_BACK, KEEP };
 
 // Not thread-safe, but Commit uses nothing that is read by those who only ask. Changes come between Begin and Commit or
@@ -37,7 +37,7 @@ public:
     // Gives it the next id. The ids of tasks that are gone are not used again.
     TaskRef Add(Task task);
     void Save(const Task& task);
-    // Changes it in memory only: what the next start has no use for.
+    // Changes the task in memory only, for what the next start has no use for.
     void Keep(const Task& task) { Put(task.id, std::make_shared<const Task>(task)); }
     void Erase(uint32_t id);
 
@@ -87,7 +87,7 @@ private:
     std::string preset_;
     bool isBehind_ = false;   // the disk lacks something that memory has
     bool isChanged_ = false;  // since Begin
-    // What takes the changes since Begin back, the last change at the end.
+    // Functions that take the changes since Begin back; that of the last change stands at the end.
     std::vector<std::function<void()>> undo_;
     bool isUndoable_ = false;
 };

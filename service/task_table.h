@@ -18,7 +18,7 @@ namespace VEXA::UpdateEngine {
 // Does not change any more: a change puts another in its place. So it may be read without the lock of the table.
 using TaskRef = std::shared_ptr<const Task>;
 
-// Of the tasks of one kind.
+// Sums over the tasks of one kind.
 struct TaskSums {
     int64_t tasks = 0;
     int64_t failed = 0;

@@ -130,7 +130,7 @@ private:
             control, copied);
     }
 
-    // Told of a copy's bytes; false ends it. Takes the lock only when there may be something to do or to hear of.
+    // Hears of a copy's bytes; false ends the copy. Takes the lock only when there may be something to do or hear of.
     bool Advance(uint32_t id, uint64_t bytes)
     {
         copied_ += bytes;
@@ -156,8 +156,8 @@ private:
         return state_.MayGoOn(id);
     }
 
-    // What is copied a second time, after a restart or because it has changed, counts once. Nobody hears of what the
-    // next start would not know.
+    // Bytes that are copied a second time, after a restart or because a file has changed, count once. Clients are told
+    // only of progress that the next start will know too.
     void TellProgress(uint32_t id, Clock::time_point now)
     {
         told_ = now;
@@ -202,7 +202,7 @@ private:
             state_.EndRunIfDone();
         }
         change.Commit();
-        // Last, so that who hears of the last task's end finds the migration ended.
+        // This comes last, so that a client that hears of the last task's end finds the migration ended.
         state_.Report(task);
     }
 

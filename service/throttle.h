@@ -18,7 +18,7 @@ public:
     explicit Throttle(uint64_t bytesPerSecond) : rate_(bytesPerSecond) {}
 
     bool IsLimited() const { return rate_ != 0; }
-    // The largest piece after which the wait is still short.
+    // Returns the size of the largest piece after which the wait is still short.
     size_t PieceBytes() const
     {
         constexpr size_t kPiecesPerSecond = 40;
@@ -37,7 +37,7 @@ private:
     Clock::time_point free_;
 };
 
-// How fast bytes go, from which the remaining time follows. Pauses longer than a second don't count.
+// Measures how fast bytes are copied, from which the remaining time follows. Pauses longer than a second don't count.
 class RateMeter {
 public:
     using Clock = std::chrono::steady_clock;

@@ -22,13 +22,13 @@ namespace {
 
 constexpr int kOpenDirectory = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
-// An entry is not there any more, or is something else by now.
+// True when the errno says that an entry is not there any more, or is something else by now.
 bool HasVanished(int reason)
 {
     return reason == ENOENT || reason == ELOOP || reason == ENOTDIR;
 }
 
-// What a walk through a tree has met: the path to where it is, and the first fault.
+// The state of a walk through a tree: the path to where it is, and the first fault that it has met.
 class Walk {
 public:
     Walk(int targetFd, std::function<bool()> goOn) : goOn_(std::move(goOn)) { fstat(targetFd, &target_); }
@@ -96,7 +96,7 @@ private:
     std::string path_;
 };
 
-// Of all that changes when somebody changes a file or directory; the last of it can't be set back.
+// A digest of everything that changes with a file or directory. It includes the ctime, which nobody can set back.
 uint64_t DigestOf(const struct stat& status)
 {
     const int64_t values[] = {status.st_mode, static_cast<int64_t>(status.st_ino), status.st_size,
@@ -225,7 +225,7 @@ private:
             return FailWriting();
         }
         return type == DT_REG ? CopyFile(sourceFd, entry.name, targetFd)
-                               : CopyLink(sourceFd, entry.name, targetFd, status);
+                              : CopyLink(sourceFd, entry.name, targetFd, status);
     }
 
     void Count(const struct stat& status)
@@ -241,7 +241,7 @@ private:
         if (!source || fstat(source.Get(), &status) != 0) {
             return HasVanished(errno) || FailReading();
         }
-        // What it is instead, and what is changed from here on, the next look finds.
+        // The next look finds what the entry is instead, and what is changed from here on.
         if (!S_ISREG(status.st_mode)) {
             return true;
         }

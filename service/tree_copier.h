@@ -31,7 +31,7 @@ struct CopyControl {
     bool syncsFew = false;  // syncs the files and directories of a tree that has at most kMostSynced
 };
 
-// What an errno means that writing to the target has ended with.
+// Returns the error for the errno with which writing to the target has failed.
 ErrorInfo WriteFault(int reason);
 
 // Copies the directory `name` of `sourceFd` to a new directory `newName` of `targetFd`: files with their holes,
@@ -46,7 +46,7 @@ ErrorInfo WriteFault(int reason);
 ErrorInfo CopyTree(int sourceFd, const std::string& name, int targetFd, const std::string& newName,
     const CopyControl& control, CopiedTree& copied);
 
-// What CopyTree to `targetFd` would copy. `goOn` is asked before every entry.
+// Measures what CopyTree to `targetFd` would copy. `goOn` is asked before every entry.
 ErrorInfo MeasureTree(
     int sourceFd, const std::string& name, int targetFd, const std::function<bool()>& goOn, TreeSize& size);
 

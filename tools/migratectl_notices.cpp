@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Commands that are told something later, and the start of any service.
+// Commands whose answer comes later by a callback, and the start of any service.
 #include <unistd.h>
 
 #include <chrono>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What migratectl prints and returns.
+// Prints for migratectl, and decides its exit status.
 #pragma once
 
 #include <cstdint>
@@ -45,7 +45,7 @@ std::string ToJson(const std::string& text);
 
 // A JSON value as people read it: a number by its key, a text without quotes; nothing for an absent one.
 std::string ShowJson(const JsonContext& value);
-// 0 for what is no number.
+// Returns the number, 0 for a value that is none.
 int64_t NumberOf(const JsonContext& value);
 
 // The exit status for a request's outcome. Says on standard error what went wrong, but leaves the service's error to

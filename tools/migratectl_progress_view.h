@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// How the progress of a migration is shown: bars that move on a terminal, lines elsewhere.
+// Shows the progress of a migration: by bars that move on a terminal, by lines elsewhere.
 #pragma once
 
 #include <cstdint>
@@ -10,17 +10,17 @@
 
 namespace migratectl {
 
-// What is shown never goes back, whatever comes late or begins anew, except that the whole grows with packages that are
-// added. Belongs to one thread.
+// Shows percentages that never go back, even when events come late or a task begins anew; only the whole falls when
+// packages are added. Belongs to one thread.
 class ProgressView {
 public:
     explicit ProgressView(ScreenWidth width) : width_(width) {}
 
-    // What every task is called and how it stands.
+    // Takes over the name and the state of every task.
     void Refresh(const MigrateInfo& info);
     // False when the event is of a task that Refresh has not named yet.
     bool Update(const EventInfo& event);
-    // Takes the bars away; what comes after is on lines of its own.
+    // Takes the bars away; later output is on lines of its own.
     void Finish() { Erase(); }
 
 private:
@@ -29,7 +29,7 @@ private:
         int32_t status = 0;
         int32_t percent = 0;
         int64_t left = 0;
-        // What the last line printed said.
+        // The status and the tenth of the way in the line that was printed last.
         int32_t shownStatus = 0;
         int32_t shownTenth = -1;
     };

@@ -21,7 +21,7 @@ inline MigrateServerKits& Client()
 {
     return MigrateServerKits::GetKitsInstance();
 }
-// Not destroyed: its threads may outlive main.
+// The object is never destroyed, because its threads may outlive main.
 template <>
 inline ReserveMigrateKits& Client()
 {
@@ -38,8 +38,8 @@ void ShowApps(const Options& options, const JsonContext& apps);
 void ShowEvents(const Options& options, const JsonContext& events);
 void ShowCheck(const Options& options, const JsonContext& check);
 using Show = void (*)(const Options&, const JsonContext&);
-// In its place: the reply is the text of a BusinessError.
-constexpr Show AN_ERROR = nullptr;
+// Stands in the place of a Show: the reply is the text of a BusinessError.
+constexpr Show kAnError = nullptr;
 
 // End a request: what it replied is shown, or printed as JSON.
 inline int Conclude(const CommandLine& line, Show /*show*/, int32_t result, const BusinessError& error)
@@ -51,7 +51,7 @@ template <typename Reply>
 int Conclude(const CommandLine& line, Show show, int32_t result, const Reply& reply, const BusinessError& error = {})
 {
     const std::string json = ToJson(reply);
-    if (show == AN_ERROR) {
+    if (show == kAnError) {
         BusinessError replied;
         JsonToStruct().AccessMember(JsonContext(json), replied, "");
         return Finish(line.options, line.command, result, replied);
@@ -87,7 +87,7 @@ Action Request(int32_t (Kits::*operation)(Parameters...), Fields CommandLine::*.
     return Request(ShowReply, operation, fields...);
 }
 
-// Of an operation whose arguments are not the command line's fields.
+// Makes the action of an operation whose arguments are not the command line's fields.
 template <typename Reply>
 Action Request(Show show, int32_t (*ask)(const CommandLine& line, Reply& reply))
 {

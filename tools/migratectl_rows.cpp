@@ -29,7 +29,7 @@ using Reserve = ReserveMigrateKits;
 // wrong.
 const CLI::Validator IS_NAME(
     [](const std::string& text) { return text.empty() ? "a name must not be empty" : ""; }, "", "name");
-const CLI::Validator IS_STAGE = CLI::CheckedTransformer(std::map<std::string, MigrateStage>{{"all", MigrateStage::NONE},
+const CLI::Validator kIsStage = CLI::CheckedTransformer(std::map<std::string, MigrateStage>{{"all", MigrateStage::NONE},
     {"prepare", MigrateStage::PREPARE}, {"download", MigrateStage::DOWNLOAD}, {"install", MigrateStage::INSTALL},
     {"restore", MigrateStage::RESTORE}, {"finish", MigrateStage::FINISH}});
 
@@ -94,11 +94,11 @@ int32_t ListServices(const Line&, std::string& services)
     return isListed ? MIGRATE_SUCCESS : MIGRATE_UNREACHABLE;
 }
 
-const Argument STAGE = Value("--stage", &Line::stage, "all, prepare, download, install, restore or finish", IS_STAGE);
+const Argument kStage = Value("--stage", &Line::stage, "all, prepare, download, install, restore or finish", kIsStage);
 
-const Command COMMANDS[] = {
-    {"", "status", "The state of the migration", {STAGE}, Request(&Kits::GetMigrateStatus, &Line::stage)},
-    {"", "info", "Progress and tasks", {STAGE}, Request(ShowInfo, &Kits::GetMigrateInfo, &Line::stage)},
+const Command kCommands[] = {
+    {"", "status", "The state of the migration", {kStage}, Request(&Kits::GetMigrateStatus, &Line::stage)},
+    {"", "info", "Progress and tasks", {kStage}, Request(ShowInfo, &Kits::GetMigrateInfo, &Line::stage)},
     {"", "packages", "The packages of the source", {}, Request(&Kits::GetPakMigrateInfo)},
     {"", "apk", "The applications of the source", {}, Request(&Kits::GetApkInfo)},
     {"", "users", "The users of the source, and where they go", {}, Request(&Kits::GetMigrationUsers)},
@@ -116,12 +116,12 @@ const Command COMMANDS[] = {
     {"", "stop", "Drops the tasks of the migration",
         {Value("package", &Line::name, "Only that of this package", IS_NAME),
             NotWith("package", Value("--user", &Line::user, "Only those of this user"))},
-        Request(AN_ERROR, Stop)},
-    {"", "pause", "Suspends the migration", {}, Request(AN_ERROR, Pause)},
+        Request(kAnError, Stop)},
+    {"", "pause", "Suspends the migration", {}, Request(kAnError, Pause)},
     {"", "resume", "Goes on with a suspended migration", {}, Request(&Kits::ResumeMigration)},
     {"", "policy", "What happens when a package has failed",
         {Required(Value("policy", &Line::text, "go-on or stop", CLI::IsMember({"go-on", "stop"})))},
-        Request(AN_ERROR, SetPolicy)},
+        Request(kAnError, SetPolicy)},
     {"", "preset", "Choices for the starts that follow",
         {Required(
             Value("choices", &Line::text, "A JSON object with the lists \"exclude\" and \"users\"; \"\" for none"))},
@@ -148,14 +148,14 @@ const Command COMMANDS[] = {
     {"reserve", "clear", "Takes away what was restored of one",
         {Required(Value("name", &Line::name, "", IS_NAME)),
             Value("--scene", &Line::scene, "Only if it is of this scene")},
-        Request(AN_ERROR, &Reserve::ClearApp, &Line::name, &Line::scene)},
+        Request(kAnError, &Reserve::ClearApp, &Line::name, &Line::scene)},
     {"reserve", "clear-all", "Takes away everything that was restored",
         {Value("--scene", &Line::scene, "Only what is of this scene")},
-        Request(AN_ERROR, &Reserve::ClearAllVirtualData, &Line::scene)},
+        Request(kAnError, &Reserve::ClearAllVirtualData, &Line::scene)},
     {"reserve", "priority", "Which are restored first",
         {Required(Value("name", &Line::name, "", IS_NAME)),
             Required(Value("priority", &Line::number, "Higher goes first; 0 unless set"))},
-        Request(AN_ERROR, SetPriority)},
+        Request(kAnError, SetPriority)},
     {"reserve", "watch", "Shows every change of their status",
         {Value("--seconds", &Line::number, "For so long; else until interrupted", CLI::Range(0, INT32_MAX))},
         WatchRestorations},
@@ -165,7 +165,7 @@ const Command COMMANDS[] = {
 
 std::span<const Command> Commands()
 {
-    return COMMANDS;
+    return kCommands;
 }
 
 }  // namespace migratectl

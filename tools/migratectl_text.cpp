@@ -14,7 +14,7 @@ namespace migratectl {
 
 namespace {
 
-// What a byte that begins no character counts as: a surrogate, which no valid text holds.
+// Stands for a byte that begins no character. It is a surrogate, which no valid text contains.
 constexpr char32_t kOddByte = 0xdc00;
 
 // Takes the next character off a text that is not empty.
@@ -47,7 +47,7 @@ void ForEachCharacter(std::string_view text, const Visit& visit)
     }
 }
 
-// -1 for what a terminal is not to get.
+// Returns the columns of a character, -1 for one that a terminal must not get.
 int WidthOf(char32_t character)
 {
     const bool turns = (character >= 0x202a && character <= 0x202e) || (character >= 0x2066 && character <= 0x2069);

@@ -39,8 +39,8 @@ std::optional<int> JudgeOne(const std::string& name, const MigrateInfo& info)
 // again by the next question.
 class Pursuit {
 public:
-    // Of the package that the line names, by its directory or its application; of all when it names none. `hasTasks`:
-    // there is something to move, even if nothing is seen of it.
+    // Follows the package that the line names, by its directory or its application; all packages when it names none.
+    // `hasTasks`: there is something to move, even if no task is seen.
     Pursuit(const CommandLine& line, MigrateStage stage, bool hasTasks)
         : line_(line), stage_(stage), hasTasks_(hasTasks)
     {}
@@ -61,11 +61,12 @@ public:
         const bool isPatient = Clock::now() - lastAnswer_ < kPatience;
         return isPatient ? std::nullopt : std::optional(Judge(line_.options, line_.command, result));
     }
-    // Whether the last look had an answer.
+    // True when the last question was answered.
     bool IsAnswered() const { return isAnswered_; }
 
 private:
-    // Somebody may have dropped tasks. Where none was seen there was nothing to move, unless it is known better.
+    // When there are no tasks any more, somebody has dropped them. When none was ever seen there was nothing to move,
+    // unless `hasTasks_` says otherwise.
     std::optional<int> JudgeAll(const MigrateInfo& info)
     {
         for (const TaskInfo& task : info.taskInfos) {
@@ -95,7 +96,7 @@ class Watcher {
 public:
     explicit Watcher(const Options& options) : options_(options), view_(options.width) {}
 
-    // On the threads that bring events.
+    // Runs on the threads that bring events.
     void OnEvent(const EventInfo& event)
     {
         MutexLock lock(mutex_);
@@ -113,7 +114,7 @@ public:
         changed_.NotifyAll();
     }
 
-    // Until there is an exit status.
+    // Returns when there is an exit status.
     int Run(Pursuit pursuit)
     {
         constexpr std::chrono::seconds kLook(1);
@@ -193,7 +194,7 @@ int RestoreApp(const CommandLine& line)
 {
     constexpr std::chrono::milliseconds kLook(200);
     static const Action restore =
-        Request(AN_ERROR, &ReserveMigrateKits::RestoreApp, &CommandLine::name, &CommandLine::scene);
+        Request(kAnError, &ReserveMigrateKits::RestoreApp, &CommandLine::name, &CommandLine::scene);
     static const Action show =
         Request(ShowEvents, &ReserveMigrateKits::GetRestoreAppStatus, &CommandLine::name, &CommandLine::scene);
     if (const int status = restore(line); status != EXIT_DONE || !line.waits) {

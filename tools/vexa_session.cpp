@@ -75,7 +75,7 @@ sigset_t HandledSignals()
     return set;
 }
 
-// What comes from the terminal reaches every process of the foreground by itself.
+// Signals from the terminal are sent by the kernel, to every process in the foreground: the command has them already.
 bool IsToBePassedOn(int signalCode)
 {
     return signalCode != SI_KERNEL;
@@ -293,7 +293,7 @@ private:
                 Wait(deadline);
             }
         }
-        // What is killed may leave children, which then are ours: until there are none.
+        // A killed process may leave children, which then are this process's. So killing goes on until there are none.
         const auto deadline = steady_clock::now() + kLeftoverTime;
         for (auto left = Children(); !left.empty() && steady_clock::now() < deadline; left = Children()) {
             for (const pid_t pid : left) {

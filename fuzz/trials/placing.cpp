@@ -87,7 +87,7 @@ std::string WordOf(const fs::path& place)
     return isWhole ? word : fs::exists(place) ? "half" : "gone";
 }
 
-// What is wrong after a death; empty: nothing.
+// Starts the service after a death and returns what is wrong then; empty when nothing is.
 std::string Check(const fs::path& root)
 {
     const Engine engine = Start(root);

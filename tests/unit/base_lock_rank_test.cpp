@@ -34,7 +34,7 @@ TEST(LockRankTest, AThreadTakesMutexesFromTheOutermostInwardsOrEndsTheProcess)
     MutexLock outer(g_outer);
     MutexLock inner(g_inner);
     inner.Unlock();
-    // What has been released counts no more; a wait holds its mutex again afterwards.
+    // A released mutex counts no more; a wait holds its mutex again afterwards.
     MutexLock middle(g_middle);
     Wait(g_middle);
     EXPECT_DEATH(Take(g_middle), "CallbackHub is taken while CallbackHub is held");

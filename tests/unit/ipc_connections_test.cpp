@@ -126,7 +126,7 @@ protected:
 
 TEST_F(LinkTest, ReadsInTurnUntilItEndsAndIsCountedNoLonger)
 {
-    // What comes, and how many frames have been dealt with after one turn, and after a settling.
+    // The bytes that come, and how many frames have been dealt with after one turn, and after a settling.
     const std::string large = FrameOf(ONE_WAY, 8000);
     const std::tuple<std::string, size_t, size_t> rows[] = {{Times(65, FrameOf(ONE_WAY)), 64, 65},
         {large.substr(0, 4), 65, 65}, {large.substr(4, 4000), 65, 65}, {large.substr(4004) + large, 67, 67},
@@ -186,7 +186,7 @@ TEST(ClientChannelTest, BelievesWholeRepliesThatComeInTime)
 {
     const std::string reply = FrameOf(REPLY, 8);
     const std::string large = FrameOf(REPLY, 8000);
-    // What the other end says, and ends or, where there is a limit, waits; signals come while nothing does.
+    // The bytes that the other end sends. It then ends or, where there is a limit, waits; signals come meanwhile.
     const std::tuple<const char*, std::string, std::chrono::milliseconds, int32_t, Reached> rows[] = {
         {"a reply", reply, 0ms, IPC_OK, Reached::SENT},
         {"a large one", large, 0ms, IPC_OK, Reached::SENT},
@@ -288,7 +288,7 @@ TEST_F(ServerChannelTest, ServesUntilAFrameIsNoneOrIsWaitedForTooLong)
     const std::string small = Bytes(request);
     request.code = 4'000'000;
     const std::string ack = FrameOf(REPLY_ACK);
-    // What comes, how many frames are taken, how many of them answered; and when it ends.
+    // The bytes that come, how many frames are taken, how many of them are answered, and when the channel ends.
     enum End { AT_ONCE, AFTER_8S, NEVER };
     const std::tuple<const char*, std::string, int, size_t, End> rows[] = {
         {"nothing", "", 0, 0, NEVER},
@@ -327,7 +327,7 @@ TEST_F(ServerChannelTest, ServesUntilAFrameIsNoneOrIsWaitedForTooLong)
     }
 }
 
-// Of frames and replies of 16 MiB, those of one process that have no room wait, or are not kept.
+// A frame of 16 MiB for which its process has no room waits; such a reply is not kept.
 TEST_F(ServerChannelTest, HoldsFourLargeFramesOfAProcess)
 {
     ConnectionCounts& counts = counts_.emplace_back([] { return SIZE_MAX; });

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the tests of the transport's layers share: sockets whose other end is the test's.
+// Shared by the tests of the transport's layers: sockets whose other end is the test's.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -112,7 +112,7 @@ inline bool HasEnded(const UniqueFd& fd)
     return Heard(fd).ends_with("END");
 }
 
-// What the parts of a transport work with; the test does the threads' work.
+// The objects that the parts of a transport work with. The test does the threads' work.
 class IpcParts : public testing::Test {
 protected:
     IpcParts() { EXPECT_TRUE(workers_.Open() && reactor_.Open()); }

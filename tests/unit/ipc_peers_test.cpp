@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What another process may say, and what is done with what it says: greetings, sessions, objects on their way, deaths.
+// Tests of everything that another process may say: greetings, sessions, objects on their way, deaths.
 #include <sys/resource.h>
 
 #include "ipc_peers_fixture.h"
@@ -18,7 +18,7 @@ TEST_F(IpcPeers, AConnectionIsTakenByItsFirstFrame)
     HelloFrame newer = MakeHello(HELLO, LINK, Stranger().id);
     newer.body.version = 3;
     const auto refusal = [&](Refusal reason) { return Bytes(MakeRefusal(reason, transport_.Id())) + "END"; };
-    // What is said, and how the answer ends; as it may where the connection is taken.
+    // The bytes that come, and how the answer ends; an empty end fits every answer.
     const std::tuple<const char*, std::string, std::string> rows[] = {
         {"a link", Hello(unknown.id), ""},
         {"a channel", Hello(known.id, CHANNEL, known.key), ""},
@@ -153,7 +153,7 @@ TEST_F(IpcPeers, OfTwoThatGreetAtOnceOneConnectionStays)
     }
 }
 
-// What is owed to a process that can't be reached is kept until it is clear that there is none.
+// Frames for a process that can't be reached are kept until it is clear that there is none.
 TEST_F(IpcPeers, AProcessThatIsOwedSomethingIsTriedAtEachTick)
 {
     const auto start = Now();
@@ -325,7 +325,7 @@ TEST_F(IpcPeers, AFailedRequestTakesBackWhatHasNotLeft)
     const ObjectId granted = peers_.AddHolder(new IPCObjectStub, owner.id);
     // To the third request.
     const std::string reply = OneWay(0, {{stranger.id, 9}, {transport_.Id(), granted}}, MakeHeader(REPLY, 0, 3));
-    // What the other end has said before it ended its sending, or "closed"; "late", where it does not end.
+    // The bytes that the other end has sent before it ended its sending, or "closed"; "late" when it does not end.
     const std::tuple<std::string, int32_t, bool> rows[] = {{"closed", IPC_CONNECTION_LOST, false},
         {"", IPC_CONNECTION_LOST, false}, {reply, IPC_OK, true}, {"VXF1", IPC_CONNECTION_LOST, true},
         {"late", IPC_TIMED_OUT, true}};
@@ -471,7 +471,7 @@ TEST_F(IpcPeers, AProcessQueues64MebibytesAndLeaves64KibibytesAtItsDeath)
     const sptr<CountingStub> object(new CountingStub);
     std::vector<Stranger> strangers(5);
     std::vector<std::string> heard(5);
-    // Who has a window when some have died.
+    // Lists the processes that have a window when some have died.
     const auto windows = [&] {
         Deal();
         transport_.Workers().RunTasks();

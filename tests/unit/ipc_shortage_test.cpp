@@ -12,7 +12,7 @@
 
 namespace {
 
-// What fails while it is armed: the call of that name that comes after `left` others.
+// While armed, lets the call of that name fail that comes after `left` others.
 struct Fault {
     const char* call = "";
     int error = 0;  // or kShort: only a part is moved

@@ -142,7 +142,7 @@ TEST(JsonBindTest, EveryRecordKeepsItsKeysAndTheirOrder)
     std::locale::global(previous);
 }
 
-// What `target` is after it was read from a key with this value, or from one that is missing when that is empty.
+// Returns `target` after it was read from a key with this value, or from a missing one when the value is empty.
 template <typename T>
 T ReadKey(const std::string& value, JsonError result, T target)
 {

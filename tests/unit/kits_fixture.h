@@ -38,7 +38,7 @@ inline std::string Bytes(const MessageParcel& parcel)
     return {reinterpret_cast<const char*>(ParcelAccess::Data(parcel)), parcel.GetDataSize()};
 }
 
-// Of a request with that token and these fields; an object's are the same for any.
+// The bytes of a request with that token and these fields. All objects have the same bytes.
 inline std::string RequestBytes(const std::u16string& token, const Fields& fields)
 {
     MessageParcel parcel;

@@ -178,7 +178,7 @@ TEST(LookupLockTest, AWorkerThatWaitsForALookupIsReplaced)
     EXPECT_EQ(outcome.get_future().wait_for(std::chrono::seconds(5)), std::future_status::ready);
 }
 
-// Nobody knows which of two requests at a time the service has heard last.
+// When two requests overlap, it is not known which of them the service has heard last.
 TEST_F(KitsRecoveryTest, WhatOverlapsWithARecoveryIsToldAgain)
 {
     // Each goes on while the one before is under way: C registers, D withdraws, R recovers. The codes of all requests.

@@ -71,7 +71,7 @@ TEST(UpdateLogTest, LabelsAndLevels)
 TEST(UpdateLogTest, SingleLineMapsLevelLabelAndPrivacy)
 {
     UpdateLog::SetLogLevel(UPDATE_ERROR);  // printing does not ask for it
-    // Of those without a line there is no such level, or no such label.
+    // Rows without a line have a level or a label that does not exist.
     const std::tuple<uint32_t, const char*, int32_t, std::vector<std::string>> rows[] = {
         {7, "%{public}s", UPDATE_DEBUG, {"3%{public}s|100% text"}}, {0, "%{private}s", 1, {"4%{private}s|<private>"}},
         {11, "%s", UPDATE_ERROR, {"6%s|<private>"}}, {2, "%{public}s ", 1, {"4%s|<private>"}}, {7, "%{public}s", 2, {}},

@@ -271,7 +271,7 @@ TEST_F(SamgrTable, StartsWaitForServicesOfAFormerManager)
 
 TEST_F(SamgrTable, CrashLoopIsSlowedUntilAProgramLivesAndKilledProgramsAreNot)
 {
-    // Of so many instances: the wait before the start, whether it registers, how long it lives, and how it ends.
+    // A number of instances; for each the wait before the start, whether it registers, how long it lives, how it ends.
     const std::tuple<int, std::chrono::milliseconds, bool, std::chrono::milliseconds, int> rows[] = {
         {10, 0ms, false, 0ms, SIGKILL},  // to be killed is no crash
         {2, 0ms, false, 999ms, -9}, {2, 0ms, true, 999ms, SIGABRT}, {1, 0ms, true, 999ms, -9},

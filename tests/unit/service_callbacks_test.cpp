@@ -165,7 +165,7 @@ TEST_F(ServiceCallbacks, OnReplacesAndOffEndsAndTheDeadAreForgotten)
     EXPECT_EQ(second.object->RecipientCount(), 0U);
     const size_t heard = second.object->Requests().size();
 
-    // Who comes later hears how it stands.
+    // A receiver that comes later hears how the migration stands.
     Receiver late;
     late.object->SetHandler([](uint32_t, MessageParcel&, MessageParcel&, MessageOption&) { return 5; });
     Register(late);

@@ -6,9 +6,9 @@
 
 namespace {
 
-// What the disk does when it is told to take everything, as an errno; set before an engine that waits for it starts.
+// Answers, as an errno, when the disk is told to take everything. Set before an engine that waits for the disk starts.
 std::function<int()> g_disk;
-// Of a file system that knows nothing but plain renames: 0, or which of them, counted from 1, fails.
+// 0 or more: the file system knows only plain renames, and the one of that number, counted from 1, fails.
 std::atomic<int> g_failingRename{-1};
 std::atomic<int> g_renames{0};
 std::atomic<unsigned> g_freeBlocks{1U << 30};
@@ -114,7 +114,7 @@ TEST_F(ServiceEngine, PausesAndGoesOnAlsoInTheNextLife)
     Run(kSlow);
     std::this_thread::sleep_for(20ms);
     EXPECT_EQ(State(), TaskStatus::PAUSED);
-    // What is copied again counts once.
+    // Bytes that are copied again count once.
     EXPECT_EQ(percentNow(), percent);
     EXPECT_EQ(engine->Resume().errorNum, 0);
     uint32_t last = percent;
@@ -246,7 +246,7 @@ TEST_F(ServiceEngine, WhatIsInTheTargetIsKnownByItsMarksAlone)
     EXPECT_EQ(Lines(), ".staging-8-old is left alone: nothing that replaces it is in its place\n");
     EXPECT_EQ(engine->OwnBackups(5), 0);
     EXPECT_EQ(MoveAll(), "a:3 b:3 ");
-    // Of another source it is another's.
+    // A package of another source is another's.
     engine.reset();
     fs::rename(folders.Source(), folders.Root() / "moved");
     folders.AddPackages("a", 10);
@@ -361,8 +361,7 @@ TEST_F(ServiceEngine, AFileSystemThatCanNotExchangeCostsNoPackageEither)
 }
 
 // The disk has the copy, its mark (1) and its note (n) before it has the name, and the name before the task ends;
-// requests are answered meanwhile.
-// What is small is synced by itself.
+// requests are answered meanwhile. A small package is synced by itself.
 TEST_F(ServiceEngine, APackageIsPlacedWhenTheDiskHasIt)
 {
     folders.AddPackage("small", 10);
@@ -404,7 +403,7 @@ TEST_F(ServiceEngine, APackageIsPlacedWhenTheDiskHasIt)
         }
         EXPECT_EQ(outcome(1, EIO), name + ":4/25 ");
     }
-    // What is taken back meanwhile is not placed any more.
+    // A package that is taken back meanwhile is not placed any more.
     g_disk = [this] {
         engine->RemoveUser(MIGRATE_ALL_USERS);
         return 0;

@@ -69,7 +69,7 @@ public:
             AddPackage(name, bytes, manifest);
         }
     }
-    // What no tree may hold for us.
+    // Adds a package with a pipe, which can't be copied.
     void AddUnsupported(const std::string& package) const
     {
         fs::create_directories(Source() / package);

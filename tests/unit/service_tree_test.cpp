@@ -70,7 +70,7 @@ protected:
     {
         return RemoveTree(target_.Get(), "copy", [goOn] { return goOn; });
     }
-    // What is to be kept of every entry.
+    // The properties of every entry that a copy keeps.
     using Entries = std::map<std::string, std::tuple<mode_t, time_t, long, std::string, std::string>>;
     static Entries Describe(const fs::path& root)
     {
@@ -283,7 +283,7 @@ TEST_F(ServiceTree, AttributesAndHolesAreKeptAndAccessIsNeverWider)
     const auto set = [](const fs::path& path, const char* name, const std::string& value) {
         return setxattr(path.c_str(), name, value.data(), value.size(), 0) == 0;
     };
-    // What new files of the target get is no part of the original.
+    // A default list of the target is no part of the original.
     if (!set(root / "d" / "file", kAccess, list) || !set(folders_.Target(), kDefault, List(7, 7, 7, 7))) {
         GTEST_SKIP() << "no access control lists here";
     }
@@ -337,7 +337,7 @@ TEST_F(ServiceTree, ATreeThatHoldsTheTargetIsNeitherMeasuredNorCopied)
     }
 }
 
-// Who copies another user's program must not make a program that acts as himself.
+// A user who copies another user's program must not make a program that acts as himself.
 TEST_F(ServiceTree, NobodyActsAsTheCopiersUserThroughACopy)
 {
     const fs::path program = folders_.Source() / "p" / "program";

@@ -131,8 +131,8 @@ int32_t ServiceTable::Load(int32_t id, const Caller& caller, LoadDone done)
         return SAMGR_OK;
     }
     service->waiting.push_back(std::move(done));
-    if (service->phase == Phase::kIdle) {
-        service->phase = Phase::kWaitingToStart;
+    if (service->phase == Phase::IDLE) {
+        service->phase = Phase::WAITING_TO_START;
         service->due = std::max(service->throttle.EarliestStart(setting_.now()), setting_.startsFrom);
         lock.Unlock();
         setting_.wake();
@@ -214,7 +214,7 @@ bool ServiceTable::Describe(int32_t id, const Service& service, cJSON* list)
 {
     static constexpr const char* phases[] = {"idle", "waiting", "starting"};
     const bool isRunning = Lives(service);
-    const bool hasProcess = isRunning || service.phase == Phase::kStarting;
+    const bool hasProcess = isRunning || service.phase == Phase::STARTING;
     cJSON* const object = cJSON_CreateObject();
     const auto text = [object](const char* key, const char* value) {
         return cJSON_AddStringToObject(object, key, value) != nullptr;
@@ -240,16 +240,16 @@ ServiceTable::TimePoint ServiceTable::RunDue()
         const TimePoint now = setting_.now();
         for (auto& [id, service] : services_) {
             try {
-                if (service.phase == Phase::kWaitingToStart && service.due <= now) {
+                if (service.phase == Phase::WAITING_TO_START && service.due <= now) {
                     Start(id, service, completions);
-                } else if (service.phase == Phase::kStarting && service.due <= now) {
+                } else if (service.phase == Phase::STARTING && service.due <= now) {
                     TimeOut(id, service, completions);
                 }
             } catch (const std::bad_alloc&) {
                 next = std::min(next, now + kRetryPause);  // it is as it was
                 continue;
             }
-            if (service.phase != Phase::kIdle) {
+            if (service.phase != Phase::IDLE) {
                 next = std::min(next, service.due);
             }
         }
@@ -274,7 +274,7 @@ void ServiceTable::Start(int32_t id, Service& service, Completions& completions)
         Finish(service, {id, SAMGR_PROGRAM_MISSING, nullptr, reason}, completions);
         return;
     }
-    service.phase = Phase::kStarting;
+    service.phase = Phase::STARTING;
     service.program = pid;
     ++service.starts;
     service.due = setting_.now() + service.profile->startTimeout;
@@ -300,7 +300,7 @@ void ServiceTable::Finish(Service& service, const LoadOutcome& outcome, Completi
     std::string reason = outcome.reason;  // first, as it may throw
     completions.push_back({outcome, {}});
     completions.back().waiting.swap(service.waiting);
-    service.phase = Phase::kIdle;
+    service.phase = Phase::IDLE;
     if (outcome.error != SAMGR_OK) {
         NoteFailure(outcome.systemAbilityId, service, std::move(reason));
     }
@@ -341,7 +341,7 @@ void ServiceTable::OnProgramEnd(pid_t pid, const ProgramEnd& end)
         const bool hasFailed = end.bySignal || end.status != 0;
         std::string reason =
             EndReason(service.profile.get(), pid, end, registered, Said(setting_.starter->LastLine(pid)));
-        if (service.phase == Phase::kStarting && service.program == pid) {
+        if (service.phase == Phase::STARTING && service.program == pid) {
             const int32_t error = end.startErrno != 0 ? SAMGR_PROGRAM_MISSING : SAMGR_PROGRAM_EXITED;
             Finish(service, {id, error, nullptr, std::move(reason)}, completions);
         } else if (registered && hasFailed && !stopped_) {
@@ -372,7 +372,7 @@ void ServiceTable::Stop()
         MutexLock lock(mutex_);
         stopped_ = true;
         for (auto& [id, service] : services_) {
-            if (service.phase != Phase::kIdle) {
+            if (service.phase != Phase::IDLE) {
                 Finish(service, {id, SAMGR_BUSY, nullptr, "the manager is stopping"}, completions);
             }
         }

@@ -57,7 +57,7 @@ public:
     void Stop();
 
 private:
-    enum class Phase { kIdle, kWaitingToStart, kStarting };
+    enum class Phase { IDLE, WAITING_TO_START, STARTING };
 
     struct Service {
         ProfilePtr profile;
@@ -65,7 +65,7 @@ private:
         sptr<IRemoteObject::DeathRecipient> recipient;
         pid_t owner = -1;  // the process that registered it, and its user
         uid_t ownerUid = static_cast<uid_t>(-1);
-        Phase phase = Phase::kIdle;
+        Phase phase = Phase::IDLE;
         TimePoint due;       // of the start or of its time-out, unless idle
         pid_t program = -1;  // the one whose registration the start waits for
         RestartThrottle throttle;
