@@ -100,7 +100,7 @@ expect 3 vexa-session --samgrd "$root/manager" --profiles "$root/a" --profiles b
 [[ -e "$root/told" ]] || fail "the manager was not told to end"
 gone "$(cat "$root/samgrd.pid")"
 expect 125 vexa-session --samgrd /bin/false -- touch "$root/started"
-says "vexa-session: the manager ended with status 1 before it was ready"
+says "vexa-session: the manager did not become ready and ended with status 1"
 expect 125 vexa-session --samgrd "$root/absent" -- touch "$root/started"
 printf '#!/bin/sh\necho >"$ROOT/begun"; exec sleep 600\n' >"$root/mute"
 chmod +x "$root/mute"
