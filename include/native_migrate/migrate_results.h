@@ -11,7 +11,7 @@ namespace VEXA::UpdateEngine {
 inline constexpr int32_t MIGRATE_BAD_ARGUMENT = 1;  // a field is missing or has a value that is not allowed
 inline constexpr int32_t MIGRATE_NO_SUCH_APP = 2;   // no application of that name is set aside
 inline constexpr int32_t MIGRATE_TOO_MANY = 3;      // the service has as many callbacks, observers or jobs as it keeps
-inline constexpr int32_t MIGRATE_INTERNAL = 4;      // the service could not make the reply, or write its state
+inline constexpr int32_t MIGRATE_INTERNAL = 4;      // no reply or state could be written, or it is not ready yet
 inline constexpr int32_t MIGRATE_NOT_ALLOWED = 5;   // the caller may not change anything
 
 // The numbers in BusinessError::errorNum, ErrorMessage::errorCode, ErrorInfo::code and the notice of backup files. 0 is

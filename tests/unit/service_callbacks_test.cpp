@@ -124,10 +124,10 @@ TEST_F(ServiceCallbacks, SlowClientsHoldUpNobodyAndGetTheLastWord)
     Ask(Code::START_PAK_MIGRATE, "b");
     EXPECT_TRUE(Eventually([&] { return quick.Finished() == 2; }));
     EXPECT_TRUE(each(hasOne));
-    // What waits for one that is withdrawn is not sent any more.
+    // Events that wait for a withdrawn receiver are not sent any more.
     caller.endpoint = 2;
     EXPECT_EQ(Ask(Code::UNREGISTER_PROGRESS_CALLBACK), 0);
-    // Of more than 65536 changes that wait, only the last of each task is kept.
+    // When more than 65536 changes wait, only the last of each task is kept.
     for (uint32_t change = 0; change <= 65536; ++change) {
         hub->OnTask({.id = change % 3 + 5, .status = 1, .progress = static_cast<int32_t>(change)});
     }

@@ -83,7 +83,7 @@ protected:
         g_failingRename = -1;
         g_later = 0;
     }
-    // What the service has remembered, while it does not run.
+    // Opens the service's state while the service does not run.
     std::unique_ptr<TaskStore> Store() const
     {
         std::string error;
@@ -127,7 +127,7 @@ TEST_F(ServiceEngine, PausesAndGoesOnAlsoInTheNextLife)
     EXPECT_EQ(engine->Resume().errorNum, MIGRATE_ERROR_NOTHING);
 }
 
-// Of whatever has to wake the workers, or wakes them again, nothing is left to their own look once a second.
+// Everything that the workers have to know wakes them: nothing is left to their own look once a second.
 TEST_F(ServiceEngine, NothingWaitsForAnIdleWorker)
 {
     folders.AddPackage("a", kLarge);
