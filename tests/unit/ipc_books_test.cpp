@@ -297,6 +297,7 @@ TEST(DeathNotifierTest, SevenThatTakeLongHoldUpNoneAndEightDo)
     std::this_thread::sleep_for(20ms);
     Post(notifier, new Slow);
     EXPECT_TRUE(Eventually([] { return Slow::begun == 11; }, 5s)) << "those that are idle are woken";
+    std::this_thread::sleep_for(20ms);
     const Deadline stopped = Now();
     notifier.Stop();
     EXPECT_LT(Now() - stopped, 5s) << "and again to end";
