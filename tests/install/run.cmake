@@ -33,13 +33,17 @@ run(${configure} -B ${taken_in} -DSOURCE_TREE=${SOURCE_TREE} -DCMAKE_EXPORT_COMP
 file(READ "${taken_in}/compile_commands.json" commands)
 no_match("compiled for who takes the tree in" "${commands}" "-Werror|/tests/unit/[^ ]*")
 if(GENERATOR STREQUAL "Ninja")
-    run(ninja -C ${taken_in} CMakeFiles/consumer.dir/main.cpp.o)
-    run(ninja -C ${taken_in} nm_testing_kit)
+    file(GLOB objects RELATIVE "${SOURCE_TREE}/platform/testing" "${SOURCE_TREE}/platform/testing/*.cpp")
+    list(TRANSFORM objects REPLACE "(.+)"
+        "_deps/native_migrate-build/platform/testing/CMakeFiles/vexa_testing.dir/\\1.o")
+    run(ninja -C ${taken_in} CMakeFiles/consumer.dir/main.cpp.o ${objects})
     file(COPY "${BUILD_TREE}/lib/" DESTINATION "${taken_in}/_deps/native_migrate-build/lib"
         FILES_MATCHING PATTERN "*.so*")
     execute_process(COMMAND ninja -C ${taken_in} -t commands consumer OUTPUT_VARIABLE commands)
-    string(REGEX MATCH "[^\n]* -o consumer [^\n]*" link "${commands}")
-    execute_process(COMMAND sh -c "${link}" WORKING_DIRECTORY "${taken_in}" COMMAND_ERROR_IS_FATAL ANY)
+    string(REGEX MATCHALL "[^\n]*(qc [^ ]*libnm_testing_kit| -o consumer )[^\n]*" links "${commands}")
+    foreach(link IN LISTS links)
+        execute_process(COMMAND sh -c "${link}" WORKING_DIRECTORY "${taken_in}" COMMAND_ERROR_IS_FATAL ANY)
+    endforeach()
     run(${taken_in}/consumer)
 endif()
 
