@@ -191,17 +191,15 @@ StateChange::StateChange(EngineState& state, IfNotWritten ifNotWritten) VEXA_NO_
 
 StateChange::~StateChange() VEXA_NO_THREAD_SAFETY_ANALYSIS
 {
-    if (!isCommitted_) {
-        store_.TakeBack();
-    }
+    store_.TakeBack();
 }
 
 bool StateChange::Commit() VEXA_NO_THREAD_SAFETY_ANALYSIS
 {
     lock_.Unlock();
-    isCommitted_ = store_.Commit();
+    const bool isWritten = store_.Commit();
     lock_.Lock();
-    return isCommitted_;
+    return isWritten;
 }
 
 // A mutex is not fair: whoever waits for it needs time to wake up.

@@ -130,7 +130,6 @@ private:
     TaskStore& store_;
     MutexLock changing_;
     MutexLock lock_;
-    bool isCommitted_ = false;
     size_t steps_ = 0;
 };
 

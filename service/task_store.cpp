@@ -293,6 +293,7 @@ bool TaskStore::Commit()
     const bool done = database_->Commit();
     if (done) {
         isBehind_ = false;
+        isChanged_ = false;
         undo_.clear();
     }
     return done;

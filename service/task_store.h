@@ -23,8 +23,7 @@ enum class StateValue { STATUS, PAUSE_REASON, POLICY, START_TIME, END_TIME, NEXT
 // refused. KEEP: the change, because it has happened; it gets to the disk with the next transaction that succeeds.
 enum class IfNotWritten { TAKE_BACK, KEEP };
 
-// Not thread-safe, but Commit uses nothing that is read by those who only ask. Changes come between Begin and Commit or
-// TakeBack.
+// Not thread-safe, but Commit uses nothing that is read by those who only ask. Changes come between Begin and TakeBack.
 class TaskStore {
 public:
     // Null, with the reason, when the file can't be used. A damaged one is renamed, and a new state begins.
@@ -58,9 +57,9 @@ public:
     void ClearPriorities();
 
     void Begin(IfNotWritten ifNotWritten);
-    // False when the disk does not take what has been changed: then TakeBack comes next.
+    // False when the disk does not take what has been changed.
     bool Commit();
-    // Ends the change without the disk, and in memory as said at the begin.
+    // Ends the change. What has not been committed is not written, and in memory it is treated as said at the begin.
     void TakeBack();
 
 private:
