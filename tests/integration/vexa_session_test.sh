@@ -4,7 +4,7 @@
 set -euo pipefail
 
 root="$(mktemp -d /tmp/vexa-st.XXXXXX)"
-trap 'rm -rf "$root"' EXIT
+trap 'jobs -p | xargs -r kill -KILL 2>/dev/null; rm -rf "$root"' EXIT
 export TMPDIR="$root" ROOT="$root" KOLOG_LEVEL=fatal
 
 fail() {
@@ -134,7 +134,9 @@ rm "$root/pid"
 vexa-session -- sh -c 'echo $$ $PPID >"$ROOT/new"; mv "$ROOT/new" "$ROOT/pid"; exec sleep 600' &
 until_there "$root/pid"
 read -r command session <"$root/pid"
-manager="$(grep -lE "^PPid:\s+$session\$" /proc/[0-9]*/status 2>/dev/null | grep -o "[0-9]*" | grep -vx "$command")"
+# A process that ends meanwhile can't be read any more.
+manager="$(grep -lE "^PPid:\s+$session\$" /proc/[0-9]*/status 2>/dev/null | grep -o "[0-9]*" | grep -vx "$command")" || true
+[[ -n "$manager" ]] || fail "the session has no manager"
 kill -KILL "$session"
 status=0
 wait "$!" || status=$?
