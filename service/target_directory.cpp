@@ -98,16 +98,17 @@ std::unique_ptr<TargetDirectory> TargetDirectory::Open(
     error = target ? "" : strerror(errno);
     UniqueFd lock = target ? Lock(target.Get(), error) : UniqueFd();
     if (lock) {
-        mkdirat(target.Get(), marks.c_str(), kPrivate);
-        UniqueFd directory(openat(target.Get(), marks.c_str(), kOpenDirectory | O_NOFOLLOW));
-        struct stat status = {};
         std::error_code fault;
         const std::string place = std::filesystem::canonical(source, fault);
+        mkdirat(target.Get(), marks.c_str(), kPrivate);
+        UniqueFd directory(openat(target.Get(), marks.c_str(), kOpenDirectory | O_NOFOLLOW));
+        error = marks + ": " + (directory ? "is not the service's user's" : strerror(errno));
+        struct stat status = {};
         if (directory && fstat(directory.Get(), &status) == 0 && status.st_uid == geteuid() && !fault) {
             return std::unique_ptr<TargetDirectory>(
                 new TargetDirectory(std::move(target), std::move(lock), std::move(directory), place));
         }
-        error = marks + ": " + (directory ? "is not the service's user's" : strerror(errno));
+        error = fault ? source + ": " + fault.message() : error;
     }
     error = path + ": " + error;
     return nullptr;
