@@ -58,7 +58,8 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
 # What each Debian package has in its folder of documentation.
 find_program(NM_GZIP gzip)
-string(TIMESTAMP NM_DATE "%a, %d %b %Y %H:%M:%S +0000" UTC)
+# The day of the version and not of the build, so that two builds are equal.
+set(NM_DATE "Thu, 26 Nov 2026 12:00:00 +0000")
 configure_file(debian/changelog.in "${nm_debian}/changelog.Debian" @ONLY)
 execute_process(COMMAND ${NM_GZIP} -9 -n -f "${nm_debian}/changelog.Debian" COMMAND_ERROR_IS_FATAL ANY)
 execute_process(COMMAND ${NM_GZIP} -9 -n -c "${PROJECT_SOURCE_DIR}/CHANGELOG.md" OUTPUT_FILE "${nm_debian}/changelog.gz"
