@@ -30,6 +30,7 @@ using namespace VEXA::test;
 using namespace VEXA::UpdateEngine;
 
 constexpr int kClients = 4;
+constexpr uint32_t kPid = 0;  // a request of the storm's own
 
 // The file in memory by which the processes know of each other without the library. It is all zeros at first.
 struct Board {
@@ -38,6 +39,7 @@ struct Board {
     std::atomic<uint64_t> well[kClients];  // the latest round in which that client found all well
     std::atomic<int> wrong[kClients];      // notices that were missing, or told twice
     std::atomic<uint64_t> told;            // notices
+    std::atomic<bool> isOver;              // the storm; services that have lost their manager end
 };
 
 Board& TheBoard()
@@ -55,8 +57,6 @@ sptr<ISystemAbilityManager> Manager()
 {
     return SystemAbilityManagerClient::GetInstance().GetSystemAbilityManager();
 }
-
-constexpr uint32_t kPid = 0;  // a request of the storm's own
 
 // Answers StartMigrate with its process id, after one event to the caller's own callback.
 class Service : public IPCObjectStub {
@@ -97,14 +97,14 @@ int Serve()
 {
     const sptr<IRemoteObject> service(new Service);
     int32_t result = IPC_DEAD_OBJECT;
-    while (result == IPC_DEAD_OBJECT || result == IPC_CONNECTION_LOST) {
+    while ((result == IPC_DEAD_OBJECT || result == IPC_CONNECTION_LOST) && !TheBoard().isOver) {
         const auto manager = Manager();
         result = manager != nullptr ? manager->AddSystemAbility(MIGRATE_SERVICE_ID, service) : result;
         usleep(1000);
     }
     TheBoard().service = getpid();
     // Two managers in a row may have started one each.
-    for (sptr<IRemoteObject> found; result == SAMGR_OK && (found == nullptr || found == service);) {
+    for (sptr<IRemoteObject> found; result == 0 && (found == nullptr || found == service) && !TheBoard().isOver;) {
         usleep(100'000);
         const auto manager = Manager();
         found = manager != nullptr ? manager->CheckSystemAbility(MIGRATE_SERVICE_ID) : nullptr;
@@ -245,5 +245,6 @@ int main(int argc, char** argv)
     for (; isWell && passed() < atoi(mode.c_str()); isWell = storm.Blow()) {
     }
     storm.Report(passed());
+    TheBoard().isOver = true;
     return isWell ? 0 : 1;
 }
