@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <fstream>
 #include <limits>
 #include <locale>
+#include <map>
 
 #include "json_parse.h"
 #include "native_migrate/migrate_records.h"
@@ -23,159 +25,81 @@ std::string Written(const T& data, bool result = true)
     return text;
 }
 
-// A text, its result, and the record afterwards, as the text that it is written as.
-using BindCase = std::tuple<const char*, JsonError, std::string>;
-
 template <typename T>
-void Check(const T& start, const std::vector<BindCase>& cases)
+struct One {
+    T n{};
+    static constexpr auto Members() { return MemberList(Member{"n", &One::n}); }
+};
+
+// Binds a text to a record that is as `start` says, and shows the record.
+template <typename T, bool isByKey = false>
+JsonError Bind(const std::string& start, const std::string& text, std::string& left)
 {
+    T record{};
+    EXPECT_EQ(JsonParse::JsonStrToStruct(start, record), SUCCESS) << start;
     RecordingLogSink log;
-    for (const auto& [text, result, left] : cases) {
-        T record = start;
-        EXPECT_EQ(JsonParse::JsonStrToStruct(text, record), result) << text;
-        EXPECT_EQ(Written(record), left) << text;
+    JsonError result{};
+    if constexpr (isByKey) {
+        result = JsonParse::GetValueAndSetTo(JsonContext(text), "n", record.n);
+    } else {
+        result = JsonParse::JsonStrToStruct(text, record);
+        EXPECT_TRUE(log.Messages().empty());
     }
-    EXPECT_TRUE(log.Messages().empty());
+    left = Written(record);
+    return result;
 }
 
-TEST(JsonBindTest, WholeTexts)
-{
-    const char* untouched = R"({"isTaskExist":true,"status":7})";
-    Check(MigrateStatus{true, 7},
-        {{"", DATA_ERROR, untouched}, {"{", TYPE_ERROR, untouched}, {"{}", SUCCESS, untouched},
-            {"[]", SUCCESS, untouched}, {R"({"STATUS":1})", SUCCESS, untouched},
-            {R"({"status":2})", SUCCESS, R"({"isTaskExist":true,"status":2})"},
-            {R"({"status":2,"status":3,"isTaskExist":false})", SUCCESS, R"({"isTaskExist":false,"status":2})"},
-            {R"({"isTaskExist":1,"status":2})", DATA_ERROR, untouched},
-            {R"({"isTaskExist":null})", DATA_ERROR, untouched},
-            {R"({"isTaskExist":false,"status":"2"})", DATA_ERROR, R"({"isTaskExist":false,"status":7})"}});
-}
-
-TEST(JsonBindTest, NumbersAreTruncatedAndMustFit)
-{
-    const std::vector<std::tuple<const char*, const char*, JsonError, const char*>> cases = {
-        {"status", "2147483647.9", SUCCESS, "2147483647"}, {"status", "2147483648", DATA_ERROR, "0"},
-        {"status", "-2147483648.9", SUCCESS, "-2147483648"}, {"status", "-2147483649", DATA_ERROR, "0"},
-        {"status", "1e400", DATA_ERROR, "0"}, {"percent", "4294967296", DATA_ERROR, "0"},
-        {"percent", "-0.5", SUCCESS, "0"}, {"percent", "-1", DATA_ERROR, "0"},
-        {"remainingTime", "18446744073709549568", SUCCESS, "18446744073709549568"},
-        {"remainingTime", "18446744073709551615", DATA_ERROR, "0"},
-        {"requiredTraffic", "9223372036854774784", SUCCESS, "9223372036854774784"},
-        {"requiredTraffic", "9223372036854775807", DATA_ERROR, "0"},
-        {"requiredTraffic", "-9223372036854775808", SUCCESS, "-9223372036854775808"},
-        {"requiredTraffic", "-9223372036854777856", DATA_ERROR, "0"}};
-    for (const auto& [key, number, result, stored] : cases) {
-        const std::string member = '"' + std::string(key) + "\":";
-        MigrateProgress record;
-        EXPECT_EQ(JsonParse::JsonStrToStruct('{' + member + number + '}', record), result) << key << number;
-        EXPECT_NE(Written(record).find(member + stored + ','), std::string::npos) << key << number << Written(record);
-    }
-    int64_t target = 5;
-    EXPECT_FALSE(StoreNumber(std::numeric_limits<double>::quiet_NaN(), target));
-    EXPECT_EQ(target, 5);
-}
-
-TEST(JsonBindTest, VectorsAreAppendedToUpToTheFirstMisfit)
-{
-    const std::string empty = R"({"message":"","errorNum":0,"data":[{"errorCode":9,"errorMessage":"old"})";
-    const std::string named = R"({"message":"m","errorNum":0,"data":[{"errorCode":9,"errorMessage":"old"})";
-    Check(BusinessError{"", 0, {{9, "old"}}},
-        {{R"({"message":"m","data":[{"errorCode":2,"errorMessage":"x"},{}]})", SUCCESS,
-             named + R"(,{"errorCode":2,"errorMessage":"x"},{"errorCode":0,"errorMessage":""}]})"},
-            {R"({"data":null})", SUCCESS, empty + "]}"}, {R"({"data":{},"message":"m"})", DATA_ERROR, named + "]}"},
-            {R"({"message":"m","errorNum":"1","data":[{}]})", DATA_ERROR, named + "]}"},
-            {R"({"data":[{"errorCode":1},{"errorCode":"2"},{"errorCode":3}]})", DATA_ERROR,
-                empty + R"(,{"errorCode":1,"errorMessage":""}]})"}});
-    Check(std::vector<std::string>(),
-        {{R"(["a","","\u00e9\n\u0001\"\\\/"])", SUCCESS, "[\"a\",\"\",\"\u00e9\\n\\u0001\\\"\\\\/\"]"},
-            {R"(["a",1,"b"])", DATA_ERROR, R"(["a"])"}, {R"({"a":"b"})", DATA_ERROR, "[]"}, {"null", SUCCESS, "[]"},
-            {"7", DATA_ERROR, "[]"}});
-    Check(std::vector<MigrationUser>(), {{R"([{"sourceUser":1,"targetUser":2},{}])", SUCCESS,
-                                            R"([{"sourceUser":1,"targetUser":2},{"sourceUser":-1,"targetUser":-1}])"}});
-    std::vector<RestoreEventInfo> events(1);
-    std::vector<RestoreAppInfo> apps(1);
-    ASSERT_EQ(JsonParse::JsonStrToStruct(R"([{"restoreAppInfo":{"appName":"n"}}])", events), SUCCESS);
-    EXPECT_TRUE(JsonParse::JsonStrToStruct("[{}]", apps) == SUCCESS && apps.size() == 2);
-    const RestoreAppInfo& app = events.at(1).restoreAppInfo;
-    EXPECT_EQ(std::tuple(app.appName, app.isRestoreData, app.isTwinApp, app.appType), std::tuple("n", true, false, 1));
-}
+const std::map<std::string, JsonError (*)(const std::string&, const std::string&, std::string&)> kRecords = {
+    {"MigrateStatus", Bind<MigrateStatus>}, {"BusinessError", Bind<BusinessError>}, {"MigrateInfo", Bind<MigrateInfo>},
+    {"EventInfo", Bind<EventInfo>}, {"ReserveMigrationStatus", Bind<ReserveMigrationStatus>},
+    {"strings", Bind<std::vector<std::string>>}, {"MigrationUsers", Bind<std::vector<MigrationUser>>},
+    {"PakMigrateInfos", Bind<std::vector<PakMigrateInfo>>}, {"RestoreAppInfos", Bind<std::vector<RestoreAppInfo>>},
+    {"ModuleMigrationPolicies", Bind<std::vector<ModuleMigrationPolicy>>},
+    {"RestoreEventInfos", Bind<std::vector<RestoreEventInfo>>}, {"int32", Bind<One<int32_t>>},
+    {"uint32", Bind<One<uint32_t>>}, {"int64", Bind<One<int64_t>>}, {"uint64", Bind<One<uint64_t>>},
+    {"int64_key", Bind<One<int64_t>, true>}, {"uint32_key", Bind<One<uint32_t>, true>},
+    {"string_key", Bind<One<std::string>, true>}, {"policy_key", Bind<One<TaskDisplayPolicy>, true>}};
+const std::map<std::string, JsonError> kResults = {{"KEPT", SUCCESS}, {"SUCCESS", SUCCESS}, {"DATA_ERROR", DATA_ERROR},
+    {"MISSING_PROP", MISSING_PROP}, {"TYPE_ERROR", TYPE_ERROR}, {"NUMBER_EXTRA_LONG", NUMBER_EXTRA_LONG}};
 
 struct Grouping : std::numpunct<char> {
     char do_thousands_sep() const override { return '.'; }
     std::string do_grouping() const override { return "\3"; }
 };
 
-// One text for every record, every field away from its default; what is bound and written again must be the same text,
-// whatever the locale.
-TEST(JsonBindTest, EveryRecordKeepsItsKeysAndTheirOrder)
+// As tests/data/json.txt says, whatever the locale.
+TEST(JsonBindTest, RecordsTakeWhatFitsAndAreWrittenInTheirOrder)
 {
+    std::ifstream file(NM_TEST_DATA_DIR "/json.txt");
+    ASSERT_TRUE(file);
     const std::locale previous = std::locale::global(std::locale(std::locale::classic(), new Grouping));
-    const auto keeps = [](auto record, const std::string& text) {
-        EXPECT_EQ(JsonParse::JsonStrToStruct(text, record), SUCCESS) << text;
-        EXPECT_EQ(Written(record), text);
-    };
-    const std::string progress = R"({"status":-1,"percent":4294967295,"remainingTime":5000000001,"suspendReason":-4,)"
-                                 R"("requiredTraffic":-5000000000,"requiredMigrationSpace":-6000000000,"skipTime":-7,)"
-                                 R"("maxWaitTime":-8})";
-    const std::string error = R"({"code":-1,"reason":"r","canRetry":true})";
-    keeps(MigrateInfo(),
-        "{\"migrateProgress\":" + progress +
-            R"(,"taskInfos":[{"id":4294967295,"status":-2,"subStatus":4294967294,"type":-4,"source":"s","target":"t",)"
-            R"("displayPolicy":{"needDisplay":"n","displayBundleName":"b",)"
-            R"("displayModuleNames":["x","y"]},"pauseReason":-5,"requiredTraffic":-6000000000,"progress":-7,)"
-            R"("index":4294967293,"userId":-9,"configStage":-10}]})");
-    keeps(EventInfo(), "{\"progress\":" + progress +
-                           R"(,"taskProgresses":[{"id":4294967295,"status":-2,"subStatus":4294967294,"pauseReason":-4,)"
-                           R"("requiredTraffic":-5000000000,"progress":-6}]})");
-    keeps(std::vector<PakMigrateInfo>(), R"([{"source":"s","target":"t","status":-1}])");
-    keeps(std::vector<ModuleMigrationPolicy>(),
-        R"([{"sourceModuleInfo":{"type":-1,"id":"a"},"targetModuleInfos":[{"type":2,"id":"b"}]}])");
-    keeps(ReserveMigrationStatus(), "{\"status\":-2,\"errorInfo\":" + error + '}');
-    keeps(std::vector<RestoreEventInfo>(),
-        R"([{"restoreAppInfo":{"packageName":"p","versionName":"v","versionCode":"c","signature":"s",)"
-        R"("scanSourceDir":"d","restoreScene":"r","isRestoreData":false,"abiType":-2,"isTwinApp":true,)"
-        R"("appName":"a","appType":-3},"status":-4,"errorInfo":)" +
-            error + "}]");
+    auto record = kRecords.end();
+    std::string start;
+    for (std::string line; std::getline(file, line);) {
+        for (std::string more; file.peek() == ' ' && std::getline(file >> std::ws, more);) {
+            line += more;
+        }
+        const std::string word = line.substr(0, line.find(' '));
+        std::string text = line.substr(std::min(line.size(), word.size() + 1));
+        if (kRecords.contains(word)) {
+            record = kRecords.find(word);
+            start = text;
+        } else if (!line.empty() && word != "#") {
+            const size_t arrow = std::min(text.size(), text.find("-> "));
+            const std::string changed = text.substr(std::min(text.size(), arrow + 3));
+            text.erase(arrow);
+            std::string left;
+            EXPECT_EQ(record->second(start, text, left), kResults.at(word)) << record->first << ' ' << line;
+            EXPECT_EQ(left, word == "KEPT" ? text : changed.empty() ? start : changed) << record->first << ' ' << line;
+        }
+    }
     MigrateProgress large{.remainingTime = UINT64_MAX, .requiredMigrationSpace = 9007199254740993};
     EXPECT_NE(Written(large).find(R"("remainingTime":18446744073709551615,)"), std::string::npos);
     EXPECT_NE(Written(large).find(R"("requiredMigrationSpace":9007199254740993,)"), std::string::npos);
     std::locale::global(previous);
-}
-
-// Returns `target` after it was read from a key with this value, or from a missing one when the value is empty.
-template <typename T>
-T ReadKey(const std::string& value, JsonError result, T target)
-{
-    const JsonContext json(value.empty() ? "{}" : "{\"key\":" + value + '}');
-    EXPECT_EQ(JsonParse::GetValueAndSetTo(json, "key", target), result) << value;
-    return target;
-}
-
-TEST(JsonReadKeyTest, Numbers)
-{
-    for (const char* value : {"", "null", "\"1\"", "true", "[1]", "{}"}) {
-        EXPECT_EQ(ReadKey<int64_t>(value, MISSING_PROP, 5), 5);
-    }
-    for (const char* value : {"9007199254740992", "-9007199254740992", "18446744073709551616", "1e400", "-1e400"}) {
-        EXPECT_EQ(ReadKey<int64_t>(value, NUMBER_EXTRA_LONG, 5), 5);
-    }
-    EXPECT_EQ(ReadKey<int64_t>("9007199254740991", SUCCESS, 5), 9007199254740991);
-    EXPECT_EQ(ReadKey<int64_t>("-9007199254740991", SUCCESS, 5), -9007199254740991);
-    EXPECT_EQ(ReadKey<uint32_t>("-1", NUMBER_EXTRA_LONG, 5), 5U);
-}
-
-TEST(JsonReadKeyTest, StringsAndRecords)
-{
-    const std::string old = "old";
-    EXPECT_EQ(ReadKey("", MISSING_PROP, old), old);
-    EXPECT_EQ(ReadKey("1", TYPE_ERROR, old), old);
-    EXPECT_EQ(ReadKey("null", TYPE_ERROR, old), old);
-    EXPECT_EQ(ReadKey("\"new\"", SUCCESS, old), "new");
-
-    const TaskDisplayPolicy policy{"n", "b", {}};
-    EXPECT_EQ(ReadKey("[]", MISSING_PROP, policy).needDisplay, "n");
-    const auto half = ReadKey(R"({"needDisplay":"x","displayBundleName":1})", DATA_ERROR, policy);
-    EXPECT_EQ(half.needDisplay + half.displayBundleName, "xb");
+    int64_t target = 5;
+    EXPECT_FALSE(StoreNumber(std::numeric_limits<double>::quiet_NaN(), target));
+    EXPECT_EQ(target, 5);
 }
 
 TEST(JsonReadKeyTest, ATaskReadsEveryKeyAndNeverFails)
