@@ -2,10 +2,10 @@
 nm_test(samgr_integration_test
     SOURCES samgr_test.cpp
     USES vexa_platform
-    PROGRAMS samgrd vexa-session
+    PROGRAMS samgrd
     LABELS integration)
 target_compile_definitions(samgr_integration_test PRIVATE
-    SAMGRD="$<TARGET_FILE:samgrd>" VEXA_SESSION="$<TARGET_FILE:vexa-session>" SAMGR_PEER="$<TARGET_FILE:samgr_integration_test>")
+    SAMGRD="$<TARGET_FILE:samgrd>" SAMGR_PEER="$<TARGET_FILE:samgr_integration_test>")
 
 # How long the manager may take once all that it has killed has ended. It would wait for a second for what has not, and
 # ThreadSanitizer lets every process sleep for a second at its end.

@@ -279,38 +279,6 @@ TEST_F(Samgr, ProfilesAreReadAgainOnRequest)
     EXPECT_TRUE(Eventually([&] { return manager_->LoadSystemAbility(20, 5) != nullptr; }));
 }
 
-TEST_F(Samgr, ASessionEndsEverythingHoweverItEnds)
-{
-    // The end of the command, the signal to the ready session (0: none), and its status.
-    const std::tuple<const char*, int, int> cases[] = {
-        {"exit 7", 0, 7}, {"kill -9 $$", 0, 137}, {"exec sleep 600", SIGTERM, 143}, {"exec sleep 600", SIGKILL, 137}};
-    const std::string output = World().Folder() + "/session";
-    const std::string ready = World().Folder() + "/ready";
-    for (const auto& [end, signal, status] : cases) {
-        SCOPED_TRACE(std::string(end) + " " + std::to_string(signal));
-        // The command starts something in its background, loads the service, writes the process ids of both and the
-        // session's runtime directory, and ends.
-        const std::string command =
-            R"(sleep 600 & echo "$! $("$0" load 1) \"$VEXA_RUNTIME_DIR\"" >"$1.new" && mv "$1.new" "$1"; )";
-        ChildProcess session = StartLogged(
-            {VEXA_SESSION, "--profiles", World().Profiles(), "--", "sh", "-c", command + end, SAMGR_PEER, ready},
-            output);
-        ASSERT_TRUE(Eventually([&] { return std::filesystem::exists(ready); })) << FileText(output);
-        pid_t leftover = -1;
-        pid_t service = -1;
-        std::filesystem::path directory;
-        std::ifstream(ready) >> leftover >> service >> directory;
-        std::filesystem::remove(ready);
-        ASSERT_TRUE(service > 0 && !directory.empty()) << FileText(output);
-        session.Signal(signal);
-        EXPECT_EQ(ExitStatus(std::move(session)), status);
-        EXPECT_TRUE(Eventually([&] { return !IsRunning(leftover) && !IsRunning(service); }));
-        EXPECT_TRUE(Eventually([&] { return !std::filesystem::exists(directory.parent_path()); }));
-    }
-    EXPECT_EQ(ExitStatus(ChildProcess({VEXA_SESSION, "--", "/no/such/command"})), 127);
-    EXPECT_EQ(ExitStatus(ChildProcess({VEXA_SESSION, "--samgrd", "/bin/false", "--", "true"})), 125);
-}
-
 }  // namespace
 
 int main(int argc, char** argv)

@@ -38,6 +38,15 @@ until_there() {
     fail "$1 is missing"
 }
 
+# until_missing FOLDER: it goes, within 20 seconds: a session that is killed does not wait for its end.
+until_missing() {
+    for _ in {1..400}; do
+        [[ -e "$1" ]] || return 0
+        sleep 0.05
+    done
+    fail "$1 is left"
+}
+
 # Options, and how the command ends.
 expect 0 vexa-session --help
 expect 0 vexa-session --version
@@ -119,14 +128,17 @@ set -m  # else what runs in the background ignores SIGINT
 # Signals reach the command, which gets five seconds; then it is killed. Whatever it has left behind ends.
 for signal in TERM INT HUP QUIT KILL; do
     rm -f "$root/pid"
-    command='trap "sleep 0.1; exit 9" TERM INT HUP QUIT; setsid sleep 600 & echo $! >"$ROOT/new"; mv "$ROOT/new" "$ROOT/pid"; wait'
+    command='trap "sleep 0.1; exit 9" TERM INT HUP QUIT; setsid sleep 600 &
+        echo $! $VEXA_RUNTIME_DIR >"$ROOT/new"; mv "$ROOT/new" "$ROOT/pid"; wait'
     vexa-session -- bash -c "$command" &
     until_there "$root/pid"
     kill -s "$signal" "$!"
     status=0
     wait "$!" 2>"$root/err" || status=$?
     [[ "$status" == "$([[ "$signal" == KILL ]] && echo 137 || echo 9)" ]] || fail "$signal: exit status $status"
-    gone "$(cat "$root/pid")"
+    read -r left runtime <"$root/pid"
+    gone "$left"
+    until_missing "$(dirname "$runtime")"
 done
 # Manager and command end with the session even if that is killed in the middle.
 rm "$root/pid"
