@@ -1,6 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <iomanip>
+#include <map>
+#include <sstream>
+
 #include "log_line.h"
 #include "native_migrate/update_log.h"
 #include "vexa/testing/recording_log_sink.h"
@@ -15,7 +20,7 @@ UpdateLogContent Content(std::string log, std::string args, int32_t level = UPDA
     return {{}, static_cast<UpdateLogLevel>(level), std::move(log), std::move(args), "dir/file.cpp", 12};
 }
 
-// The level, the format and the text of every line, both without the place.
+// The level, the label, the format and the text of every line, the latter two without the place.
 std::vector<std::string> Lines(const RecordingLogSink& log)
 {
     constexpr std::string_view format = "[%{public}s(%{public}d)]";
@@ -24,8 +29,10 @@ std::vector<std::string> Lines(const RecordingLogSink& log)
     for (const LogEntry& entry : log.Entries()) {
         EXPECT_EQ(entry.format.rfind(format, 0), 0U) << entry.format;
         EXPECT_EQ(entry.message.rfind(place, 0), 0U) << entry.message;
-        lines.push_back(std::to_string(entry.level) + entry.format.substr(format.size()) + "|" +
-                        entry.message.substr(place.size()));
+        EXPECT_EQ(entry.type, 3U);
+        char label[64];
+        std::snprintf(label, sizeof label, "%u %X/%s ", entry.level, entry.domain, entry.tag.c_str());
+        lines.push_back(label + entry.format.substr(format.size()) + "|" + entry.message.substr(place.size()));
     }
     return lines;
 }
@@ -47,45 +54,42 @@ TEST(LogLineTest, NamesThePlaceUnderTheLabelOfTheKits)
 
 const UpdateLogLevel INITIAL_LEVEL = UpdateLog::GetLogLevel();
 
-TEST(UpdateLogTest, LabelsAndLevels)
+TEST(UpdateLogTest, KeepsItsLevel)
 {
-    const std::pair<uint32_t, const char*> labels[] = {{0x00, "UPDATE_SA"}, {0x00, "UPDATE_FIRMWARE"},
-        {0x01, "UPDATE_KITS"}, {0x00, "UPDATE_PARAM"}, {0x00, "UPDATE_ACCESSORY"}, {0x00, "UPDATE_ASSIST"},
-        {0x10, "MIGRATE_SA"}, {0x11, "MIGRATE_KITS"}, {0x12, "MIGRATE_PLUGIN"}, {0x15, "DEVICE_ACTIVATE_SERVICE"},
-        {0x16, "FILE_URI_SERVICE"}, {0x00, "UPDATE_DH"}};
-    RecordingLogSink log;
-    uint32_t index = 0;
-    for (const auto& [module, tag] : labels) {
-        UpdateLog::PrintSingleLine(index, Content("%{public}s", "x"));
-        const LogEntry entry = log.Entries().at(index++);
-        EXPECT_EQ(std::tuple(entry.tag, entry.domain, entry.type), std::tuple(tag, 0xD002E00 + module, 3U));
-    }
-    EXPECT_EQ(UPDATE_LABEL.size(), index);
-
     EXPECT_TRUE(INITIAL_LEVEL == 1 && UpdateLogContent().level == 1);
     UpdateLog::GetLogLevel() = UPDATE_DEBUG;
     UpdateLog::SetLogLevel(UPDATE_ERROR);
     EXPECT_TRUE(UpdateLog::GetLogLevel() == 3 && UpdateLog::JudgeLevel(UPDATE_DEBUG));
 }
 
-TEST(UpdateLogTest, SingleLineMapsLevelLabelAndPrivacy)
+TEST(UpdateLogTest, PrintsAsTheTableSaysAndDoesNotAskForTheLevel)
 {
-    UpdateLog::SetLogLevel(UPDATE_ERROR);  // printing does not ask for it
-    // Rows without a line have a level or a label that does not exist.
-    const std::tuple<uint32_t, const char*, int32_t, std::vector<std::string>> rows[] = {
-        {7, "%{public}s", UPDATE_DEBUG, {"3%{public}s|100% text"}}, {0, "%{private}s", 1, {"4%{private}s|<private>"}},
-        {11, "%s", UPDATE_ERROR, {"6%s|<private>"}}, {2, "%{public}s ", 1, {"4%s|<private>"}}, {7, "%{public}s", 2, {}},
-        {7, "%{public}s", -1, {}}, {12, "%{public}s", 1, {}}, {UINT32_MAX, "%{public}s", 3, {}}};
-    for (const auto& [index, format, level, lines] : rows) {
-        RecordingLogSink log;
-        const UpdateLogContent content = Content(format, "100% text", level);
-        UpdateLog::PrintSingleLine(index, content);
-        if (lines.empty()) {
-            UpdateLog::PrintLog(index, content);
-            UpdateLog::PrintLongLog(index, content);
+    const std::map<std::string, void (*)(uint32_t, const UpdateLogContent&)> printers = {
+        {"line", UpdateLog::PrintSingleLine}, {"log", UpdateLog::PrintLog}, {"long", UpdateLog::PrintLongLog}};
+    UpdateLog::SetLogLevel(UPDATE_ERROR);
+    std::ifstream file(NM_TEST_DATA_DIR "/log.txt");
+    ASSERT_TRUE(file);
+    for (std::string line; std::getline(file, line);) {
+        if (line.empty() || line[0] == '#') {
+            continue;
         }
-        EXPECT_EQ(Lines(log), lines) << index << format << level;
+        std::vector<std::string> expected;
+        for (std::string more; file.peek() == ' ' && std::getline(file >> std::ws, more);) {
+            expected.push_back(more);
+        }
+        std::istringstream words(line);
+        std::string printer;
+        std::string format;
+        uint32_t label = 0;
+        int32_t level = 0;
+        ASSERT_TRUE(words >> printer >> label >> level >> std::quoted(format)) << line;
+        KoLogSetPrivateShown(printer == "long");
+        RecordingLogSink log;
+        printers.at(printer)(label, Content(format, "100% text", level));
+        EXPECT_EQ(Lines(log), expected) << line;
     }
+    EXPECT_EQ(UPDATE_LABEL.size(), 12U);
+    KoLogSetPrivateShown(false);
 }
 
 // A cost that grew with the square would take minutes for the last size.
@@ -100,27 +104,11 @@ TEST(UpdateLogTest, LogIsCutIntoPiecesOf900Bytes)
         UpdateLog::PrintLog(MIGRATE_KITS, Content("%{public}s", text.substr(0, length)));
         std::vector<std::string> pieces;
         for (size_t at = 0; at < length; at += 900) {
-            pieces.push_back("4%{public}s|" + text.substr(at, std::min<size_t>(900, length - at)));
+            pieces.push_back(
+                "4 D002E11/MIGRATE_KITS %{public}s|" + text.substr(at, std::min<size_t>(900, length - at)));
         }
         EXPECT_EQ(Lines(log), pieces);
     }
-}
-
-TEST(UpdateLogTest, LongLogPrintsThreeRuns)
-{
-    const std::pair<const char*, std::vector<std::string>> cases[] = {
-        {"copy %{private}s done", {"4%{public}s|copy ", "4%{private}s|/data/a", "4%{public}s| done"}},
-        {"%{public}s", {"4%{public}s|/data/a"}}, {"got %s", {"4%{public}s|got ", "4%s|/data/a"}},
-        {"no placeholder", {"4%{public}s|no placeholder", "4%s|/data/a"}},
-        {"%s and %s", {"4%{public}s|%s and %s", "4%s|/data/a"}}, {"100%% %s", {"4%{public}s|100%% %s", "4%s|/data/a"}},
-        {"", {"4%s|/data/a"}}};
-    KoLogSetPrivateShown(true);
-    for (const auto& [text, lines] : cases) {
-        RecordingLogSink log;
-        UpdateLog::PrintLongLog(MIGRATE_KITS, Content(text, "/data/a"));
-        EXPECT_EQ(Lines(log), lines) << text;
-    }
-    KoLogSetPrivateShown(false);
 }
 
 TEST(UpdateLogTest, TextHelpers)
