@@ -8,6 +8,7 @@
 #include <variant>
 
 #include "native_migrate/migrate_protocol.h"
+#include "native_migrate/reserve_migrate_status_observer_stub.h"
 #include "parcel_access.h"
 #include "process_life.h"
 #include "support/requests.h"
@@ -25,6 +26,10 @@ using Field = std::variant<uint32_t, int32_t, bool, int64_t, std::string, sptr<I
 using Fields = std::vector<Field>;
 
 inline const sptr<IRemoteObject> AN_OBJECT(new IPCObjectStub);
+
+class Observer : public ReserveMigrateStatusObserverStub {
+    int32_t OnRestoreStatusChanged(const std::string&) override { return 0; }
+};
 
 inline void WriteFields(MessageParcel& parcel, const Fields& fields)
 {

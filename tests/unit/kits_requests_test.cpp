@@ -8,7 +8,6 @@
 #include "migrate_server_stub.h"
 #include "native_migrate/iset_backup_file_own_interface.h"
 #include "native_migrate/reserve_migrate_kits.h"
-#include "native_migrate/reserve_migrate_status_observer_stub.h"
 
 namespace VEXA::UpdateEngine {
 namespace {
@@ -66,9 +65,6 @@ struct OperationCase {
 #define CALL(...) [](Clients& both, [[maybe_unused]] Outputs& out) { return both.kits->__VA_ARGS__; }
 #define RESERVE(...) [](Clients& both, Outputs& out) { return both.reserve.__VA_ARGS__; }
 #define IMPL "MigrateServerKitsImpl::"
-class Observer : public ReserveMigrateStatusObserverStub {
-    int32_t OnRestoreStatusChanged(const std::string&) override { return 0; }
-};
 const char* const MIGRATION_FILE = "migrate_server_kits_impl.cpp";
 const sptr<IReserveMigrateStatusObserver> AN_OBSERVER(new Observer);
 const sptr<IRemoteObject> A_PROXY(new ScriptedRemoteObject);

@@ -3,15 +3,10 @@
 
 #include "kits_fixture.h"
 #include "native_migrate/reserve_migrate_kits.h"
-#include "native_migrate/reserve_migrate_status_observer_stub.h"
 #include "reserve_migrate_session.h"
 
 namespace VEXA::UpdateEngine {
 namespace {
-
-class Observer : public ReserveMigrateStatusObserverStub {
-    int32_t OnRestoreStatusChanged(const std::string&) override { return 0; }
-};
 
 const LinesOf CLIENT{"reserve_migrate_kits.cpp"};
 const Lines LOOKUP = CLIENT.Info({"GetService entry", "GetService recreate service instance"});
