@@ -207,7 +207,7 @@ private:
         if (!isKnown && fstatat(sourceFd, entry.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
             return HasVanished(errno) || FailReading();
         }
-        const unsigned char type = isKnown ? entry.type : IFTODT(status.st_mode);
+        const auto type = static_cast<unsigned char>(isKnown ? entry.type : IFTODT(status.st_mode));
         if (type == DT_DIR) {
             return CopyDirectory(sourceFd, entry.name, targetFd, entry.name, depth + 1);
         }
