@@ -1,14 +1,14 @@
 # SPDX-License-Identifier: Apache-2.0
 nm_test(service_engine_test
-    SOURCES service_catalog_test.cpp service_engine_test.cpp service_store_test.cpp
-        service_tree_test.cpp
+    SOURCES service_disk.cpp service_engine_test.cpp service_store_test.cpp service_tree_test.cpp
     USES migrate_engine vexa_testing nm_json nm_log vexa_json vexa_log vexa_base
     LINKS PkgConfig::SQLITE)
 
 nm_test(service_requests_test
-    SOURCES service_callbacks_test.cpp service_requests_test.cpp service_scenarios_test.cpp
+    SOURCES service_callbacks_test.cpp service_disk.cpp service_requests_test.cpp service_scenarios_test.cpp
     USES migrate_service migrate_engine vexa_testing nm_ipc nm_json nm_log vexa_ipc vexa_samgr vexa_want vexa_json
-        vexa_log vexa_base)
+        vexa_log vexa_base
+    LINKS PkgConfig::SQLITE)
 
 # For its support/.
 foreach(area engine requests)

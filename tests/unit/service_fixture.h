@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <functional>
 #include <set>
 
 #include "migration_engine.h"
@@ -93,8 +94,15 @@ private:
     const VEXA::test::TempDir root_;
 };
 
-// No room is left for the state: of the tests of the engine alone.
-extern std::atomic<bool> g_isStateFull;
+// Not 0: no room is left for the state.
+extern std::atomic<int> g_isStateFull;
+// 0 or more: the file system knows only plain renames, and the one of that number, counted from 1, fails.
+extern std::atomic<int> g_failingRename;
+extern std::atomic<int> g_freeBlocks;
+// Added to the birth of every directory, as if all had been made anew with the inodes of the old.
+extern std::atomic<int> g_later;
+// Answers, as an errno, when the disk is told to take everything. Set before an engine that waits for the disk starts.
+extern std::function<int()> g_disk;
 
 inline constexpr auto kFinished = static_cast<int32_t>(TaskStatus::FINISHED);
 
@@ -129,6 +137,14 @@ protected:
     static constexpr size_t kLarge = 2000000;
     static constexpr uint64_t kSlow = 4000000;  // half a second for the above
 
+    void TearDown() override
+    {
+        engine.reset();
+        g_isStateFull = 0;
+        g_failingRename = -1;
+        g_freeBlocks = 1 << 30;
+        g_later = 0;
+    }
     virtual EngineListener& Listener() { return listener; }
     // Ends the engine before, as a restart of the service does.
     void Open(uint64_t bytesPerSecond = 0, bool sync = false, const std::string& stateFile = "")

@@ -26,12 +26,13 @@ protected:
             engine->Stop();
         }
         hub->Close();
+        EngineTest::TearDown();
     }
     EngineListener& Listener() override { return *hub; }
-    void Run(uint64_t bytesPerSecond = 0, bool works = true)
+    void Run(uint64_t bytesPerSecond = 0, bool works = true, bool sync = false, const std::string& stateFile = "")
     {
         stub = nullptr;
-        Open(bytesPerSecond);
+        Open(bytesPerSecond, sync, stateFile);
         hub->Attach(engine);
         std::promise<RequestParts> parts;
         parts.set_value({engine, engine, engine, hub});

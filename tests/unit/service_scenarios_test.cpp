@@ -25,6 +25,22 @@ struct Scenario {
     friend void PrintTo(const Scenario& scenario, std::ostream* out) { *out << scenario.title; }
 };
 
+// "a<3*bc>" stands for "abcbcbc".
+std::string Expand(const std::string& text)
+{
+    const size_t begin = text.find('<');
+    const size_t end = text.find('>', begin);
+    if (end == std::string::npos) {
+        return text;
+    }
+    const size_t star = text.find('*', begin);
+    std::string expanded = text.substr(0, begin);
+    for (int count = std::stoi(text.substr(begin + 1)); count > 0; --count) {
+        expanded += text.substr(star + 1, end - star - 1);
+    }
+    return expanded + Expand(text.substr(end + 1));
+}
+
 std::vector<Scenario> ReadScenarios()
 {
     std::vector<Scenario> scenarios;
@@ -34,7 +50,7 @@ std::vector<Scenario> ReadScenarios()
         if (!line.empty() && line[0] == '=') {
             scenarios.push_back({rest});
         } else if (!line.empty() && line[0] != '#') {
-            scenarios.back().steps.emplace_back(line[0], rest);
+            scenarios.back().steps.emplace_back(line[0], Expand(rest));
         }
     }
     return scenarios;
@@ -47,6 +63,9 @@ std::string TakeWord(std::string& text, char separator = ' ')
     text.erase(0, word.size() + 1);
     return word;
 }
+
+const std::map<std::string, std::atomic<int>*> FAULTS{
+    {"state", &g_isStateFull}, {"rename", &g_failingRename}, {"room", &g_freeBlocks}, {"births", &g_later}};
 
 class ServiceScenarios : public RequestsTest, public testing::WithParamInterface<Scenario> {
 protected:
@@ -72,8 +91,16 @@ protected:
                 return fs::remove_all(file), true;
             case 'm':
                 return fs::rename(file, folders.Root() / more), true;
+            case 'z':
+                return fs::resize_file(file, std::stoul(more)), true;
+            case 'd':
+                g_disk = [reason = std::stoi(rest)] { return reason; };
+                return true;
+            case 'f':
+                return *FAULTS.at(TakeWord(rest)) = std::stoi(more), true;
             case 'r':
-                return Run(rest == "slow" ? kSlow : 0, rest != "idle"), true;
+                Run(rest == "slow" ? kSlow : 0, rest != "idle", rest == "sync", rest.ends_with(".db") ? file : "");
+                return true;
             case 's':
                 stub = nullptr;
                 engine.reset();
@@ -122,7 +149,7 @@ protected:
                 heard_ = listener.Heard().size();
                 break;
             case 'l':
-                EXPECT_EQ(Lines(), rest + "\n");
+                EXPECT_TRUE(Eventually([&] { return Lines() == rest + "\n"; })) << Lines();
                 log.Clear();
                 break;
             default:
