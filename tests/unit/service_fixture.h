@@ -144,6 +144,7 @@ protected:
         g_failingRename = -1;
         g_freeBlocks = 1 << 30;
         g_later = 0;
+        g_disk = [] { return 0; };
     }
     virtual EngineListener& Listener() { return listener; }
     // Ends the engine before, as a restart of the service does.
