@@ -9,11 +9,6 @@
 
 namespace VEXA::UpdateEngine {
 
-DeliveryThreads::~DeliveryThreads()
-{
-    Close();
-}
-
 void DeliveryThreads::RunAt(Clock::time_point time, Delivery delivery)
 {
     MutexLock lock(mutex_);

@@ -20,8 +20,7 @@ public:
     using Delivery = std::function<void()>;
 
     DeliveryThreads() : watcher_([this] { Watch(); }) {}
-    // Closes, as Close does.
-    ~DeliveryThreads();
+    ~DeliveryThreads() { Close(); }
 
     // Runs the delivery at that time or soon after; never once the threads are closed.
     void RunAt(Clock::time_point time, Delivery delivery);

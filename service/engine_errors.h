@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "native_migrate/migrate_records.h"
 #include "native_migrate/migrate_results.h"
@@ -13,6 +14,12 @@ namespace VEXA::UpdateEngine {
 inline BusinessError MakeError(int32_t number, const std::string& message)
 {
     return {message, number, {}};
+}
+
+// No error when there are no faults.
+inline BusinessError SomePackages(const std::string& message, const std::vector<ErrorMessage>& faults)
+{
+    return faults.empty() ? BusinessError() : BusinessError{message, MIGRATE_ERROR_SOME_PACKAGES, faults};
 }
 
 inline BusinessError StateError()

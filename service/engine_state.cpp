@@ -9,7 +9,6 @@
 
 #include "engine_errors.h"
 #include "json_parse.h"
-#include "state_file.h"
 
 namespace VEXA::UpdateEngine {
 
@@ -156,11 +155,6 @@ BusinessError EngineState::AddTask(const Task& task, StateChange& change)
     return added->error.code != 0 ? MakeError(added->error.code, added->error.reason) : BusinessError();
 }
 
-bool EngineState::MayGoOn(uint32_t id) const
-{
-    return !isStopping && store->Tasks().Find(id) != nullptr;
-}
-
 void EngineState::Report(const Task& task)
 {
     if (task.kind == TaskKind::MIGRATE) {
@@ -174,11 +168,6 @@ void EngineState::Wake()
 {
     ++turn;
     changed.NotifyAll();
-}
-
-bool EngineState::SyncState() const
-{
-    return !options.sync || SyncStateFile(options.stateFile);
 }
 
 StateChange::StateChange(EngineState& state, IfNotWritten ifNotWritten) VEXA_NO_THREAD_SAFETY_ANALYSIS

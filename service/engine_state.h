@@ -12,6 +12,7 @@
 #include "native_migrate/migrate_records.h"
 #include "package_catalog.h"
 #include "service_records.h"
+#include "state_file.h"
 #include "target_directory.h"
 #include "task_store.h"
 #include "throttle.h"
@@ -86,12 +87,12 @@ public:
     // when it has one.
     BusinessError AddTask(const Task& task, StateChange& change) VEXA_REQUIRES(mutex);
     // False when a worker's task is gone, or the engine ends.
-    bool MayGoOn(uint32_t id) const VEXA_REQUIRES(mutex);
+    bool MayGoOn(uint32_t id) const VEXA_REQUIRES(mutex) { return !isStopping && store->Tasks().Find(id) != nullptr; }
     void Report(const Task& task) VEXA_REQUIRES(mutex);
     // Makes the workers look again for work, and whether their present work is still wanted.
     void Wake() VEXA_REQUIRES(mutex);
     // Waits until the disk has what has been committed. False, with errno, when it can't take it.
-    bool SyncState() const VEXA_EXCLUDES(mutex);
+    bool SyncState() const VEXA_EXCLUDES(mutex) { return !options.sync || SyncStateFile(options.stateFile); }
 
     const EngineOptions options;
     EngineListener& listener;

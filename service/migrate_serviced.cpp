@@ -23,11 +23,6 @@ namespace {
 using namespace VEXA;
 using namespace VEXA::UpdateEngine;
 
-struct ServiceOptions {
-    EngineOptions engine;
-    std::string controlGroup;
-};
-
 // Returns the group of that name; without a value when the name is empty, or no group has it, which is logged.
 std::optional<gid_t> FindGroup(const std::string& name)
 {
@@ -57,7 +52,7 @@ bool Register(const sptr<IRemoteObject>& object)
     return result == SAMGR_OK;
 }
 
-int Run(const ServiceOptions& options)
+int Run(const EngineOptions& options, const std::string& controlGroup)
 {
     // The signals are blocked before the first thread starts, so that no thread takes one of them.
     sigset_t stop;
@@ -68,10 +63,10 @@ int Run(const ServiceOptions& options)
 
     std::string error;
     std::promise<RequestParts> parts;
-    const sptr<IRemoteObject> stub(new MigrateServerStub(parts.get_future().share(), FindGroup(options.controlGroup)));
+    const sptr<IRemoteObject> stub(new MigrateServerStub(parts.get_future().share(), FindGroup(controlGroup)));
     const auto hub = std::make_shared<CallbackHub>();
     const std::shared_ptr<MigrationEngine> engine =
-        MigrationEngine::Open(options.engine, *hub, error, [&stub] { return Register(stub); });
+        MigrationEngine::Open(options, *hub, error, [&stub] { return Register(stub); });
     if (engine == nullptr) {
         fprintf(stderr, "%s", error.empty() ? "" : ("migrate_serviced: " + error + "\n").c_str());
         return 1;
@@ -79,7 +74,7 @@ int Run(const ServiceOptions& options)
     hub->Attach(engine);
     parts.set_value({engine, engine, engine, hub});
     engine->Start();
-    SA_LOGI("serving %{public}s to %{public}s", options.engine.source.c_str(), options.engine.target.c_str());
+    SA_LOGI("serving %{public}s to %{public}s", options.source.c_str(), options.target.c_str());
     int signal = 0;
     sigwait(&stop, &signal);
     SA_LOGI("ends on signal %{public}d", signal);
@@ -96,22 +91,22 @@ int Run(const ServiceOptions& options)
 int main(int argc, char** argv)
 {
     OccupyStandardStreams();
-    ServiceOptions options;
-    EngineOptions& engine = options.engine;
+    EngineOptions options;
+    std::string controlGroup;
     // Without it the parser takes numbers that are negative or do not fit, and changes them.
     const CLI::Range isCount(int64_t{0}, int64_t{1} << 60);
     CLI::App app("The reference migration service: moves packages from one directory to another.", "migrate_serviced");
-    app.add_option("--source", engine.source, "Directory that holds the packages")->required();
-    app.add_option("--target", engine.target, "Directory that they are moved to")->required();
+    app.add_option("--source", options.source, "Directory that holds the packages")->required();
+    app.add_option("--target", options.target, "Directory that they are moved to")->required();
     app.add_option(
-        "--state", engine.stateFile, "File that the service keeps its state in (default: .migrate-state.db there)");
-    app.add_option("--throttle", engine.bytesPerSecond, "Bytes that are copied in a second, at most; 0: no limit")
+        "--state", options.stateFile, "File that the service keeps its state in (default: .migrate-state.db there)");
+    app.add_option("--throttle", options.bytesPerSecond, "Bytes that are copied in a second, at most; 0: no limit")
         ->envname("MIGRATE_THROTTLE")
         ->check(isCount);
     app.add_flag_callback(
-        "--no-sync", [&engine] { engine.sync = false; },
+        "--no-sync", [&options] { options.sync = false; },
         "Does not wait for the disk: faster, but a loss of power may cost packages that count as placed");
-    app.add_option("--control-group", options.controlGroup,
+    app.add_option("--control-group", controlGroup,
         "Group that may change something, besides root and the user that this program runs as");
     app.set_version_flag("--version", "migrate_serviced " VEXA_VERSION);
     constexpr int kUsage = 2;
@@ -124,5 +119,5 @@ int main(int argc, char** argv)
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : kUsage;
     }
-    return Run(options);
+    return Run(options, controlGroup);
 }

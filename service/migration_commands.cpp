@@ -30,7 +30,7 @@ BusinessError MigrationCommands::StartAll()
     }
     TaskStore& store = *state_.store;
     const PresetChoices choices = state_.Choices();
-    BusinessError error;
+    std::vector<ErrorMessage> faults;
     for (const TaskRef& task : store.Tasks().Select(TaskKind::MIGRATE, [](const Task&) { return true; })) {
         change.Breathe();
         store.Erase(task->id);
@@ -44,7 +44,7 @@ BusinessError MigrationCommands::StartAll()
         added.push_back(store.Add(one.MakeTask()));
         const Task& task = *added.back();
         if (task.error.code != 0) {
-            error.data.push_back({task.error.code, task.source + ": " + task.error.reason});
+            faults.push_back({task.error.code, task.source + ": " + task.error.reason});
         }
     }
     state_.BeginRun();
@@ -57,16 +57,7 @@ BusinessError MigrationCommands::StartAll()
         state_.Report(*task);
     }
     state_.Wake();
-    if (!error.data.empty()) {
-        error.errorNum = MIGRATE_ERROR_SOME_PACKAGES;
-        error.message = "some packages can't be migrated";
-    }
-    return error;
-}
-
-BusinessError MigrationCommands::StartPackage(const Name& name)
-{
-    return StartPackageAs(name, "", {});
+    return SomePackages("some packages can't be migrated", faults);
 }
 
 BusinessError MigrationCommands::StartPackageAs(
@@ -94,9 +85,8 @@ BusinessError MigrationCommands::StartPackageAs(
     }
     Task task = known.MakeTask();
     if (task.error.code != 0) {
-        BusinessError error = MakeError(task.error.code, "it can't be migrated");
-        error.data.push_back({task.error.code, task.source + ": " + task.error.reason});
-        return error;
+        const ErrorMessage reason{task.error.code, task.source + ": " + task.error.reason};
+        return {"it can't be migrated", task.error.code, {reason}};
     }
     task.priority = parameters.priority;
     return state_.AddTask(task, change);
@@ -138,16 +128,6 @@ BusinessError MigrationCommands::RemoveUser(User user)
 BusinessError MigrationCommands::RemovePackage(const Name& name)
 {
     return Remove([&name](const Task& task) { return task.IsCalled(name); });
-}
-
-BusinessError MigrationCommands::Pause(TaskPauseReason reason)
-{
-    return Switch(TaskStatus::RUNNING, TaskStatus::PAUSED, reason);
-}
-
-BusinessError MigrationCommands::Resume()
-{
-    return Switch(TaskStatus::PAUSED, TaskStatus::RUNNING, TaskPauseReason::NONE);
 }
 
 BusinessError MigrationCommands::Switch(TaskStatus from, TaskStatus to, TaskPauseReason reason)

@@ -18,15 +18,15 @@ public:
     // each package that can't be migrated, and the others are.
     BusinessError StartAll();
     // Adds one package to the migration.
-    BusinessError StartPackage(const Name& name);
+    BusinessError StartPackage(const Name& name) { return StartPackageAs(name, "", {}); }
     // The same under the target name `targetName`, unless that is empty.
     BusinessError StartPackageAs(
         const Name& name, const std::string& targetName, const PakMigrationParameters& parameters);
     // Drops tasks; one that is being copied ends without a trace. What is in its place stays there.
     BusinessError RemoveUser(User user);
     BusinessError RemovePackage(const Name& name);
-    BusinessError Pause(TaskPauseReason reason);
-    BusinessError Resume();
+    BusinessError Pause(TaskPauseReason reason) { return Switch(TaskStatus::RUNNING, TaskStatus::PAUSED, reason); }
+    BusinessError Resume() { return Switch(TaskStatus::PAUSED, TaskStatus::RUNNING, TaskPauseReason::NONE); }
     // Pauses, resumes, or drops every task.
     BusinessError Notify(const MigrationEvent& event);
     BusinessError SetPolicy(Policy policy);

@@ -37,15 +37,6 @@ std::unique_ptr<MigrationEngine> MigrationEngine::Open(
     return std::unique_ptr<MigrationEngine>(new MigrationEngine(std::move(state)));
 }
 
-MigrationEngine::MigrationEngine(std::unique_ptr<EngineState> state)
-    : MigrationQueries(*state), MigrationCommands(*state), Reservations(*state), state_(std::move(state))
-{}
-
-MigrationEngine::~MigrationEngine()
-{
-    Stop();
-}
-
 void MigrationEngine::Start()
 {
     for (const TaskKind kind : {TaskKind::MIGRATE, TaskKind::RESTORE}) {

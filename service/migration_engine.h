@@ -32,8 +32,7 @@ public:
     // from it is the end, without a reason.
     static std::unique_ptr<MigrationEngine> Open(EngineOptions options, EngineListener& listener, std::string& error,
         std::function<bool()> beforeChecks = nullptr);
-    // Stops, as Stop does.
-    ~MigrationEngine();
+    ~MigrationEngine() { Stop(); }
     MigrationEngine(const MigrationEngine&) = delete;
     MigrationEngine& operator=(const MigrationEngine&) = delete;
 
@@ -44,7 +43,9 @@ public:
     void Stop();
 
 private:
-    explicit MigrationEngine(std::unique_ptr<EngineState> state);
+    explicit MigrationEngine(std::unique_ptr<EngineState> state)
+        : MigrationQueries(*state), MigrationCommands(*state), Reservations(*state), state_(std::move(state))
+    {}
 
     const std::unique_ptr<EngineState> state_;
     std::vector<std::thread> workers_;

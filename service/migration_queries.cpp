@@ -188,7 +188,7 @@ BusinessError MigrationQueries::GetModulePolicies(
 
 BusinessError MigrationQueries::GetDataSize(int64_t& bytes) const
 {
-    BusinessError error;
+    std::vector<ErrorMessage> faults;
     TreeSize size;
     const auto goOn = [this] { return !state_.isStopping; };
     BusinessError fault = ForEach([&, choices = Choices()](const KnownPackage& one) {
@@ -198,15 +198,11 @@ BusinessError MigrationQueries::GetDataSize(int64_t& bytes) const
         }
         const ErrorInfo reason = MeasureTree(state_.source.Get(), directory, state_.target->Fd(), goOn, size);
         if (reason.code != 0) {
-            error.data.push_back({reason.code, directory + ": " + reason.reason});
+            faults.push_back({reason.code, directory + ": " + reason.reason});
         }
     });
     bytes = static_cast<int64_t>(size.bytes);
-    if (!error.data.empty()) {
-        error.errorNum = MIGRATE_ERROR_SOME_PACKAGES;
-        error.message = "some packages can't be measured";
-    }
-    return fault.errorNum != 0 ? fault : error;
+    return fault.errorNum != 0 ? fault : SomePackages("some packages can't be measured", faults);
 }
 
 BusinessError MigrationQueries::GetPackageStatus(const Name& name, ReserveMigrationStatus& status) const

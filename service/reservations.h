@@ -32,13 +32,11 @@ public:
     BusinessError AdjustPriority(const Name& name, NumberText priority);
 
 private:
-    // All applications that are set aside.
     BusinessError ReadReserved(std::vector<KnownPackage>& packages) const;
     // Does that with the application of that name, if there is one.
     BusinessError WithReserved(
         const std::string& name, const std::function<BusinessError(const KnownPackage&)>& act) const;
     BusinessError Clear(std::vector<KnownPackage> packages, const std::string& scene, bool isAll);
-    // Notes that they are to leave their places.
     BusinessError NoteLeaving(const std::vector<KnownPackage>& packages, bool isAll) VEXA_EXCLUDES(state_.mutex);
     BusinessError TakeAway(const KnownPackage& package, bool isNoted) VEXA_EXCLUDES(state_.mutex);
 

@@ -22,7 +22,6 @@ namespace {
 
 constexpr int kOpenDirectory = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
 
-// Takes a number off the front of the text.
 bool TakeNumber(std::string_view& text, int64_t& number)
 {
     const auto [end, fault] = std::from_chars(text.data(), text.data() + text.size(), number);

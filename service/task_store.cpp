@@ -50,10 +50,10 @@ void Distrust(Task& task)
 
 std::unique_ptr<TaskStore> TaskStore::Open(std::string path, std::string& error, std::function<bool()> beforeLoad)
 {
-    if (!PrepareStateFile(path, error)) {
-        return nullptr;
-    }
     for (const bool isNew : {false, true}) {
+        if (!PrepareStateFile(path, error)) {
+            return nullptr;
+        }
         bool isDamaged = false;
         if (auto database = Database::Open(path, error, isDamaged)) {
             std::unique_ptr<TaskStore> store(new TaskStore(std::move(database)));
@@ -65,7 +65,7 @@ std::unique_ptr<TaskStore> TaskStore::Open(std::string path, std::string& error,
             break;
         }
         SA_LOGE("the state is damaged and is set aside: %{public}s", error.c_str());
-        if (!SetStateAside(path, error) || !PrepareStateFile(path, error)) {
+        if (!SetStateAside(path, error)) {
             return nullptr;
         }
     }
@@ -126,7 +126,7 @@ bool TaskStore::Load(std::function<bool()>& beforeLoad, std::string& error, bool
         }
     });
     load("SELECT * FROM value", [this](Row& row) {
-        int64_t key = 0;
+        StateValue key = {};
         row.Read(key);
         row.Read(values_[key]);
     });
@@ -208,15 +208,14 @@ void TaskStore::SavePlaced(const std::string& target, const Placed* placed)
 
 int64_t TaskStore::Get(StateValue key) const
 {
-    const auto found = values_.find(static_cast<int64_t>(key));
+    const auto found = values_.find(key);
     return found != values_.end() ? found->second : 0;
 }
 
 void TaskStore::Set(StateValue key, int64_t value)
 {
-    const auto number = static_cast<int64_t>(key);
-    Put(values_, number, std::optional(value));
-    Write("INSERT OR REPLACE INTO value VALUES (?, ?)", number, value);
+    Put(values_, key, std::optional(value));
+    Write("INSERT OR REPLACE INTO value VALUES (?, ?)", key, value);
 }
 
 void TaskStore::SetPreset(const std::string& text)

@@ -81,7 +81,7 @@ private:
     const std::unique_ptr<Database> database_;
     TaskTable tasks_;
     std::map<std::string, Placed> placed_;  // by target
-    std::map<int64_t, int64_t> values_;
+    std::map<StateValue, int64_t> values_;
     std::map<std::string, int32_t> priorities_;
     std::string preset_;
     bool isBehind_ = false;   // the disk lacks something that memory has

@@ -20,6 +20,7 @@ namespace VEXA::UpdateEngine {
 
 namespace {
 
+constexpr mode_t kPrivate = 0700;
 constexpr int kOpenDirectory = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 // True when the errno says that an entry is not there any more, or is something else by now.
@@ -45,8 +46,7 @@ protected:
         }
         return false;
     }
-    bool Fail(int32_t code, const std::string& reason, bool canRetry = false) { return Fail({code, reason, canRetry}); }
-    bool FailReading() { return Fail(MIGRATE_ERROR_UNREADABLE, strerror(errno)); }
+    bool FailReading() { return Fail({MIGRATE_ERROR_UNREADABLE, strerror(errno), false}); }
     bool FailWriting() { return Fail(WriteFault(errno)); }
     bool FailStopped() { return Fail(Stopped()); }
 
@@ -61,9 +61,9 @@ protected:
         if (directory == nullptr || fstat(dirfd(directory.get()), &status) != 0) {
             FailReading();
         } else if (depth > kMaxTreeDepth) {
-            Fail(MIGRATE_ERROR_UNSUPPORTED, "directories are nested too deeply");
+            Fail({MIGRATE_ERROR_UNSUPPORTED, "directories are nested too deeply", false});
         } else if (status.st_dev == target_.st_dev && status.st_ino == target_.st_ino) {
-            Fail(MIGRATE_ERROR_UNSUPPORTED, "holds the target");
+            Fail({MIGRATE_ERROR_UNSUPPORTED, "holds the target", false});
         } else {
             return directory;
         }
@@ -95,6 +95,13 @@ private:
     ErrorInfo fault_;
     std::string path_;
 };
+
+void Count(const struct stat& status, TreeSize& size)
+{
+    size.files++;
+    size.bytes += S_ISREG(status.st_mode) ? static_cast<uint64_t>(status.st_size) : 0;
+    size.space += static_cast<uint64_t>(status.st_blocks) * 512;
+}
 
 // A digest of everything that changes with a file or directory. It includes the ctime, which nobody can set back.
 uint64_t DigestOf(const struct stat& status)
@@ -129,8 +136,8 @@ public:
             std::sort(seen_.begin(), seen_.end());
             known_ = std::exchange(seen_, {});
         }
-        Fail(MIGRATE_ERROR_CHANGED, lastChange_ + (lastChange_.empty() ? "" : ": ") + "changed while it was copied",
-            true);
+        Fail({MIGRATE_ERROR_CHANGED, lastChange_ + (lastChange_.empty() ? "" : ": ") + "changed while it was copied",
+            true});
     }
 
 private:
@@ -142,9 +149,7 @@ private:
             return false;
         }
         changes_++;
-        if (look_ > 0) {
-            lastChange_ = Path();
-        }
+        lastChange_ = Path();
         return true;
     }
 
@@ -167,10 +172,9 @@ private:
         if (isNew && look_ > 0 && !RemoveVanished(dirfd(source.get()), target.Get())) {
             return FailWriting();
         }
-        const int copy = target.Get();
         return ForEachEntry(source, [&](const Entry& entry) {
-            return CopyEntry(dirfd(source.get()), entry, copy, depth);
-        }) && (changes_ == before || Finish(dirfd(source.get()), copy, status));
+            return CopyEntry(dirfd(source.get()), entry, target.Get(), depth);
+        }) && (changes_ == before || Finish(dirfd(source.get()), target.Get(), status));
     }
 
     int OpenCopy(int parentFd, const std::string& name, int depth)
@@ -215,10 +219,10 @@ private:
             return CopyFile(sourceFd, entry.name, targetFd);
         }
         if (type != DT_REG && type != DT_LNK) {
-            return Fail(MIGRATE_ERROR_UNSUPPORTED, "is no file, directory or symbolic link");
+            return Fail({MIGRATE_ERROR_UNSUPPORTED, "is no file, directory or symbolic link", false});
         }
         if (!IsNew(status)) {
-            Count(status);
+            Count(status, copied_.size);
             return true;
         }
         if (!MakeFree(targetFd, entry.name)) {
@@ -226,12 +230,6 @@ private:
         }
         return type == DT_REG ? CopyFile(sourceFd, entry.name, targetFd)
                               : CopyLink(sourceFd, entry.name, targetFd, status);
-    }
-
-    void Count(const struct stat& status)
-    {
-        copied_.size.files++;
-        copied_.size.bytes += S_ISREG(status.st_mode) ? static_cast<uint64_t>(status.st_size) : 0;
     }
 
     bool CopyFile(int sourceFd, const std::string& name, int targetFd)
@@ -262,7 +260,7 @@ private:
         if (!files_.CopyContent(source.Get(), target.Get(), status, advance)) {
             return FailCopying();
         }
-        Count(status);
+        Count(status, copied_.size);
         return goesOn ? Finish(source.Get(), target.Get(), status) : FailStopped();
     }
 
@@ -280,7 +278,7 @@ private:
             utimensat(targetFd, name.c_str(), times.data(), AT_SYMLINK_NOFOLLOW) != 0) {
             return FailWriting();
         }
-        Count(status);
+        Count(status, copied_.size);
         return true;
     }
 
@@ -292,7 +290,6 @@ private:
     }
     bool FailCopying() { return files_.HasFailedReading() ? FailReading() : FailWriting(); }
 
-    static constexpr mode_t kPrivate = 0700;
     const CopyControl& control_;
     CopiedTree& copied_;
     FileCopier files_;
@@ -323,9 +320,7 @@ public:
             if (entry.type == DT_DIR || S_ISDIR(status.st_mode)) {
                 return MeasureDirectory(dirfd(directory.get()), entry.name, depth + 1);
             }
-            size_.files++;
-            size_.bytes += S_ISREG(status.st_mode) ? static_cast<uint64_t>(status.st_size) : 0;
-            size_.space += static_cast<uint64_t>(status.st_blocks) * 512;
+            Count(status, size_);
             return true;
         });
     }
@@ -336,7 +331,6 @@ private:
 
 bool RemoveDirectory(int parentFd, const std::string& name, const std::function<bool()>& goOn, int depth)
 {
-    constexpr mode_t kPrivate = 0700;
     Directory directory = OpenDirectory(parentFd, name);
     if (directory == nullptr && errno == EACCES && fchmodat(parentFd, name.c_str(), kPrivate, 0) == 0) {
         directory = OpenDirectory(parentFd, name);
