@@ -21,7 +21,7 @@ public:
     // False when the event is of a task that Refresh has not named yet.
     bool Update(const EventInfo& event);
     // Takes the bars away; later output is on lines of its own.
-    void Finish() { Erase(); }
+    void Erase();
 
 private:
     struct Row {
@@ -40,7 +40,6 @@ private:
     void PrintCut(const std::string& text) const;
     void PrintLine(Row& row) const;
     void Draw();
-    void Erase();
 
     const ScreenWidth width_;
     int barsDrawn_ = 0;

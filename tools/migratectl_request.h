@@ -15,18 +15,15 @@
 namespace migratectl {
 
 template <typename Kits>
-Kits& Client();
-template <>
-inline MigrateServerKits& Client()
+Kits& Client()
 {
-    return MigrateServerKits::GetKitsInstance();
-}
-// The object is never destroyed, because its threads may outlive main.
-template <>
-inline ReserveMigrateKits& Client()
-{
-    static auto* const kits = new ReserveMigrateKits;
-    return *kits;
+    if constexpr (std::is_same_v<Kits, MigrateServerKits>) {
+        return MigrateServerKits::GetKitsInstance();
+    } else {
+        // The object is never destroyed, because its threads may outlive main.
+        static auto* const kits = new Kits;
+        return *kits;
+    }
 }
 
 // Shows a reply to people: a number as a size, names as lines, a record as its fields, and a list of records as a

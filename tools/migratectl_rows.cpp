@@ -95,6 +95,7 @@ int32_t ListServices(const Line&, std::string& services)
 }
 
 const Argument kStage = Value("--stage", &Line::stage, "all, prepare, download, install, restore or finish", kIsStage);
+const Argument kApp = Required(Value("name", &Line::name, "", IS_NAME));
 
 const Command kCommands[] = {
     {"", "status", "The state of the migration", {kStage}, Request(&Kits::GetMigrateStatus, &Line::stage)},
@@ -139,22 +140,20 @@ const Command kCommands[] = {
         {Value("name", &Line::name, "Only this one", IS_NAME),
             Value("--scene", &Line::scene, "Only those of this scene")},
         Request(ShowEvents, &Reserve::GetRestoreAppStatus, &Line::name, &Line::scene)},
-    {"reserve", "check", "Whether one can be restored", {Required(Value("name", &Line::name, "", IS_NAME))},
+    {"reserve", "check", "Whether one can be restored", {kApp},
         Request(ShowCheck, &Kits::CheckAppRestore, &Line::name)},
     {"reserve", "restore", "Restores one to the target",
-        {Required(Value("name", &Line::name, "", IS_NAME)), Value("--scene", &Line::scene, "What it is restored for"),
+        {kApp, Value("--scene", &Line::scene, "What it is restored for"),
             Value("--wait", &Line::waits, "Until it is restored")},
         RestoreApp},
     {"reserve", "clear", "Takes away what was restored of one",
-        {Required(Value("name", &Line::name, "", IS_NAME)),
-            Value("--scene", &Line::scene, "Only if it is of this scene")},
+        {kApp, Value("--scene", &Line::scene, "Only if it is of this scene")},
         Request(kAnError, &Reserve::ClearApp, &Line::name, &Line::scene)},
     {"reserve", "clear-all", "Takes away everything that was restored",
         {Value("--scene", &Line::scene, "Only what is of this scene")},
         Request(kAnError, &Reserve::ClearAllVirtualData, &Line::scene)},
     {"reserve", "priority", "Which are restored first",
-        {Required(Value("name", &Line::name, "", IS_NAME)),
-            Required(Value("priority", &Line::number, "Higher goes first; 0 unless set"))},
+        {kApp, Required(Value("priority", &Line::number, "Higher goes first; 0 unless set"))},
         Request(kAnError, SetPriority)},
     {"reserve", "watch", "Shows every change of their status",
         {Value("--seconds", &Line::number, "For so long; else until interrupted", CLI::Range(0, INT32_MAX))},

@@ -8,7 +8,6 @@
 
 namespace migratectl {
 
-// Names and values of a record.
 using Fields = std::vector<std::pair<std::string, std::string>>;
 
 // A row's names are the header. Columns are as wide as their longest value; with a width, the widest ones are cut until

@@ -61,7 +61,6 @@ public:
         const bool isPatient = Clock::now() - lastAnswer_ < kPatience;
         return isPatient ? std::nullopt : std::optional(Judge(line_.options, line_.command, result));
     }
-    // True when the last question was answered.
     bool IsAnswered() const { return isAnswered_; }
 
 private:
@@ -132,7 +131,7 @@ public:
             }
             if (status.has_value()) {
                 isShowing_ = false;
-                view_.Finish();
+                view_.Erase();
                 return *status;
             }
             changed_.WaitFor(mutex_, kLook, [this]() VEXA_REQUIRES(mutex_) { return isStale_; });
@@ -182,8 +181,8 @@ int StartMigration(const CommandLine& line)
     const bool isBegun = status == EXIT_DONE;
     if (isBegun || error.errorNum == MIGRATE_ERROR_SOME_PACKAGES || error.errorNum == MIGRATE_ERROR_BUSY) {
         status = watcher->Run({line, MigrateStage::NONE, !isBegun});
-        static const Action showAll = Request(ShowResult, &MigrateServerKits::GetMigrateResult);
-        static const Action showOne = Request(&MigrateServerKits::GetPakMigrationTaskStatus, &CommandLine::name);
+        const Action showAll = Request(ShowResult, &MigrateServerKits::GetMigrateResult);
+        const Action showOne = Request(&MigrateServerKits::GetPakMigrationTaskStatus, &CommandLine::name);
         (line.name.empty() ? showAll : showOne)(line);
     }
     kits.Off();
@@ -193,9 +192,8 @@ int StartMigration(const CommandLine& line)
 int RestoreApp(const CommandLine& line)
 {
     constexpr std::chrono::milliseconds kLook(200);
-    static const Action restore =
-        Request(kAnError, &ReserveMigrateKits::RestoreApp, &CommandLine::name, &CommandLine::scene);
-    static const Action show =
+    const Action restore = Request(kAnError, &ReserveMigrateKits::RestoreApp, &CommandLine::name, &CommandLine::scene);
+    const Action show =
         Request(ShowEvents, &ReserveMigrateKits::GetRestoreAppStatus, &CommandLine::name, &CommandLine::scene);
     if (const int status = restore(line); status != EXIT_DONE || !line.waits) {
         return status;

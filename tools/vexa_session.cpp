@@ -54,11 +54,8 @@ int ExitStatus(int waitStatus)
     return WIFSIGNALED(waitStatus) ? 128 + WTERMSIG(waitStatus) : WEXITSTATUS(waitStatus);
 }
 
-std::string FindManager(const std::string& wanted)
+std::string InstalledManager()
 {
-    if (!wanted.empty()) {
-        return wanted;
-    }
     std::error_code error;
     const auto folder = std::filesystem::read_symlink("/proc/self/exe", error).parent_path();
     const std::string beside = folder / "samgrd";
@@ -119,9 +116,7 @@ public:
         EndAll();
         ShowTrace();
         std::error_code error;
-        if (!folder_.empty()) {
-            std::filesystem::remove_all(folder_, error);
-        }
+        std::filesystem::remove_all(folder_, error);
         return stoppedBy_ != 0 && status == kSessionFailed ? 128 + stoppedBy_ : status;
     }
 
@@ -150,8 +145,7 @@ private:
             return Complain(parent.c_str());
         }
         folder_ = folder;
-        runtimeDirectory_ = folder_ + "/run";
-        return mkdir(runtimeDirectory_.c_str(), 0700) == 0 || Complain(runtimeDirectory_.c_str());
+        return mkdir(RuntimePath().c_str(), 0700) == 0 || Complain(RuntimePath().c_str());
     }
 
     // The socket on which the manager says that it is ready, as it would to a service manager.
@@ -165,6 +159,7 @@ private:
         return (notify_ >= 0 && bind(notify_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) ||
                Complain("socket");
     }
+    std::string RuntimePath() const { return folder_ + "/run"; }
     std::string NotifyPath() const { return folder_ + "/notify"; }
 
     bool StartManager()
@@ -172,7 +167,7 @@ private:
         if (!OpenNotifySocket()) {
             return false;
         }
-        std::vector<std::string> arguments{FindManager(options_.manager)};
+        std::vector<std::string> arguments{options_.manager.empty() ? InstalledManager() : options_.manager};
         for (const std::string& profiles : options_.profiles) {
             arguments.insert(arguments.end(), {"--profiles", profiles});
         }
@@ -188,7 +183,7 @@ private:
         if (const pid_t pid = Fork(); pid != 0) {
             return pid;
         }
-        setenv("VEXA_RUNTIME_DIR", runtimeDirectory_.c_str(), 1);
+        setenv("VEXA_RUNTIME_DIR", RuntimePath().c_str(), 1);
         if (!options_.trace.empty()) {
             setenv("VEXA_TRACE", (folder_ + options_.trace).c_str(), 1);
         }
@@ -322,7 +317,6 @@ private:
     int signals_ = -1;
     int notify_ = -1;
     std::string folder_;
-    std::string runtimeDirectory_;
     pid_t manager_ = 0;  // 0 before its start, -1 after its end
     pid_t command_ = 0;
     int managerStatus_ = 0;
