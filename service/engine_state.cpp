@@ -118,13 +118,12 @@ PresetChoices EngineState::Choices() const
 
 void EngineState::BeginRun()
 {
-    if (IsUnderWay()) {
-        return;
+    if (!IsUnderWay()) {
+        meter = {};
+        store->Set(StateValue::STATUS, static_cast<int64_t>(TaskStatus::RUNNING));
+        store->Set(StateValue::START_TIME, time(nullptr));
+        store->Set(StateValue::END_TIME, 0);
     }
-    meter = {};
-    store->Set(StateValue::STATUS, static_cast<int64_t>(TaskStatus::RUNNING));
-    store->Set(StateValue::START_TIME, time(nullptr));
-    store->Set(StateValue::END_TIME, 0);
 }
 
 void EngineState::EndRunIfDone()

@@ -40,8 +40,7 @@ BusinessError Reservations::ReadReserved(std::vector<KnownPackage>& packages) co
 {
     BusinessError fault = state_.ReadPackages(packages);
     std::erase_if(packages, [](const KnownPackage& one) { return !one.package->manifest.reserved; });
-    std::stable_sort(packages.begin(), packages.end(),
-        [](const KnownPackage& a, const KnownPackage& b) { return a.priority > b.priority; });
+    std::ranges::stable_sort(packages, std::greater(), &KnownPackage::priority);
     return fault;
 }
 

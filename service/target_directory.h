@@ -64,7 +64,6 @@ public:
 private:
     // Some file systems have nothing to sync in a directory.
     static bool SyncDirectory(int fd) { return fsync(fd) == 0 || errno == EINVAL; }
-    // Not every file system knows the flags.
     bool Rename(const std::string& from, const std::string& to, unsigned flags = 0) const;
     TargetDirectory(UniqueFd target, UniqueFd lock, UniqueFd marks, std::string source)
         : target_(std::move(target)), lock_(std::move(lock)), marks_(std::move(marks)), source_(std::move(source))

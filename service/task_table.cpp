@@ -62,13 +62,12 @@ void TaskTable::Count(const Task& task, int64_t sign)
     sums.remainingBytes += sign * task.RemainingBytes();
     Order& order = isUnmeasured ? kind.unmeasured : kind.idle;
     const std::pair key(isUnmeasured ? 0 : -int64_t{task.priority}, task.id);
-    const bool isIdle = task.status == TaskStatus::IDLE;
     if (sign < 0) {
         order.erase(key);
         kind.bySource.erase(task.source);
     } else {
         kind.bySource[task.source] = task.id;
-        if (isIdle) {
+        if (task.status == TaskStatus::IDLE) {
             order.insert(key);
         }
     }

@@ -75,9 +75,8 @@ private:
         if (!HasEnded(status) && status != static_cast<int32_t>(TaskStatus::IDLE)) {
             return std::nullopt;
         }
-        const bool isAllMoved = isMoved_.empty() ? !hasTasks_
-                                                 : std::all_of(isMoved_.begin(), isMoved_.end(),
-                                                       [](const auto& task) { return task.second; });
+        const bool isEachMoved = std::ranges::all_of(isMoved_, [](const auto& task) { return task.second; });
+        const bool isAllMoved = isMoved_.empty() ? !hasTasks_ : isEachMoved;
         return isAllMoved ? EXIT_DONE : EXIT_INCOMPLETE;
     }
 

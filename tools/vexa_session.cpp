@@ -153,8 +153,7 @@ private:
     {
         sockaddr_un address = {};
         address.sun_family = AF_UNIX;
-        const std::string path = NotifyPath();
-        path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+        NotifyPath().copy(address.sun_path, sizeof(address.sun_path) - 1);
         notify_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
         return (notify_ >= 0 && bind(notify_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) ||
                Complain("socket");
