@@ -84,6 +84,7 @@ expect 5 env --ignore-signal=CHLD vexa-session -- sh -c 'exit 5'
 samgrd="$(command -v samgrd)"
 mkdir "$root/bin" "$root/libexec"
 cp "$(command -v vexa-session)" "$root/bin"
+ln -s "$(dirname "$samgrd")/../lib" "$root/lib"
 expect 125 "$root/bin/vexa-session" -- true
 ln -s "$samgrd" "$root/libexec/samgrd"
 expect 0 "$root/bin/vexa-session" -- true
