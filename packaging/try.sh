@@ -11,7 +11,7 @@ readonly INCLUDE=systemd,systemd-sysv,dbus,libpam-systemd,libcjson1,libsqlite3-0
 
 if [[ ! -e $BASE ]]; then
     echo "Making a fresh Debian 12 (once; remove $BASE to have it made anew)"
-    mmdebstrap --quiet --variant=minbase --include=$INCLUDE bookworm $BASE.new
+    mmdebstrap --quiet --format=tar --variant=minbase --include=$INCLUDE bookworm $BASE.new
     mv $BASE.new $BASE
 fi
 rm -rf "$ROOT"
