@@ -301,7 +301,7 @@ private:
     void ShowTrace() const
     {
         std::multimap<double, std::string> lines;
-        std::ifstream file(folder_ + options_.trace);
+        std::ifstream file(folder_.empty() ? "" : folder_ + options_.trace);
         for (std::string line; std::getline(file, line);) {
             const size_t time = std::min(line.find_first_of("0123456789"), line.size());
             lines.emplace(strtod(line.c_str() + time, nullptr), line);
