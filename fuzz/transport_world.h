@@ -4,6 +4,8 @@
 // and compares.
 #pragma once
 
+#include <dlfcn.h>
+#include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/random.h>
 #include <sys/resource.h>
@@ -18,6 +20,7 @@
 #include <deque>
 #include <filesystem>
 #include <map>
+#include <new>
 #include <set>
 
 #include "object_transfer.h"
@@ -39,6 +42,9 @@ struct Faults {
 };
 inline Faults faults;
 inline uint64_t randomNumbers = 0;  // drawn so far: endpoints decide things, so a history must have its own
+inline int lastWait = 0;            // for which a reactor would have waited, as epoll_wait is told
+inline int locksHeld = 0;
+inline ptrdiff_t liveBlocks = 0;  // of memory, had from operator new
 
 inline bool Fails(int& times, int reason)
 {
@@ -68,7 +74,8 @@ extern "C" int socket(int domain, int type, int protocol) noexcept
 extern "C" int epoll_wait(int set, epoll_event* events, int most, int wait)
 {
     epoll_event ready[16];
-    const int count = static_cast<int>(syscall(SYS_epoll_pwait, set, ready, 16, wait, nullptr, 8));
+    VEXA::test::lastWait = wait;
+    const int count = static_cast<int>(syscall(SYS_epoll_pwait, set, ready, 16, 0, nullptr, 8));
     std::rotate(ready, ready + (count > 0 ? ++VEXA::test::randomNumbers % static_cast<uint64_t>(count) : 0),
         ready + std::max(count, 0));
     return std::copy_n(ready, std::min(count, most), events), std::min(count, most);
@@ -79,6 +86,21 @@ extern "C" ssize_t getrandom(void* bytes, size_t size, unsigned)
     const uint64_t mixed = (next ^ (next >> 29)) * 0xBF58476D1CE4E5B9;
     std::memcpy(bytes, &mixed, std::min(size, sizeof(mixed)));
     return static_cast<ssize_t>(std::min(size, sizeof(mixed)));
+}
+[[gnu::noinline]] void* operator new(size_t size)
+{
+    void* const block = std::malloc(size);
+    ++VEXA::test::liveBlocks;
+    return block != nullptr ? block : throw std::bad_alloc();
+}
+[[gnu::noinline]] void operator delete(void* block) noexcept
+{
+    VEXA::test::liveBlocks -= block != nullptr ? 1 : 0;
+    std::free(block);
+}
+void operator delete(void* block, size_t) noexcept
+{
+    operator delete(block);
 }
 // A sanitizer calls this before it can be called itself.
 #if __has_attribute(disable_sanitizer_instrumentation)
@@ -93,6 +115,19 @@ extern "C" NM_EARLY int getrlimit(__rlimit_resource_t what, rlimit* limit) noexc
     limit->rlim_cur = VEXA::test::faults.isFull ? 1 : limit->rlim_cur;
     return result;
 }
+#ifndef VEXA_CHECK_LOCK_ORDER  // a sanitizer may have its own
+extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept
+{
+    static const auto next = reinterpret_cast<decltype(&pthread_mutex_lock)>(dlsym(RTLD_NEXT, "pthread_mutex_lock"));
+    return ++VEXA::test::locksHeld, next(mutex);
+}
+extern "C" int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept
+{
+    static const auto next =
+        reinterpret_cast<decltype(&pthread_mutex_unlock)>(dlsym(RTLD_NEXT, "pthread_mutex_unlock"));
+    return --VEXA::test::locksHeld, next(mutex);
+}
+#endif
 
 namespace VEXA::test {
 
@@ -107,6 +142,8 @@ public:
             Begin(place);
         }
         descriptors_ = OpenDescriptors();
+        blocks_ = LiveBlocks();
+        Quiet(*now_[0]);
     }
 
     // The first thing that went wrong; empty while nothing has.
@@ -125,20 +162,35 @@ public:
         for (; left >= next->first; ++next) {
             left -= next->first;
         }
-        if (++step_ >= at.stoppedUntil || next->second == &World::Kill) {
+        const bool isDeath = next->second == &World::Kill;
+        if (++step_ >= at.stoppedUntil ? mayDie_ || !isDeath : isDeath && mayDie_) {
             (this->*next->second)(at);
         }
+    }
+
+    // Goes on without deaths until every session has gathered what it may, its latest grants. From then on no more
+    // memory is taken than is given back.
+    void GoOnForLong()
+    {
+        mayDie_ = false;
+        ptrdiff_t blocks = 0;
+        for (const int steps : {120'000, 20'000}) {
+            for (int left = steps; left > 0 && failure_.empty(); --left) {
+                Step();
+                if (left % 4000 == 1) {
+                    LetGo();
+                }
+            }
+            blocks = LiveBlocks() - blocks;
+        }
+        Check(blocks < 8, "memory is not given back");
+        mayDie_ = true;
     }
 
     // Everybody lets go of everything, and dies; after a failure at once.
     void End()
     {
-        for (int round = 0; round < 2 && failure_.empty(); ++round) {
-            Quiet(*now_[0]);
-            for (Life* life : now_) {
-                Objects().swap(life->held);
-            }
-        }
+        LetGo();
         for (Life* life : now_) {
             for (const Life* other : now_) {
                 const sptr<ipc::Peer> peer = life->Knows(*other);
@@ -150,6 +202,7 @@ public:
             Kill(*life);
         }
         Check(OpenDescriptors() == descriptors_, "a descriptor is lost");
+        Check(LiveBlocks() - blocks_ < 16, "a process leaves memory behind");
     }
 
 private:
@@ -176,9 +229,14 @@ private:
     };
     struct Stub : IPCObjectStub {
         Stub(World& itsWorld, size_t itsNumber) : world(itsWorld), number(itsNumber) {}
-        ~Stub() override { world.Home(number).stubs.erase(number); }
+        ~Stub() override
+        {
+            world.RunForeign();
+            world.Home(number).stubs.erase(number);
+        }
         int32_t OnRemoteRequest(uint32_t code, MessageParcel& data, MessageParcel& reply, MessageOption& how) override
         {
+            world.RunForeign();
             world.Arrive(number, code, data, how.IsOneWay() ? nullptr : &reply);
             return 0;
         }
@@ -189,6 +247,7 @@ private:
         explicit Watcher(World& itsWorld) : world(itsWorld) {}
         void OnRemoteDied(const wptr<IRemoteObject>& of) override
         {
+            world.RunForeign();
             const bool isDead = of.Promote() == nullptr || of.Promote()->IsObjectDead();
             world.Check(++told == 1 && isDead, "a recipient is told what is not so");
         }
@@ -209,6 +268,17 @@ private:
         bool mayWait = false;  // with its sender, until the receiver has room for it
     };
 
+    void LetGo()
+    {
+        for (int round = 0; round < 2 && failure_.empty(); ++round) {
+            Quiet(*now_[0]);
+            for (Life* life : now_) {
+                Objects().swap(life->held);
+                life->watchers.clear();
+            }
+        }
+    }
+
     void Check(bool holds, const char* what)
     {
         if (!holds && failure_.empty()) {
@@ -216,6 +286,11 @@ private:
         }
     }
 
+    // Is told when code runs that the transport does not know: it may take long, and may ask for anything.
+    void RunForeign() { Check(!isReacting_ && locksHeld == 0, "the reactor or a lock is held up"); }
+
+    // Without what the world itself takes for each object and each process.
+    ptrdiff_t LiveBlocks() const { return liveBlocks - static_cast<ptrdiff_t>(names_.size() + lives_.size()); }
     static ptrdiff_t OpenDescriptors()
     {
         return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
@@ -225,15 +300,25 @@ private:
     {
         auto transport = std::make_unique<ipc::Transport>([](const char*, std::function<void()>) { return true; });
         Check(transport->Start(), "a process can't start");
-        transport->Loop().Turn(false);  // this thread is the reactor's
+        transport->Loop().Turn();  // this thread is the reactor's
         now_[place] = &lives_.emplace_back(Life{place, transport->Id(), {}, std::move(transport)});
     }
     void Stop(Life& at) { at.stoppedUntil = step_ + draw_(150); }
-    void Deliver(Life& at) { at.transport->Loop().Turn(false, 1); }
+    void Deliver(Life& at) { Turn(at, 1); }
+    void Turn(Life& at, int most = ipc::Reactor::kBatch)
+    {
+        const ipc::Raised reacting(isReacting_);
+        at.transport->Loop().Turn(true, most);
+    }
     void RunTasks(Life& at) { at.transport->Workers().RunTasks(); }
     void TellDeath(Life& at) { at.transport->Deaths().TellOne(); }
     // Half of the time late enough for whoever waits for a greeting.
-    void Tick(Life& at) { at.transport->Loop().Tick(Clock::now() + std::chrono::seconds(6 * draw_(2))); }
+    void Tick(Life& at) { Tick(at, std::chrono::seconds(6 * draw_(2))); }
+    void Tick(Life& at, std::chrono::seconds later)
+    {
+        const ipc::Raised reacting(isReacting_);
+        at.transport->Loop().Tick(Clock::now() + later);
+    }
     // It does something while it is out of descriptors or memory, or has as many connections as it may have.
     void Refuse(Life& at)
     {
@@ -264,7 +349,7 @@ private:
         rename(directory.c_str(), away.c_str());
         for (int turn = 0; turn < 24; ++turn) {
             transport->Loop().CutAll();
-            transport->Loop().Turn(false);
+            transport->Loop().Turn();
         }
         rename(away.c_str(), directory.c_str());
         unlink(ipc::EndpointPath(at.id).c_str());
@@ -280,6 +365,8 @@ private:
         });
         at.held.clear();
         at.watchers.clear();
+        at.leftBehind.clear();
+        at.ahead.clear();
         Begin(at.place);
     }
 
@@ -507,8 +594,8 @@ private:
                     }
                 }
                 life->stoppedUntil = 0;
-                life->transport->Loop().Turn(false);
-                life->transport->Loop().Tick(Clock::now() + std::chrono::seconds(rounds < 6 ? 3 * rounds : 0));
+                Turn(*life);
+                Tick(*life, std::chrono::seconds(rounds < 6 ? 3 * rounds : 0));
                 RunTasks(*life);
                 while (life->transport->Deaths().TellOne()) {
                 }
@@ -518,7 +605,11 @@ private:
             }
         }
         Check(underWay_.empty(), "a request does not arrive");
+        const ptrdiff_t descriptors = OpenDescriptors();
+        Check(std::exchange(whenQuiet_, descriptors) == descriptors || step_ == 0, "descriptors are lost");
         for (Life* life : now_) {
+            Turn(*life);
+            Check(lastWait == -1, "a process is woken for nothing");
             CheckTable(*life);
             CheckPeers(*life);
         }
@@ -562,10 +653,14 @@ private:
     std::string failure_;
     uint64_t step_ = 0;
     uint32_t number_ = 0;
+    bool isReacting_ = false;  // one of the reactors
+    bool mayDie_ = true;
     std::array<Life*, 3> now_{};
     std::vector<Life*> homes_;  // by objects
     std::map<std::pair<ipc::EndpointId, ipc::ObjectId>, size_t> names_;
     ptrdiff_t descriptors_ = 0;  // open at first
+    ptrdiff_t whenQuiet_ = 0;    // open when all are connected
+    ptrdiff_t blocks_ = 0;       // live at first
     std::deque<Life> lives_;
     std::vector<Sending> underWay_;
     std::vector<size_t> replyCargo_;

@@ -27,6 +27,7 @@ TEST(Simulation, BooksAgreeWhateverHappensBetweenThreeProcesses)
     for (uint64_t left = Setting("SIMULATION_STEPS", STEPS); left > 0 && world.Failure().empty(); --left) {
         world.Step();
     }
+    world.GoOnForLong();
     world.End();
     EXPECT_EQ(world.Failure(), "") << "SIMULATION_SEED=" << seed;
 }
