@@ -18,14 +18,13 @@
 #include <cstdio>
 #include <cstring>
 #include <deque>
-#include <filesystem>
 #include <map>
-#include <new>
 #include <set>
 
 #include "object_transfer.h"
 #include "parcel_access.h"
 #include "peer_requests.h"
+#include "taken.h"
 #include "transport.h"
 #include "vexa/ipc/ipc_object_stub.h"
 #include "vexa/ipc/message_option.h"
@@ -39,17 +38,22 @@ struct Faults {
     int sends = 0;
     int sockets = 0;
     bool isFull = false;  // no descriptor may be used for a connection
+    int until = 0;        // so many more calls of those that a start makes; then one fails. 0: none does
 };
 inline Faults faults;
 inline uint64_t randomNumbers = 0;  // drawn so far: endpoints decide things, so a history must have its own
 inline int lastWait = 0;            // for which a reactor would have waited, as epoll_wait is told
 inline int locksHeld = 0;
-inline ptrdiff_t liveBlocks = 0;  // of memory, had from operator new
 
 inline bool Fails(int& times, int reason)
 {
     errno = times > 0 ? reason : errno;
     return times > 0 && times-- > 0;
+}
+inline bool FailsNow()
+{
+    int times = faults.until > 0 && --faults.until == 0 ? 1 : 0;
+    return Fails(times, EMFILE);
 }
 
 }  // namespace VEXA::test
@@ -68,8 +72,20 @@ extern "C" ssize_t send(int fd, const void* bytes, size_t size, int flags)
 extern "C" int socket(int domain, int type, int protocol) noexcept
 {
     using namespace VEXA::test;
-    return Fails(faults.sockets, EMFILE) ? -1 : static_cast<int>(syscall(SYS_socket, domain, type, protocol));
+    const bool fails = FailsNow() || Fails(faults.sockets, EMFILE);
+    return fails ? -1 : static_cast<int>(syscall(SYS_socket, domain, type, protocol));
 }
+#define NM_STARTS_WITH(name, number, parameters, ...)                                        \
+    extern "C" int name parameters noexcept                                                  \
+    {                                                                                        \
+        return VEXA::test::FailsNow() ? -1 : static_cast<int>(syscall(number, __VA_ARGS__)); \
+    }
+NM_STARTS_WITH(eventfd, SYS_eventfd2, (unsigned count, int flags), count, flags)
+NM_STARTS_WITH(epoll_create1, SYS_epoll_create1, (int flags), flags)
+NM_STARTS_WITH(epoll_ctl, SYS_epoll_ctl, (int set, int act, int fd, epoll_event* event), set, act, fd, event)
+NM_STARTS_WITH(bind, SYS_bind, (int fd, const sockaddr* address, socklen_t size), fd, address, size)
+NM_STARTS_WITH(listen, SYS_listen, (int fd, int most), fd, most)
+NM_STARTS_WITH(rename, SYS_rename, (const char* from, const char* to), from, to)
 // Any of the descriptors that are ready may come first.
 extern "C" int epoll_wait(int set, epoll_event* events, int most, int wait)
 {
@@ -86,21 +102,6 @@ extern "C" ssize_t getrandom(void* bytes, size_t size, unsigned)
     const uint64_t mixed = (next ^ (next >> 29)) * 0xBF58476D1CE4E5B9;
     std::memcpy(bytes, &mixed, std::min(size, sizeof(mixed)));
     return static_cast<ssize_t>(std::min(size, sizeof(mixed)));
-}
-[[gnu::noinline]] void* operator new(size_t size)
-{
-    void* const block = std::malloc(size);
-    ++VEXA::test::liveBlocks;
-    return block != nullptr ? block : throw std::bad_alloc();
-}
-[[gnu::noinline]] void operator delete(void* block) noexcept
-{
-    VEXA::test::liveBlocks -= block != nullptr ? 1 : 0;
-    std::free(block);
-}
-void operator delete(void* block, size_t) noexcept
-{
-    operator delete(block);
 }
 // A sanitizer calls this before it can be called itself.
 #if __has_attribute(disable_sanitizer_instrumentation)
@@ -291,15 +292,23 @@ private:
 
     // Without what the world itself takes for each object and each process.
     ptrdiff_t LiveBlocks() const { return liveBlocks - static_cast<ptrdiff_t>(names_.size() + lives_.size()); }
-    static ptrdiff_t OpenDescriptors()
-    {
-        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-    }
 
     void Begin(size_t place)
     {
-        auto transport = std::make_unique<ipc::Transport>([](const char*, std::function<void()>) { return true; });
-        Check(transport->Start(), "a process can't start");
+        std::unique_ptr<ipc::Transport> transport;
+        // At first something is lacking: any but the first, which it can do without.
+        for (const int until : {static_cast<int>(2 + draw_(12)), 0}) {
+            transport =
+                std::make_unique<ipc::Transport>([](const char*, std::function<void()>) { return !FailsNow(); });
+            faults.until = until;
+            const bool hasStarted = transport->Start();
+            Check(hasStarted ? until == 0 : until > 0 && errno == EMFILE, "a start is not what it says");
+            if (hasStarted) {
+                break;
+            }
+            unlink(ipc::EndpointPath(transport->Id()).c_str());
+        }
+        faults = {};
         transport->Loop().Turn();  // this thread is the reactor's
         now_[place] = &lives_.emplace_back(Life{place, transport->Id(), {}, std::move(transport)});
     }
@@ -322,7 +331,8 @@ private:
     // It does something while it is out of descriptors or memory, or has as many connections as it may have.
     void Refuse(Life& at)
     {
-        static constexpr Faults kKinds[] = {{1, 0, 0, false}, {0, 5, 0, false}, {0, 0, 1, false}, {0, 0, 0, true}};
+        static constexpr Faults kKinds[] = {
+            {1, 0, 0, false, 0}, {0, 5, 0, false, 0}, {0, 0, 1, false, 0}, {0, 0, 0, true, 0}};
         static constexpr void (World::*kActs[])(Life&) = {
             &World::Deliver, &World::Meet, &World::SendRequest, &World::Tick};
         faults = kKinds[draw_(4)];

@@ -163,9 +163,12 @@ TEST_F(IpcProcesses, ACancelledThreadEndsBehindItsRequestsAndDrops)
 
 TEST_F(IpcProcesses, ForkedChildIsRefused)
 {
-    const auto inChild = [this] {
+    const sptr<CountingRecipient> recipient(new CountingRecipient);
+    EXPECT_TRUE(hub_->AddDeathRecipient(recipient));
+    const auto inChild = [&] {
         const int code = Call(hub_, ADD_ONE, 1).Send() == IPC_FORKED ? 0 : 1;
-        const bool isReached = GetContextObject() != nullptr || hub_->AddDeathRecipient(new CountingRecipient);
+        const bool isReached = GetContextObject() != nullptr || hub_->AddDeathRecipient(recipient) ||
+                               hub_->RemoveDeathRecipient(recipient);
         hub_.clear();
         return isReached ? 2 : code;
     };

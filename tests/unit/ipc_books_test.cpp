@@ -4,7 +4,6 @@
 
 #include "ipc_fixture.h"
 #include "peer_log.h"
-#include "vexa/log/ring_log_sink.h"
 
 namespace VEXA::ipc {
 namespace {

@@ -5,6 +5,7 @@
 #include <sys/un.h>
 
 #include "ipc_fixture.h"
+#include "taken.h"
 
 namespace VEXA::ipc {
 
@@ -55,7 +56,7 @@ struct Stranger {
 };
 
 // A transport whose work is done step by step, on the test's thread.
-class IpcPeers : public testing::Test {
+class IpcPeers : public LoggedTest {
 protected:
     IpcPeers() { EXPECT_TRUE(CreateRuntimeDirectory() && transport_.Start()); }
     ~IpcPeers() override
@@ -64,7 +65,13 @@ protected:
             transport_.Loop().CutAll();
             transport_.Loop().Tick(Now() + late);
             Deal();
+            transport_.Workers().RunTasks();
         }
+        while (transport_.Deaths().TellOne()) {
+        }
+        // The transport and its log take some.
+        EXPECT_LT(test::liveBlocks - blocks_, 1000);
+        EXPECT_LT(test::OpenDescriptors() - descriptors_, 20);
         EXPECT_EQ(transport_.Objects().Size(), 0U) << "all who held something are gone";
     }
 
@@ -152,6 +159,8 @@ protected:
     }
     Transport& transport_ = Make();
     PeerDirectory& peers_ = transport_.Peers();
+    const ptrdiff_t blocks_ = test::liveBlocks;
+    const ptrdiff_t descriptors_ = test::OpenDescriptors();
 };
 
 }  // namespace VEXA::ipc

@@ -5,6 +5,7 @@
 #include "ipc_peers_fixture.h"
 #include "peer_requests.h"
 #include "support/test_object.h"
+#include "vexa/testing/scripted_remote_object.h"
 
 namespace VEXA::ipc {
 namespace {
@@ -348,6 +349,7 @@ TEST_F(IpcPeers, AFailedRequestTakesBackWhatHasNotLeft)
         // Its objects have arrived, and it is kept for later.
         EXPECT_TRUE(Heard(ends.far).ends_with(said == reply || said == unsound ? Frame(REPLY_ACK) : "END")) << said;
     }
+    EXPECT_EQ(Send(its, {new ScriptedRemoteObject}), IPC_FAILED);
     const std::string much = FrameOf(ONE_WAY, 1'000'000);
     EXPECT_TRUE(peers_.KnownPeer(owner.id)->SendOnLink(much.data(), much.size()));
     EXPECT_EQ(Send(its, {passed}), IPC_FAILED) << "the owner, who has to be told first, reads nothing";
@@ -405,8 +407,11 @@ TEST_F(IpcPeers, AnotherContextSocketIsHeardOfAndAfterADeathLookedFor)
 {
     Transport& manager = Make();
     ASSERT_TRUE(manager.Start() && manager.Publish(new IPCObjectStub) == PublishResult::DONE);
-    auto reached = std::async(std::launch::async, [&] { return transport_.Context().Reach() != nullptr; });
     const auto deal = [&] { manager.Loop().Turn(false), Deal(), transport_.Workers().RunTasks(); };
+    const sptr<Peer> peer = peers_.PeerAt(manager.Id());
+    EXPECT_TRUE(Eventually([&] { return deal(), peer->Stands(); }));
+    transport_.Loop().Tick(Now());  // and it need not be tried again
+    auto reached = std::async(std::launch::async, [&] { return transport_.Context().Reach() == peer; });
     EXPECT_TRUE(Eventually([&] { return deal(), reached.wait_for(0s) == std::future_status::ready; }) && reached.get());
     int news = 0;
     int looks = 0;
@@ -514,6 +519,11 @@ TEST_F(IpcPeers, ThePublisherClearsAwayTheSocketsOfTheDead)
             EXPECT_EQ(access(EndpointPath(stranger.id).c_str(), F_OK) == 0, listens || !publishes);
         }
     }
+    for (const auto& socket : std::filesystem::directory_iterator(EndpointDirectory())) {
+        EXPECT_TRUE(socket.path() == EndpointPath(transport_.Id()) || std::filesystem::remove(socket));
+    }
+    transport_.Leave();
+    EXPECT_FALSE(std::filesystem::exists(RuntimeDirectory()));
 }
 
 }  // namespace
