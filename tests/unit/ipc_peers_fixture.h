@@ -67,8 +67,6 @@ protected:
             Deal();
             transport_.Workers().RunTasks();
         }
-        while (transport_.Deaths().TellOne()) {
-        }
         // The transport and its log take some.
         EXPECT_LT(test::liveBlocks - blocks_, 1000);
         EXPECT_LT(test::OpenDescriptors() - descriptors_, 20);
