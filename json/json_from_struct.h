@@ -45,9 +45,7 @@ public:
         stream.imbue(std::locale::classic());
         const bool written = AccessMember(stream, data, "");
         std::string text = std::move(stream).str();
-        if (!text.empty()) {
-            text.pop_back();
-        }
+        text.pop_back();
         out = std::move(text);
         return written;
     }
@@ -122,20 +120,20 @@ public:
     }
 
     // A value that was read from a text: the same value, as strict JSON. What is not a finite number, what is absent
-    // and what memory is too short for becomes null. Always true.
-    bool AccessMember(std::stringstream& stream, const JsonContext& value, std::string_view key) const
+    // and what memory is too short for becomes null. Always true. No record has such a member, so there is no key.
+    bool AccessMember(std::stringstream& stream, const JsonContext& value, std::string_view /*key*/) const
     {
-        WriteKey(stream, key);
         if (value.Type() == JsonContext::OBJECT || value.Type() == JsonContext::ARRAY) {
             const bool isObject = value.Type() == JsonContext::OBJECT;
             stream << (isObject ? '{' : '[');
+            bool commaBehind = false;
             for (const JsonContext& child : value) {
                 if (!isObject || WriteJsonString(stream, std::string(child.Key()))) {
                     stream << (isObject ? ":" : "");
-                    AccessMember(stream, child, "");
+                    commaBehind = AccessMember(stream, child, "");
                 }
             }
-            if (value.size() > 0) {
+            if (commaBehind) {
                 stream.seekp(-1, std::ios_base::end);
             }
             stream << (isObject ? "}," : "],");

@@ -1,16 +1,30 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <cjson/cJSON.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 
-#include <cstdlib>
+#include <climits>
 #include <fstream>
 #include <limits>
 #include <locale>
 #include <map>
+#include <new>
 
 #include "json_parse.h"
 #include "native_migrate/migrate_records.h"
 #include "vexa/testing/recording_log_sink.h"
+
+int g_allocations = INT_MAX;  // that are left to cJSON and to values
+
+// The linker puts the second in the place of operator new.
+void* RealNew(size_t size, const std::nothrow_t& tag) __asm__("__real__ZnwmRKSt9nothrow_t");
+void* New(size_t size, const std::nothrow_t& tag) __asm__("__wrap__ZnwmRKSt9nothrow_t");
+void* New(size_t size, const std::nothrow_t& tag)
+{
+    return g_allocations-- > 0 ? RealNew(size, tag) : nullptr;
+}
+cJSON_Hooks g_hooks{[](size_t size) { return g_allocations-- > 0 ? malloc(size) : nullptr; }, free};
+const bool HOOKED = (cJSON_InitHooks(&g_hooks), true);
 
 namespace VEXA::UpdateEngine {
 namespace {
@@ -109,12 +123,31 @@ TEST(JsonBindTest, RecordsTakeWhatFitsAndAreWrittenInTheirOrder)
     EXPECT_EQ(target, 5);
 }
 
-int g_allocations = 0;  // that are left to cJSON
-
-TEST(JsonWriteTest, AStringWithoutMemoryClosesItsObjectAndEndsTheList)
+TEST(JsonMemoryTest, ATextIsReadWholeOrDiscardedAndLeavesNothing)
 {
-    cJSON_Hooks hooks{[](size_t size) { return g_allocations-- > 0 ? malloc(size) : nullptr; }, free};
-    cJSON_InitHooks(&hooks);
+    std::string text = "[";  // more values than there is room for at first
+    for (int number = 0; number < 300; ++number) {
+        text += "[[]," + std::to_string(number) + "],";
+    }
+    text.back() = ']';
+    const size_t before = (JsonContext(text), mallinfo2().uordblks);
+    double read = 0;
+    for (int given = 0; read == 0; ++given) {
+        g_allocations = given;
+        const JsonContext list(text);
+        for (const JsonContext& element : list) {
+            EXPECT_EQ(HeldValue<double>(element.begin()[1]), read++);
+        }
+        EXPECT_EQ(list.Type(), read == 300 ? JsonContext::ARRAY : JsonContext::ABSENT);
+    }
+    EXPECT_LT(mallinfo2().uordblks, before + 4000);
+    g_allocations = INT_MAX;
+}
+
+TEST(JsonMemoryTest, AStringThatCannotBeWrittenClosesItsObjectAndEndsTheList)
+{
+    const std::string large = "1393796574908163946345982392040522594123776]}";
+    const JsonContext read(R"({"o":{"b":1},"a":["b",)" + large);
     const std::vector<ModuleInfo> list{{1, "a"}, {2, "b"}};
     const std::vector<std::string> outcomes = {R"([{"type":1,"id"}])", R"([{"type":1,"id":"a"},{"type":2,"id"}])",
         R"([{"type":1,"id":"a"},{"type":2,"id":"b"}])"};
@@ -130,7 +163,14 @@ TEST(JsonWriteTest, AStringWithoutMemoryClosesItsObjectAndEndsTheList)
     EXPECT_EQ(Written(std::vector<std::string>{"a", "bad", "c"}), R"(["a"])");
     EXPECT_EQ(Written(std::vector<std::string>{"bad", "c"}), "[]");
     EXPECT_EQ(Written(ModuleInfo{2, "bad"}, false), R"({"type":2,"id"})");
-    cJSON_InitHooks(nullptr);
+    // Of what was read, a text becomes null, and a member without a key is left out.
+    const std::vector<std::string> partly = {"{}", R"({"o":{}})", R"({"o":{"b":1}})",
+        R"({"o":{"b":1},"a":[null,)" + large, R"({"o":{"b":1},"a":["b",)" + large};
+    for (int given = 0; given < 5; ++given) {
+        g_allocations = given * once;
+        EXPECT_EQ(ToJson(read), partly[static_cast<size_t>(given)]);
+    }
+    g_allocations = INT_MAX;
 }
 
 }  // namespace

@@ -20,7 +20,8 @@ TEST(JsonContextTest, DiscardsWhatIsNotOneWholeText)
 {
     const std::vector<std::string> bad = {"", " ", "{", "[1", "{\"a\":}", "[1]x", "{} {}", "nul", "'a'", "[1]\0"s,
         "[1]\0x"s, "[\"a\0b\"]"s, R"(["\u0000"])", R"({"k\u0000":1})", R"(["\uZZZZ"])", R"(["\u12"])", R"(["\u)", "\\",
-        R"(["\ud800"])", std::string(1001, '[') + std::string(1001, ']'), std::string(10 << 20, '[')};
+        R"(["\ud800"])", R"(["\n\u0000"])", std::string(1001, '[') + std::string(1001, ']'),
+        std::string(10 << 20, '[')};
     for (const std::string& text : bad) {
         const JsonContext json(text);
         EXPECT_TRUE(json.IsDiscarded()) << text.substr(0, 40);
@@ -62,17 +63,6 @@ TEST(JsonContextTest, HoldsEachKindInItsAlternativeAndFindsTheFirstOfSeveral)
         EXPECT_EQ(Held<5>(twice[key]), number) << key;
     }
     EXPECT_FALSE(twice.IsContains("a\0b"s));
-    std::string array = "[";  // more values than there is room for at first
-    for (int i = 0; i < 2000; ++i) {
-        array += "[[]," + std::to_string(i) + "],";
-    }
-    array.back() = ']';
-    const JsonContext list(array);
-    ASSERT_EQ(list.size(), 2000U);
-    double expected = 0;
-    for (const JsonContext& element : list) {
-        ASSERT_EQ(Held<5>(element.begin()[1]), expected++);
-    }
 }
 
 }  // namespace
