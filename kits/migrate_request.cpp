@@ -23,8 +23,7 @@ int32_t MigrateRequest::Send(MigrateRequestCode code)
 
 bool MigrateRequest::IsServiceDead() const
 {
-    const sptr<IRemoteObject> object = service_->AsObject();
-    return object != nullptr && object->IsObjectDead();
+    return service_->AsObject()->IsObjectDead();
 }
 
 }  // namespace VEXA::UpdateEngine

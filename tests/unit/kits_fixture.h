@@ -11,6 +11,7 @@
 #include "native_migrate/reserve_migrate_status_observer_stub.h"
 #include "parcel_access.h"
 #include "process_life.h"
+#include "support/processes.h"
 #include "support/requests.h"
 #include "vexa/ipc/ipc_object_stub.h"
 #include "vexa/testing/in_process_manager.h"
@@ -65,38 +66,26 @@ inline ScriptedRemoteObject::Handler Answer(uint32_t code, Fields request, Field
     };
 }
 
-using Lines = std::vector<RecordedMessage>;
-
-inline Lines operator+(Lines left, const Lines& right)
+// A line for each that was logged: its level, source file and text.
+inline std::string Logged(const RecordingLogSink& log)
 {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
-
-// Makes the lines of one source file.
-struct LinesOf {
-    const char* file;
-    Lines At(uint32_t level, std::initializer_list<std::string> texts) const
-    {
-        Lines lines;
-        for (const std::string& text : texts) {
-            lines.push_back({level, file, text});
-        }
-        return lines;
+    std::string lines;
+    for (const auto& [level, file, text, line] : log.Messages()) {
+        lines += std::string(1, "DIWEF"[level - KOLOG_DEBUG]) + ' ' + file + ": " + text + '\n';
     }
-    Lines Info(std::initializer_list<std::string> texts) const { return At(KOLOG_INFO, texts); }
-    Lines Error(std::initializer_list<std::string> texts) const { return At(KOLOG_ERROR, texts); }
-};
-
-// The lines of the service's proxy about one exchange.
-inline Lines ProxyLines(int32_t transport)
-{
-    const LinesOf proxy{"migrate_service_proxy.cpp"};
-    const bool failed = transport != 0 && transport != 2000;
-    return proxy.Info({"MigrateServiceProxy::SendRemoteRequest",
-               "MigrateServiceProxy::GetResult is " + std::to_string(transport)}) +
-           (failed ? proxy.Error({"Transact error"}) : Lines());
+    return lines;
 }
+
+// Records the log of a test, which at the end is what tests/data/kits.txt has under the test's name.
+struct ExpectedLog : RecordingLogSink {
+    ~ExpectedLog() override
+    {
+        const std::string all = test::FileText(NM_TEST_DATA_DIR "/kits.txt");
+        const std::string name = testing::UnitTest::GetInstance()->current_test_info()->name();
+        const size_t begin = all.find('\n' + name + '\n') + name.size() + 2;
+        EXPECT_EQ(Logged(*this), all.substr(begin, all.find("\n\n", begin) + 1 - begin));
+    }
+};
 
 // Results of the transport, and what a caller gets for each.
 inline constexpr std::pair<int32_t, int32_t> OUTCOMES[] = {

@@ -133,21 +133,32 @@ const OperationCase OPERATION_CASES[] = {
         {"a", "b"}, TEXT, ONLY_TEXT},
 };
 
+// The lines of the service's proxy about one exchange.
+std::string ProxyLines(int32_t transport)
+{
+    const std::string proxy = "migrate_service_proxy.cpp: ";
+    const std::string result = "MigrateServiceProxy::GetResult is " + std::to_string(transport) + '\n';
+    const bool failed = transport != 0 && transport != 2000;
+    return "I " + proxy + "MigrateServiceProxy::SendRemoteRequest\nI " + proxy + result +
+           (failed ? "E " + proxy + "Transact error\n" : "");
+}
+
 using KitsRequestsTest = KitsTest;
 
 TEST_F(KitsRequestsTest, EveryOperationSendsBindsMapsAndLogs)
 {
     Clients clients;
-    LinesOf client{MIGRATION_FILE};
-    const auto run = [&](const OperationCase& operation, int32_t result, const Lines& lines) {
+    std::string client = MIGRATION_FILE;
+    const auto line = [&](char level, const std::string& text) { return level + (' ' + client + ": " + text + '\n'); };
+    const auto run = [&](const OperationCase& operation, int32_t result, const std::string& lines) {
         Outputs outputs;
         RecordingLogSink log;
         EXPECT_EQ(operation.call(clients, outputs), result);
         EXPECT_EQ(Show(outputs), result == 0 ? operation.shown : UNTOUCHED);
-        EXPECT_EQ(log.Messages(), client.Info({operation.startLine}) + lines);
+        EXPECT_EQ(Logged(log), line('I', operation.startLine) + lines);
     };
     run({31, CONTROL, IMPL "SetBackupFileOwn", nullptr, CALL(SetBackupFileOwn(nullptr)), {}}, 104,
-        client.Error({"SetBackupFileOwn callback is null"}));
+        line('E', "SetBackupFileOwn callback is null"));
     EXPECT_TRUE(manager_->Calls().empty());  // it is refused before any lookup
     for (const bool isRunning : {false, true}) {
         const sptr<ScriptedRemoteObject> service = isRunning ? RunService() : nullptr;
@@ -160,24 +171,24 @@ TEST_F(KitsRequestsTest, EveryOperationSendsBindsMapsAndLogs)
             const std::string failed = operation.failed != nullptr ? operation.failed : "";
             const size_t call = failed.find(" call ");
             const bool isReserve = call != std::string::npos;
-            client = {isReserve ? "reserve_migrate_kits.cpp" : MIGRATION_FILE};
-            const Lines entry = client.Info({"GetService entry"});
+            client = isReserve ? "reserve_migrate_kits.cpp" : MIGRATION_FILE;
+            const std::string entry = line('I', "GetService entry");
             const auto refusal = [&](const char* reserve, const char* migration) {
-                return isReserve ? client.Info({failed.substr(0, call) + reserve}) : client.Error({migration});
+                return isReserve ? line('I', failed.substr(0, call) + reserve) : line('E', migration);
             };
             if (!isRunning) {
                 run(operation, 104,
-                    entry + client.Info({"GetService recreate service instance"}) +
-                        client.Error({"Get remote object from samgr failed"}) +
+                    entry + line('I', "GetService recreate service instance") +
+                        line('E', "Get remote object from samgr failed") +
                         refusal(" error, remote server is null", "Service is null"));
                 continue;
             }
             for (const auto& [transport, result] : OUTCOMES) {
                 SCOPED_TRACE(transport);
                 service->SetHandler(Answer(operation.code, operation.request, operation.reply, transport));
-                const std::string line = failed + (isReserve ? ", ret=" : " result is ") + std::to_string(result);
+                const std::string end = failed + (isReserve ? ", ret=" : " result is ") + std::to_string(result);
                 const bool hasLine = result != 0 && !failed.empty();
-                run(operation, result, entry + ProxyLines(transport) + (hasLine ? client.Error({line}) : Lines()));
+                run(operation, result, entry + ProxyLines(transport) + (hasLine ? line('E', end) : ""));
             }
             const RefusingParcels refusing;
             run(operation, 104, entry + refusal(operation.noToken, "MigrateServerKitsImpl WriteInterfaceToken fail"));
