@@ -4,7 +4,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -39,9 +38,7 @@ bool JournalTakesMore()
         pollfd state{fd, POLLOUT, 0};
         writable = poll(&state, 1, 0) == 1 && state.revents == POLLOUT;
     }
-    const int error = errno;
     close(fd);
-    errno = error;
     return writable;
 }
 

@@ -111,10 +111,11 @@ TEST(LogFormatTest, CutsLongMessagesAndMarksThem)
     EXPECT_EQ(Format(false, "%{public}s", exact.c_str()), exact);
     const std::string cut = exact.substr(0, 3072 - 11) + "<truncated>";
     EXPECT_EQ(Format(false, "%{public}s", (exact + "x").c_str()), cut);
-    EXPECT_EQ(Format(false, (exact + "%{public}d").c_str(), 1), cut);
+    // What stands behind the cut is not looked at.
+    EXPECT_EQ(Format(false, (exact + "%{public}d%{public}s").c_str(), 1, reinterpret_cast<const char*>(1)), cut);
     // Widths that no line can hold are cut like the text, whatever their size.
     EXPECT_EQ(Format(false, "%{public}99999999999d%{public}d", 1, 2).size(), 3072);
-    EXPECT_EQ(Format(false, "%{public}.99999f", 1e300).size(), 3072);
+    EXPECT_EQ(Format(false, "%{public}.99999999999f", 1e300).size(), 3072);
     for (const int width : {INT_MAX, INT_MIN, INT_MIN + 1}) {
         EXPECT_EQ(Format(false, "%{public}*d%{public}*s", width, 1, width, "x").size(), 3072) << width;
         EXPECT_EQ(Format(false, "%{public}.*s", width, "abc"), "abc") << width;
