@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
+#include <malloc.h>
 
+#include <cstdlib>
 #include <thread>
 
 #include "vexa/base/delayed_ref_singleton.h"
 #include "vexa/base/mutex.h"
+#include "vexa/base/refbase.h"
 
 namespace VEXA {
 namespace {
@@ -27,9 +30,6 @@ void Wait(Mutex& mutex) VEXA_REQUIRES(mutex)
 
 TEST(LockRankTest, AThreadTakesMutexesFromTheOutermostInwardsOrEndsTheProcess)
 {
-    if (!kChecksLockOrder) {
-        GTEST_SKIP() << "this build does not check the order of mutexes";
-    }
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     MutexLock outer(g_outer);
     MutexLock inner(g_inner);
@@ -65,6 +65,32 @@ TEST(DelayedRefSingletonTest, IsMadeOnceWhenTwoThreadsAskAtFirst)
     Single::GetInstance();
     other.join();
     EXPECT_EQ(Single::made, 1);
+}
+
+struct Counted : RefBase {
+    using RefBase::NoteLeaving;
+};
+
+TEST(RefBaseTest, WeakReferencesKeepTheCountsAlone)
+{
+    const size_t before = mallinfo2().uordblks;
+    for (int round = 0; round < 1000; ++round) {
+        wptr<Counted> weak;
+        sptr<Counted> strong(new Counted);
+        EXPECT_EQ(std::exchange(weak, strong).Promote(), nullptr);
+        const wptr<Counted> moved = wptr<Counted>(weak);
+        EXPECT_EQ(moved.Promote(), strong);
+        strong.clear();
+        EXPECT_TRUE(moved.Promote() == nullptr && moved == weak && moved != nullptr);
+    }
+    EXPECT_LT(mallinfo2().uordblks, before + 8000);
+}
+
+TEST(RefBaseTest, AnObjectThatIsHeldGoesWithTheMainThreadOrEndsTheProcess)
+{
+    static const auto deleteHeld = [] { Counted().IncStrongRef(); };
+    EXPECT_DEATH((std::thread(&Counted::NoteLeaving).join(), deleteHeld()), "deleted while references to it are held");
+    EXPECT_EXIT((std::atexit(deleteHeld), std::exit(0)), testing::ExitedWithCode(0), "^$");
 }
 
 }  // namespace
