@@ -95,7 +95,8 @@ TEST(WantTest, ParametersAreReadAndWrittenWithinTheirLimits)
         {"all", 1024, many, true}, {"count beyond the limit", 1025, many, false},
         {"the longest list", 1, a + Word(5) + Word(16384) + room, true},
         {"list beyond the limit", 1, a + Word(5) + Word(16385) + room, false},
-        {"list beyond the bytes", 1, a + Word(5) + Word(9) + std::string(64, '\0'), false}};
+        {"list beyond the bytes", 1, a + Word(5) + Word(9) + std::string(64, '\0'), false},
+        {"text beyond the bytes", 1, a + Word(5) + Word(1) + Word(9) + Word(0), false}};
     for (const auto& [name, count, params, isSound] : rows) {
         // Behind empty texts and no flags.
         EXPECT_EQ(FromBytes(std::string(4 * 8 + 4, '\0') + Word(count) + params) != nullptr, isSound) << name;
