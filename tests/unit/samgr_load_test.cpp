@@ -12,6 +12,7 @@
 #include "vexa/ipc/ipc_object_stub.h"
 #include "vexa/samgr/system_ability_load_callback_stub.h"
 #include "vexa/testing/recording_log_sink.h"
+#include "vexa/testing/refusing_parcels.h"
 #include "vexa/testing/scripted_remote_object.h"
 
 namespace VEXA::samgr {
@@ -37,8 +38,15 @@ int32_t Report(const sptr<IRemoteObject>& callback, const LoadOutcome& outcome)
 }
 
 class Callback : public SystemAbilityLoadCallbackStub {
-    void OnLoadSystemAbilitySuccess(int32_t, const sptr<IRemoteObject>&) override {}
-    void OnLoadSystemAbilityFail(int32_t) override {}
+public:
+    void OnLoadSystemAbilitySuccess(int32_t id, const sptr<IRemoteObject>&) override { Tell("there", id); }
+    void OnLoadSystemAbilityFail(int32_t id) override { Tell("failed", id); }
+    void OnLoadSACompleteForRemote(const std::string& at, int32_t id, const sptr<IRemoteObject>&) override
+    {
+        Tell(at, id);
+    }
+    void Tell(const std::string& what, int32_t id) { told += what + " " + std::to_string(id) + ";"; }
+    std::string told;
 };
 
 class SamgrLoad : public testing::Test {
@@ -100,24 +108,34 @@ TEST_F(SamgrLoad, AnObjectKnownToBeDeadIsAskedForAgainUntilTheDeadline)
 TEST_F(SamgrLoad, ThereIsOneOutcomeAndNoneForTheAbandoned)
 {
     answers_ = false;
-    Ask()->Abandon();
+    const auto abandoned = Ask();
+    Report(callback_, {kId, SAMGR_OK, corpse_, {}});
+    EXPECT_TRUE(outcomes_.empty()) << "it was asked for again";
+    abandoned->Abandon();
+    Report(callback_, {kId, SAMGR_OK, corpse_, {}});
     Report(callback_, {kId, SAMGR_PROGRAM_SLOW, nullptr, "abandoned"});
-    EXPECT_TRUE(outcomes_.empty());
+    EXPECT_TRUE(outcomes_.empty() && manager_->Requests().size() == 2);
 
     const auto answered = Ask();
     const std::u16string token = ISystemAbilityLoadCallback::GetDescriptor();
-    const sptr<IRemoteObject> other(new Callback);
-    const std::tuple<sptr<IRemoteObject>, std::u16string, uint32_t, std::vector<int32_t>, int32_t> wrong[] = {
+    const sptr<Callback> other(new Callback);
+    const std::tuple<sptr<IRemoteObject>, std::u16string, uint32_t, std::vector<int32_t>, int32_t> requests[] = {
         {callback_, token + u"x", LOAD_FAILED, {kId, SAMGR_PROGRAM_SLOW, 0, 0}, SAMGR_BAD_REQUEST},
         {callback_, token, LOAD_FAILED, {kId, SAMGR_OK, 0, 0}, SAMGR_BAD_REQUEST},
         {other, token, LOADED_FROM_DEVICE, {0, 0}, SAMGR_BAD_REQUEST}, {other, token, 4, {}, IPC_UNKNOWN_REQUEST},
+        {callback_, token, LOAD_SUCCEEDED, {}, SAMGR_BAD_REQUEST},
+        {other, token, LOAD_SUCCEEDED, {}, SAMGR_BAD_REQUEST},
+        {other, token, LOADED_FROM_DEVICE, {5}, SAMGR_BAD_REQUEST},
+        {other, token, LOADED_FROM_DEVICE, {0, 0, 3}, SAMGR_OK},
+        {other, token, LOAD_FAILED, {4, SAMGR_BUSY, 0, 0}, SAMGR_OK}, {other, token, LOAD_SUCCEEDED, {5}, SAMGR_OK},
         {other, token + u"x", 4, {}, SAMGR_BAD_REQUEST}};
-    for (const auto& [receiver, name, code, words, result] : wrong) {
+    for (const auto& [receiver, name, code, words, result] : requests) {
         MessageParcel data;
         data.WriteInterfaceToken(name);
         std::ranges::for_each(words, [&](int32_t word) { data.WriteInt32(word); });
         EXPECT_EQ(Send(receiver, code, data), result) << code;
     }
+    EXPECT_EQ(other->told, " 3;failed 4;there 5;");
     answered->FailWithManager();
     Report(callback_, {kId + 1, SAMGR_PROGRAM_SLOW, nullptr, "slow"});
     answered->FailWithManager();  // as when the outcome overtakes the answer to the request
@@ -139,7 +157,8 @@ TEST_F(SamgrLoad, NothingIsWaitedForLongerThanItsLimit)
     EXPECT_EQ(manager.AddSystemAbility(kId, living_), SAMGR_OK);
     EXPECT_EQ(manager.RemoveSystemAbility(kId), SAMGR_OK);
     EXPECT_TRUE(manager.LoadSystemAbility(kId, 20, nullptr) == living_);
-    EXPECT_EQ(manager.LoadSystemAbility(kId, sptr<ISystemAbilityLoadCallback>(new Callback)), SAMGR_OK);
+    const sptr<Callback> callback(new Callback);
+    EXPECT_EQ(manager.LoadSystemAbility(kId, callback), SAMGR_OK);
     answers_ = false;
     std::string reason;
     auto start = steady_clock::now();
@@ -147,19 +166,17 @@ TEST_F(SamgrLoad, NothingIsWaitedForLongerThanItsLimit)
     const auto took = steady_clock::now() - start;
     EXPECT_TRUE(took >= 1s && took < 2s && reason == "not there within 1 s") << reason;
     Ask(0ms);
+    const RecordingLogSink log;
+    EXPECT_EQ(manager.LoadSystemAbility(kId, callback), SAMGR_OK);
+    Report(callback_, {kId, SAMGR_PROGRAM_SLOW, nullptr, "slow"});
+    EXPECT_EQ(log.Messages().at(0).text + ";" + callback->told, "load of service 7 failed: slow;there 7;failed 7;");
     std::vector<std::pair<uint32_t, int32_t>> waits;  // seconds, by request
     for (const auto& request : manager_->Requests()) {
         waits.emplace_back(request.code, request.waitTime);
     }
-    EXPECT_EQ(waits,
-        (decltype(waits){{CHECK_SYSTEM_ABILITY, 8}, {ADD_SYSTEM_ABILITY, 8}, {REMOVE_SYSTEM_ABILITY, 8},
-            {LOAD_SYSTEM_ABILITY, 8}, {LOAD_SYSTEM_ABILITY, 5}, {LOAD_SYSTEM_ABILITY, 1}, {LOAD_SYSTEM_ABILITY, 1}}));
-
-    manager_->QueueAnswer(SAMGR_NOT_ALLOWED);
-    EXPECT_TRUE(!manager.LoadSystemAbility(kId, 20, &reason) && reason == ResultText(SAMGR_NOT_ALLOWED)) << reason;
-    manager_->QueueAnswer(SAMGR_NOT_ALLOWED);
-    EXPECT_EQ(manager.AddSystemAbility(kId, living_), SAMGR_NOT_ALLOWED);
-    EXPECT_EQ(OwnServices::Get().Replace(kId, nullptr), nullptr);  // nothing is left to tell the next manager of
+    EXPECT_EQ(waits, (decltype(waits){{CHECK_SYSTEM_ABILITY, 8}, {ADD_SYSTEM_ABILITY, 8}, {REMOVE_SYSTEM_ABILITY, 8},
+                         {LOAD_SYSTEM_ABILITY, 8}, {LOAD_SYSTEM_ABILITY, 5}, {LOAD_SYSTEM_ABILITY, 1},
+                         {LOAD_SYSTEM_ABILITY, 1}, {LOAD_SYSTEM_ABILITY, 5}}));
 
     // The outcome wakes the thread; to look whether the manager lives it would wake after 50 ms.
     isLate_ = true;
@@ -179,6 +196,45 @@ TEST_F(SamgrLoad, NothingIsWaitedForLongerThanItsLimit)
     EXPECT_EQ(manager.LoadSystemAbility(kId, 20, &reason), nullptr);
     EXPECT_LT(steady_clock::now() - start, 400ms);
     EXPECT_EQ(reason, "the manager has ended");
+}
+
+// Each request is whole or not sent at all, and the log says what became of it.
+TEST_F(SamgrLoad, RefusalsAreReturnedAndLogged)
+{
+    constexpr int32_t kNone = -1;
+    SystemAbilityManagerProxy manager(manager_);
+    const sptr<Callback> callback(new Callback);
+    std::string text;
+    const std::pair<std::function<int32_t()>, const char*> operations[] = {
+        {[&] { return manager.CheckSystemAbility(kId) ? 0 : kNone; }, "lookup of service 7 failed: "},
+        {[&] { return manager.LoadSystemAbility(kId, 2, &text) ? 0 : kNone; }, "load of service 7 failed: "},
+        {[&] { return manager.LoadSystemAbility(kId, callback); }, "load of service 7 is refused: "},
+        {[&] { return manager.RemoveSystemAbility(kId); }, nullptr},
+        {[&] { return manager.AddSystemAbility(kId, living_); }, "service 7 is not registered: "},
+        {[&] { return manager.ListSystemAbilities(text); }, "the services can't be listed: "}};
+    manager_->SetHandler([](uint32_t, MessageParcel&, MessageParcel&, MessageOption&) { return SAMGR_NOT_ALLOWED; });
+    for (const auto& [ask, line] : operations) {
+        manager_->ClearRequests();
+        // Without a limit, and then with one more byte each time.
+        for (size_t room = 999; manager_->Requests().size() < 2; room = (room + 1) % 1000) {
+            const RefusingParcels refusing(room);
+            const size_t sent = manager_->Requests().size();
+            const RecordingLogSink log;
+            const int32_t returned = ask();
+            const int32_t result = manager_->Requests().size() > sent ? int32_t{SAMGR_NOT_ALLOWED} : IPC_FAILED;
+            EXPECT_TRUE(returned == result || returned == kNone) << returned << line;
+            const auto lines = log.Messages();
+            EXPECT_EQ(lines.size(), line != nullptr ? 1U : 0U);
+            EXPECT_TRUE(lines.empty() || lines[0].text.starts_with(line + std::string(ResultText(result)))) << line;
+        }
+        EXPECT_EQ(manager_->Requests()[0].data->GetDataSize(), manager_->Requests()[1].data->GetDataSize());
+    }
+    EXPECT_EQ(text, ResultText(SAMGR_NOT_ALLOWED));
+    EXPECT_EQ(OwnServices::Get().Replace(kId, nullptr), nullptr);  // nothing is left to tell the next manager of
+    EXPECT_EQ(manager.LoadSystemAbility(kId, sptr<ISystemAbilityLoadCallback>()), SAMGR_BAD_REQUEST);
+    EXPECT_EQ(manager.AddSystemAbility(kId, nullptr), SAMGR_BAD_REQUEST);
+    manager_->QueueAnswer(SAMGR_OK);
+    EXPECT_EQ(manager.ListSystemAbilities(text), IPC_FAILED) << "without a list";
 }
 
 // Otherwise a new manager would keep what the service has just withdrawn from it.

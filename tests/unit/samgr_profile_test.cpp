@@ -15,8 +15,9 @@ namespace {
 // The profile that is read from a text, or its fault.
 std::string Read(const std::string& text)
 {
-    Profile profile;
-    std::string error;
+    static Profile profile;  // nothing is left of the one before
+    static std::string error;
+    const RecordingLogSink log;
     if (!ParseProfile(text, profile, error)) {
         return "! " + error;
     }
@@ -27,6 +28,7 @@ std::string Read(const std::string& text)
         std::ranges::for_each(list.uids, [&](uid_t user) { shown << ' ' << user; });
         std::ranges::for_each(list.gids, [&](gid_t group) { shown << " %" << group; });
     }
+    std::ranges::for_each(log.Messages(), [&](const RecordedMessage& line) { shown << "; " << line.text; });
     return shown.str();
 }
 
@@ -61,11 +63,14 @@ TEST(SamgrProfile, DirectoriesAreReadInOrderAndTheFirstOfAnIdentifierWins)
     write("e.txt", R"({"id": 3, "program": "other"})");
     std::filesystem::create_directory(folder + "/f.json");
     EXPECT_EQ(mkfifo((folder + "/g.json").c_str(), 0600), 0);
+    std::filesystem::create_symlink("/no/such", folder + "/h.json");
+    std::filesystem::create_symlink("/proc/self/mem", folder + "/i.json");
     RecordingLogSink log;
     const auto profiles = ReadProfiles({folder + "/absent", folder});
     const std::pair<const char*, const char*> leftOut[] = {{"b.json", "another one names service 1 already"},
         {"c.json", "is larger than 65536 bytes"}, {"d.json", "line 3 is not JSON"}, {"d2.json", "line 2 is not JSON"},
-        {"f.json", "is not a file"}, {"g.json", "is not a file"}};
+        {"f.json", "is not a file"}, {"g.json", "is not a file"}, {"h.json", "can't be opened"},
+        {"i.json", "can't be read"}};
     std::vector lines{
         RecordedMessage{KOLOG_ERROR, "", "profiles of " + folder + "/absent can't be read: No such file or directory"}};
     for (const auto& [name, reason] : leftOut) {

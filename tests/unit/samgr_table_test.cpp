@@ -32,13 +32,14 @@ public:
 
 class CountingStarter : public ProgramStarter {
 public:
-    pid_t Start(const Profile&, std::string&) override { return 1000 + starts++; }
+    pid_t Start(const Profile&, std::string&) override { return hasMemory ? 1000 + starts++ : throw std::bad_alloc(); }
     void Kill(pid_t pid) override { killed.push_back(pid); }
     std::string LastLine(pid_t) override { return lastLine; }
 
     int starts = 0;
     std::vector<pid_t> killed;
     std::string lastLine;
+    bool hasMemory = true;
 };
 
 class SamgrTable : public testing::Test {
@@ -61,7 +62,10 @@ protected:
     }
     int32_t Load()
     {
-        return table_->Load(kId, kClient, [this](const LoadOutcome& outcome) { outcomes_.push_back(outcome); });
+        return table_->Load(kId, kClient, [this](const LoadOutcome& outcome) {
+            table_->List(kClient);  // whoever is called may ask again
+            outcomes_.push_back(outcome);
+        });
     }
     // The pid of the program that a load has started.
     pid_t LoadAndStart()
@@ -81,7 +85,8 @@ protected:
 
     TimePoint now_ = TimePoint() + 1000s;
     CountingStarter starter_;
-    sptr<ServiceTable> table_{new ServiceTable({&starter_, [this] { return now_; }, [] {}, TimePoint()})};
+    sptr<ServiceTable> table_{
+        new ServiceTable({&starter_, [this] { return now_; }, [this] { table_->List(kClient); }, TimePoint()})};
     std::vector<LoadOutcome> outcomes_;
 };
 
@@ -91,11 +96,15 @@ TEST_F(SamgrTable, LoadsOfOneServiceStartOneProgramAndAllGetItsObject)
         ASSERT_EQ(Load(), SAMGR_OK);
     }
     EXPECT_EQ(Load(), SAMGR_BUSY);
+    starter_.hasMemory = false;
+    EXPECT_EQ(table_->RunDue(), now_ + 10ms) << "it is tried again";
+    starter_.hasMemory = true;
     table_->RunDue();
     table_->RunDue();
     EXPECT_EQ(Check(), nullptr);
     EXPECT_TRUE(outcomes_.empty());
 
+    End(1234, 1);  // of which it knows nothing
     const auto object = Register(1000);
     EXPECT_EQ(Load(), SAMGR_OK);  // served from memory, at once
     ASSERT_EQ(outcomes_.size(), 1025U);
@@ -176,6 +185,7 @@ TEST_F(SamgrTable, OnlyTheStartedProgramAndListedUsersMayRegister)
     EXPECT_EQ(add(61, kServiceUser), SAMGR_ALREADY_REGISTERED);
     EXPECT_EQ(object->RecipientCount(), 1U);
     EXPECT_EQ(table_->Add(kId, {60, kServiceUser}, nullptr), SAMGR_BAD_REQUEST);
+    EXPECT_EQ(table_->Add(kId, {60, kServiceUser}, new ManagerStub(table_)), SAMGR_BAD_REQUEST) << "the manager's own";
 
     EXPECT_EQ(table_->Remove(kId, {61, kServiceUser}), SAMGR_NOT_ALLOWED);
     EXPECT_EQ(table_->Remove(kId, {60, kServiceUser}), SAMGR_OK);
@@ -257,18 +267,6 @@ TEST_F(SamgrTable, TheListShowsWhoMayLookUpHowEachServiceStands)
     expect(none, R"("starts":3,"failures":2,"lastFailure":")" + killed);
 }
 
-TEST_F(SamgrTable, StartsWaitForServicesOfAFormerManager)
-{
-    table_ = sptr<ServiceTable>(new ServiceTable({&starter_, [this] { return now_; }, [] {}, now_ + 300ms}));
-    UseProfile(Profile());
-    LoadAndStart();
-    EXPECT_EQ(table_->RunDue(), now_ + 300ms);
-    EXPECT_EQ(table_->Add(kId, {60, kServiceUser}, sptr<Proxy>(new Proxy)), SAMGR_OK);
-    now_ += 1s;
-    EXPECT_EQ(table_->RunDue(), TimePoint::max());
-    EXPECT_TRUE(starter_.starts == 0 && outcomes_.size() == 1);
-}
-
 TEST_F(SamgrTable, CrashLoopIsSlowedUntilAProgramLivesAndKilledProgramsAreNot)
 {
     // A number of instances; for each the wait before the start, whether it registers, how long it lives, how it ends.
@@ -301,39 +299,54 @@ TEST_F(SamgrTable, CrashLoopIsSlowedUntilAProgramLivesAndKilledProgramsAreNot)
 TEST_F(SamgrTable, RequestsReachTheTableAndItsAnswersTheirCallers)
 {
     const sptr<IRemoteObject> manager(new ManagerStub(table_));
-    const sptr<IRemoteObject> object(new Proxy);
-    RecordingLogSink log(KOLOG_WARN);
+    const sptr<Proxy> object(new Proxy);
+    RecordingLogSink log(KOLOG_INFO);
     EXPECT_EQ(samgr::Register(manager, kId, object), SAMGR_NOT_ALLOWED);
     EXPECT_EQ(samgr::Register(manager, kId + 1, object), SAMGR_NO_PROFILE);
     EXPECT_EQ(samgr::Register(manager, kId, nullptr), SAMGR_NOT_ALLOWED);
+    EXPECT_EQ(SystemAbilityManagerProxy(manager).CheckSystemAbility(kId + 1), nullptr);
     EXPECT_EQ(table_->Add(kId, {getpid(), kServiceUser}, object), SAMGR_OK);
     EXPECT_TRUE(SystemAbilityManagerProxy(manager).CheckSystemAbility(kId) == object);
     const sptr<ScriptedRemoteObject> callback(new ScriptedRemoteObject);
     callback->QueueAnswer(IPC_FAILED);
     callback->QueueAnswer(IPC_QUEUE_FULL);
-    const std::tuple<uint32_t, sptr<IRemoteObject>, int32_t> requests[] = {{6, nullptr, IPC_UNKNOWN_REQUEST},
-        {REMOVE_SYSTEM_ABILITY, nullptr, SAMGR_BAD_REQUEST},
-        {LOAD_SYSTEM_ABILITY, manager, SAMGR_BAD_REQUEST},  // one of its own objects
-        {LOAD_SYSTEM_ABILITY, callback, SAMGR_OK}};
-    for (const auto& [code, receiver, result] : requests) {
+    callback->QueueAnswer(IPC_DEAD_OBJECT);
+    const std::u16string token = ISystemAbilityManager::GetDescriptor();
+    const std::tuple<uint32_t, std::u16string, std::vector<sptr<IRemoteObject>>, int32_t> requests[] = {
+        {6, token, {}, IPC_UNKNOWN_REQUEST}, {0, token, {}, IPC_UNKNOWN_REQUEST},
+        {REMOVE_SYSTEM_ABILITY, token, {}, SAMGR_BAD_REQUEST},
+        {REMOVE_SYSTEM_ABILITY, token + u"x", {nullptr}, SAMGR_BAD_REQUEST},
+        {LOAD_SYSTEM_ABILITY, token, {manager}, SAMGR_BAD_REQUEST},  // one of its own objects
+        {LOAD_SYSTEM_ABILITY, token, {nullptr}, SAMGR_BAD_REQUEST}, {LOAD_SYSTEM_ABILITY, token, {callback}, SAMGR_OK},
+        {LOAD_SYSTEM_ABILITY, token, {callback}, SAMGR_OK}};
+    for (const auto& [code, name, receivers, result] : requests) {
         MessageParcel data;
         MessageParcel reply;
         MessageOption option;
-        EXPECT_TRUE(data.WriteInterfaceToken(ISystemAbilityManager::GetDescriptor()));
-        EXPECT_TRUE(receiver == nullptr || (data.WriteInt32(kId) && data.WriteRemoteObject(receiver)));
+        EXPECT_TRUE(data.WriteInterfaceToken(name));
+        for (const sptr<IRemoteObject>& receiver : receivers) {
+            EXPECT_TRUE(data.WriteInt32(kId) && data.WriteRemoteObject(receiver));
+        }
         EXPECT_EQ(manager->SendRequest(code, data, reply, option), result) << code;
     }
+    EXPECT_EQ(samgr::Register(manager, kId, nullptr), SAMGR_OK);
     const auto refused = [](const std::string& request, const char* reason) {
         const std::string caller = " for process " + std::to_string(getpid()) + ", user " + std::to_string(geteuid());
         return RecordedMessage{KOLOG_WARN, "", request + caller + ", is refused: " + reason};
     };
     const char* const notAllowed = "its profile does not let this user do that";
+    const auto notice = [](const std::string& text) { return RecordedMessage{KOLOG_INFO, "", text}; };
+    const std::string self = std::to_string(getpid());
     EXPECT_EQ(log.Messages(),
         (std::vector{refused("registration of service 7", notAllowed),
             refused("registration of service 8", "no profile names it"), refused("removal of service 7", notAllowed),
+            refused("lookup of service 8", "no profile names it"),
+            {KOLOG_ERROR, "", "lookup of service 8 failed: no profile names it (2)"},
+            notice("service 7 is registered by process " + self),
             refused("load of service 7", "the request makes no sense"),
-            {KOLOG_WARN, "",
-                "the outcome of a load of service 7 was not delivered: " + std::to_string(IPC_QUEUE_FULL)}}));
+            refused("load of service 7", "the request makes no sense"),
+            {KOLOG_WARN, "", "the outcome of a load of service 7 was not delivered: " + std::to_string(IPC_QUEUE_FULL)},
+            notice("service 7 is withdrawn by process " + self)}));
     std::vector<sptr<IRemoteObject>> handed;
     for (const auto& request : callback->Requests()) {
         EXPECT_TRUE(request.code == LOAD_SUCCEEDED && request.flags == MessageOption::TF_ASYNC);
@@ -341,8 +354,8 @@ TEST_F(SamgrTable, RequestsReachTheTableAndItsAnswersTheirCallers)
         request.data->ReadInt32();
         handed.push_back(request.data->ReadRemoteObject());
     }
-    EXPECT_EQ(handed, (decltype(handed){object, nullptr})) << "what can't be handed over is to be asked for again";
-    EXPECT_EQ(samgr::Register(manager, kId, nullptr), SAMGR_OK);
+    EXPECT_EQ(handed, (decltype(handed){object, nullptr, object}))
+        << "what can't be handed over is to be asked for again";
     EXPECT_EQ(Check(), nullptr);
 }
 

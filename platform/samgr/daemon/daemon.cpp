@@ -54,7 +54,6 @@ public:
     explicit Daemon(const std::vector<std::string>& profileDirectories) : profileDirectories_(profileDirectories) {}
     ~Daemon()
     {
-        runner_.reset();
         sd_event_source_disable_unref(timer_);
         sd_event_unref(loop_);
     }
@@ -151,10 +150,8 @@ private:
     // The check is deferred, because the runner still lists the program whose end it is reporting.
     void EndLoopWhenStopped()
     {
-        sd_event_source* check = nullptr;
-        if (stopping_ && sd_event_add_defer(loop_, &check, &Daemon::OnReaped, this) >= 0) {
-            sd_event_source_set_floating(check, 1);
-            sd_event_source_unref(check);
+        if (stopping_) {
+            sd_event_add_defer(loop_, nullptr, &Daemon::OnReaped, this);
         }
     }
 

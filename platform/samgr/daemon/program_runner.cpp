@@ -136,9 +136,7 @@ int ProgramRunner::OnExit(sd_event_source*, const siginfo_t* info, void* data)
     LogLine(program->name, pid,
         end.bySignal ? "ended by signal " + std::to_string(end.status)
                      : "ended with status " + std::to_string(end.status));
-    if (runner.onEnd_) {
-        runner.onEnd_(pid, end);
-    }
+    runner.onEnd_(pid, end);
     runner.programs_.erase(pid);
     return 0;
 }
@@ -153,12 +151,9 @@ void ProgramRunner::Kill(pid_t pid)
 
 std::string ProgramRunner::LastLine(pid_t pid)
 {
-    const auto found = programs_.find(pid);
-    if (found == programs_.end()) {
-        return "";
-    }
-    found->second->errors.lines.Flush();
-    return found->second->lastLine;
+    Program& program = *programs_.at(pid);
+    program.errors.lines.Flush();
+    return program.lastLine;
 }
 
 void ProgramRunner::SignalAll(int signal)

@@ -84,13 +84,6 @@ ServiceTable::Program* ServiceTable::FindProgram(int32_t id, pid_t pid)
     return found != programs_.end() && found->second.id == id ? &found->second : nullptr;
 }
 
-void ServiceTable::Forget(Service& service)
-{
-    service.object = nullptr;
-    service.recipient = nullptr;
-    service.owner = -1;
-}
-
 bool ServiceTable::Lives(const Service& service)
 {
     return service.object != nullptr && !service.object->IsObjectDead();
@@ -189,7 +182,7 @@ int32_t ServiceTable::Remove(int32_t id, const Caller& caller)
         }
         object = found->second.object;
         recipient = found->second.recipient;
-        Forget(found->second);
+        found->second.object = nullptr;
     }
     object->RemoveDeathRecipient(recipient);
     SAMGR_LOGI("service %{public}d is withdrawn by process %{public}d", id, caller.pid);
@@ -280,7 +273,6 @@ void ServiceTable::Start(int32_t id, Service& service, Completions& completions)
     service.due = setting_.now() + service.profile->startTimeout;
     auto program = started.extract(started.begin());
     program.key() = pid;
-    programs_.erase(pid);
     programs_.insert(std::move(program));
     SAMGR_LOGI("service %{public}d: started %{public}s[%{public}d]", id, service.profile->program.c_str(), pid);
 }
@@ -329,7 +321,7 @@ void ServiceTable::OnProgramEnd(pid_t pid, const ProgramEnd& end)
         MutexLock lock(mutex_);
         for (auto& [id, service] : services_) {
             if (service.owner == pid) {
-                Forget(service);  // sooner than the word of its socket
+                service.object = nullptr;  // sooner than the word of its socket
             }
         }
         const auto program = programs_.find(pid);
@@ -360,7 +352,7 @@ void ServiceTable::OnObjectDied(int32_t id, const wptr<IRemoteObject>& object)
     const auto found = services_.find(id);
     if (found != services_.end() && found->second.object != nullptr &&
         wptr<IRemoteObject>(found->second.object) == object) {
-        Forget(found->second);
+        found->second.object = nullptr;
         SAMGR_LOGI("service %{public}d has ended", id);
     }
 }

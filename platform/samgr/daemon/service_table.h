@@ -63,7 +63,7 @@ private:
         ProfilePtr profile;
         sptr<IRemoteObject> object;  // registered, null when there is none
         sptr<IRemoteObject::DeathRecipient> recipient;
-        pid_t owner = -1;  // the process that registered it, and its user
+        pid_t owner = -1;  // the process that registered it last, and its user
         uid_t ownerUid = static_cast<uid_t>(-1);
         Phase phase = Phase::IDLE;
         TimePoint due;       // of the start or of its time-out, unless idle
@@ -92,7 +92,6 @@ private:
     Program* FindProgram(int32_t id, pid_t pid) VEXA_REQUIRES(mutex_);
     // Appends the service to a list. False without memory.
     static bool Describe(int32_t id, const Service& service, cJSON* list);
-    static void Forget(Service& service);
     static bool Lives(const Service& service);
     void Start(int32_t id, Service& service, Completions& completions) VEXA_REQUIRES(mutex_);
     static void NoteFailure(int32_t id, Service& service, std::string reason);

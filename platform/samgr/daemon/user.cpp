@@ -4,6 +4,7 @@
 #include <grp.h>
 #include <pwd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstdint>
@@ -25,13 +26,11 @@ bool ParseId(const std::string& text, uint32_t& id)
 
 std::vector<gid_t> GroupsOf(const std::string& name, gid_t gid)
 {
-    int count = 64;
+    int count = 0;
+    getgrouplist(name.c_str(), gid, nullptr, &count);
     std::vector<gid_t> groups(static_cast<size_t>(count));
-    if (getgrouplist(name.c_str(), gid, groups.data(), &count) < 0) {
-        groups.resize(static_cast<size_t>(count));
-        getgrouplist(name.c_str(), gid, groups.data(), &count);
-    }
-    groups.resize(static_cast<size_t>(count));
+    getgrouplist(name.c_str(), gid, groups.data(), &count);
+    groups.resize(std::min(groups.size(), static_cast<size_t>(count)));  // they may have changed meanwhile
     return groups;
 }
 
