@@ -31,11 +31,16 @@ Fields ToFields(const JsonContext& object, bool hasLists, const std::string& pre
     return fields;
 }
 
-void ShowRecords(const Options& options, const JsonContext& list)
+// Names become lines of their own.
+void ShowList(const Options& options, const JsonContext& list)
 {
     std::vector<Fields> rows;
-    for (const JsonContext& record : list) {
-        rows.push_back(ToFields(record, true));
+    for (const JsonContext& element : list) {
+        if (element.Type() == JsonContext::STRING) {
+            Print(Clean(ShowJson(element)) + "\n");
+        } else {
+            rows.push_back(ToFields(element, true));
+        }
     }
     Print(FormatTable(rows, options.width()));
 }
@@ -63,13 +68,8 @@ void ShowColumns(const Options& options, const JsonContext& list, std::initializ
 
 void ShowReply(const Options& options, const JsonContext& reply)
 {
-    const bool isList = reply.Type() == JsonContext::ARRAY;
-    if (isList && reply.size() > 0 && reply.begin()->Type() == JsonContext::STRING) {
-        for (const JsonContext& name : reply) {
-            Print(Clean(ShowJson(name)) + "\n");
-        }
-    } else if (isList) {
-        ShowRecords(options, reply);
+    if (reply.Type() == JsonContext::ARRAY) {
+        ShowList(options, reply);
     } else if (reply.Type() == JsonContext::OBJECT) {
         Print(FormatFields(ToFields(reply, true)));
     } else {
@@ -88,7 +88,7 @@ void ShowInfo(const Options& options, const JsonContext& info)
 void ShowResult(const Options& options, const JsonContext& result)
 {
     Print(FormatFields(ToFields(result, false)));
-    ShowRecords(options, result["packages"]);
+    ShowList(options, result["packages"]);
 }
 
 void ShowApps(const Options& options, const JsonContext& apps)

@@ -145,12 +145,12 @@ const char* StatusName(int64_t status)
 
 std::string ShowBytes(int64_t bytes)
 {
-    constexpr std::array units{"B", "kB", "MB", "GB", "TB", "PB", "EB"};
+    constexpr std::array units{"B", "kB", "MB", "GB", "TB", "PB", "EB"};  // no number is larger
     constexpr double kStep = 1000;
     constexpr double kShownAsStep = 999.95;  // with one digit behind the point
     auto value = static_cast<double>(bytes);
     size_t unit = 0;
-    while (value >= (unit == 0 ? kStep : kShownAsStep) && unit + 1 < units.size()) {
+    while (value >= (unit == 0 ? kStep : kShownAsStep)) {
         value /= kStep;
         unit++;
     }

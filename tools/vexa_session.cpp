@@ -72,11 +72,8 @@ sigset_t HandledSignals()
     return set;
 }
 
-// Signals from the terminal are sent by the kernel, to every process in the foreground: the command has them already.
-bool IsToBePassedOn(int signalCode)
-{
-    return signalCode != SI_KERNEL;
-}
+// The kernel sends a terminal's signals to every process in the foreground: they are not passed on.
+constexpr int kFromTerminal = SI_KERNEL;
 
 // The children of this process. None of their ids can be another process's until we have waited for it.
 std::vector<pid_t> Children()
@@ -192,7 +189,6 @@ private:
         }
         sigprocmask(SIG_SETMASK, &originalMask_, nullptr);
         std::vector<char*> pointers;
-        pointers.reserve(arguments.size() + 1);
         for (const std::string& argument : arguments) {
             pointers.push_back(const_cast<char*>(argument.c_str()));
         }
@@ -259,7 +255,7 @@ private:
             stoppedBy_ = number;
             commandDeadline_ = steady_clock::now() + kCommandTime;
         }
-        if (command_ > 0 && IsToBePassedOn(info.ssi_code)) {
+        if (command_ > 0 && info.ssi_code != kFromTerminal) {
             kill(command_, number);
         }
     }
@@ -340,10 +336,10 @@ int RunGuarded(Options options)
         siginfo_t info = {};
         const int number = sigwaitinfo(&set, &info);
         int status = 0;
-        if (number == SIGCHLD && waitpid(session, &status, WNOHANG) == session) {
+        if (waitpid(session, &status, WNOHANG) == session) {
             return ExitStatus(status);
         }
-        if (number > 0 && number != SIGCHLD && IsToBePassedOn(info.si_code)) {
+        if (number > 0 && number != SIGCHLD && info.si_code != kFromTerminal) {
             kill(session, number);
         }
     }

@@ -5,7 +5,7 @@
 set -euo pipefail
 
 root="$(mktemp -d "${TMPDIR:-/tmp}/migratectl-test.XXXXXX")"
-trap 'kill $(jobs -p) 2>/dev/null || true; rm -rf "$root"' EXIT
+trap 'rm -rf "$root"' EXIT
 export MIGRATE_SOURCE="$root/source" MIGRATE_TARGET="$root/target" MIGRATE_THROTTLE=4000000 ROOT="$root"
 mkdir -p "$MIGRATE_SOURCE" "$MIGRATE_TARGET"
 
@@ -21,50 +21,25 @@ done
 MIGRATE_SOURCE=/no/such vexa-session -- migratectl status 2>"$root/err" && exit 1 || [[ $? == 4 ]]
 grep -q "^migratectl.*migrate_serviced: /no/such: No such file" "$root/err"
 
-# refused STATUS REASON COMMAND...: what a service or the manager says when it does not start.
+# refused STATUS REASON ARGUMENTS...: what the service says when it does not start.
 refused() {
     local status=0 wanted="$1" reason="$2"
     shift 2
-    timeout 20 "$@" >"$root/out" 2>"$root/err" || status=$?
+    timeout 20 migrate_serviced "$@" >"$root/out" 2>"$root/err" || status=$?
     [[ "$status" == "$wanted" ]] && grep -qF -- "$reason" "$root/err" || { echo "$*: status $status"; cat "$root/err"; exit 1; }
 }
-service="migrate_serviced --source $root/source --target $root/target"
-refused 2 "--target is required" migrate_serviced --source "$root"
-refused 2 "--source is required" migrate_serviced --target "$root"
-refused 1 "migrate_serviced: $root/none: No such file" migrate_serviced --source "$root/none" --target "$root"
-VEXA_RUNTIME_DIR="$root/none" refused 1 "no manager answers in $root/none" $service
+refused 2 "--target is required" --source "$root"
+refused 2 "--source is required" --target "$root"
+refused 1 "migrate_serviced: $root/none: No such file" --source "$root/none" --target "$root"
+VEXA_RUNTIME_DIR="$root/none" refused 1 "no manager answers in $root/none" --source "$root/source" --target "$root/target"
 migrate_serviced --version | grep -q "^migrate_serviced [0-9]"
-samgrd --version | grep -q "^samgrd [0-9]"
-mkdir -p "$root/taken/samgr.sock"
-touch "$root/file"
-refused 4 ": Not a directory" samgrd --runtime-dir "$root/file"
-refused 4 "/samgr.sock: rename: Is a directory" samgrd --runtime-dir "$root/taken"
-refused 4 ": socket: File name too long" samgrd --runtime-dir "$root/$(printf "x%.0s" {1..99})"
-if ! grep -qs __asan_init "$(command -v samgrd)"; then  # its companion opens descriptors to look at types
-    refused 4 "loop can't be set up: Too many open files" bash -c "ulimit -n 4; exec samgrd --runtime-dir $root/run"
-    refused 4 ": Too many open files" bash -c "ulimit -n 8; exec samgrd --runtime-dir $root/run"
-fi
-
-# The manager of a relative directory, whose programs have another working directory, reads its profiles again.
-mkdir "$root/relative" "$root/more"
-(cd "$root/relative" && exec samgrd --profiles ../more --runtime-dir vexa 2>&-) &
-manager="$!"
-relatively() { (cd "$root" && VEXA_RUNTIME_DIR="" XDG_RUNTIME_DIR=relative migratectl "$@"); }
-until relatively list >/dev/null 2>&1; do sleep 0.01; done
-[[ "$(readlink "/proc/$manager/fd/2")" == /dev/null ]] || { echo "a socket would get what is printed"; exit 1; }
-echo "{\"id\":65792,\"program\":\"migrate_serviced\",\"arguments\":[\"--source\",\"$MIGRATE_SOURCE\",\"--target\",\"$MIGRATE_TARGET\"]}" >"$root/more/1.json"
-kill -HUP "$manager"
-until relatively load 65792 2>/dev/null; do sleep 0.01; done
-VEXA_RUNTIME_DIR="$root/relative/vexa" refused 3 "another manager serves $root/relative/vexa" samgrd
-kill "$manager"
-wait "$manager"
 # With a profile whose service nobody starts, and under which one that is started by hand may register.
 mkdir "$root/profiles" "$root/empty" "$root/fresh"
 echo '{"id":65792,"program":"/bin/false"}' >"$root/profiles/65792.json"
 export -f refused
-export root service
+export root
 vexa-session --profiles "$root/empty" -- bash -euo pipefail -c '
-    refused 1 "the manager did not take the service (result 2)" $service
+    refused 1 "the manager did not take the service (result 2)" --source "$root/source" --target "$root/target"
 '
 vexa-session --profiles "$root/profiles" -- bash -euo pipefail -c '
     KOLOG_LEVEL=info migrate_serviced --source "$root/source" --target "$root/fresh" --state "$root/state" --no-sync \
@@ -74,8 +49,8 @@ vexa-session --profiles "$root/profiles" -- bash -euo pipefail -c '
     [[ -s "$root/state" && ! -e "$root/fresh/.migrate-state.db" ]]
     migratectl start
     mkdir "$root/other"
-    refused 1 "the manager did not take the service" migrate_serviced --source "$root/source" --target "$root/other"
-    refused 1 "process $! uses it as its target" migrate_serviced --source "$root/source" --target "$root/fresh"
+    refused 1 "the manager did not take the service" --source "$root/source" --target "$root/other"
+    refused 1 "process $! uses it as its target" --source "$root/source" --target "$root/fresh"
     for _ in 1 2; do kill $!; done
     status=0; wait $! || status=$?
     [[ "$status" == 0 ]] && grep -q "ends on signal 15" "$root/log" || { echo "the end of the service: $status"; cat "$root/log"; exit 1; }
@@ -137,6 +112,18 @@ vexa-session -- bash -euo pipefail -c '
     done
     expect 0 trace status  # this side alone, as the others are not traced
     [[ "$(grep -c GET_MIGRATE_STATUS "$ROOT/err")" == 2 ]]
+    expect 0 --json -v trace status
+    [[ "$(grep -c "^{\"time\":.*GET_MIGRATE_STATUS" "$ROOT/err")" == 2 ]] && grep -q GetMigrateStatus "$ROOT/err"
+    grep -q "^{\"result\":0" "$ROOT/out"
+    for span in "" "--seconds 60"; do  # until it is ended, or for so long
+        migratectl reserve watch $span >"$ROOT/watched" &
+        until grep -q "^finished set$" "$ROOT/watched"; do
+            migratectl reserve clear set-b; migratectl reserve restore set-b --wait >"$ROOT/out"
+        done
+        kill "$!"
+        wait "$!" && exit 1 || [[ "$?" == 143 ]]
+    done
+    grep -q "^Exit status: 0 done" <(migratectl --help)
     for help in --help "reserve --help" --version; do
         expect 0 $help
     done
@@ -159,13 +146,15 @@ vexa-session -- bash -euo pipefail -c '
     done
     VEXA_RUNTIME_DIR="$ROOT/none" expect 4 status
     grep -q "^migratectl.* $ROOT/none/samgr.sock: No such file" "$ROOT/err"
+    VEXA_RUNTIME_DIR="$ROOT/none" expect 4 load 1
 '
 
 # Process, direction, event and request of the lines of a trace with that word, each process without its number.
 told() { grep "$1" "$root/err" | sed -E 's/^[0-9.]+ ([a-z_]+)\[[0-9]+\] (to|from) [a-z_]+\[[0-9]+\] ([a-z]+) ?([^ ]*).*/\1 \2 \3 \4/'; }
 
 export VEXA_RUNTIME_DIR="$root/none"  # no manager serves here
-migratectl trace status >/dev/null 2>"$root/err"
+env -u KOLOG_LEVEL migratectl trace status >/dev/null 2>"$root/err"
+grep " I D0" "$root/err" && exit 1
 number="$(told GET_MIGRATE_STATUS | awk 'NR == 1 { print $4 }')"
 diff <(told GET_MIGRATE_STATUS) - <<END
 migratectl to request $number
@@ -182,3 +171,8 @@ vexa-session --trace -- bash -euo pipefail -c '
 grep -q " samgrd\[[0-9]*\] from [a-z_]*\[$(cat "$root/pid")\] death$" "$root/err" || { cat "$root/err"; exit 1; }
 # Not by grep -q, which would end before the trace is whole, and the command with it.
 migratectl trace --json status 2>&1 >/dev/null | grep "^{\"time\":.*GET_MIGRATE_STATUS.*}$" >/dev/null
+mkdir "$root/bin"
+ln -s "$(dirname "$(command -v migratectl)")/../lib" "$root/lib"
+cp "$(command -v migratectl)" "$root/bin"  # without vexa-session beside it
+"$root/bin/migratectl" trace status 2>"$root/err" && exit 1 || [[ $? == 2 ]]
+grep -q "/vexa-session: No such file" "$root/err"

@@ -197,7 +197,7 @@ bool ReadText(const std::filesystem::path& path, std::string& text, std::string&
         file = UniqueFd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     }
     struct stat status = {};
-    if (file.Get() < 0 || fstat(file.Get(), &status) != 0) {
+    if (fstat(file.Get(), &status) != 0) {
         error = "can't be opened";
         return false;
     }
