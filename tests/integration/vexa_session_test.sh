@@ -49,6 +49,7 @@ until_missing() {
 
 # Options, and how the command ends.
 expect 0 vexa-session --help
+grep -q "come last, after --" "$root/out"
 expect 0 vexa-session --version
 expect 2 vexa-session --no-such-option -- true
 expect 2 vexa-session
@@ -60,6 +61,11 @@ expect 143 vexa-session -- sh -c 'kill $$'
 expect 127 vexa-session -- /no/such/command
 says "vexa-session: /no/such/command: No such file or directory"
 expect 127 vexa-session -- no-such-command
+if ! grep -qs __asan_init "$(command -v vexa-session)"; then
+    expect 125 bash -c "ulimit -n 4; exec vexa-session -- true"
+    says "vexa-session: socket: Too many open files"
+    rm -r "$root"/vexa-session.*  # that takes a descriptor, too
+fi
 expect 126 vexa-session -- "$root"
 says "vexa-session: $root: Permission denied"
 expect 0 vexa-session -- printf '%s,' a -- --help
