@@ -4,7 +4,6 @@
 #include <sys/prctl.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -107,7 +106,7 @@ public:
     int Run()
     {
         int status = kSessionFailed;
-        if (TakeSignals() && MakeDirectories() && StartManager() && (command_ = Start(options_.command, false)) > 0) {
+        if (TakeSignals() && MakeFolder() && StartManager() && (command_ = Start(options_.command, false)) > 0) {
             status = WaitForCommand();
         }
         EndAll();
@@ -132,7 +131,7 @@ private:
         return (signals_ >= 0 && prctl(PR_SET_CHILD_SUBREAPER, 1) == 0) || Complain("signals");
     }
 
-    bool MakeDirectories()
+    bool MakeFolder()
     {
         const char* wanted = getenv("TMPDIR");
         const std::string parent =
@@ -141,8 +140,8 @@ private:
         if (mkdtemp(folder.data()) == nullptr) {
             return Complain(parent.c_str());
         }
-        folder_ = folder;
-        return mkdir(RuntimePath().c_str(), 0700) == 0 || Complain(RuntimePath().c_str());
+        folder_ = folder;  // in which the manager makes its runtime directory
+        return true;
     }
 
     // The socket on which the manager says that it is ready, as it would to a service manager.
@@ -168,10 +167,7 @@ private:
             arguments.insert(arguments.end(), {"--profiles", profiles});
         }
         manager_ = Start(arguments, true);
-        const bool ready = manager_ > 0 && WaitUntilReady();
-        close(notify_);  // the manager has nothing more to say that matters
-        notify_ = -1;
-        return ready;
+        return manager_ > 0 && WaitUntilReady();
     }
 
     pid_t Start(const std::vector<std::string>& arguments, bool isManager)
@@ -202,7 +198,7 @@ private:
     bool WaitUntilReady()
     {
         const auto deadline = steady_clock::now() + kReadyTime;
-        while (!ReadReady()) {
+        while (!isReady_) {
             const bool hasEnded = manager_ <= 0;
             if (hasEnded || stoppedBy_ != 0 || steady_clock::now() >= deadline) {
                 const std::string how =
@@ -213,13 +209,6 @@ private:
             Wait(deadline);
         }
         return true;
-    }
-
-    bool ReadReady() const
-    {
-        char text[256];
-        const ssize_t count = recv(notify_, text, sizeof(text), 0);
-        return count > 0 && std::string(text, static_cast<size_t>(count)).find("READY=1") != std::string::npos;
     }
 
     int WaitForCommand()
@@ -244,6 +233,10 @@ private:
             if (info.ssi_signo != SIGCHLD) {
                 TakeStop(info);
             }
+        }
+        char text[256];
+        for (ssize_t count = 0; (count = recv(notify_, text, sizeof(text), 0)) > 0;) {
+            isReady_ = isReady_ || std::string(text, static_cast<size_t>(count)).find("READY=1") != std::string::npos;
         }
         Reap();
     }
@@ -311,6 +304,7 @@ private:
     const sigset_t originalMask_;
     int signals_ = -1;
     int notify_ = -1;
+    bool isReady_ = false;  // the manager, as it has said
     std::string folder_;
     pid_t manager_ = 0;  // 0 before its start, -1 after its end
     pid_t command_ = 0;
@@ -339,8 +333,8 @@ int RunGuarded(Options options)
         if (waitpid(session, &status, WNOHANG) == session) {
             return ExitStatus(status);
         }
-        if (number > 0 && number != SIGCHLD && info.si_code != kFromTerminal) {
-            kill(session, number);
+        if (info.si_code != kFromTerminal) {
+            kill(session, number);  // SIGCHLD is no harm there
         }
     }
 }
