@@ -18,11 +18,12 @@ public:
     void Pause() override
     {
         if (++pauses == reportAt) {
-            OnLoadSystemAbilitySuccess(9, report);  // counts, whichever service it names
+            fails ? OnLoadSystemAbilityFail(9) : OnLoadSystemAbilitySuccess(9, report);  // whichever service it names
         }
     }
 
     sptr<IRemoteObject> report;
+    bool fails = false;
     int reportAt = 0;
     int pauses = 0;
 };
@@ -65,6 +66,10 @@ TEST_F(LoadSaServiceTest, WaitsForTheWordOfTheManager)
     ExpectLoad(false, 1,
         {waiting, Line(4, "SystemAbility load Success systemAbilityId: 9, IRemoteObject result: failed"),
             Line(4, "found OnLoad result: failed"), checkFailed});
+    loader_->fails = true;
+    ExpectLoad(false, 1,
+        {waiting, Line(6, "SystemAbility Load fail the systemAbilityId is: 9"), Line(4, "found OnLoad result: failed"),
+            checkFailed});
     // The outcomes before don't count.
     manager_->TakeHeld();
     loader_->reportAt = 0;

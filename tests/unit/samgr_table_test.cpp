@@ -311,6 +311,7 @@ TEST_F(SamgrTable, RequestsReachTheTableAndItsAnswersTheirCallers)
     callback->QueueAnswer(IPC_FAILED);
     callback->QueueAnswer(IPC_QUEUE_FULL);
     callback->QueueAnswer(IPC_DEAD_OBJECT);
+    callback->QueueAnswer(IPC_FAILED);
     const std::u16string token = ISystemAbilityManager::GetDescriptor();
     const std::tuple<uint32_t, std::u16string, std::vector<sptr<IRemoteObject>>, int32_t> requests[] = {
         {6, token, {}, IPC_UNKNOWN_REQUEST}, {0, token, {}, IPC_UNKNOWN_REQUEST},
@@ -330,6 +331,13 @@ TEST_F(SamgrTable, RequestsReachTheTableAndItsAnswersTheirCallers)
         EXPECT_EQ(manager->SendRequest(code, data, reply, option), result) << code;
     }
     EXPECT_EQ(samgr::Register(manager, kId, nullptr), SAMGR_OK);
+    MessageParcel data;
+    MessageParcel reply;
+    MessageOption option;
+    EXPECT_TRUE(WriteHead(data, kId) && data.WriteRemoteObject(callback));
+    EXPECT_EQ(manager->SendRequest(LOAD_SYSTEM_ABILITY, data, reply, option), SAMGR_OK);
+    table_->Stop();
+    table_->Stop();  // which is nothing more
     const auto refused = [](const std::string& request, const char* reason) {
         const std::string caller = " for process " + std::to_string(getpid()) + ", user " + std::to_string(geteuid());
         return RecordedMessage{KOLOG_WARN, "", request + caller + ", is refused: " + reason};
@@ -346,15 +354,17 @@ TEST_F(SamgrTable, RequestsReachTheTableAndItsAnswersTheirCallers)
             refused("load of service 7", "the request makes no sense"),
             refused("load of service 7", "the request makes no sense"),
             {KOLOG_WARN, "", "the outcome of a load of service 7 was not delivered: " + std::to_string(IPC_QUEUE_FULL)},
-            notice("service 7 is withdrawn by process " + self)}));
+            notice("service 7 is withdrawn by process " + self),
+            {KOLOG_ERROR, "", "service 7: the manager is stopping"},
+            {KOLOG_WARN, "", "the outcome of a load of service 7 was not delivered: " + std::to_string(IPC_FAILED)}}));
     std::vector<sptr<IRemoteObject>> handed;
     for (const auto& request : callback->Requests()) {
-        EXPECT_TRUE(request.code == LOAD_SUCCEEDED && request.flags == MessageOption::TF_ASYNC);
+        EXPECT_EQ(request.flags, MessageOption::TF_ASYNC);
         request.data->ReadInterfaceToken();
         request.data->ReadInt32();
-        handed.push_back(request.data->ReadRemoteObject());
+        handed.push_back(request.code == LOAD_SUCCEEDED ? request.data->ReadRemoteObject() : manager);
     }
-    EXPECT_EQ(handed, (decltype(handed){object, nullptr, object}))
+    EXPECT_EQ(handed, (decltype(handed){object, nullptr, object, manager}))
         << "what can't be handed over is to be asked for again";
     EXPECT_EQ(Check(), nullptr);
 }
