@@ -111,16 +111,23 @@ public:
     void OnTask(const TaskProgress& task) override
     {
         MutexLock lock(mutex_);
-        const bool isEnd = task.status >= kFinished;
-        heard_ += isEnd ? std::to_string(task.id) + (task.status == kFinished ? " " : "! ") : "";
+        EXPECT_EQ(task.progress == 100, task.status == kFinished) << task.id;
+        std::string& way = ways_[task.id];
+        const std::string step = task.subStatus == MIGRATE_SUB_PLACING ? "p" : std::to_string(task.status);
+        way += (way.ends_with(step) ? "" : step) + (task.pauseReason != 0 ? "(" + std::to_string(task.pauseReason) + ")" : "");
+        if (task.status >= kFinished) {
+            heard_ += std::to_string(task.id) + (way == "01p3" ? " " : ":" + way + " ");
+            way.clear();
+        }
     }
     void OnRestore(const RestoreEventInfo& event) override
     {
         MutexLock lock(mutex_);
         heard_ += Statuses({event});
     }
-    // The numbers of the migration's tasks that have finished, or failed (!), and the status of every restoration's
-    // event, in order.
+    // The numbers of the migration's tasks that have ended, and the status of every restoration's event, in order.
+    // Behind a number stand the task's statuses, with p while it is placed, and a pause with its reason: "7:012(1)1p3 ".
+    // The usual ones, "01p3", are left out.
     std::string Heard() const
     {
         MutexLock lock(mutex_);
@@ -130,6 +137,7 @@ public:
 private:
     mutable Mutex mutex_{LockRank::CallbackHub};  // whose place it takes
     std::string heard_ VEXA_GUARDED_BY(mutex_);
+    std::map<uint32_t, std::string> ways_ VEXA_GUARDED_BY(mutex_);
 };
 
 class EngineTest : public testing::Test {
