@@ -113,8 +113,9 @@ public:
         MutexLock lock(mutex_);
         EXPECT_EQ(task.progress == 100, task.status == kFinished) << task.id;
         std::string& way = ways_[task.id];
-        const std::string step = task.subStatus == MIGRATE_SUB_PLACING ? "p" : std::to_string(task.status);
-        way += (way.ends_with(step) ? "" : step) + (task.pauseReason != 0 ? "(" + std::to_string(task.pauseReason) + ")" : "");
+        std::string step = task.subStatus == MIGRATE_SUB_PLACING ? "p" : std::to_string(task.status);
+        step += task.pauseReason != 0 ? "(" + std::to_string(task.pauseReason) + ")" : "";
+        way += way.ends_with(step) ? "" : step;
         if (task.status >= kFinished) {
             heard_ += std::to_string(task.id) + (way == "01p3" ? " " : ":" + way + " ");
             way.clear();
