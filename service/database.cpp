@@ -91,12 +91,6 @@ bool Database::Execute(const char* sql)
     return !isBroken_ && (sqlite3_exec(handle_, sql, nullptr, nullptr, nullptr) == SQLITE_OK || Fail());
 }
 
-void Database::Begin()
-{
-    isBroken_ = false;
-    Execute("BEGIN IMMEDIATE");
-}
-
 void Database::Rollback()
 {
     isBroken_ = false;

@@ -61,7 +61,8 @@ public:
     // Reads all rows of a query; false when one can't be read. Its text must outlive the database.
     bool ForEachRow(const char* sql, const std::function<void(Row&)>& read) { return Run(Prepare(sql), read); }
 
-    void Begin();
+    // Rollback comes last, also when all could be written.
+    void Begin() { Execute("BEGIN IMMEDIATE"); }
     // False when not all of it could be written: then Rollback comes next.
     bool Commit() { return Execute("COMMIT"); }
     void Rollback();

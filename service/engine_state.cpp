@@ -50,11 +50,9 @@ BusinessError EngineState::ReadPackages(std::vector<KnownPackage>& packages) con
         return MakeError(MIGRATE_ERROR_SOURCE, "the source directory can't be read");
     }
     std::vector<std::optional<FileId>> there;
-    there.reserve(found.size());
     for (const PackageRef& package : found) {
         there.push_back(target->IdOf(package->manifest.target));
     }
-    packages.reserve(found.size());
     // This goes in pieces, so that nobody waits long for the lock.
     for (; packages.size() < found.size(); std::this_thread::sleep_for(kPause)) {
         MutexLock lock(mutex);

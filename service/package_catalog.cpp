@@ -170,30 +170,23 @@ bool PackageCatalog::Read(std::vector<PackageRef>& packages) const
         before = known_;
     }
     auto now = std::make_shared<Contents>();
-    size_t kept = 0;
-    for (auto earlier = before->read.begin(); const std::string& name : names) {
+    for (auto earlier = before->begin(); const std::string& name : names) {
         // The stamp is taken first: a manifest that changes while it is read then has another one.
         const Stamp stamp = StampOf(fd, name);
-        while (earlier != before->read.end() && earlier->second->directory < name) {
+        while (earlier != before->end() && earlier->second->directory < name) {
             ++earlier;
         }
-        if (earlier != before->read.end() && earlier->second->directory == name && earlier->first == stamp) {
-            now->read.push_back(*earlier);
-            kept++;
+        if (earlier != before->end() && earlier->second->directory == name && earlier->first == stamp) {
+            now->push_back(*earlier);
         } else {
             const auto package = std::make_shared<const Package>(ReadPackage(fd, name));
-            now->read.emplace_back(CanBeKept(stamp, *package) ? stamp : Stamp(), package);
+            now->emplace_back(CanBeKept(stamp, *package) ? stamp : Stamp(), package);
         }
     }
-    if (kept == names.size() && kept == before->read.size()) {
-        packages = before->packages;
-        return true;
+    for (const auto& [stamp, package] : *now) {
+        packages.push_back(package);
     }
-    for (const auto& [stamp, package] : now->read) {
-        now->packages.push_back(package);
-    }
-    FindClashes(now->packages);
-    packages = now->packages;
+    FindClashes(packages);
     MutexLock lock(mutex_);
     known_ = std::move(now);
     return true;

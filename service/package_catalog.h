@@ -64,10 +64,8 @@ private:
 
         friend bool operator==(const Stamp&, const Stamp&) = default;
     };
-    struct Contents {
-        std::vector<std::pair<Stamp, PackageRef>> read;  // by directory, as it was read last
-        std::vector<PackageRef> packages;                // with the faults that come from others
-    };
+    // By directory, as it was read last: without the faults that come from others.
+    using Contents = std::vector<std::pair<Stamp, PackageRef>>;
 
     static Stamp StampOf(int sourceFd, const std::string& directory);
     // True when it may be taken for what is there as long as the stamp is the same.

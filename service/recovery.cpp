@@ -20,11 +20,11 @@ public:
     {
         StateChange change(state_, IfNotWritten::KEEP);
         Adopt();
-        FinishLeaving();
         PutBack();
         ReopenTasks(TaskKind::MIGRATE);
         ReopenTasks(TaskKind::RESTORE);
         CollectRubbish();
+        FinishLeaving();  // comes behind that, because it leaves new rubbish
         change.Commit();
     }
 

@@ -172,11 +172,7 @@ BusinessError Reservations::NoteLeaving(const std::vector<KnownPackage>& package
     if (isAll) {
         store.ClearPriorities();
     }
-    if (!change.Commit()) {
-        return StateError();
-    }
-    state_.Wake();
-    return {};
+    return change.Commit() ? BusinessError() : StateError();
 }
 
 BusinessError Reservations::TakeAway(const KnownPackage& package, bool isNoted)

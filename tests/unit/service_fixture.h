@@ -111,7 +111,9 @@ public:
     void OnTask(const TaskProgress& task) override
     {
         MutexLock lock(mutex_);
-        EXPECT_EQ(task.progress == 100, task.status == kFinished) << task.id;
+        const auto status = static_cast<TaskStatus>(task.status);
+        const bool isInHand = status == TaskStatus::RUNNING || status == TaskStatus::PAUSED;
+        EXPECT_TRUE((task.progress == 100) == (task.status == kFinished) && (task.subStatus != 0) == isInHand) << task.id;
         std::string& way = ways_[task.id];
         std::string step = task.subStatus == MIGRATE_SUB_PLACING ? "p" : std::to_string(task.status);
         step += task.pauseReason != 0 ? "(" + std::to_string(task.pauseReason) + ")" : "";
@@ -205,12 +207,13 @@ protected:
         return (error == 0 ? "" : "error " + std::to_string(error) + ": ") + Outcome();
     }
 
-    // The lines of the log so far, without those that only inform.
+    // The lines of the log so far, without those of requests that are carried out.
     std::string Lines() const
     {
         std::string text;
         for (const RecordedMessage& line : log.Messages()) {
-            text += line.level > KOLOG_INFO ? line.text + "\n" : "";
+            const bool isRequest = line.level == KOLOG_INFO && line.text.find(" of process ") != std::string::npos;
+            text += isRequest ? "" : line.text + "; ";
         }
         return text;
     }

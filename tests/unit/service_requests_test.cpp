@@ -74,14 +74,14 @@ TEST_F(ServiceRequests, WrongTokensAndBadFieldsAreAnswered)
     token.back() = u's';
     EXPECT_EQ(Ask(Code::START_MIGRATE), MIGRATE_UNREACHABLE);
     const auto isLogged = [this](const char* line) { return Lines().find(line) != std::string::npos; };
-    EXPECT_TRUE(isLogged("a request with another interface's token, from process 7\n"));
+    EXPECT_TRUE(isLogged("a request with another interface's token, from process 7; "));
     token = MIGRATE_SERVER_DESCRIPTOR;
     EXPECT_EQ(State(), TaskStatus::IDLE);  // nothing was started
     const sptr<IRemoteObject> noObject;
     EXPECT_THAT((std::vector{Ask(Code::REGISTER_PROGRESS_CALLBACK, noObject), Ask(Code::SET_BACKUP_FILE_OWN, noObject),
                     Ask(Code::NOTIFY_EMPORION_CORE_EVENT), Ask(Code::REGISTER_RESERVE_OBSERVER, "caller", noObject)}),
         testing::Each(BAD));
-    EXPECT_TRUE(isLogged("request 9 of process 7: result 1\n"));
+    EXPECT_TRUE(isLogged("request 9 of process 7: result 1; "));
 }
 
 TEST_F(ServiceRequests, TheOwnerOfBackupFilesIsToldTheOutcome)
