@@ -169,6 +169,7 @@ vexa-session --trace -- bash -euo pipefail -c '
     migratectl status
 ' >/dev/null 2>"$root/err"
 grep -q " samgrd\[[0-9]*\] from [a-z_]*\[$(cat "$root/pid")\] death$" "$root/err" || { cat "$root/err"; exit 1; }
+[[ "$(grep -c "there is no group" "$root/err")" == 0 ]]  # as none was named
 # Not by grep -q, which would end before the trace is whole, and the command with it.
 migratectl trace --json status 2>&1 >/dev/null | grep "^{\"time\":.*GET_MIGRATE_STATUS.*}$" >/dev/null
 mkdir "$root/bin"

@@ -113,7 +113,8 @@ public:
         MutexLock lock(mutex_);
         const auto status = static_cast<TaskStatus>(task.status);
         const bool isInHand = status == TaskStatus::RUNNING || status == TaskStatus::PAUSED;
-        EXPECT_TRUE((task.progress == 100) == (task.status == kFinished) && (task.subStatus != 0) == isInHand) << task.id;
+        EXPECT_TRUE((task.progress == 100) == (task.status == kFinished) && (task.subStatus != 0) == isInHand)
+            << task.id;
         std::string& way = ways_[task.id];
         std::string step = task.subStatus == MIGRATE_SUB_PLACING ? "p" : std::to_string(task.status);
         step += task.pauseReason != 0 ? "(" + std::to_string(task.pauseReason) + ")" : "";
@@ -129,8 +130,8 @@ public:
         heard_ += Statuses({event});
     }
     // The numbers of the migration's tasks that have ended, and the status of every restoration's event, in order.
-    // Behind a number stand the task's statuses, with p while it is placed, and a pause with its reason: "7:012(1)1p3 ".
-    // The usual ones, "01p3", are left out.
+    // Behind a number stand the task's statuses, with p while it is placed, and a pause with its reason: "7:012(1)1p3
+    // ". The usual ones, "01p3", are left out.
     std::string Heard() const
     {
         MutexLock lock(mutex_);
@@ -159,7 +160,7 @@ protected:
     }
     virtual EngineListener& Listener() { return listener; }
     // Ends the engine before, as a restart of the service does.
-    void Open(uint64_t bytesPerSecond = 0, bool sync = false, const std::string& stateFile = "")
+    void Open(uint64_t bytesPerSecond = 0, bool sync = false)
     {
         engine.reset();
         std::string error;
@@ -219,6 +220,7 @@ protected:
     }
 
     RecordingLogSink log;
+    std::string stateFile;
     Folders folders;
     RecordingListener listener;
     std::shared_ptr<MigrationEngine> engine;

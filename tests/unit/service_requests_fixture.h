@@ -29,10 +29,10 @@ protected:
         EngineTest::TearDown();
     }
     EngineListener& Listener() override { return *hub; }
-    void Run(uint64_t bytesPerSecond = 0, bool works = true, bool sync = false, const std::string& stateFile = "")
+    void Run(uint64_t bytesPerSecond = 0, bool works = true, bool sync = false)
     {
         stub = nullptr;
-        Open(bytesPerSecond, sync, stateFile);
+        Open(bytesPerSecond, sync);
         hub->Attach(engine);
         std::promise<RequestParts> parts;
         parts.set_value({engine, engine, engine, hub});

@@ -84,6 +84,22 @@ TEST_F(ServiceRequests, WrongTokensAndBadFieldsAreAnswered)
     EXPECT_TRUE(isLogged("request 9 of process 7: result 1; "));
 }
 
+TEST_F(ServiceRequests, WaitForTheStartOfTheServiceButNotForLong)
+{
+    Open();
+    hub->Attach(engine);
+    std::promise<RequestParts> parts;
+    stub = sptr<MigrateServerStub>(new MigrateServerStub(parts.get_future()));
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(Ask(Code::GET_PAK_MIGRATE_INFO), MIGRATE_RESULT_OFFSET + MIGRATE_INTERNAL);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    const auto later = std::async(std::launch::async, [&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        parts.set_value({engine, engine, engine, hub});
+    });
+    EXPECT_EQ(Ask(Code::GET_PAK_MIGRATE_INFO), 0);
+}
+
 TEST_F(ServiceRequests, TheOwnerOfBackupFilesIsToldTheOutcome)
 {
     folders.AddPackage("a", 10);

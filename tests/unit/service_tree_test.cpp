@@ -16,10 +16,12 @@ namespace {
 // The call that fails, and its errno.
 std::string g_failing;
 int g_reason = 0;
+std::map<std::string, int> g_calls;
 
 long Unless(const char* name, long number, auto... arguments)
 {
     errno = g_reason;
+    g_calls[name]++;
     return g_failing == name ? -1 : syscall(number, arguments...);
 }
 
@@ -148,8 +150,10 @@ TEST_F(ServiceTree, EverythingOfATreeArrivesAndCanBeRemoved)
     for (const std::string failing : {"copy_file_range", ""}) {
         g_failing = failing;
         g_reason = EXDEV;
+        g_calls.clear();
         const ErrorInfo fault = Copy("p");
         ASSERT_EQ(fault.code, 0) << fault.reason;
+        EXPECT_TRUE(failing.empty() ? g_calls["pread"] == 0 : g_calls["copy_file_range"] == 1);
         EXPECT_TRUE(copied_.size.files == 8 && copied_.size.bytes == 700044) << copied_.size.bytes;
         EXPECT_EQ(Describe(folders_.Target() / "copy"), Describe(root));
         EXPECT_TRUE(!failing.empty() ? Remove() : true);
