@@ -191,10 +191,10 @@ protected:
             std::string name = fs::read_symlink(mark, none);
             name = TakeWord(name, '/');
             struct stat status = {};
-            const bool isThere = lstat((folders.Target() / name).c_str(), &status) == 0 &&
+            const size_t at = text.find(" " + name + " ");
+            const bool isThere = at != text.npos && lstat((folders.Target() / name).c_str(), &status) == 0 &&
                                  mark.path().filename().string().starts_with(std::to_string(status.st_ino) + "-");
-            text.insert(
-                isThere ? text.find(" " + name + " ") + name.size() + 1 : text.size(), isThere ? "*" : name + "? ");
+            text.insert(isThere ? at + name.size() + 1 : text.size(), isThere ? "*" : name + "? ");
         }
         return text.substr(1);
     }
