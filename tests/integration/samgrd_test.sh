@@ -3,6 +3,8 @@
 # What the manager says when it can't serve, and what the programs that it starts get or fail with. Needs samgrd and
 # migratectl on PATH.
 set -euo pipefail
+# What whoever runs this has open would count where descriptors are few.
+for open in /proc/$$/fd/*; do ((${open##*/} < 3 || ${open##*/} > 250)) || eval "exec ${open##*/}>&-"; done
 
 root="$(mktemp -d /tmp/samgrd-test.XXXXXX)"
 trap 'kill -KILL $(jobs -p) 2>/dev/null || true; rm -rf "$root"' EXIT

@@ -62,7 +62,7 @@ expect 127 vexa-session -- /no/such/command
 says "vexa-session: /no/such/command: No such file or directory"
 expect 127 vexa-session -- no-such-command
 if ! grep -qs __asan_init "$(command -v vexa-session)"; then
-    expect 125 bash -c "ulimit -n 4; exec vexa-session -- true"
+    expect 125 bash -c "exec 3>&-; ulimit -n 4; exec vexa-session -- true"
     says "vexa-session: socket: Too many open files"
     rm -r "$root"/vexa-session.*  # that takes a descriptor, too
 fi
