@@ -137,10 +137,13 @@ TEST_F(IpcProcesses, ResultsIdentitySizesAndNestedCallsComeThrough)
         EXPECT_EQ(IPCSkeleton::IsCallerInGroup(group), isIn) << "outside a request";
     }
     // A string's length and its terminator take 8 bytes of the 16 MiB.
-    for (const size_t size : std::vector<size_t>{0, 400, 500, 5000, 300'000, 16777216 - 8}) {
-        Call echo(hub_, ECHO, std::string(size, 'e'));
-        EXPECT_EQ(echo.Send(), 0) << size;
-        EXPECT_EQ(echo.Reply().ReadString().size(), size);
+    for (const int limit : {4, 1}) {  // the only thread waits for no reply to be read
+        EXPECT_EQ(Call(hub_, LIMIT, limit).Send(), 0);
+        for (const size_t size : std::vector<size_t>{0, 400, 500, 5000, 300'000, 16777216 - 8}) {
+            Call echo(hub_, ECHO, std::string(size, 'e'));
+            EXPECT_EQ(echo.Send(), 0) << size;
+            EXPECT_EQ(echo.Reply().ReadString().size(), size);
+        }
     }
     EXPECT_EQ(Call(hub_, NEST, 60, mine_).Answer(), 60) << "deeper than either pool's limit: who waits does not count";
 }

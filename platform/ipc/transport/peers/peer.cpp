@@ -232,16 +232,12 @@ Peer::Objects Peer::TellObjects()
 Peer::Objects Peer::Bury()
 {
     MutexLock lock(mutex_);
-    const sptr<Link> link = link_;
     Enter(State::DEAD, nullptr);
     std::vector<uint8_t>().swap(outbox_);
     lock.Unlock();
     channels_.Close();
     credit_.Drop();
     debt_.Drop();
-    if (link != nullptr) {
-        link->Shutdown();
-    }
     return TellObjects();
 }
 

@@ -121,7 +121,7 @@ public:
     // had just died. False when it does so again and again, and is taken for hostile.
     bool TakeRefusal(Deadline now) { return refusals_.Take(now); }
 
-    // Is called when the process has died or is not there: ends its connections and tells the objects, as above.
+    // Is called when the process has died or is not there: ends its channels and tells the objects, as above.
     Objects Bury();
 
 private:
