@@ -143,8 +143,7 @@ protected:
             all += "\n  " + std::to_string(count) + line;
         }
         all += lines.empty() ? "\n" : "\n\n";
-        const std::string known = test::FileText(NM_TEST_DATA_DIR "/ipc.txt") + "\n";
-        const bool isKnown = known.find(all) != std::string::npos;
+        const bool isKnown = (test::FileText(NM_TEST_DATA_DIR "/ipc.txt") + '\n').find(all) != std::string::npos;
         EXPECT_TRUE(isKnown != lines.empty() || geteuid() != 0) << all;
     }
 
