@@ -118,6 +118,7 @@ vexa-session -- bash -euo pipefail -c '
     for span in "" "--seconds 60"; do  # until it is ended, or for so long
         migratectl reserve watch $span >"$ROOT/watched" &
         until grep -q "^finished set$" "$ROOT/watched"; do
+            kill -0 "$!"
             migratectl reserve clear set-b; migratectl reserve restore set-b --wait >"$ROOT/out"
         done
         kill "$!"
