@@ -213,6 +213,7 @@ TEST_F(SamgrLoad, RefusalsAreReturnedAndLogged)
         {[&] { return manager.AddSystemAbility(kId, living_); }, "service 7 is not registered: "},
         {[&] { return manager.ListSystemAbilities(text); }, "the services can't be listed: "}};
     manager_->SetHandler([](uint32_t, MessageParcel&, MessageParcel&, MessageOption&) { return SAMGR_NOT_ALLOWED; });
+    manager.RemoveSystemAbility(kId);  // the first starts the transport, which has lines of its own
     for (const auto& [ask, line] : operations) {
         manager_->ClearRequests();
         // Without a limit, and then with one more byte each time.

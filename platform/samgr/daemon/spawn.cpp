@@ -42,16 +42,18 @@ bool Expand(const std::string& text, std::string& result, std::string& reason)
 bool FindProgram(const std::string& program, std::string& path, std::string& reason)
 {
     std::vector<std::filesystem::path> candidates{program};
+    std::error_code error;
     if (program.front() != '/') {
-        std::error_code error;
         const auto own = std::filesystem::read_symlink("/proc/self/exe", error).parent_path();
         candidates = {own / program, own.parent_path() / "libexec" / program};
     }
     for (const auto& candidate : candidates) {
-        if (access(candidate.c_str(), X_OK) == 0 && !std::filesystem::is_directory(candidate)) {
+        const bool isDirectory = std::filesystem::is_directory(candidate, error);
+        if (access(candidate.c_str(), X_OK) == 0 && !isDirectory) {
             path = candidate;
             return true;
         }
+        errno = isDirectory ? EISDIR : errno;
     }
     reason = std::string("there is no such program: ") + strerror(errno);
     return false;
