@@ -45,7 +45,9 @@ public:
         stream.imbue(std::locale::classic());
         const bool written = AccessMember(stream, data, "");
         std::string text = std::move(stream).str();
-        text.pop_back();
+        if (!text.empty()) {
+            text.pop_back();
+        }
         out = std::move(text);
         return written;
     }

@@ -37,10 +37,14 @@ public:
     template <Number T>
     static JsonError Read(const JsonContext& json, std::string_view key, T& target)
     {
-        const auto number = HeldValue<double>(json[key]);
-        if (!number.has_value()) {
+        const JsonContext& value = json[key];
+        if (value.Type() != JsonContext::NUMBER) {
             KITS_LOGE("parse tpye error, missing prop : %{public}s ", std::string(key).c_str());
             return JsonError::MISSING_PROP;
+        }
+        const auto number = HeldValue<double>(value);
+        if (!number.has_value()) {
+            return HoldsNothing(key);
         }
         const bool safe = *number <= kMaxSafeNumber && *number >= -kMaxSafeNumber;
         if (!safe || !StoreNumber(*number, target)) {
@@ -60,8 +64,7 @@ public:
         }
         const auto text = HeldValue<std::string_view>(value);
         if (!text.has_value()) {
-            KITS_LOGE("type is error : %{public}s ", std::string(key).c_str());
-            return JsonError::TYPE_ERROR;
+            return HoldsNothing(key);
         }
         target = *text;
         return JsonError::SUCCESS;
@@ -77,6 +80,13 @@ public:
             return JsonError::MISSING_PROP;
         }
         return JsonToStruct().AccessMember(value, target, "") ? JsonError::SUCCESS : JsonError::DATA_ERROR;
+    }
+
+private:
+    static JsonError HoldsNothing(std::string_view key)
+    {
+        KITS_LOGE("type is error : %{public}s ", std::string(key).c_str());
+        return JsonError::TYPE_ERROR;
     }
 };
 

@@ -102,7 +102,7 @@ private:
     bool Bind(const JsonContext& value, std::vector<T>& field) const
     {
         const uint32_t kind = value.Type();
-        if (kind != JsonContext::ARRAY && kind != JsonContext::NULL_VALUE) {
+        if (kind != JsonContext::ARRAY && kind != JsonContext::NULL_VALUE && kind != JsonContext::ABSENT) {
             return false;
         }
         field.reserve(field.size() + std::min(value.size(), kReservedElements));

@@ -23,7 +23,8 @@ int32_t MigrateRequest::Send(MigrateRequestCode code)
 
 bool MigrateRequest::IsServiceDead() const
 {
-    return service_->AsObject()->IsObjectDead();
+    const sptr<IRemoteObject> object = service_->AsObject();
+    return object != nullptr && object->IsObjectDead();
 }
 
 }  // namespace VEXA::UpdateEngine

@@ -133,9 +133,15 @@ public:
         std::vector<ModuleMigrationPolicy>& policies, BusinessError& error) override
     {
         KITS_LOGI("GetModuleMigrationPolicy");
-        const std::string moduleText = ToJson(modules);
-        return Call(LOG_SITE(), MigrateRequestCode::GET_MODULE_MIGRATION_POLICY, "GetModuleMigrationPolicy",
-            Args(flag, moduleText), Replies(policies, error));
+        const auto fill = [&](MigrateRequest& request) {
+            std::string moduleText;
+            if (!JsonFromStruct().TraverseData(moduleText, modules)) {
+                moduleText.clear();
+            }
+            request.Write(flag, moduleText);
+        };
+        return Call(LOG_SITE(), MigrateRequestCode::GET_MODULE_MIGRATION_POLICY, "GetModuleMigrationPolicy", fill,
+            Replies(policies, error));
     }
 
     int32_t ResumeMigration(BusinessError& error) override

@@ -29,7 +29,6 @@ sptr<IRemoteObject> FindMigrateService(const LogSite& site)
     return object;
 }
 
-// Null for a null object.
 sptr<IMigrateServer> MakeProxy(const sptr<IRemoteObject>& object)
 {
     const sptr<IRemoteBroker> broker = BrokerRegistration::Get().NewInstance(IMigrateServer::GetDescriptor(), object);
@@ -60,6 +59,9 @@ sptr<IMigrateServer> MigrateServiceConnection::GetService(const LogSite& site)
     }
     KITS_LOG_AT(site, KOLOG_INFO, "GetService recreate service instance");
     const sptr<IRemoteObject> object = FindMigrateService(site);
+    if (object == nullptr) {
+        return nullptr;
+    }
     // The watch begins before the proxy is used, so that no death falls in between.
     Watch(site, object);
     migrateServer_ = MakeProxy(object);
@@ -98,8 +100,12 @@ void MigrateServiceConnection::Reset()
 void MigrateServiceConnection::Disconnect()
 {
     const Link link = Take();
-    if (link.server != nullptr) {
-        link.server->AsObject()->RemoveDeathRecipient(link.recipient);
+    if (link.server == nullptr || link.recipient == nullptr) {
+        return;
+    }
+    const sptr<IRemoteObject> object = link.server->AsObject();
+    if (object != nullptr) {
+        object->RemoveDeathRecipient(link.recipient);
     }
 }
 

@@ -15,7 +15,7 @@ constexpr std::string_view kPrivate = "%{private}s";
 constexpr std::string_view kPublic = "%{public}s";
 constexpr std::string_view kPublicMark = "%{public}";
 
-// Zero, which the platform never prints, for an unknown level.
+// Zero for a level that is not printed.
 uint32_t PlatformLevel(UpdateLogLevel level)
 {
     switch (static_cast<int32_t>(level)) {
@@ -67,9 +67,9 @@ struct LineSource {
     }
 };
 
-bool HasLabel(uint32_t subModule)
+bool IsPrinted(uint32_t subModule, const UpdateLogContent& content)
 {
-    return subModule < UPDATE_LABEL.size();
+    return subModule < UPDATE_LABEL.size() && PlatformLevel(content.level) != 0;
 }
 
 LineSource SourceOf(uint32_t subModule, const UpdateLogContent& content)
@@ -99,21 +99,21 @@ bool UpdateLog::JudgeLevel(const UpdateLogLevel&)
 
 void UpdateLog::PrintSingleLine(uint32_t subModule, const UpdateLogContent& content)
 {
-    if (HasLabel(subModule)) {
+    if (IsPrinted(subModule, content)) {
         SourceOf(subModule, content).Print(content.log, content.args.c_str());
     }
 }
 
 void UpdateLog::PrintLog(uint32_t subModule, const UpdateLogContent& content)
 {
-    if (HasLabel(subModule)) {
+    if (IsPrinted(subModule, content)) {
         SourceOf(subModule, content).PrintPieces(content.log, content.args);
     }
 }
 
 void UpdateLog::PrintLongLog(uint32_t subModule, const UpdateLogContent& content)
 {
-    if (!HasLabel(subModule)) {
+    if (!IsPrinted(subModule, content)) {
         return;
     }
     const std::string placeholder = GetFmtLabel(content.log);
@@ -171,6 +171,7 @@ std::string UpdateLog::GetBriefFileName(const std::string& path)
 std::string UpdateLog::OutputDueUploadLog(const std::string& log)
 {
     std::string passed;
+    passed.reserve(log.size());
     for (const char next : log) {
         passed.push_back(next);
         if (next == kPublicMark.back() && passed.size() >= kPublicMark.size() &&
