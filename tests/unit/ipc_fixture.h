@@ -120,8 +120,7 @@ inline bool HasEnded(const UniqueFd& fd)
     return Heard(fd).ends_with("END");
 }
 
-// Compares what a test logs, and how often, without paths and the numbers of processes, with tests/data/ipc.txt. Root
-// has written that.
+// Compares what a test logs as root, and how often, without paths and numbers of processes, with tests/data/ipc.txt.
 class LoggedTest : public testing::Test {
 protected:
     ~LoggedTest() override

@@ -168,6 +168,7 @@ TEST_F(IpcPeers, AProcessThatIsOwedSomethingIsTriedAtEachTick)
         Deal();
         const sptr<Peer> peer = peers_.KnownPeer(other.id);
         const sptr<IRemoteObject> object = peer->Object(7);  // dead, as there is no connection
+        EXPECT_FALSE(peer->SendOnLink(std::string(33554433, 0).data(), 33554433)) << "no more than 32 MiB are kept";
         if (end[0] == 'l') {
             other.listener.Reset();
         } else {

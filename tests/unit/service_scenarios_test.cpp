@@ -210,8 +210,7 @@ protected:
         return text;
     }
 
-    // The results and texts that the service answers the request with. An error stands as E, its number, its message
-    // and its data.
+    // The results and texts that the service answers the request with. An error is E, its number, message and data.
     std::string Answer()
     {
         std::string rest = request_;
