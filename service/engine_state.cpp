@@ -50,6 +50,7 @@ BusinessError EngineState::ReadPackages(std::vector<KnownPackage>& packages) con
         return MakeError(MIGRATE_ERROR_SOURCE, "the source directory can't be read");
     }
     std::vector<std::optional<FileId>> there;
+    there.reserve(found.size());
     for (const PackageRef& package : found) {
         there.push_back(target->IdOf(package->manifest.target));
     }

@@ -185,6 +185,7 @@ private:
         }
         sigprocmask(SIG_SETMASK, &originalMask_, nullptr);
         std::vector<char*> pointers;
+        pointers.reserve(arguments.size() + 1);
         for (const std::string& argument : arguments) {
             pointers.push_back(const_cast<char*>(argument.c_str()));
         }

@@ -133,6 +133,7 @@ bool MakePipe(UniqueFd& readEnd, UniqueFd& writeEnd, std::string& reason)
 std::vector<char*> Pointers(const std::vector<std::string>& texts)
 {
     std::vector<char*> pointers;
+    pointers.reserve(texts.size() + 1);
     for (const std::string& text : texts) {
         pointers.push_back(const_cast<char*>(text.c_str()));
     }
