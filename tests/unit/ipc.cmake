@@ -10,7 +10,7 @@ foreach(part stubs kernel books connections peers shortage runtime_watch simulat
     target_include_directories(ipc_${part}_test PRIVATE "${PROJECT_SOURCE_DIR}/tests/integration")  # for its support/
 endforeach()
 target_link_options(ipc_shortage_test PRIVATE -Wl,--wrap=_Znwm)
-foreach(part kernel books connections peers shortage runtime_watch)
+foreach(part kernel books connections peers shortage)
     target_link_options(ipc_${part}_test PRIVATE -Wl,--wrap=_ZN4VEXA3ipc8MayLogOfEPKNS0_11CredentialsE)
 endforeach()
 

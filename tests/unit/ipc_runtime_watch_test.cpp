@@ -13,11 +13,12 @@
 #include <fstream>
 #include <stdexcept>
 
-#include "ipc_fixture.h"
 #include "process.h"
+#include "support/processes.h"
 #include "vexa/ipc/context_object.h"
 #include "vexa/ipc/ipc_object_stub.h"
 #include "vexa/ipc/ipc_skeleton.h"
+#include "vexa/log/ring_log_sink.h"
 
 static std::atomic<bool> g_hasWatches{true};
 
@@ -66,9 +67,7 @@ TEST(RuntimeDirectory, IsTheUsersWhereItsManagerLeftASocket)
     expectChosen("/own");
 }
 
-using RuntimeWatch = ipc::LoggedTest;
-
-TEST_F(RuntimeWatch, HearsOfAnotherContextObjectAlsoInADirectoryMadeAnew)
+TEST(RuntimeWatch, HearsOfAnotherContextObjectAlsoInADirectoryMadeAnew)
 {
     const TempDir folder;
     const fs::path directory = fs::path(folder.Path()) / "a" / "run";
@@ -91,6 +90,8 @@ TEST_F(RuntimeWatch, HearsOfAnotherContextObjectAlsoInADirectoryMadeAnew)
     make();
     publish();
     g_hasWatches = false;
+    RingLogSink log;
+    LogSink* const usual = SetLogSink(&log);
     OnContextObjectPublished([] {
         isAlone = !ipc::IpcProcess::Get().Start()->Workers().OthersWait();
         if (++published == 1) {
@@ -99,6 +100,9 @@ TEST_F(RuntimeWatch, HearsOfAnotherContextObjectAlsoInADirectoryMadeAnew)
     });
     expectNews("no watch at first");
     expectNews("none still");
+    SetLogSink(usual);
+    const auto warns = [](const LogEntry& line) { return line.message.starts_with("can't watch"); };
+    EXPECT_EQ(std::ranges::count_if(log.After(0), warns), 1);
     g_hasWatches = true;
     ASSERT_TRUE(RemoveUnderOthers(directory));
     make();

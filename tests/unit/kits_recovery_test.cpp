@@ -119,8 +119,7 @@ TEST_F(KitsRecoveryTest, OffForgetsTheCallbackOnceItIsSentAndADeathThenStartsNot
     kits_.ResumeRegisterCallback();
 }
 
-// The service answers On and dies before the client has stored the callback: the death handler finds nothing to
-// register again, so On itself does.
+// The service answers On and dies before the client has stored the callback: not the death handler, but On recovers.
 TEST_F(KitsRecoveryTest, DeathDuringOnIsNotMissed)
 {
     const ExpectedLog log;

@@ -261,8 +261,7 @@ TEST(RingSinkTest, KeepsTheLastLines)
     EXPECT_TRUE(RingLogSink(0).Write(Record("")));
 }
 
-// With `root`/systemd/journal/socket, which `journal` reads, as the journal. Exit code 77: the system allows no such
-// thing.
+// With `root`/systemd/journal/socket, which `journal` reads, as the journal. Exit code 77: the system allows none.
 int WriteToOwnJournal(const std::string& root, int journal)
 {
     if ((unshare(CLONE_NEWNS) != 0 && unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) ||

@@ -181,8 +181,7 @@ protected:
         return true;
     }
 
-    // The names in the target, with * behind those that have a mark. Of a mark without its directory, the name stands
-    // with a question mark.
+    // The names in the target, with * behind those that have a mark, and names of which only a mark is there, with "?".
     std::string Target() const
     {
         std::string text = " " + folders.TargetNames();
