@@ -2,8 +2,6 @@
 // migrate_serviced: the reference migration service.
 #include <grp.h>
 
-#include <CLI/CLI.hpp>
-#include <csignal>
 #include <cstdio>
 #include <future>
 #include <memory>
@@ -11,9 +9,11 @@
 #include <string>
 
 #include "callback_hub.h"
+#include "command_line.h"
 #include "migrate_server_stub.h"
 #include "migration_engine.h"
 #include "service_log.h"
+#include "signals.h"
 #include "vexa/base/standard_streams.h"
 #include "vexa/ipc/context_object.h"
 #include "vexa/samgr/system_ability_manager_client.h"
@@ -55,10 +55,7 @@ bool Register(const sptr<IRemoteObject>& object)
 int Run(const EngineOptions& options, const std::string& controlGroup)
 {
     // The signals are blocked before the first thread starts, so that no thread takes one of them.
-    sigset_t stop;
-    sigemptyset(&stop);
-    sigaddset(&stop, SIGTERM);
-    sigaddset(&stop, SIGINT);
+    const sigset_t stop = SignalSet({SIGTERM, SIGINT});
     pthread_sigmask(SIG_BLOCK, &stop, nullptr);
 
     std::string error;
@@ -108,16 +105,8 @@ int main(int argc, char** argv)
         "Does not wait for the disk: faster, but a loss of power may cost packages that count as placed");
     app.add_option("--control-group", controlGroup,
         "Group that may change something, besides root and the user that this program runs as");
-    app.set_version_flag("--version", "migrate_serviced " VEXA_VERSION);
-    constexpr int kUsage = 2;
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::RequiredError& error) {
-        // An unknown option may be the reason for what is missing.
-        const auto unknown = app.remaining();
-        return unknown.empty() ? app.exit(error) : app.exit(CLI::ExtrasError(unknown)), kUsage;
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : kUsage;
+    if (const auto status = ParseCommandLine(app, argc, argv)) {
+        return *status;
     }
     return Run(options, controlGroup);
 }

@@ -11,7 +11,7 @@ nm_component(migratectl_commands STATIC
         migratectl_table.cpp
         migratectl_text.cpp
         migratectl_watch.cpp
-    USES nm_json_binding vexa_json vexa_samgr vexa_want vexa_ipc vexa_log vexa_base
+    USES nm_json_binding vexa_program vexa_json vexa_samgr vexa_want vexa_ipc vexa_log vexa_base
     LINKS CLI11::CLI11)
 target_compile_definitions(migratectl_commands PRIVATE VEXA_VERSION="${PROJECT_VERSION}")
 nm_program(migratectl SOURCES migratectl.cpp USES migratectl_commands nm_json_binding native_migrate vexa_platform)

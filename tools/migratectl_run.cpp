@@ -2,13 +2,14 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <CLI/CLI.hpp>
 #include <clocale>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <map>
 
+#include "argument_pointers.h"
+#include "command_line.h"
 #include "migratectl_command.h"
 #include "vexa/ipc/context_object.h"
 #include "vexa/log/kolog.h"
@@ -20,25 +21,21 @@ namespace {
 // that is traced its lines join the others', and elsewhere this process shows its own.
 int Trace(std::vector<std::string> command, bool isJson, bool isVerbose)
 {
+    std::error_code error;
+    const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", error);
     command.insert(command.begin(), isVerbose ? 1 : 0, "-v");
     command.insert(command.begin(), isJson ? 1 : 0, "--json");
     isJson = std::find(command.begin(), command.end(), "--json") != command.end();
+    command.insert(command.begin(), self);
     setenv("KOLOG_LEVEL", "error", 0);
-    std::error_code error;
-    const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", error);
-    const std::filesystem::path session = self.parent_path() / "vexa-session";
-    std::vector<const char*> words{session.c_str(), "--trace", isJson ? "--json" : "--trace", "--"};
     if (std::filesystem::exists(RuntimeDirectory() + "/samgr.sock", error)) {
         setenv("VEXA_TRACE", isJson ? "json" : "1", 0);
-        words.clear();
+    } else {
+        const std::string session = self.parent_path() / "vexa-session";
+        command.insert(command.begin(), {session, "--trace", isJson ? "--json" : "--trace", "--"});
     }
-    words.push_back(self.c_str());
-    for (const std::string& word : command) {
-        words.push_back(word.c_str());
-    }
-    words.push_back(nullptr);
-    execv(words[0], const_cast<char**>(words.data()));
-    perror(words[0]);
+    execv(command[0].c_str(), ArgumentPointers(command).data());
+    perror(command[0].c_str());
     return EXIT_USAGE;
 }
 
@@ -73,7 +70,6 @@ int Run(std::vector<std::string> arguments, ScreenWidth width)
     CLI::App app("Controls the migration service.", "migratectl");
     app.add_flag("--json", line.options.json, "One JSON object a reply or event, for scripts");
     app.add_flag("-v,--verbose", isVerbose, "Log the library's progress lines, not only its errors");
-    app.set_version_flag("--version", "migratectl " VEXA_VERSION);
     app.require_subcommand(1);
     app.fallthrough();
     app.footer(
@@ -86,14 +82,8 @@ int Run(std::vector<std::string> arguments, ScreenWidth width)
         [&] { action = [&](const CommandLine&) { return Trace(trace->remaining(), line.options.json, isVerbose); }; });
 
     std::reverse(arguments.begin(), arguments.end());
-    try {
-        app.parse(arguments);
-    } catch (const CLI::RequiredError& error) {
-        // An unknown word may be the reason for what is missing.
-        const auto unknown = app.remaining();
-        return unknown.empty() ? app.exit(error) : app.exit(CLI::ExtrasError(unknown)), EXIT_USAGE;
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? EXIT_DONE : EXIT_USAGE;
+    if (const auto status = ParseCommandLine(app, arguments)) {
+        return *status;
     }
     KoLogSetLevel(isVerbose ? KOLOG_INFO : KOLOG_ERROR);
     return action(line);

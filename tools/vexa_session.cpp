@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -23,12 +22,15 @@
 #include <string>
 #include <vector>
 
+#include "argument_pointers.h"
+#include "command_line.h"
+#include "signals.h"
+
 namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-constexpr int kUsage = 2;
 constexpr int kSessionFailed = 125;
 constexpr int kCommandNotExecutable = 126;
 constexpr int kCommandNotFound = 127;
@@ -63,12 +65,7 @@ std::string InstalledManager()
 
 sigset_t HandledSignals()
 {
-    sigset_t set;
-    sigemptyset(&set);
-    for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGCHLD}) {
-        sigaddset(&set, number);
-    }
-    return set;
+    return VEXA::SignalSet({SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGCHLD});
 }
 
 // The kernel sends a terminal's signals to every process in the foreground: they are not passed on.
@@ -184,12 +181,7 @@ private:
             setenv("NOTIFY_SOCKET", NotifyPath().c_str(), 1);
         }
         sigprocmask(SIG_SETMASK, &originalMask_, nullptr);
-        std::vector<char*> pointers;
-        pointers.reserve(arguments.size() + 1);
-        for (const std::string& argument : arguments) {
-            pointers.push_back(const_cast<char*>(argument.c_str()));
-        }
-        pointers.push_back(nullptr);
+        const auto pointers = VEXA::ArgumentPointers(arguments);
         execvp(pointers[0], pointers.data());
         const int status = errno == ENOENT ? kCommandNotFound : kCommandNotExecutable;
         Complain(pointers[0]);
@@ -359,20 +351,17 @@ int main(int argc, char** argv)
     app.add_flag("--trace", isTraced, "At the end, show on standard error what all processes said to each other");
     app.add_flag("--json", isJson, "The trace with one JSON object a line")->needs("--trace");
     app.footer("The command and its arguments come last, after --.");
-    app.set_version_flag("--version", "vexa-session " VEXA_VERSION);
     // Split here: the parser would look for options of its own, and for further dashes, in the command's arguments.
     char** const end = argv + argc;
     char** const dashes = std::find_if(argv + 1, end, [](const char* text) { return strcmp(text, "--") == 0; });
     options.command.assign(std::min(dashes + 1, end), end);
-    try {
-        app.parse(static_cast<int>(dashes - argv), argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : kUsage;
+    if (const auto status = VEXA::ParseCommandLine(app, static_cast<int>(dashes - argv), argv)) {
+        return *status;
     }
     options.trace = !isTraced ? "" : isJson ? "/trace.json" : "/trace";
     if (options.command.empty()) {
         fprintf(stderr, "vexa-session: no command is given after --\n");
-        return kUsage;
+        return VEXA::kUsageStatus;
     }
     return RunGuarded(std::move(options));
 }

@@ -102,18 +102,14 @@ void ExpectInForkedChild(const Condition& condition)
 class KitsTest : public testing::Test {
 protected:
     // A service that is running, or that has to be started. It answers everything with 0 until it dies.
-    sptr<ScriptedRemoteObject> RunService()
+    sptr<ScriptedRemoteObject> RunService(bool isRunning = true)
     {
         const sptr<ScriptedRemoteObject> service(new ScriptedRemoteObject);
-        manager_->SetRunning(MIGRATE_SERVICE_ID, service);
+        isRunning ? manager_->SetRunning(MIGRATE_SERVICE_ID, service)
+                  : manager_->SetLoadable(MIGRATE_SERVICE_ID, service);
         return service;
     }
-    sptr<ScriptedRemoteObject> PrepareService()
-    {
-        const sptr<ScriptedRemoteObject> service(new ScriptedRemoteObject);
-        manager_->SetLoadable(MIGRATE_SERVICE_ID, service);
-        return service;
-    }
+    sptr<ScriptedRemoteObject> PrepareService() { return RunService(false); }
 
     InProcessManager manager_;
 };

@@ -22,6 +22,7 @@
 #include "descriptor_limit.h"
 #include "samgr_limits.h"
 #include "samgr_log.h"
+#include "signals.h"
 #include "vexa/base/unique_fd.h"
 #include "vexa/ipc/context_object.h"
 
@@ -197,11 +198,7 @@ private:
 // Blocked in every thread to come: the event loop takes them. A full or closed log must not end the manager.
 void SetSignals()
 {
-    sigset_t set;
-    sigemptyset(&set);
-    for (const int number : {SIGTERM, SIGINT, SIGHUP, SIGCHLD}) {
-        sigaddset(&set, number);
-    }
+    const sigset_t set = SignalSet({SIGTERM, SIGINT, SIGHUP, SIGCHLD});
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
     signal(SIGPIPE, SIG_IGN);
 }

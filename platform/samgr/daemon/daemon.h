@@ -9,7 +9,6 @@ namespace VEXA::samgr {
 
 enum ExitStatus {
     EXIT_STOPPED = 0,
-    EXIT_USAGE = 2,
     EXIT_MANAGER_EXISTS = 3,  // another manager lives in the runtime directory
     EXIT_CANT_SERVE = 4,      // the runtime directory or the system's means can't be used
 };

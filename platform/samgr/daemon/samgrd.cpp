@@ -2,7 +2,6 @@
 // samgrd: the system-ability manager's program.
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -10,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "command_line.h"
 #include "daemon/daemon.h"
 #include "vexa/base/standard_streams.h"
 #include "vexa/ipc/context_object.h"
@@ -38,12 +38,8 @@ try {
     app.add_option("--runtime-dir", runtimeDirectory,
            "Directory of the sockets (default: /run/vexa for root and $XDG_RUNTIME_DIR/vexa for others)")
         ->envname("VEXA_RUNTIME_DIR");
-    app.set_version_flag("--version", "samgrd " VEXA_VERSION);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        const int status = app.exit(error);
-        return status == 0 ? 0 : VEXA::samgr::EXIT_USAGE;
+    if (const auto status = VEXA::ParseCommandLine(app, argc, argv)) {
+        return *status;
     }
     // Unlike a client, a manager does not choose its directory by where another manager serves.
     if (runtimeDirectory.empty()) {

@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <map>
 
+#include "argument_pointers.h"
 #include "descriptor_limit.h"
 #include "vexa/ipc/context_object.h"
 
@@ -130,17 +131,6 @@ bool MakePipe(UniqueFd& readEnd, UniqueFd& writeEnd, std::string& reason)
     return true;
 }
 
-std::vector<char*> Pointers(const std::vector<std::string>& texts)
-{
-    std::vector<char*> pointers;
-    pointers.reserve(texts.size() + 1);
-    for (const std::string& text : texts) {
-        pointers.push_back(const_cast<char*>(text.c_str()));
-    }
-    pointers.push_back(nullptr);
-    return pointers;
-}
-
 struct ChildView {
     const SpawnPlan* plan;
     char* const* arguments;
@@ -230,8 +220,8 @@ bool Spawn(const SpawnPlan& plan, SpawnedProgram& spawned, std::string& reason)
         reason = reason.empty() ? "/dev/null can't be opened" : reason;
         return false;
     }
-    const auto arguments = Pointers(plan.arguments);
-    const auto environment = Pointers(plan.environment);
+    const auto arguments = ArgumentPointers(plan.arguments);
+    const auto environment = ArgumentPointers(plan.environment);
     const ChildView view{
         &plan, arguments.data(), environment.data(), input.Get(), outputEnd.Get(), errorsEnd.Get(), failureEnd.Get()};
     // No handler of this process may run in the child.
