@@ -22,26 +22,14 @@ constexpr std::chrono::microseconds kPause(100);
 
 Task KnownPackage::MakeTask() const
 {
-    Task made;
-    made.kind = Kind();
-    made.source = package->directory;
-    made.target = package->manifest.target;
-    made.app = package->app;
-    made.user = package->manifest.user;
-    made.error = fault;
-    made.status = fault.code == 0 ? TaskStatus::IDLE : TaskStatus::FAILED;
-    return made;
+    return {.kind = Kind(),
+        .source = package->directory,
+        .target = package->manifest.target,
+        .app = package->app,
+        .user = package->manifest.user,
+        .status = fault.code == 0 ? TaskStatus::IDLE : TaskStatus::FAILED,
+        .error = fault};
 }
-
-EngineState::EngineState(const EngineOptions& engineOptions, EngineListener& engineListener,
-    std::unique_ptr<TaskStore> taskStore, UniqueFd sourceFd, std::unique_ptr<TargetDirectory> targetDirectory)
-    : options(engineOptions),
-      listener(engineListener),
-      catalog(engineOptions.source),
-      source(std::move(sourceFd)),
-      target(std::move(targetDirectory)),
-      store(std::move(taskStore))
-{}
 
 BusinessError EngineState::ReadPackages(std::vector<KnownPackage>& packages) const
 {
@@ -77,14 +65,11 @@ BusinessError EngineState::ReadPackage(const std::string& name, KnownPackage& pa
 
 const KnownPackage* EngineState::Find(const std::vector<KnownPackage>& packages, const std::string& name)
 {
-    const KnownPackage* called = nullptr;
-    for (const KnownPackage& one : packages) {
-        if (one.package->directory == name) {
-            return &one;
-        }
-        called = called == nullptr && one.package->IsCalled(name) ? &one : called;
+    auto found = std::ranges::find_if(packages, [&](const auto& one) { return one.package->directory == name; });
+    if (found == packages.end()) {
+        found = std::ranges::find_if(packages, [&](const auto& one) { return one.package->IsCalled(name); });
     }
-    return called;
+    return found != packages.end() ? &*found : nullptr;
 }
 
 KnownPackage EngineState::Know(const PackageRef& package, std::optional<FileId> there) const

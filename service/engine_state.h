@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "native_migrate/migrate_records.h"
@@ -58,8 +59,15 @@ struct KnownPackage {
 // belongs to the state is changed in a StateChange only.
 class EngineState {
 public:
-    EngineState(const EngineOptions& options, EngineListener& listener, std::unique_ptr<TaskStore> store,
-        UniqueFd sourceFd, std::unique_ptr<TargetDirectory> targetDirectory);
+    EngineState(const EngineOptions& engineOptions, EngineListener& engineListener,
+        std::unique_ptr<TaskStore> taskStore, UniqueFd sourceFd, std::unique_ptr<TargetDirectory> targetDirectory)
+        : options(engineOptions),
+          listener(engineListener),
+          catalog(engineOptions.source),
+          source(std::move(sourceFd)),
+          target(std::move(targetDirectory)),
+          store(std::move(taskStore))
+    {}
 
     // Returns every package; an error when the source can't be read.
     BusinessError ReadPackages(std::vector<KnownPackage>& packages) const VEXA_EXCLUDES(mutex);

@@ -17,6 +17,7 @@ namespace VEXA::UpdateEngine {
 std::span<const RequestRow> MigrateServerStub::Rows()
 {
     using enum MigrateRequestCode;
+    using enum Reply;
     using enum Who;
     using Engine = MigrationEngine;
     static constexpr RequestRow kRows[] = {
@@ -37,18 +38,18 @@ std::span<const RequestRow> MigrateServerStub::Rows()
         {GET_MIGRATION_USERS, "GetMigrationUsers", By<&Engine::GetUsers>, ANYBODY},
         {GET_MODULE_MIGRATION_POLICY, "GetModuleMigrationPolicy", By<&Engine::GetModulePolicies>, ANYBODY},
         {RESUME_MIGRATION, "ResumeMigration", By<&Engine::Resume>, CONTROL},
-        {GET_RESTORE_APP_INFOS, "GetRestoreAppInfos", InOneTextBy<&Engine::GetReserved>, ANYBODY},
-        {RESTORE_APP, "RestoreApp", InOneTextBy<&Engine::Restore>, CONTROL},
+        {GET_RESTORE_APP_INFOS, "GetRestoreAppInfos", By<&Engine::GetReserved, ONE_TEXT>, ANYBODY},
+        {RESTORE_APP, "RestoreApp", By<&Engine::Restore, ONE_TEXT>, CONTROL},
         {REGISTER_RESERVE_OBSERVER, "RegisterCallback", By<&CallbackHub::AddObserver>, ANYBODY},
         {UNREGISTER_RESERVE_OBSERVER, "UnRegisterCallback", By<&CallbackHub::RemoveObserver>, ANYBODY},
-        {CLEAR_APP, "ClearApp", InOneTextBy<&Engine::ClearReserved>, CONTROL},
-        {CLEAR_ALL_VIRTUAL_DATA, "ClearAllVirtualData", InOneTextBy<&Engine::ClearAllReserved>, CONTROL},
-        {GET_RESTORE_APP_STATUS, "GetRestoreAppStatus", InOneTextBy<&Engine::GetRestoreStatus>, ANYBODY},
+        {CLEAR_APP, "ClearApp", By<&Engine::ClearReserved, ONE_TEXT>, CONTROL},
+        {CLEAR_ALL_VIRTUAL_DATA, "ClearAllVirtualData", By<&Engine::ClearAllReserved, ONE_TEXT>, CONTROL},
+        {GET_RESTORE_APP_STATUS, "GetRestoreAppStatus", By<&Engine::GetRestoreStatus, ONE_TEXT>, ANYBODY},
         {NOTIFY_EMPORION_CORE_EVENT, "NotifyEmporionCoreEvent", By<&Engine::Notify>, CONTROL},
         {START_PAK_MIGRATION, "StartPakMigration", By<&Engine::StartPackageAs>, CONTROL},
         {GET_PAK_MIGRATION_TASK_STATUS, "GetPakMigrationTaskStatus", By<&Engine::GetPackageStatus>, ANYBODY},
         {GET_MIGRATION_DATA_SIZE, "GetMigrationDataSize", By<&Engine::GetDataSize>, ANYBODY},
-        {ADJUST_APP_PRIORITY, "AdjustAppPriority", InOneTextBy<&Engine::AdjustPriority>, CONTROL},
+        {ADJUST_APP_PRIORITY, "AdjustAppPriority", By<&Engine::AdjustPriority, ONE_TEXT>, CONTROL},
         {SET_BACKUP_FILE_OWN, "SetBackupFileOwn", By<&CallbackHub::OwnBackups>, CONTROL},
     };
     return kRows;
@@ -71,13 +72,12 @@ int32_t MigrateServerStub::OnRemoteRequest(
         return IPCObjectStub::OnRemoteRequest(code, data, reply, option);
     }
     if (row->who == Who::CONTROL) {
-        const uid_t caller = IPCSkeleton::GetCallingUid();
-        const auto user = static_cast<int32_t>(caller);
-        if (caller != 0 && caller != geteuid() && !(controlGroup_ && IPCSkeleton::IsCallerInGroup(*controlGroup_))) {
-            SA_LOGW_OF_CALLER("%{public}s of process %{public}d, user %{public}d: refused", row->name, process, user);
+        const uid_t user = IPCSkeleton::GetCallingUid();
+        if (user != 0 && user != geteuid() && !(controlGroup_ && IPCSkeleton::IsCallerInGroup(*controlGroup_))) {
+            SA_LOGW_OF_CALLER("%{public}s of process %{public}d, user %{public}u: refused", row->name, process, user);
             return MIGRATE_RESULT_OFFSET + MIGRATE_NOT_ALLOWED;
         }
-        SA_LOGI("%{public}s of process %{public}d, user %{public}d", row->name, process, user);
+        SA_LOGI("%{public}s of process %{public}d, user %{public}u", row->name, process, user);
     }
     const bool isReady = parts_.wait_for(kStartWait) == std::future_status::ready;
     const int32_t result = isReady ? row->answer(parts_.get(), data, reply) : MIGRATE_INTERNAL;

@@ -31,7 +31,7 @@ BusinessError MigrationCommands::StartAll()
     TaskStore& store = *state_.store;
     const PresetChoices choices = state_.Choices();
     std::vector<ErrorMessage> faults;
-    for (const TaskRef& task : store.Tasks().Select(TaskKind::MIGRATE, [](const Task&) { return true; })) {
+    for (const TaskRef& task : store.Tasks().Select(TaskKind::MIGRATE)) {
         change.Breathe();
         store.Erase(task->id);
     }
@@ -159,7 +159,7 @@ BusinessError MigrationCommands::Switch(TaskStatus from, TaskStatus to, TaskPaus
 BusinessError MigrationCommands::Notify(const MigrationEvent& event)
 {
     if (event.action == MIGRATE_EVENT_PAUSE) {
-        return Pause(event.reason);
+        return Pause(static_cast<TaskPauseReason>(event.reason));
     }
     if (event.action == MIGRATE_EVENT_RESUME) {
         return Resume();

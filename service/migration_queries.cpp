@@ -2,7 +2,6 @@
 #include "migration_queries.h"
 
 #include <algorithm>
-#include <map>
 #include <set>
 
 #include "engine_errors.h"
@@ -45,16 +44,18 @@ MigrateStatus MigrationQueries::GetStatus(MigrateStage stage) const
 MigrateInfo MigrationQueries::GetInfo(MigrateStage stage) const
 {
     MigrateInfo info;
-    std::map<uint32_t, TaskRef> tasks;
+    std::vector<TaskRef> tasks;
     TaskPauseReason reason = TaskPauseReason::NONE;
     {
         MutexLock lock(state_.mutex);
         info.migrateProgress = Progress();
-        tasks = state_.store->Tasks().ById();
+        for (const auto& [id, task] : state_.store->Tasks().ById()) {
+            tasks.push_back(task);
+        }
         reason = state_.PauseReason();
     }
     uint32_t index = 0;
-    for (const auto& [id, task] : tasks) {
+    for (const TaskRef& task : tasks) {
         if (stage == MigrateStage::NONE ? task->kind == TaskKind::MIGRATE : task->Stage() == stage) {
             info.taskInfos.push_back(task->AsInfo(reason, index));
         }
@@ -68,24 +69,19 @@ void MigrationQueries::GetProgress(MigrateStage& stage, MigrateProgress& progres
     MutexLock lock(state_.mutex);
     const TaskTable& tasks = state_.store->Tasks();
     progress = Progress();
-    stage = MigrateStage::PREPARE;
-    if (!state_.IsUnderWay()) {
-        stage = state_.Status() == TaskStatus::IDLE ? MigrateStage::NONE : MigrateStage::FINISH;
-    } else if (tasks.CountIn(MigrateStage::INSTALL) > 0) {
-        stage = MigrateStage::INSTALL;
-    } else if (tasks.CountIn(MigrateStage::DOWNLOAD) > 0) {
-        stage = MigrateStage::DOWNLOAD;
-    }
+    stage = state_.Status() == TaskStatus::IDLE         ? MigrateStage::NONE
+            : !state_.IsUnderWay()                      ? MigrateStage::FINISH
+            : tasks.CountIn(MigrateStage::INSTALL) > 0  ? MigrateStage::INSTALL
+            : tasks.CountIn(MigrateStage::DOWNLOAD) > 0 ? MigrateStage::DOWNLOAD
+                                                        : MigrateStage::PREPARE;
 }
 
 void MigrationQueries::IntroduceTasks(const std::function<void(std::vector<TaskProgress>)>& receive) const
 {
     MutexLock lock(state_.mutex);
     std::vector<TaskProgress> tasks;
-    for (const auto& [id, task] : state_.store->Tasks().ById()) {
-        if (task->kind == TaskKind::MIGRATE) {
-            tasks.push_back(task->AsProgress(state_.PauseReason()));
-        }
+    for (const TaskRef& task : state_.store->Tasks().Select(TaskKind::MIGRATE)) {
+        tasks.push_back(task->AsProgress(state_.PauseReason()));
     }
     receive(std::move(tasks));
 }
@@ -99,7 +95,7 @@ MigrationResult MigrationQueries::GetResult() const
         result.status = static_cast<int32_t>(state_.Status());
         result.startTime = state_.store->Get(StateValue::START_TIME);
         result.endTime = state_.store->Get(StateValue::END_TIME);
-        tasks = state_.store->Tasks().Select(TaskKind::MIGRATE, [](const Task&) { return true; });
+        tasks = state_.store->Tasks().Select(TaskKind::MIGRATE);
     }
     for (const TaskRef& task : tasks) {
         const bool isFinished = task->status == TaskStatus::FINISHED;
@@ -176,12 +172,8 @@ BusinessError MigrationQueries::GetModulePolicies(
         }
     });
     for (const ModuleInfo& module : asked) {
-        ModuleMigrationPolicy policy;
-        policy.sourceModuleInfo = module;
-        if (meant.count({module.type, module.id}) != 0) {
-            policy.targetModuleInfos.push_back(module);
-        }
-        policies.push_back(policy);
+        const size_t count = meant.count({module.type, module.id});
+        policies.push_back({module, std::vector(count, module)});
     }
     return fault;
 }

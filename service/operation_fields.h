@@ -31,7 +31,7 @@ using NumberText = RestrictedNumber<struct NumberTextKind>;  // travels as decim
 // One of the MIGRATE_EVENT_... actions, or one that nobody knows.
 struct MigrationEvent {
     std::string action;
-    TaskPauseReason reason = TaskPauseReason::USER;  // of a pause
+    int32_t reason = static_cast<int32_t>(TaskPauseReason::USER);  // of a pause
 };
 
 }  // namespace VEXA::UpdateEngine

@@ -55,12 +55,10 @@ private:
     {
         for (const std::string& name : state_.target->StagedNames()) {
             const Mark place = TargetDirectory::IsAsideName(name) ? PlaceOf(name) : Mark();
-            if (place.target.empty() || IdOf(place.target)) {
-                continue;
-            }
-            if (state_.target->MoveToFreeName(name, place.target)) {
+            const bool isMissing = !place.target.empty() && !IdOf(place.target);
+            if (isMissing && state_.target->MoveToFreeName(name, place.target)) {
                 Know(place);
-            } else {
+            } else if (isMissing) {
                 SA_LOGE("%{public}s can't be put back: %{public}s", place.target.c_str(), strerror(errno));
             }
         }

@@ -46,17 +46,13 @@ struct FieldReader {
     bool Read(MigrationEvent& event) const
     {
         const std::unique_ptr<AAFwk::Want> want = data.ReadParcelable<AAFwk::Want>();
-        if (want != nullptr) {
-            const auto reason = want->GetParam<int32_t>("reason", static_cast<int32_t>(event.reason));
-            event = {want->GetAction(), static_cast<TaskPauseReason>(reason)};
-        }
+        event = want == nullptr ? event : MigrationEvent{want->GetAction(), want->GetParam("reason", event.reason)};
         return want != nullptr;
     }
     template <typename Interface>
     bool Read(sptr<Interface>& remote) const
     {
-        remote = iface_cast<Interface>(data.ReadRemoteObject());
-        return remote != nullptr;
+        return (remote = iface_cast<Interface>(data.ReadRemoteObject())) != nullptr;
     }
     // A record or a list: its JSON, or an empty text.
     template <typename T>

@@ -32,19 +32,11 @@ struct RequestRow {
 // error of an operation without one; that nothing has the name, and that there is no value, are results of the request.
 enum class Reply { BOTH, ONE_TEXT };
 
-// Writes a field of a reply; false when it is too large.
-template <typename T>
-bool Write(MessageParcel& reply, const T& value)
-{
-    if constexpr (std::is_same_v<T, int64_t>) {
-        return reply.WriteInt64(value);
-    } else {
-        return reply.WriteString(ToJson(value));
-    }
-}
-
 template <typename Owner, typename Outcome, typename... Arguments>
 struct Signature {
+    // Write a field of a reply; false when it is too large.
+    static bool Write(MessageParcel& reply, int64_t value) { return reply.WriteInt64(value); }
+    static bool Write(MessageParcel& reply, const auto& record) { return reply.WriteString(ToJson(record)); }
     // An argument by reference that is not const takes the reply, and is the last. The others are the fields.
     template <typename T>
     static constexpr bool kTakesReply = std::is_lvalue_reference_v<T> && !std::is_const_v<std::remove_reference_t<T>>;
@@ -73,11 +65,9 @@ struct Signature {
             return outcome == MIGRATE_SUCCESS ? finish() : outcome;
         } else if constexpr (!std::is_same_v<Outcome, BusinessError>) {
             return finish(outcome, BusinessError());
-        } else if constexpr (kReply == Reply::BOTH) {
-            return finish(outcome);
-        } else if (outcome.errorNum == MIGRATE_ERROR_NOT_FOUND) {
+        } else if (kReply == Reply::ONE_TEXT && outcome.errorNum == MIGRATE_ERROR_NOT_FOUND) {
             return MIGRATE_NO_SUCH_APP;
-        } else if constexpr (kHasReply) {
+        } else if constexpr (kReply == Reply::ONE_TEXT && kHasReply) {
             return outcome.errorNum == 0 ? finish() : MIGRATE_INTERNAL;
         } else {
             return finish(outcome);
@@ -92,7 +82,5 @@ Signature<Owner, Outcome, Arguments...> SignatureOf(Outcome (Owner::*)(Arguments
 // An operation returns a BusinessError, the service's result, or a value that can always be had.
 template <auto kOperation, Reply kReply = Reply::BOTH>
 inline constexpr auto By = &decltype(SignatureOf(kOperation))::template Answer<kOperation, kReply>;
-template <auto kOperation>
-inline constexpr auto InOneTextBy = By<kOperation, Reply::ONE_TEXT>;
 
 }  // namespace VEXA::UpdateEngine

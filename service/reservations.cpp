@@ -85,10 +85,8 @@ void Reservations::IntroduceRestores(const std::function<void(std::vector<Restor
 {
     MutexLock lock(state_.mutex);
     std::vector<RestoreEventInfo> events;
-    for (const auto& [id, task] : state_.store->Tasks().ById()) {
-        if (task->kind == TaskKind::RESTORE) {
-            events.push_back(task->AsRestoreEvent());
-        }
+    for (const TaskRef& task : state_.store->Tasks().Select(TaskKind::RESTORE)) {
+        events.push_back(task->AsRestoreEvent());
     }
     receive(std::move(events));
 }

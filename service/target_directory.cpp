@@ -8,7 +8,6 @@
 #include <array>
 #include <charconv>
 #include <climits>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <thread>

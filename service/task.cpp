@@ -7,13 +7,9 @@ namespace VEXA::UpdateEngine {
 
 MigrateStage Task::Stage() const
 {
-    if (kind == TaskKind::RESTORE) {
-        return MigrateStage::RESTORE;
-    }
-    if (IsEnded()) {
-        return MigrateStage::FINISH;
-    }
-    return status == TaskStatus::IDLE         ? MigrateStage::PREPARE
+    return kind == TaskKind::RESTORE          ? MigrateStage::RESTORE
+           : IsEnded()                        ? MigrateStage::FINISH
+           : status == TaskStatus::IDLE       ? MigrateStage::PREPARE
            : subStatus == MIGRATE_SUB_PLACING ? MigrateStage::INSTALL
                                               : MigrateStage::DOWNLOAD;
 }
@@ -34,14 +30,12 @@ int32_t Task::Percent() const
 
 TaskProgress Task::AsProgress(TaskPauseReason pauseReason) const
 {
-    TaskProgress progress;
-    progress.id = id;
-    progress.status = static_cast<int32_t>(status);
-    progress.subStatus = subStatus;
-    progress.pauseReason = status == TaskStatus::PAUSED ? static_cast<int32_t>(pauseReason) : 0;
-    progress.requiredTraffic = RemainingBytes();
-    progress.progress = Percent();
-    return progress;
+    return {.id = id,
+        .status = static_cast<int32_t>(status),
+        .subStatus = subStatus,
+        .pauseReason = status == TaskStatus::PAUSED ? static_cast<int32_t>(pauseReason) : 0,
+        .requiredTraffic = RemainingBytes(),
+        .progress = Percent()};
 }
 
 TaskInfo Task::AsInfo(TaskPauseReason pauseReason, uint32_t index) const

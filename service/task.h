@@ -38,7 +38,7 @@ struct Task {
     int64_t doneBytes = 0;    // the most that has been copied of it, also before a restart
     int64_t files = 0;
     int32_t priority = 0;
-    FileId staged;  // what is being put into its place while subStatus is MIGRATE_SUB_PLACING
+    FileId staged = {};  // what is being put into its place while subStatus is MIGRATE_SUB_PLACING
 
     bool IsCalled(const std::string& name) const { return source == name || app.packageName == name; }
     // The one stage that it is in. MigrateStage::NONE stands for all tasks of the migration.

@@ -125,16 +125,15 @@ bool TaskStore::Load(std::function<bool()>& beforeLoad, std::string& error, bool
             placed_[target] = placed;
         }
     });
-    load("SELECT * FROM value", [this](Row& row) {
-        StateValue key = {};
-        row.Read(key);
-        row.Read(values_[key]);
-    });
-    load("SELECT * FROM priority", [this](Row& row) {
-        std::string source;
-        row.Read(source);
-        row.Read(priorities_[source]);
-    });
+    const auto readInto = [](auto& map) {
+        return [&map](Row& row) {
+            typename std::decay_t<decltype(map)>::key_type key = {};
+            row.Read(key);
+            row.Read(map[key]);
+        };
+    };
+    load("SELECT * FROM value", readInto(values_));
+    load("SELECT * FROM priority", readInto(priorities_));
     load("SELECT text FROM preset", [this](Row& row) { row.Read(preset_); });
     if (!done) {
         error = database_->LastError();
@@ -206,12 +205,6 @@ void TaskStore::SavePlaced(const std::string& target, const Placed* placed)
     }
 }
 
-int64_t TaskStore::Get(StateValue key) const
-{
-    const auto found = values_.find(key);
-    return found != values_.end() ? found->second : 0;
-}
-
 void TaskStore::Set(StateValue key, int64_t value)
 {
     Put(values_, key, std::optional(value));
@@ -223,12 +216,6 @@ void TaskStore::SetPreset(const std::string& text)
     Remember([this, before = preset_] { preset_ = before; });
     preset_ = text;
     Write("INSERT OR REPLACE INTO preset VALUES (1, ?)", text);
-}
-
-int32_t TaskStore::Priority(const std::string& source) const
-{
-    const auto found = priorities_.find(source);
-    return found != priorities_.end() ? found->second : 0;
 }
 
 void TaskStore::SetPriority(const std::string& source, int32_t priority)

@@ -45,14 +45,14 @@ public:
     // Null forgets it.
     void SavePlaced(const std::string& target, const Placed* placed);
 
-    int64_t Get(StateValue key) const;
+    int64_t Get(StateValue key) const { return ValueOf(values_, key); }
     void Set(StateValue key, int64_t value);
     // The caller's own data, see PresetData.
     const std::string& Preset() const { return preset_; }
     void SetPreset(const std::string& text);
 
     // By the source directories of reserved applications; 0 unless set.
-    int32_t Priority(const std::string& source) const;
+    int32_t Priority(const std::string& source) const { return ValueOf(priorities_, source); }
     void SetPriority(const std::string& source, int32_t priority);
     void ClearPriorities();
 

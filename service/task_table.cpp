@@ -5,12 +5,6 @@
 
 namespace VEXA::UpdateEngine {
 
-TaskRef TaskTable::Find(uint32_t id) const
-{
-    const auto found = tasks_.find(id);
-    return found != tasks_.end() ? found->second : nullptr;
-}
-
 TaskRef TaskTable::Find(TaskKind kind, const std::string& source) const
 {
     const auto found = Of(kind).bySource.find(source);
@@ -31,8 +25,7 @@ std::vector<TaskRef> TaskTable::Select(TaskKind kind, const std::function<bool(c
 int64_t TaskTable::CountIn(MigrateStage stage) const
 {
     const TaskSums& sums = Sums(stage == MigrateStage::RESTORE ? TaskKind::RESTORE : TaskKind::MIGRATE);
-    const auto found = sums.inStage.find(stage);
-    return stage == MigrateStage::NONE ? sums.tasks : found != sums.inStage.end() ? found->second : 0;
+    return stage == MigrateStage::NONE ? sums.tasks : ValueOf(sums.inStage, stage);
 }
 
 TaskRef TaskTable::Put(uint32_t id, TaskRef task)

@@ -28,15 +28,24 @@ struct TaskSums {
     std::map<MigrateStage, int64_t> inStage;
 };
 
+// The key's value, or one by default when it has none.
+template <typename Key, typename Value>
+Value ValueOf(const std::map<Key, Value>& map, const Key& key)
+{
+    const auto found = map.find(key);
+    return found != map.end() ? found->second : Value();
+}
+
 class TaskTable {
 public:
     const std::map<uint32_t, TaskRef>& ById() const { return tasks_; }
     // Null when there is none.
-    TaskRef Find(uint32_t id) const;
+    TaskRef Find(uint32_t id) const { return ValueOf(tasks_, id); }
     // The task of that kind for the source directory.
     TaskRef Find(TaskKind kind, const std::string& source) const;
     // All that are meant, by their ids.
-    std::vector<TaskRef> Select(TaskKind kind, const std::function<bool(const Task&)>& isMeant) const;
+    std::vector<TaskRef> Select(
+        TaskKind kind, const std::function<bool(const Task&)>& isMeant = [](const Task&) { return true; }) const;
     // The next idle one to be measured, in the order of ids; and the next to be copied, that of the highest priority.
     TaskRef NextUnmeasured(TaskKind kind) const { return First(Of(kind).unmeasured); }
     TaskRef NextIdle(TaskKind kind) const { return First(Of(kind).idle); }

@@ -46,9 +46,7 @@ TEST_F(ServiceRequests, WhatChangesSomethingIsForRootTheOwnUserAndTheControlGrou
             user += who == 12345 ? 1 : 0;
             caller = {{++process, user, 1}, 1, groups};
             const RecordedMessage line{isRefused ? KOLOG_WARN : KOLOG_INFO, "migrate_server_stub.cpp",
-                row.name +
-                    (" of process " + std::to_string(process) + ", user " +
-                        std::to_string(static_cast<int32_t>(user))) +
+                row.name + (" of process " + std::to_string(process) + ", user " + std::to_string(user)) +
                     (isRefused ? ": refused" : "")};
             log.Clear();
             const int32_t result = Ask(row.code);  // nothing behind the token
