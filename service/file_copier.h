@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/xattr.h>
@@ -18,8 +19,8 @@
 
 namespace VEXA::UpdateEngine {
 
-// Copies what belongs to one file or directory: its content and its attributes. Operations return false, with errno, on
-// failure.
+// Copies what belongs to one file or directory: its content and its attributes. A link is one by a descriptor that
+// stands for the link itself (O_PATH). Operations return false, with errno, on failure.
 class FileCopier {
 public:
     // Is called after every piece; when it returns false, the rest is left out.
@@ -65,7 +66,7 @@ public:
         const timespec times[] = {status.st_atim, status.st_mtim};
         // Owner first, as its change takes set-user-id bits and capabilities away. The times come last: all else
         // changes them.
-        if (isRoot_ && fchown(target, status.st_uid, status.st_gid) != 0) {
+        if (isRoot_ && fchownat(target, "", status.st_uid, status.st_gid, AT_EMPTY_PATH) != 0) {
             return false;
         }
         std::string names;
@@ -74,7 +75,8 @@ public:
         const bool done = !hasFailedReading_ && ForEach(names, [&](const char* name) {
             return strcmp(name, kAccessList) == 0 ? Read(source, name, list) : CopyAttribute(source, target, name);
         });
-        return done && CopyAccess(target, status, list) && futimens(target, times) == 0;
+        return done && (S_ISLNK(status.st_mode) || CopyAccess(target, status, list)) &&
+               utimensat(target, "", times, AT_EMPTY_PATH) == 0;
     }
 
     // Takes away the attributes that a new file or directory has inherited from its directory, such as a list.
@@ -130,13 +132,16 @@ private:
         return count;
     }
 
+    // The attributes of links are reached by this path alone.
+    static std::string PathOf(int fd) { return "/proc/self/fd/" + std::to_string(fd); }
+
     // Returns the names of all attributes, each with a zero behind it.
     static bool List(int fd, std::string& names)
     {
         ssize_t length = flistxattr(fd, nullptr, 0);
-        if (length > 0) {
+        if (length != 0) {
             names.resize(kLongest);
-            length = flistxattr(fd, names.data(), names.size());
+            length = listxattr(PathOf(fd).c_str(), names.data(), names.size());
         }
         names.resize(static_cast<size_t>(std::max<ssize_t>(length, 0)));
         return length >= 0 || errno == EOPNOTSUPP;
@@ -157,7 +162,7 @@ private:
     bool Read(int source, const char* name, std::string& value)
     {
         value.resize(kLongest);
-        const ssize_t length = fgetxattr(source, name, value.data(), value.size());
+        const ssize_t length = getxattr(PathOf(source).c_str(), name, value.data(), value.size());
         value.resize(static_cast<size_t>(std::max<ssize_t>(length, 0)));
         hasFailedReading_ = length < 0 && errno != ENODATA;
         return !hasFailedReading_;
@@ -200,7 +205,7 @@ private:
     // False for a failure that has nothing to do with what the file system can keep.
     bool Keep(int target, const char* name, const std::string& value, const char* kind)
     {
-        if (target >= 0 && fsetxattr(target, name, value.data(), value.size(), 0) == 0) {
+        if (target >= 0 && setxattr(PathOf(target).c_str(), name, value.data(), value.size(), 0) == 0) {
             return true;
         }
         // Some have no space for large values, however much there is for files.

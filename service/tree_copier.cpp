@@ -48,7 +48,6 @@ protected:
     }
     bool FailReading() { return Fail({MIGRATE_ERROR_UNREADABLE, strerror(errno), false}); }
     bool FailWriting() { return Fail(WriteFault(errno)); }
-    bool FailStopped() { return Fail(Stopped()); }
 
     // Opens a directory of the tree; null when it can't be, without a fault when it has vanished meanwhile. A target
     // within the tree would be copied into itself.
@@ -77,7 +76,7 @@ protected:
         for (Entry entry = NextEntry(directory); !entry.name.empty(); entry = NextEntry(directory)) {
             path_ += (length == 0 ? "" : "/") + entry.name;
             if (!goOn_()) {
-                return FailStopped();
+                return Fail(Stopped());
             }
             if (!visit(entry)) {
                 return false;
@@ -261,25 +260,23 @@ private:
             return FailCopying();
         }
         Count(status, copied_.size);
-        return goesOn ? Finish(source.Get(), target.Get(), status) : FailStopped();
+        return goesOn ? Finish(source.Get(), target.Get(), status) : Fail(Stopped());
     }
 
     bool CopyLink(int sourceFd, const std::string& name, int targetFd, const struct stat& status)
     {
+        constexpr int kOpenLink = O_PATH | O_NOFOLLOW | O_CLOEXEC;
         std::array<char, PATH_MAX + 1> text = {};
-        const ssize_t length = readlinkat(sourceFd, name.c_str(), text.data(), text.size() - 1);
-        if (length < 0) {
-            return HasVanished(errno) || errno == EINVAL || FailReading();
+        const UniqueFd source(openat(sourceFd, name.c_str(), kOpenLink));
+        if (!source || readlinkat(source.Get(), "", text.data(), text.size() - 1) < 0) {
+            return HasVanished(errno) || FailReading();
         }
-        const std::array<timespec, 2> times{status.st_atim, status.st_mtim};
-        if (symlinkat(text.data(), targetFd, name.c_str()) != 0 ||
-            (geteuid() == 0 &&
-                fchownat(targetFd, name.c_str(), status.st_uid, status.st_gid, AT_SYMLINK_NOFOLLOW) != 0) ||
-            utimensat(targetFd, name.c_str(), times.data(), AT_SYMLINK_NOFOLLOW) != 0) {
+        if (symlinkat(text.data(), targetFd, name.c_str()) != 0) {
             return FailWriting();
         }
         Count(status, copied_.size);
-        return true;
+        const UniqueFd target(openat(targetFd, name.c_str(), kOpenLink));
+        return (target && files_.CopyAttributes(source.Get(), target.Get(), status)) || FailCopying();
     }
 
     bool Finish(int source, int target, const struct stat& status)

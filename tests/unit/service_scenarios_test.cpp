@@ -18,7 +18,7 @@ extern "C" time_t time(time_t*) noexcept
 }
 
 // In place of the C library's: the target keeps no attributes.
-extern "C" int fsetxattr(int, const char*, const void*, size_t, int) noexcept
+extern "C" int setxattr(const char*, const char*, const void*, size_t, int) noexcept
 {
     errno = EOPNOTSUPP;
     return -1;
@@ -97,7 +97,7 @@ protected:
             case 'k':
                 return fs::create_directory_symlink(more, file), true;
             case 'a':
-                return setxattr(file.c_str(), "user.x", "", 0, 0) == 0;
+                return lsetxattr(file.c_str(), "user.x", "", 0, 0) == 0;
             case 'n':
                 return fs::create_hard_link(file, folders.Root() / more), true;
             case 'u':
