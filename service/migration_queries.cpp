@@ -180,20 +180,31 @@ BusinessError MigrationQueries::GetModulePolicies(
 
 BusinessError MigrationQueries::GetDataSize(int64_t& bytes) const
 {
+    std::vector<TaskRef> tasks;
+    {
+        MutexLock lock(state_.mutex);
+        const auto isMeant = [](const Task& task) { return task.totalBytes >= 0 || !task.IsEnded(); };
+        tasks = state_.IsUnderWay() ? state_.store->Tasks().Select(TaskKind::MIGRATE, isMeant) : tasks;
+    }
+    const auto addTask = [&tasks, choices = Choices()](const KnownPackage& one) {
+        if (one.CanBeMigrated() && one.fault.code == 0 && !one.package->IsOneOf(choices.exclude)) {
+            tasks.push_back(std::make_shared<const Task>(one.MakeTask()));
+        }
+    };
+    BusinessError fault = tasks.empty() ? ForEach(addTask) : BusinessError();
+    bytes = 0;
     std::vector<ErrorMessage> faults;
-    TreeSize size;
     const auto goOn = [this] { return !state_.isStopping; };
-    BusinessError fault = ForEach([&, choices = Choices()](const KnownPackage& one) {
-        const std::string& directory = one.package->directory;
-        if (!one.CanBeMigrated() || one.package->IsOneOf(choices.exclude)) {
-            return;
-        }
-        const ErrorInfo reason = MeasureTree(state_.source.Get(), directory, state_.target->Fd(), goOn, size);
+    for (const TaskRef& task : tasks) {
+        TreeSize size;
+        const bool isMeasured = task->totalBytes >= 0;
+        const ErrorInfo reason =
+            isMeasured ? ErrorInfo() : MeasureTree(state_.source.Get(), task->source, state_.target->Fd(), goOn, size);
+        bytes += isMeasured ? task->totalBytes : static_cast<int64_t>(size.bytes);
         if (reason.code != 0) {
-            faults.push_back({reason.code, directory + ": " + reason.reason});
+            faults.push_back({reason.code, task->source + ": " + reason.reason});
         }
-    });
-    bytes = static_cast<int64_t>(size.bytes);
+    }
     return fault.errorNum != 0 ? fault : SomePackages("some packages can't be measured", faults);
 }
 
