@@ -51,9 +51,8 @@ struct Signature {
         if (!std::apply(read, values)) {
             return MIGRATE_BAD_ARGUMENT;
         }
-        Owner& owner = *std::get<std::shared_ptr<Owner>>(parts);
-        const auto carryOut = [&owner](auto&... value) { return (owner.*kOperation)(value...); };
-        const Outcome outcome = std::apply(carryOut, values);
+        const auto& owner = std::get<std::shared_ptr<Owner>>(parts);
+        const Outcome outcome = std::apply([&](auto&... value) { return (*owner.*kOperation)(value...); }, values);
         const auto finish = [&](const auto&... last) {
             bool isWritten = true;
             if constexpr (kHasReply) {
