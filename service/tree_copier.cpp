@@ -259,7 +259,6 @@ private:
         if (!files_.CopyContent(source.Get(), target.Get(), status, advance)) {
             return FailCopying();
         }
-        Count(status, copied_.size);
         return goesOn ? Finish(source.Get(), target.Get(), status) : Fail(Stopped());
     }
 
@@ -274,7 +273,6 @@ private:
         if (symlinkat(text.data(), targetFd, name.c_str()) != 0) {
             return FailWriting();
         }
-        Count(status, copied_.size);
         const UniqueFd target(openat(targetFd, name.c_str(), kOpenLink));
         return (target && files_.CopyAttributes(source.Get(), target.Get(), status)) || FailCopying();
     }

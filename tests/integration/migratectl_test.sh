@@ -54,6 +54,12 @@ vexa-session --profiles "$root/profiles" -- bash -euo pipefail -c '
     for _ in 1 2; do kill $!; done
     status=0; wait $! || status=$?
     [[ "$status" == 0 ]] && grep -q "ends on signal 15" "$root/log" || { echo "the end of the service: $status"; cat "$root/log"; exit 1; }
+    KOLOG_LEVEL=info migrate_serviced --source "$root/source" --target "$root/fresh" --state "$root/state" \
+        --control-group "$(id -gn)" 2>"$root/log" &
+    for _ in {1..200}; do ! migratectl status >"$root/out" 2>&1 || break; sleep 0.05; done
+    ! grep "there is no group" "$root/log" || exit 1
+    kill $!
+    wait $!
 '
 
 vexa-session -- bash -euo pipefail -c '
@@ -155,7 +161,7 @@ told() { grep "$1" "$root/err" | sed -E 's/^[0-9.]+ ([a-z_]+)\[[0-9]+\] (to|from
 
 export VEXA_RUNTIME_DIR="$root/none"  # no manager serves here
 env -u KOLOG_LEVEL migratectl trace status >/dev/null 2>"$root/err"
-grep " I D0" "$root/err" && exit 1
+grep -E " I D0|: Success" "$root/err" && exit 1
 number="$(told GET_MIGRATE_STATUS | awk 'NR == 1 { print $4 }')"
 diff <(told GET_MIGRATE_STATUS) - <<END
 migratectl to request $number

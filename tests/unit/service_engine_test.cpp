@@ -18,7 +18,8 @@ TEST_F(ServiceEngine, PausesAndGoesOnAlsoInTheNextLife)
     const auto percentNow = [this] { return engine->GetInfo(MigrateStage::NONE).migrateProgress.percent; };
     ASSERT_TRUE(Eventually([&] { return percentNow() > 50; }));
     EXPECT_EQ(engine->Pause(TaskPauseReason::NETWORK).errorNum, 0);
-    EXPECT_EQ(engine->GetInfo(MigrateStage::NONE).taskInfos.at(1).pauseReason, TaskPauseReason::NETWORK);
+    const TaskInfo paused = engine->GetInfo(MigrateStage::NONE).taskInfos.at(1);
+    EXPECT_TRUE(paused.pauseReason == TaskPauseReason::NETWORK && paused.subStatus == MIGRATE_SUB_COPYING);
     std::this_thread::sleep_for(50ms);  // the piece under way
     const int64_t before = engine->GetInfo(MigrateStage::NONE).migrateProgress.requiredTraffic;
     std::this_thread::sleep_for(100ms);
@@ -75,6 +76,10 @@ TEST_F(ServiceEngine, TheRemainingTimeIsThatOfTheRate)
     const auto progress = [this] { return engine->GetInfo(MigrateStage::NONE).migrateProgress; };
     EXPECT_TRUE(Eventually([&] { return progress().percent >= 8; }));
     EXPECT_NEAR(static_cast<double>(progress().remainingTime), 6.5, 2.5);
+    // What has been told is known to the next life, however this one ends.
+    const uint32_t told = progress().percent;
+    Run();
+    EXPECT_GE(progress().percent, told);
 }
 
 TEST_F(ServiceEngine, NothingIsPlacedThatTheNextStartWouldNotKnow)

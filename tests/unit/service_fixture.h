@@ -54,20 +54,15 @@ public:
         fs::create_directories(file.parent_path());
         std::ofstream(file, std::ios::binary) << text;
     }
-    // A package with one file of so many bytes.
-    void AddPackage(const std::string& name, size_t bytes, const std::string& manifest = "") const
-    {
-        Write(Source() / name / "data" / "file", std::string(bytes, 'x'));
-        if (!manifest.empty()) {
-            Write(Source() / name / "manifest.json", manifest);
-        }
-    }
-    // Packages whose names are parted by blanks.
-    void AddPackages(const std::string& names, size_t bytes, const std::string& manifest = "") const
+    // Packages whose names are parted by blanks, with one file of so many bytes each.
+    void AddPackage(const std::string& names, size_t bytes, const std::string& manifest = "") const
     {
         std::istringstream stream(names);
         for (std::string name; stream >> name;) {
-            AddPackage(name, bytes, manifest);
+            Write(Source() / name / "data" / "file", std::string(bytes, 'x'));
+            if (!manifest.empty()) {
+                Write(Source() / name / "manifest.json", manifest);
+            }
         }
     }
     // Adds a package with a pipe, which can't be copied.
