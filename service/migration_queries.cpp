@@ -180,6 +180,7 @@ BusinessError MigrationQueries::GetModulePolicies(
 
 BusinessError MigrationQueries::GetDataSize(int64_t& bytes) const
 {
+    // The trees of a migration under way have been measured, or soon will be: they are not read again beside it.
     std::vector<TaskRef> tasks;
     {
         MutexLock lock(state_.mutex);

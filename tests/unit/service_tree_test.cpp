@@ -16,7 +16,7 @@ namespace {
 // The call that fails, and its errno.
 std::string g_failing;
 int g_reason = 0;
-std::map<std::string, int> g_calls;
+thread_local std::map<std::string, int> g_calls;
 
 long Unless(const char* name, long number, auto... arguments)
 {
