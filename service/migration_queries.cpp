@@ -180,7 +180,7 @@ BusinessError MigrationQueries::GetModulePolicies(
 
 BusinessError MigrationQueries::GetDataSize(int64_t& bytes) const
 {
-    // The trees of a migration under way have been measured, or soon will be: they are not read again beside it.
+    // Beside a migration only those of its trees are read that it has not measured yet.
     std::vector<TaskRef> tasks;
     {
         MutexLock lock(state_.mutex);

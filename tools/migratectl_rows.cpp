@@ -27,7 +27,7 @@ using Reserve = ReserveMigrateKits;
 
 // A name that is left out stands for all in many requests, so an empty one, perhaps a script's unset variable, is
 // wrong.
-const CLI::Validator IS_NAME(
+const CLI::Validator kIsName(
     [](const std::string& text) { return text.empty() ? "a name must not be empty" : ""; }, "", "name");
 const CLI::Validator kIsStage = CLI::CheckedTransformer(std::map<std::string, MigrateStage>{{"all", MigrateStage::NONE},
     {"prepare", MigrateStage::PREPARE}, {"download", MigrateStage::DOWNLOAD}, {"install", MigrateStage::INSTALL},
@@ -95,7 +95,7 @@ int32_t ListServices(const Line&, std::string& services)
 }
 
 const Argument kStage = Value("--stage", &Line::stage, "all, prepare, download, install, restore or finish", kIsStage);
-const Argument kApp = Required(Value("name", &Line::name, "", IS_NAME));
+const Argument kApp = Required(Value("name", &Line::name, "", kIsName));
 
 const Command kCommands[] = {
     {"", "status", "The state of the migration", {kStage}, Request(&Kits::GetMigrateStatus, &Line::stage)},
@@ -109,13 +109,13 @@ const Command kCommands[] = {
             Value("modules", &Line::modules, "TYPE:ID; all when none is given")},
         Request(&Kits::GetModuleMigrationPolicy, &Line::isPlaced, &Line::modules)},
     {"", "start", "Migrates everything, or one package",
-        {Value("package", &Line::name, "Only this package", IS_NAME),
-            OnlyWith("package", Value("--as", &Line::target, "Its name in the target", IS_NAME)),
+        {Value("package", &Line::name, "Only this package", kIsName),
+            OnlyWith("package", Value("--as", &Line::target, "Its name in the target", kIsName)),
             OnlyWith("package", Value("--priority", &Line::priority, "Higher goes first")),
             Value("--watch", &Line::waits, "Show the progress until the end")},
         StartMigration},
     {"", "stop", "Drops the tasks of the migration",
-        {Value("package", &Line::name, "Only that of this package", IS_NAME),
+        {Value("package", &Line::name, "Only that of this package", kIsName),
             NotWith("package", Value("--user", &Line::user, "Only those of this user"))},
         Request(kAnError, Stop)},
     {"", "pause", "Suspends the migration", {}, Request(kAnError, Pause)},
@@ -128,16 +128,16 @@ const Command kCommands[] = {
             Value("choices", &Line::text, "A JSON object with the lists \"exclude\" and \"users\"; \"\" for none"))},
         Request(&Kits::PresetData, &Line::text)},
     {"", "result", "What has become of the migration", {}, Request(ShowResult, &Kits::GetMigrateResult)},
-    {"", "task", "The state of one package", {Required(Value("package", &Line::name, "", IS_NAME))},
+    {"", "task", "The state of one package", {Required(Value("package", &Line::name, "", kIsName))},
         Request(&Kits::GetPakMigrationTaskStatus, &Line::name)},
     {"", "own", "Makes what was migrated the caller's backup files", {}, OwnBackups},
     {"", "list", "The services of the system, and how they stand", {}, Request(ShowReply, ListServices)},
     {"", "load", "Starts any system service by its number", {Required(Value("id", &Line::number, ""))}, LoadService},
     {"reserve", "list", "The applications that are set aside, first those of priority",
-        {Value("name", &Line::name, "Only this one", IS_NAME), Value("--most", &Line::number, "At most so many")},
+        {Value("name", &Line::name, "Only this one", kIsName), Value("--most", &Line::number, "At most so many")},
         Request(ShowApps, &Reserve::GetRestoreAppInfos, &Line::name, &Line::number)},
     {"reserve", "status", "How their restorations stand",
-        {Value("name", &Line::name, "Only this one", IS_NAME),
+        {Value("name", &Line::name, "Only this one", kIsName),
             Value("--scene", &Line::scene, "Only those of this scene")},
         Request(ShowEvents, &Reserve::GetRestoreAppStatus, &Line::name, &Line::scene)},
     {"reserve", "check", "Whether one can be restored", {kApp},

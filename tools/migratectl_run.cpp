@@ -17,6 +17,8 @@
 namespace migratectl {
 namespace {
 
+static_assert(EXIT_USAGE == kUsageStatus);
+
 // Becomes a traced session of the command. Where a manager serves already, the command stays its client: in a session
 // that is traced its lines join the others', and elsewhere this process shows its own.
 int Trace(std::vector<std::string> command, bool isJson, bool isVerbose)

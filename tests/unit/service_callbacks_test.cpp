@@ -158,7 +158,6 @@ TEST_F(ServiceCallbacks, OnReplacesAndOffEndsAndTheDeadAreForgotten)
     dead.object->Die();
     Ask(Code::START_MIGRATE);
     ASSERT_TRUE(Eventually([&] { return second.Finished() == 1; }));
-    hub->OnTask({});  // whose delivery is still to come
     EXPECT_TRUE(Ask(Code::UNREGISTER_PROGRESS_CALLBACK) == 0 && second.object->RecipientCount() == 0);
     const size_t heard = second.object->Requests().size();
 
@@ -175,8 +174,8 @@ TEST_F(ServiceCallbacks, OnReplacesAndOffEndsAndTheDeadAreForgotten)
     EXPECT_TRUE(Lines().find("a progress event was answered with 5; ") != std::string::npos) << Lines();
     // Whose process has ended hears no more, even before its death is known.
     late.object->SetHandler([](uint32_t, MessageParcel&, MessageParcel&, MessageOption&) { return IPC_DEAD_OBJECT; });
-    hub->OnTask({});
     const size_t all = late.object->Requests().size() + 1;
+    hub->OnTask({});
     EXPECT_TRUE(Eventually([&] { return late.object->Requests().size() == all; }));
     hub->OnTask({});
     std::this_thread::sleep_for(250ms);

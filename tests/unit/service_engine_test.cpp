@@ -78,7 +78,7 @@ TEST_F(ServiceEngine, TheRemainingTimeIsThatOfTheRate)
     EXPECT_NEAR(static_cast<double>(progress().remainingTime), 6.5, 2.5);
     // What has been told is known to the next life, however this one ends.
     const uint32_t told = progress().percent;
-    Run();
+    Open();
     EXPECT_GE(progress().percent, told);
 }
 
